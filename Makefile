@@ -1,0 +1,37 @@
+# kelp: `make run` and `make test` work on a fresh Debian machine; both install
+# the Debian packages they need first (as root, or through sudo).
+BUILD      ?= build
+BUILD_ASAN ?= build-asan
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+.PHONY: all deps build run test asan clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j$(JOBS)
+
+# Until the SNMP agent lands, run drives the plug-in through kelpdrive, a
+# small host that loads it and prints the answers of its commands.
+run: build
+	KELP_INI=$${KELP_INI:-$(BUILD)/kelp.ini} $(BUILD)/bin/kelpdrive
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+# The whole test suite again, built with AddressSanitizer (leak checking on)
+# and UndefinedBehaviorSanitizer.
+asan: deps
+	cmake -S . -B $(BUILD_ASAN) -DCMAKE_BUILD_TYPE=Debug -DKELP_SANITIZE=ON $(CMAKE_ARGS)
+	cmake --build $(BUILD_ASAN) -j$(JOBS)
+	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j$(JOBS)
+
+clean:
+	rm -rf $(BUILD) $(BUILD_ASAN)
