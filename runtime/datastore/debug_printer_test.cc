@@ -1,0 +1,160 @@
+// The debug printer: where lines go, exact bytes, on/off, exit and re-init,
+// and whole lines from several threads.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelp/runtime.h"
+#include "vcsupt.h"
+#include "vscil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class DebugPrinterTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string pattern = ::testing::TempDir() + "kelp_dbg_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        file_ = dir_ + "/debug.log";
+        kelpRuntimeSetDebugFile(file_.c_str());
+    }
+    void TearDown() override
+    {
+        VscilDebugExit();
+        kelpRuntimeSetDebugFile(nullptr);
+        fs::remove_all(dir_);
+    }
+    static std::string read(const std::string &path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    std::string dir_, file_;
+};
+
+TEST_F(DebugPrinterTest, PrintingOnWritesTheExactBytesToTheDebugFile)
+{
+    VscilDebugInit("/ignored/because/the/debug/file/wins");
+    VscilDebugToggle();
+    VscilDebugPrint("KelpmibAttach: entry\n");
+    VscilDebugPrint("%s: %d %u %s", "getValue", -3, 7u, "no newline");
+    std::string longText(5000, 'L');
+    VscilDebugPrint("[%s]\n", longText.c_str());
+    EXPECT_EQ(read(file_), "KelpmibAttach: entry\ngetValue: -3 7 no newline[" + longText + "]\n");
+}
+
+TEST_F(DebugPrinterTest, PrintingOffWritesNothing)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugPrint("not printed\n");
+    VscilDebugExit();
+    EXPECT_FALSE(fs::exists(file_));
+}
+
+TEST_F(DebugPrinterTest, ToggleTwiceIsOff)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("one\n");
+    VscilDebugToggle();
+    VscilDebugPrint("two\n");
+    EXPECT_EQ(read(file_), "one\n");
+}
+
+TEST_F(DebugPrinterTest, TheFileIsAppendedTo)
+{
+    std::ofstream(file_) << "earlier\n";
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("later\n");
+    EXPECT_EQ(read(file_), "earlier\nlater\n");
+}
+
+TEST_F(DebugPrinterTest, ExitSwitchesOffAndInitAgainWorks)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("first\n");
+    VscilDebugExit();
+    VscilDebugPrint("after exit\n");
+    VscilDebugInit(nullptr);
+    VscilDebugPrint("off after init\n");
+    VscilDebugToggle();
+    VscilDebugPrint("second\n");
+    EXPECT_EQ(read(file_), "first\nsecond\n");
+}
+
+TEST_F(DebugPrinterTest, FileIsNamedAfterTheExportContextsModuleUnderThePath)
+{
+    kelpRuntimeSetDebugFile(""); // no debug file, whatever KELP_DEBUG_FILE says
+    SMExportContext ctx{}, saved;
+    ctx.size = sizeof ctx;
+    std::strcpy(ctx.moduleName, "kelpimp64");
+    SMSetExportContext(&saved, &ctx);
+    VscilDebugInit((dir_ + "/").c_str());
+    SMResetExportContext(&saved);
+    VscilDebugToggle();
+    VscilDebugPrint("MIBImplementerLoad: entry\n");
+    EXPECT_EQ(read(dir_ + "/kelpimp64.log"), "MIBImplementerLoad: entry\n");
+}
+
+TEST_F(DebugPrinterTest, WithoutAContextTheFileIsKelpLog)
+{
+    kelpRuntimeSetDebugFile("");
+    VscilDebugInit(dir_.c_str());
+    VscilDebugToggle();
+    VscilDebugPrint("line\n");
+    EXPECT_EQ(read(dir_ + "/kelp.log"), "line\n");
+}
+
+TEST_F(DebugPrinterTest, WithoutFileOrPathLinesGoToStderr)
+{
+    kelpRuntimeSetDebugFile("");
+    VscilDebugInit("");
+    VscilDebugToggle();
+    testing::internal::CaptureStderr();
+    VscilDebugPrint("to stderr %d\n", 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to stderr 1\n");
+}
+
+TEST_F(DebugPrinterTest, LinesFromManyThreadsStayWhole)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    constexpr int kThreads = 4, kLines = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            std::string body(200, static_cast<char>('a' + t));
+            for (int i = 0; i < kLines; ++i)
+                VscilDebugPrint("%d:%s\n", t, body.c_str());
+        });
+    }
+    for (auto &th : threads)
+        th.join();
+    std::istringstream in(read(file_));
+    std::string line;
+    int count = 0;
+    while (std::getline(in, line)) {
+        ++count;
+        ASSERT_EQ(line.size(), 202u);
+        char c = static_cast<char>('a' + (line[0] - '0'));
+        EXPECT_EQ(line.substr(2), std::string(200, c));
+    }
+    EXPECT_EQ(count, kThreads * kLines);
+}
+
+} // namespace

@@ -1,0 +1,253 @@
+// The private ini store over a real file: missing files, malformed and binary
+// content, case, quoting, preserved comments, and concurrent writers in
+// threads and in processes.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "kelp/runtime.h"
+#include "queue.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class IniStoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string pattern = ::testing::TempDir() + "kelp_ini_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        path_ = dir_ + "/kelp.ini";
+        kelpRuntimeSetIniPath(path_.c_str());
+    }
+    void TearDown() override
+    {
+        kelpRuntimeSetIniPath(nullptr);
+        fs::remove_all(dir_);
+    }
+
+    void writeFile(const std::string &text) { std::ofstream(path_, std::ios::binary) << text; }
+    std::string readFile() const
+    {
+        std::ifstream in(path_, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    // The value of section/key, or "<status N>" when the read fails.
+    static std::string get(const char *section, const char *key)
+    {
+        char buf[256];
+        uint32_t size = sizeof buf;
+        uint32_t status = SSGetPrivateIniValue(section, key, buf, &size);
+        if (status != 0)
+            return "<status " + std::to_string(status) + ">";
+        EXPECT_EQ(size, std::string(buf).size() + 1);
+        return buf;
+    }
+
+    std::string dir_, path_;
+};
+
+TEST_F(IniStoreTest, MissingFileIsAnEmptyStoreAndASetCreatesIt)
+{
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_FALSE(fs::exists(path_));
+    EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 0u);
+    EXPECT_EQ(readFile(), "[general]\nDebugSNMP=Off\n");
+    EXPECT_EQ(get("general", "DebugSNMP"), "Off");
+}
+
+TEST_F(IniStoreTest, MalformedLineIsSkippedWithAWarningAndTheOthersLoad)
+{
+    writeFile("[general]\nA=1\njunk line\n=x\nB=2\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "A"), "1");
+    EXPECT_EQ(get("general", "B"), "2"); // the same content again: no second warning
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err, "kelp: " + path_ + ":3: no '=' in line, line skipped\n" + "kelp: " + path_ +
+                       ":4: empty key, line skipped\n");
+}
+
+TEST_F(IniStoreTest, BinaryJunkNeverCrashesAndTheReadableLinesLoad)
+{
+    std::mt19937 rng(42);
+    std::string junk;
+    for (int i = 0; i < 100000; ++i)
+        junk += static_cast<char>(rng() & 0xFF);
+    writeFile(junk + "\n[vcsipe]\nAggregateEvents=On\n" + junk);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("vcsipe", "AggregateEvents"), "On");
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(IniStoreTest, OneMebibyteLineIsSkippedAndTheOthersLoad)
+{
+    writeFile("[general]\nhuge=" + std::string(1 << 20, 'x') + "\nDebugPath=/var/log\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "huge"), "<status 2>");
+    EXPECT_EQ(get("general", "DebugPath"), "/var/log");
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(":2: line longer than 65536 bytes, line skipped"), std::string::npos) << err;
+}
+
+TEST_F(IniStoreTest, FileWithoutSectionsLoadsNothingAndTakesANewSection)
+{
+    writeFile("a=1\nb=2\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "a"), "<status 2>");
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(SSSetPrivateIniValue("general", "a", "3"), 0u);
+    EXPECT_EQ(readFile(), "a=1\nb=2\n\n[general]\na=3\n");
+    testing::internal::CaptureStderr(); // the new content warns again
+    EXPECT_EQ(get("general", "a"), "3");
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(IniStoreTest, SectionAndKeyNamesIgnoreAsciiCase)
+{
+    writeFile("[General]\nDebugSnmp=On\n");
+    EXPECT_EQ(get("general", "DEBUGSNMP"), "On");
+    EXPECT_EQ(SSSetPrivateIniValue("GENERAL", "debugsnmp", "Off"), 0u);
+    EXPECT_EQ(readFile(), "[General]\nDebugSnmp=Off\n");
+}
+
+TEST_F(IniStoreTest, QuotedValuesKeepTheirBlanks)
+{
+    writeFile("[vcsipe]\nAggregateEvents=\"On \"\nPlain =  On  \n");
+    EXPECT_EQ(get("vcsipe", "AggregateEvents"), "On ");
+    EXPECT_EQ(get("vcsipe", "Plain"), "On");
+    EXPECT_EQ(SSSetPrivateIniValue("vcsipe", "Padded", "  two  "), 0u);
+    EXPECT_EQ(get("vcsipe", "Padded"), "  two  ");
+}
+
+TEST_F(IniStoreTest, CommentsAndOrderSurviveAWrite)
+{
+    writeFile("; kelp settings\n\n[general]\n# where the log goes\nDebugPath=/tmp\n"
+              "DebugSNMP=On\n\n[vcsipe]\n; aggregation\nAggregateEvents=Off\n");
+    EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 0u);
+    EXPECT_EQ(SSSetPrivateIniValue("vcsipe", "EventAggregateInteval", "5"), 0u);
+    EXPECT_EQ(SSSetPrivateIniValue("extra", "k", "v"), 0u);
+    EXPECT_EQ(readFile(), "; kelp settings\n\n[general]\n# where the log goes\nDebugPath=/tmp\n"
+                          "DebugSNMP=Off\n\n[vcsipe]\n; aggregation\nAggregateEvents=Off\n"
+                          "EventAggregateInteval=5\n\n[extra]\nk=v\n");
+}
+
+TEST_F(IniStoreTest, WriteLeavesNoTemporaryFileBehind)
+{
+    ASSERT_EQ(SSSetPrivateIniValue("general", "k", "v"), 0u);
+    ASSERT_EQ(SSSetPrivateIniValue("general", "k", "w"), 0u);
+    for (const auto &entry : fs::directory_iterator(dir_)) {
+        std::string name = entry.path().filename();
+        EXPECT_TRUE(name == "kelp.ini" || name == "kelp.ini.lock") << name;
+    }
+}
+
+TEST_F(IniStoreTest, WriteKeepsTheFileMode)
+{
+    writeFile("[general]\n");
+    fs::permissions(path_, fs::perms::owner_read | fs::perms::owner_write);
+    ASSERT_EQ(SSSetPrivateIniValue("general", "k", "v"), 0u);
+    EXPECT_EQ(fs::status(path_).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(IniStoreTest, ShortBufferAnswers16WithTheSizeNeeded)
+{
+    writeFile("[general]\nDebugPath=/var/log/kelp\n");
+    char buf[14];
+    uint32_t size = 13;
+    EXPECT_EQ(SSGetPrivateIniValue("general", "DebugPath", buf, &size), 16u);
+    EXPECT_EQ(size, 14u);
+    size = 14;
+    EXPECT_EQ(SSGetPrivateIniValue("general", "DebugPath", buf, &size), 0u);
+    EXPECT_STREQ(buf, "/var/log/kelp");
+    EXPECT_EQ(size, 14u);
+}
+
+TEST_F(IniStoreTest, BadArgumentsAnswer5)
+{
+    char buf[8];
+    uint32_t size = sizeof buf;
+    EXPECT_EQ(SSGetPrivateIniValue(nullptr, "k", buf, &size), 5u);
+    EXPECT_EQ(SSGetPrivateIniValue("s", nullptr, buf, &size), 5u);
+    EXPECT_EQ(SSGetPrivateIniValue("s", "k", nullptr, &size), 5u);
+    EXPECT_EQ(SSGetPrivateIniValue("s", "k", buf, nullptr), 5u);
+    EXPECT_EQ(SSSetPrivateIniValue(nullptr, "k", "v"), 5u);
+    EXPECT_EQ(SSSetPrivateIniValue("s", "k", nullptr), 5u);
+    EXPECT_EQ(SSSetPrivateIniValue("s", "k", "two\nlines"), 5u);
+    EXPECT_EQ(SSSetPrivateIniValue("s", "a=b", "v"), 5u);
+    EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(IniStoreTest, UnsetPathIsAnInMemoryStoreForTheProcess)
+{
+    kelpRuntimeSetIniPath("");
+    EXPECT_EQ(SSSetPrivateIniValue("memtest", "k", "v1"), 0u);
+    EXPECT_EQ(get("memtest", "k"), "v1");
+    EXPECT_EQ(SSSetPrivateIniValue("MemTest", "K", "v2"), 0u);
+    EXPECT_EQ(get("memtest", "k"), "v2");
+    EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(IniStoreTest, TwoWriterThreadsLoseNoKey)
+{
+    constexpr int kPerWriter = 100;
+    auto writer = [](const char *prefix) {
+        for (int i = 0; i < kPerWriter; ++i) {
+            std::string key = prefix + std::to_string(i);
+            EXPECT_EQ(SSSetPrivateIniValue("load", key.c_str(), key.c_str()), 0u);
+        }
+    };
+    std::thread a(writer, "a"), b(writer, "b");
+    a.join();
+    b.join();
+    for (const char *prefix : {"a", "b"}) {
+        for (int i = 0; i < kPerWriter; ++i) {
+            std::string key = prefix + std::to_string(i);
+            EXPECT_EQ(get("load", key.c_str()), key);
+        }
+    }
+}
+
+TEST_F(IniStoreTest, TwoWriterProcessesLoseNoKey)
+{
+    constexpr int kPerWriter = 100;
+    pid_t children[2];
+    const char *prefixes[2] = {"p", "q"};
+    for (int c = 0; c < 2; ++c) {
+        children[c] = fork();
+        ASSERT_GE(children[c], 0);
+        if (children[c] == 0) {
+            int failures = 0;
+            for (int i = 0; i < kPerWriter; ++i) {
+                std::string key = prefixes[c] + std::to_string(i);
+                failures += SSSetPrivateIniValue("load", key.c_str(), key.c_str()) != 0;
+            }
+            _exit(failures == 0 ? 0 : 1);
+        }
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    for (const char *prefix : prefixes) {
+        for (int i = 0; i < kPerWriter; ++i) {
+            std::string key = prefix + std::to_string(i);
+            EXPECT_EQ(get("load", key.c_str()), key);
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,32 @@
+// Runtime-private access to the runtime's configuration: the values a host set
+// through kelp/runtime.h, else the environment (KELP_INI, KELP_DEBUG_FILE,
+// KELP_TIME_SCALE), read at each call so that a changed environment applies.
+#ifndef KELP_RUNTIME_SUPPORT_CONFIG_H
+#define KELP_RUNTIME_SUPPORT_CONFIG_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace kelp::rt {
+
+// The private ini store's file; empty selects the in-memory store.
+std::string iniPath();
+
+// The debug printer's file; empty when neither the host nor the environment
+// names one.
+std::string debugFile();
+
+// The divisor of timed waits, always positive and finite.
+double timeScale();
+
+// ms milliseconds divided by the time scale, at least 0, at most about a
+// century (so that adding it to now cannot overflow).
+std::chrono::steady_clock::duration scaledMs(uint32_t ms);
+
+// A non-empty environment variable's value, or empty.
+std::string envValue(const char *name);
+
+} // namespace kelp::rt
+
+#endif // KELP_RUNTIME_SUPPORT_CONFIG_H

@@ -1,0 +1,69 @@
+// Recursive mutexes owned by the locking thread, with a lock time-out. Built on
+// std::mutex + condition_variable rather than std::recursive_timed_mutex
+// because an unlock by a thread that does not own the mutex must be refused,
+// not undefined. Time-outs are not scaled: they bound how long a caller waits.
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "vcsupt.h"
+
+struct SMMutexRec {
+    std::mutex m;
+    std::condition_variable released;
+    std::thread::id owner; // guarded by m; default id = not held
+    uint32_t depth = 0;    // guarded by m
+};
+
+extern "C" {
+
+SMMutexHandle SMMutexCreate(uint32_t /*reserved*/)
+{
+    return new (std::nothrow) SMMutexRec;
+}
+
+uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
+{
+    if (mutex == nullptr)
+        return SM_STATUS_FAILURE;
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock lock(mutex->m);
+    if (mutex->owner == self) {
+        ++mutex->depth;
+        return SM_STATUS_SUCCESS;
+    }
+    auto isFree = [mutex] { return mutex->owner == std::thread::id(); };
+    if (timeoutMs == SM_WAIT_FOREVER) {
+        mutex->released.wait(lock, isFree);
+    } else if (!mutex->released.wait_for(lock, std::chrono::milliseconds(timeoutMs), isFree)) {
+        return SM_STATUS_TIMEOUT;
+    }
+    mutex->owner = self;
+    mutex->depth = 1;
+    return SM_STATUS_SUCCESS;
+}
+
+uint32_t SMMutexUnLock(SMMutexHandle mutex)
+{
+    if (mutex == nullptr)
+        return SM_STATUS_FAILURE;
+    std::lock_guard lock(mutex->m);
+    if (mutex->owner != std::this_thread::get_id())
+        return SM_STATUS_FAILURE;
+    if (--mutex->depth == 0) {
+        mutex->owner = std::thread::id();
+        // Under the lock, so that a thread that takes, drops and destroys the
+        // mutex next cannot free it under this call.
+        mutex->released.notify_one();
+    }
+    return SM_STATUS_SUCCESS;
+}
+
+void SMMutexDestroy(SMMutexHandle mutex)
+{
+    delete mutex;
+}
+
+} // extern "C"

@@ -1,0 +1,39 @@
+// XMLSupGetXMLMemData: the text of an element by name and occurrence, the one
+// mode the XML support library offers.
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "xmlsup.h"
+#include "xmlsup/xml_scan.h"
+
+extern "C" {
+
+uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, uint32_t occurrence,
+                             uint32_t mode2, uint32_t *size, char *out, uint32_t mode3,
+                             const void *context, const char *xml, uint32_t xmlLength)
+{
+    if (mode0 != 0 || mode1 != 1 || mode2 != 1 || mode3 != 0 || context != nullptr)
+        return 5;
+    if (tag == nullptr || tag[0] == '\0' || size == nullptr || out == nullptr || xml == nullptr) {
+        return 5;
+    }
+    try {
+        auto raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
+        if (!raw)
+            return 2;
+        std::string value = kelp::rt::xml::decodeEntities(*raw);
+        const size_t needed = value.size() + 1;
+        if (needed > *size) {
+            *size = static_cast<uint32_t>(needed);
+            return 16;
+        }
+        std::memcpy(out, value.c_str(), needed);
+        *size = static_cast<uint32_t>(needed);
+        return 0;
+    } catch (const std::exception &) {
+        return 5; // out of memory for the decoded copy
+    }
+}
+
+} // extern "C"
