@@ -1,0 +1,71 @@
+// Object lists: one singly linked list of rows per SNMP table. A row binds
+// its 1-based index to a data-store object id and the object's nexus text;
+// column values are read from the data store at request time, never here.
+// No operation locks: callers that run beside requests hold dataMutex.
+#ifndef KELP_MODULE_STORE_OBJLIST_H
+#define KELP_MODULE_STORE_OBJLIST_H
+
+#include <cstdint>
+
+struct ObjNode {
+    uint32_t index;    // row index: the list's length right after this node was appended
+    uint32_t objId;    // data-store object id; 0 marks a hole (read as absent)
+    uint32_t subObjId; // the virtual disk's id in the array-disk-to-virtual-disk table, else 0
+    char *nexusId;     // owned; may be null in a hole of that table
+    ObjNode *next;
+};
+
+struct ObjList {
+    uint32_t length; // nodes, holes included
+    ObjNode *head;
+    ObjNode *tail; // meaningful only while length is not 0
+};
+
+// Size of the buffer insertListCopy gives each nexus copy; builders keep
+// nexus texts to at most kNexusBufferSize - 1 characters.
+inline constexpr uint32_t kNexusBufferSize = 80;
+
+extern "C" {
+
+// Empties the head without freeing anything.
+void initList(ObjList *list);
+
+// Frees every node and its nexus text, then empties the head.
+void freeList(ObjList *list);
+
+// Appends a node that takes ownership of `nexus`. 0, or -1 (list unchanged,
+// "Insufficient memory\n" logged) when the node cannot be allocated; on
+// failure `nexus` stays the caller's.
+int32_t InsertList(ObjList *list, uint32_t objId, uint32_t subObjId, char *nexus);
+
+// Appends a node holding an 80-byte copy of `nexus` (borrowed; null stays
+// null). Always 0.
+int32_t insertListCopy(ObjList *list, uint32_t objId, uint32_t subObjId, const char *nexus);
+
+// Unlinks the first node whose nexus equals `nexus` and hands it to the
+// caller, who frees it (freeNode). Other nodes keep their index. Null when no
+// node matches.
+ObjNode *removeByNexus(ObjList *list, const char *nexus);
+
+// The node at 1-based `position`, or null for 0 or a position past length.
+ObjNode *getNodeByIndex(ObjList *list, uint32_t position);
+
+// The first node with this object id; null for a null list or no match.
+ObjNode *findByObjId(ObjList *list, int32_t objId);
+
+// The first node whose nexus is not null and equals `nexus`.
+ObjNode *findByNexus(ObjList *list, const char *nexus);
+
+// Appends a copy of every node of `source`, in order, with the destination's
+// next indices. Always 0.
+int32_t appendListCopy(ObjList *destination, ObjList *source);
+
+// Debug print of every node.
+void dumpList(ObjList *list);
+
+} // extern "C"
+
+// Frees a node that removeByNexus handed out, with its nexus text.
+void freeNode(ObjNode *node);
+
+#endif // KELP_MODULE_STORE_OBJLIST_H

@@ -1,0 +1,63 @@
+// The 38 list heads of the table list and the operations over all of them.
+#include "store/tablelist.h"
+
+ObjList ctrlList, ctrlListNew;
+ObjList chanList, chanListNew;
+ObjList adList, adListNew;
+ObjList tapeList, tapeListNew;
+ObjList enclList, enclListNew;
+ObjList fanList, fanListNew;
+ObjList psuList, psuListNew;
+ObjList tempList, tempListNew;
+ObjList emmList, emmListNew;
+ObjList battList, battListNew;
+ObjList vdList, vdListNew;
+ObjList adLogConnList, adLogConnListNew;
+ObjList adEnclConnList, adEnclConnListNew;
+ObjList adChanConnList, adChanConnListNew;
+ObjList vdPartList, vdPartListNew;
+ObjList cacheList, cacheListNew;
+ObjList cacheDiskList, cacheDiskListNew;
+ObjList cachePoolList, cachePoolListNew;
+ObjList nvmeList, nvmeListNew;
+ObjList spareListNew;
+
+const TableListPair kTableListPairs[kTableListCount] = {
+    {&ctrlList, &ctrlListNew},
+    {&chanList, &chanListNew},
+    {&adList, &adListNew},
+    {&tapeList, &tapeListNew},
+    {&enclList, &enclListNew},
+    {&fanList, &fanListNew},
+    {&psuList, &psuListNew},
+    {&tempList, &tempListNew},
+    {&emmList, &emmListNew},
+    {&battList, &battListNew},
+    {&vdList, &vdListNew},
+    {&adLogConnList, &adLogConnListNew},
+    {&adEnclConnList, &adEnclConnListNew},
+    {&adChanConnList, &adChanConnListNew},
+    {&vdPartList, &vdPartListNew},
+    {&cacheList, &cacheListNew},
+    {&cacheDiskList, &cacheDiskListNew},
+    {&cachePoolList, &cachePoolListNew},
+    {&nvmeList, &nvmeListNew},
+};
+
+void initAllLists(void)
+{
+    for (const TableListPair &pair : kTableListPairs) {
+        initList(pair.live);
+    }
+    for (const TableListPair &pair : kTableListPairs) {
+        initList(pair.staging);
+    }
+}
+
+void freeStagingLists(void)
+{
+    freeList(&spareListNew);
+    for (const TableListPair &pair : kTableListPairs) {
+        freeList(pair.staging);
+    }
+}

@@ -1,0 +1,53 @@
+// The table list: one live list per table, which requests and the trap
+// sender read, paired with a staging list that a rebuild fills and merges.
+// Writers: the refresh thread, under dataMutex; readers hold dataMutex,
+// except the trap sender, which reads the live lists without it.
+#ifndef KELP_MODULE_STORE_TABLELIST_H
+#define KELP_MODULE_STORE_TABLELIST_H
+
+#include "store/objlist.h"
+
+extern "C" {
+
+extern ObjList ctrlList, ctrlListNew;             // "adapters"
+extern ObjList chanList, chanListNew;             // "bus"
+extern ObjList adList, adListNew;                 // "arraydisks"
+extern ObjList tapeList, tapeListNew;             // "Tape"
+extern ObjList enclList, enclListNew;             // "enclosures"
+extern ObjList fanList, fanListNew;               // "fans"
+extern ObjList psuList, psuListNew;               // "psupplies"
+extern ObjList tempList, tempListNew;             // "tempprobes"
+extern ObjList emmList, emmListNew;               // "emms"
+extern ObjList battList, battListNew;             // "batteries"
+extern ObjList vdList, vdListNew;                 // "vdisks" without child virtual disks
+extern ObjList adLogConnList, adLogConnListNew;   // array disk to virtual disk pairs
+extern ObjList adEnclConnList, adEnclConnListNew; // "adtoenclosure"
+extern ObjList adChanConnList, adChanConnListNew; // "adtochannel"
+extern ObjList vdPartList, vdPartListNew;         // "VDPartitionNode"
+extern ObjList cacheList, cacheListNew;           // "Tidal Cache"
+extern ObjList cacheDiskList, cacheDiskListNew;   // "CacheLunNode"
+extern ObjList cachePoolList, cachePoolListNew;   // "Tidal Cache Pool"
+extern ObjList nvmeList, nvmeListNew;             // "NVMeAdapter"
+
+// A staging-side head that nothing fills; freeStagingLists frees it with the
+// others.
+extern ObjList spareListNew;
+
+// Empties the 19 live and then the 19 staging heads, freeing nothing (before
+// the first build).
+void initAllLists(void);
+
+// Frees spareListNew and the 19 staging lists (after a merge).
+void freeStagingLists(void);
+
+} // extern "C"
+
+// The live/staging pairs, in table-list order.
+struct TableListPair {
+    ObjList *live;
+    ObjList *staging;
+};
+inline constexpr int kTableListCount = 19;
+extern const TableListPair kTableListPairs[kTableListCount];
+
+#endif // KELP_MODULE_STORE_TABLELIST_H
