@@ -1,0 +1,206 @@
+// Behaviour of the object lists: append-only indices, holes, removal from
+// staging lists, look-ups and the debug dump.
+#include "store/objlist.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "testing/debug_capture.h"
+
+namespace {
+
+char *dupText(const char *text)
+{
+    return strdup(text);
+}
+
+class ObjListTest : public ::testing::Test {
+  protected:
+    void SetUp() override { initList(&list); }
+    void TearDown() override { freeList(&list); }
+
+    void append(uint32_t objId, const char *nexus)
+    {
+        ASSERT_EQ(InsertList(&list, objId, 0, nexus ? dupText(nexus) : nullptr), 0);
+    }
+
+    ObjList list{};
+};
+
+TEST_F(ObjListTest, AppendedNodesTakeTheNewLengthAsIndex)
+{
+    append(11, "a");
+    append(12, "b");
+    append(13, "c");
+    EXPECT_EQ(list.length, 3u);
+    EXPECT_EQ(getNodeByIndex(&list, 1)->objId, 11u);
+    EXPECT_EQ(getNodeByIndex(&list, 2)->index, 2u);
+    EXPECT_EQ(getNodeByIndex(&list, 3)->index, 3u);
+}
+
+TEST_F(ObjListTest, GetNodeByIndexZeroAndPastLengthAreNull)
+{
+    append(11, "a");
+    append(12, "b");
+    EXPECT_EQ(getNodeByIndex(&list, 0), nullptr);
+    EXPECT_EQ(getNodeByIndex(&list, list.length + 1), nullptr);
+    EXPECT_EQ(getNodeByIndex(&list, list.length), list.tail);
+}
+
+TEST_F(ObjListTest, AHoleKeepsLengthAndLaterIndicesDoNotShift)
+{
+    append(11, "a");
+    append(12, "b");
+    append(13, "c");
+    getNodeByIndex(&list, 2)->objId = 0;
+    EXPECT_EQ(list.length, 3u);
+    ObjNode *third = getNodeByIndex(&list, 3);
+    ASSERT_NE(third, nullptr);
+    EXPECT_EQ(third->index, 3u);
+    EXPECT_EQ(third->objId, 13u);
+    EXPECT_STREQ(getNodeByIndex(&list, 2)->nexusId, "b");
+}
+
+TEST_F(ObjListTest, RemovingTheOnlyNodeEmptiesTheListAndTheNextAppendIsIndexOne)
+{
+    append(11, "a");
+    ObjNode *removed = removeByNexus(&list, "a");
+    ASSERT_NE(removed, nullptr);
+    EXPECT_EQ(removed->objId, 11u);
+    freeNode(removed);
+    EXPECT_EQ(list.length, 0u);
+    EXPECT_EQ(list.head, nullptr);
+
+    append(21, "z");
+    EXPECT_EQ(list.length, 1u);
+    EXPECT_EQ(list.head, list.tail);
+    EXPECT_EQ(list.head->index, 1u);
+    EXPECT_EQ(list.head->next, nullptr);
+}
+
+TEST_F(ObjListTest, RemovingAMiddleNodeKeepsTheOtherIndices)
+{
+    append(11, "a");
+    append(12, "b");
+    append(13, "c");
+    ObjNode *removed = removeByNexus(&list, "b");
+    ASSERT_NE(removed, nullptr);
+    freeNode(removed);
+    EXPECT_EQ(list.length, 2u);
+    EXPECT_EQ(list.head->index, 1u);
+    EXPECT_EQ(list.head->next->index, 3u);
+    EXPECT_EQ(list.tail->index, 3u);
+}
+
+TEST_F(ObjListTest, RemovingTheLastNodeMovesTailToItsPredecessor)
+{
+    append(11, "a");
+    append(12, "b");
+    ObjNode *removed = removeByNexus(&list, "b");
+    ASSERT_NE(removed, nullptr);
+    freeNode(removed);
+    EXPECT_EQ(list.tail, list.head);
+    append(13, "c");
+    EXPECT_EQ(list.head->next, list.tail);
+    EXPECT_EQ(list.tail->index, 2u);
+}
+
+TEST_F(ObjListTest, RemovingTheFirstNodeMovesHead)
+{
+    append(11, "a");
+    append(12, "b");
+    ObjNode *removed = removeByNexus(&list, "a");
+    ASSERT_NE(removed, nullptr);
+    freeNode(removed);
+    EXPECT_EQ(list.head->objId, 12u);
+    EXPECT_EQ(list.head, list.tail);
+}
+
+TEST_F(ObjListTest, RemoveByNexusTakesTheFirstMatchOnlyAndAnswersNullWithoutOne)
+{
+    append(11, "a");
+    append(12, "a");
+    ObjNode *removed = removeByNexus(&list, "a");
+    ASSERT_NE(removed, nullptr);
+    EXPECT_EQ(removed->objId, 11u);
+    freeNode(removed);
+    EXPECT_EQ(removeByNexus(&list, "x"), nullptr);
+    EXPECT_EQ(list.length, 1u);
+}
+
+TEST_F(ObjListTest, FindByNexusSkipsNodesWithoutNexus)
+{
+    append(11, nullptr);
+    append(12, "a");
+    ObjNode *found = findByNexus(&list, "a");
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->objId, 12u);
+    EXPECT_EQ(findByNexus(&list, "b"), nullptr);
+}
+
+TEST_F(ObjListTest, FindByObjIdAnswersTheFirstMatchAndNullForANullList)
+{
+    append(11, "a");
+    append(12, "b");
+    append(12, "c");
+    EXPECT_STREQ(findByObjId(&list, 12)->nexusId, "b");
+    EXPECT_EQ(findByObjId(&list, 99), nullptr);
+    EXPECT_EQ(findByObjId(nullptr, 12), nullptr);
+}
+
+TEST_F(ObjListTest, FreeListOnAnEmptyListOnlyResetsIt)
+{
+    list.tail = reinterpret_cast<ObjNode *>(&list); // stale tail of an emptied list
+    freeList(&list);
+    EXPECT_EQ(list.length, 0u);
+    EXPECT_EQ(list.head, nullptr);
+    EXPECT_EQ(list.tail, nullptr);
+}
+
+TEST_F(ObjListTest, InsertListCopyOwnsAnEightyByteCopy)
+{
+    char nexus[] = "0\\1\\2";
+    ASSERT_EQ(insertListCopy(&list, 5, 6, nexus), 0);
+    nexus[0] = 'X';
+    EXPECT_STREQ(list.head->nexusId, "0\\1\\2");
+    EXPECT_EQ(list.head->subObjId, 6u);
+    EXPECT_NE(list.head->nexusId, nexus);
+}
+
+TEST_F(ObjListTest, AppendListCopyContinuesTheDestinationIndicesAndLeavesTheSource)
+{
+    append(11, "a");
+    ObjList source{};
+    initList(&source);
+    ASSERT_EQ(InsertList(&source, 21, 31, dupText("x")), 0);
+    ASSERT_EQ(InsertList(&source, 22, 32, nullptr), 0);
+    ASSERT_EQ(appendListCopy(&list, &source), 0);
+    EXPECT_EQ(list.length, 3u);
+    EXPECT_EQ(getNodeByIndex(&list, 2)->objId, 21u);
+    EXPECT_EQ(getNodeByIndex(&list, 2)->subObjId, 31u);
+    EXPECT_STREQ(getNodeByIndex(&list, 2)->nexusId, "x");
+    EXPECT_EQ(getNodeByIndex(&list, 3)->nexusId, nullptr);
+    EXPECT_EQ(getNodeByIndex(&list, 3)->index, 3u);
+    EXPECT_EQ(source.length, 2u);
+    EXPECT_NE(getNodeByIndex(&list, 2)->nexusId, source.head->nexusId);
+    freeList(&source);
+}
+
+TEST_F(ObjListTest, DumpListPrintsEveryNode)
+{
+    ASSERT_EQ(InsertList(&list, 7, 8, dupText("n1")), 0);
+    ASSERT_EQ(InsertList(&list, 9, 0, nullptr), 0);
+    DebugCapture capture;
+    dumpList(&list);
+    EXPECT_EQ(capture.text(), "dumpList: entry\n"
+                              "dumpList: Dump data in table ---- \n"
+                              "dumpList: Length of table - 2\n"
+                              "7:8::n1 \n"
+                              "9:0::NULL \n"
+                              "End Dbg: Dump data in table ---- \n");
+}
+
+} // namespace

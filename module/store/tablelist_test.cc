@@ -1,0 +1,55 @@
+// The table list: every live list has its staging list, and the two
+// whole-list operations touch exactly the heads they should.
+#include "store/tablelist.h"
+
+#include <cstring>
+#include <set>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(TableList, NineteenDistinctPairsPlusTheSpareHead)
+{
+    std::set<ObjList *> heads;
+    for (const TableListPair &pair : kTableListPairs) {
+        heads.insert(pair.live);
+        heads.insert(pair.staging);
+    }
+    heads.insert(&spareListNew);
+    EXPECT_EQ(heads.size(), 39u);
+    EXPECT_EQ(kTableListPairs[0].live, &ctrlList);
+    EXPECT_EQ(kTableListPairs[0].staging, &ctrlListNew);
+    EXPECT_EQ(kTableListPairs[18].live, &nvmeList);
+    EXPECT_EQ(kTableListPairs[18].staging, &nvmeListNew);
+}
+
+TEST(TableList, FreeStagingListsFreesStagingAndSpareButNotLive)
+{
+    initAllLists();
+    initList(&spareListNew);
+    ASSERT_EQ(InsertList(&ctrlList, 1, 0, strdup("c")), 0);
+    ASSERT_EQ(InsertList(&ctrlListNew, 2, 0, strdup("d")), 0);
+    ASSERT_EQ(InsertList(&nvmeListNew, 3, 0, strdup("e")), 0);
+    ASSERT_EQ(InsertList(&spareListNew, 4, 0, strdup("f")), 0);
+    freeStagingLists();
+    EXPECT_EQ(ctrlListNew.length, 0u);
+    EXPECT_EQ(nvmeListNew.length, 0u);
+    EXPECT_EQ(spareListNew.length, 0u);
+    EXPECT_EQ(ctrlList.length, 1u);
+    freeList(&ctrlList);
+}
+
+TEST(TableList, InitAllListsEmptiesLiveAndStagingHeadsWithoutFreeing)
+{
+    ObjNode node{1, 1, 0, nullptr, nullptr};
+    adList = ObjList{1, &node, &node};
+    vdPartListNew = ObjList{1, &node, &node};
+    initAllLists();
+    EXPECT_EQ(adList.length, 0u);
+    EXPECT_EQ(adList.head, nullptr);
+    EXPECT_EQ(vdPartListNew.head, nullptr);
+    EXPECT_EQ(node.objId, 1u); // untouched: nothing was freed
+}
+
+} // namespace
