@@ -1,62 +1,168 @@
-// The data-store queries with their final signatures. Not available yet: the
-// store that serves a storage model is a later piece of work, so every query
-// answers "not available" (null, status 7) and the readiness check fails.
+// The data-store queries of vscil.h, answered from the served storage model.
+// Each query works on one snapshot of the model, so a change made meanwhile
+// never shows half. Answers are heap blocks that freeMem releases.
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
 
+#include "datastore/model.h"
+#include "datastore/model_store.h"
 #include "vscil.h"
+#include "xmlsup/answer_index.h"
 
 namespace {
 
-char *unavailable(uint32_t *status)
+using kelp::ds::Model;
+
+enum : uint32_t { kOk = 0, kNotFound = 2, kFailure = 5 };
+
+char *answerWith(uint32_t *status, uint32_t code)
 {
     if (status != nullptr)
-        *status = VSCIL_STATUS_UNAVAILABLE;
+        *status = code;
     return nullptr;
+}
+
+// A heap copy of text with its NUL, status 0; status 5 when memory is short.
+char *answer(uint32_t *status, const std::string &text)
+{
+    auto *block = static_cast<char *>(std::malloc(text.size() + 1));
+    if (block == nullptr)
+        return answerWith(status, kFailure);
+    std::memcpy(block, text.c_str(), text.size() + 1);
+    kelp::rt::xml::registerAnswer(block, text.size());
+    if (status != nullptr)
+        *status = kOk;
+    return block;
+}
+
+// A list answer: the runs of the objects at `positions` inside one root.
+std::string listAnswer(const Model &m, const std::vector<size_t> &positions)
+{
+    size_t size = 0;
+    for (size_t p : positions)
+        size += m.answer(p).size();
+    std::string text;
+    text.reserve(size + 32);
+    text += "<ObjList>";
+    for (size_t p : positions)
+        text += m.answer(p);
+    text += "</ObjList>";
+    return text;
+}
+
+// Runs query(model) on the served model; no model answers status 7 and a
+// failed allocation status 5, never an exception across the C edge.
+template <typename Query> char *withModel(uint32_t *status, Query query)
+{
+    try {
+        std::shared_ptr<const Model> m = kelp::ds::servedModel();
+        if (m == nullptr)
+            return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
+        return query(*m);
+    } catch (const std::bad_alloc &) {
+        return answerWith(status, kFailure);
+    }
 }
 
 } // namespace
 
 extern "C" {
 
-// Not available yet: null, *status = 7.
+// <DataStoreReady><Code>0</Code></DataStoreReady> when the model is ready,
+// Code 1 when it is not; null with status 7 when no model is served.
 char *DataStoreReady(uint32_t *status)
 {
-    return unavailable(status);
+    return withModel(status, [&](const Model &m) {
+        return answer(status, std::string("<DataStoreReady><Code>") + (m.ready() ? "0" : "1") +
+                                  "</Code></DataStoreReady>");
+    });
 }
 
-// Not available yet: null, *status = 7.
-char *GetObjectList(uint32_t *status, const char * /*typeName*/)
+// <ObjList> with the runs of every object of the type; null with status 2
+// when it has none (or is not a type of the model), 5 for a null name.
+char *GetObjectList(uint32_t *status, const char *typeName)
 {
-    return unavailable(status);
+    if (typeName == nullptr)
+        return answerWith(status, kFailure);
+    return withModel(status, [&](const Model &m) {
+        const std::vector<size_t> &positions = m.ofType(typeName);
+        if (positions.empty())
+            return answerWith(status, kNotFound);
+        return answer(status, listAnswer(m, positions));
+    });
 }
 
-// Not available yet: null, *status = 7.
-char *GetSingleObject(uint32_t *status, uint32_t /*reserved*/, uint32_t /*objId*/)
+// The object's run; null with status 2 when there is no such object, 5 when
+// `reserved` is not 0.
+char *GetSingleObject(uint32_t *status, uint32_t reserved, uint32_t objId)
 {
-    return unavailable(status);
+    if (reserved != 0)
+        return answerWith(status, kFailure);
+    return withModel(status, [&](const Model &m) {
+        std::optional<size_t> pos = m.find(objId);
+        if (!pos)
+            return answerWith(status, kNotFound);
+        return answer(status, m.answer(*pos));
+    });
 }
 
-// Not available yet: null, *status = 7.
-char *GetAssociated(uint32_t *status, const char * /*kind*/, uint32_t /*objId*/)
+// <ObjList> with the runs of the objects of type `kind` related to objId
+// (Model::associated); null with status 2 when there are none or objId is
+// no object, 5 for a null kind.
+char *GetAssociated(uint32_t *status, const char *kind, uint32_t objId)
 {
-    return unavailable(status);
+    if (kind == nullptr)
+        return answerWith(status, kFailure);
+    return withModel(status, [&](const Model &m) {
+        std::optional<size_t> pos = m.find(objId);
+        if (!pos)
+            return answerWith(status, kNotFound);
+        std::vector<size_t> related = m.associated(kind, *pos);
+        if (related.empty())
+            return answerWith(status, kNotFound);
+        return answer(status, listAnswer(m, related));
+    });
 }
 
-// Not available yet: null, *status = 7.
-char *GetAssociatedPhyDevCount(uint32_t *status, const char * /*kind*/, uint32_t /*objId*/)
+// <objectCount>N</objectCount>, N the number of objects GetAssociated would
+// answer (0 included); null with status 2 when objId is no object, 5 for a
+// null kind.
+char *GetAssociatedPhyDevCount(uint32_t *status, const char *kind, uint32_t objId)
 {
-    return unavailable(status);
+    if (kind == nullptr)
+        return answerWith(status, kFailure);
+    return withModel(status, [&](const Model &m) {
+        std::optional<size_t> pos = m.find(objId);
+        if (!pos)
+            return answerWith(status, kNotFound);
+        return answer(status, "<objectCount>" + std::to_string(m.associated(kind, *pos).size()) +
+                                  "</objectCount>");
+    });
 }
 
-// Not available yet: 0, the answer when there is no store.
+// The model's thermalShutdown attribute; 0 when it has none or no model is
+// served.
 uint32_t GetSmartThermalShutdownStatus(void)
 {
-    return 0;
+    try {
+        std::shared_ptr<const Model> m = kelp::ds::servedModel();
+        return m != nullptr ? m->thermalShutdown() : 0;
+    } catch (const std::bad_alloc &) {
+        return 0;
+    }
 }
 
-// Answers of the queries are heap blocks (none are made yet); null is ignored.
+// Answers are malloc blocks; null is ignored.
 void freeMem(char *xml)
 {
+    if (xml == nullptr)
+        return;
+    // The index goes first: once the memory is free, a new answer may be
+    // handed out at the same address.
+    kelp::rt::xml::forgetAnswer(xml);
     std::free(xml);
 }
 

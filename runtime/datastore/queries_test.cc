@@ -1,44 +1,154 @@
-// The data-store queries before the store exists: every query answers "not
-// available" and nothing leaks.
+// The data-store queries: "not available" without a model, then the exact
+// answers for the test model, read back the way the plug-in reads them.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
+#include "datastore/model_store.h"
+#include "datastore/model_testing.h"
 #include "vscil.h"
+#include "xmlsup.h"
 
 namespace {
 
-TEST(QueriesTest, EveryQueryAnswersNullWithStatus7)
+namespace ds = kelp::ds;
+
+// An answer as text, or "<status N>" for a null answer; every answer is
+// released.
+template <typename Query> std::string ask(Query query)
 {
-    uint32_t status = 0;
-    EXPECT_EQ(DataStoreReady(&status), nullptr);
-    EXPECT_EQ(status, 7u);
-    status = 0;
-    EXPECT_EQ(GetObjectList(&status, "adapters"), nullptr);
-    EXPECT_EQ(status, 7u);
-    status = 0;
-    EXPECT_EQ(GetSingleObject(&status, 0, 1), nullptr);
-    EXPECT_EQ(status, 7u);
-    status = 0;
-    EXPECT_EQ(GetAssociated(&status, "arraydisks", 40), nullptr);
-    EXPECT_EQ(status, 7u);
-    status = 0;
-    EXPECT_EQ(GetAssociatedPhyDevCount(&status, "arraydisks", 40), nullptr);
-    EXPECT_EQ(status, 7u);
+    uint32_t status = 99;
+    char *xml = query(&status);
+    if (xml == nullptr)
+        return "<status " + std::to_string(status) + ">";
+    EXPECT_EQ(status, 0u);
+    std::string text = xml;
+    freeMem(xml);
+    return text;
 }
 
-TEST(QueriesTest, NullStatusIsAccepted)
+// The occurrence-th value of tag in xml as the plug-in reads it, or "-".
+std::string value(const std::string &xml, const char *tag, uint32_t occurrence)
 {
-    EXPECT_EQ(DataStoreReady(nullptr), nullptr);
-    EXPECT_EQ(GetObjectList(nullptr, "adapters"), nullptr);
-    EXPECT_EQ(GetSingleObject(nullptr, 0, 1), nullptr);
-    EXPECT_EQ(GetAssociated(nullptr, "vdisks", 1), nullptr);
-    EXPECT_EQ(GetAssociatedPhyDevCount(nullptr, "vdisks", 1), nullptr);
+    char out[160];
+    uint32_t size = sizeof out;
+    if (XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, out, 0, nullptr, xml.c_str(),
+                            static_cast<uint32_t>(xml.size())) != 0) {
+        return "-";
+    }
+    return out;
 }
 
-TEST(QueriesTest, ThermalShutdownIs0AndFreeMemReleasesHeapBlocks)
+class QueriesTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        unsetenv("KELP_MODEL");
+        ds::resetForTesting();
+    }
+    void TearDown() override { ds::resetForTesting(); }
+    static void load()
+    {
+        std::string error;
+        ASSERT_TRUE(ds::loadModelText(ds::testing::kTestModel, "test.xml", &error)) << error;
+    }
+};
+
+TEST_F(QueriesTest, WithoutAModelEveryQueryAnswersStatus7)
 {
+    EXPECT_EQ(ask([](uint32_t *s) { return DataStoreReady(s); }), "<status 7>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetObjectList(s, "adapters"); }), "<status 7>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 0, 1); }), "<status 7>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociated(s, "arraydisks", 40); }), "<status 7>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, "arraydisks", 40); }),
+              "<status 7>");
     EXPECT_EQ(GetSmartThermalShutdownStatus(), 0u);
+}
+
+TEST_F(QueriesTest, ReadinessAnswerHoldsCode0)
+{
+    load();
+    std::string answer = ask([](uint32_t *s) { return DataStoreReady(s); });
+    EXPECT_EQ(answer, "<DataStoreReady><Code>0</Code></DataStoreReady>");
+    EXPECT_EQ(value(answer, "Code", 0), "0");
+    EXPECT_EQ(GetSmartThermalShutdownStatus(), 3u);
+}
+
+TEST_F(QueriesTest, ObjectListHoldsOneRunPerObjectInFileOrder)
+{
+    load();
+    std::string list = ask([](uint32_t *s) { return GetObjectList(s, "arraydisks"); });
+    EXPECT_EQ(list.rfind("<ObjList><ObjID>20</ObjID><Nexus>0\\0\\0\\20</Nexus>", 0), 0u) << list;
+    const char *expected[][2] = {{"20", "0\\0\\0\\20"}, {"21", "0\\0\\0\\21"}, {"22", "0\\0\\22"}};
+    for (uint32_t n = 0; n < 3; ++n) {
+        EXPECT_EQ(value(list, "ObjID", n), expected[n][0]);
+        EXPECT_EQ(value(list, "Nexus", n), expected[n][1]) << "the n-th ids and nexus pair up";
+    }
+    EXPECT_EQ(value(list, "ObjID", 3), "-");
+    EXPECT_EQ(value(list, "Vendor", 0), "R&D") << "escaped text reads back";
+    EXPECT_EQ(ask([](uint32_t *s) { return GetObjectList(s, "emms"); }), "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetObjectList(s, "adtoenclosure"); }), "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetObjectList(s, nullptr); }), "<status 5>");
+}
+
+TEST_F(QueriesTest, SingleObjectIsItsRunStartingWithObjId)
+{
+    load();
+    EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 0, 41); }),
+              "<ObjID>41</ObjID><Nexus>v41</Nexus><ParentVDID>40</ParentVDID>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 0, 42); }), "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 0, 0); }), "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 1, 41); }), "<status 5>");
+}
+
+TEST_F(QueriesTest, AssociatedObjectsOrNullWhenThereAreNone)
+{
+    load();
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociated(s, "enclosures", 20); }),
+              "<ObjList><ObjID>5</ObjID><Nexus>0\\0\\0</Nexus><Name>Backplane</Name></ObjList>");
+    std::string vdisks = ask([](uint32_t *s) { return GetAssociated(s, "vdisks", 1); });
+    EXPECT_EQ(value(vdisks, "ObjID", 0), "40");
+    EXPECT_EQ(value(vdisks, "ObjID", 1), "41");
+    EXPECT_EQ(value(vdisks, "ParentVDID", 0), "40");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociated(s, "enclosures", 22); }), "<status 2>")
+        << "an empty answer would count as associated";
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociated(s, "enclosures", 999); }), "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociated(s, nullptr, 20); }), "<status 5>");
+}
+
+TEST_F(QueriesTest, PhysicalDeviceCountCountsTheAssociatedObjects)
+{
+    load();
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, "arraydisks", 1); }),
+              "<objectCount>3</objectCount>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, "arraydisks", 5); }),
+              "<objectCount>2</objectCount>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, "arraydisks", 70); }),
+              "<objectCount>0</objectCount>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, "arraydisks", 999); }),
+              "<status 2>");
+    EXPECT_EQ(ask([](uint32_t *s) { return GetAssociatedPhyDevCount(s, nullptr, 1); }),
+              "<status 5>");
+}
+
+TEST_F(QueriesTest, NullStatusIsAccepted)
+{
+    load();
+    for (char *xml : {DataStoreReady(nullptr), GetObjectList(nullptr, "adapters"),
+                      GetSingleObject(nullptr, 0, 1), GetAssociated(nullptr, "vdisks", 1),
+                      GetAssociatedPhyDevCount(nullptr, "vdisks", 1)}) {
+        EXPECT_NE(xml, nullptr);
+        freeMem(xml);
+    }
+    EXPECT_EQ(GetSingleObject(nullptr, 0, 999), nullptr);
+    ds::unloadModel();
+    EXPECT_EQ(DataStoreReady(nullptr), nullptr);
+}
+
+TEST_F(QueriesTest, FreeMemReleasesHeapBlocksAndIgnoresNull)
+{
     freeMem(static_cast<char *>(std::malloc(16)));
     freeMem(nullptr);
 }

@@ -116,20 +116,24 @@ std::optional<std::string_view> contentUntilEnd(std::string_view xml, std::strin
 
 } // namespace
 
-std::optional<std::string_view> findElement(std::string_view xml, std::string_view tag,
-                                            uint32_t occurrence)
+namespace {
+
+// Walks the start tags named `tag` in document order (nested ones included)
+// and hands each element's raw content to visit (nullopt for one that is not
+// closed) until visit answers false.
+template <typename Visit>
+void forEachElement(std::string_view xml, std::string_view tag, Visit visit)
 {
     if (tag.empty())
-        return std::nullopt;
-    uint32_t seen = 0;
+        return;
     size_t pos = 0;
     for (;;) {
         size_t lt = xml.find('<', pos);
         if (lt == npos)
-            return std::nullopt;
+            return;
         size_t skipped = skipNonElement(xml, lt);
         if (skipped == npos)
-            return std::nullopt;
+            return;
         if (skipped != 0) {
             pos = skipped;
             continue;
@@ -140,14 +144,40 @@ std::optional<std::string_view> findElement(std::string_view xml, std::string_vi
         }
         size_t gt = startTagEnd(xml, lt);
         if (gt == npos)
-            return std::nullopt;
-        if (seen++ == occurrence) {
-            if (xml[gt - 1] == '/')
-                return kEmpty;
-            return contentUntilEnd(xml, tag, gt + 1);
-        }
+            return;
+        const bool more =
+            visit(xml[gt - 1] == '/' ? std::optional(kEmpty) : contentUntilEnd(xml, tag, gt + 1));
+        if (!more)
+            return;
         pos = gt + 1; // elements nested in this one count too
     }
+}
+
+} // namespace
+
+std::optional<std::string_view> findElement(std::string_view xml, std::string_view tag,
+                                            uint32_t occurrence)
+{
+    uint32_t seen = 0;
+    std::optional<std::string_view> found;
+    forEachElement(xml, tag, [&](std::optional<std::string_view> raw) {
+        if (seen++ != occurrence)
+            return true;
+        found = raw;
+        return false;
+    });
+    return found;
+}
+
+std::vector<std::optional<std::string_view>> findAllElements(std::string_view xml,
+                                                             std::string_view tag)
+{
+    std::vector<std::optional<std::string_view>> all;
+    forEachElement(xml, tag, [&](std::optional<std::string_view> raw) {
+        all.push_back(raw);
+        return true;
+    });
+    return all;
 }
 
 std::string decodeEntities(std::string_view raw)

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kelp::rt::xml {
 
@@ -19,6 +20,11 @@ namespace kelp::rt::xml {
 // Reads nothing outside xml.
 std::optional<std::string_view> findElement(std::string_view xml, std::string_view tag,
                                             uint32_t occurrence);
+
+// Every element named `tag`, as findElement answers them for occurrences 0,
+// 1, 2, ... in one pass: entry n is findElement(xml, tag, n).
+std::vector<std::optional<std::string_view>> findAllElements(std::string_view xml,
+                                                             std::string_view tag);
 
 // raw with &lt; &gt; &amp; &quot; &apos; replaced; any other '&' stays as it is.
 std::string decodeEntities(std::string_view raw);

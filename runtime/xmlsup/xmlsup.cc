@@ -5,6 +5,7 @@
 #include <string>
 
 #include "xmlsup.h"
+#include "xmlsup/answer_index.h"
 #include "xmlsup/xml_scan.h"
 
 extern "C" {
@@ -19,7 +20,13 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         return 5;
     }
     try {
-        auto raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
+        // Answers of the data store carry an index; any other text is scanned.
+        kelp::rt::xml::IndexedLookup lookup =
+            kelp::rt::xml::findIndexed(xml, xmlLength, tag, occurrence);
+        std::optional<std::string_view> raw =
+            lookup.indexed
+                ? lookup.raw
+                : kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
         if (!raw)
             return 2;
         std::string value = kelp::rt::xml::decodeEntities(*raw);

@@ -32,6 +32,22 @@ void kelpRuntimeSetTimeScale(double scale);
  * stderr). */
 double kelpRuntimeTimeScale(void);
 
+/* The storage model the data store serves. kelpRuntimeLoadModel validates
+ * the file and serves it; on failure it answers non-zero, writes a message
+ * naming the file and line into error (cut to errorSize, when error is not
+ * null) and the served model stays as it was. While no host has loaded a
+ * model, the first data-store query loads KELP_MODEL when it is set (a
+ * failure is reported once on stderr; the store is then not ready). */
+int kelpRuntimeLoadModel(const char *path, char *error, unsigned errorSize);
+
+/* The control socket through which kelpctl changes the model and queues
+ * events: a Unix socket at `path`, mode 0600, served by a thread of the
+ * runtime. Answers 0, or non-zero with a message in error. A runtime loaded
+ * with KELP_CONTROL set starts it on that path by itself. At most one socket
+ * is served; starting another stops the first. */
+int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize);
+void kelpRuntimeStopControl(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,87 @@
+// The served storage model: the one the data-store queries answer from, and
+// the changes the control socket makes to it. Runtime-private (the control
+// socket and the tests use it; the plug-in sees only vscil.h).
+//
+// Every change is all or nothing: it is applied to a copy, the copy is
+// validated as a model file is, and only a valid copy replaces the served
+// model. Readers never see a half-made change. All calls are safe from any
+// thread.
+#ifndef KELP_RUNTIME_DATASTORE_MODEL_STORE_H
+#define KELP_RUNTIME_DATASTORE_MODEL_STORE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kelp::ds {
+
+class Model; // datastore/model.h
+
+// Loads a model file and serves it. On error (unreadable, malformed,
+// invalid) answers false with a message naming the file and line, and the
+// served model stays as it was.
+bool loadModelFile(const std::string &path, std::string *error);
+
+// Loads a model from text; `origin` names it in error messages.
+bool loadModelText(const std::string &text, const std::string &origin, std::string *error);
+
+// Stops serving: the store then has no model (DataStoreReady answers null).
+void unloadModel();
+
+// The data store reports ready (<Code>0</Code>) or not (a non-zero code).
+// False when no model is served.
+bool setReady(bool ready, std::string *error);
+
+// Sets one attribute of an object (appended when the object lacks it).
+bool setAttribute(uint32_t id, const std::string &name, const std::string &value,
+                  std::string *error);
+
+// Adds the <object> elements and <link> elements of `fragment` (the same
+// syntax as inside <storage>).
+bool addObjects(const std::string &fragment, std::string *error);
+
+// Removes an object and every link that names it. Its children would be
+// left without a parent, so an object that has children is refused.
+bool removeObject(uint32_t id, std::string *error);
+
+struct ModelStatus {
+    bool served = false; // a model is loaded
+    std::string origin;  // the file (or origin) it came from
+    bool ready = false;
+    std::vector<std::pair<std::string, uint32_t>> counts; // objects per type, in type order
+};
+// Every type of the model format is counted, those without objects too.
+ModelStatus modelStatus();
+
+// The fields an event about object `id` carries: "ObjType" (numeric type
+// code), "Nexus", "ObjStatus", "PreviousStatus", "AttributesMask" (each when
+// the object has it), "ControllerName" (the "Name" of the owning controller:
+// the object itself or its nearest "adapters" ancestor or linked adapter)
+// and "VirtualDiskName" (the "Name" of a "vdisks" object). False when there
+// is no such object.
+bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>> *fields,
+                   std::string *error);
+
+// Numeric object type codes of the event interface ("adapters" 769, ...).
+// 0 for a type without a code.
+uint32_t objectTypeCode(const std::string &typeName);
+
+// The value of an attribute of the served model's <storage> element
+// ("chassisServiceTag", "baseBoardServiceTag", "url", ...). False when no
+// model is served or it has no such attribute.
+bool storageAttribute(const std::string &name, std::string *value);
+
+// The model the data-store queries answer from, or null. The first call of
+// any reader while no host has loaded or unloaded a model tries KELP_MODEL
+// (see kelpRuntimeLoadModel). The model stays valid while the caller holds
+// it, whatever changes are made meanwhile.
+std::shared_ptr<const Model> servedModel();
+
+// Tests only: serves nothing and forgets that KELP_MODEL was tried.
+void resetForTesting();
+
+} // namespace kelp::ds
+
+#endif // KELP_RUNTIME_DATASTORE_MODEL_STORE_H

@@ -1,0 +1,377 @@
+// The served model: loading (from a host, from KELP_MODEL), the changes the
+// control socket makes, all or nothing, event fields, and readers that never
+// see half a change.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "datastore/model.h"
+#include "datastore/model_store.h"
+#include "datastore/model_testing.h"
+#include "kelp/runtime.h"
+#include "vscil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace ds = kelp::ds;
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+class ModelStoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string pattern = ::testing::TempDir() + "kelp_model_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        unsetenv("KELP_MODEL");
+        ds::resetForTesting();
+    }
+    void TearDown() override
+    {
+        unsetenv("KELP_MODEL");
+        ds::resetForTesting();
+        fs::remove_all(dir_);
+    }
+
+    std::string writeFile(const std::string &name, const std::string &text)
+    {
+        std::string path = dir_ + "/" + name;
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    void loadTestModel()
+    {
+        std::string error;
+        ASSERT_TRUE(ds::loadModelText(ds::testing::kTestModel, "test.xml", &error)) << error;
+    }
+    // The object's answer from the data store, or "<status N>".
+    static std::string object(uint32_t id)
+    {
+        uint32_t status = 99;
+        char *xml = GetSingleObject(&status, 0, id);
+        if (xml == nullptr)
+            return "<status " + std::to_string(status) + ">";
+        std::string text = xml;
+        freeMem(xml);
+        return text;
+    }
+
+    std::string dir_;
+};
+
+TEST_F(ModelStoreTest, StatusCountsEveryTypeInTypeOrder)
+{
+    EXPECT_FALSE(ds::modelStatus().served);
+    loadTestModel();
+    ds::ModelStatus s = ds::modelStatus();
+    EXPECT_TRUE(s.served);
+    EXPECT_EQ(s.origin, "test.xml");
+    EXPECT_TRUE(s.ready);
+    ASSERT_EQ(s.counts.size(), 16u);
+    EXPECT_EQ(s.counts[0], (std::pair<std::string, uint32_t>("adapters", 2)));
+    EXPECT_EQ(s.counts[2], (std::pair<std::string, uint32_t>("arraydisks", 3)));
+    EXPECT_EQ(s.counts[3], (std::pair<std::string, uint32_t>("Tape", 1)));
+    EXPECT_EQ(s.counts[8], (std::pair<std::string, uint32_t>("emms", 0)));
+    EXPECT_EQ(s.counts[15].first, "NVMeAdapter");
+    ds::unloadModel();
+    EXPECT_FALSE(ds::modelStatus().served);
+    EXPECT_EQ(object(1), "<status 7>");
+}
+
+TEST_F(ModelStoreTest, LoadingAFileServesItAndABadFileChangesNothing)
+{
+    std::string good = writeFile("good.xml", ds::testing::kTestModel);
+    std::string error;
+    ASSERT_TRUE(ds::loadModelFile(good, &error)) << error;
+    EXPECT_EQ(ds::modelStatus().origin, good);
+    std::shared_ptr<const ds::Model> before = ds::servedModel();
+
+    std::string bad = writeFile("bad.xml", "<storage>\n<object id='1' type='fans'/>\n"
+                                           "<object id='1' type='fans'/></storage>");
+    EXPECT_FALSE(ds::loadModelFile(bad, &error));
+    EXPECT_EQ(error, bad + ":3: duplicate object id 1 (first at " + bad + ":2)");
+    EXPECT_FALSE(ds::loadModelFile(dir_ + "/missing.xml", &error));
+    EXPECT_EQ(error, dir_ + "/missing.xml: cannot open: No such file or directory");
+    EXPECT_FALSE(ds::loadModelFile(dir_, &error));
+    EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
+    EXPECT_EQ(ds::servedModel(), before) << "the served model stays as it was";
+}
+
+TEST_F(ModelStoreTest, RuntimeCallReportsErrorsCutToTheBuffer)
+{
+    std::string bad = writeFile("bad.xml", "<storage>\n<object id='1' type='fan'/></storage>");
+    char error[16];
+    EXPECT_NE(kelpRuntimeLoadModel(bad.c_str(), error, sizeof error), 0);
+    EXPECT_EQ(std::string(error), (bad + ":2: object 1").substr(0, 15));
+    char full[512];
+    EXPECT_NE(kelpRuntimeLoadModel(bad.c_str(), full, sizeof full), 0);
+    EXPECT_NE(std::string(full).find(":2: object 1: unknown type \"fan\""), std::string::npos);
+    EXPECT_NE(kelpRuntimeLoadModel(nullptr, full, sizeof full), 0);
+    EXPECT_EQ(std::string(full), "no model file named");
+    EXPECT_NE(kelpRuntimeLoadModel(bad.c_str(), nullptr, 0), 0);
+    EXPECT_NE(kelpRuntimeLoadModel(bad.c_str(), error, 0), 0);
+    EXPECT_EQ(object(1), "<status 7>");
+
+    std::string good = writeFile("good.xml", ds::testing::kTestModel);
+    EXPECT_EQ(kelpRuntimeLoadModel(good.c_str(), full, sizeof full), 0);
+    EXPECT_EQ(std::string(full), "");
+    EXPECT_EQ(object(30), "<ObjID>30</ObjID><Nexus>0\\b</Nexus>");
+}
+
+TEST_F(ModelStoreTest, FirstQueryLoadsKelpModelWhenNoHostChoseOne)
+{
+    std::string good = writeFile("good.xml", ds::testing::kTestModel);
+    setenv("KELP_MODEL", good.c_str(), 1);
+    EXPECT_EQ(GetSmartThermalShutdownStatus(), 3u);
+    EXPECT_EQ(ds::modelStatus().origin, good);
+
+    // A host's own model wins, and after it the environment is not read.
+    ds::resetForTesting();
+    std::string error;
+    ASSERT_TRUE(ds::loadModelText("<storage thermalShutdown='9'/>", "host", &error)) << error;
+    EXPECT_EQ(GetSmartThermalShutdownStatus(), 9u);
+    ds::unloadModel();
+    EXPECT_EQ(GetSmartThermalShutdownStatus(), 0u);
+    EXPECT_FALSE(ds::modelStatus().served) << "unloading is a host's choice too";
+}
+
+TEST_F(ModelStoreTest, BadKelpModelIsReportedOnceAndNothingIsServed)
+{
+    std::string bad = writeFile("bad.xml", "<storage>\n<object/></storage>");
+    setenv("KELP_MODEL", bad.c_str(), 1);
+    ::testing::internal::CaptureStderr();
+    uint32_t status = 0;
+    EXPECT_EQ(DataStoreReady(&status), nullptr);
+    EXPECT_EQ(status, 7u);
+    EXPECT_EQ(DataStoreReady(&status), nullptr);
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err, "kelp: KELP_MODEL: " + bad + ":2: <object> has no id attribute\n");
+}
+
+TEST_F(ModelStoreTest, ChangesNeedAServedModel)
+{
+    std::string error;
+    EXPECT_FALSE(ds::setReady(false, &error));
+    EXPECT_EQ(error, "no model is served");
+    EXPECT_FALSE(ds::setAttribute(1, "Name", "x", &error));
+    EXPECT_FALSE(ds::addObjects("<object id='1' type='fans'/>", &error));
+    EXPECT_FALSE(ds::removeObject(1, nullptr));
+    Fields fields;
+    EXPECT_FALSE(ds::eventFieldsOf(1, &fields, &error));
+}
+
+TEST_F(ModelStoreTest, ReadyOffMakesTheStoreAnswerANonZeroCode)
+{
+    loadTestModel();
+    std::string error;
+    ASSERT_TRUE(ds::setReady(false, &error)) << error;
+    EXPECT_FALSE(ds::modelStatus().ready);
+    uint32_t status = 99;
+    char *xml = DataStoreReady(&status);
+    ASSERT_NE(xml, nullptr);
+    EXPECT_EQ(status, 0u);
+    EXPECT_STREQ(xml, "<DataStoreReady><Code>1</Code></DataStoreReady>");
+    freeMem(xml);
+    ASSERT_TRUE(ds::setReady(true, &error)) << error;
+    EXPECT_TRUE(ds::modelStatus().ready);
+}
+
+TEST_F(ModelStoreTest, SetAttributeReplacesTheFirstOccurrenceOrAppends)
+{
+    ASSERT_TRUE(ds::loadModelText("<storage><object id='1' type='fans'><A>1</A><A>2</A>"
+                                  "</object></storage>",
+                                  "m", nullptr));
+    std::string error;
+    ASSERT_TRUE(ds::setAttribute(1, "A", "x<y", &error)) << error;
+    ASSERT_TRUE(ds::setAttribute(1, "B", "", &error)) << error;
+    EXPECT_EQ(object(1), "<ObjID>1</ObjID><A>x&lt;y</A><A>2</A><B></B>");
+}
+
+TEST_F(ModelStoreTest, InvalidChangesAreRefusedAndChangeNothing)
+{
+    loadTestModel();
+    std::shared_ptr<const ds::Model> before = ds::servedModel();
+    const struct {
+        const char *name;
+        bool (*change)(std::string *);
+        const char *message;
+    } cases[] = {
+        {"no such object", [](std::string *e) { return ds::setAttribute(3, "A", "1", e); },
+         "no object 3"},
+        {"value too long",
+         [](std::string *e) { return ds::setAttribute(1, "Name", std::string(160, 'x'), e); },
+         "test.xml:4: object 1: Name has 160 bytes, over the limit of 159"},
+        {"NUL in a value",
+         [](std::string *e) { return ds::setAttribute(1, "Name", std::string("a\0", 2), e); },
+         "test.xml:4: object 1: Name is not UTF-8 text"},
+        {"ObjID", [](std::string *e) { return ds::setAttribute(1, "ObjID", "7", e); },
+         "test.xml:4: object 1: ObjID is no attribute: the id attribute gives it"},
+        {"bad name", [](std::string *e) { return ds::setAttribute(1, "<x>", "7", e); },
+         "test.xml:4: object 1: \"<x>\" is not an attribute name"},
+        {"duplicate in a fragment",
+         [](std::string *e) {
+             return ds::addObjects("<object id='95' type='fans'/>\n<object id='20' type='fans'/>",
+                                   e);
+         },
+         "added XML:2: duplicate object id 20 (first at test.xml:10)"},
+        {"malformed fragment", [](std::string *e) { return ds::addObjects("<object id='95'", e); },
+         "added XML:1: start tag <object> is not closed"},
+        {"link to nothing",
+         [](std::string *e) { return ds::addObjects("<link a='1' b='2000'/>", e); },
+         "added XML:1: link of 1 and 2000: no object 2000"},
+        {"remove a parent", [](std::string *e) { return ds::removeObject(5, e); },
+         "object 5 has children (object 20 first); remove them first"},
+        {"remove nothing", [](std::string *e) { return ds::removeObject(4, e); }, "no object 4"},
+    };
+    for (const auto &c : cases) {
+        std::string error;
+        EXPECT_FALSE(c.change(&error)) << c.name;
+        EXPECT_EQ(error, c.message) << c.name;
+        EXPECT_EQ(ds::servedModel(), before) << c.name;
+    }
+    EXPECT_FALSE(ds::setAttribute(3, "A", "1", nullptr)) << "a null error is accepted";
+}
+
+TEST_F(ModelStoreTest, AddAndRemoveObjectsWithTheirLinks)
+{
+    loadTestModel();
+    std::string error;
+    ASSERT_TRUE(ds::addObjects("<object id='90' type='arraydisks' parent='5'>"
+                               "<Nexus>0\\0\\0\\90</Nexus></object><link a='90' b='40'/>",
+                               &error))
+        << error;
+    EXPECT_EQ(ds::modelStatus().counts[2].second, 4u);
+    uint32_t status = 0;
+    char *xml = GetAssociatedPhyDevCount(&status, "arraydisks", 40);
+    ASSERT_NE(xml, nullptr);
+    EXPECT_STREQ(xml, "<objectCount>2</objectCount>");
+    freeMem(xml);
+
+    ASSERT_TRUE(ds::removeObject(90, &error)) << error;
+    EXPECT_EQ(object(90), "<status 2>");
+    xml = GetAssociatedPhyDevCount(&status, "arraydisks", 40);
+    ASSERT_NE(xml, nullptr);
+    EXPECT_STREQ(xml, "<objectCount>1</objectCount>");
+    freeMem(xml);
+    ASSERT_TRUE(ds::removeObject(20, &error)) << "its link to 40 goes with it: " << error;
+    EXPECT_EQ(GetAssociated(&status, "arraydisks", 40), nullptr);
+    EXPECT_EQ(status, 2u);
+}
+
+TEST_F(ModelStoreTest, EventFieldsDescribeTheObjectAndItsController)
+{
+    loadTestModel();
+    Fields fields;
+    std::string error;
+    ASSERT_TRUE(ds::eventFieldsOf(20, &fields, &error)) << error;
+    EXPECT_EQ(fields, (Fields{{"ObjType", "772"},
+                              {"Nexus", "0\\0\\0\\20"},
+                              {"ObjStatus", "2"},
+                              {"PreviousStatus", "1"},
+                              {"AttributesMask", "0000000000000000000000100"},
+                              {"ControllerName", "Vorn RX-240"}}));
+    ASSERT_TRUE(ds::eventFieldsOf(40, &fields, &error)) << error;
+    EXPECT_EQ(fields, (Fields{{"ObjType", "773"},
+                              {"Nexus", "v40"},
+                              {"ControllerName", "Vorn RX-240"},
+                              {"VirtualDiskName", "Data"}}));
+    ASSERT_TRUE(ds::eventFieldsOf(1, &fields, &error)) << error;
+    EXPECT_EQ(fields,
+              (Fields{{"ObjType", "769"}, {"Nexus", "0"}, {"ControllerName", "Vorn RX-240"}}));
+    ASSERT_TRUE(ds::eventFieldsOf(80, &fields, &error)) << error;
+    EXPECT_EQ(fields, (Fields{{"ObjType", "774"}, {"Nexus", "t80"}, {"ControllerName", "HBA 9"}}))
+        << "a linked adapter owns the tape";
+    ASSERT_TRUE(ds::eventFieldsOf(50, &fields, &error)) << error;
+    EXPECT_EQ(fields, (Fields{{"ObjType", "791"}, {"Nexus", "p50"}})) << "no controller";
+    EXPECT_FALSE(ds::eventFieldsOf(4, &fields, &error));
+    EXPECT_EQ(error, "no object 4");
+}
+
+TEST_F(ModelStoreTest, TypeCodesOfTheEventInterface)
+{
+    const std::pair<const char *, uint32_t> cases[] = {
+        {"adapters", 769},
+        {"bus", 770},
+        {"batteries", 771},
+        {"arraydisks", 772},
+        {"vdisks", 773},
+        {"Tape", 774},
+        {"enclosures", 776},
+        {"fans", 777},
+        {"tempprobes", 778},
+        {"psupplies", 779},
+        {"emms", 780},
+        {"Tidal Cache", 786},
+        {"CacheLunNode", 789},
+        {"VDPartitionNode", 791},
+        {"Tidal Cache Pool", 792},
+        {"NVMeAdapter", 793},
+        {"adtoenclosure", 0},
+        {"", 0},
+    };
+    for (const auto &[name, code] : cases)
+        EXPECT_EQ(ds::objectTypeCode(name), code) << name;
+}
+
+TEST_F(ModelStoreTest, StorageAttributesOfTheServedModel)
+{
+    std::string value;
+    EXPECT_FALSE(ds::storageAttribute("url", &value));
+    loadTestModel();
+    ASSERT_TRUE(ds::storageAttribute("url", &value));
+    EXPECT_EQ(value, "https://localhost:1311");
+    ASSERT_TRUE(ds::storageAttribute("baseBoardServiceTag", &value));
+    EXPECT_EQ(value, "7XYZ124");
+    EXPECT_FALSE(ds::storageAttribute("none", &value));
+}
+
+// Readers run while a writer changes one attribute back and forth and adds
+// and removes an object: every answer is one whole state or the other.
+TEST_F(ModelStoreTest, ReadersNeverSeeHalfAChange)
+{
+    loadTestModel();
+    const std::string nameA = "<ObjID>40</ObjID><Nexus>v40</Nexus><Name>Data</Name>";
+    const std::string nameB = "<ObjID>40</ObjID><Nexus>v40</Nexus><Name>Other</Name>";
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; ++r) {
+        readers.emplace_back([&] {
+            while (!stop.load()) {
+                std::string got = object(40);
+                if (got != nameA && got != nameB)
+                    ++bad;
+                uint32_t status = 0;
+                char *list = GetObjectList(&status, "fans");
+                if (list == nullptr)
+                    ++bad;
+                std::string text = list != nullptr ? list : "";
+                freeMem(list);
+                if (text != "<ObjList><ObjID>70</ObjID><Nexus>0\\0\\0\\f</Nexus></ObjList>" &&
+                    text != "<ObjList><ObjID>70</ObjID><Nexus>0\\0\\0\\f</Nexus>"
+                            "<ObjID>96</ObjID></ObjList>") {
+                    ++bad;
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        std::string error;
+        ASSERT_TRUE(ds::setAttribute(40, "Name", i % 2 == 0 ? "Other" : "Data", &error)) << error;
+        ASSERT_TRUE(ds::addObjects("<object id='96' type='fans'/>", &error)) << error;
+        ASSERT_TRUE(ds::removeObject(96, &error)) << error;
+    }
+    stop.store(true);
+    for (auto &t : readers)
+        t.join();
+    EXPECT_EQ(bad.load(), 0);
+}
+
+} // namespace

@@ -1,0 +1,106 @@
+// What the rest of the runtime reads from the served model: the status the
+// control socket reports, the fields an event about an object carries, the
+// attributes of <storage> and the event interface's type codes.
+#include "datastore/model.h"
+#include "datastore/model_store.h"
+
+namespace kelp::ds {
+namespace {
+
+bool fail(std::string *error, const std::string &message)
+{
+    if (error != nullptr)
+        *error = message;
+    return false;
+}
+
+const std::string *firstAttribute(const ObjectData &o, std::string_view name)
+{
+    for (const auto &[key, value] : o.attributes) {
+        if (key == name)
+            return &value;
+    }
+    return nullptr;
+}
+
+// The controller that owns pos: the object itself, its nearest "adapters"
+// ancestor, or the first adapter linked to it.
+std::optional<size_t> owningController(const Model &m, size_t pos)
+{
+    auto isAdapter = [&](size_t p) { return m.object(p).type == "adapters"; };
+    for (std::optional<size_t> p = pos; p; p = m.parentOf(*p)) {
+        if (isAdapter(*p))
+            return p;
+    }
+    for (size_t p : m.linkedTo(pos)) {
+        if (isAdapter(p))
+            return p;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+ModelStatus modelStatus()
+{
+    ModelStatus status;
+    std::shared_ptr<const Model> m = servedModel();
+    if (m == nullptr)
+        return status;
+    status.served = true;
+    status.origin = m->data().origins.front();
+    status.ready = m->ready();
+    for (const auto &t : kObjectTypes)
+        status.counts.emplace_back(std::string(t.name),
+                                   static_cast<uint32_t>(m->ofType(t.name).size()));
+    return status;
+}
+
+bool storageAttribute(const std::string &name, std::string *value)
+{
+    std::shared_ptr<const Model> m = servedModel();
+    if (m == nullptr)
+        return false;
+    std::optional<std::string> found = m->storageAttribute(name);
+    if (!found)
+        return false;
+    if (value != nullptr)
+        *value = std::move(*found);
+    return true;
+}
+
+bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>> *fields,
+                   std::string *error)
+{
+    std::shared_ptr<const Model> m = servedModel();
+    if (m == nullptr)
+        return fail(error, "no model is served");
+    std::optional<size_t> pos = m->find(id);
+    if (!pos)
+        return fail(error, "no object " + std::to_string(id));
+    const ObjectData &o = m->object(*pos);
+    fields->clear();
+    if (uint32_t code = objectTypeCode(o.type); code != 0)
+        fields->emplace_back("ObjType", std::to_string(code));
+    for (const char *name : {"Nexus", "ObjStatus", "PreviousStatus", "AttributesMask"}) {
+        if (const std::string *v = firstAttribute(o, name))
+            fields->emplace_back(name, *v);
+    }
+    if (std::optional<size_t> ctrl = owningController(*m, *pos)) {
+        if (const std::string *v = firstAttribute(m->object(*ctrl), "Name"))
+            fields->emplace_back("ControllerName", *v);
+    }
+    if (o.type == "vdisks") {
+        if (const std::string *v = firstAttribute(o, "Name"))
+            fields->emplace_back("VirtualDiskName", *v);
+    }
+    return true;
+}
+
+uint32_t objectTypeCode(const std::string &typeName)
+{
+    int t = objectTypeIndex(typeName);
+    return t < 0 ? 0 : kObjectTypes[t].code;
+}
+
+} // namespace kelp::ds

@@ -1,0 +1,324 @@
+// The strict XML reader behind model files and added objects (see
+// xml_reader.h). One forward pass with an explicit stack, so neither deep
+// nesting nor a long text can exhaust the call stack; every access is bounded
+// by the string_view.
+#include "datastore/xml_reader.h"
+#include "datastore/xml_text.h"
+
+namespace kelp::ds::xml {
+namespace {
+
+constexpr size_t npos = std::string_view::npos;
+
+class Reader {
+  public:
+    Reader(std::string_view text, uint32_t maxDepth, Error *error)
+        : s_(text), maxDepth_(maxDepth), error_(error)
+    {
+    }
+
+    // Parses the whole text as content of a virtual root; document mode
+    // requires exactly one element there and no text.
+    bool run(bool document, std::vector<Element> *top);
+
+  private:
+    uint32_t lineAt(size_t pos);
+    bool fail(size_t pos, std::string message);
+    bool fail(uint32_t line, std::string message);
+    size_t nameEnd(size_t pos) const;
+    bool decode(std::string_view raw, size_t base, std::string *out);
+    bool text(size_t end);
+    bool startTag(size_t lt, bool document);
+    bool endTag(size_t lt);
+
+    std::string_view s_;
+    uint32_t maxDepth_;
+    Error *error_;
+    size_t pos_ = 0;
+    size_t countedTo_ = 0; // lines are counted up to here
+    uint32_t countedLine_ = 1;
+    std::vector<Element> stack_; // [0] is the virtual root
+};
+
+uint32_t Reader::lineAt(size_t pos)
+{
+    if (pos < countedTo_) { // only errors look back; count again from the start
+        countedTo_ = 0;
+        countedLine_ = 1;
+    }
+    for (; countedTo_ < pos && countedTo_ < s_.size(); ++countedTo_) {
+        if (s_[countedTo_] == '\n')
+            ++countedLine_;
+    }
+    return countedLine_;
+}
+
+bool Reader::fail(size_t pos, std::string message)
+{
+    return fail(lineAt(pos), std::move(message));
+}
+
+bool Reader::fail(uint32_t line, std::string message)
+{
+    if (error_ != nullptr) {
+        error_->line = line;
+        error_->message = std::move(message);
+    }
+    return false;
+}
+
+size_t Reader::nameEnd(size_t pos) const
+{
+    if (pos >= s_.size() || !isNameStart(s_[pos]))
+        return pos;
+    while (pos < s_.size() && isNameChar(s_[pos]))
+        ++pos;
+    return pos;
+}
+
+// Appends raw with its entity and character references replaced; base is
+// raw's offset in the text, for the line of an error.
+bool Reader::decode(std::string_view raw, size_t base, std::string *out)
+{
+    static constexpr std::pair<std::string_view, char> kNamed[] = {
+        {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
+    for (size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '&') {
+            out->push_back(raw[i]);
+            continue;
+        }
+        size_t semi = raw.find(';', i + 1);
+        if (semi == npos || semi - i > 12)
+            return fail(base + i, "'&' that does not start an entity (write &amp;)");
+        std::string_view ref = raw.substr(i + 1, semi - i - 1);
+        bool known = false;
+        for (const auto &[name, c] : kNamed) {
+            if (ref == name) {
+                out->push_back(c);
+                known = true;
+            }
+        }
+        if (!known && !ref.empty() && ref[0] == '#') {
+            bool hex = ref.size() > 1 && ref[1] == 'x';
+            std::string_view digits = ref.substr(hex ? 2 : 1);
+            uint32_t cp = 0;
+            bool ok = !digits.empty();
+            for (char c : digits) {
+                int d = c >= '0' && c <= '9'          ? c - '0'
+                        : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
+                        : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                      : -1;
+                if (d < 0 || cp > 0x10FFFF) {
+                    ok = false;
+                    break;
+                }
+                cp = cp * (hex ? 16 : 10) + static_cast<uint32_t>(d);
+            }
+            if (!ok || !isXmlChar(cp))
+                return fail(base + i, "invalid character reference &" + std::string(ref) + ";");
+            appendUtf8(out, cp);
+            known = true;
+        }
+        if (!known)
+            return fail(base + i, "unknown entity &" + std::string(ref) + ";");
+        i = semi;
+    }
+    return true;
+}
+
+// Character data from pos_ up to end.
+bool Reader::text(size_t end)
+{
+    std::string_view raw = s_.substr(pos_, end - pos_);
+    size_t firstInk = 0;
+    while (firstInk < raw.size() && isSpace(raw[firstInk]))
+        ++firstInk;
+    if (stack_.size() == 1) {
+        if (firstInk < raw.size())
+            return fail(pos_ + firstInk, "text outside an element");
+        pos_ = end;
+        return true;
+    }
+    Element &open = stack_.back();
+    if (firstInk < raw.size() && open.textLine == 0)
+        open.textLine = lineAt(pos_ + firstInk);
+    if (!decode(raw, pos_, &open.text))
+        return false;
+    pos_ = end;
+    return true;
+}
+
+bool Reader::startTag(size_t lt, bool document)
+{
+    size_t end = nameEnd(lt + 1);
+    if (end == lt + 1)
+        return fail(lt, "'<' that does not start a tag (write &lt;)");
+    Element e;
+    e.name = std::string(s_.substr(lt + 1, end - lt - 1));
+    e.line = lineAt(lt);
+    if (document && stack_.size() == 1 && !stack_[0].children.empty())
+        return fail(e.line, "a second root element <" + e.name + ">");
+    if (stack_.size() > maxDepth_)
+        return fail(e.line, "<" + e.name + "> is nested deeper than " + std::to_string(maxDepth_) +
+                                " levels");
+    size_t p = end;
+    for (;;) {
+        size_t blanks = p;
+        while (p < s_.size() && isSpace(s_[p]))
+            ++p;
+        if (p >= s_.size())
+            return fail(e.line, "start tag <" + e.name + "> is not closed");
+        if (s_[p] == '>' || s_.substr(p, 2) == "/>")
+            break;
+        size_t nameStop = nameEnd(p);
+        if (p == blanks || nameStop == p)
+            return fail(p, "bad attribute in <" + e.name + ">");
+        Attribute a;
+        a.name = std::string(s_.substr(p, nameStop - p));
+        p = nameStop;
+        while (p < s_.size() && isSpace(s_[p]))
+            ++p;
+        if (p >= s_.size() || s_[p] != '=')
+            return fail(p, "attribute " + a.name + " of <" + e.name + "> has no value");
+        ++p;
+        while (p < s_.size() && isSpace(s_[p]))
+            ++p;
+        if (p >= s_.size() || (s_[p] != '"' && s_[p] != '\''))
+            return fail(p, "value of attribute " + a.name + " is not quoted");
+        size_t close = s_.find(s_[p], p + 1);
+        if (close == npos)
+            return fail(p, "value of attribute " + a.name + " is not closed");
+        std::string_view raw = s_.substr(p + 1, close - p - 1);
+        if (size_t bad = raw.find('<'); bad != npos)
+            return fail(p + 1 + bad, "'<' in the value of attribute " + a.name);
+        if (!decode(raw, p + 1, &a.value))
+            return false;
+        for (char &c : a.value) {
+            if (c == '\t' || c == '\n' || c == '\r')
+                c = ' ';
+        }
+        if (e.attribute(a.name) != nullptr)
+            return fail(p, "attribute " + a.name + " repeated in <" + e.name + ">");
+        e.attributes.push_back(std::move(a));
+        p = close + 1;
+    }
+    if (s_[p] == '/') {
+        pos_ = p + 2;
+        stack_.back().children.push_back(std::move(e));
+    } else {
+        pos_ = p + 1;
+        stack_.push_back(std::move(e));
+    }
+    return true;
+}
+
+bool Reader::endTag(size_t lt)
+{
+    size_t end = nameEnd(lt + 2);
+    std::string_view name = s_.substr(lt + 2, end - lt - 2);
+    size_t p = end;
+    while (p < s_.size() && isSpace(s_[p]))
+        ++p;
+    if (name.empty() || p >= s_.size() || s_[p] != '>')
+        return fail(lt, "bad end tag");
+    if (stack_.size() == 1)
+        return fail(lt, "end tag </" + std::string(name) + "> without a start tag");
+    const Element &open = stack_.back();
+    if (name != open.name) {
+        return fail(lt, "</" + std::string(name) + "> does not close <" + open.name + "> (line " +
+                            std::to_string(open.line) + ")");
+    }
+    Element done = std::move(stack_.back());
+    stack_.pop_back();
+    stack_.back().children.push_back(std::move(done));
+    pos_ = p + 1;
+    return true;
+}
+
+bool Reader::run(bool document, std::vector<Element> *top)
+{
+    if (size_t bad = firstBadByte(s_); bad != npos)
+        return fail(bad, "a byte that is not UTF-8 text, or a control character");
+    stack_.assign(1, Element());
+    while (pos_ < s_.size()) {
+        size_t lt = s_.find('<', pos_);
+        if (lt != pos_) {
+            if (!text(lt == npos ? s_.size() : lt))
+                return false;
+            continue;
+        }
+        std::string_view rest = s_.substr(lt);
+        auto skipTo = [&](std::string_view close, const char *what) {
+            size_t end = s_.find(close, lt + 2);
+            if (end == npos)
+                return fail(lt, std::string(what) + " is not closed");
+            pos_ = end + close.size();
+            return true;
+        };
+        bool ok = true;
+        if (rest.starts_with("<!--")) {
+            ok = skipTo("-->", "comment");
+        } else if (rest.starts_with("<![CDATA[")) {
+            if (stack_.size() == 1)
+                return fail(lt, "CDATA outside an element");
+            size_t end = s_.find("]]>", lt + 9);
+            if (end == npos)
+                return fail(lt, "CDATA section is not closed");
+            Element &open = stack_.back();
+            std::string_view data = s_.substr(lt + 9, end - lt - 9);
+            size_t ink = 0;
+            while (ink < data.size() && isSpace(data[ink]))
+                ++ink;
+            if (ink < data.size() && open.textLine == 0)
+                open.textLine = lineAt(lt + 9 + ink);
+            open.text.append(data);
+            pos_ = end + 3;
+        } else if (rest.starts_with("<?")) {
+            ok = skipTo("?>", "processing instruction");
+        } else if (rest.starts_with("<!")) {
+            return fail(lt, "DOCTYPE and other declarations are not supported");
+        } else if (rest.starts_with("</")) {
+            ok = endTag(lt);
+        } else {
+            ok = startTag(lt, document);
+        }
+        if (!ok)
+            return false;
+    }
+    if (stack_.size() > 1) {
+        const Element &open = stack_.back();
+        return fail(open.line, "<" + open.name + "> is not closed");
+    }
+    if (document && stack_[0].children.empty())
+        return fail(lineAt(s_.size()), "no root element");
+    *top = std::move(stack_[0].children);
+    return true;
+}
+
+} // namespace
+
+const std::string *Element::attribute(std::string_view attributeName) const
+{
+    for (const auto &a : attributes) {
+        if (a.name == attributeName)
+            return &a.value;
+    }
+    return nullptr;
+}
+
+bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t maxDepth)
+{
+    std::vector<Element> top;
+    if (!Reader(text, maxDepth, error).run(true, &top))
+        return false;
+    *root = std::move(top.front());
+    return true;
+}
+
+bool parseFragment(std::string_view text, std::vector<Element> *elements, Error *error,
+                   uint32_t maxDepth)
+{
+    return Reader(text, maxDepth, error).run(false, elements);
+}
+
+} // namespace kelp::ds::xml

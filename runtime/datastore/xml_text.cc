@@ -1,0 +1,119 @@
+// Character-level rules of XML as the model reader applies them: which
+// bytes are text, which are names, and how text is written back.
+#include "datastore/xml_text.h"
+
+namespace kelp::ds::xml {
+
+constexpr size_t npos = std::string_view::npos;
+
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+bool isNameStart(char c)
+{
+    auto u = static_cast<unsigned char>(c);
+    return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
+}
+
+bool isNameChar(char c)
+{
+    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+bool isXmlChar(uint32_t cp)
+{
+    return cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+           (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
+}
+
+void appendUtf8(std::string *out, uint32_t cp)
+{
+    auto byte = [out](uint32_t b) { out->push_back(static_cast<char>(b)); };
+    if (cp < 0x80) {
+        byte(cp);
+    } else if (cp < 0x800) {
+        byte(0xC0 | (cp >> 6));
+        byte(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        byte(0xE0 | (cp >> 12));
+        byte(0x80 | ((cp >> 6) & 0x3F));
+        byte(0x80 | (cp & 0x3F));
+    } else {
+        byte(0xF0 | (cp >> 18));
+        byte(0x80 | ((cp >> 12) & 0x3F));
+        byte(0x80 | ((cp >> 6) & 0x3F));
+        byte(0x80 | (cp & 0x3F));
+    }
+}
+
+size_t firstBadByte(std::string_view s)
+{
+    size_t i = 0;
+    while (i < s.size()) {
+        auto b = static_cast<unsigned char>(s[i]);
+        if (b < 0x80) {
+            if (!isXmlChar(b))
+                return i;
+            ++i;
+            continue;
+        }
+        size_t len = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 0;
+        if (len == 0 || i + len > s.size())
+            return i;
+        uint32_t cp = b & (0x7F >> len);
+        for (size_t k = 1; k < len; ++k) {
+            auto c = static_cast<unsigned char>(s[i + k]);
+            if ((c & 0xC0) != 0x80)
+                return i;
+            cp = (cp << 6) | (c & 0x3F);
+        }
+        // Overlong forms, surrogates and code points past U+10FFFF are not UTF-8.
+        static constexpr uint32_t kMinForLength[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (cp < kMinForLength[len] || !isXmlChar(cp))
+            return i;
+        i += len;
+    }
+    return npos;
+}
+
+bool isName(std::string_view name)
+{
+    if (name.empty() || !isNameStart(name[0]))
+        return false;
+    for (char c : name) {
+        if (!isNameChar(c))
+            return false;
+    }
+    return true;
+}
+
+std::string escapeText(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
+bool isXmlText(std::string_view text)
+{
+    return firstBadByte(text) == npos;
+}
+
+} // namespace kelp::ds::xml

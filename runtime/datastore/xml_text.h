@@ -1,0 +1,42 @@
+// Character-level rules of XML as the model reader applies them: UTF-8
+// validity, the characters XML 1.0 allows, names, and escaping text so that
+// it reads back the same.
+#ifndef KELP_RUNTIME_DATASTORE_XML_TEXT_H
+#define KELP_RUNTIME_DATASTORE_XML_TEXT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kelp::ds::xml {
+
+// XML white space: blank, tab, carriage return, line feed.
+bool isSpace(char c);
+// A byte that may start a name (a letter, '_', ':' or any non-ASCII byte),
+// and one that may follow (also digits, '-' and '.').
+bool isNameStart(char c);
+bool isNameChar(char c);
+// A code point XML 1.0 allows in a document.
+bool isXmlChar(uint32_t cp);
+// Appends the UTF-8 form of code point cp (at most U+10FFFF).
+void appendUtf8(std::string *out, uint32_t cp);
+
+// Offset of the first byte of s that is not part of valid UTF-8 or encodes a
+// character XML does not allow (NUL, most control characters, surrogates),
+// or std::string_view::npos when there is none.
+size_t firstBadByte(std::string_view s);
+
+// Whether text is valid UTF-8 of allowed characters (firstBadByte finds none).
+bool isXmlText(std::string_view text);
+
+// Whether name is a name as the reader accepts it: isNameStart, then isNameChar.
+bool isName(std::string_view name);
+
+// text with '&', '<' and '>' written as entities, so that it reads back the
+// same as element content.
+std::string escapeText(std::string_view text);
+
+} // namespace kelp::ds::xml
+
+#endif // KELP_RUNTIME_DATASTORE_XML_TEXT_H
