@@ -1,25 +1,46 @@
-// The event interface: the queue of storage events the event monitor reads,
-// and the extended SNMP message preference. The queue is not available yet:
-// events arrive through the control socket, a later piece of work, so for now
-// the queue is always empty.
+// The event interface: the plug-in's event monitor reads the queue of storage
+// events (eventif/event_queue.h) through these calls, and reads the extended
+// SNMP message preference from the ini store.
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string>
 
+#include "eventif/event_queue.h"
 #include "queue.h"
 #include "vcsif.h"
 
 extern "C" {
 
-// Not available yet: nothing to switch on while no event source exists.
-void vcsif32_yesEventQ(void) {}
+// The queue keeps events from the moment the runtime is loaded, so that a
+// host may queue before the plug-in loads and nothing queued earlier is lost;
+// switching it on only records that a reader exists (shown by `status`).
+void vcsif32_yesEventQ(void)
+{
+    kelp::ev::setReaderSwitchedOn();
+}
 
-// Not available yet: this library takes no commands at all.
+// This library takes no commands from its client, so there is nothing to
+// switch off.
 void vcsif32_noCmdQ(void) {}
 
-// Not available yet: the queue is always empty, so the answer is null.
-char *vcsif32_getEvent(uint32_t /*count*/)
+// Only single events are handed out; any other count is answered null and
+// leaves the queue as it is.
+char *vcsif32_getEvent(uint32_t count)
 {
-    return nullptr;
+    if (count != 1)
+        return nullptr;
+    std::optional<std::string> event = kelp::ev::takeOldestEvent();
+    if (!event)
+        return nullptr;
+    auto *copy = static_cast<char *>(std::malloc(event->size() + 1));
+    if (copy == nullptr) {
+        // Out of memory: keep the event for the next call rather than drop it.
+        kelp::ev::requeueOldestEvent(std::move(*event));
+        return nullptr;
+    }
+    std::memcpy(copy, event->c_str(), event->size() + 1);
+    return copy;
 }
 
 // Event texts are heap blocks; null is ignored.

@@ -1,0 +1,269 @@
+// The command table of the control socket: for each command, the check of
+// its arguments (pure) and the step that runs it against the served model
+// (kelp::ds) or the event queue (kelp::ev). Adding a command is adding a
+// parse function, a run function and a row.
+#include "control/commands.h"
+
+#include <array>
+
+#include "control/words.h"
+#include "datastore/model_store.h"
+#include "eventif/event_queue.h"
+
+namespace kelp::ctl {
+namespace {
+
+using Args = std::span<const std::string>;
+
+bool usageError(const Request &request, std::string *error)
+{
+    *error = std::string("usage: ") + request.command->usage;
+    return false;
+}
+
+bool objectIdArg(const std::string &word, uint32_t *id, std::string *error)
+{
+    if (parseObjectId(word, id))
+        return true;
+    *error = "bad object id \"" + word + "\": expected a decimal number from 1 to 4294967295";
+    return false;
+}
+
+// The data-store calls share one shape: true, or false with a message.
+void runOrFail(bool done, const std::string &error, Reply *reply)
+{
+    if (!done)
+        reply->fail(error.empty() ? "the data store refused the change" : error);
+}
+
+bool parseNoArgs(Args args, Request *request, std::string *error)
+{
+    return args.empty() || usageError(*request, error);
+}
+
+void runHelp(const Request &, Reply *reply)
+{
+    for (const CommandRow &row : commandTable())
+        reply->lines.push_back(row.usage);
+}
+
+void runStatus(const Request &, Reply *reply)
+{
+    ds::ModelStatus status = ds::modelStatus();
+    reply->lines.push_back("model: " + (status.served ? status.origin : std::string("none")));
+    reply->lines.push_back(std::string("ready: ") + (status.ready ? "yes" : "no"));
+    uint64_t total = 0;
+    for (const auto &count : status.counts)
+        total += count.second;
+    reply->lines.push_back("objects: " + std::to_string(total));
+    for (const auto &[type, count] : status.counts)
+        reply->lines.push_back("  " + type + ": " + std::to_string(count));
+    reply->lines.push_back("events queued: " + std::to_string(ev::queuedEvents()));
+    reply->lines.push_back(std::string("event reader: ") +
+                           (ev::readerSwitchedOn() ? "switched on" : "not yet switched on"));
+}
+
+bool parseReady(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 1 || (args[0] != "on" && args[0] != "off"))
+        return usageError(*request, error);
+    request->on = args[0] == "on";
+    return true;
+}
+
+void runReady(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::setReady(request.on, &error), error, reply);
+}
+
+bool parseSet(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 3)
+        return usageError(*request, error);
+    if (!objectIdArg(args[0], &request->id, error))
+        return false;
+    if (!isElementName(args[1])) {
+        *error = "bad attribute name \"" + args[1] + "\"";
+        return false;
+    }
+    request->name = args[1];
+    request->text = args[2];
+    return true;
+}
+
+void runSet(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::setAttribute(request.id, request.name, request.text, &error), error, reply);
+}
+
+// "--xml TEXT", the only form of add and the raw form of event.
+bool parseXmlOption(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 2 || args[0] != "--xml")
+        return usageError(*request, error);
+    request->rawXml = true;
+    request->text = args[1];
+    return true;
+}
+
+void runAdd(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::addObjects(request.text, &error), error, reply);
+}
+
+bool parseRemove(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 1)
+        return usageError(*request, error);
+    return objectIdArg(args[0], &request->id, error);
+}
+
+void runRemove(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::removeObject(request.id, &error), error, reply);
+}
+
+bool parseLoad(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 1 || args[0].empty())
+        return usageError(*request, error);
+    request->text = args[0];
+    return true;
+}
+
+void runLoad(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::loadModelFile(request.text, &error), error, reply);
+}
+
+bool parseEvent(Args args, Request *request, std::string *error)
+{
+    if (!args.empty() && args[0] == "--xml")
+        return parseXmlOption(args, request, error);
+    if (args.empty())
+        return usageError(*request, error);
+    if (!parseEventNumber(args[0], &request->id)) {
+        *error =
+            "bad event number \"" + args[0] + "\": expected a decimal number from 0 to 4294967295";
+        return false;
+    }
+    for (size_t i = 1; i < args.size(); i += 2) {
+        const std::string &option = args[i];
+        if (option != "--object" && option != "--parm" && option != "--field") {
+            *error = "unknown event option \"" + option + "\"; usage: " + request->command->usage;
+            return false;
+        }
+        if (i + 1 == args.size()) {
+            *error = option + " needs a value";
+            return false;
+        }
+        const std::string &value = args[i + 1];
+        if (option == "--object") {
+            if (request->object) {
+                *error = "--object given twice";
+                return false;
+            }
+            uint32_t id = 0;
+            if (!objectIdArg(value, &id, error))
+                return false;
+            request->object = id;
+        } else if (option == "--parm") {
+            if (request->parms.size() == kMaxParms) {
+                *error = "more than " + std::to_string(kMaxParms) + " --parm options";
+                return false;
+            }
+            request->parms.push_back(value);
+        } else {
+            size_t eq = value.find('=');
+            std::string name = value.substr(0, eq);
+            if (eq == std::string::npos || !isElementName(name) || name == "EventID") {
+                *error = "bad --field \"" + value +
+                         "\": expected NAME=VALUE with an element name other than EventID";
+                return false;
+            }
+            request->fields.emplace_back(std::move(name), value.substr(eq + 1));
+        }
+    }
+    return true;
+}
+
+void runEvent(const Request &request, Reply *reply)
+{
+    std::string error;
+    if (request.rawXml) {
+        runOrFail(ev::queueEvent(request.text, &error), error, reply);
+        return;
+    }
+    std::vector<std::pair<std::string, std::string>> objectFields;
+    if (request.object && !ds::eventFieldsOf(*request.object, &objectFields, &error)) {
+        reply->fail(error.empty() ? "no object " + std::to_string(*request.object) : error);
+        return;
+    }
+    std::string xml = eventXml(request.id, objectFields, request.parms, request.fields);
+    runOrFail(ev::queueEvent(xml, &error), error, reply);
+}
+
+constexpr std::array kCommands = {
+    CommandRow{"status", parseNoArgs, runStatus, "status"},
+    CommandRow{"ready", parseReady, runReady, "ready on|off"},
+    CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE"},
+    CommandRow{"add", parseXmlOption, runAdd, "add --xml TEXT"},
+    CommandRow{"remove", parseRemove, runRemove, "remove ID"},
+    CommandRow{"load", parseLoad, runLoad, "load FILE"},
+    CommandRow{"event", parseEvent, runEvent,
+               "event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]..."
+               " | event --xml TEXT"},
+    CommandRow{"help", parseNoArgs, runHelp, "help"},
+};
+
+} // namespace
+
+std::span<const CommandRow> commandTable()
+{
+    return kCommands;
+}
+
+bool parseCommand(std::span<const std::string> words, Request *request, std::string *error)
+{
+    *request = Request{};
+    if (words.empty()) {
+        *error = "empty command line";
+        return false;
+    }
+    for (const CommandRow &row : kCommands) {
+        if (words[0] == row.name) {
+            request->command = &row;
+            return row.parse(words.subspan(1), request, error);
+        }
+    }
+    *error = "unknown command \"" + words[0] + "\" (\"help\" lists the commands)";
+    return false;
+}
+
+Reply runCommand(const Request &request)
+{
+    Reply reply;
+    request.command->run(request, &reply);
+    return reply;
+}
+
+std::string answerLine(std::string_view line)
+{
+    std::vector<std::string> words;
+    std::string error;
+    Request request;
+    Reply reply;
+    if (!splitWords(line, &words, &error) || !parseCommand(words, &request, &error)) {
+        reply.fail(error);
+    } else {
+        reply = runCommand(request);
+    }
+    return formatReply(reply);
+}
+
+} // namespace kelp::ctl

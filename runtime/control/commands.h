@@ -1,0 +1,100 @@
+// The commands of the control socket: the table that names them, the pure
+// step from words to a checked request, and running a request against the
+// served model and the event queue. The socket itself is in server.h.
+#ifndef KELP_RUNTIME_CONTROL_COMMANDS_H
+#define KELP_RUNTIME_CONTROL_COMMANDS_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kelp::ctl {
+
+struct CommandRow;
+
+// A command whose words passed its row's checks. Each command uses the
+// fields its row names; the others stay empty.
+struct Request {
+    const CommandRow *command = nullptr;
+    uint32_t id = 0;                // set, remove: the object id; event: the event number
+    bool on = false;                // ready
+    std::string name;               // set: the attribute
+    std::string text;               // set: the value; add and event --xml: the XML; load: the file
+    bool rawXml = false;            // event --xml
+    std::optional<uint32_t> object; // event --object
+    std::vector<std::string> parms; // event --parm, in order
+    std::vector<std::pair<std::string, std::string>> fields; // event --field, in order
+};
+
+// What a command answers: output lines, then "ok" or "error: <error>".
+struct Reply {
+    std::vector<std::string> lines;
+    bool ok = true;
+    std::string error;
+
+    void fail(std::string message)
+    {
+        ok = false;
+        error = std::move(message);
+    }
+};
+
+// One command: its name, the pure check of its arguments (the words after
+// the name) that fills a Request or answers false with a message, the step
+// that runs it, and its usage line.
+struct CommandRow {
+    const char *name;
+    bool (*parse)(std::span<const std::string> args, Request *request, std::string *error);
+    void (*run)(const Request &request, Reply *reply);
+    const char *usage;
+};
+
+// Every command, in the order `help` lists them.
+std::span<const CommandRow> commandTable();
+
+// Checks words (a command name and its arguments) against the table. Pure:
+// reads nothing and changes nothing. False with a message for an empty
+// line, an unknown command or wrong arguments.
+bool parseCommand(std::span<const std::string> words, Request *request, std::string *error);
+
+// Runs a request from parseCommand.
+Reply runCommand(const Request &request);
+
+// The whole exchange for one command line (without its "\n"): the answer
+// text, every line ending in "\n", the last one "ok" or "error: ...". Lines
+// are made printable, so no client text can forge a line.
+std::string answerLine(std::string_view line);
+
+// A reply as the answer text answerLine sends.
+std::string formatReply(const Reply &reply);
+
+// An object id: decimal digits only, 1 to 4294967295.
+bool parseObjectId(std::string_view word, uint32_t *id);
+
+// An event number: decimal digits only, 0 to 4294967295.
+bool parseEventNumber(std::string_view word, uint32_t *number);
+
+// Whether name can be an element name of an event or an attribute: an ASCII
+// letter or '_', then letters, digits, '_', '-' or '.'.
+bool isElementName(std::string_view name);
+
+// text with & < > " written as entities.
+std::string xmlEscape(std::string_view text);
+
+// The event text: <EventID>eventId</EventID>, then objectFields, then
+// <Parm01>.. from parms (at most 10), then fields, every value escaped.
+std::string eventXml(uint32_t eventId,
+                     const std::vector<std::pair<std::string, std::string>> &objectFields,
+                     const std::vector<std::string> &parms,
+                     const std::vector<std::pair<std::string, std::string>> &fields);
+
+// Most --parm options an event takes (Parm01..Parm10).
+inline constexpr size_t kMaxParms = 10;
+
+} // namespace kelp::ctl
+
+#endif // KELP_RUNTIME_CONTROL_COMMANDS_H

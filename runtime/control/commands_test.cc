@@ -1,0 +1,210 @@
+// Every control command through a real control socket against a served
+// model: the answer, the visible effect, and that a refused command changes
+// nothing.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "control/commands.h"
+#include "control/control_testing.h"
+#include "control/words.h"
+#include "datastore/model_store.h"
+#include "eventif/event_queue.h"
+#include "kelp/runtime.h"
+
+namespace {
+
+using namespace kelp::ctl::testing;
+
+class ControlCommandTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string error;
+        ASSERT_TRUE(kelp::ds::loadModelText(kModel, "test-model", &error)) << error;
+        kelp::ev::clearEvents();
+        char message[256];
+        ASSERT_EQ(kelpRuntimeStartControl(socket_.c_str(), message, sizeof message), 0) << message;
+    }
+    void TearDown() override
+    {
+        kelpRuntimeStopControl();
+        kelp::ds::unloadModel();
+        kelp::ev::clearEvents();
+    }
+
+    std::string ask(const std::string &line) { return kelp::ctl::testing::ask(socket_, line); }
+    static std::string takeEvent() { return kelp::ev::takeOldestEvent().value_or("<none>"); }
+
+    TempDir dir_;
+    std::string socket_ = dir_.file("control.sock");
+};
+
+bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+TEST_F(ControlCommandTest, StatusShowsModelCountsReadinessAndQueuedEvents)
+{
+    ASSERT_TRUE(kelp::ev::queueEvent("<EventID>1</EventID>", nullptr));
+    std::string answer = ask("status");
+    EXPECT_TRUE(answer.starts_with("model: test-model\nready: yes\nobjects: 5\n")) << answer;
+    EXPECT_TRUE(contains(answer, "\n  adapters: 1\n")) << answer;
+    EXPECT_TRUE(contains(answer, "\n  arraydisks: 1\n")) << answer;
+    EXPECT_TRUE(contains(answer, "\n  vdisks: 1\n")) << answer;
+    EXPECT_TRUE(contains(answer, "\nevents queued: 1\n")) << answer;
+    EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+
+    kelp::ds::unloadModel();
+    answer = ask("status");
+    EXPECT_TRUE(answer.starts_with("model: none\nready: no\nobjects: 0\n")) << answer;
+    EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+}
+
+TEST_F(ControlCommandTest, ReadyOffAndOnSwitchDataStoreReady)
+{
+    ASSERT_TRUE(contains(readyAnswer(), "<Code>0</Code>")) << readyAnswer();
+    EXPECT_EQ(ask("ready off"), "ok\n");
+    EXPECT_FALSE(contains(readyAnswer(), "<Code>0</Code>")) << readyAnswer();
+    EXPECT_TRUE(contains(readyAnswer(), "<Code>")) << readyAnswer();
+    EXPECT_TRUE(contains(ask("status"), "\nready: no\n"));
+    EXPECT_EQ(ask("ready on"), "ok\n");
+    EXPECT_TRUE(contains(readyAnswer(), "<Code>0</Code>")) << readyAnswer();
+}
+
+TEST_F(ControlCommandTest, SetChangesOneAttributeAsGetSingleObjectShows)
+{
+    EXPECT_EQ(ask("set 20 ObjStatus 4"), "ok\n");
+    EXPECT_TRUE(contains(singleObject(20), "<ObjStatus>4</ObjStatus>")) << singleObject(20);
+    EXPECT_EQ(ask(R"(set 20 Name "Disk \"zero\" & one")"), "ok\n");
+    EXPECT_TRUE(contains(singleObject(20), "<Name>Disk &quot;zero&quot; &amp; one</Name>") ||
+                contains(singleObject(20), "<Name>Disk \"zero\" &amp; one</Name>"))
+        << singleObject(20);
+}
+
+TEST_F(ControlCommandTest, RefusedSetChangesNothing)
+{
+    const std::string before = singleObject(20);
+    for (const char *line : {"set 999 ObjStatus 4", "set 0 ObjStatus 4", "set x ObjStatus 4",
+                             "set 20 \"Obj Status\" 4", "set 20 ObjStatus"}) {
+        std::string answer = ask(line);
+        EXPECT_TRUE(answer.starts_with("error: ")) << line << ": " << answer;
+        EXPECT_EQ(std::count(answer.begin(), answer.end(), '\n'), 1) << answer;
+    }
+    EXPECT_TRUE(ask("set 20 ObjStatus " + std::string(200, '9')).starts_with("error: "));
+    EXPECT_EQ(singleObject(20), before);
+}
+
+TEST_F(ControlCommandTest, AddAndRemoveChangeTheServedObjects)
+{
+    ASSERT_EQ(singleObject(60), "<status 2>");
+    EXPECT_EQ(
+        ask(R"(add --xml "<object id=\"60\" type=\"fans\" parent=\"90\"><Nexus>9\\f</Nexus></object>")"),
+        "ok\n");
+    EXPECT_TRUE(contains(singleObject(60), "<Nexus>9\\f</Nexus>")) << singleObject(60);
+    EXPECT_TRUE(contains(ask("status"), "\n  fans: 1\n"));
+    EXPECT_EQ(ask("remove 60"), "ok\n");
+    EXPECT_EQ(singleObject(60), "<status 2>");
+}
+
+TEST_F(ControlCommandTest, RefusedAddAndRemoveChangeNothing)
+{
+    const std::string status = ask("status");
+    for (const char *line : {
+             R"(add --xml "<object id=\"20\" type=\"fans\"/>")", // duplicate id
+             R"(add --xml "<object id=\"61\" type=\"fans\" parent=\"999\"/>")",
+             R"(add --xml "<object id=\"62\" type=\"fans\"><Nexus>")", // malformed
+             "remove 999",
+             "remove 1", // has children
+         }) {
+        EXPECT_TRUE(ask(line).starts_with("error: ")) << line;
+    }
+    EXPECT_EQ(ask("status"), status);
+    EXPECT_EQ(singleObject(61), "<status 2>");
+    EXPECT_EQ(singleObject(62), "<status 2>");
+    EXPECT_TRUE(contains(singleObject(1), "<Name>Vorn RX-240</Name>"));
+}
+
+TEST_F(ControlCommandTest, LoadReplacesTheModelAndABadFileKeepsIt)
+{
+    dir_.write("bad.xml", "<storage ready=\"1\"><object id=\"1\" type=\"adapters\">");
+    dir_.write("dup.xml", "<storage ready=\"1\"><object id=\"1\" type=\"adapters\"/>"
+                          "<object id=\"1\" type=\"bus\"/></storage>");
+    for (const std::string &file :
+         {dir_.file("bad.xml"), dir_.file("dup.xml"), dir_.file("none.xml")}) {
+        std::string answer = ask("load " + kelp::ctl::quoteWord(file));
+        EXPECT_TRUE(answer.starts_with("error: ")) << file << ": " << answer;
+    }
+    EXPECT_TRUE(contains(singleObject(20), "<Nexus>0\\0\\20</Nexus>"));
+    EXPECT_TRUE(ask("status").starts_with("model: test-model\n"));
+
+    dir_.write("other.xml", "<storage ready=\"1\"><object id=\"7\" type=\"Tape\">"
+                            "<Nexus>t7</Nexus></object></storage>");
+    EXPECT_EQ(ask("load " + kelp::ctl::quoteWord(dir_.file("other.xml"))), "ok\n");
+    EXPECT_EQ(singleObject(20), "<status 2>");
+    EXPECT_TRUE(contains(singleObject(7), "<Nexus>t7</Nexus>"));
+    EXPECT_TRUE(contains(ask("status"), dir_.file("other.xml"))) << ask("status");
+}
+
+TEST_F(ControlCommandTest, EventWithObjectQueuesTheObjectsFields)
+{
+    EXPECT_EQ(ask("event 2048 --object 40 --parm \"a<b\" --parm two --field Extra=x&y"), "ok\n");
+    std::string xml = takeEvent();
+    EXPECT_TRUE(xml.starts_with("<EventID>2048</EventID><ObjType>773</ObjType><Nexus>v40</Nexus>"))
+        << xml;
+    EXPECT_TRUE(contains(xml, "<ControllerName>Vorn RX-240</ControllerName>")) << xml;
+    EXPECT_TRUE(contains(xml, "<VirtualDiskName>Data &amp; logs</VirtualDiskName>")) << xml;
+    EXPECT_TRUE(xml.ends_with("<Parm01>a&lt;b</Parm01><Parm02>two</Parm02><Extra>x&amp;y</Extra>"))
+        << xml;
+
+    EXPECT_EQ(ask("event 2049 --object 20"), "ok\n");
+    xml = takeEvent();
+    EXPECT_EQ(xml, "<EventID>2049</EventID><ObjType>772</ObjType><Nexus>0\\0\\20</Nexus>"
+                   "<ObjStatus>2</ObjStatus><PreviousStatus>1</PreviousStatus>"
+                   "<AttributesMask>0101</AttributesMask>"
+                   "<ControllerName>Vorn RX-240</ControllerName>");
+}
+
+TEST_F(ControlCommandTest, EventsComeOutOfTheInterfaceInTheOrderSent)
+{
+    EXPECT_EQ(ask("event 1"), "ok\n");
+    EXPECT_EQ(ask("event --xml \"<EventID>2</EventID><Raw>yes</Raw>\""), "ok\n");
+    EXPECT_EQ(ask("event 3 --parm x"), "ok\n");
+    EXPECT_EQ(takeEvent(), "<EventID>1</EventID>");
+    EXPECT_EQ(takeEvent(), "<EventID>2</EventID><Raw>yes</Raw>");
+    EXPECT_EQ(takeEvent(), "<EventID>3</EventID><Parm01>x</Parm01>");
+}
+
+TEST_F(ControlCommandTest, RefusedEventsQueueNothing)
+{
+    std::string many = "event 1";
+    for (int i = 0; i < 11; ++i)
+        many += " --parm p";
+    for (const std::string &line : {
+             std::string("event 1 --object 999"),
+             std::string("event x"),
+             many,
+             std::string("event --xml \"<ObjType>1</ObjType>\""),
+             std::string("event --xml \"<EventID>x</EventID>\""),
+             "event 1 --parm " + std::string(20000, 'p'),
+         }) {
+        std::string answer = ask(line);
+        EXPECT_TRUE(answer.starts_with("error: ")) << line.substr(0, 60) << ": " << answer;
+    }
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+}
+
+TEST_F(ControlCommandTest, UnknownCommandIsAnErrorAndHelpListsEveryCommand)
+{
+    EXPECT_EQ(ask("frobnicate 1"),
+              "error: unknown command \"frobnicate\" (\"help\" lists the commands)\n");
+    std::string help = ask("help");
+    for (const auto &row : kelp::ctl::commandTable())
+        EXPECT_TRUE(contains(help, std::string(row.usage) + "\n")) << row.name;
+    EXPECT_TRUE(help.ends_with("\nok\n"));
+}
+
+} // namespace

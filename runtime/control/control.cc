@@ -1,0 +1,94 @@
+// The host-facing entry points of the control socket (kelp/runtime.h), and
+// the start from KELP_CONTROL when the runtime is loaded.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "control/server.h"
+#include "kelp/runtime.h"
+#include "support/config.h"
+
+namespace kelp::ctl {
+namespace {
+
+// The mutex has constant initialisation, so the load-time constructor below
+// may use it whatever order the runtime's other initialisers run in. The
+// server is a plain pointer: a static owner would be destroyed at exit on
+// its own, after or before StopAtExit, and the server deleted twice.
+std::mutex g_controlMutex;
+ControlServer *g_server = nullptr; // guarded by g_controlMutex
+
+// Stops the server when the runtime is unloaded or the process exits. It is
+// made on the first start, so it goes before the static objects the serving
+// thread reads, which were made earlier, and no thread runs on in unloaded
+// code or leaves a stale socket file.
+struct StopAtExit {
+    ~StopAtExit() { kelpRuntimeStopControl(); }
+};
+
+void copyError(const std::string &message, char *error, unsigned errorSize)
+{
+    if (error == nullptr || errorSize == 0)
+        return;
+    size_t n = std::min<size_t>(message.size(), errorSize - 1);
+    std::memcpy(error, message.data(), n);
+    error[n] = '\0';
+}
+
+// KELP_CONTROL names the socket of a host that sets no path itself. A
+// failure must not fail the load of the library, so it is reported on stderr.
+__attribute__((constructor)) void controlAttach()
+{
+    std::string path = rt::envValue("KELP_CONTROL");
+    if (path.empty())
+        return;
+    char error[512];
+    if (kelpRuntimeStartControl(path.c_str(), error, sizeof error) != 0)
+        std::fprintf(stderr, "kelp: no control socket (KELP_CONTROL): %s\n", error);
+}
+
+} // namespace
+} // namespace kelp::ctl
+
+extern "C" {
+
+int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize)
+{
+    using namespace kelp::ctl;
+    if (path == nullptr) {
+        copyError("the control socket path is null", error, errorSize);
+        return 1;
+    }
+    try {
+        static StopAtExit stopAtExit;
+        std::lock_guard lock(g_controlMutex);
+        // The old server goes first, so that restarting on the same path finds
+        // the path free.
+        delete g_server;
+        g_server = nullptr;
+        std::string message;
+        g_server = ControlServer::start(path, kReadTimeout, &message).release();
+        if (g_server == nullptr) {
+            copyError(message, error, errorSize);
+            return 1;
+        }
+        copyError("", error, errorSize);
+        return 0;
+    } catch (const std::bad_alloc &) {
+        copyError("out of memory", error, errorSize);
+        return 1;
+    }
+}
+
+void kelpRuntimeStopControl(void)
+{
+    std::lock_guard lock(kelp::ctl::g_controlMutex);
+    delete kelp::ctl::g_server;
+    kelp::ctl::g_server = nullptr;
+}
+
+} // extern "C"

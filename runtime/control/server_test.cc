@@ -1,0 +1,243 @@
+// The control socket as a client meets it: the socket file (mode, stale and
+// foreign files), lines that are half-written, too long or late, prompt
+// stopping, and the start from KELP_CONTROL when the runtime loads.
+#include "control/server.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/control_testing.h"
+#include "control/words.h"
+#include "datastore/model_store.h"
+#include "kelp/runtime.h"
+
+namespace {
+
+using namespace kelp::ctl::testing;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class ControlServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string error;
+        ASSERT_TRUE(kelp::ds::loadModelText(kModel, "test-model", &error)) << error;
+    }
+    void TearDown() override
+    {
+        kelpRuntimeStopControl();
+        kelp::ds::unloadModel();
+    }
+    // Starts the runtime's control socket at path; the error text otherwise.
+    static std::string start(const std::string &path)
+    {
+        char message[256] = "unchanged";
+        if (kelpRuntimeStartControl(path.c_str(), message, sizeof message) == 0)
+            return "";
+        return message;
+    }
+
+    TempDir dir_;
+    std::string socket_ = dir_.file("control.sock");
+};
+
+TEST_F(ControlServerTest, SocketFileHasMode0600WhateverTheUmask)
+{
+    mode_t old = umask(0);
+    std::string error = start(socket_);
+    umask(old);
+    ASSERT_EQ(error, "");
+    struct stat st {};
+    ASSERT_EQ(lstat(socket_.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+TEST_F(ControlServerTest, StopIsPromptAndRemovesTheSocketFile)
+{
+    ASSERT_EQ(start(socket_), "");
+    // A silent client holds the server in its read; stop must not wait for it.
+    int silent = connectTo(socket_);
+    std::this_thread::sleep_for(50ms);
+    auto begin = Clock::now();
+    kelpRuntimeStopControl();
+    EXPECT_LT(Clock::now() - begin, 2s);
+    EXPECT_NE(access(socket_.c_str(), F_OK), 0);
+    close(silent);
+    kelpRuntimeStopControl(); // stopping twice is harmless
+}
+
+TEST_F(ControlServerTest, StaleSocketFileIsReplaced)
+{
+    {
+        std::string error;
+        auto old = kelp::ctl::ControlServer::start(socket_, 1s, &error);
+        ASSERT_NE(old, nullptr) << error;
+        // Leave the file behind as a crashed server would.
+        ASSERT_EQ(rename(socket_.c_str(), dir_.file("moved").c_str()), 0);
+    }
+    ASSERT_EQ(rename(dir_.file("moved").c_str(), socket_.c_str()), 0);
+    ASSERT_EQ(start(socket_), "");
+    EXPECT_TRUE(ask(socket_, "status").ends_with("\nok\n"));
+}
+
+TEST_F(ControlServerTest, PathThatIsNotASocketIsAnErrorAndStaysAsItIs)
+{
+    dir_.write("control.sock", "precious");
+    std::string error = start(socket_);
+    EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
+    std::ifstream in(socket_);
+    std::string text;
+    in >> text;
+    EXPECT_EQ(text, "precious");
+}
+
+TEST_F(ControlServerTest, SocketSomeoneStillServesIsNotTakenOver)
+{
+    std::string error;
+    auto other = kelp::ctl::ControlServer::start(socket_, 1s, &error);
+    ASSERT_NE(other, nullptr) << error;
+    error = start(socket_);
+    EXPECT_NE(error.find("another server is listening on " + socket_), std::string::npos) << error;
+    EXPECT_TRUE(ask(socket_, "status").ends_with("\nok\n"));
+}
+
+TEST_F(ControlServerTest, UnusablePathsAreErrors)
+{
+    EXPECT_NE(start("").find("empty"), std::string::npos);
+    EXPECT_NE(start(dir_.file(std::string(120, 'x'))).find("more than a socket address holds"),
+              std::string::npos);
+    EXPECT_NE(start(dir_.file("no-such-dir/control.sock")).find("No such file"), std::string::npos);
+    char message[64];
+    EXPECT_NE(kelpRuntimeStartControl(nullptr, message, sizeof message), 0);
+    EXPECT_NE(kelpRuntimeStartControl("", nullptr, 0), 0);
+    // An error is cut to the buffer, NUL included.
+    char tiny[8];
+    EXPECT_NE(kelpRuntimeStartControl("", tiny, sizeof tiny), 0);
+    EXPECT_EQ(std::string(tiny), "the con");
+}
+
+TEST_F(ControlServerTest, StartingAgainMovesTheSocket)
+{
+    ASSERT_EQ(start(socket_), "");
+    ASSERT_EQ(start(dir_.file("second.sock")), "");
+    EXPECT_NE(access(socket_.c_str(), F_OK), 0);
+    EXPECT_TRUE(ask(dir_.file("second.sock"), "status").ends_with("\nok\n"));
+    ASSERT_EQ(start(dir_.file("second.sock")), ""); // the same path again
+    EXPECT_TRUE(ask(dir_.file("second.sock"), "status").ends_with("\nok\n"));
+}
+
+TEST_F(ControlServerTest, HalfWrittenLineIsAnErrorAndRunsNothing)
+{
+    ASSERT_EQ(start(socket_), "");
+    EXPECT_EQ(sendAndRead(socket_, "ready off"),
+              "error: command line not ended by a newline when the client stopped sending\n");
+    EXPECT_EQ(sendAndRead(socket_, ""),
+              "error: no command line: the client stopped sending before it sent one\n");
+    EXPECT_NE(readyAnswer().find("<Code>0</Code>"), std::string::npos);
+}
+
+TEST_F(ControlServerTest, OverLongLineIsAnErrorAndTheLongestLineIsServed)
+{
+    ASSERT_EQ(start(socket_), "");
+    std::string longest = "ready off" + std::string(kelp::ctl::kMaxLineBytes - 9, ' ');
+    ASSERT_EQ(longest.size(), kelp::ctl::kMaxLineBytes);
+    EXPECT_EQ(sendAndRead(socket_, longest + " \n"),
+              "error: command line longer than 65536 bytes\n");
+    // Far more than the limit, without a newline: refused without reading it all.
+    EXPECT_EQ(sendAndRead(socket_, std::string(4 << 20, 'x')),
+              "error: command line longer than 65536 bytes\n");
+    EXPECT_NE(readyAnswer().find("<Code>0</Code>"), std::string::npos);
+    EXPECT_EQ(sendAndRead(socket_, longest + "\n"), "ok\n");
+    EXPECT_EQ(readyAnswer().find("<Code>0</Code>"), std::string::npos);
+}
+
+TEST_F(ControlServerTest, OnlyTheFirstLineRuns)
+{
+    ASSERT_EQ(start(socket_), "");
+    std::string answer = sendAndRead(socket_, "ready on\nready off\n");
+    EXPECT_EQ(answer, "ok\n");
+    EXPECT_NE(readyAnswer().find("<Code>0</Code>"), std::string::npos);
+}
+
+TEST_F(ControlServerTest, MalformedLinesAreErrorsOnOneLine)
+{
+    ASSERT_EQ(start(socket_), "");
+    for (const std::string &line :
+         {std::string(""), std::string("\"open"), std::string("a\0b", 3), std::string("\"\\q\""),
+          std::string("set 20 \"a\\nb\" 1"), std::string("\xff\xfe")}) {
+        std::string answer = sendAndRead(socket_, line + "\n");
+        EXPECT_TRUE(answer.starts_with("error: ")) << answer;
+        EXPECT_EQ(answer.find('\n'), answer.size() - 1) << answer;
+    }
+}
+
+TEST_F(ControlServerTest, ClientThatStaysSilentTimesOut)
+{
+    std::string error;
+    auto server = kelp::ctl::ControlServer::start(socket_, 200ms, &error);
+    ASSERT_NE(server, nullptr) << error;
+    auto begin = Clock::now();
+    EXPECT_EQ(sendAndRead(socket_, "ready of", false),
+              "error: no complete command line within 200 ms\n");
+    EXPECT_LT(Clock::now() - begin, 10s);
+    // The next client is served as usual.
+    EXPECT_EQ(ask(socket_, "ready on"), "ok\n");
+}
+
+TEST_F(ControlServerTest, ClientsOneAfterAnotherAndAtOnceAreAllAnswered)
+{
+    ASSERT_EQ(start(socket_), "");
+    std::vector<std::thread> clients;
+    std::vector<std::string> answers(8);
+    for (size_t i = 0; i < answers.size(); ++i)
+        clients.emplace_back([&, i] { answers[i] = ask(socket_, "status"); });
+    for (auto &t : clients)
+        t.join();
+    for (const auto &answer : answers)
+        EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+}
+
+// Run in a child process by the test below: a runtime loaded with
+// KELP_CONTROL set serves that socket with no call from its host.
+TEST(ControlAutoStart, ChildServesKelpControl)
+{
+    const char *path = std::getenv("KELP_CONTROL");
+    if (std::getenv("KELP_CONTROL_TEST_CHILD") == nullptr || path == nullptr)
+        GTEST_SKIP() << "runs as the child of ControlAutoStart.KelpControlStartsAndStopsTheSocket";
+    struct stat st {};
+    ASSERT_EQ(lstat(path, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_TRUE(ask(path, "status").ends_with("\nok\n"));
+}
+
+TEST(ControlAutoStart, KelpControlStartsAndStopsTheSocket)
+{
+    TempDir dir;
+    const std::string path = dir.file("auto.sock");
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        setenv("KELP_CONTROL", path.c_str(), 1);
+        setenv("KELP_CONTROL_TEST_CHILD", "1", 1);
+        execl("/proc/self/exe", "control_test",
+              "--gtest_filter=ControlAutoStart.ChildServesKelpControl",
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // The library's destructor removed the socket as the child exited.
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+} // namespace

@@ -1,0 +1,53 @@
+// Small helpers of the control socket: an owned descriptor, errno messages,
+// and the path checks made before a socket file is created.
+#ifndef KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
+#define KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
+
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace kelp::ctl {
+
+// A file descriptor closed when the owner goes; -1 means none.
+class UniqueFd {
+  public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+
+    int get() const { return fd_; }
+    int release()
+    {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};
+
+// "<what> <path>: <the text of errno>", errno read at the call.
+std::string errnoMessage(const std::string &what, const std::string &path);
+
+// Fills *addr for a Unix socket at path. False with a message for an empty
+// path, one holding a NUL byte, or one too long for a socket address.
+bool socketAddress(const std::string &path, sockaddr_un *addr, std::string *error);
+
+// Makes room for a new socket at path: nothing to do when the path does not
+// exist; a socket file nobody serves any more is unlinked. Anything else (a
+// file that is not a socket, a socket someone still serves, an error
+// inspecting it) answers false with a message and touches nothing.
+bool removeStaleSocket(const std::string &path, const sockaddr_un &addr, std::string *error);
+
+} // namespace kelp::ctl
+
+#endif // KELP_RUNTIME_CONTROL_SOCKET_UTIL_H

@@ -1,0 +1,133 @@
+// The event queue: a bounded FIFO of validated event texts under one mutex.
+// Validation happens before the lock is taken, so a slow or malformed text
+// never holds up the reader.
+#include "eventif/event_queue.h"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string_view>
+
+#include "xmlsup/xml_scan.h"
+
+namespace kelp::ev {
+namespace {
+
+std::mutex g_queueMutex;
+std::deque<std::string> g_events; // guarded by g_queueMutex; front is oldest
+
+std::atomic<bool> g_readerOn{false};
+
+void setError(std::string *error, std::string message)
+{
+    if (error != nullptr)
+        *error = std::move(message);
+}
+
+bool isXmlSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+// Whether text, without surrounding XML white space, is a decimal number
+// that fits 32 bits (the width of an event number in the plug-in).
+bool isDecimalEventNumber(std::string_view text)
+{
+    while (!text.empty() && isXmlSpace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isXmlSpace(text.back()))
+        text.remove_suffix(1);
+    if (text.empty())
+        return false;
+    uint64_t value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+        value = value * 10 + static_cast<uint64_t>(c - '0');
+        if (value > UINT32_MAX)
+            return false;
+    }
+    return true;
+}
+
+bool validateEvent(const std::string &xml, std::string *error)
+{
+    if (xml.size() > kMaxEventBytes) {
+        setError(error, "event text is " + std::to_string(xml.size()) + " bytes, more than " +
+                            std::to_string(kMaxEventBytes));
+        return false;
+    }
+    // The reader hands the text out as a C string; a NUL would cut it short.
+    if (xml.find('\0') != std::string::npos) {
+        setError(error, "event text holds a NUL byte");
+        return false;
+    }
+    auto id = rt::xml::findElement(xml, "EventID", 0);
+    if (!id) {
+        setError(error, "event text has no EventID element");
+        return false;
+    }
+    if (!isDecimalEventNumber(*id)) {
+        setError(error, "EventID \"" + std::string(id->substr(0, 40)) +
+                            "\" is not a decimal number from 0 to 4294967295");
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool queueEvent(const std::string &xml, std::string *error)
+{
+    if (!validateEvent(xml, error))
+        return false;
+    std::lock_guard lock(g_queueMutex);
+    if (g_events.size() >= kMaxQueuedEvents) {
+        setError(error, "event queue is full (" + std::to_string(kMaxQueuedEvents) +
+                            " events waiting to be read)");
+        return false;
+    }
+    g_events.push_back(xml);
+    return true;
+}
+
+std::optional<std::string> takeOldestEvent()
+{
+    std::lock_guard lock(g_queueMutex);
+    if (g_events.empty())
+        return std::nullopt;
+    std::string oldest = std::move(g_events.front());
+    g_events.pop_front();
+    return oldest;
+}
+
+void requeueOldestEvent(std::string xml)
+{
+    std::lock_guard lock(g_queueMutex);
+    g_events.push_front(std::move(xml));
+}
+
+size_t queuedEvents()
+{
+    std::lock_guard lock(g_queueMutex);
+    return g_events.size();
+}
+
+void clearEvents()
+{
+    std::lock_guard lock(g_queueMutex);
+    g_events.clear();
+}
+
+bool readerSwitchedOn()
+{
+    return g_readerOn.load();
+}
+
+void setReaderSwitchedOn()
+{
+    g_readerOn.store(true);
+}
+
+} // namespace kelp::ev

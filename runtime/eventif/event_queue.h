@@ -1,0 +1,49 @@
+// The queue of storage events behind vcsif.h: what the control socket queues
+// and vcsif32_getEvent hands to the plug-in's event monitor, oldest first.
+// Runtime-private (the control socket and the tests use it).
+#ifndef KELP_RUNTIME_EVENTIF_EVENT_QUEUE_H
+#define KELP_RUNTIME_EVENTIF_EVENT_QUEUE_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace kelp::ev {
+
+// Largest event text the queue accepts, in bytes.
+inline constexpr size_t kMaxEventBytes = 16 * 1024;
+// Most events the queue holds; a reader that never reads cannot make the
+// queue grow without limit.
+inline constexpr size_t kMaxQueuedEvents = 10000;
+
+// Appends one event. The text must hold an "EventID" element whose content is
+// a decimal number (0..4294967295, blanks around it allowed), be at most
+// kMaxEventBytes long and hold no NUL byte. Answers false with a message in
+// *error (when not null) for a text that breaks these rules or when the
+// queue is full; nothing is queued then. Events are kept whether or not a
+// reader has switched the queue on, so a host may queue before the plug-in
+// loads. Thread-safe.
+bool queueEvent(const std::string &xml, std::string *error);
+
+// Removes and answers the oldest event, or nullopt when none is queued.
+std::optional<std::string> takeOldestEvent();
+
+// Puts an event taken with takeOldestEvent back at the head of the queue,
+// for a reader that could not deliver it. It may push the queue one past
+// kMaxQueuedEvents for a moment; nothing is lost.
+void requeueOldestEvent(std::string xml);
+
+// The number of events queued.
+size_t queuedEvents();
+
+// Drops every queued event.
+void clearEvents();
+
+// Whether a reader switched the queue on (vcsif32_yesEventQ) since the
+// runtime was loaded. Informational: events are kept either way.
+bool readerSwitchedOn();
+void setReaderSwitchedOn();
+
+} // namespace kelp::ev
+
+#endif // KELP_RUNTIME_EVENTIF_EVENT_QUEUE_H

@@ -1,0 +1,223 @@
+// kelpctl: sends one command to the control socket of a running kelp runtime
+// (kelpagent, or any host of the plug-in) and prints the answer. It links
+// nothing of the runtime; the word quoting comes from the header-only
+// runtime/control/words.h, so the server reads back exactly the words given.
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control/words.h"
+
+namespace {
+
+constexpr int kExitOk = 0, kExitCommandError = 1, kExitUsage = 2;
+// A command that replaces a large model may take a while; a server that has
+// not answered by then is hung.
+constexpr int kAnswerTimeoutMs = 120000;
+
+const char kUsage[] = R"(usage: kelpctl [--control SOCKET] COMMAND [ARGS...]
+
+Sends COMMAND to the control socket of a running kelp runtime and prints its
+answer. SOCKET defaults to $KELP_CONTROL, else $XDG_STATE_HOME/kelp/control.sock,
+else ~/.local/state/kelp/control.sock.
+
+Commands:
+  status                               model file, objects per type, readiness,
+                                       queued events
+  ready on|off                         the data store reports ready or not
+  set ID ATTR VALUE                    sets (or adds) one attribute of an object
+  add --xml TEXT                       adds <object> and <link> elements
+  remove ID                            removes an object and its links
+  load FILE                            replaces the whole model (a relative FILE
+                                       is taken from kelpctl's directory)
+  event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]...
+                                       queues an event built from these
+  event --xml TEXT                     queues an event given as XML
+  help                                 lists the commands the server knows
+
+Protocol: one command per connection. kelpctl sends one line of at most 64 KiB
+ending in a newline, each argument as a double-quoted word (escapes \" \\ \n
+\t). The server answers output lines and then a final "ok" or "error: MESSAGE".
+
+Exit status: 0 for ok, 1 for an error answer, 2 for a usage error or when the
+socket cannot be reached.
+)";
+
+int usageError(const char *message)
+{
+    std::fprintf(stderr, "kelpctl: %s\n\n%s", message, kUsage);
+    return kExitUsage;
+}
+
+std::string envValue(const char *name)
+{
+    const char *v = std::getenv(name);
+    return v != nullptr ? v : "";
+}
+
+std::string defaultSocket()
+{
+    if (std::string control = envValue("KELP_CONTROL"); !control.empty())
+        return control;
+    if (std::string state = envValue("XDG_STATE_HOME"); !state.empty())
+        return state + "/kelp/control.sock";
+    std::string home = envValue("HOME");
+    if (home.empty()) {
+        if (const passwd *pw = getpwuid(getuid()); pw != nullptr && pw->pw_dir != nullptr)
+            home = pw->pw_dir;
+    }
+    return home + "/.local/state/kelp/control.sock";
+}
+
+// The server runs in its own directory; a relative file for `load` is meant
+// from here.
+void absolutizeLoadFile(std::vector<std::string> *words)
+{
+    if (words->size() != 2 || (*words)[0] != "load" || (*words)[1].empty() ||
+        (*words)[1][0] == '/') {
+        return;
+    }
+    if (char *cwd = getcwd(nullptr, 0)) {
+        (*words)[1] = std::string(cwd) + "/" + (*words)[1];
+        std::free(cwd);
+    }
+}
+
+int connectTo(const std::string &path)
+{
+    sockaddr_un addr{};
+    if (path.size() >= sizeof addr.sun_path) {
+        std::fprintf(stderr, "kelpctl: cannot reach the control socket %s: path too long\n",
+                     path.c_str());
+        return -1;
+    }
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        std::fprintf(stderr, "kelpctl: cannot reach the control socket %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Sends as much of line as the server takes. A server that refuses a line
+// closes early; its answer is still waiting to be read, so a failed send is
+// not an error by itself.
+void sendLine(int fd, const std::string &line)
+{
+    size_t done = 0;
+    while (done < line.size()) {
+        ssize_t n = send(fd, line.data() + done, line.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        done += size_t(n);
+    }
+    shutdown(fd, SHUT_WR);
+}
+
+// Everything the server sends until it closes. A reset after an early
+// answer ends the answer like a close does. False on time-out.
+bool readAnswer(int fd, std::string *answer)
+{
+    char chunk[4096];
+    while (true) {
+        pollfd p{fd, POLLIN, 0};
+        int ready = poll(&p, 1, kAnswerTimeoutMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
+        ssize_t n = read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return true;
+        answer->append(chunk, size_t(n));
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string socketPath;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        std::string option = argv[i];
+        if (option == "--help" || option == "-h") {
+            std::fputs(kUsage, stdout);
+            return kExitOk;
+        }
+        if (option == "--control") {
+            if (i + 1 == argc)
+                return usageError("--control needs a SOCKET");
+            socketPath = argv[++i];
+        } else if (option.starts_with("--control=")) {
+            socketPath = option.substr(10);
+        } else {
+            return usageError(("unknown option " + option).c_str());
+        }
+    }
+    if (i == argc)
+        return usageError("no command given");
+    if (socketPath.empty())
+        socketPath = defaultSocket();
+
+    std::vector<std::string> words(argv + i, argv + argc);
+    absolutizeLoadFile(&words);
+    std::string line;
+    for (const std::string &word : words)
+        line += (line.empty() ? "" : " ") + kelp::ctl::quoteWord(word);
+    line += '\n';
+
+    int fd = connectTo(socketPath);
+    if (fd < 0)
+        return kExitUsage;
+    sendLine(fd, line);
+    std::string answer;
+    bool answered = readAnswer(fd, &answer);
+    close(fd);
+    if (!answered) {
+        std::fprintf(stderr, "kelpctl: no answer from the control socket %s within %d s\n",
+                     socketPath.c_str(), kAnswerTimeoutMs / 1000);
+        return kExitUsage;
+    }
+
+    // The last complete line is the status; the lines before it are output.
+    if (answer.empty() || answer.back() != '\n') {
+        std::fprintf(stderr,
+                     "kelpctl: the control socket %s closed without a complete answer; the "
+                     "command may or may not have run\n",
+                     socketPath.c_str());
+        return kExitUsage;
+    }
+    answer.pop_back();
+    size_t lastStart = answer.rfind('\n');
+    lastStart = lastStart == std::string::npos ? 0 : lastStart + 1;
+    std::string status = answer.substr(lastStart);
+    std::fwrite(answer.data(), 1, lastStart, stdout);
+    if (status == "ok")
+        return kExitOk;
+    if (status.starts_with("error: ")) {
+        std::fprintf(stderr, "%s\n", status.c_str());
+        return kExitCommandError;
+    }
+    std::fprintf(stderr, "kelpctl: unexpected answer from the control socket %s: %s\n",
+                 socketPath.c_str(), status.c_str());
+    return kExitUsage;
+}
