@@ -9,6 +9,7 @@
 #include "frame/frame.h"
 #include "platform/queue.h"
 #include "platform/vscil.h"
+#include "store/xmlvalue.h"
 
 namespace {
 
@@ -39,11 +40,7 @@ bool configIsOnAnyCase(const char *text)
 
 uint32_t configParseMinutes(const char *text)
 {
-    uint32_t value = 0;
-    for (const char *p = text; *p >= '0' && *p <= '9'; p++) {
-        value = value * 10 + static_cast<uint32_t>(*p - '0');
-    }
-    return value;
+    return decimalPrefix(text);
 }
 
 void configStartDebug()

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "mpi/mpi.h"
-#include "mpi/test_spy.h"
+#include "testing/test_spy.h"
 #include "platform/vcsupt.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "mpi/mpi.h"
 #include "mpi/oid_testing.h"
-#include "mpi/test_spy.h"
+#include "testing/test_spy.h"
 
 namespace {
 

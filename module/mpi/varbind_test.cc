@@ -9,7 +9,7 @@
 #include "mib/mibdef.h"
 #include "mpi/mpi.h"
 #include "mpi/oid_testing.h"
-#include "mpi/test_spy.h"
+#include "testing/test_spy.h"
 #include "platform/vcsupt.h"
 
 namespace {

@@ -78,6 +78,9 @@ int32_t insertListCopy(ObjList *list, uint32_t objId, uint32_t subObjId, const c
 
 ObjNode *removeByNexus(ObjList *list, const char *nexus)
 {
+    if (nexus == nullptr) {
+        return nullptr;
+    }
     ObjNode *previous = nullptr;
     for (ObjNode *node = list->head; node != nullptr; previous = node, node = node->next) {
         if (node->nexusId == nullptr || std::strcmp(node->nexusId, nexus) != 0) {

@@ -1,14 +1,78 @@
 // Value extraction from the data store's XML answers, over the XML library's
-// look-up of a tag by name and occurrence.
+// look-up of a tag by name and occurrence, and the one-object cache that lets
+// a request read the data store once.
 #include "store/xmlvalue.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include "mpi/mpi.h"
 #include "platform/vscil.h"
 #include "platform/xmlsup.h"
 
+char cachedObjXML[kCachedObjXMLSize];
+uint32_t cachedObjId;
+
+namespace {
+
+struct XmlFree {
+    void operator()(char *text) const { freeMem(text); }
+};
+using StoreText = std::unique_ptr<char, XmlFree>;
+
+struct HeapFree {
+    void operator()(char *text) const { std::free(text); }
+};
+using HeapText = std::unique_ptr<char, HeapFree>;
+
+// Puts a value text into the binding by its requested type.
+int32_t convertValue(const char *text, SMSnmpValue *value, uint64_t *slot)
+{
+    switch (value->type) {
+    case SM_ASN_INTEGER:
+        value->value = decimalPrefix(text);
+        value->buffer = nullptr;
+        return SM_SNMP_NOERROR;
+    case SM_ASN_OCTET_STRING: {
+        // Values are at most 159 bytes; every caller hands a buffer of 160.
+        const size_t length = std::strlen(text);
+        std::memcpy(value->buffer, text, length + 1);
+        value->value = static_cast<uint32_t>(length);
+        return SM_SNMP_NOERROR;
+    }
+    case kValueTypeU64:
+    case kValueTypeU64Alt:
+        *slot = utf8ToU64(text);
+        value->type = SM_ASN_INTEGER;
+        value->buffer = nullptr;
+        return SM_SNMP_NOERROR;
+    default:
+        return SM_SNMP_NOSUCHNAME;
+    }
+}
+
+} // namespace
+
+uint32_t decimalPrefix(const char *text)
+{
+    uint32_t number = 0;
+    for (const char *p = text; *p >= '0' && *p <= '9'; p++) {
+        number = number * 10 + static_cast<uint32_t>(*p - '0');
+    }
+    return number;
+}
+
 char *getValFromXML(const char *xml, const char *tag, uint32_t occurrence)
+{
+    if (xml == nullptr) {
+        return nullptr;
+    }
+    return getValFromXMLOfLength(xml, static_cast<uint32_t>(std::strlen(xml)), tag, occurrence);
+}
+
+char *getValFromXMLOfLength(const char *xml, uint32_t length, const char *tag, uint32_t occurrence)
 {
     if (xml == nullptr || tag == nullptr) {
         return nullptr;
@@ -18,8 +82,8 @@ char *getValFromXML(const char *xml, const char *tag, uint32_t occurrence)
         return nullptr;
     }
     uint32_t size = kXmlValueSize;
-    const uint32_t status = XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, value, 0, nullptr,
-                                                xml, static_cast<uint32_t>(std::strlen(xml)));
+    const uint32_t status =
+        XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, value, 0, nullptr, xml, length);
     if (status != 0) {
         std::free(value);
         return nullptr;
@@ -27,20 +91,51 @@ char *getValFromXML(const char *xml, const char *tag, uint32_t occurrence)
     return value;
 }
 
+int32_t getValFromOID(uint32_t objId, const char *attribute, SMSnmpValue *value, uint64_t *slot)
+{
+    uint32_t status = 0;
+    StoreText text(GetSingleObject(&status, 0, objId));
+    if (status != 0 || text == nullptr) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    // The cache is refreshed even when the attribute turns out missing: the
+    // getters' next reads of this request come from it.
+    const size_t length = std::min<size_t>(std::strlen(text.get()), kCachedObjXMLSize - 1);
+    std::memcpy(cachedObjXML, text.get(), length);
+    cachedObjXML[length] = '\0';
+    cachedObjId = objId;
+    return getValFromCachedXML(text.get(), attribute, value, slot);
+}
+
+int32_t getValFromCachedXML(const char *xml, const char *attribute, SMSnmpValue *value,
+                            uint64_t *slot)
+{
+    HeapText text(getValFromXML(xml, attribute, 0));
+    if (text == nullptr) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    return convertValue(text.get(), value, slot);
+}
+
+char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t occurrence)
+{
+    uint32_t status = 0;
+    StoreText answer(GetAssociated(&status, kind, objId));
+    return getValFromXML(answer.get(), tag, occurrence);
+}
+
 bool dataStoreIsReady()
 {
     uint32_t status = 0xFFFFFFFFu;
-    char *answer = DataStoreReady(&status);
+    StoreText answer(DataStoreReady(&status));
     if (answer == nullptr) {
         return false;
     }
-    bool ready = false;
-    if (char *code = getValFromXML(answer, "Code", 0); code != nullptr) {
-        char *end = nullptr;
-        const long number = std::strtol(code, &end, 10);
-        ready = end != code && number == 0;
-        std::free(code);
+    HeapText code(getValFromXML(answer.get(), "Code", 0));
+    if (code == nullptr) {
+        return false;
     }
-    freeMem(answer);
-    return ready;
+    char *end = nullptr;
+    const long number = std::strtol(code.get(), &end, 10);
+    return end != code.get() && number == 0;
 }

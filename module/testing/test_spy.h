@@ -3,8 +3,8 @@
 // number translators itself; the module's objects bind to these, which count
 // and record each call and forward it to libkelpruntime.so. SMAllocMem can be
 // told to fail, to reach the allocation-failure paths.
-#ifndef KELP_MPI_TEST_SPY_H
-#define KELP_MPI_TEST_SPY_H
+#ifndef KELP_MODULE_TESTING_TEST_SPY_H
+#define KELP_MODULE_TESTING_TEST_SPY_H
 
 #include <cstdint>
 
@@ -26,4 +26,4 @@ void reset();
 
 } // namespace kelp::testspy
 
-#endif // KELP_MPI_TEST_SPY_H
+#endif // KELP_MODULE_TESTING_TEST_SPY_H

@@ -16,3 +16,9 @@ expect "command 6 (list MIB): status 0, 22 groups"
 grep -qE '^ +1\.3\.6\.1\.4\.1\.61234\.20571\.1\.20\.130\.1\.1 +table +55 columns$' <<<"$out" ||
   { echo "missing: the controller table's group" >&2; exit 1; }
 expect "command 5 (unload): status 0"
+
+# A host that loads the plug-in with KELP_CONTROL set serves the socket while
+# it runs, exits cleanly and leaves no socket file behind.
+KELP_INI="$dir/kelp.ini" KELP_CONTROL="$dir/control.sock" "$1" >/dev/null ||
+  { echo "kelpdrive with KELP_CONTROL failed" >&2; exit 1; }
+[ ! -e "$dir/control.sock" ] || { echo "the control socket outlived its host" >&2; exit 1; }

@@ -1,6 +1,6 @@
 // test_spy.cc - test-only definitions of the support-library functions that
 // mpi/ calls, forwarding to libkelpruntime.so (see test_spy.h).
-#include "mpi/test_spy.h"
+#include "testing/test_spy.h"
 
 #include <dlfcn.h>
 
