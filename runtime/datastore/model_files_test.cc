@@ -1,0 +1,96 @@
+// The model files shipped in data/models: the sample and the small test
+// models load; each bad model is refused naming the file and a line, and
+// leaves the served model as it was.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "datastore/model_store.h"
+#include "kelp/runtime.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path modelsDir()
+{
+    const char *source = std::getenv("KELP_SOURCE_DIR");
+    return fs::path(source != nullptr ? source : ".") / "data" / "models";
+}
+
+int load(const fs::path &file, std::string *message)
+{
+    char error[1024] = {};
+    const int status = kelpRuntimeLoadModel(file.c_str(), error, sizeof error);
+    *message = error;
+    return status;
+}
+
+class ModelFilesTest : public ::testing::Test {
+  protected:
+    void TearDown() override { kelp::ds::unloadModel(); }
+};
+
+TEST_F(ModelFilesTest, TheSampleAndTheGoodTestModelsLoad)
+{
+    for (const fs::path &file :
+         {modelsDir() / "sample.xml", modelsDir() / "test" / "minimal.xml",
+          modelsDir() / "test" / "empty.xml", modelsDir() / "test" / "not-ready.xml"}) {
+        std::string error;
+        EXPECT_EQ(load(file, &error), 0) << file << ": " << error;
+    }
+}
+
+TEST_F(ModelFilesTest, TheSampleHasObjectsOfEveryType)
+{
+    std::string error;
+    ASSERT_EQ(load(modelsDir() / "sample.xml", &error), 0) << error;
+    const kelp::ds::ModelStatus status = kelp::ds::modelStatus();
+    EXPECT_TRUE(status.ready);
+    EXPECT_EQ(status.counts.size(), 16u);
+    for (const auto &[type, count] : status.counts) {
+        EXPECT_GT(count, 0u) << type;
+    }
+}
+
+TEST_F(ModelFilesTest, EveryBadModelIsRefusedAndChangesNothing)
+{
+    std::string error;
+    ASSERT_EQ(load(modelsDir() / "test" / "minimal.xml", &error), 0) << error;
+    int bad = 0;
+    for (const auto &entry : fs::directory_iterator(modelsDir() / "test")) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("bad-", 0) != 0) {
+            continue;
+        }
+        bad++;
+        EXPECT_NE(load(entry.path(), &error), 0) << name;
+        EXPECT_NE(error.find(name + ":"), std::string::npos) << name << ": " << error;
+        EXPECT_NE(kelp::ds::modelStatus().origin.find("minimal.xml"), std::string::npos) << name;
+    }
+    EXPECT_GE(bad, 9);
+}
+
+TEST_F(ModelFilesTest, BinaryAndMissingFilesAreRefused)
+{
+    const fs::path binary = fs::temp_directory_path() / "kelp-binary-model.xml";
+    {
+        std::mt19937 random(7);
+        std::ofstream out(binary, std::ios::binary);
+        for (int i = 0; i < 4096; i++) {
+            out.put(static_cast<char>(random()));
+        }
+    }
+    std::string error;
+    EXPECT_NE(load(binary, &error), 0);
+    EXPECT_NE(error.find("kelp-binary-model.xml"), std::string::npos) << error;
+    EXPECT_NE(load(modelsDir() / "no-such-model.xml", &error), 0);
+    EXPECT_NE(error.find("no-such-model.xml"), std::string::npos) << error;
+    fs::remove(binary);
+}
+
+} // namespace
