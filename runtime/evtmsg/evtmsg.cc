@@ -1,6 +1,11 @@
-// The event-message catalogue with its final signatures. Not available yet:
-// the catalogue file is a later piece of work, so every call answers 5 and
-// leaves empty texts in the areas it was given.
+// The event-message catalogue. The management address comes from the served
+// model. The alert and location texts are not available yet: the catalogue
+// file is a later piece of work, so those calls answer 5 and leave empty
+// texts in the areas they were given.
+#include <cstring>
+#include <string>
+
+#include "datastore/model_store.h"
 #include "evtmsg.h"
 
 namespace {
@@ -46,15 +51,28 @@ uint32_t getEEMItrap(uint32_t /*objType*/, uint32_t /*insertCount*/, uint32_t /*
     return 5;
 }
 
-// Not available yet: 5 and *size = 0; the url area is emptied when it has room.
+// The management web address: the served model's `url` attribute. 0 with the
+// text and *size = its bytes with the NUL; 2 (url emptied when it has room)
+// when no model is served or it names no address; 16 and the size needed
+// when it does not fit; 5 for null arguments.
 uint32_t evtmsg_getPrylUrl(char *url, uint32_t *size)
 {
-    if (size != nullptr) {
+    if (url == nullptr || size == nullptr)
+        return 5;
+    std::string address;
+    if (!kelp::ds::storageAttribute("url", &address) || address.empty()) {
         if (*size > 0)
             clear(url);
-        *size = 0;
+        return 2;
     }
-    return 5;
+    const size_t needed = address.size() + 1;
+    if (needed > *size) {
+        *size = static_cast<uint32_t>(needed);
+        return 16;
+    }
+    std::memcpy(url, address.c_str(), needed);
+    *size = static_cast<uint32_t>(needed);
+    return 0;
 }
 
 } // extern "C"
