@@ -66,10 +66,12 @@ uint32_t stopMonitor(void *, void *, uint32_t, uint32_t *)
     return MIBImplementerStopMonitor();
 }
 
-// A request name that claims arcs but has none to read is a broken buffer.
-bool validRequest(const SMSnmpValue *request)
+// A request name that claims arcs but has none to read, or a reply without a
+// value buffer and a name buffer to fill, is a broken buffer.
+bool validRequest(const SMSnmpValue *request, const SMSnmpValue *reply)
 {
-    return request->name.count == 0 || request->name.arcs != nullptr;
+    return (request->name.count == 0 || request->name.arcs != nullptr) &&
+           reply->buffer != nullptr && reply->name.arcs != nullptr;
 }
 
 uint32_t answerRequest(uint32_t status, uint32_t *outUsed)
@@ -83,20 +85,21 @@ uint32_t answerRequest(uint32_t status, uint32_t *outUsed)
 uint32_t get(void *inBuf, void *outBuf, uint32_t, uint32_t *outUsed)
 {
     auto *request = static_cast<SMSnmpValue *>(inBuf);
-    if (!validRequest(request)) {
+    auto *reply = static_cast<SMSnmpValue *>(outBuf);
+    if (!validRequest(request, reply)) {
         return SM_SNMP_GENERR;
     }
-    return answerRequest(MIBImplementerGet(request, static_cast<SMSnmpValue *>(outBuf)), outUsed);
+    return answerRequest(MIBImplementerGet(request, reply), outUsed);
 }
 
 uint32_t getNext(void *inBuf, void *outBuf, uint32_t, uint32_t *outUsed)
 {
     auto *request = static_cast<SMSnmpValue *>(inBuf);
-    if (!validRequest(request)) {
+    auto *reply = static_cast<SMSnmpValue *>(outBuf);
+    if (!validRequest(request, reply)) {
         return SM_SNMP_GENERR;
     }
-    return answerRequest(MIBImplementerGetNext(request, static_cast<SMSnmpValue *>(outBuf)),
-                         outUsed);
+    return answerRequest(MIBImplementerGetNext(request, reply), outUsed);
 }
 
 // The MIB is read-only through this module, whatever the binding holds.

@@ -28,19 +28,26 @@ class RequestTest : public FrameTest {
         return dispatch(command, &request_, sizeof request_, &reply_, sizeof reply_, used);
     }
 
-    static SMSnmpValue untouched()
+    // A reply as a host hands it in, with a recognisable pattern so that an
+    // untouched reply can be told.
+    SMSnmpValue untouched()
     {
         SMSnmpValue value{};
         value.type = 0xABCD;
         value.value = 0x1234;
+        value.name.arcs = replyArcs_;
+        value.buffer = replyBuffer_;
         return value;
     }
 
     bool replyUntouched() const
     {
         return reply_.type == 0xABCD && reply_.value == 0x1234 && reply_.name.count == 0 &&
-               reply_.buffer == nullptr;
+               reply_.buffer == replyBuffer_ && reply_.name.arcs == replyArcs_;
     }
+
+    uint32_t replyArcs_[128] = {};
+    char replyBuffer_[1024] = {};
 
     std::vector<uint32_t> arcs_;
     SMSnmpValue request_{};
@@ -137,8 +144,21 @@ TEST_F(RequestTest, AGetPastTheRootAnswersNoErrorWithTheReplyUntouched)
 TEST_F(RequestTest, AGetNextBeforeTheRootIsPassedOnToTheWalk)
 {
     g_bSNMPTableInitialised = 1;
-    request(SM_CMD_GETNEXT, {1, 3, 6, 1, 2});
-    EXPECT_NE(debugText().find("KelpmibGetNext: entry\nKelpmibGetNext: exit\n"), std::string::npos);
+    uint32_t replyArcs[128];
+    char buffer[1024];
+    std::vector<uint32_t> arcs{1, 3, 6, 1, 2};
+    SMSnmpValue request{}, reply{};
+    request.name = SMSnmpOID{5, 0, arcs.data()};
+    reply.name = SMSnmpOID{0, 0, replyArcs};
+    reply.buffer = buffer;
+    uint32_t used = 0;
+    ASSERT_EQ(dispatch(SM_CMD_GETNEXT, &request, sizeof request, &reply, sizeof reply, &used), 0u);
+    EXPECT_EQ(used, 32u);
+    EXPECT_EQ(std::vector<uint32_t>(replyArcs, replyArcs + reply.name.count),
+              (std::vector<uint32_t>{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 1, 0}));
+    const std::string text = debugText();
+    EXPECT_LT(text.find("KelpmibGetNext: entry\n"), text.find("getNextValue: Entry\n"));
+    EXPECT_LT(text.find("getNextValue: exit\n"), text.find("KelpmibGetNext: exit\n"));
 }
 
 TEST_F(RequestTest, AGetNextPastTheRootAnswersNoErrorWithTheReplyUntouched)
@@ -156,11 +176,15 @@ TEST_F(RequestTest, AGetInsideTheRootReachesTheResolution)
     g_bSNMPTableInitialised = 1;
     std::vector<uint32_t> name(kRoot, kRoot + 10);
     name.insert(name.end(), {3, 0});
-    request(SM_CMD_GET, name);
-    const std::string text = debugText();
-    EXPECT_NE(text.find("MIBImplementerGet: entry\nKelpmibCheckPrefix: entry\n"
-                        "KelpmibCheckPrefix: exit\nKelpmibGet: entry\nKelpmibGet: exit\n\n"
-                        "MIBImplementerGet: exit\n"),
+    reply_ = untouched();
+    request_ = SMSnmpValue{};
+    request_.name = SMSnmpOID{static_cast<uint32_t>(name.size()), 0, name.data()};
+    ASSERT_EQ(dispatch(SM_CMD_GET, &request_, sizeof request_, &reply_, sizeof reply_), 0u);
+    EXPECT_EQ(std::string(replyBuffer_, reply_.value), "Vorn Inc.");
+    EXPECT_NE(debugText().find("MIBImplementerGet: entry\nKelpmibCheckPrefix: entry\n"
+                               "KelpmibCheckPrefix: exit\nKelpmibGet: entry\ngetValue: Entry\n"
+                               "getValue: exit\nKelpmibGet: exit\n\n"
+                               "MIBImplementerGet: exit\n"),
               std::string::npos);
 }
 
@@ -187,6 +211,22 @@ TEST_F(RequestTest, ANameWithArcsButNoArcArrayIsRefused)
     SMSnmpValue reply = untouched();
     EXPECT_EQ(dispatch(SM_CMD_GET, &broken, sizeof broken, &reply, sizeof reply), 5u);
     EXPECT_EQ(dispatch(SM_CMD_GETNEXT, &broken, sizeof broken, &reply, sizeof reply), 5u);
+}
+
+TEST_F(RequestTest, AReplyWithoutBuffersIsRefused)
+{
+    g_bSNMPTableInitialised = 1;
+    uint32_t arcs[] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 3, 0};
+    SMSnmpValue request{};
+    request.name = SMSnmpOID{12, 0, arcs};
+    SMSnmpValue noBuffer = untouched();
+    noBuffer.buffer = nullptr;
+    SMSnmpValue noName = untouched();
+    noName.name.arcs = nullptr;
+    for (SMSnmpValue *reply : {&noBuffer, &noName}) {
+        EXPECT_EQ(dispatch(SM_CMD_GET, &request, sizeof request, reply, sizeof *reply), 5u);
+        EXPECT_EQ(dispatch(SM_CMD_GETNEXT, &request, sizeof request, reply, sizeof *reply), 5u);
+    }
 }
 
 TEST(CheckPrefix, ComparesOverTheArcsBothNamesHave)

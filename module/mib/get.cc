@@ -1,18 +1,123 @@
-// Get and GetNext resolution.
-//
-// PLACEHOLDER until the MIB layout lands: no object of the MIB is served yet,
-// so every name is answered as absent (Get) or as the end of the MIB
-// (GetNext), and there is no registry to set up.
+// Get resolution: the request's name against the MIB root, scalars answered
+// here, table cells handed to their table's getter, and the probe that tells
+// a missing row of a table with rows (2) from a table without rows (3).
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "mib/mibdef.h"
+#include "mib/registry.h"
 #include "mib/resolve.h"
+#include "mib/scalars.h"
+#include "platform/vscil.h"
 
-int32_t getValue(SMSnmpValue *, SMSnmpValue *)
+namespace {
+
+constexpr uint32_t kScratchSize = 512;
+constexpr uint32_t kTablePosition = 12; // the entry arc of root.G.T.1.C.R
+
+bool underRoot(const SMSnmpOID &name)
 {
-    return SM_SNMP_NOSUCHNAME;
+    if (name.count < kelpMibRootLength) {
+        return false;
+    }
+    return std::memcmp(name.arcs, kelpMibRootArcs, sizeof kelpMibRootArcs) == 0;
 }
 
-int32_t getNextValue(SMSnmpValue *, SMSnmpValue *)
+// The getter of root.G.T: 2 for a missing T in either group and for an
+// unknown table of group 130; 5 for an unknown table of group 140 (the two
+// groups answer differently here on purpose).
+int32_t tableCell(SMSnmpValue *request, SMSnmpValue *reply, uint32_t group,
+                  const TableRegistryEntry **entry)
 {
-    return SM_SNMP_NOSUCHNAME;
+    if (request->name.count <= 11) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    const uint32_t table = request->name.arcs[11];
+    const uint32_t last = group == 130 ? 18 : 6;
+    if (table < 1 || table > last) {
+        return group == 130 ? SM_SNMP_NOSUCHNAME : SM_SNMP_GENERR;
+    }
+    *entry = findTableEntry(group, table);
+    return callTableGetter(**entry, request, reply, kTablePosition);
 }
 
-void initMibLayout(void) {}
+// Asks the getter for column 1 of row 1 with a private name and binding: 3
+// when the table has no first row, else 2.
+int32_t probeEmptyTable(const TableRegistryEntry &entry, const SMSnmpValue *request,
+                        uint32_t *probeArcs, char *probeBuffer)
+{
+    std::memcpy(probeArcs, kelpMibRootArcs, sizeof kelpMibRootArcs);
+    probeArcs[10] = entry.group;
+    probeArcs[11] = entry.table;
+    probeArcs[12] = request->name.count > 12 ? request->name.arcs[12] : 1;
+    probeArcs[13] = 1;
+    probeArcs[14] = 1;
+    SMSnmpValue probe{};
+    probe.name = SMSnmpOID{15, 0, probeArcs};
+    probe.buffer = probeBuffer;
+    const int32_t status = callTableGetter(entry, &probe, &probe, kTablePosition);
+    return status == SM_SNMP_NOSUCHNAME ? SM_SNMP_BADVALUE : SM_SNMP_NOSUCHNAME;
+}
+
+struct FreeDeleter {
+    void operator()(void *p) const { std::free(p); }
+};
+
+} // namespace
+
+int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
+{
+    VscilDebugPrint("getValue: Entry\n");
+    int32_t status = SM_SNMP_NOSUCHNAME;
+    if (!underRoot(request->name)) {
+        VscilDebugPrint("getValue: exit\n");
+        return SM_SNMP_NOSUCHNAME;
+    }
+    std::unique_ptr<uint32_t, FreeDeleter> probeArcs(
+        static_cast<uint32_t *>(std::calloc(1, kScratchSize)));
+    std::unique_ptr<char, FreeDeleter> probeBuffer(
+        static_cast<char *>(std::calloc(1, kScratchSize)));
+    if (probeArcs == nullptr || probeBuffer == nullptr) {
+        VscilDebugPrint("getValue: exit\n");
+        return SM_SNMP_GENERR;
+    }
+    if (request->name.count == kelpMibRootLength) {
+        status = SM_SNMP_GENERR;
+    } else {
+        const uint32_t arc = request->name.arcs[kelpMibRootLength];
+        const TableRegistryEntry *entry = nullptr;
+        switch (arc) {
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+            status = getRootScalar(reply, arc);
+            break;
+        case 100:
+            status = getInfoTable(request, reply, 11);
+            break;
+        case 110:
+            status = getGlobalTable(request, reply, 11);
+            break;
+        case 130:
+        case 140:
+            status = tableCell(request, reply, arc, &entry);
+            if (status == SM_SNMP_NOSUCHNAME && entry != nullptr) {
+                status = probeEmptyTable(*entry, request, probeArcs.get(), probeBuffer.get());
+            }
+            break;
+        default:
+            status = SM_SNMP_NOSUCHNAME;
+            break;
+        }
+    }
+    VscilDebugPrint("getValue: exit\n");
+    return status;
+}
+
+void initMibLayout(void)
+{
+    initWalkTable();
+}

@@ -160,8 +160,12 @@ TEST_F(PluginHostTest, GetAndGetNextAnswerGenErrBeforeTheTablesAreBuilt)
     void *services[SM_SERVICE_COUNT] = {};
     ASSERT_EQ(host.load(services, 1), 0u);
     uint32_t arcs[] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 1, 0};
+    uint32_t replyArcs[128];
+    char buffer[1024];
     SMSnmpValue request{}, reply{};
     request.name = SMSnmpOID{12, 0, arcs};
+    reply.name = SMSnmpOID{0, 0, replyArcs};
+    reply.buffer = buffer;
     uint32_t used = 0;
     EXPECT_EQ(call(9, &request, sizeof request, &reply, sizeof reply, &used), 5u);
     EXPECT_EQ(used, 0u);
@@ -214,9 +218,13 @@ TEST_F(PluginHostTest, RequestNamesOfAnyShapeAreAnsweredWithoutHarm)
         names.push_back(name);
     }
     for (std::vector<uint32_t> &name : names) {
+        uint32_t replyArcs[128];
+        char buffer[1024];
         SMSnmpValue request{}, reply{};
         request.name =
             SMSnmpOID{static_cast<uint32_t>(name.size()), 0, name.empty() ? nullptr : name.data()};
+        reply.name = SMSnmpOID{0, 0, replyArcs};
+        reply.buffer = buffer;
         uint32_t used = 0;
         EXPECT_EQ(call(9, &request, sizeof request, &reply, sizeof reply, &used), 5u);
         EXPECT_EQ(call(10, &request, sizeof request, &reply, sizeof reply, &used), 5u);

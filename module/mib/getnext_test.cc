@@ -1,0 +1,173 @@
+// GetNext resolution: the fixed walk over scalars, groups and tables, and
+// its special ends.
+#include <gtest/gtest.h>
+
+#include "frame/frame.h"
+#include "mib/registry.h"
+#include "mib/resolve.h"
+#include "store/build.h"
+#include "testing/model_fixture.h"
+#include "testing/request.h"
+
+namespace {
+
+using testmodel::object;
+using testmodel::serve;
+
+std::string controllers(uint32_t count)
+{
+    std::string text;
+    for (uint32_t id = 1; id <= count; id++) {
+        text += object(id, "adapters", 0,
+                       {{"Nexus", std::to_string(id)}, {"Name", "Ctrl " + std::to_string(id)}});
+    }
+    return text;
+}
+
+class GetNextTest : public ModelTest {
+  protected:
+    void SetUp() override
+    {
+        ModelTest::SetUp();
+        initWalkTable();
+        g_SNMPRefreshMinutes = 5;
+    }
+    void build(const std::string &items)
+    {
+        serve(items);
+        ASSERT_EQ(buildAll(), 0);
+    }
+    // GetNext of root.<below>: the status and the reply's name below the root.
+    std::pair<int32_t, std::string> next(std::initializer_list<uint32_t> below,
+                                         bool underRoot = true)
+    {
+        last = std::make_unique<Exchange>(below, underRoot);
+        const int32_t status = getNextValue(&last->request, &last->reply);
+        return {status, last->name()};
+    }
+    std::unique_ptr<Exchange> last;
+};
+
+TEST_F(GetNextTest, BeforeTheRootTheFirstObjectIsTheVersion)
+{
+    EXPECT_EQ(next({1, 3, 6, 1}, false), std::make_pair(0, std::string("1.0")));
+    EXPECT_EQ(last->text(), "5.2.0");
+    EXPECT_EQ(next({}), std::make_pair(0, std::string("1.0")));
+}
+
+TEST_F(GetNextTest, TheScalarsFollowEachOther)
+{
+    using R = std::pair<int32_t, std::string>;
+    EXPECT_EQ(next({1}), R(0, "1.0"));
+    EXPECT_EQ(next({1, 0}), R(0, "2.0"));
+    EXPECT_EQ(next({4, 0}), R(0, "5.0"));
+    EXPECT_EQ(next({5}), R(0, "5.0"));
+    EXPECT_EQ(next({5, 0}), R(0, "100.1.0"));
+    EXPECT_EQ(next({100}), R(0, "100.1.0"));
+    EXPECT_EQ(next({100, 1}), R(0, "100.1.0"));
+    EXPECT_EQ(next({100, 1, 0}), R(0, "100.2.0"));
+    EXPECT_EQ(next({100, 3, 0}), R(0, "110.3.0"));
+    EXPECT_EQ(next({100, 4}), R(2, "")) << "a column after the group's last ends the walk";
+    EXPECT_EQ(next({110}), R(0, "110.3.0"));
+    EXPECT_EQ(next({110, 6, 0}), R(0, "110.11.0"));
+    EXPECT_EQ(next({110, 12}), R(0, "110.12.0"));
+    EXPECT_EQ(next({110, 14, 0}), R(0, "110.15.0"));
+}
+
+TEST_F(GetNextTest, GlobalColumnsWithoutValuesEndTheWalk)
+{
+    EXPECT_EQ(next({110, 7, 0}).first, 2);
+    EXPECT_EQ(next({110, 1}).first, 2);
+    EXPECT_EQ(next({110, 16}).first, 2);
+}
+
+TEST_F(GetNextTest, AfterTheGlobalGroupComesTheFirstControllerRow)
+{
+    build(controllers(2));
+    EXPECT_EQ(next({110, 15, 0}), std::make_pair(0, std::string("130.1.1.1.1")));
+    EXPECT_EQ(last->reply.value, 1u);
+}
+
+TEST_F(GetNextTest, WithNoObjectsTheWalkPassesEveryTableAndEnds)
+{
+    build("");
+    EXPECT_EQ(next({110, 15, 0}).first, 2);
+}
+
+TEST_F(GetNextTest, TheGroupArcAloneEndsTheWalk)
+{
+    build(controllers(1));
+    EXPECT_EQ(next({130}).first, 2);
+    EXPECT_EQ(next({140}).first, 2);
+    EXPECT_EQ(next({130, 19}).first, 2);
+    EXPECT_EQ(next({140, 9}).first, 5);
+    EXPECT_EQ(next({7}).first, 2);
+}
+
+TEST_F(GetNextTest, ATableArcLeadsToItsFirstCell)
+{
+    build(controllers(1));
+    EXPECT_EQ(next({130, 1}), std::make_pair(0, std::string("130.1.1.1.1")));
+}
+
+TEST_F(GetNextTest, ColumnsAreWalkedRowByRow)
+{
+    build(controllers(3));
+    EXPECT_EQ(next({130, 1, 1, 1, 1}), std::make_pair(0, std::string("130.1.1.1.2")));
+    EXPECT_EQ(next({130, 1, 1, 2, 3}), std::make_pair(0, std::string("130.1.1.3.1")));
+    EXPECT_EQ(next({130, 1, 1, 2}), std::make_pair(0, std::string("130.1.1.2.1")));
+    EXPECT_EQ(last->text(), "Ctrl 1");
+}
+
+TEST_F(GetNextTest, AnEntryArcAboveOneEndsTheWalk)
+{
+    build(controllers(1));
+    EXPECT_EQ(next({130, 1, 2}).first, 2);
+}
+
+TEST_F(GetNextTest, PastTheConnectionTableColumnBoundTheWalkEndsAfterTheRoot)
+{
+    build(controllers(1));
+    const auto [status, name] = next({140, 3, 1, 7, 1});
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(name, "1.3.6.1.4.1.61234.20571.1.21");
+    EXPECT_EQ(next({140, 3, 2}).second, "1.3.6.1.4.1.61234.20571.1.21");
+}
+
+TEST_F(GetNextTest, TheLastControllerCellLeadsPastTheUnservedTablesToTheEnd)
+{
+    build(controllers(1));
+    EXPECT_EQ(next({130, 1, 1, 73, 1}).first, 2);
+}
+
+TEST_F(GetNextTest, ARequestWithHugeArcsDoesNotWrapIntoTheTable)
+{
+    build(controllers(2));
+    const auto [status, name] = next({130, 1, 1, 0xFFFFFFFF, 0xFFFFFFFF});
+    EXPECT_EQ(status, 2);
+}
+
+TEST_F(GetNextTest, EveryAnswerSortsAfterItsRequest)
+{
+    build(controllers(2));
+    std::vector<uint32_t> current{1, 3, 6, 1};
+    int32_t status = 0;
+    int steps = 0;
+    while (steps++ < 1000) {
+        Exchange x{{}, false};
+        x.requestArcs = current;
+        x.request.name = SMSnmpOID{static_cast<uint32_t>(current.size()), 0, x.requestArcs.data()};
+        status = getNextValue(&x.request, &x.reply);
+        if (status != 0) {
+            break;
+        }
+        const std::vector<uint32_t> answered(x.reply.name.arcs,
+                                             x.reply.name.arcs + x.reply.name.count);
+        ASSERT_LT(current, answered) << x.name();
+        current = answered;
+    }
+    EXPECT_EQ(status, 2);
+    EXPECT_GT(steps, 20);
+}
+
+} // namespace
