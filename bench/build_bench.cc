@@ -79,5 +79,3 @@ void BM_Rebuild(benchmark::State &state)
 BENCHMARK(BM_Rebuild)->Arg(256)->Arg(1024)->Arg(4096)->Unit(benchmark::kMillisecond);
 
 } // namespace
-
-BENCHMARK_MAIN();
