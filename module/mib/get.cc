@@ -60,10 +60,6 @@ int32_t probeEmptyTable(const TableRegistryEntry &entry, const SMSnmpValue *requ
     return status == SM_SNMP_NOSUCHNAME ? SM_SNMP_BADVALUE : SM_SNMP_NOSUCHNAME;
 }
 
-struct FreeDeleter {
-    void operator()(void *p) const { std::free(p); }
-};
-
 } // namespace
 
 int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
@@ -74,14 +70,10 @@ int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
         VscilDebugPrint("getValue: exit\n");
         return SM_SNMP_NOSUCHNAME;
     }
-    std::unique_ptr<uint32_t, FreeDeleter> probeArcs(
-        static_cast<uint32_t *>(std::calloc(1, kScratchSize)));
-    std::unique_ptr<char, FreeDeleter> probeBuffer(
-        static_cast<char *>(std::calloc(1, kScratchSize)));
-    if (probeArcs == nullptr || probeBuffer == nullptr) {
-        VscilDebugPrint("getValue: exit\n");
-        return SM_SNMP_GENERR;
-    }
+    // Scratch for the empty-table probe: its name and its value buffer. On
+    // the stack, as GetNext calls this once per candidate.
+    uint32_t probeArcs[kScratchSize / sizeof(uint32_t)];
+    char probeBuffer[kScratchSize];
     if (request->name.count == kelpMibRootLength) {
         status = SM_SNMP_GENERR;
     } else {
@@ -105,7 +97,7 @@ int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
         case 140:
             status = tableCell(request, reply, arc, &entry);
             if (status == SM_SNMP_NOSUCHNAME && entry != nullptr) {
-                status = probeEmptyTable(*entry, request, probeArcs.get(), probeBuffer.get());
+                status = probeEmptyTable(*entry, request, probeArcs, probeBuffer);
             }
             break;
         default:

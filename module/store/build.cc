@@ -15,16 +15,6 @@
 
 namespace {
 
-struct XmlFree {
-    void operator()(char *text) const { freeMem(text); }
-};
-using StoreText = std::unique_ptr<char, XmlFree>;
-
-struct HeapFree {
-    void operator()(char *text) const { std::free(text); }
-};
-using HeapText = std::unique_ptr<char, HeapFree>;
-
 constexpr std::string_view kADToEnclosure = "adtoenclosure";
 constexpr std::string_view kADToChannel = "adtochannel";
 

@@ -17,16 +17,6 @@ uint32_t cachedObjId;
 
 namespace {
 
-struct XmlFree {
-    void operator()(char *text) const { freeMem(text); }
-};
-using StoreText = std::unique_ptr<char, XmlFree>;
-
-struct HeapFree {
-    void operator()(char *text) const { std::free(text); }
-};
-using HeapText = std::unique_ptr<char, HeapFree>;
-
 // Puts a value text into the binding by its requested type.
 int32_t convertValue(const char *text, SMSnmpValue *value, uint64_t *slot)
 {
@@ -54,6 +44,16 @@ int32_t convertValue(const char *text, SMSnmpValue *value, uint64_t *slot)
 }
 
 } // namespace
+
+void StoreTextFree::operator()(char *text) const
+{
+    freeMem(text);
+}
+
+void HeapTextFree::operator()(char *text) const
+{
+    std::free(text);
+}
 
 uint32_t decimalPrefix(const char *text)
 {

@@ -5,6 +5,7 @@
 #define KELP_MODULE_STORE_XMLVALUE_H
 
 #include <cstdint>
+#include <memory>
 
 #include "platform/smsnmp.h"
 
@@ -58,6 +59,17 @@ int32_t getValFromCachedXML(const char *xml, const char *attribute, SMSnmpValue 
 char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t occurrence);
 
 } // extern "C"
+
+// Owners of the texts this layer hands around: answers of the data store
+// (released with freeMem) and heap texts such as getValFromXML's (free).
+struct StoreTextFree {
+    void operator()(char *text) const;
+};
+using StoreText = std::unique_ptr<char, StoreTextFree>;
+struct HeapTextFree {
+    void operator()(char *text) const;
+};
+using HeapText = std::unique_ptr<char, HeapTextFree>;
 
 // The leading decimal digits of text as an unsigned number (wrapping past 32
 // bits); 0 when it starts with anything else.

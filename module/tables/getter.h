@@ -53,16 +53,8 @@ inline constexpr std::string_view kNotValidText = "9999";
 inline constexpr uint32_t kValueBufferSize = kXmlValueSize;
 using ValueBuffer = std::array<char, kValueBufferSize>;
 
-// Owners of the texts a rule fetches itself: data-store answers go back with
-// freeMem, getValFromXML copies with free.
-struct StoreTextFree {
-    void operator()(char *text) const { freeMem(text); }
-};
-using StoreText = std::unique_ptr<char, StoreTextFree>;
-struct HeapTextFree {
-    void operator()(char *text) const { std::free(text); }
-};
-using HeapText = std::unique_ptr<char, HeapTextFree>;
+// Texts a rule fetches itself are held by StoreText and HeapText
+// (store/xmlvalue.h).
 
 // One cell being answered: the row's data-store object and the reply.
 struct Cell {

@@ -2,6 +2,7 @@
 // words, the event XML built from an `event` command, and the answer text.
 #include "control/commands.h"
 #include "control/words.h"
+#include "datastore/xml_text.h"
 
 namespace kelp::ctl {
 namespace {
@@ -33,7 +34,7 @@ void appendElement(std::string *xml, std::string_view name, std::string_view val
     *xml += '<';
     *xml += name;
     *xml += '>';
-    *xml += xmlEscape(value);
+    *xml += kelp::ds::xml::escapeText(value);
     *xml += "</";
     *xml += name;
     *xml += '>';
@@ -64,31 +65,6 @@ bool isElementName(std::string_view name)
             return false;
     }
     return true;
-}
-
-std::string xmlEscape(std::string_view text)
-{
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
 }
 
 std::string eventXml(uint32_t eventId,

@@ -156,7 +156,7 @@ TEST(CommandTextTest, EventXmlPutsFieldsInOrderAndEscapesEveryValue)
     std::string xml =
         eventXml(2048, {{"ObjType", "773"}, {"Name", "R&D"}}, parms, {{"Extra", "<x/>"}});
     EXPECT_EQ(xml, "<EventID>2048</EventID><ObjType>773</ObjType><Name>R&amp;D</Name>"
-                   "<Parm01>a&lt;b&gt;&amp;&quot;c'</Parm01><Parm02>p2</Parm02>"
+                   "<Parm01>a&lt;b&gt;&amp;\"c'</Parm01><Parm02>p2</Parm02>"
                    "<Parm03>p3</Parm03><Parm04>p4</Parm04><Parm05>p5</Parm05>"
                    "<Parm06>p6</Parm06><Parm07>p7</Parm07><Parm08>p8</Parm08>"
                    "<Parm09>p9</Parm09><Parm10>p10</Parm10><Extra>&lt;x/&gt;</Extra>");

@@ -82,9 +82,6 @@ bool parseEventNumber(std::string_view word, uint32_t *number);
 // letter or '_', then letters, digits, '_', '-' or '.'.
 bool isElementName(std::string_view name);
 
-// text with & < > " written as entities.
-std::string xmlEscape(std::string_view text);
-
 // The event text: <EventID>eventId</EventID>, then objectFields, then
 // <Parm01>.. from parms (at most 10), then fields, every value escaped.
 std::string eventXml(uint32_t eventId,
