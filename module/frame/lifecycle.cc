@@ -5,6 +5,7 @@
 #include "frame/frame.h"
 #include "platform/vcsif.h"
 #include "platform/vscil.h"
+#include "store/tablelist.h"
 
 SMExportContext g_ModuleExportContext;
 void *const *g_FrameworkServices;
@@ -35,8 +36,17 @@ __attribute__((constructor)) void moduleAttach()
     SMGetExportContext(&g_ModuleExportContext);
 }
 
-// Run by the loader when the module is unmapped; nothing to release.
-__attribute__((destructor)) void moduleDetach() {}
+// Run by the loader when the module is unmapped, after the last dispatch:
+// the object lists outlive command 5 (a host may unload and load again), so
+// they are released here, when nothing can read them any more.
+__attribute__((destructor)) void moduleDetach()
+{
+    for (const TableListPair &pair : kTableListPairs) {
+        freeList(pair.live);
+        freeList(pair.staging);
+    }
+    freeList(&spareListNew);
+}
 
 } // namespace
 
