@@ -16,10 +16,16 @@ build: deps
 	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j$(JOBS)
 
-# Until the SNMP agent lands, run drives the plug-in through kelpdrive, a
-# small host that loads it and prints the answers of its commands.
+# The SNMP agent on the sample model, in the foreground until Ctrl-C, with
+# its defaults: udp:127.0.0.1:1161, community public, state (control socket,
+# ini, debug log) in $$XDG_STATE_HOME/kelp or ~/.local/state/kelp.
 run: build
-	KELP_INI=$${KELP_INI:-$(BUILD)/kelp.ini} $(BUILD)/bin/kelpdrive
+	@echo "kelpagent: serving data/models/sample.xml on udp:127.0.0.1:1161 (Ctrl-C stops it)."
+	@echo "In another terminal, try:"
+	@echo "  snmpwalk -v2c -c public 127.0.0.1:1161 1.3.6.1.4.1.61234.20571.1.20"
+	@echo "  snmpget -v2c -c public 127.0.0.1:1161 1.3.6.1.4.1.61234.20571.1.20.130.1.1.2.1"
+	@echo "  $(BUILD)/bin/kelpctl set 1 Name 'Vorn RX-240 (renamed)'"
+	$(BUILD)/bin/kelpagent --model data/models/sample.xml
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)

@@ -1,0 +1,334 @@
+// The Get and GetNext mapping against a scripted dispatch: what each dispatch
+// result and reply record becomes, the records the agent hands over, and the
+// module's own value buffers going back through SMFreeMem.
+#include "answer.h"
+
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "records.h"
+#include "vcsupt.h"
+
+namespace kelp::agent {
+namespace {
+
+using Name = std::vector<uint64_t>;
+using Arcs = std::vector<uint32_t>;
+
+Name below(std::initializer_list<uint64_t> tail)
+{
+    Name name(std::begin(kMibRoot), std::end(kMibRoot));
+    name.insert(name.end(), tail);
+    return name;
+}
+
+// A dispatch whose every call runs `step` and is recorded.
+struct FakeModule {
+    struct Call {
+        uint32_t command;
+        Arcs request;
+    };
+    using Step = std::function<uint32_t(int call, SMSnmpValue *reply)>;
+
+    Step step;
+    std::vector<Call> calls;
+
+    Dispatch dispatch()
+    {
+        return [this](uint32_t command, void *in, uint32_t inSize, void *out, uint32_t outSize,
+                      uint32_t *) {
+            EXPECT_EQ(inSize, sizeof(SMSnmpValue));
+            EXPECT_EQ(outSize, sizeof(SMSnmpValue));
+            const auto *request = static_cast<SMSnmpValue *>(in);
+            auto *reply = static_cast<SMSnmpValue *>(out);
+            // The reply as the host presets it: nothing answered yet.
+            EXPECT_EQ(reply->type, 0u);
+            EXPECT_EQ(reply->name.count, 0u);
+            EXPECT_NE(reply->name.arcs, nullptr);
+            EXPECT_EQ(reply->value, ReplyRecord::kValueBytes);
+            EXPECT_NE(reply->buffer, nullptr);
+            calls.push_back(
+                {command, Arcs(request->name.arcs, request->name.arcs + request->name.count)});
+            return step(static_cast<int>(calls.size()) - 1, reply);
+        };
+    }
+};
+
+void setName(SMSnmpValue *reply, const Name &name)
+{
+    reply->name.count = static_cast<uint32_t>(name.size());
+    for (size_t i = 0; i < name.size(); i++) {
+        reply->name.arcs[i] = static_cast<uint32_t>(name[i]);
+    }
+}
+
+void setText(SMSnmpValue *reply, const char *text)
+{
+    reply->type = SM_ASN_OCTET_STRING;
+    reply->value = static_cast<uint32_t>(std::strlen(text));
+    std::memcpy(reply->buffer, text, std::strlen(text) + 1);
+}
+
+struct GetCase {
+    const char *what;
+    uint32_t status;
+    std::function<void(SMSnmpValue *)> fill;
+    Outcome outcome;
+};
+
+TEST(AnswerGet, EachDispatchResultAndReplyMapsAsTheTableSays)
+{
+    const GetCase cases[] = {
+        {"integer", 0, [](SMSnmpValue *r) { r->type = 2, r->value = 300; }, Outcome::kValue},
+        {"string", 0, [](SMSnmpValue *r) { setText(r, "Vorn Inc."); }, Outcome::kValue},
+        {"untouched", 0, [](SMSnmpValue *) {}, Outcome::kNoSuchInstance},
+        {"noSuchName", 2, [](SMSnmpValue *r) { setText(r, "ignored"); }, Outcome::kNoSuchInstance},
+        {"genErr", 5, [](SMSnmpValue *) {}, Outcome::kGenErr},
+        {"tooBig", 1, [](SMSnmpValue *) {}, Outcome::kGenErr},
+        {"badValue", 3, [](SMSnmpValue *) {}, Outcome::kGenErr},
+        {"readOnly", 4, [](SMSnmpValue *) {}, Outcome::kGenErr},
+        {"unknown type", 0, [](SMSnmpValue *r) { r->type = 0x99; }, Outcome::kGenErr},
+        {"string longer than the buffer", 0,
+         [](SMSnmpValue *r) { r->type = 4, r->value = ReplyRecord::kValueBytes + 1; },
+         Outcome::kGenErr},
+        {"string without a buffer", 0,
+         [](SMSnmpValue *r) { r->type = 4, r->value = 3, r->buffer = nullptr; }, Outcome::kGenErr},
+    };
+    for (const GetCase &c : cases) {
+        FakeModule module;
+        module.step = [&](int, SMSnmpValue *reply) {
+            c.fill(reply);
+            return c.status;
+        };
+        const Answer answer = answerGet(module.dispatch(), below({3, 0}));
+        EXPECT_EQ(answer.outcome, c.outcome) << c.what;
+        ASSERT_EQ(module.calls.size(), 1u) << c.what;
+        EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GET});
+        const Name asked = below({3, 0});
+        EXPECT_EQ(module.calls[0].request, Arcs(asked.begin(), asked.end()));
+    }
+}
+
+TEST(AnswerGet, IntegersReadAsSignedAndStringsByTheirLength)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        if (call == 0) {
+            reply->type = 2, reply->value = 0xFFFFFFFF, reply->buffer = nullptr;
+        } else {
+            setText(reply, "Vorn Inc.");
+            reply->value = 4; // the length field wins over the terminator
+        }
+        return 0u;
+    };
+    const Answer integer = answerGet(module.dispatch(), below({110, 6, 0}));
+    ASSERT_EQ(integer.outcome, Outcome::kValue);
+    EXPECT_EQ(integer.value.type, uint32_t{SM_ASN_INTEGER});
+    EXPECT_EQ(integer.value.integer, -1);
+    EXPECT_EQ(integer.name, below({110, 6, 0}));
+    const Answer text = answerGet(module.dispatch(), below({3, 0}));
+    ASSERT_EQ(text.outcome, Outcome::kValue);
+    EXPECT_EQ(text.value.type, uint32_t{SM_ASN_OCTET_STRING});
+    EXPECT_EQ(text.value.bytes, "Vorn");
+}
+
+TEST(AnswerGet, AValueBufferOfTheModulesIsReadThenReleased)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *reply) {
+        // Released by the host with SMFreeMem; a leak fails the sanitizer run.
+        char *own = static_cast<char *>(SMAllocMem(ReplyRecord::kValueBytes));
+        std::strcpy(own, "Halden (Storage Management)");
+        reply->buffer = own;
+        reply->type = 4;
+        reply->value = static_cast<uint32_t>(std::strlen(own));
+        return 0u;
+    };
+    const Answer answer = answerGet(module.dispatch(), below({4, 0}));
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.value.bytes, "Halden (Storage Management)");
+}
+
+TEST(AnswerGet, AnArcAboveThirtyTwoBitsIsNoSuchObjectWithoutADispatch)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *) { return 0u; };
+    const Answer answer = answerGet(module.dispatch(), below({1ull << 32, 0}));
+    EXPECT_EQ(answer.outcome, Outcome::kNoSuchObject);
+    EXPECT_TRUE(module.calls.empty());
+}
+
+TEST(AnswerGet, LongNamesAreHandedOverWhole)
+{
+    Name name = below({});
+    name.resize(200, 7);
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *) { return 2u; };
+    EXPECT_EQ(answerGet(module.dispatch(), name).outcome, Outcome::kNoSuchInstance);
+    ASSERT_EQ(module.calls.size(), 1u);
+    EXPECT_EQ(module.calls[0].request.size(), 200u);
+}
+
+struct NextCase {
+    const char *what;
+    uint32_t status;
+    Name replyName;
+    bool withValue;
+    Outcome outcome;
+};
+
+TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
+{
+    const Name from = below({1, 0});
+    const NextCase cases[] = {
+        {"next name inside the root", 0, below({2, 0}), true, Outcome::kValue},
+        {"noSuchName: end of this subtree", 2, below({2, 0}), true, Outcome::kEndOfSubtree},
+        {"genErr", 5, below({2, 0}), true, Outcome::kGenErr},
+        {"readOnly", 4, below({2, 0}), true, Outcome::kGenErr},
+        {"name outside the root",
+         0,
+         {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 21},
+         true,
+         Outcome::kEndOfSubtree},
+        {"name equal to the request", 0, from, true, Outcome::kEndOfSubtree},
+        {"name before the request", 0, below({0, 5}), true, Outcome::kEndOfSubtree},
+        {"name left empty", 0, {}, false, Outcome::kEndOfSubtree},
+    };
+    for (const NextCase &c : cases) {
+        FakeModule module;
+        module.step = [&](int, SMSnmpValue *reply) {
+            setName(reply, c.replyName);
+            if (c.withValue) {
+                setText(reply, "5.2.0");
+            }
+            return c.status;
+        };
+        const Answer answer = answerGetNext(module.dispatch(), from, false);
+        EXPECT_EQ(answer.outcome, c.outcome) << c.what;
+        ASSERT_EQ(module.calls.size(), 1u) << c.what;
+        EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GETNEXT});
+        if (c.outcome == Outcome::kValue) {
+            EXPECT_EQ(answer.name, c.replyName);
+            EXPECT_EQ(answer.value.bytes, "5.2.0");
+        }
+    }
+}
+
+TEST(AnswerGetNext, AnAnswerWithoutValueIsAskedAgainFromItsName)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        setName(reply, below({2, 0}));
+        if (call == 1) {
+            setName(reply, below({3, 0}));
+            setText(reply, "Vorn Inc.");
+        }
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({1, 0}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({3, 0}));
+    ASSERT_EQ(module.calls.size(), 2u);
+    const Name second = below({2, 0});
+    EXPECT_EQ(module.calls[1].request, Arcs(second.begin(), second.end()));
+}
+
+TEST(AnswerGetNext, AskingAgainIsBounded)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        setName(reply, below({130, 1, 1, 2, static_cast<uint64_t>(call) + 1}));
+        return 0u;
+    };
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({}), false).outcome, Outcome::kGenErr);
+    EXPECT_EQ(module.calls.size(), size_t{kMaxGetNextSteps});
+}
+
+TEST(AnswerGetNext, InclusiveAnswersTheNameItselfWhenItHasAValue)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *reply) {
+        setText(reply, "5.2.0");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({1, 0}), true);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({1, 0}));
+    ASSERT_EQ(module.calls.size(), 1u);
+    EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GET});
+}
+
+TEST(AnswerGetNext, InclusiveGoesOnWhenTheNameHasNoValue)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        if (call == 0) {
+            return 2u;
+        }
+        setName(reply, below({1, 0}));
+        setText(reply, "5.2.0");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({1}), true);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({1, 0}));
+    ASSERT_EQ(module.calls.size(), 2u);
+    EXPECT_EQ(module.calls[1].command, uint32_t{SM_CMD_GETNEXT});
+}
+
+TEST(AnswerGetNext, AWideArcIsAskedFromTheLargestArcAndNamesBeforeItAreSkipped)
+{
+    const uint64_t wide = 1ull << 33;
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        // First a name after the cursor but before the request, then one
+        // after the request.
+        setName(reply, call == 0 ? below({130, 0xFFFFFFFF, 1}) : below({140, 1, 1, 1, 1}));
+        reply->type = 2;
+        reply->value = 1;
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({130, wide, 5}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({140, 1, 1, 1, 1}));
+    ASSERT_EQ(module.calls.size(), 2u);
+    const Name cursor = below({130, 0xFFFFFFFF});
+    EXPECT_EQ(module.calls[0].request, Arcs(cursor.begin(), cursor.end()));
+}
+
+TEST(AnswerGetNext, CursorStopsAtTheFirstWideArc)
+{
+    EXPECT_EQ(nextCursor(Name{1, 2, 3}), (Arcs{1, 2, 3}));
+    EXPECT_EQ(nextCursor(Name{1, 1ull << 40, 3}), (Arcs{1, 0xFFFFFFFF}));
+    EXPECT_EQ(nextCursor(Name{}), Arcs{});
+    EXPECT_TRUE(insideRoot(Arcs(std::begin(kMibRoot), std::end(kMibRoot))));
+    EXPECT_FALSE(insideRoot(Arcs{1, 3, 6, 1, 4, 1, 61234, 20571, 1}));
+    EXPECT_FALSE(insideRoot(Arcs{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 21, 1}));
+}
+
+TEST(AnswerSet, TheModuleSeesCommandElevenAndTheAnswerIsAlwaysNotWritable)
+{
+    for (const uint32_t status : {4u, 0u, 5u}) {
+        std::vector<uint32_t> commands;
+        std::vector<uint32_t> names;
+        const Dispatch dispatch = [&](uint32_t command, void *in, uint32_t inSize, void *, uint32_t,
+                                      uint32_t *) {
+            EXPECT_EQ(inSize, sizeof(SMSnmpValue));
+            commands.push_back(command);
+            names.push_back(static_cast<SMSnmpValue *>(in)->name.count);
+            return status;
+        };
+        EXPECT_EQ(answerSet(dispatch, below({3, 0})), Outcome::kNotWritable) << status;
+        EXPECT_EQ(commands, std::vector<uint32_t>{SM_CMD_SET1});
+        EXPECT_EQ(names, std::vector<uint32_t>{12});
+        EXPECT_EQ(answerSet(dispatch, below({1ull << 32})), Outcome::kNotWritable);
+        EXPECT_EQ(commands.size(), 1u) << "a name outside 32 bits is not handed over";
+    }
+}
+
+} // namespace
+} // namespace kelp::agent

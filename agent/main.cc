@@ -1,0 +1,129 @@
+// kelpagent: the SNMP agent that hosts the kelp plug-in. Start-up and
+// shut-down in the order the plug-in expects; everything else lives in the
+// files named after what it does (options, runtimesetup, module, handler,
+// snmpagent, trap, trapsend).
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "handler.h"
+#include "log.h"
+#include "module.h"
+#include "options.h"
+#include "paths.h"
+#include "runtimesetup.h"
+#include "snmpagent.h"
+#include "trap.h"
+#include "trapsend.h"
+
+#ifndef KELP_VERSION
+#define KELP_VERSION "unknown"
+#endif
+
+namespace kelp::agent {
+namespace {
+
+// How long a plug-in thread waits for the agent's thread to take its trap.
+// The agent's thread is busy at most for one request, whose dispatches
+// wait at most 1 s each for the plug-in's lock.
+constexpr std::chrono::seconds kTrapPatience{5};
+
+int fail(const std::string &message)
+{
+    logLine("%s", message.c_str());
+    return 1;
+}
+
+int run(const Options &options)
+{
+    std::string error;
+    RuntimeSetup runtime;
+    if (!runtime.apply(options, &error)) {
+        return fail(error);
+    }
+
+    AgentSettings settings;
+    settings.subagent = options.agentx;
+    settings.agentxSocket = options.agentxSocket;
+    settings.listen = options.listen;
+    settings.community = options.community;
+    settings.trapSinks = options.trapSinks;
+    settings.trapV1 = options.trapV1;
+    settings.persistentDir = options.stateDir + "/snmp";
+    SnmpAgent snmp;
+    if (!snmp.init(settings, &error)) {
+        return fail(error);
+    }
+
+    // Declared before the module: its threads may call entry 7 until
+    // command 8 has returned.
+    TrapQueue traps(
+        [&snmp](const Trap &trap) {
+            return snmp.hasTrapDestination() ? sendTrapNow(trap) : uint32_t{SM_SNMP_GENERR};
+        },
+        [] { SnmpAgent::wake(); }, kTrapPatience);
+    traps.adoptPumpThread();
+    void *services[SM_SERVICE_COUNT] = {};
+    services[SM_SERVICE_TRAP_SEND] = reinterpret_cast<void *>(&kelpAgentSendTrap);
+
+    ModuleHost module;
+    const auto stopAll = [&] {
+        traps.close();
+        module.stop();
+        snmp.shutdown();
+        runtime.release();
+    };
+    if (!module.open(options.module, &error) ||
+        !module.load(services, reinterpret_cast<uint64_t>(&traps), &error) ||
+        !registerMibRoot(&module.dispatch(), &error) || !snmp.open(&error) ||
+        !module.startMonitor(&error)) {
+        const int status = fail(error);
+        stopAll();
+        return status;
+    }
+    if (options.agentx) {
+        logLine("AgentX subagent of %s", options.agentxSocket.empty()
+                                             ? "the default master socket"
+                                             : options.agentxSocket.c_str());
+    } else {
+        logLine("answering on %s, community \"%s\" (read-only)", options.listen.c_str(),
+                options.community.c_str());
+    }
+
+    snmp.run([&traps] { traps.pump(); });
+
+    stopAll();
+    logLine("stopped");
+    return 0;
+}
+
+} // namespace
+} // namespace kelp::agent
+
+int main(int argc, char **argv)
+{
+    using namespace kelp::agent;
+    SnmpAgent::catchStopSignals();
+    Options options;
+    std::string error;
+    const DefaultPlaces places =
+        defaultPlaces(binaryDir(), std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+    if (!parseOptions(argc, argv, &options, &error)) {
+        std::fprintf(stderr, "kelpagent: %s\nTry kelpagent --help.\n", error.c_str());
+        return 2;
+    }
+    if (options.help) {
+        std::fputs(usageText(places).c_str(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::printf("kelpagent %s\n", KELP_VERSION);
+        return 0;
+    }
+    if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
+        std::fprintf(stderr, "kelpagent: %s\n", error.c_str());
+        return 1;
+    }
+    return run(options);
+}

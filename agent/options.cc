@@ -1,0 +1,233 @@
+// Command-line parsing over a table of option rows. Adding an option is
+// adding a row (and a field of Options).
+#include "options.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <sstream>
+#include <string_view>
+
+namespace kelp::agent {
+namespace {
+
+enum class Arg { kNone, kRequired, kOptional };
+
+struct OptionRow {
+    const char *name; // without the leading "--"
+    Arg arg;
+    const char *valueName;
+    const char *help;
+    // Applies the option; false with *error for a bad value.
+    bool (*apply)(Options &options, const std::string &value, std::string *error);
+};
+
+bool setPath(std::string *field, const std::string &value, const char *what, std::string *error)
+{
+    if (value.empty()) {
+        *error = std::string(what) + " needs a non-empty path";
+        return false;
+    }
+    *field = value;
+    return true;
+}
+
+bool setWord(std::string *field, const std::string &value, const char *what, std::string *error)
+{
+    // The agent hands some of these to net-snmp as configuration lines,
+    // where blanks and quotes would split or change the line.
+    if (value.empty() || value.find_first_of(" \t\n\"'") != std::string::npos) {
+        *error = std::string(what) + " must be a non-empty word without blanks or quotes";
+        return false;
+    }
+    *field = value;
+    return true;
+}
+
+constexpr OptionRow kOptions[] = {
+    {"model", Arg::kRequired, "FILE", "storage model the data store serves",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.model, v, "--model", e);
+     }},
+    {"listen", Arg::kRequired, "ADDR", "address to answer SNMP on (net-snmp transport syntax)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.listen, v, "--listen", e);
+     }},
+    {"community", Arg::kRequired, "NAME", "the read-only community",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.community, v, "--community", e);
+     }},
+    {"agentx", Arg::kOptional, "SOCKET",
+     "run as an AgentX subagent of a running snmpd (socket: /var/agentx/master)",
+     [](Options &o, const std::string &v, std::string *e) {
+         o.agentx = true;
+         return v.empty() || setWord(&o.agentxSocket, v, "--agentx", e);
+     }},
+    {"trap-sink", Arg::kRequired, "ADDR", "send traps there (repeatable; e.g. udp:127.0.0.1:162)",
+     [](Options &o, const std::string &v, std::string *e) {
+         std::string sink;
+         if (!setWord(&sink, v, "--trap-sink", e)) {
+             return false;
+         }
+         o.trapSinks.push_back(sink);
+         return true;
+     }},
+    {"trap-version", Arg::kRequired, "1|2c", "SNMPv1 traps or SNMPv2c notifications (2c)",
+     [](Options &o, const std::string &v, std::string *e) {
+         if (v != "1" && v != "2c") {
+             *e = "--trap-version takes 1 or 2c, not \"" + v + "\"";
+             return false;
+         }
+         o.trapV1 = v == "1";
+         return true;
+     }},
+    {"ini", Arg::kRequired, "FILE", "the private ini store",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.ini, v, "--ini", e);
+     }},
+    {"state-dir", Arg::kRequired, "DIR", "where the agent keeps its files",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.stateDir, v, "--state-dir", e);
+     }},
+    {"control", Arg::kRequired, "SOCKET", "the control socket kelpctl talks to",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.control, v, "--control", e);
+     }},
+    {"module", Arg::kRequired, "PATH", "the MIB implementer plug-in",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.module, v, "--module", e);
+     }},
+    {"debug", Arg::kNone, nullptr,
+     "debug printing of the plug-in into <state-dir>/debug.log (DebugSNMP=On while running)",
+     [](Options &o, const std::string &, std::string *) { return o.debug = true; }},
+    {"help", Arg::kNone, nullptr, "this text",
+     [](Options &o, const std::string &, std::string *) { return o.help = true; }},
+    {"version", Arg::kNone, nullptr, "the version",
+     [](Options &o, const std::string &, std::string *) { return o.version = true; }},
+};
+
+const OptionRow *findOption(std::string_view name)
+{
+    for (const OptionRow &row : kOptions) {
+        if (name == row.name) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+bool isFile(const std::string &path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+} // namespace
+
+bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error)
+{
+    for (int i = 1; i < argc; i++) {
+        std::string_view word = argv[i];
+        if (!word.starts_with("--")) {
+            *error = "unexpected argument \"" + std::string(word) + "\"";
+            return false;
+        }
+        word.remove_prefix(2);
+        const size_t equals = word.find('=');
+        const std::string_view name = word.substr(0, equals);
+        const OptionRow *row = findOption(name);
+        if (row == nullptr) {
+            *error = "unknown option --" + std::string(name);
+            return false;
+        }
+        std::string value;
+        if (equals != std::string_view::npos) {
+            if (row->arg == Arg::kNone) {
+                *error = "--" + std::string(name) + " takes no value";
+                return false;
+            }
+            value = std::string(word.substr(equals + 1));
+        } else if (row->arg == Arg::kRequired) {
+            if (i + 1 >= argc) {
+                *error = "--" + std::string(name) + " needs " + row->valueName;
+                return false;
+            }
+            value = argv[++i];
+        } else if (row->arg == Arg::kOptional && i + 1 < argc &&
+                   std::strncmp(argv[i + 1], "--", 2) != 0) {
+            value = argv[++i];
+        }
+        if (!row->apply(*options, value, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error)
+{
+    if (options->stateDir.empty()) {
+        if (places.stateDir.empty()) {
+            *error = "no state dir: set XDG_STATE_HOME or HOME, or give --state-dir";
+            return false;
+        }
+        options->stateDir = places.stateDir;
+    }
+    if (options->ini.empty()) {
+        options->ini = options->stateDir + "/kelp.ini";
+    }
+    if (options->control.empty()) {
+        options->control = options->stateDir + "/control.sock";
+    }
+    if (options->module.empty()) {
+        options->module = places.module;
+    }
+    if (options->model.empty()) {
+        for (const std::string &candidate : places.modelCandidates) {
+            if (isFile(candidate)) {
+                options->model = candidate;
+                return true;
+            }
+        }
+        *error = "no --model given and no sample model found (see --help)";
+        return false;
+    }
+    return true;
+}
+
+std::string usageText(const DefaultPlaces &places)
+{
+    std::ostringstream text;
+    text << "usage: kelpagent [options]\n\n"
+            "An SNMP agent serving the storage MIB 1.3.6.1.4.1.61234.20571.1.20 through the\n"
+            "kelp plug-in. Runs in the foreground, logs to stderr, stops on SIGINT/SIGTERM.\n\n"
+            "options:\n";
+    for (const OptionRow &row : kOptions) {
+        std::string left = std::string("--") + row.name;
+        if (row.arg == Arg::kRequired) {
+            left += std::string(" ") + row.valueName;
+        } else if (row.arg == Arg::kOptional) {
+            left += std::string(" [") + row.valueName + "]";
+        }
+        text << "  " << left << std::string(left.size() < 22 ? 22 - left.size() : 1, ' ')
+             << row.help << "\n";
+    }
+    text << "\ndefaults:\n"
+         << "  --listen " << kDefaultListen << ", --community " << kDefaultCommunity
+         << " (read-only), no trap sink, --trap-version 2c\n"
+         << "  --state-dir "
+         << (places.stateDir.empty() ? "$XDG_STATE_HOME/kelp or ~/.local/state/kelp"
+                                     : places.stateDir)
+         << " (created 0700)\n"
+         << "  --ini <state-dir>/kelp.ini, --control <state-dir>/control.sock\n"
+         << "  --module " << places.module << "\n"
+         << "  --model: the first of these that exists:\n";
+    for (const std::string &candidate : places.modelCandidates) {
+        text << "    " << candidate << (isFile(candidate) ? "  (found)" : "") << "\n";
+    }
+    text << "\nNothing is written outside the state dir: net-snmp's persistent files go to\n"
+            "<state-dir>/snmp, debug lines to <state-dir>/debug.log; /etc/snmp is not read.\n";
+    return text.str();
+}
+
+} // namespace kelp::agent

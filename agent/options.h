@@ -1,0 +1,52 @@
+// kelpagent's command line: the options as rows of one table, their
+// defaults, and the help text made from the same table.
+#ifndef KELP_AGENT_OPTIONS_H
+#define KELP_AGENT_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+namespace kelp::agent {
+
+inline constexpr const char *kDefaultListen = "udp:127.0.0.1:1161";
+inline constexpr const char *kDefaultCommunity = "public";
+
+struct Options {
+    std::string model; // empty: the first sample model found (modelCandidates)
+    std::string listen = kDefaultListen;
+    std::string community = kDefaultCommunity;
+    bool agentx = false;
+    std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
+    std::vector<std::string> trapSinks;
+    bool trapV1 = false;  // --trap-version 1; 2c otherwise
+    std::string ini;      // empty: <state-dir>/kelp.ini
+    std::string stateDir; // empty: $XDG_STATE_HOME/kelp or ~/.local/state/kelp
+    std::string control;  // empty: <state-dir>/control.sock
+    std::string module;   // empty: <bin>/../lib/libkelpimp64.so
+    bool debug = false;
+    bool help = false;
+    bool version = false;
+};
+
+// Parses argv into *options (starting from the defaults above). Accepts
+// "--name value" and "--name=value"; --agentx takes a socket only when the
+// next word is not an option. False with a message for a usage error.
+bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error);
+
+// Where the defaults of the empty fields come from, for --help and startup.
+struct DefaultPlaces {
+    std::string stateDir;                     // may be empty when HOME is unknown
+    std::vector<std::string> modelCandidates; // in the order tried
+    std::string module;
+};
+
+// Fills the empty fields from `places`. False with a message when no model
+// is named and none of the candidates exists, or no state dir is known.
+bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error);
+
+// The --help text.
+std::string usageText(const DefaultPlaces &places);
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_OPTIONS_H

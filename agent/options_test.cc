@@ -1,0 +1,159 @@
+// The command line: each option's row, usage errors, and the defaults.
+#include "options.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "paths.h"
+
+namespace kelp::agent {
+namespace {
+
+bool parse(std::vector<const char *> words, Options *options, std::string *error)
+{
+    words.insert(words.begin(), "kelpagent");
+    return parseOptions(static_cast<int>(words.size()), words.data(), options, error);
+}
+
+TEST(Options, EveryOptionSetsItsField)
+{
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"--model",
+                       "m.xml",
+                       "--listen=udp:127.0.0.1:9",
+                       "--community",
+                       "c",
+                       "--trap-sink",
+                       "udp:127.0.0.1:7",
+                       "--trap-sink=udp:127.0.0.1:8",
+                       "--trap-version",
+                       "1",
+                       "--ini",
+                       "i.ini",
+                       "--state-dir",
+                       "/s",
+                       "--control",
+                       "c.sock",
+                       "--module",
+                       "m.so",
+                       "--debug",
+                       "--agentx"},
+                      &o, &error))
+        << error;
+    EXPECT_EQ(o.model, "m.xml");
+    EXPECT_EQ(o.listen, "udp:127.0.0.1:9");
+    EXPECT_EQ(o.community, "c");
+    EXPECT_EQ(o.trapSinks, (std::vector<std::string>{"udp:127.0.0.1:7", "udp:127.0.0.1:8"}));
+    EXPECT_TRUE(o.trapV1);
+    EXPECT_EQ(o.ini, "i.ini");
+    EXPECT_EQ(o.stateDir, "/s");
+    EXPECT_EQ(o.control, "c.sock");
+    EXPECT_EQ(o.module, "m.so");
+    EXPECT_TRUE(o.debug);
+    EXPECT_TRUE(o.agentx);
+    EXPECT_EQ(o.agentxSocket, "");
+}
+
+TEST(Options, AgentxTakesASocketOnlyWhenOneFollows)
+{
+    Options a, b;
+    std::string error;
+    ASSERT_TRUE(parse({"--agentx", "/tmp/x/master", "--debug"}, &a, &error)) << error;
+    EXPECT_TRUE(a.agentx);
+    EXPECT_EQ(a.agentxSocket, "/tmp/x/master");
+    ASSERT_TRUE(parse({"--agentx", "--debug"}, &b, &error)) << error;
+    EXPECT_TRUE(b.agentx);
+    EXPECT_EQ(b.agentxSocket, "");
+    EXPECT_TRUE(b.debug);
+}
+
+TEST(Options, DefaultsAreTheDocumentedOnes)
+{
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parse({}, &o, &error));
+    EXPECT_EQ(o.listen, "udp:127.0.0.1:1161");
+    EXPECT_EQ(o.community, "public");
+    EXPECT_FALSE(o.trapV1);
+    EXPECT_FALSE(o.agentx);
+    EXPECT_TRUE(o.trapSinks.empty());
+}
+
+TEST(Options, UsageErrorsAreRefusedWithAMessage)
+{
+    const std::vector<std::vector<const char *>> bad{
+        {"--nope"},          {"model.xml"},           {"--model"},
+        {"--debug=yes"},     {"--trap-version", "3"}, {"--community", "two words"},
+        {"--trap-sink", ""}, {"--community=a\"b"},
+    };
+    for (const auto &words : bad) {
+        Options o;
+        std::string error;
+        EXPECT_FALSE(parse(words, &o, &error)) << words[0];
+        EXPECT_FALSE(error.empty()) << words[0];
+    }
+}
+
+TEST(Options, CompletionFillsThePlacesUnderTheStateDir)
+{
+    const std::string dir = testing::TempDir() + "kelp-options-" + std::to_string(getpid());
+    std::filesystem::create_directories(dir);
+    const std::string model = dir + "/found.xml";
+    std::ofstream(model) << "<storage/>";
+    DefaultPlaces places;
+    places.stateDir = dir + "/state";
+    places.module = "/lib/x.so";
+    places.modelCandidates = {dir + "/missing.xml", model};
+
+    Options o;
+    std::string error;
+    ASSERT_TRUE(completeOptions(places, &o, &error)) << error;
+    EXPECT_EQ(o.stateDir, dir + "/state");
+    EXPECT_EQ(o.ini, dir + "/state/kelp.ini");
+    EXPECT_EQ(o.control, dir + "/state/control.sock");
+    EXPECT_EQ(o.module, "/lib/x.so");
+    EXPECT_EQ(o.model, model);
+
+    const std::string usage = usageText(places);
+    for (const char *text : {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug",
+                             "--help", "--version", "udp:127.0.0.1:1161", "(found)"}) {
+        EXPECT_NE(usage.find(text), std::string::npos) << text;
+    }
+
+    places.modelCandidates = {dir + "/missing.xml"};
+    Options none;
+    EXPECT_FALSE(completeOptions(places, &none, &error));
+    std::filesystem::remove_all(dir);
+}
+
+TEST(Paths, StateDirFollowsXdgThenHomeAndIsMadePrivate)
+{
+    EXPECT_EQ(defaultPlaces("/b", "/x", "/h").stateDir, "/x/kelp");
+    EXPECT_EQ(defaultPlaces("/b", nullptr, "/h").stateDir, "/h/.local/state/kelp");
+    EXPECT_EQ(defaultPlaces("/b", "relative", "/h").stateDir, "/h/.local/state/kelp");
+    EXPECT_EQ(defaultPlaces("/b", nullptr, nullptr).stateDir, "");
+    const DefaultPlaces places = defaultPlaces("/opt/kelp/bin", nullptr, "/h");
+    EXPECT_EQ(places.module, "/opt/kelp/bin/../lib/libkelpimp64.so");
+    ASSERT_GE(places.modelCandidates.size(), 2u);
+    EXPECT_EQ(places.modelCandidates[0], "/opt/kelp/bin/../share/kelp/models/sample.xml");
+    EXPECT_EQ(places.modelCandidates[1], "/opt/kelp/bin/../../data/models/sample.xml");
+
+    const std::string dir = testing::TempDir() + "kelp-paths-" + std::to_string(getpid());
+    std::string error;
+    ASSERT_TRUE(makeStateDir(dir + "/a/b", &error)) << error;
+    EXPECT_EQ(std::filesystem::status(dir + "/a/b").permissions(),
+              std::filesystem::perms::owner_all);
+    ASSERT_TRUE(makeStateDir(dir + "/a/b", &error)) << "an existing dir is fine";
+    std::ofstream(dir + "/file") << "x";
+    EXPECT_FALSE(makeStateDir(dir + "/file", &error));
+    std::filesystem::remove_all(dir);
+}
+
+} // namespace
+} // namespace kelp::agent

@@ -1,0 +1,67 @@
+// Default places and the state dir.
+#include "paths.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#ifndef KELP_SOURCE_DIR
+#define KELP_SOURCE_DIR ""
+#endif
+
+namespace kelp::agent {
+
+std::string binaryDir()
+{
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0) {
+        return ".";
+    }
+    std::string path(self, static_cast<size_t>(length));
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome, const char *home)
+{
+    DefaultPlaces places;
+    if (xdgStateHome != nullptr && xdgStateHome[0] == '/') {
+        // The XDG rules ignore a relative value.
+        places.stateDir = std::string(xdgStateHome) + "/kelp";
+    } else if (home != nullptr && home[0] != '\0') {
+        places.stateDir = std::string(home) + "/.local/state/kelp";
+    }
+    places.module = binDir + "/../lib/libkelpimp64.so";
+    places.modelCandidates.push_back(binDir + "/../share/kelp/models/sample.xml");
+    places.modelCandidates.push_back(binDir + "/../../data/models/sample.xml");
+    if (KELP_SOURCE_DIR[0] != '\0') {
+        places.modelCandidates.push_back(std::string(KELP_SOURCE_DIR) + "/data/models/sample.xml");
+    }
+    return places;
+}
+
+bool makeStateDir(const std::string &dir, std::string *error)
+{
+    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+        const std::string part = dir.substr(0, slash);
+        if (!part.empty() && mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+            *error = "cannot create " + part + ": " + std::strerror(errno);
+            return false;
+        }
+        if (slash == std::string::npos) {
+            break;
+        }
+    }
+    struct stat st {};
+    if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        *error = dir + " is not a directory";
+        return false;
+    }
+    return true;
+}
+
+} // namespace kelp::agent

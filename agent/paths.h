@@ -1,0 +1,30 @@
+// Where kelpagent finds its defaults (next to its binary, in the build tree
+// or an installed share dir) and how it makes its state dir.
+#ifndef KELP_AGENT_PATHS_H
+#define KELP_AGENT_PATHS_H
+
+#include <string>
+
+#include "options.h"
+
+namespace kelp::agent {
+
+// The directory of the running binary (from /proc/self/exe); "." when unknown.
+std::string binaryDir();
+
+// The default places for a binary in `binDir`, with the state dir taken
+// from xdgStateHome, else home (either may be null or empty):
+//   state dir  $XDG_STATE_HOME/kelp, else $HOME/.local/state/kelp
+//   module     <bin>/../lib/libkelpimp64.so
+//   model      <bin>/../share/kelp/models/sample.xml   (installed)
+//              <bin>/../../data/models/sample.xml      (build tree in the checkout)
+//              <source dir>/data/models/sample.xml     (the checkout it was built from)
+DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome, const char *home);
+
+// Creates `dir` and its missing parents with mode 0700 (an existing dir is
+// left as it is). False with a message naming the path on failure.
+bool makeStateDir(const std::string &dir, std::string *error);
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_PATHS_H

@@ -1,0 +1,86 @@
+// Request and reply records of commands 9 and 10.
+#include "records.h"
+
+#include <limits>
+#include <utility>
+
+#include "vcsupt.h"
+
+namespace kelp::agent {
+
+std::optional<RequestRecord> RequestRecord::fromName(std::span<const uint64_t> name)
+{
+    std::vector<uint32_t> arcs;
+    arcs.reserve(name.size());
+    for (const uint64_t arc : name) {
+        if (arc > std::numeric_limits<uint32_t>::max()) {
+            return std::nullopt;
+        }
+        arcs.push_back(static_cast<uint32_t>(arc));
+    }
+    return RequestRecord(std::move(arcs));
+}
+
+RequestRecord::RequestRecord(std::vector<uint32_t> arcs) : arcs_(std::move(arcs))
+{
+    pointAtArcs();
+}
+
+RequestRecord::RequestRecord(RequestRecord &&other) noexcept : arcs_(std::move(other.arcs_))
+{
+    pointAtArcs();
+    other.pointAtArcs();
+}
+
+RequestRecord &RequestRecord::operator=(RequestRecord &&other) noexcept
+{
+    arcs_ = std::move(other.arcs_);
+    pointAtArcs();
+    other.pointAtArcs();
+    return *this;
+}
+
+void RequestRecord::pointAtArcs()
+{
+    record_ = SMSnmpValue{};
+    record_.name.count = static_cast<uint32_t>(arcs_.size());
+    record_.name.arcs = arcs_.empty() ? nullptr : arcs_.data();
+}
+
+ReplyRecord::ReplyRecord()
+{
+    record_.name.count = 0;
+    record_.name.arcs = arcs_.data();
+    record_.type = 0;
+    record_.value = kValueBytes;
+    record_.buffer = bytes_.data();
+}
+
+ReplyRecord::~ReplyRecord()
+{
+    if (holdsForeignBuffer()) {
+        SMFreeMem(record_.buffer);
+    }
+}
+
+bool ReplyRecord::holdsForeignBuffer() const
+{
+    // Integer answers clear the pointer; null is nobody's buffer.
+    return record_.buffer != nullptr && record_.buffer != bytes_.data();
+}
+
+std::optional<std::span<const uint32_t>> ReplyRecord::name() const
+{
+    if (record_.name.arcs != arcs_.data() || record_.name.count > kNameArcs) {
+        return std::nullopt;
+    }
+    return std::span<const uint32_t>(arcs_.data(), record_.name.count);
+}
+
+ValueRead ReplyRecord::readValue(Value *out) const
+{
+    return kelp::agent::readValue(record_, holdsForeignBuffer() ? kForeignReadable : kValueBytes,
+                                  out);
+}
+
+} // namespace kelp::agent

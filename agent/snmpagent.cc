@@ -1,0 +1,205 @@
+// net-snmp agent set-up, main loop and shut-down.
+#include "snmpagent.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <vector>
+
+#include "log.h"
+#include "paths.h"
+
+namespace kelp::agent {
+namespace {
+
+constexpr const char *kAppName = "kelpagent";
+// A subagent pings its master this often and reconnects after a restart.
+constexpr int kAgentxPingSeconds = 5;
+
+// The self-pipe that signals and wake() write to, open from init() to
+// shutdown(); -1 otherwise. Lock-free, hence usable in a signal handler.
+std::atomic<int> g_wakeRead{-1};
+std::atomic<int> g_wakeWrite{-1};
+volatile std::sig_atomic_t g_stopRequested = 0;
+static_assert(std::atomic<int>::is_always_lock_free);
+
+void writeWakeByte()
+{
+    const int fd = g_wakeWrite.load();
+    if (fd >= 0) {
+        const char byte = 'w';
+        // A full pipe already holds a wake-up.
+        [[maybe_unused]] const ssize_t written = write(fd, &byte, 1);
+    }
+}
+
+void onSignal(int)
+{
+    g_stopRequested = 1;
+    writeWakeByte();
+}
+
+void drain(int fd, void *)
+{
+    char bytes[64];
+    while (read(fd, bytes, sizeof bytes) > 0) {
+    }
+}
+
+// Hands net-snmp one configuration line, read by init_snmp; the parser
+// takes a writable copy.
+void remember(const std::string &line)
+{
+    std::vector<char> text(line.begin(), line.end());
+    text.push_back('\0');
+    netsnmp_config_remember(text.data());
+}
+
+} // namespace
+
+SnmpAgent::~SnmpAgent()
+{
+    shutdown();
+}
+
+bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
+{
+    settings_ = settings;
+    snmp_enable_stderrlog();
+    if (!makeStateDir(settings.persistentDir, error)) {
+        return false;
+    }
+    int fds[2];
+    if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) {
+        *error = "cannot make the wake-up pipe";
+        return false;
+    }
+    g_wakeRead = fds[0];
+    g_wakeWrite = fds[1];
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR,
+                          settings.persistentDir.c_str());
+    // Timers (AgentX pings and reconnects) run from the main loop, not
+    // from a SIGALRM handler in the middle of whatever the loop was doing.
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
+    netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DISABLE_PERL, 1);
+    netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID,
+                           NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+    if (settings.subagent) {
+        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
+        if (!settings.agentxSocket.empty()) {
+            netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
+                                  settings.agentxSocket.c_str());
+        }
+    } else {
+        netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS,
+                              settings.listen.c_str());
+    }
+    // Without this a master binds the SMUX port (TCP 199, on every address)
+    // in init_master_agent whenever it may, as root. A subagent never
+    // initialises SMUX; excluding it there too costs nothing.
+    char noSmux[] = "-smux";
+    add_to_init_list(noSmux);
+    if (init_agent(kAppName) != 0) {
+        *error = "net-snmp's agent library does not start";
+        return false;
+    }
+    if (settings.subagent) {
+        // init_agent sets its own default (15 s); the first connection is
+        // tried by init_snmp, the retries on this period.
+        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
+                           kAgentxPingSeconds);
+    }
+    initialised_ = true;
+    return true;
+}
+
+bool SnmpAgent::open(std::string *error)
+{
+    // Lines remembered now are read by init_snmp, in place of the files it
+    // does not read. An agent names objects by number: parsing the MIB files
+    // of this host would only cost time and warnings.
+    remember("mibs :");
+    if (!settings_.subagent) {
+        // Write access in net-snmp's access control only lets a Set through
+        // to the handler, which refuses every Set as notWritable; read-only
+        // access would answer noAccess instead. The access covers the served
+        // subtree alone, so no other object of the agent becomes writable.
+        remember("rwcommunity " + settings_.community + " default .1.3.6.1.4.1.61234.20571.1.20");
+    }
+    for (const std::string &sink : settings_.trapSinks) {
+        remember((settings_.trapV1 ? "trapsink " : "trap2sink ") + sink + " " +
+                 settings_.community);
+    }
+    init_snmp(kAppName);
+    if (!settings_.subagent && init_master_agent() != 0) {
+        *error = "cannot listen on " + settings_.listen +
+                 " (the port is in use, or the address is not this host's)";
+        return false;
+    }
+    return true;
+}
+
+void SnmpAgent::catchStopSignals()
+{
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    // A closed AgentX or control connection is an error return, not a
+    // reason to die.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+void SnmpAgent::run(const std::function<void()> &onWake)
+{
+    register_readfd(g_wakeRead, drain, nullptr);
+    while (g_stopRequested == 0) {
+        agent_check_and_process(1);
+        onWake();
+    }
+    logLine("stopping on a signal");
+
+    // A second signal while stopping ends the process the default way.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    unregister_readfd(g_wakeRead);
+}
+
+void SnmpAgent::wake()
+{
+    writeWakeByte();
+}
+
+bool SnmpAgent::hasTrapDestination() const
+{
+    return settings_.subagent || !settings_.trapSinks.empty();
+}
+
+void SnmpAgent::shutdown()
+{
+    if (initialised_) {
+        snmp_shutdown(kAppName);
+        initialised_ = false;
+    }
+    // Nothing wakes the loop any more: the trap queue is closed and the
+    // plug-in's threads have ended before the caller shuts down.
+    for (std::atomic<int> *fd : {&g_wakeWrite, &g_wakeRead}) {
+        const int old = fd->exchange(-1);
+        if (old >= 0) {
+            close(old);
+        }
+    }
+}
+
+} // namespace kelp::agent

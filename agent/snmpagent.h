@@ -1,0 +1,67 @@
+// net-snmp's agent library for one run of kelpagent: an embedded master
+// agent on one address or an AgentX subagent, configured from code only
+// (/etc/snmp is not read, no SMUX, persistent files in the state dir), with
+// a main loop that SIGINT/SIGTERM and wake() interrupt.
+#ifndef KELP_AGENT_SNMPAGENT_H
+#define KELP_AGENT_SNMPAGENT_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kelp::agent {
+
+struct AgentSettings {
+    bool subagent = false;
+    std::string agentxSocket; // subagent: empty for net-snmp's default
+    std::string listen;       // master: the address to answer on
+    std::string community;    // master: the read-only community
+    std::vector<std::string> trapSinks;
+    bool trapV1 = false;
+    std::string persistentDir; // created 0700 when missing
+};
+
+class SnmpAgent {
+  public:
+    SnmpAgent() = default;
+    // shutdown()
+    ~SnmpAgent();
+    SnmpAgent(const SnmpAgent &) = delete;
+    SnmpAgent &operator=(const SnmpAgent &) = delete;
+
+    // Logging to stderr, the library's settings, init_agent. Call once,
+    // before registering anything. False with a message on failure.
+    bool init(const AgentSettings &settings, std::string *error);
+
+    // After the registrations: init_snmp, the community and the trap sinks,
+    // and for a master the listening address. False with a message when the
+    // address cannot be bound (in use, or not this host's).
+    bool open(std::string *error);
+
+    // Catches SIGINT and SIGTERM from now on (and ignores SIGPIPE), so that
+    // a stop request during start-up ends run() at once instead of the
+    // process. Call first thing, before any thread is started.
+    static void catchStopSignals();
+
+    // Runs the agent until SIGINT or SIGTERM (also one caught before);
+    // `onWake` runs on this thread after every wake().
+    void run(const std::function<void()> &onWake);
+
+    // Any thread: makes run() call its onWake soon.
+    static void wake();
+
+    // True when traps have somewhere to go: a sink, or the AgentX master.
+    bool hasTrapDestination() const;
+
+    // snmp_shutdown (persistent files are written then). Safe to call more
+    // than once.
+    void shutdown();
+
+  private:
+    AgentSettings settings_;
+    bool initialised_ = false;
+};
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_SNMPAGENT_H

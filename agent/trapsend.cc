@@ -1,0 +1,54 @@
+// Traps into net-snmp.
+#include "trapsend.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <string>
+#include <vector>
+
+#include "log.h"
+#include "snmpvalue.h"
+
+namespace kelp::agent {
+
+uint32_t sendTrapNow(const Trap &trap)
+{
+    netsnmp_variable_list *vars = nullptr;
+    for (const TrapBinding &binding : trap.bindings) {
+        if (!appendVar(&vars, binding.name, binding.value)) {
+            snmp_free_varbind(vars);
+            return SM_SNMP_GENERR;
+        }
+    }
+    const std::vector<oid> enterprise(trap.enterprise.begin(), trap.enterprise.end());
+    // net-snmp copies the bindings into each PDU it sends.
+    const int status = netsnmp_send_traps(static_cast<int>(trap.generic),
+                                          static_cast<int>(trap.specific), enterprise.data(),
+                                          static_cast<int>(enterprise.size()), vars, nullptr, 0);
+    snmp_free_varbind(vars);
+    return status == 0 ? SM_SNMP_NOERROR : SM_SNMP_GENERR;
+}
+
+extern "C" uint32_t kelpAgentSendTrap(uint64_t handle, const SMSnmpOID *enterprise,
+                                      uint32_t generic, uint32_t specific, uint32_t bindingCount,
+                                      SMSnmpValue *bindings)
+{
+    auto *queue = reinterpret_cast<TrapQueue *>(handle);
+    if (queue == nullptr) {
+        return SM_SNMP_GENERR;
+    }
+    Trap trap;
+    std::string why;
+    if (!copyTrap(enterprise, generic, specific, bindingCount, bindings, &trap, &why)) {
+        logLine("trap from the module not sent: %s", why.c_str());
+        return SM_SNMP_GENERR;
+    }
+    return queue->submit(std::move(trap));
+}
+
+} // namespace kelp::agent

@@ -1,0 +1,154 @@
+// kelpagent's start-up as a user meets it: the command line, the defaults,
+// and the clear errors (exit status 1) for a module that does not load, a
+// model that does not validate and a port that is taken.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "testkit.h"
+
+namespace kelp::test {
+namespace {
+
+// kelpagent with a private state dir on a free port, plus `extra`.
+RunResult startAndFail(const TempDir &dir, const std::vector<std::string> &extra)
+{
+    std::vector<std::string> argv{kelpagentPath(), "--state-dir", dir / "state", "--listen",
+                                  "udp:127.0.0.1:" + std::to_string(freeUdpPort())};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return run(argv, agentEnv(), dir, 20s);
+}
+
+TEST(AgentStart, HelpNamesEveryOptionAndTheDefaults)
+{
+    TempDir dir;
+    const RunResult help = run({kelpagentPath(), "--help"}, agentEnv(), dir);
+    EXPECT_EQ(help.status, 0);
+    for (const char *text :
+         {"--model FILE", "--listen ADDR", "--community NAME", "--agentx [SOCKET]",
+          "--trap-sink ADDR", "--trap-version 1|2c", "--ini FILE", "--state-dir DIR",
+          "--control SOCKET", "--module PATH", "--debug", "udp:127.0.0.1:1161", "public",
+          "data/models/sample.xml", "(found)", "libkelpimp64.so"}) {
+        EXPECT_NE(help.out.find(text), std::string::npos) << text;
+    }
+    const RunResult version = run({kelpagentPath(), "--version"}, {}, dir);
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("kelpagent ", 0), 0u) << version.out;
+    const RunResult bad = run({kelpagentPath(), "--port", "9"}, {}, dir);
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("unknown option --port"), std::string::npos) << bad.err;
+}
+
+TEST(AgentStart, AModuleThatDoesNotLoadIsAClearError)
+{
+    TempDir dir;
+    const RunResult missing =
+        startAndFail(dir, {"--model", sourcePath("data/models/test/minimal.xml"), "--module",
+                           dir / "nothing.so"});
+    EXPECT_EQ(missing.status, 1) << missing.err;
+    EXPECT_NE(missing.err.find("kelpagent: the module does not load: "), std::string::npos)
+        << missing.err;
+    EXPECT_NE(missing.err.find("nothing.so"), std::string::npos) << missing.err;
+
+    // A library without the dispatch (the runtime itself).
+    const std::string runtime =
+        std::filesystem::path(modulePath()).parent_path() / "libkelpruntime.so";
+    const RunResult wrong = startAndFail(
+        dir, {"--model", sourcePath("data/models/test/minimal.xml"), "--module", runtime});
+    EXPECT_EQ(wrong.status, 1) << wrong.err;
+    EXPECT_NE(wrong.err.find("KELPIMP64_SMMIBImplementerDispatch"), std::string::npos) << wrong.err;
+}
+
+TEST(AgentStart, AModelThatDoesNotValidateIsAClearErrorNamingFileAndLine)
+{
+    TempDir dir;
+    const std::string bad = sourcePath("data/models/test/bad-duplicate-id.xml");
+    const RunResult result = startAndFail(dir, {"--model", bad, "--module", modulePath()});
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_NE(result.err.find("kelpagent: the model does not load: " + bad + ":"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(result.err.find("module"), std::string::npos)
+        << "the model is checked before the module is loaded:\n"
+        << result.err;
+
+    const RunResult missing =
+        startAndFail(dir, {"--model", dir / "none.xml", "--module", modulePath()});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.err.find("none.xml"), std::string::npos) << missing.err;
+}
+
+TEST(AgentStart, APortInUseIsAClearError)
+{
+    TempDir dir;
+    const int taken = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof addr;
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr *>(&addr), &length), 0);
+    const std::string listen = "udp:127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+
+    const RunResult result =
+        run({kelpagentPath(), "--state-dir", dir / "state", "--listen", listen, "--model",
+             sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+            agentEnv(), dir, 20s);
+    close(taken);
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_NE(result.err.find("kelpagent: cannot listen on " + listen), std::string::npos)
+        << result.err;
+    EXPECT_FALSE(std::filesystem::exists(dir / "state/control.sock"))
+        << "everything started is stopped again";
+}
+
+TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
+{
+    TempDir dir;
+    Process agent({kelpagentPath(), "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                   "--model", sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+                  {"XDG_STATE_HOME=" + (dir / "xdg"), agentEnv()[0]}, dir / "out", dir / "err");
+    const std::string state = dir / "xdg/kelp";
+    EXPECT_TRUE(waitFor([&] { return std::filesystem::exists(state + "/control.sock"); }, 20s))
+        << agent.err();
+    // A stop request in the middle of start-up is a clean stop too.
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait(15s), 0) << agent.err();
+    Process again({kelpagentPath(), "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                   "--model", sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+                  {"XDG_STATE_HOME=" + (dir / "xdg"), agentEnv()[0]}, dir / "out", dir / "err");
+    EXPECT_TRUE(waitFor([&] { return again.err().find("answering on") != std::string::npos; }, 20s))
+        << again.err();
+    struct stat st {};
+    ASSERT_EQ(stat(state.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_TRUE(std::filesystem::exists(state + "/control.sock"));
+    again.signal(SIGTERM);
+    EXPECT_EQ(again.wait(15s), 0) << again.err();
+}
+
+TEST(AgentStart, DebugPrintsIntoTheStateDirAndPutsTheIniBack)
+{
+    AgentUnderTest agent;
+    std::filesystem::create_directories(agent.stateDir());
+    writeFile(agent.stateDir() + "/kelp.ini", "[general]\nDebugSNMP=Off\nSNMPRefreshMinutes=5\n");
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/test/minimal.xml"), {"--debug"}, &why)) << why;
+    EXPECT_NE(readFile(agent.stateDir() + "/kelp.ini").find("DebugSNMP=On"), std::string::npos);
+    agent.snmp("snmpget", {std::string(kRoot) + ".3.0"});
+    EXPECT_EQ(agent.stop(), 0) << agent.process()->err();
+    const std::string debug = readFile(agent.stateDir() + "/debug.log");
+    EXPECT_NE(debug.find("MIBImplementerLoad: entry"), std::string::npos) << debug.substr(0, 500);
+    EXPECT_NE(debug.find("MIBImplementerGet: entry"), std::string::npos);
+    const std::string ini = readFile(agent.stateDir() + "/kelp.ini");
+    EXPECT_NE(ini.find("DebugSNMP=Off"), std::string::npos) << ini;
+    EXPECT_NE(ini.find("SNMPRefreshMinutes=5"), std::string::npos) << ini;
+}
+
+} // namespace
+} // namespace kelp::test
