@@ -170,4 +170,46 @@ TEST_F(GetNextTest, EveryAnswerSortsAfterItsRequest)
     EXPECT_GT(steps, 20);
 }
 
+TEST_F(GetNextTest, EveryPrefixOfAWalkedNameIsAnsweredInOrder)
+{
+    build(controllers(2));
+    std::vector<std::vector<uint32_t>> walked;
+    std::vector<uint32_t> current{1, 3, 6, 1};
+    for (int steps = 0; steps < 1000; steps++) {
+        Exchange x{{}, false};
+        x.requestArcs = current;
+        x.request.name = SMSnmpOID{static_cast<uint32_t>(current.size()), 0, x.requestArcs.data()};
+        if (getNextValue(&x.request, &x.reply) != 0) {
+            break;
+        }
+        current.assign(x.reply.name.arcs, x.reply.name.arcs + x.reply.name.count);
+        walked.push_back(current);
+    }
+    ASSERT_GT(walked.size(), 20u);
+    for (const std::vector<uint32_t> &name : walked) {
+        for (size_t length = 0; length <= name.size(); length++) {
+            const std::vector<uint32_t> prefix(name.begin(), name.begin() + length);
+            Exchange get{{}, false};
+            get.requestArcs = prefix;
+            get.request.name = SMSnmpOID{static_cast<uint32_t>(length), 0,
+                                         length == 0 ? nullptr : get.requestArcs.data()};
+            const int32_t got = getValue(&get.request, &get.reply);
+            EXPECT_TRUE(got == 0 || got == 2 || got == 3 || got == 5) << got;
+
+            Exchange next{{}, false};
+            next.requestArcs = prefix;
+            next.request.name = SMSnmpOID{static_cast<uint32_t>(length), 0,
+                                          length == 0 ? nullptr : next.requestArcs.data()};
+            const int32_t status = getNextValue(&next.request, &next.reply);
+            if (status == 0) {
+                const std::vector<uint32_t> answered(next.reply.name.arcs,
+                                                     next.reply.name.arcs + next.reply.name.count);
+                EXPECT_LT(prefix, answered);
+            } else {
+                EXPECT_TRUE(status == 2 || status == 5) << status;
+            }
+        }
+    }
+}
+
 } // namespace
