@@ -15,15 +15,6 @@
 
 namespace {
 
-void freeAllLists()
-{
-    for (const TableListPair &pair : kTableListPairs) {
-        freeList(pair.live);
-        freeList(pair.staging);
-    }
-    freeList(&spareListNew);
-}
-
 // Generates (once per size) and serves a model of `disks` array disks.
 bool serveModel(benchmark::State &state, int disks)
 {

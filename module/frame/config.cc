@@ -38,11 +38,6 @@ bool configIsOnAnyCase(const char *text)
     return lower(text[0]) == 'o' && lower(text[1]) == 'n' && text[2] == '\0';
 }
 
-uint32_t configParseMinutes(const char *text)
-{
-    return decimalPrefix(text);
-}
-
 void configStartDebug()
 {
     char buffer[kPathBufferSize];
@@ -66,7 +61,7 @@ void configReadAttach()
     char buffer[kValueBufferSize];
     uint32_t size = kValueBufferSize;
     readKey("general", "SNMPRefreshMinutes", buffer, kValueBufferSize, &size);
-    const uint32_t minutes = configParseMinutes(buffer);
+    const uint32_t minutes = decimalPrefix(buffer);
     g_SNMPRefreshMinutes = minutes == 0 ? kDefaultRefreshMinutes : minutes;
 
     size = kValueBufferSize;

@@ -14,10 +14,6 @@ void configStartDebug();
 // and "AggregateEvents" (exactly "On": g_bAggregateEvents = 1).
 void configReadAttach();
 
-// The refresh period text converted as a decimal number: the leading digits,
-// 0 when there are none.
-uint32_t configParseMinutes(const char *text);
-
 // True when the text is "On" with ASCII letters compared without case.
 bool configIsOnAnyCase(const char *text);
 

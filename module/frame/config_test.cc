@@ -132,14 +132,6 @@ TEST(ConfigParse, OnAnyCaseMatchesOnlyTheTwoLetters)
     EXPECT_FALSE(configIsOnAnyCase(""));
 }
 
-TEST(ConfigParse, MinutesAreTheLeadingDigits)
-{
-    EXPECT_EQ(configParseMinutes("15"), 15u);
-    EXPECT_EQ(configParseMinutes("15x"), 15u);
-    EXPECT_EQ(configParseMinutes("x15"), 0u);
-    EXPECT_EQ(configParseMinutes(""), 0u);
-}
-
 class SnmpLogTest : public FrameTest {
   protected:
     void SetUp() override

@@ -41,11 +41,7 @@ __attribute__((constructor)) void moduleAttach()
 // they are released here, when nothing can read them any more.
 __attribute__((destructor)) void moduleDetach()
 {
-    for (const TableListPair &pair : kTableListPairs) {
-        freeList(pair.live);
-        freeList(pair.staging);
-    }
-    freeList(&spareListNew);
+    freeAllLists();
 }
 
 } // namespace

@@ -16,14 +16,6 @@ namespace {
 constexpr uint32_t kScratchSize = 512;
 constexpr uint32_t kTablePosition = 12; // the entry arc of root.G.T.1.C.R
 
-bool underRoot(const SMSnmpOID &name)
-{
-    if (name.count < kelpMibRootLength) {
-        return false;
-    }
-    return std::memcmp(name.arcs, kelpMibRootArcs, sizeof kelpMibRootArcs) == 0;
-}
-
 // The getter of root.G.T: 2 for a missing T in either group and for an
 // unknown table of group 130; 5 for an unknown table of group 140 (the two
 // groups answer differently here on purpose).
@@ -66,7 +58,7 @@ int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
 {
     VscilDebugPrint("getValue: Entry\n");
     int32_t status = SM_SNMP_NOSUCHNAME;
-    if (!underRoot(request->name)) {
+    if (!kelpMibUnderRoot(request->name)) {
         VscilDebugPrint("getValue: exit\n");
         return SM_SNMP_NOSUCHNAME;
     }

@@ -59,12 +59,6 @@ bool endsAt(const SMSnmpValue *request, uint32_t position)
     return request->name.count == position + 1;
 }
 
-bool underRoot(const SMSnmpOID &name)
-{
-    return name.count >= kelpMibRootLength &&
-           std::memcmp(name.arcs, kelpMibRootArcs, sizeof kelpMibRootArcs) == 0;
-}
-
 const WalkDescriptor *walkEntry(uint32_t group, uint32_t table)
 {
     for (uint32_t i = 0; i < kTableCount; i++) {
@@ -90,7 +84,7 @@ int32_t getNextValue(SMSnmpValue *request, SMSnmpValue *reply)
         return SM_SNMP_GENERR; // the host gives no room for the answer's name
     }
     int32_t status = SM_SNMP_GENERR;
-    const bool matched = underRoot(request->name);
+    const bool matched = kelpMibUnderRoot(request->name);
     setName(reply, {});
     if (!matched || request->name.count == kelpMibRootLength) {
         status = answer(reply, {1, 0});

@@ -13,6 +13,20 @@
 inline constexpr uint32_t kelpMibRootArcs[10] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20};
 inline constexpr uint32_t kelpMibRootLength = 10;
 
+// Whether a name lies under the root (the root itself included).
+inline bool kelpMibUnderRoot(const SMSnmpOID &name)
+{
+    if (name.count < kelpMibRootLength || name.arcs == nullptr) {
+        return false;
+    }
+    for (uint32_t i = 0; i < kelpMibRootLength; i++) {
+        if (name.arcs[i] != kelpMibRootArcs[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Number of groups in kelpMibDefinition, not counting its null terminator.
 inline constexpr uint32_t kelpMibGroupCount = 22;
 

@@ -54,6 +54,14 @@ void initAllLists(void)
     }
 }
 
+void freeAllLists(void)
+{
+    for (const TableListPair &pair : kTableListPairs) {
+        freeList(pair.live);
+    }
+    freeStagingLists();
+}
+
 void freeStagingLists(void)
 {
     freeList(&spareListNew);

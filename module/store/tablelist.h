@@ -40,6 +40,10 @@ void initAllLists(void);
 // Frees spareListNew and the 19 staging lists (after a merge).
 void freeStagingLists(void);
 
+// Frees every live and staging list and the spare head (when nothing can
+// read them any more: at unmap, between tests and benchmark runs).
+void freeAllLists(void);
+
 } // extern "C"
 
 // The live/staging pairs, in table-list order.

@@ -46,15 +46,6 @@ inline void serve(const std::string &items, bool ready = true)
     ASSERT_TRUE(kelp::ds::loadModelText(text, "test-model", &error)) << error;
 }
 
-inline void freeAllLists()
-{
-    for (const TableListPair &pair : kTableListPairs) {
-        freeList(pair.live);
-        freeList(pair.staging);
-    }
-    freeList(&spareListNew);
-}
-
 } // namespace testmodel
 
 // Empty lists and no model before and after each test.
@@ -62,12 +53,12 @@ class ModelTest : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        testmodel::freeAllLists();
+        freeAllLists();
         kelp::ds::unloadModel();
     }
     void TearDown() override
     {
-        testmodel::freeAllLists();
+        freeAllLists();
         kelp::ds::unloadModel();
     }
 };

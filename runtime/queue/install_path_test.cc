@@ -7,25 +7,13 @@
 #include <string>
 
 #include "queue.h"
+#include "support/env_testing.h"
 
 namespace {
 
 class InstallPathTest : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        if (const char *v = std::getenv("KELP_INSTALL_PATH"))
-            old_ = v;
-    }
-    void TearDown() override
-    {
-        if (old_) {
-            setenv("KELP_INSTALL_PATH", old_->c_str(), 1);
-        } else {
-            unsetenv("KELP_INSTALL_PATH");
-        }
-    }
-    std::optional<std::string> old_;
+    ScopedEnv saved_{"KELP_INSTALL_PATH"};
 };
 
 TEST_F(InstallPathTest, KelpInstallPathIsAnsweredWithoutATrailingSlash)

@@ -9,26 +9,14 @@
 #include <optional>
 #include <string>
 
+#include "support/env_testing.h"
 #include "vcsupt.h"
 
 namespace {
 
 class FqdnEnv : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        if (const char *v = std::getenv("KELP_FQDN"))
-            old_ = v;
-    }
-    void TearDown() override
-    {
-        if (old_) {
-            setenv("KELP_FQDN", old_->c_str(), 1);
-        } else {
-            unsetenv("KELP_FQDN");
-        }
-    }
-    std::optional<std::string> old_;
+    ScopedEnv saved_{"KELP_FQDN"};
 };
 
 TEST_F(FqdnEnv, KelpFqdnIsAnsweredAsItIs)
