@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "datastore/model.h"
 #include "datastore/model_store.h"
@@ -26,12 +27,13 @@ char *answerWith(uint32_t *status, uint32_t code)
 }
 
 // A heap copy of text with its NUL, status 0; status 5 when memory is short.
-char *answer(uint32_t *status, const std::string &text)
+char *answer(uint32_t *status, std::string_view text)
 {
     auto *block = static_cast<char *>(std::malloc(text.size() + 1));
     if (block == nullptr)
         return answerWith(status, kFailure);
-    std::memcpy(block, text.c_str(), text.size() + 1);
+    std::memcpy(block, text.data(), text.size());
+    block[text.size()] = '\0';
     kelp::rt::xml::registerAnswer(block, text.size());
     if (status != nullptr)
         *status = kOk;
@@ -76,8 +78,8 @@ extern "C" {
 char *DataStoreReady(uint32_t *status)
 {
     return withModel(status, [&](const Model &m) {
-        return answer(status, std::string("<DataStoreReady><Code>") + (m.ready() ? "0" : "1") +
-                                  "</Code></DataStoreReady>");
+        return answer(status, m.ready() ? "<DataStoreReady><Code>0</Code></DataStoreReady>"
+                                        : "<DataStoreReady><Code>1</Code></DataStoreReady>");
     });
 }
 

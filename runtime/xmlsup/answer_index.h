@@ -16,7 +16,14 @@
 
 namespace kelp::rt::xml {
 
-// Registers text[0..length) (NUL-terminated at length) as a live answer.
+// Answers shorter than this are not indexed: one object's answer is read once
+// or twice, and a scan that stops at the element costs less than building an
+// index for it. Lists of many objects are longer and read occurrence by
+// occurrence.
+inline constexpr size_t kIndexedAnswerSize = 8192;
+
+// Registers text[0..length) (NUL-terminated at length) as a live answer, if it
+// is at least kIndexedAnswerSize long; a shorter one is left unregistered.
 void registerAnswer(const char *text, size_t length);
 
 // Forgets a registered answer; call before freeing it. Unknown texts are
@@ -30,7 +37,8 @@ struct IndexedLookup {
 
 // The occurrence-th `tag` of xml through its index, built for a tag on its
 // first look-up. indexed is false when xml is not a live answer of exactly
-// this length; the caller then scans.
+// this length (as every text shorter than kIndexedAnswerSize); the caller then
+// scans.
 IndexedLookup findIndexed(const char *xml, size_t length, std::string_view tag,
                           uint32_t occurrence);
 

@@ -34,18 +34,26 @@ std::string get(const char *xml, const char *tag, uint32_t occurrence)
     uint32_t size = sizeof out;
     const uint32_t status = XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, out, 0, nullptr,
                                                 xml, static_cast<uint32_t>(std::strlen(xml)));
-    return status == 0 ? std::string(out) : "<" + std::to_string(status) + ">";
+    if (status == 0)
+        return out;
+    std::string failed = "<";
+    failed += std::to_string(status);
+    failed += '>';
+    return failed;
 }
 
-const std::string kText = "<ObjList><ObjID>1</ObjID><Nexus>a&amp;b</Nexus><E/>"
-                          "<n><n>inner</n></n><ObjID>2</ObjID><Nexus>c</Nexus></ObjList>";
+const std::string kShortText = "<ObjList><ObjID>1</ObjID><Nexus>a&amp;b</Nexus><E/>"
+                               "<n><n>inner</n></n><ObjID>2</ObjID><Nexus>c</Nexus></ObjList>";
+// The same elements in a text long enough to be indexed.
+const std::string kText = kShortText.substr(0, kShortText.size() - 10) + "<Pad>" +
+                          std::string(kelp::rt::xml::kIndexedAnswerSize, '.') + "</Pad></ObjList>";
 
 TEST(FindAllElements, EntryNIsOccurrenceN)
 {
     for (const char *tag : {"ObjID", "Nexus", "E", "n", "Missing"}) {
-        const auto all = findAllElements(kText, tag);
+        const auto all = findAllElements(kShortText, tag);
         for (uint32_t n = 0; n <= all.size(); n++) {
-            const auto one = findElement(kText, tag, n);
+            const auto one = findElement(kShortText, tag, n);
             if (n == all.size()) {
                 EXPECT_FALSE(one.has_value()) << tag;
             } else {
@@ -53,6 +61,20 @@ TEST(FindAllElements, EntryNIsOccurrenceN)
             }
         }
     }
+}
+
+TEST(AnswerIndex, AShortAnswerIsScannedWithoutAnIndex)
+{
+    const size_t before = registeredAnswers();
+    char *answer = heapCopy(kShortText);
+    registerAnswer(answer, kShortText.size());
+    EXPECT_EQ(registeredAnswers(), before);
+    EXPECT_FALSE(findIndexed(answer, kShortText.size(), "Nexus", 1).indexed);
+    EXPECT_EQ(get(answer, "Nexus", 0), "a&b");
+    EXPECT_EQ(get(answer, "ObjID", 1), "2");
+    EXPECT_EQ(get(answer, "n", 1), "inner");
+    forgetAnswer(answer);
+    std::free(answer);
 }
 
 TEST(AnswerIndex, ARegisteredAnswerAnswersLikeTheScan)

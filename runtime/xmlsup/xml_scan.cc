@@ -129,16 +129,26 @@ void forEachElement(std::string_view xml, std::string_view tag, Visit visit)
     size_t pos = 0;
     for (;;) {
         size_t lt = xml.find('<', pos);
-        if (lt == npos)
+        if (lt == npos || lt + 1 >= xml.size())
             return;
-        size_t skipped = skipNonElement(xml, lt);
-        if (skipped == npos)
-            return;
-        if (skipped != 0) {
+        // Markup that is not a start tag begins with "<!", "<?" or "</"; any
+        // other start tag is ruled out by its first letter before a compare.
+        const char first = xml[lt + 1];
+        if (first == '/') { // an end tag: on after its '>'
+            size_t gt = xml.find('>', lt + 2);
+            if (gt == npos)
+                return;
+            pos = gt + 1;
+            continue;
+        }
+        if (first == '!' || first == '?') {
+            size_t skipped = skipNonElement(xml, lt);
+            if (skipped == npos)
+                return;
             pos = skipped;
             continue;
         }
-        if (!namesTag(xml, lt, tag)) {
+        if (first != tag.front() || !namesTag(xml, lt, tag)) {
             pos = lt + 1;
             continue;
         }

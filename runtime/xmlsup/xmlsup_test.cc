@@ -63,6 +63,12 @@ const Case kCases[] = {
     {"unclosed element", "<a>1", "a", 0, "<status 2>"},
     {"unclosed start tag", "<a b=\"1>", "a", 0, "<status 2>"},
     {"code of a readiness answer", "<Status><Code>0</Code></Status>", "Code", 0, "0"},
+    {"same first letter, other name", "<Nd>x</Nd><Nexusy>z</Nexusy><Nexus>c</Nexus>", "Nexus", 0,
+     "c"},
+    {"'<' and a blank is no tag", "< b>x</b><b>y</b>", "b", 0, "y"},
+    {"lone '<' at the end", "<a>1</a><", "a", 0, "1"},
+    {"lone '<' at the end, no more", "<a>1</a><", "a", 1, "<status 2>"},
+    {"processing instruction holding a tag", "<?pi <a>x</a> ?><a>y</a>", "a", 0, "y"},
 };
 
 TEST(XmlSupTest, ElementTextByNameAndOccurrence)
