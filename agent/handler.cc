@@ -1,7 +1,8 @@
 // net-snmp glue of the request path: every varbind below the root becomes
 // one answerGet, answerGetNext or answerSet (answer.cc), whose outcome is
-// written back. GETBULK reaches the handler as GETNEXTs (net-snmp's
-// bulk-to-next helper).
+// written back. A GETBULK reaches the handler once per PDU, and the handler
+// answers all repetitions of a varbind in one pass (over AgentX the master
+// sends GETNEXTs instead).
 #include "handler.h"
 
 // net-snmp's headers in the order they need: configuration, library, agent.
@@ -51,6 +52,44 @@ void writeAnswer(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requ
     }
 }
 
+// The repetitions of one GETBULK varbind, answered the way net-snmp's
+// bulk-to-next helper has them answered over many passes: each answered name
+// seeds the varbind of the next repetition. A repetition the plug-in has
+// nothing for stays NULL, and net-snmp carries it on to the next registration
+// with the repetitions left; net-snmp checks the view of every repetition
+// afterwards.
+void answerRepetitions(const Dispatch &dispatch, netsnmp_agent_request_info *reqinfo,
+                       netsnmp_request_info *request)
+{
+    bool inclusive = request->inclusive != 0;
+    for (;;) {
+        netsnmp_variable_list *var = request->requestvb;
+        const Answer answer = answerGetNext(
+            dispatch, std::span<const uint64_t>(var->name, var->name_length), inclusive);
+        writeAnswer(reqinfo, request, answer, true);
+        netsnmp_variable_list *next = var->next_variable;
+        if (answer.outcome != Outcome::kValue || var->type == ASN_NULL || request->repeat <= 0 ||
+            next == nullptr ||
+            snmp_oid_compare(var->name, var->name_length, request->range_end,
+                             request->range_end_len) >= 0) {
+            return;
+        }
+        request->repeat--;
+        if (snmp_set_var_objid(next, var->name, var->name_length) != 0) {
+            netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
+            return;
+        }
+        next->type = ASN_NULL;
+        request->requestvb = next;
+        // 2 is net-snmp's mark for a varbind it moved to the end of a range;
+        // it holds for that varbind only.
+        if (request->inclusive == 2) {
+            request->inclusive = 0;
+        }
+        inclusive = false;
+    }
+}
+
 int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
                    netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
 {
@@ -68,6 +107,9 @@ int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
         case MODE_GETNEXT:
             writeAnswer(reqinfo, request, answerGetNext(dispatch, name, request->inclusive != 0),
                         true);
+            break;
+        case MODE_GETBULK:
+            answerRepetitions(dispatch, reqinfo, request);
             break;
         case MODE_SET_RESERVE1:
             // The first set phase refuses; the later ones then have nothing
@@ -89,9 +131,11 @@ bool registerMibRoot(const Dispatch *dispatch, std::string *error)
     std::copy(std::begin(kMibRoot), std::end(kMibRoot), root);
     // Registered writable so that a Set reaches the handler, which refuses
     // it after the plug-in has seen it (command 11); a read-only
-    // registration is refused by net-snmp before that.
+    // registration is refused by net-snmp before that. GETBULK comes in
+    // whole rather than through net-snmp's bulk-to-next helper, which asks
+    // once per repetition.
     netsnmp_handler_registration *registration = netsnmp_create_handler_registration(
-        "kelp", handleRequests, root, std::size(root), HANDLER_CAN_RWRITE);
+        "kelp", handleRequests, root, std::size(root), HANDLER_CAN_RWRITE | HANDLER_CAN_GETBULK);
     if (registration == nullptr) {
         *error = "net-snmp cannot make the handler registration";
         return false;

@@ -28,7 +28,11 @@ class AgentValues : public ::testing::Test {
     static std::string name(const std::string &tail) { return std::string(kRoot) + "." + tail; }
     static std::string line(const std::string &tail, const std::string &value)
     {
-        return "." + name(tail) + " = " + value;
+        std::string text = ".";
+        text += name(tail);
+        text += " = ";
+        text += value;
+        return text;
     }
 
     AgentUnderTest agent;
@@ -107,6 +111,45 @@ TEST_F(AgentValues, AWalkEndsCleanlyAndEqualsTheBulkWalk)
         v2rows.pop_back();
     }
     EXPECT_EQ(v1rows, v2rows);
+}
+
+// The handler answers all repetitions of a GETBULK varbind in one pass; each
+// repetition must be the walk's next row, and past the last row net-snmp's
+// endOfMibView, with non-repeaters and several repeaters in one request.
+TEST_F(AgentValues, AGetBulkAnswersEveryRepetitionLikeTheWalk)
+{
+    KELP_REQUIRE_MODULE_VALUES(agent);
+    const RunResult walk = agent.snmp("snmpwalk", {kRoot});
+    ASSERT_EQ(walk.status, 0) << walk.err;
+    std::vector<std::string> rows = lines(walk.out);
+    if (!rows.empty() && rows.back().find("No more variables") != std::string::npos) {
+        rows.pop_back();
+    }
+    ASSERT_GT(rows.size(), 10u);
+    auto nameOf = [](const std::string &row) { return row.substr(0, row.find(" = ")); };
+
+    constexpr size_t kRepetitions = 6;
+    const std::vector<size_t> starts{0, 5, rows.size() - 3};
+    std::string repetitions = "-Cr";
+    repetitions += std::to_string(kRepetitions);
+    std::vector<std::string> args{"-Cn1", repetitions, name("1.0")};
+    for (size_t start : starts) {
+        args.push_back(nameOf(rows[start]).substr(1)); // without the leading '.'
+    }
+    std::vector<std::string> expected{rows[1]};
+    for (size_t r = 0; r < kRepetitions; r++) {
+        for (size_t start : starts) {
+            const size_t at = start + 1 + r;
+            expected.push_back(at < rows.size()
+                                   ? rows[at]
+                                   : nameOf(rows.back()) +
+                                         " = No more variables left in this MIB View (It is "
+                                         "past the end of the MIB tree)");
+        }
+    }
+    const RunResult bulk = agent.snmp("snmpbulkget", args);
+    EXPECT_EQ(bulk.status, 0) << bulk.err;
+    EXPECT_EQ(lines(bulk.out), expected);
 }
 
 TEST_F(AgentValues, ValuesAreReadAtRequestTime)
