@@ -12,5 +12,5 @@ function(kelp_add_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests
                         BUILD_RPATH "${CMAKE_BINARY_DIR}/lib")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
-                       PROPERTIES ENVIRONMENT "KELP_SOURCE_DIR=${CMAKE_SOURCE_DIR};KELP_BINARY_DIR=${CMAKE_BINARY_DIR}")
+                       PROPERTIES ENVIRONMENT "KELP_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
 endfunction()

@@ -9,6 +9,8 @@
 #include <random>
 #include <string>
 
+#include <sys/wait.h>
+
 #include "datastore/model_store.h"
 #include "kelp/runtime.h"
 
@@ -73,6 +75,57 @@ TEST_F(ModelFilesTest, EveryBadModelIsRefusedAndChangesNothing)
         EXPECT_NE(kelp::ds::modelStatus().origin.find("minimal.xml"), std::string::npos) << name;
     }
     EXPECT_GE(bad, 9);
+}
+
+// kelpgen, the generator of benchmark models, as a shell runs it.
+int kelpgen(const std::string &arguments)
+{
+    const std::string command = std::string(KELPGEN_PATH) + " " + arguments;
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+size_t countOf(const std::string &type)
+{
+    for (const auto &[name, count] : kelp::ds::modelStatus().counts) {
+        if (name == type) {
+            return count;
+        }
+    }
+    return 0;
+}
+
+TEST_F(ModelFilesTest, GeneratedModelsLoadWithTheDisksSpreadAsAsked)
+{
+    const fs::path file = fs::temp_directory_path() / "kelp-generated-model.xml";
+    struct Case {
+        const char *options;
+        size_t controllers, virtualDisks;
+    } const kCases[] = {
+        {"--disks 64", 1, 8},
+        {"--disks 64 --disks-per-controller 8", 8, 8},
+        {"--disks 100 --disks-per-controller 16", 7, 13},
+        {"--disks 0 --disks-per-controller 8", 1, 0},
+    };
+    for (const Case &c : kCases) {
+        ASSERT_EQ(kelpgen(std::string(c.options) + " --out " + file.string()), 0) << c.options;
+        std::string error;
+        ASSERT_EQ(load(file, &error), 0) << c.options << ": " << error;
+        EXPECT_EQ(countOf("adapters"), c.controllers) << c.options;
+        EXPECT_EQ(countOf("vdisks"), c.virtualDisks) << c.options;
+    }
+    fs::remove(file);
+}
+
+TEST_F(ModelFilesTest, KelpgenRefusesBadArgumentsWithStatus2)
+{
+    for (const char *arguments :
+         {"", "--disks", "--disks -1", "--disks 100001", "--disks 8x",
+          "--disks 8 --disks-per-controller 12", "--disks 8 --disks-per-controller 0",
+          "--disks 8 --disks-per-controller 520", "--disks 8 --disks-per-controller",
+          "--disks 8 --controllers 2"}) {
+        EXPECT_EQ(kelpgen(std::string(arguments) + " 2>/dev/null"), 2) << arguments;
+    }
 }
 
 TEST_F(ModelFilesTest, BinaryAndMissingFilesAreRefused)
