@@ -104,16 +104,33 @@ void BM_WalkSample(benchmark::State &state)
 }
 BENCHMARK(BM_WalkSample)->Unit(benchmark::kMillisecond);
 
-void BM_Walk1024Disks(benchmark::State &state)
+// Walks a model kelpgen writes with `disks` array disks, `perController` on each controller.
+void walkGenerated(benchmark::State &state, int disks, int perController)
 {
-    const std::string file = "/tmp/kelp-bench-1024.xml";
-    const std::string command = std::string(KELPGEN_PATH) + " --disks 1024 --out " + file;
+    const std::string file =
+        "/tmp/kelp-bench-" + std::to_string(disks) + "-" + std::to_string(perController) + ".xml";
+    const std::string command = std::string(KELPGEN_PATH) + " --disks " + std::to_string(disks) +
+                                " --disks-per-controller " + std::to_string(perController) +
+                                " --out " + file;
     if (std::system(command.c_str()) != 0) {
         state.SkipWithError("kelpgen failed");
         return;
     }
     walkModel(state, file);
 }
+
+// 1,024 disks on two controllers (kelpgen's proportions), then spread over 128 controllers,
+// so that the controller table has enough rows to walk.
+void BM_Walk1024Disks(benchmark::State &state)
+{
+    walkGenerated(state, 1024, 512);
+}
 BENCHMARK(BM_Walk1024Disks)->Unit(benchmark::kMillisecond);
+
+void BM_Walk1024Disks128Controllers(benchmark::State &state)
+{
+    walkGenerated(state, 1024, 8);
+}
+BENCHMARK(BM_Walk1024Disks128Controllers)->Unit(benchmark::kMillisecond);
 
 } // namespace
