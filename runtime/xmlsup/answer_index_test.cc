@@ -98,8 +98,10 @@ TEST(AnswerIndex, OtherTextsAndOtherLengthsAreNotIndexed)
 {
     char *answer = heapCopy(kText);
     registerAnswer(answer, kText.size());
+    EXPECT_TRUE(findIndexed(answer, kText.size(), "ObjID", 0).indexed);
     EXPECT_FALSE(findIndexed(kText.c_str(), kText.size(), "ObjID", 0).indexed);
-    EXPECT_FALSE(findIndexed(answer, 10, "ObjID", 0).indexed);
+    // Still long enough to be indexed, but not the registered length.
+    EXPECT_FALSE(findIndexed(answer, kText.size() - 1, "ObjID", 0).indexed);
     forgetAnswer(answer);
     std::free(answer);
 }
