@@ -1,8 +1,6 @@
 // The host-facing entry points of the control socket (kelp/runtime.h), and
 // the start from KELP_CONTROL when the runtime is loaded.
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -11,6 +9,7 @@
 #include "control/server.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
+#include "support/text.h"
 
 namespace kelp::ctl {
 namespace {
@@ -29,15 +28,6 @@ ControlServer *g_server = nullptr; // guarded by g_controlMutex
 struct StopAtExit {
     ~StopAtExit() { kelpRuntimeStopControl(); }
 };
-
-void copyError(const std::string &message, char *error, unsigned errorSize)
-{
-    if (error == nullptr || errorSize == 0)
-        return;
-    size_t n = std::min<size_t>(message.size(), errorSize - 1);
-    std::memcpy(error, message.data(), n);
-    error[n] = '\0';
-}
 
 // KELP_CONTROL names the socket of a host that sets no path itself. A
 // failure must not fail the load of the library, so it is reported on stderr.
@@ -60,7 +50,7 @@ int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize)
 {
     using namespace kelp::ctl;
     if (path == nullptr) {
-        copyError("the control socket path is null", error, errorSize);
+        kelp::rt::copyToBuffer("the control socket path is null", error, errorSize);
         return 1;
     }
     try {
@@ -73,13 +63,13 @@ int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize)
         std::string message;
         g_server = ControlServer::start(path, kReadTimeout, &message).release();
         if (g_server == nullptr) {
-            copyError(message, error, errorSize);
+            kelp::rt::copyToBuffer(message, error, errorSize);
             return 1;
         }
-        copyError("", error, errorSize);
+        kelp::rt::copyToBuffer("", error, errorSize);
         return 0;
     } catch (const std::bad_alloc &) {
-        copyError("out of memory", error, errorSize);
+        kelp::rt::copyToBuffer("out of memory", error, errorSize);
         return 1;
     }
 }

@@ -31,6 +31,7 @@
 #include "control/commands.h"
 #include "control/socket_util.h"
 #include "control/words.h"
+#include "support/errno_text.h"
 
 namespace kelp::ctl {
 namespace {
@@ -58,11 +59,11 @@ std::unique_ptr<ControlServer> ControlServer::start(const std::string &path,
     UniqueFd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!sock || !wake) {
-        *error = errnoMessage("cannot create a socket for", path);
+        *error = rt::errnoMessage("cannot create a socket for", path);
         return nullptr;
     }
     if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
-        *error = errnoMessage("cannot bind the control socket", path);
+        *error = rt::errnoMessage("cannot bind the control socket", path);
         return nullptr;
     }
     // The file is ours from here on; any failure removes it again. Nobody can
@@ -70,7 +71,7 @@ std::unique_ptr<ControlServer> ControlServer::start(const std::string &path,
     struct stat st {};
     if (chmod(path.c_str(), 0600) != 0 || lstat(path.c_str(), &st) != 0 ||
         listen(sock.get(), 16) != 0) {
-        *error = errnoMessage("cannot set up the control socket", path);
+        *error = rt::errnoMessage("cannot set up the control socket", path);
         unlink(path.c_str());
         return nullptr;
     }

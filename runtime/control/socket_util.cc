@@ -1,5 +1,5 @@
-// Helpers of the control socket: errno messages and the path checks made
-// before the socket file is created.
+// Helpers of the control socket: the path checks made before the socket
+// file is created.
 #include "control/socket_util.h"
 
 #include <sys/socket.h>
@@ -8,16 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
-namespace kelp::ctl {
+#include "support/errno_text.h"
 
-std::string errnoMessage(const std::string &what, const std::string &path)
-{
-    int err = errno;
-    char buf[256];
-    // The GNU strerror_r answers a pointer that may or may not be buf.
-    const char *text = strerror_r(err, buf, sizeof buf);
-    return what + " " + path + ": " + text;
-}
+namespace kelp::ctl {
 
 bool socketAddress(const std::string &path, sockaddr_un *addr, std::string *error)
 {
@@ -47,7 +40,7 @@ bool removeStaleSocket(const std::string &path, const sockaddr_un &addr, std::st
     if (lstat(path.c_str(), &st) != 0) {
         if (errno == ENOENT)
             return true;
-        *error = errnoMessage("cannot inspect", path);
+        *error = rt::errnoMessage("cannot inspect", path);
         return false;
     }
     if (!S_ISSOCK(st.st_mode)) {
@@ -59,7 +52,7 @@ bool removeStaleSocket(const std::string &path, const sockaddr_un &addr, std::st
     // server that owns it.
     UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe) {
-        *error = errnoMessage("cannot create a socket to probe", path);
+        *error = rt::errnoMessage("cannot create a socket to probe", path);
         return false;
     }
     if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0 ||
@@ -68,11 +61,11 @@ bool removeStaleSocket(const std::string &path, const sockaddr_un &addr, std::st
         return false;
     }
     if (errno != ECONNREFUSED) {
-        *error = errnoMessage("cannot probe the existing socket", path);
+        *error = rt::errnoMessage("cannot probe the existing socket", path);
         return false;
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        *error = errnoMessage("cannot remove the stale socket", path);
+        *error = rt::errnoMessage("cannot remove the stale socket", path);
         return false;
     }
     return true;

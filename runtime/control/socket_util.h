@@ -1,5 +1,5 @@
-// Small helpers of the control socket: an owned descriptor, errno messages,
-// and the path checks made before a socket file is created.
+// Small helpers of the control socket: an owned descriptor and the path
+// checks made before a socket file is created.
 #ifndef KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
 #define KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
 
@@ -34,9 +34,6 @@ class UniqueFd {
   private:
     int fd_;
 };
-
-// "<what> <path>: <the text of errno>", errno read at the call.
-std::string errnoMessage(const std::string &what, const std::string &path);
 
 // Fills *addr for a Unix socket at path. False with a message for an empty
 // path, one holding a NUL byte, or one too long for a socket address.

@@ -2,15 +2,14 @@
 // lines go, VscilDebugToggle switches printing, VscilDebugPrint writes one
 // formatted text whole under a lock, VscilDebugExit closes.
 #include <atomic>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "support/config.h"
+#include "support/errno_text.h"
 #include "support/export_context.h"
 #include "vscil.h"
 
@@ -50,8 +49,8 @@ void openTarget()
         return;
     g_printer.file = std::fopen(g_printer.target.c_str(), "ae");
     if (g_printer.file == nullptr) {
-        std::fprintf(stderr, "kelp: cannot open debug file %s: %s; printing to stderr\n",
-                     g_printer.target.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "kelp: %s; printing to stderr\n",
+                     kelp::rt::errnoMessage("cannot open debug file", g_printer.target).c_str());
         g_printer.target.clear();
     }
 }

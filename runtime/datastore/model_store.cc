@@ -17,6 +17,7 @@
 #include "datastore/model.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
+#include "support/text.h"
 
 namespace kelp::ds {
 namespace {
@@ -252,11 +253,6 @@ extern "C" int kelpRuntimeLoadModel(const char *path, char *error, unsigned erro
     } catch (const std::bad_alloc &) {
         message = "out of memory";
     }
-    if (error != nullptr && errorSize > 0) {
-        const std::string &text = ok ? std::string() : message;
-        size_t n = std::min<size_t>(text.size(), errorSize - 1);
-        std::memcpy(error, text.data(), n);
-        error[n] = '\0';
-    }
+    kelp::rt::copyToBuffer(ok ? std::string_view() : message, error, errorSize);
     return ok ? 0 : 1;
 }

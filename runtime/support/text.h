@@ -1,7 +1,10 @@
-// Small text helpers shared by the runtime's parsers.
+// Small text helpers shared by the runtime's parsers, and the copy of a
+// message into a host's buffer at the C boundary.
 #ifndef KELP_RUNTIME_SUPPORT_TEXT_H
 #define KELP_RUNTIME_SUPPORT_TEXT_H
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
 
 namespace kelp::rt {
@@ -37,6 +40,17 @@ constexpr std::string_view trimBlanks(std::string_view s)
     while (!s.empty() && isBlank(s.back()))
         s.remove_suffix(1);
     return s;
+}
+
+// Copies text into the caller's buffer of size bytes, cut to size - 1 bytes
+// and ended by a NUL. Does nothing when buffer is null or size is 0.
+inline void copyToBuffer(std::string_view text, char *buffer, unsigned size)
+{
+    if (buffer == nullptr || size == 0)
+        return;
+    size_t n = std::min<size_t>(text.size(), size - 1);
+    std::memcpy(buffer, text.data(), n);
+    buffer[n] = '\0';
 }
 
 } // namespace kelp::rt
