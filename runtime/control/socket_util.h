@@ -1,5 +1,5 @@
-// Small helpers of the control socket: an owned descriptor and the path
-// checks made before a socket file is created.
+// Small helpers of the control socket: the path checks made before a socket
+// file is created.
 #ifndef KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
 #define KELP_RUNTIME_CONTROL_SOCKET_UTIL_H
 
@@ -8,32 +8,11 @@
 
 #include <string>
 
+#include "support/unique_fd.h"
+
 namespace kelp::ctl {
 
-// A file descriptor closed when the owner goes; -1 means none.
-class UniqueFd {
-  public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-
-    int get() const { return fd_; }
-    int release()
-    {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    explicit operator bool() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
+using rt::UniqueFd;
 
 // Fills *addr for a Unix socket at path. False with a message for an empty
 // path, one holding a NUL byte, or one too long for a socket address.
