@@ -1,8 +1,9 @@
 // The private ini store: SSGetPrivateIniValue / SSSetPrivateIniValue over the
 // configured file (or a per-process in-memory text when none is configured).
-// Reads parse the file at each call; writes are serialised across threads
-// (g_writeMutex) and processes (flock on "<file>.lock"), re-read the file
-// under both locks, and replace it atomically (temp file, fsync, rename).
+// Reads parse the file at each call; writes are serialised across threads (g_writeMutex) and
+// processes (flock on "<file>.lock"), re-read the file under both locks, and
+// replace it atomically (temp file, fsync, rename). Only a regular file of at
+// most kMaxIniFileBytes is read, and only such a file (or none) is replaced.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -17,22 +18,50 @@
 #include <optional>
 #include <string>
 
+#include "kelp/runtime.h"
 #include "queue.h"
 #include "queue/ini_text.h"
 #include "support/config.h"
+#include "support/errno_text.h"
+#include "support/file_read.h"
+#include "support/text.h"
 
 namespace {
+
+// A few keys fit in far less; the limit keeps a wrong path (a log, an image)
+// from being taken into memory at every read.
+constexpr size_t kMaxIniFileBytes = 1 << 20;
 
 std::mutex g_writeMutex;  // serialises this process's writers; guards g_memoryText
 std::string g_memoryText; // the store when no file is configured
 
 std::mutex g_reportMutex;
 std::map<std::string, size_t> g_reported; // guarded by g_reportMutex: path -> content hash
+// guarded by g_reportMutex: path -> the fault last reported, until it reads again
+std::map<std::string, std::string> g_reportedFaults;
 
-// The one place where a failed system call becomes a message.
-void reportErrno(const char *what, const std::string &path, int err)
+void reportErrno(const char *what, const std::string &path)
 {
-    std::fprintf(stderr, "kelp: %s %s: %s\n", what, path.c_str(), std::strerror(err));
+    std::fprintf(stderr, "kelp: %s\n", kelp::rt::errnoMessage(what, path).c_str());
+}
+
+// A file that cannot be read is asked for at every read of every key:
+// its fault is reported once, and again only after it changed or the file
+// was read in between.
+void reportFault(const std::string &path, const std::string &message)
+{
+    std::lock_guard lock(g_reportMutex);
+    auto [it, fresh] = g_reportedFaults.try_emplace(path, message);
+    if (!fresh && it->second == message)
+        return;
+    it->second = message;
+    std::fprintf(stderr, "kelp: %s\n", message.c_str());
+}
+
+void forgetFault(const std::string &path)
+{
+    std::lock_guard lock(g_reportMutex);
+    g_reportedFaults.erase(path);
 }
 
 // Logs the malformed lines of `text` once per distinct content of `path`, so
@@ -52,33 +81,6 @@ void reportProblems(const std::string &path, const std::string &text,
                          doc.lines[i].problem.c_str());
         }
     }
-}
-
-// Reads the whole file; a missing file is an empty text. False (errno set) on
-// any other failure.
-bool readAll(const std::string &path, std::string &text)
-{
-    text.clear();
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return errno == ENOENT;
-    char buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0) {
-            int err = errno;
-            close(fd);
-            errno = err;
-            return false;
-        }
-        if (n == 0)
-            break;
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
-    return true;
 }
 
 bool writeAll(int fd, const std::string &text)
@@ -110,7 +112,7 @@ bool replaceFile(const std::string &path, const std::string &text)
     std::string temp = path + ".tmp.XXXXXX";
     int fd = mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0) {
-        reportErrno("cannot create a temporary file for", path, errno);
+        reportErrno("cannot create a temporary file for", path);
         return false;
     }
     struct stat st {};
@@ -123,7 +125,8 @@ bool replaceFile(const std::string &path, const std::string &text)
         err = errno;
     }
     if (!ok) {
-        reportErrno("cannot write", path, err);
+        errno = err;
+        reportErrno("cannot write", path);
         unlink(temp.c_str());
         return false;
     }
@@ -143,12 +146,12 @@ class FileLock {
         std::string lockPath = path + ".lock";
         fd_ = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         if (fd_ < 0) {
-            reportErrno("cannot open the lock file", lockPath, errno);
+            reportErrno("cannot open the lock file", lockPath);
             return;
         }
         while (flock(fd_, LOCK_EX) != 0) {
             if (errno != EINTR) {
-                reportErrno("cannot lock", lockPath, errno);
+                reportErrno("cannot lock", lockPath);
                 close(fd_);
                 fd_ = -1;
                 return;
@@ -168,8 +171,16 @@ class FileLock {
     int fd_ = -1;
 };
 
+// The file's text; a missing file is an empty text. False (*error set) when
+// the file cannot be read or is refused.
+bool readIniFile(const std::string &path, std::string &text, std::string *error)
+{
+    return kelp::rt::readRegularFile(path, kMaxIniFileBytes, &text, error) !=
+           kelp::rt::FileRead::kRefused;
+}
+
 // The store's current text; false (reported) when the file exists but cannot
-// be read.
+// be read or is refused.
 bool loadText(const std::string &path, std::string &text)
 {
     if (path.empty()) {
@@ -177,11 +188,27 @@ bool loadText(const std::string &path, std::string &text)
         text = g_memoryText;
         return true;
     }
-    if (!readAll(path, text)) {
-        reportErrno("cannot read", path, errno);
+    std::string error;
+    if (!readIniFile(path, text, &error)) {
+        reportFault(path, error);
         return false;
     }
+    forgetFault(path);
     return true;
+}
+
+// Copies value and its NUL to the caller's buffer of *size bytes: 0, or 16
+// with the size needed when it does not fit.
+uint32_t answerValue(const std::string &found, char *value, uint32_t *size)
+{
+    const size_t needed = found.size() + 1;
+    if (needed > *size) {
+        *size = static_cast<uint32_t>(needed);
+        return 16;
+    }
+    std::memcpy(value, found.c_str(), needed);
+    *size = static_cast<uint32_t>(needed);
+    return 0;
 }
 
 } // namespace
@@ -203,14 +230,7 @@ uint32_t SSGetPrivateIniValue(const char *section, const char *key, char *value,
     std::optional<std::string> found = kelp::rt::ini::find(doc, section, key);
     if (!found)
         return 2;
-    const size_t needed = found->size() + 1;
-    if (needed > *size) {
-        *size = static_cast<uint32_t>(needed);
-        return 16;
-    }
-    std::memcpy(value, found->c_str(), needed);
-    *size = static_cast<uint32_t>(needed);
-    return 0;
+    return answerValue(*found, value, size);
 }
 
 uint32_t SSSetPrivateIniValue(const char *section, const char *key, const char *value)
@@ -227,18 +247,41 @@ uint32_t SSSetPrivateIniValue(const char *section, const char *key, const char *
         g_memoryText = kelp::rt::ini::serialise(doc);
         return 0;
     }
+    // Refused before the lock file is made beside it: a device's directory
+    // is no place for one. A refused file is never replaced, so nothing it
+    // held is lost.
+    std::string text;
+    if (!loadText(path, text))
+        return 5;
     FileLock fileLock(path);
     if (!fileLock.held())
         return 5;
-    std::string text;
-    if (!readAll(path, text)) {
-        reportErrno("cannot read", path, errno);
+    if (!loadText(path, text))
         return 5;
-    }
     kelp::rt::ini::Document doc = kelp::rt::ini::parse(text);
     reportProblems(path, text, doc);
     kelp::rt::ini::set(doc, section, key, value);
     return replaceFile(path, kelp::rt::ini::serialise(doc)) ? 0 : 5;
+}
+
+int kelpRuntimeCheckIni(char *error, unsigned errorSize)
+{
+    try {
+        const std::string path = kelp::rt::iniPath();
+        std::string text, message;
+        if (!path.empty()) {
+            if (!readIniFile(path, text, &message)) {
+                kelp::rt::copyToBuffer(message, error, errorSize);
+                return 1;
+            }
+            reportProblems(path, text, kelp::rt::ini::parse(text));
+        }
+        kelp::rt::copyToBuffer("", error, errorSize);
+        return 0;
+    } catch (const std::bad_alloc &) {
+        kelp::rt::copyToBuffer("out of memory", error, errorSize);
+        return 1;
+    }
 }
 
 } // extern "C"

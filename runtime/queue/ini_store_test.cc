@@ -1,11 +1,16 @@
 // The private ini store over a real file: missing files, malformed and binary
-// content, case, quoting, preserved comments, and concurrent writers in
-// threads and in processes.
+// content, case, quoting, preserved comments, concurrent writers in threads
+// and in processes, and paths that name no regular file or one too large.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -56,6 +61,29 @@ class IniStoreTest : public ::testing::Test {
         return buf;
     }
 
+    // Runs call and answers whether it returned within a few seconds. A call
+    // stuck opening or reading the FIFO at path_ is set free by a writer that
+    // comes and goes, so that a failing test still ends.
+    bool returnsPromptly(const std::function<void()> &call) const
+    {
+        auto done = std::async(std::launch::async, call);
+        if (done.wait_for(std::chrono::seconds(5)) == std::future_status::ready)
+            return true;
+        while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
+            int fd = open(path_.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0)
+                close(fd);
+        }
+        return false;
+    }
+    // kelpRuntimeCheckIni's status and message, as "<status>: <message>".
+    static std::string check(unsigned size = 512)
+    {
+        std::string error(size, '#');
+        int status = kelpRuntimeCheckIni(error.data(), size);
+        return std::to_string(status != 0) + ": " + error.c_str();
+    }
+
     std::string dir_, path_;
 };
 
@@ -91,9 +119,9 @@ TEST_F(IniStoreTest, BinaryJunkNeverCrashesAndTheReadableLinesLoad)
     testing::internal::GetCapturedStderr();
 }
 
-TEST_F(IniStoreTest, OneMebibyteLineIsSkippedAndTheOthersLoad)
+TEST_F(IniStoreTest, LineOverTheLineLimitIsSkippedAndTheOthersLoad)
 {
-    writeFile("[general]\nhuge=" + std::string(1 << 20, 'x') + "\nDebugPath=/var/log\n");
+    writeFile("[general]\nhuge=" + std::string(512 << 10, 'x') + "\nDebugPath=/var/log\n");
     testing::internal::CaptureStderr();
     EXPECT_EQ(get("general", "huge"), "<status 2>");
     EXPECT_EQ(get("general", "DebugPath"), "/var/log");
@@ -248,6 +276,114 @@ TEST_F(IniStoreTest, TwoWriterProcessesLoseNoKey)
             EXPECT_EQ(get("load", key.c_str()), key);
         }
     }
+}
+
+TEST_F(IniStoreTest, CheckNamesTheFileAndWhatIsWrongWithIt)
+{
+    const std::string fifo = dir_ + "/fifo.ini", big = dir_ + "/big.ini";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::ofstream(big, std::ios::binary) << "[general]\n" << std::string(1 << 20, ';');
+    struct Case {
+        std::string path;
+        std::string answer;
+    } const cases[] = {
+        {fifo, "1: " + fifo + ": not a regular file"},
+        {"/dev/zero", "1: /dev/zero: not a regular file"},
+        {dir_, "1: " + dir_ + ": not a regular file"},
+        {big, "1: " + big + ": over the limit of 1 MiB"},
+        {dir_ + "/missing.ini", "0: "},
+        {"", "0: "}, // the in-memory store
+    };
+    for (const Case &c : cases) {
+        kelpRuntimeSetIniPath(c.path.c_str());
+        EXPECT_EQ(check(), c.answer) << c.path;
+    }
+    kelpRuntimeSetIniPath(fifo.c_str());
+    EXPECT_EQ(check(8), "1: " + fifo.substr(0, 7)) << "cut to the buffer with its NUL";
+    EXPECT_NE(kelpRuntimeCheckIni(nullptr, 0), 0);
+}
+
+TEST_F(IniStoreTest, CheckOfAFileJustAtTheLimitOrWithMalformedLinesIsFine)
+{
+    writeFile("[general]\nDebugSNMP=On\n" + std::string((1 << 20) - 23, ';'));
+    ASSERT_EQ(fs::file_size(path_), 1u << 20);
+    EXPECT_EQ(check(), "0: ");
+    EXPECT_EQ(get("general", "DebugSNMP"), "On");
+
+    writeFile("[general]\njunk line\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(check(), "0: ");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kelp: " + path_ + ":2: no '=' in line, line skipped\n");
+}
+
+TEST_F(IniStoreTest, CheckOfAnUnreadableFileGivesTheSystemsReason)
+{
+    if (geteuid() == 0)
+        GTEST_SKIP() << "root reads any file";
+    writeFile("[general]\n");
+    fs::permissions(path_, fs::perms::none);
+    EXPECT_EQ(check(), "1: " + path_ + ": cannot open: Permission denied");
+}
+
+TEST_F(IniStoreTest, CheckReadsTheFileKelpIniNamesWhenNoPathIsSet)
+{
+    const char *old = std::getenv("KELP_INI");
+    const std::string saved = old != nullptr ? old : "";
+    kelpRuntimeSetIniPath(nullptr);
+    setenv("KELP_INI", "/dev/zero", 1);
+    EXPECT_EQ(check(), "1: /dev/zero: not a regular file");
+    unsetenv("KELP_INI");
+    EXPECT_EQ(check(), "0: ");
+    if (old != nullptr)
+        setenv("KELP_INI", saved.c_str(), 1);
+}
+
+TEST_F(IniStoreTest, FifoAnswersNotFoundAtOnceAndIsNeverReplaced)
+{
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    testing::internal::CaptureStderr();
+    std::string value;
+    uint32_t setStatus = 0;
+    EXPECT_TRUE(returnsPromptly([&] { value = get("general", "DebugSNMP"); }));
+    EXPECT_TRUE(returnsPromptly([&] { get("general", "DebugPath"); }));
+    EXPECT_TRUE(returnsPromptly([&] { setStatus = SSSetPrivateIniValue("general", "k", "v"); }));
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(value, "<status 2>");
+    EXPECT_EQ(setStatus, 5u);
+    EXPECT_TRUE(fs::is_fifo(path_));
+    EXPECT_EQ(err, "kelp: " + path_ + ": not a regular file\n") << "reported once";
+}
+
+TEST_F(IniStoreTest, FileOverTheLimitIsNeitherReadNorReplaced)
+{
+    const std::string text = "[general]\nDebugSNMP=On\n" + std::string(1 << 20, ';');
+    writeFile(text);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 5u);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(readFile(), text);
+    EXPECT_EQ(err, "kelp: " + path_ + ": over the limit of 1 MiB\n");
+
+    // Once the file is fit again, a new fault is reported again.
+    writeFile("[general]\nDebugSNMP=On\n");
+    EXPECT_EQ(get("general", "DebugSNMP"), "On");
+    writeFile(text);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kelp: " + path_ + ": over the limit of 1 MiB\n");
+}
+
+TEST_F(IniStoreTest, DeviceIsNeitherReadNorWritten)
+{
+    kelpRuntimeSetIniPath("/dev/zero");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 5u);
+    testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(fs::exists("/dev/zero.lock"));
 }
 
 } // namespace

@@ -16,6 +16,15 @@ extern "C" {
  * again); "" selects the process's in-memory store whatever KELP_INI says. */
 void kelpRuntimeSetIniPath(const char *path);
 
+/* Reads the private ini store's file in force now (the set path, else
+ * KELP_INI) as SSGetPrivateIniValue would. Answers 0 when it can be read, is
+ * missing (an empty store) or no file is used (the in-memory store);
+ * malformed lines are only warned about on stderr, once per content.
+ * Otherwise answers non-zero with one line in error (cut to errorSize, when
+ * error is not null): "PATH: not a regular file", "PATH: over the limit of
+ * 1 MiB", "PATH: cannot open: <reason>" or "PATH: cannot read: <reason>". */
+int kelpRuntimeCheckIni(char *error, unsigned errorSize);
+
 /* The file VscilDebugPrint writes to, taking effect at the next
  * VscilDebugInit. Null forgets the set value (KELP_DEBUG_FILE applies
  * again); "" means no such file, so the printer names its file after the
