@@ -105,6 +105,18 @@ TEST_F(ConfigTest, AMissingDebugSnmpIsWrittenBackAsOff)
     EXPECT_NE(readFile(iniPath()).find("SNMPRefreshMinutes=3"), std::string::npos);
 }
 
+TEST_F(ConfigTest, AnOverriddenDebugSnmpSwitchesPrintingOnAndIsNeverWritten)
+{
+    const std::string text = "[general]\nSNMPRefreshMinutes=3\n";
+    writeIni(text);
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On"), 0);
+    const uint32_t status = load();
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", nullptr), 0);
+    ASSERT_EQ(status, 0u);
+    EXPECT_EQ(debugText().rfind("MIBImplementerLoad: entry\n", 0), 0u);
+    EXPECT_EQ(readFile(iniPath()), text);
+}
+
 TEST_F(ConfigTest, DebugPathNamesTheDebugLogDirectory)
 {
     kelpRuntimeSetDebugFile("");

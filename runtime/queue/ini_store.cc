@@ -1,6 +1,7 @@
 // The private ini store: SSGetPrivateIniValue / SSSetPrivateIniValue over the
-// configured file (or a per-process in-memory text when none is configured).
-// Reads parse the file at each call; writes are serialised across threads (g_writeMutex) and
+// configured file (or a per-process in-memory text when none is configured),
+// with a host's overrides (ini_override.h) answered first. Reads parse the
+// file at each call; writes are serialised across threads (g_writeMutex) and
 // processes (flock on "<file>.lock"), re-read the file under both locks, and
 // replace it atomically (temp file, fsync, rename). Only a regular file of at
 // most kMaxIniFileBytes is read, and only such a file (or none) is replaced.
@@ -20,6 +21,7 @@
 
 #include "kelp/runtime.h"
 #include "queue.h"
+#include "queue/ini_override.h"
 #include "queue/ini_text.h"
 #include "support/config.h"
 #include "support/errno_text.h"
@@ -220,6 +222,8 @@ uint32_t SSGetPrivateIniValue(const char *section, const char *key, char *value,
     if (section == nullptr || key == nullptr || value == nullptr || size == nullptr) {
         return 5;
     }
+    if (std::optional<std::string> set = kelp::rt::ini::overrideOf(section, key))
+        return answerValue(*set, value, size);
     const std::string path = kelp::rt::iniPath();
     std::string text;
     if (!loadText(path, text))

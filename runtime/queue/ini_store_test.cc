@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -37,6 +38,7 @@ class IniStoreTest : public ::testing::Test {
     }
     void TearDown() override
     {
+        kelpRuntimeSetIniOverride("general", "DebugSNMP", nullptr);
         kelpRuntimeSetIniPath(nullptr);
         fs::remove_all(dir_);
     }
@@ -384,6 +386,84 @@ TEST_F(IniStoreTest, DeviceIsNeitherReadNorWritten)
     EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 5u);
     testing::internal::GetCapturedStderr();
     EXPECT_FALSE(fs::exists("/dev/zero.lock"));
+}
+
+TEST_F(IniStoreTest, OverrideAnswersInPlaceOfTheFileAndIsNeverWritten)
+{
+    const std::string text = "[general]\nDebugSNMP=Off\n";
+    writeFile(text);
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On"), 0);
+    EXPECT_EQ(get("general", "DebugSNMP"), "On");
+    EXPECT_EQ(get("GENERAL", "debugsnmp"), "On") << "names ignore ASCII case, as in the file";
+    EXPECT_EQ(readFile(), text);
+    ASSERT_EQ(kelpRuntimeSetIniOverride("General", "DEBUGSNMP", nullptr), 0);
+    EXPECT_EQ(get("general", "DebugSNMP"), "Off");
+    EXPECT_EQ(readFile(), text);
+}
+
+TEST_F(IniStoreTest, OverrideAnswersWhenTheFileCannotAnswer)
+{
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On"), 0);
+    EXPECT_EQ(get("general", "DebugSNMP"), "On") << "missing file";
+    EXPECT_FALSE(fs::exists(path_));
+    writeFile("[vcsipe]\nAggregateEvents=On\n");
+    EXPECT_EQ(get("general", "DebugSNMP"), "On") << "file without the key";
+    fs::remove(path_);
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(returnsPromptly([] { EXPECT_EQ(get("general", "DebugSNMP"), "On"); }));
+    testing::internal::GetCapturedStderr();
+    kelpRuntimeSetIniPath("");
+    EXPECT_EQ(get("general", "DebugSNMP"), "On") << "in-memory store";
+}
+
+TEST_F(IniStoreTest, SetOfAnOverriddenKeyWritesTheFileAndTheOverrideStillAnswers)
+{
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On"), 0);
+    EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 0u);
+    EXPECT_EQ(readFile(), "[general]\nDebugSNMP=Off\n");
+    EXPECT_EQ(get("general", "DebugSNMP"), "On");
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On "), 0) << "replaces";
+    EXPECT_EQ(get("general", "DebugSNMP"), "On ");
+}
+
+TEST_F(IniStoreTest, OverrideAnswersAShortBufferLikeTheFile)
+{
+    ASSERT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", "On"), 0);
+    char buf[2];
+    uint32_t size = sizeof buf;
+    EXPECT_EQ(SSGetPrivateIniValue("general", "DebugSNMP", buf, &size), 16u);
+    EXPECT_EQ(size, 3u);
+}
+
+TEST_F(IniStoreTest, OverrideRefusesWhatTheStoreCouldNotHold)
+{
+    EXPECT_NE(kelpRuntimeSetIniOverride(nullptr, "DebugSNMP", "On"), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride("general", nullptr, "On"), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride(nullptr, nullptr, nullptr), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride("general", "DebugSNMP", "two\nlines"), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride("gen]eral", "DebugSNMP", "On"), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride("general", "a=b", "On"), 0);
+    EXPECT_NE(kelpRuntimeSetIniOverride("general", "", "On"), 0);
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_EQ(kelpRuntimeSetIniOverride("general", "DebugSNMP", nullptr), 0)
+        << "removing what is not there is no error";
+}
+
+TEST_F(IniStoreTest, OverridesChangedWhileOthersReadAreSafe)
+{
+    writeFile("[general]\nDebugSNMP=Off\n");
+    std::atomic<bool> stop{false};
+    std::thread changer([&] {
+        for (int i = 0; !stop.load(); ++i)
+            kelpRuntimeSetIniOverride("general", "DebugSNMP", i % 2 == 0 ? "On" : nullptr);
+    });
+    for (int i = 0; i < 2000; ++i) {
+        std::string value = get("general", "DebugSNMP");
+        ASSERT_TRUE(value == "On" || value == "Off") << value;
+    }
+    stop.store(true);
+    changer.join();
 }
 
 } // namespace

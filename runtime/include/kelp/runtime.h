@@ -16,6 +16,16 @@ extern "C" {
  * again); "" selects the process's in-memory store whatever KELP_INI says. */
 void kelpRuntimeSetIniPath(const char *path);
 
+/* A value the private ini store answers for section/key in place of the
+ * file's (or the in-memory store's): SSGetPrivateIniValue returns it also
+ * when the file is missing, unreadable or lacks the key. It is never written
+ * to the file; SSSetPrivateIniValue of the key still writes the file, and the
+ * override goes on answering. Names are compared without regard to ASCII
+ * case, as in the file. A null value removes the override (no error when
+ * there is none). Answers 0, or non-zero (nothing changed) for a null section
+ * or key, or for names or a value SSSetPrivateIniValue would refuse. */
+int kelpRuntimeSetIniOverride(const char *section, const char *key, const char *value);
+
 /* Reads the private ini store's file in force now (the set path, else
  * KELP_INI) as SSGetPrivateIniValue would. Answers 0 when it can be read, is
  * missing (an empty store) or no file is used (the in-memory store);
