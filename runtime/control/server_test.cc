@@ -16,6 +16,7 @@
 #include "control/words.h"
 #include "datastore/model_store.h"
 #include "kelp/runtime.h"
+#include "support/fifo_testing.h"
 
 namespace {
 
@@ -176,6 +177,20 @@ TEST_F(ControlServerTest, MalformedLinesAreErrorsOnOneLine)
         std::string answer = sendAndRead(socket_, line + "\n");
         EXPECT_TRUE(answer.starts_with("error: ")) << answer;
         EXPECT_EQ(answer.find('\n'), answer.size() - 1) << answer;
+    }
+}
+
+TEST_F(ControlServerTest, LoadOfAFifoOrADeviceIsAnErrorAndTheNextClientIsServed)
+{
+    ASSERT_EQ(start(socket_), "");
+    const std::string fifo = dir_.file("model.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string &path : {fifo, std::string("/dev/zero")}) {
+        std::string answer;
+        EXPECT_TRUE(returnsPromptly(fifo, [&] { answer = ask(socket_, "load " + path); }))
+            << path;
+        EXPECT_EQ(answer, "error: " + path + ": not a regular file\n");
+        EXPECT_TRUE(ask(socket_, "status").starts_with("model: test-model\n"));
     }
 }
 

@@ -6,17 +6,15 @@
 // from it and only then swaps it in, so a failed change leaves nothing.
 #include "datastore/model_store.h"
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <new>
 
 #include "datastore/model.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
+#include "support/file_read.h"
 #include "support/text.h"
 
 namespace kelp::ds {
@@ -50,30 +48,13 @@ void publish(std::shared_ptr<const Model> model) // requires g_changeMutex
     g_served = std::move(model);
 }
 
+// Only a regular file is read (a FIFO would hang the control thread, and
+// with it the host's stop, which joins that thread), and only up to the limit.
 std::shared_ptr<const Model> modelFromFile(const std::string &path, std::string *error)
 {
-    std::FILE *file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        fail(error, path + ": cannot open: " + std::strerror(errno));
-        return nullptr;
-    }
-    std::string text;
-    char buffer[65536];
-    size_t got = 0;
-    while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0 &&
-           text.size() <= kMaxModelFileBytes) {
-        text.append(buffer, got);
-    }
-    const bool readFailed = std::ferror(file) != 0;
-    const int readErrno = errno;
-    std::fclose(file);
-    if (readFailed) {
-        fail(error, path + ": cannot read: " + std::strerror(readErrno));
-        return nullptr;
-    }
-    if (text.size() > kMaxModelFileBytes) {
-        fail(error, path + ": over the limit of " + std::to_string(kMaxModelFileBytes >> 20) +
-                        " MiB for a model file");
+    std::string text, message;
+    if (rt::readRegularFile(path, kMaxModelFileBytes, &text, &message) != rt::FileRead::kRead) {
+        fail(error, message);
         return nullptr;
     }
     ModelData data;

@@ -2,6 +2,7 @@
 // control socket makes, all or nothing, event fields, and readers that never
 // see half a change.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "datastore/model_store.h"
 #include "datastore/model_testing.h"
 #include "kelp/runtime.h"
+#include "support/fifo_testing.h"
 #include "vscil.h"
 
 namespace {
@@ -100,8 +102,38 @@ TEST_F(ModelStoreTest, LoadingAFileServesItAndABadFileChangesNothing)
     EXPECT_FALSE(ds::loadModelFile(dir_ + "/missing.xml", &error));
     EXPECT_EQ(error, dir_ + "/missing.xml: cannot open: No such file or directory");
     EXPECT_FALSE(ds::loadModelFile(dir_, &error));
-    EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
+    EXPECT_EQ(error, dir_ + ": not a regular file");
     EXPECT_EQ(ds::servedModel(), before) << "the served model stays as it was";
+}
+
+TEST_F(ModelStoreTest, FifoDeviceAndOversizedFileAreRefusedAtOnceAndChangeNothing)
+{
+    std::string error;
+    ASSERT_TRUE(ds::loadModelFile(writeFile("good.xml", ds::testing::kTestModel), &error)) << error;
+    std::shared_ptr<const ds::Model> before = ds::servedModel();
+    const std::string fifo = dir_ + "/model.fifo", big = dir_ + "/big.xml";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    // Sparse: its size is over the limit, its blocks are not.
+    writeFile("big.xml", "<storage/>");
+    fs::resize_file(big, ds::kMaxModelFileBytes + 1);
+    const std::pair<std::string, std::string> cases[] = {
+        {fifo, fifo + ": not a regular file"},
+        {"/dev/zero", "/dev/zero: not a regular file"},
+        {big, big + ": over the limit of 256 MiB"},
+    };
+    for (const auto &[path, message] : cases) {
+        bool loaded = true;
+        EXPECT_TRUE(returnsPromptly(fifo, [&] { loaded = ds::loadModelFile(path, &error); }))
+            << path;
+        EXPECT_FALSE(loaded) << path;
+        EXPECT_EQ(error, message);
+        char full[512] = "unchanged";
+        EXPECT_TRUE(returnsPromptly(
+            fifo, [&] { EXPECT_NE(kelpRuntimeLoadModel(path.c_str(), full, sizeof full), 0); }))
+            << path;
+        EXPECT_EQ(std::string(full), message);
+        EXPECT_EQ(ds::servedModel(), before) << path;
+    }
 }
 
 TEST_F(ModelStoreTest, RuntimeCallReportsErrorsCutToTheBuffer)

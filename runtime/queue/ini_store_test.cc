@@ -1,17 +1,13 @@
 // The private ini store over a real file: missing files, malformed and binary
 // content, case, quoting, preserved comments, concurrent writers in threads
 // and in processes, and paths that name no regular file or one too large.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
-#include <functional>
-#include <future>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -21,6 +17,7 @@
 
 #include "kelp/runtime.h"
 #include "queue.h"
+#include "support/fifo_testing.h"
 
 namespace {
 
@@ -63,21 +60,6 @@ class IniStoreTest : public ::testing::Test {
         return buf;
     }
 
-    // Runs call and answers whether it returned within a few seconds. A call
-    // stuck opening or reading the FIFO at path_ is set free by a writer that
-    // comes and goes, so that a failing test still ends.
-    bool returnsPromptly(const std::function<void()> &call) const
-    {
-        auto done = std::async(std::launch::async, call);
-        if (done.wait_for(std::chrono::seconds(5)) == std::future_status::ready)
-            return true;
-        while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
-            int fd = open(path_.c_str(), O_WRONLY | O_NONBLOCK);
-            if (fd >= 0)
-                close(fd);
-        }
-        return false;
-    }
     // kelpRuntimeCheckIni's status and message, as "<status>: <message>".
     static std::string check(unsigned size = 512)
     {
@@ -347,9 +329,10 @@ TEST_F(IniStoreTest, FifoAnswersNotFoundAtOnceAndIsNeverReplaced)
     testing::internal::CaptureStderr();
     std::string value;
     uint32_t setStatus = 0;
-    EXPECT_TRUE(returnsPromptly([&] { value = get("general", "DebugSNMP"); }));
-    EXPECT_TRUE(returnsPromptly([&] { get("general", "DebugPath"); }));
-    EXPECT_TRUE(returnsPromptly([&] { setStatus = SSSetPrivateIniValue("general", "k", "v"); }));
+    EXPECT_TRUE(returnsPromptly(path_, [&] { value = get("general", "DebugSNMP"); }));
+    EXPECT_TRUE(returnsPromptly(path_, [&] { get("general", "DebugPath"); }));
+    EXPECT_TRUE(
+        returnsPromptly(path_, [&] { setStatus = SSSetPrivateIniValue("general", "k", "v"); }));
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(value, "<status 2>");
     EXPECT_EQ(setStatus, 5u);
@@ -411,7 +394,7 @@ TEST_F(IniStoreTest, OverrideAnswersWhenTheFileCannotAnswer)
     fs::remove(path_);
     ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(returnsPromptly([] { EXPECT_EQ(get("general", "DebugSNMP"), "On"); }));
+    EXPECT_TRUE(returnsPromptly(path_, [] { EXPECT_EQ(get("general", "DebugSNMP"), "On"); }));
     testing::internal::GetCapturedStderr();
     kelpRuntimeSetIniPath("");
     EXPECT_EQ(get("general", "DebugSNMP"), "On") << "in-memory store";
