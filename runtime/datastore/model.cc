@@ -27,6 +27,17 @@ bool parseUint32(const std::string &text, uint32_t *out)
     return !text.empty() && text[0] != '-' && ec == std::errc() && stop == end;
 }
 
+// The check shared by the attributes of <storage> and of objects: the
+// plug-in copies every value into buffers sized for the XML library's
+// longest answer. Empty when the value fits, else the message.
+std::string valueTooLong(const std::string &name, const std::string &value)
+{
+    if (value.size() <= kMaxAttributeValueBytes)
+        return std::string();
+    return name + " has " + std::to_string(value.size()) + " bytes, over the limit of " +
+           std::to_string(kMaxAttributeValueBytes);
+}
+
 } // namespace
 
 int objectTypeIndex(std::string_view name)
@@ -65,6 +76,8 @@ bool Model::index(std::string *error)
         return false;
     };
     for (const auto &[name, value] : data_.storage) {
+        if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
+            return fail(data_.storageWhere, tooLong);
         if (!xml::isXmlText(value))
             return fail(data_.storageWhere, name + " is not UTF-8 text");
         if (name == "ready") {
@@ -101,10 +114,8 @@ bool Model::index(std::string *error)
                 return fail(o.where, what + "ObjID is no attribute: the id attribute gives it");
             if (!xml::isName(name))
                 return fail(o.where, what + "\"" + name + "\" is not an attribute name");
-            if (value.size() > kMaxAttributeValueBytes) {
-                return fail(o.where, what + name + " has " + std::to_string(value.size()) +
-                                         " bytes, over the limit of 159");
-            }
+            if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
+                return fail(o.where, what + tooLong);
             if (!xml::isXmlText(value))
                 return fail(o.where, what + name + " is not UTF-8 text");
         }

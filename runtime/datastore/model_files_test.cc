@@ -74,7 +74,15 @@ TEST_F(ModelFilesTest, EveryBadModelIsRefusedAndChangesNothing)
         EXPECT_NE(error.find(name + ":"), std::string::npos) << name << ": " << error;
         EXPECT_NE(kelp::ds::modelStatus().origin.find("minimal.xml"), std::string::npos) << name;
     }
-    EXPECT_GE(bad, 9);
+    EXPECT_GE(bad, 10);
+}
+
+TEST_F(ModelFilesTest, LongStorageAttributeIsRefusedNamingTheStorageElementsLine)
+{
+    const fs::path file = modelsDir() / "test" / "bad-long-storage-value.xml";
+    std::string error;
+    EXPECT_NE(load(file, &error), 0);
+    EXPECT_EQ(error, file.string() + ":4: url has 1025 bytes, over the limit of 159");
 }
 
 // kelpgen, the generator of benchmark models, as a shell runs it.

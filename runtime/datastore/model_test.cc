@@ -193,12 +193,23 @@ TEST(ModelTest, InvalidModelsAreRefusedNamingFileAndLine)
 
 TEST(ModelTest, StorageAttributesAreChecked)
 {
-    const std::pair<const char *, const char *> cases[] = {
+    const std::string tooLong = longText(160);
+    const std::pair<std::string, std::string> cases[] = {
         {"<storage ready='yes'/>", "ready=\"yes\" is neither 0 nor 1"},
         {"<storage thermalShutdown='-1'/>", "thermalShutdown=\"-1\" is not a number"},
         {"<storage thermalShutdown='4294967296'/>", "is not a number"},
         {"<store/>", "the root element is <store>, not <storage>"},
         {"", "no root element"},
+        {"<storage url='" + tooLong + "'/>", "url has 160 bytes, over the limit of 159"},
+        {"<storage chassisServiceTag='" + tooLong + "'/>",
+         "chassisServiceTag has 160 bytes, over the limit of 159"},
+        {"<storage baseBoardServiceTag='" + tooLong + "'/>",
+         "baseBoardServiceTag has 160 bytes, over the limit of 159"},
+        {"<storage ready='" + std::string(160, '1') + "'/>",
+         "ready has 160 bytes, over the limit of 159"},
+        {"<storage thermalShutdown='" + std::string(160, '0') + "'/>",
+         "thermalShutdown has 160 bytes, over the limit of 159"},
+        {"<storage url='" + longText(158) + "&#x20AC;'/>", "url has 161 bytes"},
     };
     for (const auto &[text, message] : cases) {
         std::string error;
@@ -206,6 +217,14 @@ TEST(ModelTest, StorageAttributesAreChecked)
         EXPECT_NE(error.find(message), std::string::npos) << text << ": " << error;
         EXPECT_EQ(error.rfind("m.xml:1: ", 0), 0u) << error;
     }
+}
+
+TEST(ModelTest, StorageAttributeOf159BytesIsServedWhole)
+{
+    std::string error;
+    auto m = build("<storage url='" + longText(159) + "'/>", &error);
+    ASSERT_NE(m, nullptr) << error;
+    EXPECT_EQ(m->storageAttribute("url"), longText(159));
 }
 
 TEST(ModelTest, AnObjectAnswerMayFill64KiBAndNoMore)
