@@ -1,5 +1,6 @@
 // kelpctl: sends one command to the control socket of a running kelp runtime
-// (kelpagent, or any host of the plug-in) and prints the answer. It links
+// (kelpagent, or any host of the plug-in) and prints the answer: output lines
+// and "ok" on stdout, an "error: ..." line on stderr. It links
 // nothing of the runtime; the word quoting comes from the header-only
 // runtime/control/words.h, so the server reads back exactly the words given.
 #include <poll.h>
@@ -27,8 +28,10 @@ constexpr int kAnswerTimeoutMs = 120000;
 const char kUsage[] = R"(usage: kelpctl [--control SOCKET] COMMAND [ARGS...]
 
 Sends COMMAND to the control socket of a running kelp runtime and prints its
-answer. SOCKET defaults to $KELP_CONTROL, else $XDG_STATE_HOME/kelp/control.sock,
-else ~/.local/state/kelp/control.sock.
+answer: the output lines and the final "ok" on stdout, or the output lines on
+stdout and the final "error: MESSAGE" on stderr. SOCKET defaults to
+$KELP_CONTROL, else $XDG_STATE_HOME/kelp/control.sock, else
+~/.local/state/kelp/control.sock.
 
 Commands:
   status                               model file, objects per type, readiness,
@@ -48,8 +51,12 @@ Protocol: one command per connection. kelpctl sends one line of at most 64 KiB
 ending in a newline, each argument as a double-quoted word (escapes \" \\ \n
 \t). The server answers output lines and then a final "ok" or "error: MESSAGE".
 
-Exit status: 0 for ok, 1 for an error answer, 2 for a usage error or when the
-socket cannot be reached.
+Options:
+  --control SOCKET, --control=SOCKET   the control socket to talk to
+  -h, --help                           prints this text
+
+Exit status: 0 for ok (kelpctl prints "ok"), 1 for an error answer, 2 for a
+usage error or when the socket cannot be reached.
 )";
 
 int usageError(const char *message)
@@ -211,8 +218,10 @@ int main(int argc, char **argv)
     lastStart = lastStart == std::string::npos ? 0 : lastStart + 1;
     std::string status = answer.substr(lastStart);
     std::fwrite(answer.data(), 1, lastStart, stdout);
-    if (status == "ok")
+    if (status == "ok") {
+        std::puts("ok");
         return kExitOk;
+    }
     if (status.starts_with("error: ")) {
         std::fprintf(stderr, "%s\n", status.c_str());
         return kExitCommandError;

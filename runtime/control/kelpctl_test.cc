@@ -114,13 +114,16 @@ class KelpctlTest : public ::testing::Test {
     std::string socket_ = dir_.file("control.sock");
 };
 
-TEST_F(KelpctlTest, OkAnswerPrintsTheOutputAndExits0)
+TEST_F(KelpctlTest, OkAnswerPrintsTheOutputAndTheOkAndExits0)
 {
     CtlRun run = ctl({"status"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(run.out.starts_with("model: test-model\nready: yes\n")) << run.out;
-    EXPECT_EQ(run.out.find("\nok"), std::string::npos) << run.out;
+    EXPECT_TRUE(run.out.ends_with("\nevent reader: not yet switched on\nok\n")) << run.out;
     EXPECT_EQ(run.err, "");
+    run = ctl({"ready", "off"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "ok\n") << "a command without output prints the ok alone";
 }
 
 TEST_F(KelpctlTest, ArgumentsArriveAsTheyWereGiven)
@@ -128,7 +131,7 @@ TEST_F(KelpctlTest, ArgumentsArriveAsTheyWereGiven)
     const std::string name = "Disk \"0\" \\ one\ttwo";
     CtlRun run = ctl({"set", "20", "Name", name});
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.out, "ok\n");
     run = ctl({"event", "7", "--parm", "a b", "--parm", "", "--field", "Note=x\ny"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(kelp::ev::takeOldestEvent(),
@@ -168,10 +171,17 @@ TEST_F(KelpctlTest, UsageErrorsAndAnUnreachableSocketExit2)
     EXPECT_NE(run.err.find("cannot reach the control socket " + missing), std::string::npos)
         << run.err;
 
-    run = kelpctl({"--help"}, {}, dir_);
+    for (const char *help : {"--help", "-h"}) {
+        run = kelpctl({help}, {}, dir_);
+        EXPECT_EQ(run.exitCode, 0) << help;
+        EXPECT_EQ(run.out.rfind("usage: kelpctl [--control SOCKET] COMMAND [ARGS...]\n", 0), 0u)
+            << help;
+        EXPECT_NE(run.out.find("prints \"ok\""), std::string::npos) << run.out;
+        EXPECT_EQ(run.err, "") << help;
+    }
+    run = kelpctl({"--control", socket_, "-h"}, {}, dir_);
     EXPECT_EQ(run.exitCode, 0);
-    EXPECT_NE(run.out.find("usage: kelpctl [--control SOCKET] COMMAND [ARGS...]"),
-              std::string::npos);
+    EXPECT_EQ(run.out.rfind("usage: kelpctl", 0), 0u);
 }
 
 TEST_F(KelpctlTest, DefaultSocketIsKelpControlThenXdgStateHomeThenHome)
