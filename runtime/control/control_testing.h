@@ -80,29 +80,30 @@ inline int connectTo(const std::string &path)
 }
 
 // Everything the server sends until it closes (a reset after the answer
-// ends it too), or what came before a generous time-out.
-inline std::string readAll(int fd)
+// ends it too), or what came before the limit (a generous one by default).
+inline std::string readAll(int fd, std::chrono::milliseconds limit = std::chrono::seconds(30))
 {
     std::string answer;
     char chunk[4096];
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < deadline) {
         pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 1000) <= 0)
+        if (poll(&p, 1, 100) <= 0)
             continue;
         ssize_t n = read(fd, chunk, sizeof chunk);
         if (n <= 0)
             return answer;
         answer.append(chunk, size_t(n));
     }
-    ADD_FAILURE() << "no end of answer within 30 s";
+    ADD_FAILURE() << "no end of answer within " << limit.count() << " ms";
     return answer;
 }
 
 // Sends bytes as they are, shuts the sending side down when asked, and
-// answers what the server sent back.
+// answers what the server sent back within the limit.
 inline std::string sendAndRead(const std::string &path, const std::string &bytes,
-                               bool shutDownSending = true)
+                               bool shutDownSending = true,
+                               std::chrono::milliseconds limit = std::chrono::seconds(30))
 {
     int fd = connectTo(path);
     if (fd < 0)
@@ -116,7 +117,7 @@ inline std::string sendAndRead(const std::string &path, const std::string &bytes
     }
     if (shutDownSending)
         shutdown(fd, SHUT_WR);
-    std::string answer = readAll(fd);
+    std::string answer = readAll(fd, limit);
     close(fd);
     return answer;
 }
@@ -125,6 +126,13 @@ inline std::string sendAndRead(const std::string &path, const std::string &bytes
 inline std::string ask(const std::string &path, const std::string &line)
 {
     return sendAndRead(path, line + "\n");
+}
+
+// One command line, answered within limit.
+inline std::string askWithin(const std::string &path, const std::string &line,
+                             std::chrono::milliseconds limit)
+{
+    return sendAndRead(path, line + "\n", true, limit);
 }
 
 // GetSingleObject's answer for id, or "<status N>" when there is none.

@@ -1,5 +1,7 @@
-// The control socket server: one thread accepts connections and serves them
-// one at a time, so commands never run concurrently with each other.
+// The control socket server: one thread serves every connection at once,
+// multiplexed with poll, so an idle or slow client never delays another.
+// Commands run on that thread one at a time, so they never run concurrently
+// with each other.
 //
 // Protocol. One command per connection. The client sends one line of at most
 // 64 KiB ending in "\n": words separated by blanks (spaces, tabs), where a
@@ -9,7 +11,10 @@
 // after the "\n" is ignored. A line that is too long, has a bad quote, names
 // an unknown command or has wrong arguments, or that is still without its
 // "\n" when the client shuts down its sending or 5 s after connecting, is
-// answered "error: ..." and changes nothing. Commands (commands.cc):
+// answered "error: ..." and changes nothing. An answer the client has not
+// taken 5 s after it was ready is abandoned (the command has run). At most
+// 64 connections are served at once; further clients wait in the listen
+// backlog until one ends. Commands (commands.cc):
 //   status | help | ready on|off | set ID ATTR VALUE | add --xml TEXT |
 //   remove ID | load FILE | event --xml TEXT |
 //   event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]...
@@ -24,13 +29,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <new>
 #include <system_error>
+#include <vector>
 
-#include "control/commands.h"
+#include "control/connection.h"
 #include "control/socket_util.h"
-#include "control/words.h"
 #include "support/errno_text.h"
 
 namespace kelp::ctl {
@@ -38,16 +44,39 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string durationText(std::chrono::milliseconds d)
+// How long accepting pauses when the process is out of descriptors or
+// memory: the client stays queued, and a listening socket that stays
+// readable must not make the thread spin.
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+// Milliseconds from now until `at` for poll: -1 for never, else 0 to 60 s
+// (a longer wait simply goes round once more).
+int pollTimeout(Clock::time_point at, Clock::time_point now)
 {
-    if (d.count() % 1000 == 0)
-        return std::to_string(d.count() / 1000) + " s";
-    return std::to_string(d.count()) + " ms";
+    if (at == Clock::time_point::max())
+        return -1;
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(at - now).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, 60000));
+}
+
+// Accepts the clients waiting, as long as there is room for them. Answers
+// when accepting may go on: now, or after a pause.
+Clock::time_point acceptWaiting(int listenFd, std::chrono::milliseconds timeout,
+                                std::vector<Connection> *connections)
+{
+    while (connections->size() < kMaxConnections) {
+        UniqueFd conn(accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!conn) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                return Clock::now() + kAcceptPause;
+            return Clock::time_point::min(); // none waiting, or one that gave up
+        }
+        connections->emplace_back(std::move(conn), timeout, Clock::now());
+    }
+    return Clock::time_point::min();
 }
 
 } // namespace
-
-enum class ControlServer::Wait { kReady, kTimedOut, kStopping, kFailed };
 
 std::unique_ptr<ControlServer> ControlServer::start(const std::string &path,
                                                     std::chrono::milliseconds readTimeout,
@@ -109,132 +138,59 @@ ControlServer::~ControlServer()
         unlink(path_.c_str());
 }
 
-ControlServer::Wait ControlServer::waitFor(int fd, short events, Clock::time_point deadline)
-{
-    while (true) {
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0)
-            return Wait::kTimedOut;
-        pollfd fds[2] = {{fd, events, 0}, {wakeFd_, POLLIN, 0}};
-        int n = poll(fds, 2, static_cast<int>(std::min<int64_t>(left.count(), 60000)));
-        if (n < 0 && errno != EINTR)
-            return Wait::kFailed;
-        if (n > 0 && fds[1].revents != 0)
-            return Wait::kStopping;
-        if (n > 0 && fds[0].revents != 0)
-            return Wait::kReady;
-    }
-}
-
 void ControlServer::serve()
 {
+    std::vector<Connection> connections;
+    std::vector<pollfd> fds;
+    try {
+        // Sized once, so that serving never needs memory for the lists.
+        connections.reserve(kMaxConnections);
+        fds.reserve(kMaxConnections + 2);
+    } catch (const std::bad_alloc &) {
+        std::fputs("kelp: control socket stops serving: out of memory\n", stderr);
+        return;
+    }
+    Clock::time_point acceptFrom = Clock::time_point::min();
     while (true) {
-        switch (waitFor(listenFd_, POLLIN, Clock::time_point::max())) {
-        case Wait::kStopping:
-            return;
-        case Wait::kFailed:
+        const Clock::time_point now = Clock::now();
+        const bool room = connections.size() < kMaxConnections;
+        const bool accepting = room && now >= acceptFrom;
+        Clock::time_point wakeAt = room && !accepting ? acceptFrom : Clock::time_point::max();
+        fds.clear();
+        fds.push_back({wakeFd_, POLLIN, 0});
+        // A negative descriptor is skipped by poll: with no room, clients wait
+        // in the backlog.
+        fds.push_back({accepting ? listenFd_ : -1, POLLIN, 0});
+        for (const Connection &c : connections) {
+            fds.push_back({c.fd(), c.events(), 0});
+            wakeAt = std::min(wakeAt, c.deadline());
+        }
+        if (poll(fds.data(), fds.size(), pollTimeout(wakeAt, now)) < 0) {
+            if (errno == EINTR)
+                continue;
             std::perror("kelp: control socket stops serving");
             return;
-        default:
-            break;
         }
-        UniqueFd conn(accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!conn) {
-            // Out of descriptors or memory, the client stays queued: pause
-            // rather than spin on a listening socket that stays readable.
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                if (waitFor(wakeFd_, POLLIN, Clock::now() + std::chrono::milliseconds(100)) ==
-                    Wait::kStopping) {
-                    return;
-                }
+        if (fds[0].revents != 0)
+            return; // stop requested; the connections close with the vector
+        const Clock::time_point after = Clock::now();
+        size_t kept = 0;
+        for (size_t i = 0; i < connections.size(); ++i) {
+            bool keep = false;
+            try {
+                keep = connections[i].advance(fds[i + 2].revents, after);
+            } catch (const std::bad_alloc &) {
+                // Dropping the connection without "ok" tells the client that
+                // the command may not have run; the others go on.
             }
-            continue;
+            if (keep && kept != i)
+                connections[kept] = std::move(connections[i]);
+            kept += keep ? 1 : 0;
         }
-        try {
-            serveConnection(conn.get());
-        } catch (const std::bad_alloc &) {
-            // Dropping the connection without "ok" tells the client that the
-            // command may not have run; the server goes on.
-        }
-    }
-}
-
-void ControlServer::serveConnection(int fd)
-{
-    std::string line, error;
-    switch (readLine(fd, &line, &error)) {
-    case Read::kLine:
-        writeAll(fd, answerLine(line));
-        return;
-    case Read::kBad: {
-        Reply reply;
-        reply.fail(error);
-        writeAll(fd, formatReply(reply));
-        return;
-    }
-    case Read::kDrop:
-        return;
-    }
-}
-
-ControlServer::Read ControlServer::readLine(int fd, std::string *line, std::string *error)
-{
-    const auto deadline = Clock::now() + readTimeout_;
-    std::string buffer;
-    char chunk[4096];
-    while (true) {
-        switch (waitFor(fd, POLLIN, deadline)) {
-        case Wait::kTimedOut:
-            *error = "no complete command line within " + durationText(readTimeout_);
-            return Read::kBad;
-        case Wait::kStopping:
-        case Wait::kFailed:
-            return Read::kDrop;
-        case Wait::kReady:
-            break;
-        }
-        // Never read past one byte over the limit: that byte is enough to
-        // know the line is too long.
-        size_t room = std::min(sizeof chunk, kMaxLineBytes + 1 - buffer.size());
-        ssize_t n = read(fd, chunk, room);
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EINTR)
-                continue;
-            return Read::kDrop;
-        }
-        if (n == 0) {
-            *error = buffer.empty()
-                         ? "no command line: the client stopped sending before it sent one"
-                         : "command line not ended by a newline when the client stopped sending";
-            return Read::kBad;
-        }
-        const char *newline = static_cast<const char *>(std::memchr(chunk, '\n', size_t(n)));
-        buffer.append(chunk, newline != nullptr ? size_t(newline - chunk) : size_t(n));
-        if (buffer.size() > kMaxLineBytes) {
-            *error = "command line longer than " + std::to_string(kMaxLineBytes) + " bytes";
-            return Read::kBad;
-        }
-        if (newline != nullptr) {
-            *line = std::move(buffer);
-            return Read::kLine;
-        }
-    }
-}
-
-void ControlServer::writeAll(int fd, const std::string &text)
-{
-    const auto deadline = Clock::now() + readTimeout_;
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-        if (n > 0) {
-            done += size_t(n);
-        } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-            if (waitFor(fd, POLLOUT, deadline) != Wait::kReady)
-                return;
-        } else {
-            return; // the client is gone; the command has run all the same
-        }
+        connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(kept),
+                          connections.end());
+        if (accepting && fds[1].revents != 0)
+            acceptFrom = acceptWaiting(listenFd_, readTimeout_, &connections);
     }
 }
 

@@ -6,14 +6,20 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
 
 namespace kelp::ctl {
 
-// How long a client has to send its whole command line.
+// How long a client has to send its whole command line, and again to take
+// its answer once it is ready.
 inline constexpr std::chrono::milliseconds kReadTimeout{5000};
+
+// Most connections served at once; further clients wait in the listen
+// backlog until one of them ends.
+inline constexpr size_t kMaxConnections = 64;
 
 class ControlServer {
   public:
@@ -26,9 +32,9 @@ class ControlServer {
     static std::unique_ptr<ControlServer>
     start(const std::string &path, std::chrono::milliseconds readTimeout, std::string *error);
 
-    // Stops serving: wakes the thread, abandons a connection in progress,
-    // joins, closes the socket and unlinks its file (unless someone has
-    // replaced it since).
+    // Stops serving: wakes the thread, abandons every open connection (a
+    // command already running ends first), joins, closes the socket and
+    // unlinks its file (unless someone has replaced it since).
     ~ControlServer();
 
     ControlServer(const ControlServer &) = delete;
@@ -40,20 +46,9 @@ class ControlServer {
     ControlServer(std::string path, int listenFd, int wakeFd, dev_t dev, ino_t ino,
                   std::chrono::milliseconds readTimeout);
 
-    enum class Wait;
-    // What reading a command line gave: the line; a fault to answer with
-    // *error; or nothing to answer (stop requested, or the peer failed).
-    enum class Read { kLine, kBad, kDrop };
-
+    // The thread: polls the wake-up descriptor, the listening socket and
+    // every connection, and advances each connection that is ready or due.
     void serve();
-    void serveConnection(int fd);
-    Read readLine(int fd, std::string *line, std::string *error);
-    // Sends text within the time-out; gives up silently when the client is
-    // gone or stops reading.
-    void writeAll(int fd, const std::string &text);
-    // Waits until fd has one of events, the deadline passes, or a stop is
-    // requested, whichever comes first.
-    Wait waitFor(int fd, short events, std::chrono::steady_clock::time_point deadline);
 
     const std::string path_;
     const int listenFd_;

@@ -1,6 +1,8 @@
 // The control socket as a client meets it: the socket file (mode, stale and
-// foreign files), lines that are half-written, too long or late, prompt
-// stopping, and the start from KELP_CONTROL when the runtime loads.
+// foreign files), lines that are half-written, too long or late, clients
+// that stay idle or never read their answer while others are served, the
+// connection limit, prompt stopping, and the start from KELP_CONTROL when
+// the runtime loads.
 #include "control/server.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +19,7 @@
 #include "datastore/model_store.h"
 #include "kelp/runtime.h"
 #include "support/fifo_testing.h"
+#include "support/unique_fd.h"
 
 namespace {
 
@@ -218,6 +221,65 @@ TEST_F(ControlServerTest, ClientsOneAfterAnotherAndAtOnceAreAllAnswered)
         t.join();
     for (const auto &answer : answers)
         EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+}
+
+TEST_F(ControlServerTest, IdleClientsDelayNoOtherClient)
+{
+    ASSERT_EQ(start(socket_), "");
+    std::vector<kelp::rt::UniqueFd> idle;
+    for (int i = 0; i < 20; ++i)
+        idle.emplace_back(connectTo(socket_));
+    EXPECT_TRUE(askWithin(socket_, "status", 2s).ends_with("\nok\n"));
+}
+
+// A client that sent "status" to a server serving a model whose origin is
+// 8 MiB long, more than any socket buffer holds, and never reads the answer.
+kelp::rt::UniqueFd stuckClient(const std::string &path)
+{
+    kelp::rt::UniqueFd fd(connectTo(path));
+    EXPECT_EQ(send(fd.get(), "status\n", 7, MSG_NOSIGNAL), 7);
+    // Once the answer has begun, the server is blocked on this client (or not).
+    pollfd p{fd.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 2000), 1);
+    return fd;
+}
+
+TEST_F(ControlServerTest, ClientThatNeverReadsALargeAnswerDelaysNoOtherClient)
+{
+    std::string error;
+    ASSERT_TRUE(kelp::ds::loadModelText(kModel, std::string(8 << 20, 'o'), &error)) << error;
+    ASSERT_EQ(start(socket_), "");
+    kelp::rt::UniqueFd stuck = stuckClient(socket_);
+    EXPECT_EQ(askWithin(socket_, "ready off", 2s), "ok\n");
+}
+
+TEST_F(ControlServerTest, StopIsPromptWithIdleClientsAndOneThatNeverReads)
+{
+    std::string error;
+    ASSERT_TRUE(kelp::ds::loadModelText(kModel, std::string(8 << 20, 'o'), &error)) << error;
+    ASSERT_EQ(start(socket_), "");
+    std::vector<kelp::rt::UniqueFd> idle;
+    for (int i = 0; i < 20; ++i)
+        idle.emplace_back(connectTo(socket_));
+    kelp::rt::UniqueFd stuck = stuckClient(socket_);
+    auto begin = Clock::now();
+    kelpRuntimeStopControl();
+    EXPECT_LT(Clock::now() - begin, 2s);
+    EXPECT_NE(access(socket_.c_str(), F_OK), 0);
+}
+
+TEST_F(ControlServerTest, ClientPastTheConnectionLimitIsServedOnceAConnectionEnds)
+{
+    ASSERT_EQ(start(socket_), "");
+    std::vector<kelp::rt::UniqueFd> idle;
+    for (size_t i = 0; i < kelp::ctl::kMaxConnections; ++i)
+        idle.emplace_back(connectTo(socket_));
+    kelp::rt::UniqueFd waiting(connectTo(socket_));
+    ASSERT_EQ(send(waiting.get(), "status\n", 7, MSG_NOSIGNAL), 7);
+    pollfd p{waiting.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 300), 0) << "no answer while the limit is reached";
+    idle.front().reset();
+    EXPECT_TRUE(readAll(waiting.get(), 2s).ends_with("\nok\n"));
 }
 
 // Run in a child process by the test below: a runtime loaded with
