@@ -95,9 +95,10 @@ TEST_F(FileReadTest, WhatIsNotARegularFileWithinTheLimitIsRefusedAtOnce)
 TEST(ByteCountText, UsesTheLargestWholeUnit)
 {
     const std::pair<size_t, const char *> cases[] = {
-        {0, "0 bytes"},         {1, "1 byte"},     {1000, "1000 bytes"}, {1024, "1 KiB"},
-        {65536, "64 KiB"},      {1 << 20, "1 MiB"}, {256u << 20, "256 MiB"},
-        {(1 << 20) + 1, "1048577 bytes"},
+        {0, "0 bytes"},          {1, "1 byte"},
+        {1000, "1000 bytes"},    {1024, "1 KiB"},
+        {65536, "64 KiB"},       {1 << 20, "1 MiB"},
+        {256u << 20, "256 MiB"}, {(1 << 20) + 1, "1048577 bytes"},
     };
     for (const auto &[bytes, text] : cases)
         EXPECT_EQ(kelp::rt::byteCountText(bytes), text) << bytes;
