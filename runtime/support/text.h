@@ -49,7 +49,8 @@ inline void copyToBuffer(std::string_view text, char *buffer, unsigned size)
     if (buffer == nullptr || size == 0)
         return;
     size_t n = std::min<size_t>(text.size(), size - 1);
-    std::memcpy(buffer, text.data(), n);
+    if (n > 0) // an empty view may have no data at all
+        std::memcpy(buffer, text.data(), n);
     buffer[n] = '\0';
 }
 
