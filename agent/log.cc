@@ -1,25 +1,232 @@
-// One formatted line per call, written with one write so that lines from the
-// plug-in's threads and the agent's do not interleave.
+// The agent's log sinks. Each line is written with one write (or one
+// datagram), so lines from the plug-in's threads and the agent's never
+// interleave.
 #include "log.h"
 
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <string>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
 
 namespace kelp::agent {
+namespace {
+
+constexpr int kFacilityDaemon = 3 << 3;
+constexpr const char *kDefaultSyslogSocket = "/dev/log";
+
+struct Logger {
+    std::mutex mutex;
+    LogSink sink = LogSink::kStderrStamped; // guarded by mutex
+    LogLevel threshold = LogLevel::kInfo;   // guarded by mutex
+    int syslogFd = -1;                      // guarded by mutex; -1: not connected
+};
+
+Logger &logger()
+{
+    // Never destroyed: threads of the plug-in may log while the process
+    // exits.
+    static Logger *instance = new Logger;
+    return *instance;
+}
+
+void writeStderr(const std::string &line)
+{
+    // A failed write to stderr has nowhere to be reported.
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+}
+
+// Connects the syslog socket when it is not; false when it cannot be.
+// Requires the logger's mutex.
+bool connectSyslog(Logger &log)
+{
+    if (log.syslogFd >= 0) {
+        return true;
+    }
+    const char *path = std::getenv("KELP_SYSLOG_SOCKET");
+    if (path == nullptr || path[0] == '\0') {
+        path = kDefaultSyslogSocket;
+    }
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof addr.sun_path) {
+        return false;
+    }
+    std::strcpy(addr.sun_path, path);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return false;
+    }
+    log.syslogFd = fd;
+    return true;
+}
+
+// Sends one datagram, reconnecting once (the syslog daemon may have been
+// restarted). False when the line could not be delivered.
+bool sendSyslog(Logger &log, const std::string &datagram)
+{
+    for (int attempt = 0; attempt < 2; attempt++) {
+        if (!connectSyslog(log)) {
+            return false;
+        }
+        if (send(log.syslogFd, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) {
+            return true;
+        }
+        close(log.syslogFd);
+        log.syslogFd = -1;
+    }
+    return false;
+}
+
+void vlog(LogLevel level, const char *format, va_list args)
+{
+    char body[1024];
+    std::vsnprintf(body, sizeof body, format, args);
+    logText(level, body);
+}
+
+} // namespace
+
+bool isJournalStream(const char *journalStream, int fd)
+{
+    if (journalStream == nullptr) {
+        return false;
+    }
+    unsigned long long device = 0, inode = 0;
+    if (std::sscanf(journalStream, "%llu:%llu", &device, &inode) != 2) {
+        return false;
+    }
+    struct stat st {};
+    return fstat(fd, &st) == 0 && st.st_dev == device && st.st_ino == inode;
+}
+
+LogSink chooseLogSink(bool syslog)
+{
+    if (syslog) {
+        return LogSink::kSyslog;
+    }
+    return isJournalStream(std::getenv("JOURNAL_STREAM"), STDERR_FILENO) ? LogSink::kStderrPlain
+                                                                         : LogSink::kStderrStamped;
+}
+
+void logOpen(LogSink sink, LogLevel threshold)
+{
+    Logger &log = logger();
+    std::lock_guard lock(log.mutex);
+    log.sink = sink;
+    log.threshold = threshold;
+}
 
 void logLine(const char *format, ...)
 {
-    char body[1024];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(body, sizeof body, format, args);
+    vlog(LogLevel::kNotice, format, args);
     va_end(args);
-    const std::string line = std::string("kelpagent: ") + body + "\n";
-    // A failed write to stderr has nowhere to be reported.
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+}
+
+void logAt(LogLevel level, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vlog(level, format, args);
+    va_end(args);
+}
+
+void logText(LogLevel level, std::string_view text)
+{
+    Logger &log = logger();
+    const auto now = std::chrono::system_clock::now();
+    std::lock_guard lock(log.mutex);
+    if (static_cast<int>(level) > static_cast<int>(log.threshold)) {
+        return;
+    }
+    switch (log.sink) {
+    case LogSink::kSyslog:
+        if (sendSyslog(log, syslogDatagram(level, now, getpid(), text))) {
+            return;
+        }
+        // No syslog daemon: the line still goes somewhere a user can see.
+        writeStderr(stampedLine(now, text));
+        return;
+    case LogSink::kStderrPlain:
+        writeStderr("kelpagent: " + std::string(text) + "\n");
+        return;
+    case LogSink::kStderrStamped:
+        writeStderr(stampedLine(now, text));
+        return;
+    }
+}
+
+std::string stampedLine(std::chrono::system_clock::time_point when, std::string_view body)
+{
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count() %
+        1000;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char stamp[40];
+    const size_t length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(stamp + length, sizeof stamp - length, ".%03d", static_cast<int>(millis));
+    return std::string(stamp) + " kelpagent: " + std::string(body) + "\n";
+}
+
+std::string syslogDatagram(LogLevel level, std::chrono::system_clock::time_point when, pid_t pid,
+                           std::string_view body)
+{
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char stamp[20];
+    // The C locale's month names, as syslog(3) and RFC 3164 have them.
+    static constexpr const char *kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    std::snprintf(stamp, sizeof stamp, "%s %2d %02d:%02d:%02d", kMonths[local.tm_mon % 12],
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    return "<" + std::to_string(kFacilityDaemon | static_cast<int>(level)) + ">" + stamp +
+           " kelpagent[" + std::to_string(pid) + "]: " + std::string(body);
+}
+
+LogRateLimit::LogRateLimit(Clock::duration interval, size_t maxKeys)
+    : interval_(interval), maxKeys_(maxKeys == 0 ? 1 : maxKeys)
+{
+}
+
+bool LogRateLimit::allow(const std::string &key, Clock::time_point now)
+{
+    const auto found = last_.find(key);
+    if (found != last_.end()) {
+        if (now - found->second < interval_) {
+            return false;
+        }
+        found->second = now;
+        return true;
+    }
+    if (last_.size() >= maxKeys_) {
+        std::erase_if(last_, [&](const auto &entry) { return now - entry.second >= interval_; });
+    }
+    if (last_.size() >= maxKeys_) {
+        auto oldest = last_.begin();
+        for (auto it = last_.begin(); it != last_.end(); ++it) {
+            if (it->second < oldest->second) {
+                oldest = it;
+            }
+        }
+        last_.erase(oldest);
+    }
+    last_.emplace(key, now);
+    return true;
 }
 
 } // namespace kelp::agent

@@ -1,12 +1,79 @@
-// The agent's own log lines: "kelpagent: ..." on stderr, whole lines, from
-// any thread. net-snmp's lines go to stderr as well (snmp_enable_stderrlog).
+// The agent's log: one whole line per event, from any thread, to one of
+// three places chosen at start. On a terminal or in a file each line starts
+// with the local time; under systemd (stderr is the journal's stream)
+// journald stamps lines itself; with --syslog lines go to the syslog socket.
+// net-snmp's own messages come here too (snmpagent.cc), so they share the
+// format and the place.
 #ifndef KELP_AGENT_LOG_H
 #define KELP_AGENT_LOG_H
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+
 namespace kelp::agent {
 
-// printf-style; a line feed is added.
+// syslog(3)'s severities, which every sink keeps.
+enum class LogLevel { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6, kDebug = 7 };
+
+enum class LogSink {
+    kStderrStamped, // "2026-11-23 13:45:01.123 kelpagent: text"
+    kStderrPlain,   // "kelpagent: text" (journald adds time and severity)
+    kSyslog,        // datagrams to the syslog socket, facility daemon
+};
+
+// True when JOURNAL_STREAM ("device:inode", set by systemd for a service's
+// stdout/stderr) names the file open on `fd`.
+bool isJournalStream(const char *journalStream, int fd);
+
+// The sink for `syslog`: kSyslog; otherwise kStderrPlain when stderr is the
+// journal's stream, else kStderrStamped.
+LogSink chooseLogSink(bool syslog);
+
+// From now on lines go to `sink`; kSyslog sends to `syslogSocket` (a Unix
+// datagram socket; /dev/log unless KELP_SYSLOG_SOCKET names another). Lines
+// below `threshold` are dropped. Before the first call: kStderrStamped,
+// threshold kInfo.
+void logOpen(LogSink sink, LogLevel threshold);
+
+// printf-style, at kNotice; the line feed is added.
 void logLine(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void logAt(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// One line of text (no line feed) at `level`.
+void logText(LogLevel level, std::string_view text);
+
+// The line kStderrStamped writes for `body` at `when` (local time), with
+// its line feed.
+std::string stampedLine(std::chrono::system_clock::time_point when, std::string_view body);
+
+// The datagram kSyslog sends: "<PRI>Mmm dd hh:mm:ss kelpagent[pid]: body",
+// PRI = facility daemon + level (RFC 3164, as syslog(3) writes it).
+std::string syslogDatagram(LogLevel level, std::chrono::system_clock::time_point when, pid_t pid,
+                           std::string_view body);
+
+// Lets an event through at most once per `interval` for each key (a source
+// address, for example). Holds at most `maxKeys` keys: when full, keys whose
+// interval has passed are forgotten first, and if none has, the oldest key
+// is, so a flood of new keys costs bounded memory. Not thread-safe.
+class LogRateLimit {
+  public:
+    using Clock = std::chrono::steady_clock;
+    LogRateLimit(Clock::duration interval, size_t maxKeys);
+
+    // True when `key` was not let through in the last interval before `now`;
+    // the key's interval then starts at `now`.
+    bool allow(const std::string &key, Clock::time_point now);
+
+  private:
+    Clock::duration interval_;
+    size_t maxKeys_;
+    std::map<std::string, Clock::time_point> last_;
+};
 
 } // namespace kelp::agent
 

@@ -1,0 +1,128 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+
+#include <gtest/gtest.h>
+
+namespace kelp::agent {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Log, AStampedLineStartsWithTheLocalTimeToTheMillisecond)
+{
+    const auto when = std::chrono::system_clock::from_time_t(1795000000) + 42ms;
+    const std::string line = stampedLine(when, "answering on udp:127.0.0.1:1161");
+    EXPECT_TRUE(std::regex_match(
+        line,
+        std::regex(
+            R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.042 kelpagent: answering on udp:127\.0\.0\.1:1161\n)")))
+        << line;
+}
+
+TEST(Log, ASyslogDatagramCarriesFacilityDaemonSeverityAndPid)
+{
+    const auto when = std::chrono::system_clock::from_time_t(1795000000);
+    const std::string warning = syslogDatagram(LogLevel::kWarning, when, 4242, "refused");
+    EXPECT_TRUE(std::regex_match(
+        warning,
+        std::regex(R"(<28>[A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d kelpagent\[4242\]: refused)")))
+        << warning;
+    EXPECT_EQ(syslogDatagram(LogLevel::kError, when, 1, "x").rfind("<27>", 0), 0u);
+    EXPECT_EQ(syslogDatagram(LogLevel::kNotice, when, 1, "x").rfind("<29>", 0), 0u);
+}
+
+TEST(Log, TheJournalStreamIsRecognisedOnlyForTheFileItNames)
+{
+    char path[] = "/tmp/kelp-log-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    struct stat st {};
+    ASSERT_EQ(fstat(fd, &st), 0);
+    const std::string mine = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+    const std::string other = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + 1);
+    EXPECT_TRUE(isJournalStream(mine.c_str(), fd));
+    EXPECT_FALSE(isJournalStream(other.c_str(), fd));
+    EXPECT_FALSE(isJournalStream(nullptr, fd));
+    EXPECT_FALSE(isJournalStream("", fd));
+    EXPECT_FALSE(isJournalStream("journal", fd));
+    close(fd);
+    unlink(path);
+}
+
+TEST(Log, TheSyslogSinkSendsOneDatagramPerLineToTheSocket)
+{
+    char dir[] = "/tmp/kelp-syslog-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/log";
+    const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(sock, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path.c_str());
+    ASSERT_EQ(bind(sock, reinterpret_cast<const sockaddr *>(&addr), sizeof addr), 0);
+    timeval timeout{2, 0};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+
+    setenv("KELP_SYSLOG_SOCKET", path.c_str(), 1);
+    logOpen(LogSink::kSyslog, LogLevel::kInfo);
+    logLine("serving the model %s", "sample.xml");
+    logAt(LogLevel::kDebug, "below the threshold");
+    logAt(LogLevel::kWarning, "refused");
+    char buffer[2048];
+    const ssize_t first = recv(sock, buffer, sizeof buffer, 0);
+    ASSERT_GT(first, 0);
+    const std::string notice(buffer, size_t(first));
+    EXPECT_EQ(notice.rfind("<29>", 0), 0u) << notice;
+    EXPECT_NE(
+        notice.find(" kelpagent[" + std::to_string(getpid()) + "]: serving the model sample.xml"),
+        std::string::npos)
+        << notice;
+    const ssize_t second = recv(sock, buffer, sizeof buffer, 0);
+    ASSERT_GT(second, 0);
+    const std::string warning(buffer, size_t(second));
+    EXPECT_EQ(warning.rfind("<28>", 0), 0u) << warning;
+    EXPECT_NE(warning.find("]: refused"), std::string::npos) << warning;
+
+    logOpen(LogSink::kStderrStamped, LogLevel::kInfo);
+    unsetenv("KELP_SYSLOG_SOCKET");
+    close(sock);
+    unlink(path.c_str());
+    rmdir(dir);
+}
+
+TEST(Log, ARateLimitLetsOneEventPerKeyThroughEachInterval)
+{
+    LogRateLimit limit(60s, 16);
+    const auto t0 = LogRateLimit::Clock::time_point{} + 1000s;
+    EXPECT_TRUE(limit.allow("127.0.0.1", t0));
+    EXPECT_FALSE(limit.allow("127.0.0.1", t0 + 1s));
+    EXPECT_FALSE(limit.allow("127.0.0.1", t0 + 59s));
+    EXPECT_TRUE(limit.allow("::1", t0 + 1s)) << "another source has its own interval";
+    EXPECT_TRUE(limit.allow("127.0.0.1", t0 + 60s));
+    EXPECT_FALSE(limit.allow("127.0.0.1", t0 + 61s));
+}
+
+TEST(Log, ARateLimitHoldsABoundedNumberOfKeys)
+{
+    LogRateLimit limit(60s, 4);
+    const auto t0 = LogRateLimit::Clock::time_point{} + 1000s;
+    for (int i = 0; i < 4; i++) {
+        EXPECT_TRUE(limit.allow("10.0.0." + std::to_string(i), t0 + std::chrono::seconds(i)));
+    }
+    // Full, nothing expired: the oldest key (10.0.0.0) makes room.
+    EXPECT_TRUE(limit.allow("10.0.0.9", t0 + 10s));
+    EXPECT_TRUE(limit.allow("10.0.0.0", t0 + 11s)) << "the oldest key was forgotten";
+    EXPECT_FALSE(limit.allow("10.0.0.3", t0 + 12s)) << "a younger key is still held";
+}
+
+} // namespace
+} // namespace kelp::agent
