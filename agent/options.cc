@@ -44,6 +44,26 @@ bool setWord(std::string *field, const std::string &value, const char *what, std
     return true;
 }
 
+// A text that becomes the rest of one net-snmp configuration line: any
+// characters but line ends and other controls, at most kMaxSystemText bytes
+// (the system group's limit).
+bool setText(std::string *field, const std::string &value, const char *what, std::string *error)
+{
+    if (value.empty() || value.size() > kMaxSystemText) {
+        *error = std::string(what) + " takes 1 to " + std::to_string(kMaxSystemText) +
+                 " bytes, not " + std::to_string(value.size());
+        return false;
+    }
+    for (const char c : value) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            *error = std::string(what) + " must not hold line ends or other control characters";
+            return false;
+        }
+    }
+    *field = value;
+    return true;
+}
+
 constexpr OptionRow kOptions[] = {
     {"model", Arg::kRequired, "FILE", "storage model the data store serves",
      [](Options &o, const std::string &v, std::string *e) {
@@ -55,6 +75,13 @@ constexpr OptionRow kOptions[] = {
      }},
     {"community", Arg::kRequired, "NAME", "the read-only community",
      [](Options &o, const std::string &v, std::string *e) {
+         // net-snmp keeps communities in 256-byte fields: a longer one would
+         // be accepted here and then never match a request.
+         if (v.size() > kMaxCommunity) {
+             *e = "--community takes at most " + std::to_string(kMaxCommunity) + " bytes, not " +
+                  std::to_string(v.size());
+             return false;
+         }
          return setWord(&o.community, v, "--community", e);
      }},
     {"agentx", Arg::kOptional, "SOCKET",
@@ -97,10 +124,24 @@ constexpr OptionRow kOptions[] = {
      [](Options &o, const std::string &v, std::string *e) {
          return setPath(&o.module, v, "--module", e);
      }},
+    {"sys-contact", Arg::kRequired, "TEXT", "sysContact (root@localhost)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setText(&o.sysContact, v, "--sys-contact", e);
+     }},
+    {"sys-name", Arg::kRequired, "TEXT", "sysName (this host's name)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setText(&o.sysName, v, "--sys-name", e);
+     }},
+    {"sys-location", Arg::kRequired, "TEXT", "sysLocation (unknown)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setText(&o.sysLocation, v, "--sys-location", e);
+     }},
+    {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
+     [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},
     {"debug", Arg::kNone, nullptr,
-     "debug printing of the plug-in into <state-dir>/debug.log (DebugSNMP=On while running)",
+     "debug printing of the plug-in into <state-dir>/debug.log (the ini file is not changed)",
      [](Options &o, const std::string &, std::string *) { return o.debug = true; }},
-    {"help", Arg::kNone, nullptr, "this text",
+    {"help", Arg::kNone, nullptr, "this text (also -h)",
      [](Options &o, const std::string &, std::string *) { return o.help = true; }},
     {"version", Arg::kNone, nullptr, "the version",
      [](Options &o, const std::string &, std::string *) { return o.version = true; }},
@@ -128,6 +169,9 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
 {
     for (int i = 1; i < argc; i++) {
         std::string_view word = argv[i];
+        if (word == "-h") {
+            word = "--help";
+        }
         if (!word.starts_with("--")) {
             *error = "unexpected argument \"" + std::string(word) + "\"";
             return false;

@@ -3,6 +3,7 @@
 #ifndef KELP_AGENT_OPTIONS_H
 #define KELP_AGENT_OPTIONS_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,13 @@ namespace kelp::agent {
 
 inline constexpr const char *kDefaultListen = "udp:127.0.0.1:1161";
 inline constexpr const char *kDefaultCommunity = "public";
+inline constexpr const char *kDefaultSysContact = "root@localhost";
+inline constexpr const char *kDefaultSysLocation = "unknown";
+// The longest community net-snmp matches (its fields hold 256 bytes with
+// the terminating zero).
+inline constexpr size_t kMaxCommunity = 255;
+// The longest sysContact, sysName or sysLocation net-snmp keeps.
+inline constexpr size_t kMaxSystemText = 255;
 
 struct Options {
     std::string model; // empty: the first sample model found (modelCandidates)
@@ -23,6 +31,10 @@ struct Options {
     std::string stateDir; // empty: $XDG_STATE_HOME/kelp or ~/.local/state/kelp
     std::string control;  // empty: <state-dir>/control.sock
     std::string module;   // empty: <bin>/../lib/libkelpimp64.so
+    std::string sysContact = kDefaultSysContact;
+    std::string sysName; // empty: this host's name
+    std::string sysLocation = kDefaultSysLocation;
+    bool syslog = false;
     bool debug = false;
     bool help = false;
     bool version = false;

@@ -43,6 +43,12 @@ TEST(Options, EveryOptionSetsItsField)
                        "--module",
                        "m.so",
                        "--debug",
+                       "--sys-contact",
+                       "Storage team <storage@example.net>",
+                       "--sys-name=array-7",
+                       "--sys-location",
+                       "Rack 4, row B",
+                       "--syslog",
                        "--agentx"},
                       &o, &error))
         << error;
@@ -56,6 +62,10 @@ TEST(Options, EveryOptionSetsItsField)
     EXPECT_EQ(o.control, "c.sock");
     EXPECT_EQ(o.module, "m.so");
     EXPECT_TRUE(o.debug);
+    EXPECT_EQ(o.sysContact, "Storage team <storage@example.net>");
+    EXPECT_EQ(o.sysName, "array-7");
+    EXPECT_EQ(o.sysLocation, "Rack 4, row B");
+    EXPECT_TRUE(o.syslog);
     EXPECT_TRUE(o.agentx);
     EXPECT_EQ(o.agentxSocket, "");
 }
@@ -153,6 +163,53 @@ TEST(Paths, StateDirFollowsXdgThenHomeAndIsMadePrivate)
     std::ofstream(dir + "/file") << "x";
     EXPECT_FALSE(makeStateDir(dir + "/file", &error));
     std::filesystem::remove_all(dir);
+}
+
+TEST(Options, DashHAsksForHelpLikeDashDashHelp)
+{
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"-h"}, &o, &error)) << error;
+    EXPECT_TRUE(o.help);
+    Options other;
+    EXPECT_FALSE(parse({"-x"}, &other, &error));
+}
+
+TEST(Options, ACommunityNetSnmpCannotMatchIsRefused)
+{
+    Options o;
+    std::string error;
+    const std::string longest(kMaxCommunity, 'c');
+    ASSERT_TRUE(parse({"--community", longest.c_str()}, &o, &error)) << error;
+    EXPECT_EQ(o.community, longest);
+    const std::string tooLong(kMaxCommunity + 1, 'c');
+    Options other;
+    EXPECT_FALSE(parse({"--community", tooLong.c_str()}, &other, &error));
+    EXPECT_EQ(error, "--community takes at most 255 bytes, not 256");
+}
+
+TEST(Options, SystemTextsRefuseLineEndsAndOverlongValues)
+{
+    std::string error;
+    for (const char *bad : {"two\nlines", "tab\there", ""}) {
+        Options o;
+        EXPECT_FALSE(parse({"--sys-location", bad}, &o, &error)) << bad;
+    }
+    const std::string longest(kMaxSystemText, 'x');
+    const std::string tooLong(kMaxSystemText + 1, 'x');
+    Options o;
+    EXPECT_TRUE(parse({"--sys-contact", longest.c_str()}, &o, &error)) << error;
+    EXPECT_FALSE(parse({"--sys-contact", tooLong.c_str()}, &o, &error));
+    EXPECT_NE(error.find("--sys-contact takes 1 to 255 bytes"), std::string::npos) << error;
+}
+
+TEST(Options, TheSystemGroupHasSensibleDefaults)
+{
+    Options o;
+    EXPECT_EQ(o.sysContact, "root@localhost");
+    EXPECT_EQ(o.sysLocation, "unknown");
+    EXPECT_EQ(o.sysName, "") << "empty: the host's name, filled in at start";
+    EXPECT_FALSE(o.syslog);
 }
 
 } // namespace
