@@ -2,6 +2,9 @@
 // shut-down in the order the plug-in expects; everything else lives in the
 // files named after what it does (options, runtimesetup, module, handler,
 // snmpagent, trap, trapsend).
+#include <sys/utsname.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +17,7 @@
 #include "paths.h"
 #include "runtimesetup.h"
 #include "snmpagent.h"
+#include "snmpconf.h"
 #include "trap.h"
 #include "trapsend.h"
 
@@ -31,8 +35,22 @@ constexpr std::chrono::seconds kTrapPatience{5};
 
 int fail(const std::string &message)
 {
-    logLine("%s", message.c_str());
+    logAt(LogLevel::kError, "%s", message.c_str());
     return 1;
+}
+
+// The system group's values: the options, the host's name for an empty
+// sysName, and a sysDescr naming kelp, its version and the kernel.
+SystemIdentity identityOf(const Options &options)
+{
+    utsname host{};
+    uname(&host);
+    SystemIdentity identity;
+    identity.descr = describeAgent(KELP_VERSION, host.nodename, host.release);
+    identity.contact = options.sysContact;
+    identity.name = options.sysName.empty() ? std::string(host.nodename) : options.sysName;
+    identity.location = options.sysLocation;
+    return identity;
 }
 
 int run(const Options &options)
@@ -51,6 +69,7 @@ int run(const Options &options)
     settings.trapSinks = options.trapSinks;
     settings.trapV1 = options.trapV1;
     settings.persistentDir = options.stateDir + "/snmp";
+    settings.identity = identityOf(options);
     SnmpAgent snmp;
     if (!snmp.init(settings, &error)) {
         return fail(error);
@@ -90,8 +109,9 @@ int run(const Options &options)
         logLine("answering on %s, community \"%s\" (read-only)", options.listen.c_str(),
                 options.community.c_str());
     }
+    snmp.sendColdStart();
 
-    snmp.run([&traps] { traps.pump(); });
+    snmp.run([&traps] { traps.pump(); }, [&runtime] { runtime.reload(); });
 
     stopAll();
     logLine("stopped");
@@ -121,9 +141,9 @@ int main(int argc, char **argv)
         std::printf("kelpagent %s\n", KELP_VERSION);
         return 0;
     }
+    logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo);
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
-        std::fprintf(stderr, "kelpagent: %s\n", error.c_str());
-        return 1;
+        return fail(error);
     }
     return run(options);
 }

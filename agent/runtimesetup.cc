@@ -3,7 +3,6 @@
 
 #include "kelp/runtime.h"
 #include "log.h"
-#include "queue.h"
 
 namespace kelp::agent {
 namespace {
@@ -11,14 +10,16 @@ namespace {
 constexpr const char *kIniSection = "general";
 constexpr const char *kDebugKey = "DebugSNMP";
 
-std::optional<std::string> iniValue(const char *section, const char *key)
+// Checks the ini file in force: false with a message naming it when it
+// cannot serve as the store (not a regular file, too large, unreadable).
+bool checkIni(std::string *error)
 {
-    char value[256];
-    uint32_t size = sizeof value;
-    if (SSGetPrivateIniValue(section, key, value, &size) != 0) {
-        return std::nullopt;
+    char message[1024];
+    if (kelpRuntimeCheckIni(message, sizeof message) != 0) {
+        *error = std::string("the ini file cannot be used: ") + message;
+        return false;
     }
-    return std::string(value);
+    return true;
 }
 
 } // namespace
@@ -30,15 +31,20 @@ RuntimeSetup::~RuntimeSetup()
 
 bool RuntimeSetup::apply(const Options &options, std::string *error)
 {
+    options_ = options;
     kelpRuntimeSetIniPath(options.ini.c_str());
+    if (!checkIni(error)) {
+        return false;
+    }
     // Always the state dir, so that debug lines switched on in the ini file
     // land there too rather than in the module's DebugPath.
     const std::string debugFile = options.stateDir + "/debug.log";
     kelpRuntimeSetDebugFile(debugFile.c_str());
     if (options.debug) {
-        previousDebug_ = iniValue(kIniSection, kDebugKey);
-        if (SSSetPrivateIniValue(kIniSection, kDebugKey, "On") != 0) {
-            *error = "cannot set DebugSNMP=On in " + options.ini;
+        // The store answers On for the run without writing the file, so a
+        // crash leaves the user's file as it was.
+        if (kelpRuntimeSetIniOverride(kIniSection, kDebugKey, "On") != 0) {
+            *error = "cannot switch debug printing on";
             return false;
         }
         debugSet_ = true;
@@ -52,7 +58,10 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
     logLine("serving the model %s", options.model.c_str());
     if (kelpRuntimeStartControl(options.control.c_str(), message, sizeof message) != 0) {
-        *error = std::string("the control socket does not start: ") + message;
+        // Most often a second agent with the same state dir.
+        *error = std::string("the control socket does not start: ") + message +
+                 " (is another kelpagent using this state dir? give each agent its own "
+                 "--state-dir, or --control)";
         return false;
     }
     controlStarted_ = true;
@@ -67,12 +76,30 @@ void RuntimeSetup::release()
         controlStarted_ = false;
     }
     if (debugSet_) {
-        // The store has no removal: a key that was absent becomes Off,
-        // which reads the same.
-        SSSetPrivateIniValue(kIniSection, kDebugKey,
-                             previousDebug_ ? previousDebug_->c_str() : "Off");
+        kelpRuntimeSetIniOverride(kIniSection, kDebugKey, nullptr);
         debugSet_ = false;
     }
+}
+
+void RuntimeSetup::reload()
+{
+    // The store reads the ini file at every look-up, so checking it is
+    // re-reading it: the plug-in sees its values from the next look-up on.
+    std::string error;
+    if (checkIni(&error)) {
+        logLine("SIGHUP: re-read the ini file %s", options_.ini.c_str());
+    } else {
+        logAt(LogLevel::kError, "SIGHUP: %s", error.c_str());
+    }
+    char message[1024];
+    if (kelpRuntimeLoadModel(options_.model.c_str(), message, sizeof message) != 0) {
+        logAt(LogLevel::kError,
+              "SIGHUP: the model does not load: %s; still serving the one "
+              "loaded before",
+              message);
+        return;
+    }
+    logLine("SIGHUP: re-read the model %s", options_.model.c_str());
 }
 
 } // namespace kelp::agent

@@ -1,10 +1,9 @@
 // The runtime's configuration for one run of the agent, set through
 // kelp/runtime.h before the plug-in is loaded: ini store, debug file and
-// printing, the storage model, the control socket.
+// printing, the storage model, the control socket; and their reload.
 #ifndef KELP_AGENT_RUNTIMESETUP_H
 #define KELP_AGENT_RUNTIMESETUP_H
 
-#include <optional>
 #include <string>
 
 #include "options.h"
@@ -19,19 +18,26 @@ class RuntimeSetup {
     RuntimeSetup(const RuntimeSetup &) = delete;
     RuntimeSetup &operator=(const RuntimeSetup &) = delete;
 
-    // Points the runtime at options.ini and <state-dir>/debug.log, sets
-    // DebugSNMP=On for the run when options.debug, loads and validates
-    // options.model, starts the control socket. False with a message (a
-    // model error names the file and line) on the first failure.
+    // Points the runtime at options.ini (which must be usable: a regular
+    // file within the size limit, or none) and <state-dir>/debug.log, makes
+    // the ini store answer DebugSNMP=On for the run when options.debug
+    // (without writing the file), loads and validates options.model, starts
+    // the control socket. False with a message (naming the file, and the
+    // line for a model error) on the first failure.
     bool apply(const Options &options, std::string *error);
+
+    // On SIGHUP: checks the ini file again and loads the model file again,
+    // logging what it did. A model that does not validate is logged and the
+    // one served stays.
+    void reload();
 
     // Undoes apply(); the destructor calls it.
     void release();
 
   private:
+    Options options_;
     bool controlStarted_ = false;
     bool debugSet_ = false;
-    std::optional<std::string> previousDebug_; // DebugSNMP before the run; nullopt: absent
 };
 
 } // namespace kelp::agent

@@ -8,15 +8,26 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <net-snmp/library/snmpIPv4BaseDomain.h>
+#include <net-snmp/library/snmpIPv6BaseDomain.h>
+
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <csignal>
+#include <string_view>
 #include <vector>
 
 #include "log.h"
 #include "paths.h"
+#include "refusals.h"
+#include "snmpconf.h"
+#include "stdgroups.h"
 
 namespace kelp::agent {
 namespace {
@@ -30,6 +41,7 @@ constexpr int kAgentxPingSeconds = 5;
 std::atomic<int> g_wakeRead{-1};
 std::atomic<int> g_wakeWrite{-1};
 volatile std::sig_atomic_t g_stopRequested = 0;
+volatile std::sig_atomic_t g_reloadRequested = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
 
 void writeWakeByte()
@@ -42,9 +54,13 @@ void writeWakeByte()
     }
 }
 
-void onSignal(int)
+void onSignal(int sig)
 {
-    g_stopRequested = 1;
+    if (sig == SIGHUP) {
+        g_reloadRequested = 1;
+    } else {
+        g_stopRequested = 1;
+    }
     writeWakeByte();
 }
 
@@ -64,6 +80,86 @@ void remember(const std::string &line)
     netsnmp_config_remember(text.data());
 }
 
+void rememberAll(const std::vector<std::string> &lines)
+{
+    for (const std::string &line : lines) {
+        remember(line);
+    }
+}
+
+// The first address of a --listen list (net-snmp's transport syntax,
+// comma-separated) that names no address this host could resolve, or "" when
+// all do. Tells a typing error from a port in use, which init_master_agent
+// reports alike. A name without a domain is UDP, as net-snmp takes it.
+std::string invalidListenAddress(const std::string &list)
+{
+    static constexpr std::string_view kIpv4Domains[] = {"udp", "tcp"};
+    static constexpr std::string_view kIpv6Domains[] = {"udp6",  "tcp6",    "udpv6",
+                                                        "tcpv6", "udpipv6", "tcpipv6"};
+    size_t start = 0;
+    while (start <= list.size()) {
+        const size_t comma = std::min(list.find(',', start), list.size());
+        const std::string address = list.substr(start, comma - start);
+        start = comma + 1;
+        const size_t colon = address.find(':');
+        std::string domain = colon == std::string::npos ? "" : address.substr(0, colon);
+        for (char &c : domain) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        const std::string rest = colon == std::string::npos ? "" : address.substr(colon + 1);
+        bool valid;
+        if (std::find(std::begin(kIpv6Domains), std::end(kIpv6Domains), domain) !=
+            std::end(kIpv6Domains)) {
+            sockaddr_in6 ipv6{};
+            valid = netsnmp_sockaddr_in6_2(&ipv6, rest.c_str(), nullptr) != 0;
+        } else if (domain == "unix") {
+            valid = !rest.empty();
+        } else {
+            const bool named = std::find(std::begin(kIpv4Domains), std::end(kIpv4Domains),
+                                         domain) != std::end(kIpv4Domains);
+            sockaddr_in ipv4{};
+            valid =
+                netsnmp_sockaddr_in2(&ipv4, named ? rest.c_str() : address.c_str(), nullptr) != 0;
+        }
+        if (!valid) {
+            return address;
+        }
+    }
+    return "";
+}
+
+// net-snmp's severities in the agent's log. Its notices and information
+// (start-up chatter such as "Turning on AgentX master support.") are shown
+// only with --debug, so the default log holds what a user acts on.
+LogLevel levelOf(int priority)
+{
+    if (priority <= LOG_ERR) {
+        return LogLevel::kError;
+    }
+    return priority == LOG_WARNING ? LogLevel::kWarning : LogLevel::kDebug;
+}
+
+// net-snmp logs a line in one or more pieces; the agent logs whole lines.
+// Only the agent's thread runs net-snmp.
+std::string g_pendingLog;
+
+int onNetsnmpLog(int, int, void *serverArg, void *)
+{
+    const auto *message = static_cast<const snmp_log_message *>(serverArg);
+    if (message == nullptr || message->msg == nullptr) {
+        return SNMPERR_SUCCESS;
+    }
+    g_pendingLog += message->msg;
+    size_t end;
+    while ((end = g_pendingLog.find('\n')) != std::string::npos) {
+        if (end > 0) {
+            logText(levelOf(message->priority), std::string_view(g_pendingLog).substr(0, end));
+        }
+        g_pendingLog.erase(0, end + 1);
+    }
+    return SNMPERR_SUCCESS;
+}
+
 } // namespace
 
 SnmpAgent::~SnmpAgent()
@@ -74,7 +170,9 @@ SnmpAgent::~SnmpAgent()
 bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
 {
     settings_ = settings;
-    snmp_enable_stderrlog();
+    snmp_disable_log();
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, onNetsnmpLog, nullptr);
+    snmp_enable_calllog();
     if (!makeStateDir(settings.persistentDir, error)) {
         return false;
     }
@@ -130,23 +228,36 @@ bool SnmpAgent::open(std::string *error)
     // of this host would only cost time and warnings.
     remember("mibs :");
     if (!settings_.subagent) {
-        // Write access in net-snmp's access control only lets a Set through
-        // to the handler, which refuses every Set as notWritable; read-only
-        // access would answer noAccess instead. The access covers the served
-        // subtree alone, so no other object of the agent becomes writable.
-        remember("rwcommunity " + settings_.community + " default .1.3.6.1.4.1.61234.20571.1.20");
+        initStandardGroups();
+        rememberAll(accessLines(settings_.community));
+        rememberAll(systemLines(settings_.identity));
     }
-    for (const std::string &sink : settings_.trapSinks) {
-        remember((settings_.trapV1 ? "trapsink " : "trap2sink ") + sink + " " +
-                 settings_.community);
-    }
+    rememberAll(trapSinkLines(settings_.trapSinks, settings_.trapV1, settings_.community));
     init_snmp(kAppName);
-    if (!settings_.subagent && init_master_agent() != 0) {
+    if (settings_.subagent) {
+        return true;
+    }
+    if (std::string invalid = invalidListenAddress(settings_.listen); !invalid.empty()) {
+        *error =
+            "cannot listen on " + settings_.listen + ": \"" + invalid + "\" is not a valid address";
+        return false;
+    }
+    if (init_master_agent() != 0) {
         *error = "cannot listen on " + settings_.listen +
                  " (the port is in use, or the address is not this host's)";
         return false;
     }
+    logRefusedCommunities();
     return true;
+}
+
+void SnmpAgent::sendColdStart()
+{
+    if (!settings_.subagent && !settings_.trapSinks.empty()) {
+        send_easy_trap(SNMP_TRAP_COLDSTART, 0);
+        logLine("coldStart sent to %zu trap sink%s", settings_.trapSinks.size(),
+                settings_.trapSinks.size() == 1 ? "" : "s");
+    }
 }
 
 void SnmpAgent::catchStopSignals()
@@ -156,23 +267,29 @@ void SnmpAgent::catchStopSignals()
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
     // A closed AgentX or control connection is an error return, not a
     // reason to die.
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-void SnmpAgent::run(const std::function<void()> &onWake)
+void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload)
 {
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
         agent_check_and_process(1);
         onWake();
+        if (g_reloadRequested != 0 && g_stopRequested == 0) {
+            g_reloadRequested = 0;
+            onReload();
+        }
     }
     logLine("stopping on a signal");
 
     // A second signal while stopping ends the process the default way.
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGHUP, SIG_IGN);
     unregister_readfd(g_wakeRead);
 }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "snmpconf.h"
+
 namespace kelp::agent {
 
 struct AgentSettings {
@@ -19,6 +21,7 @@ struct AgentSettings {
     std::vector<std::string> trapSinks;
     bool trapV1 = false;
     std::string persistentDir; // created 0700 when missing
+    SystemIdentity identity;   // master: the system group's values
 };
 
 class SnmpAgent {
@@ -33,19 +36,26 @@ class SnmpAgent {
     // before registering anything. False with a message on failure.
     bool init(const AgentSettings &settings, std::string *error);
 
-    // After the registrations: init_snmp, the community and the trap sinks,
-    // and for a master the listening address. False with a message when the
-    // address cannot be bound (in use, or not this host's).
+    // After the registrations: init_snmp, the trap sinks, and for a master
+    // the standard groups, the community's access from IPv4 and IPv6
+    // sources, the listening addresses and the log of refused communities.
+    // False with a message when an address is not valid or cannot be bound
+    // (in use, or not this host's).
     bool open(std::string *error);
 
-    // Catches SIGINT and SIGTERM from now on (and ignores SIGPIPE), so that
-    // a stop request during start-up ends run() at once instead of the
-    // process. Call first thing, before any thread is started.
+    // A master with trap sinks sends coldStart to each (a subagent's master
+    // announces its own start).
+    void sendColdStart();
+
+    // Catches SIGINT, SIGTERM and SIGHUP from now on (and ignores SIGPIPE),
+    // so that a stop request during start-up ends run() at once instead of
+    // the process. Call first thing, before any thread is started.
     static void catchStopSignals();
 
     // Runs the agent until SIGINT or SIGTERM (also one caught before);
-    // `onWake` runs on this thread after every wake().
-    void run(const std::function<void()> &onWake);
+    // `onWake` runs on this thread after every wake(), `onReload` after a
+    // SIGHUP (several SIGHUPs before it runs count once).
+    void run(const std::function<void()> &onWake, const std::function<void()> &onReload);
 
     // Any thread: makes run() call its onWake soon.
     static void wake();

@@ -45,7 +45,7 @@ extern "C" uint32_t kelpAgentSendTrap(uint64_t handle, const SMSnmpOID *enterpri
     Trap trap;
     std::string why;
     if (!copyTrap(enterprise, generic, specific, bindingCount, bindings, &trap, &why)) {
-        logLine("trap from the module not sent: %s", why.c_str());
+        logAt(LogLevel::kWarning, "trap from the module not sent: %s", why.c_str());
         return SM_SNMP_GENERR;
     }
     return queue->submit(std::move(trap));

@@ -119,5 +119,24 @@ TEST_F(AgentX, RequestsThroughTheMasterReachThePlugin)
     EXPECT_EQ(bulk.out, walk.out);
 }
 
+TEST_F(AgentX, TheStandardGroupsStayTheMasters)
+{
+    startSubagent();
+    const std::string name = std::string(kRoot) + ".3.0";
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const RunResult get = viaMaster("snmpget", {name});
+            return get.status == 0 && get.out.find("No Such Object") == std::string::npos;
+        },
+        20s))
+        << kelp->err();
+    // sysDescr.0, sysObjectID.0: snmpd's own, not the embedded agent's.
+    const RunResult system = viaMaster("snmpget", {"1.3.6.1.2.1.1.1.0", "1.3.6.1.2.1.1.2.0"});
+    EXPECT_EQ(system.status, 0) << system.err;
+    EXPECT_EQ(system.out.find("kelp"), std::string::npos) << system.out;
+    EXPECT_EQ(system.out.find("61234"), std::string::npos) << system.out;
+    EXPECT_EQ(kelp->err().find("coldStart"), std::string::npos) << kelp->err();
+}
+
 } // namespace
 } // namespace kelp::test

@@ -63,7 +63,7 @@ TEST_F(AgentSnmp, SetIsRefusedAsNotWritable)
 TEST_F(AgentSnmp, NamesOutsideTheTreeAreNoSuchObjectAndMissingOnesNoSuchInstance)
 {
     const RunResult get =
-        agent.snmp("snmpget", {"1.3.6.1.4.1.61234.20571.1.21.0", "1.3.6.1.2.1.1.1.0", name("7.0"),
+        agent.snmp("snmpget", {"1.3.6.1.4.1.61234.20571.1.21.0", "1.3.6.1.2.1.2.1.0", name("7.0"),
                                name("200.1.0")});
     EXPECT_EQ(get.status, 0) << get.err;
     std::istringstream lines(get.out);
@@ -76,7 +76,7 @@ TEST_F(AgentSnmp, NamesOutsideTheTreeAreNoSuchObjectAndMissingOnesNoSuchInstance
     EXPECT_EQ(answers[0], ".1.3.6.1.4.1.61234.20571.1.21.0 = No Such Object available on this "
                           "agent at this OID");
     EXPECT_EQ(answers[1],
-              ".1.3.6.1.2.1.1.1.0 = No Such Object available on this agent at this OID");
+              ".1.3.6.1.2.1.2.1.0 = No Such Object available on this agent at this OID");
     EXPECT_EQ(answers[2], "." + name("7.0") + " = No Such Instance currently exists at this OID");
     EXPECT_EQ(answers[3],
               "." + name("200.1.0") + " = No Such Instance currently exists at this OID");
@@ -104,20 +104,28 @@ TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
         const RunResult next = agent.snmp("snmpgetnext", {from});
         EXPECT_EQ(next.status, 0) << next.err;
         EXPECT_EQ(next.err, "");
-        EXPECT_EQ(next.out.rfind(".1.3.6.1.4.1.61234.20571.1.", 0), 0u) << next.out;
+        // A name in the tree, or past it the agent's next group.
+        EXPECT_TRUE(next.out.starts_with(".1.3.6.1.4.1.61234.20571.1.") ||
+                    next.out.starts_with(".1.3.6.1.6.3.10.2.1.1.0 = "))
+            << next.out;
     }
     // One arc more is refused by the manager before anything is sent.
     const RunResult tooLong = agent.snmp("snmpget", {absent + ".1"});
     EXPECT_NE(tooLong.status, 0);
 }
 
-TEST_F(AgentSnmp, GetNextAtTheEndOfTheTreeIsEndOfMibView)
+TEST_F(AgentSnmp, GetNextPastTheTreeGoesOnToTheAgentsLastGroupThenEndOfMibView)
 {
+    // After the storage tree the agent serves snmpEngine, its last group.
     const RunResult next = agent.snmp("snmpgetnext", {"1.3.6.1.4.1.61234.20571.1.21"});
     EXPECT_EQ(next.status, 0) << next.err;
-    EXPECT_NE(next.out.find("No more variables left in this MIB View"), std::string::npos)
-        << next.out;
-    const RunResult v1 = agent.snmp("snmpgetnext", {"1.3.6.1.4.1.61234.20571.1.21"}, "1");
+    EXPECT_EQ(next.out.rfind(".1.3.6.1.6.3.10.2.1.1.0 = Hex-STRING: ", 0), 0u) << next.out;
+    const std::string last = "1.3.6.1.6.3.10.2.1.4.0";
+    const RunResult end = agent.snmp("snmpgetnext", {last});
+    EXPECT_EQ(end.status, 0) << end.err;
+    EXPECT_NE(end.out.find("No more variables left in this MIB View"), std::string::npos)
+        << end.out;
+    const RunResult v1 = agent.snmp("snmpgetnext", {last}, "1");
     EXPECT_EQ(v1.status, 2);
     EXPECT_NE(v1.err.find("noSuchName"), std::string::npos) << v1.err;
 }

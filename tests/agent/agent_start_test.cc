@@ -132,23 +132,5 @@ TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
     EXPECT_EQ(again.wait(15s), 0) << again.err();
 }
 
-TEST(AgentStart, DebugPrintsIntoTheStateDirAndPutsTheIniBack)
-{
-    AgentUnderTest agent;
-    std::filesystem::create_directories(agent.stateDir());
-    writeFile(agent.stateDir() + "/kelp.ini", "[general]\nDebugSNMP=Off\nSNMPRefreshMinutes=5\n");
-    std::string why;
-    ASSERT_TRUE(agent.start(sourcePath("data/models/test/minimal.xml"), {"--debug"}, &why)) << why;
-    EXPECT_NE(readFile(agent.stateDir() + "/kelp.ini").find("DebugSNMP=On"), std::string::npos);
-    agent.snmp("snmpget", {std::string(kRoot) + ".3.0"});
-    EXPECT_EQ(agent.stop(), 0) << agent.process()->err();
-    const std::string debug = readFile(agent.stateDir() + "/debug.log");
-    EXPECT_NE(debug.find("MIBImplementerLoad: entry"), std::string::npos) << debug.substr(0, 500);
-    EXPECT_NE(debug.find("MIBImplementerGet: entry"), std::string::npos);
-    const std::string ini = readFile(agent.stateDir() + "/kelp.ini");
-    EXPECT_NE(ini.find("DebugSNMP=Off"), std::string::npos) << ini;
-    EXPECT_NE(ini.find("SNMPRefreshMinutes=5"), std::string::npos) << ini;
-}
-
 } // namespace
 } // namespace kelp::test

@@ -216,11 +216,31 @@ std::string sourcePath(const std::string &relative)
 RunResult snmp(const TempDir &dir, const std::string &tool, const std::string &version,
                const std::string &community, int port, const std::vector<std::string> &args)
 {
-    std::vector<std::string> argv{tool,      "-v",  version, "-c",
-                                  community, "-On", "-Oe",   "-t",
-                                  "2",       "-r",  "1",     "127.0.0.1:" + std::to_string(port)};
+    return snmpAt(dir, tool, version, community, "127.0.0.1:" + std::to_string(port), args);
+}
+
+RunResult snmpAt(const TempDir &dir, const std::string &tool, const std::string &version,
+                 const std::string &community, const std::string &target,
+                 const std::vector<std::string> &args)
+{
+    std::vector<std::string> argv{tool,  "-v", version, "-c", community, "-On",
+                                  "-Oe", "-t", "2",     "-r", "1",       target};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, snmpEnv(dir), dir, 30s);
+}
+
+bool haveIpv6Loopback()
+{
+    const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_addr = in6addr_loopback;
+    const bool bound = bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
+    close(fd);
+    return bound;
 }
 
 AgentUnderTest::~AgentUnderTest()
@@ -231,24 +251,20 @@ AgentUnderTest::~AgentUnderTest()
 }
 
 bool AgentUnderTest::start(const std::string &model, const std::vector<std::string> &extra,
-                           std::string *why)
+                           std::string *why, const std::vector<std::string> &env)
 {
     // A free port can be taken by another test between the look-up and the
     // agent's bind: then try another one.
     for (int attempt = 0; attempt < 3; attempt++) {
         port_ = freeUdpPort();
-        std::vector<std::string> argv{kelpagentPath(),
-                                      "--state-dir",
-                                      stateDir(),
-                                      "--listen",
-                                      "udp:127.0.0.1:" + std::to_string(port_),
-                                      "--model",
-                                      model,
-                                      "--module",
-                                      modulePath()};
+        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(),
+                                      "--listen",      listen(port_), "--model",
+                                      model,           "--module",    modulePath()};
         argv.insert(argv.end(), extra.begin(), extra.end());
+        std::vector<std::string> environment = agentEnv();
+        environment.insert(environment.end(), env.begin(), env.end());
         process_ =
-            std::make_unique<Process>(argv, agentEnv(), dir_ / "agent.out", dir_ / "agent.err");
+            std::make_unique<Process>(argv, environment, dir_ / "agent.out", dir_ / "agent.err");
         const bool up = waitFor(
             [&] {
                 return !process_->running() ||
@@ -266,7 +282,8 @@ bool AgentUnderTest::start(const std::string &model, const std::vector<std::stri
     // Until the plug-in has built its tables every Get answers genErr.
     const bool built = waitFor(
         [&] {
-            const RunResult get = snmp("snmpget", {std::string(kRoot) + ".3.0"});
+            const RunResult get =
+                snmp("snmpget", {std::string(kRoot) + ".3.0"}, "2c", startCommunity);
             return get.err.find("genError") == std::string::npos &&
                    get.err.find("Timeout") == std::string::npos;
         },
@@ -287,7 +304,9 @@ int AgentUnderTest::stop(int sig)
 RunResult AgentUnderTest::snmp(const std::string &tool, const std::vector<std::string> &args,
                                const std::string &version, const std::string &community)
 {
-    return kelp::test::snmp(dir_, tool, version, community, port_, args);
+    // The first address the agent listens on.
+    const std::string addresses = listen(port_);
+    return snmpAt(dir_, tool, version, community, addresses.substr(0, addresses.find(',')), args);
 }
 
 bool AgentUnderTest::moduleAnswersValues()

@@ -99,17 +99,36 @@ std::string sourcePath(const std::string &relative);
 RunResult snmp(const TempDir &dir, const std::string &tool, const std::string &version,
                const std::string &community, int port, const std::vector<std::string> &args);
 
+// The same against any agent address (net-snmp's transport syntax, for
+// example "udp6:[::1]:1161").
+RunResult snmpAt(const TempDir &dir, const std::string &tool, const std::string &version,
+                 const std::string &community, const std::string &target,
+                 const std::vector<std::string> &args);
+
+// True when this machine has the IPv6 loopback address (a UDP socket binds
+// to [::1]).
+bool haveIpv6Loopback();
+
 // A kelpagent on a free loopback port with its state dir in a temp dir.
 class AgentUnderTest {
   public:
     AgentUnderTest() = default;
     ~AgentUnderTest();
 
-    // Starts kelpagent --state-dir <dir>/state --listen udp:127.0.0.1:<port>
-    // --model <model> --module <module> plus `extra`, and waits until it
-    // logs that it answers and its first Get is no longer genErr (tables
-    // built). False with the reason in *why.
-    bool start(const std::string &model, const std::vector<std::string> &extra, std::string *why);
+    // Starts kelpagent --state-dir <dir>/state --listen <listen(port)>
+    // --model <model> --module <module> plus `extra`, with the environment
+    // plus `env`, and waits until it logs that it answers and its first Get
+    // is no longer genErr (tables built). False with the reason in *why.
+    bool start(const std::string &model, const std::vector<std::string> &extra, std::string *why,
+               const std::vector<std::string> &env = {});
+
+    // The --listen value for a port; udp:127.0.0.1:<port> unless set
+    // before start().
+    std::function<std::string(int port)> listen = [](int port) {
+        return "udp:127.0.0.1:" + std::to_string(port);
+    };
+    // The community start() asks with (give the agent --community too).
+    std::string startCommunity = "public";
     // SIGTERM; the exit status, or -1 when it did not stop within 15 s.
     int stop(int sig = 15);
 
@@ -118,6 +137,7 @@ class AgentUnderTest {
     std::string stateDir() const { return dir_ / "state"; }
     Process *process() { return process_.get(); }
 
+    // A tool against the first address of listen(port()).
     RunResult snmp(const std::string &tool, const std::vector<std::string> &args,
                    const std::string &version = "2c", const std::string &community = "public");
 

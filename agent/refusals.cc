@@ -1,0 +1,104 @@
+// A callback after net-snmp's access control: it sees the verdict on every
+// request before the request is dropped.
+#include "refusals.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/agent/agent_callbacks.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "kelp/runtime.h"
+#include "log.h"
+
+namespace kelp::agent {
+namespace {
+
+constexpr auto kInterval = std::chrono::minutes(1);
+// Sources remembered at once; more (a spoofed flood) forget the oldest.
+constexpr size_t kMaxSources = 1024;
+// The longest part of a refused community put into the log.
+constexpr size_t kMaxShownCommunity = 64;
+
+// The source's address without its port (a manager uses a new port for
+// each request), from the transport data net-snmp keeps with the request:
+// for UDP over IPv4 and IPv6 it starts with the sender's socket address.
+std::string sourceOf(const netsnmp_pdu *pdu)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    const auto *address = static_cast<const sockaddr *>(pdu->transport_data);
+    const size_t length = pdu->transport_data_length > 0 ? size_t(pdu->transport_data_length) : 0;
+    if (address != nullptr && length >= sizeof(sockaddr_in) && address->sa_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text,
+                  sizeof text);
+    } else if (address != nullptr && length >= sizeof(sockaddr_in6) &&
+               address->sa_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
+                  sizeof text);
+    }
+    return text[0] != '\0' ? text : "an unknown source";
+}
+
+// The community as printable text: other bytes as \xNN, cut after
+// kMaxShownCommunity bytes.
+std::string shownCommunity(const netsnmp_pdu *pdu)
+{
+    std::string shown;
+    const size_t length = std::min(pdu->community_len, kMaxShownCommunity);
+    for (size_t i = 0; i < length; i++) {
+        const unsigned char c = pdu->community[i];
+        if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
+            shown += static_cast<char>(c);
+        } else {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            shown += escaped;
+        }
+    }
+    return pdu->community_len > length ? shown + "..." : shown;
+}
+
+int onAccessChecked(int, int, void *serverArg, void *)
+{
+    const auto *check = static_cast<const view_parameters *>(serverArg);
+    const netsnmp_pdu *pdu = check != nullptr ? check->pdu : nullptr;
+    if (pdu == nullptr || check->errorcode != VACM_NOSECNAME ||
+        (pdu->version != SNMP_VERSION_1 && pdu->version != SNMP_VERSION_2c)) {
+        return SNMPERR_SUCCESS;
+    }
+    const std::string source = sourceOf(pdu);
+    // Only the agent's thread runs access checks.
+    static LogRateLimit limit(
+        std::chrono::duration_cast<LogRateLimit::Clock::duration>(
+            std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
+        kMaxSources);
+    if (limit.allow(source, LogRateLimit::Clock::now())) {
+        logAt(LogLevel::kWarning,
+              "refused a request from %s: community \"%s\" is not this agent's (logged once a "
+              "minute per source)",
+              source.c_str(), shownCommunity(pdu).c_str());
+    }
+    return SNMPERR_SUCCESS;
+}
+
+} // namespace
+
+void logRefusedCommunities()
+{
+    // After every other check, so that errorcode holds the verdict.
+    netsnmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_ACM_CHECK_INITIAL,
+                              onAccessChecked, nullptr, NETSNMP_CALLBACK_LOWEST_PRIORITY);
+}
+
+} // namespace kelp::agent

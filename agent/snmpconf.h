@@ -1,0 +1,44 @@
+// The configuration lines kelpagent hands net-snmp in place of the files it
+// does not read: access for the community (IPv4 and IPv6 sources alike),
+// the system group's values and the trap sinks. Plain text, so that what
+// the agent configures can be tested without net-snmp.
+#ifndef KELP_AGENT_SNMPCONF_H
+#define KELP_AGENT_SNMPCONF_H
+
+#include <string>
+#include <vector>
+
+namespace kelp::agent {
+
+// The object identifier kelpagent answers as sysObjectID and lists in
+// sysORTable for the storage MIB: the MIB's root under the enterprise.
+inline constexpr const char *kAgentObjectId = ".1.3.6.1.4.1.61234.20571.1.20";
+
+// Read access to everything the agent serves for `community` from any IPv4
+// or IPv6 source, v1 and v2c. Write access covers the storage subtree alone:
+// it only lets a Set through to the handler, which refuses it as
+// notWritable (read-only access would answer noAccess instead).
+std::vector<std::string> accessLines(const std::string &community);
+
+struct SystemIdentity {
+    std::string descr;    // sysDescr
+    std::string contact;  // sysContact
+    std::string name;     // sysName
+    std::string location; // sysLocation
+};
+
+// sysDescr, sysObjectID (kAgentObjectId), sysContact, sysName, sysLocation,
+// sysServices.
+std::vector<std::string> systemLines(const SystemIdentity &identity);
+
+// One trapsink (v1) or trap2sink (v2c) line per sink, with the community.
+std::vector<std::string> trapSinkLines(const std::vector<std::string> &sinks, bool v1,
+                                       const std::string &community);
+
+// "kelp VERSION storage-management SNMP agent on HOST (Linux RELEASE)".
+std::string describeAgent(const std::string &version, const std::string &host,
+                          const std::string &release);
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_SNMPCONF_H

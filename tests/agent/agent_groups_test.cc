@@ -1,0 +1,361 @@
+// What every SNMP agent answers and does, checked over the wire on an
+// embedded kelpagent: the system group, sysORTable, the snmp group's
+// counters, snmpEngine, coldStart to each trap sink; and its log: stamped
+// lines, the journal's format, syslog, and refused communities.
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "testkit.h"
+
+namespace kelp::test {
+namespace {
+
+const std::string kVendor = std::string(kRoot) + ".3.0";
+
+std::string minimalModel()
+{
+    return sourcePath("data/models/test/minimal.xml");
+}
+
+std::string hostName()
+{
+    char name[256] = "";
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+// The number after "Counter32: " in one snmpget answer; -1 when absent.
+long counterOf(const RunResult &get)
+{
+    const size_t at = get.out.find("Counter32: ");
+    return at == std::string::npos ? -1 : std::stol(get.out.substr(at + 11));
+}
+
+// One Get with the community "wrong", which the agent refuses: sent once
+// (no retry), so each call is one refused packet.
+void refusedGet(AgentUnderTest &agent, const std::string &version)
+{
+    run({"snmpget", "-v", version, "-c", "wrong", "-On", "-t", "0.5", "-r", "0",
+         "127.0.0.1:" + std::to_string(agent.port()), kVendor},
+        snmpEnv(agent.dir()), agent.dir());
+}
+
+size_t count(const std::string &text, const std::string &needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        n++;
+    }
+    return n;
+}
+
+TEST(AgentGroups, TheSystemGroupNamesKelpAndTheStorageEnterprise)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult version = run({kelpagentPath(), "--version"}, {}, agent.dir());
+    const std::string kelpVersion = version.out.substr(10, version.out.find('\n') - 10);
+    ASSERT_FALSE(kelpVersion.empty()) << version.out;
+
+    const RunResult get =
+        agent.snmp("snmpget", {"1.3.6.1.2.1.1.1.0", "1.3.6.1.2.1.1.2.0", "1.3.6.1.2.1.1.3.0",
+                               "1.3.6.1.2.1.1.4.0", "1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0"});
+    EXPECT_EQ(get.status, 0) << get.err;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.1.0 = STRING: \"kelp " + kelpVersion), std::string::npos)
+        << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.2.0 = OID: .1.3.6.1.4.1.61234.20571.1.20\n"),
+              std::string::npos)
+        << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.3.0 = Timeticks: "), std::string::npos) << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.4.0 = STRING: \"root@localhost\""), std::string::npos)
+        << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.5.0 = STRING: \"" + hostName() + "\""),
+              std::string::npos)
+        << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.2.1.1.6.0 = STRING: \"unknown\""), std::string::npos)
+        << get.out;
+}
+
+TEST(AgentGroups, SysContactNameAndLocationComeFromTheOptions)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(),
+                            {"--sys-contact", "Storage team <storage@example.net>", "--sys-name",
+                             "array-7", "--sys-location", "Rack 4, row B"},
+                            &why))
+        << why;
+    const RunResult get =
+        agent.snmp("snmpget", {"1.3.6.1.2.1.1.4.0", "1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0"});
+    EXPECT_NE(get.out.find("STRING: \"Storage team <storage@example.net>\""), std::string::npos)
+        << get.out;
+    EXPECT_NE(get.out.find("STRING: \"array-7\""), std::string::npos) << get.out;
+    EXPECT_NE(get.out.find("STRING: \"Rack 4, row B\""), std::string::npos) << get.out;
+    // Read-only like everything else the agent serves.
+    const RunResult set = agent.snmp("snmpset", {"1.3.6.1.2.1.1.6.0", "s", "elsewhere"});
+    EXPECT_NE(set.status, 0) << set.out;
+    EXPECT_NE(agent.snmp("snmpget", {"1.3.6.1.2.1.1.6.0"}).out.find("\"Rack 4, row B\""),
+              std::string::npos);
+}
+
+TEST(AgentGroups, SysORTableListsTheStorageMib)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult walk = agent.snmp("snmpwalk", {"1.3.6.1.2.1.1.9.1.2"});
+    EXPECT_EQ(walk.status, 0) << walk.err;
+    EXPECT_NE(walk.out.find("= OID: .1.3.6.1.4.1.61234.20571.1.20\n"), std::string::npos)
+        << walk.out;
+    const RunResult descr = agent.snmp("snmpwalk", {"1.3.6.1.2.1.1.9.1.3"});
+    EXPECT_NE(descr.out.find("storage-management MIB"), std::string::npos) << descr.out;
+}
+
+TEST(AgentGroups, TheSnmpGroupCountsPacketsAndBadCommunities)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const long inPackets = counterOf(agent.snmp("snmpget", {"1.3.6.1.2.1.11.1.0"}));
+    EXPECT_GT(inPackets, 0);
+    const long badBefore = counterOf(agent.snmp("snmpget", {"1.3.6.1.2.1.11.4.0"}));
+    ASSERT_GE(badBefore, 0);
+    refusedGet(agent, "2c");
+    EXPECT_EQ(counterOf(agent.snmp("snmpget", {"1.3.6.1.2.1.11.4.0"})), badBefore + 1);
+    EXPECT_GT(counterOf(agent.snmp("snmpget", {"1.3.6.1.2.1.11.1.0"})), inPackets);
+}
+
+TEST(AgentGroups, SnmpEngineIsAnswered)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult get =
+        agent.snmp("snmpget", {"1.3.6.1.6.3.10.2.1.1.0", "1.3.6.1.6.3.10.2.1.2.0",
+                               "1.3.6.1.6.3.10.2.1.3.0", "1.3.6.1.6.3.10.2.1.4.0"});
+    EXPECT_EQ(get.status, 0) << get.err;
+    EXPECT_NE(get.out.find(".1.3.6.1.6.3.10.2.1.1.0 = Hex-STRING: "), std::string::npos) << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.6.3.10.2.1.2.0 = INTEGER: "), std::string::npos) << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.6.3.10.2.1.3.0 = INTEGER: "), std::string::npos) << get.out;
+    EXPECT_NE(get.out.find(".1.3.6.1.6.3.10.2.1.4.0 = INTEGER: "), std::string::npos) << get.out;
+}
+
+TEST(AgentGroups, AWalkOfTheWholeAgentRunsFromTheSystemGroupToTheStorageMib)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult walk = agent.snmp("snmpwalk", {".1"});
+    EXPECT_EQ(walk.status, 0) << walk.err;
+    const size_t system = walk.out.find(".1.3.6.1.2.1.1.1.0 = ");
+    const size_t snmp = walk.out.find(".1.3.6.1.2.1.11.1.0 = ");
+    const size_t engine = walk.out.find(".1.3.6.1.6.3.10.2.1.1.0 = ");
+    const size_t storage = walk.out.find("." + std::string(kRoot) + ".1.0 = ");
+    ASSERT_NE(system, std::string::npos) << walk.out.substr(0, 2000);
+    ASSERT_NE(snmp, std::string::npos);
+    ASSERT_NE(engine, std::string::npos);
+    ASSERT_NE(storage, std::string::npos);
+    EXPECT_LT(system, snmp);
+    EXPECT_LT(snmp, storage);
+    EXPECT_LT(storage, engine);
+    EXPECT_NE(walk.out.find(".1.3.6.1.6.3.10.2.1.4.0 = No more variables left in this MIB View"),
+              std::string::npos)
+        << walk.out.substr(walk.out.size() - 300);
+}
+
+// A snmptrapd on a free loopback port writing one line per trap.
+class TrapReceiver {
+  public:
+    explicit TrapReceiver(const TempDir &dir) : dir_(dir), port_(freeUdpPort())
+    {
+        writeFile(dir / "snmptrapd.conf", "disableAuthorization yes\n");
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{"snmptrapd", "-f", "-Lf", dir / "traps.log", "-On", "-C", "-c",
+                                     dir / "snmptrapd.conf", "-F", "v=%s gen=%w spec=%q vbs=%v\n",
+                                     "udp:127.0.0.1:" + std::to_string(port_)},
+            snmpEnv(dir), dir / "trapd.out", dir / "trapd.err");
+        ready_ = waitFor([&] { return log().find("NET-SNMP version") != std::string::npos; }, 20s);
+    }
+    ~TrapReceiver()
+    {
+        process_->signal(SIGTERM);
+        process_->wait(15s);
+    }
+    bool ready() const { return ready_; }
+    std::string sink() const { return "udp:127.0.0.1:" + std::to_string(port_); }
+    std::string log() const { return readFile(dir_ / "traps.log"); }
+
+  private:
+    const TempDir &dir_;
+    int port_;
+    bool ready_ = false;
+    std::unique_ptr<Process> process_;
+};
+
+TEST(AgentGroups, ColdStartGoesToEveryTrapSinkAsV2cNotification)
+{
+    TempDir sinks;
+    TrapReceiver first(sinks);
+    TempDir otherSinks;
+    TrapReceiver second(otherSinks);
+    ASSERT_TRUE(first.ready() && second.ready());
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(),
+                            {"--trap-sink", first.sink(), "--trap-sink", second.sink()}, &why))
+        << why;
+    for (const TrapReceiver *receiver : {&first, &second}) {
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return receiver->log().find(".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.1") !=
+                       std::string::npos;
+            },
+            10s))
+            << receiver->log();
+        EXPECT_NE(receiver->log().find("v=1 "), std::string::npos) << receiver->log();
+    }
+    EXPECT_NE(agent.process()->err().find("coldStart sent to 2 trap sinks"), std::string::npos);
+}
+
+TEST(AgentGroups, ColdStartGoesAsAnSnmpV1TrapWithTrapVersion1)
+{
+    TempDir sinks;
+    TrapReceiver receiver(sinks);
+    ASSERT_TRUE(receiver.ready());
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(
+        agent.start(minimalModel(), {"--trap-sink", receiver.sink(), "--trap-version", "1"}, &why))
+        << why;
+    EXPECT_TRUE(
+        waitFor([&] { return receiver.log().find("v=0 gen=0 ") != std::string::npos; }, 10s))
+        << receiver.log();
+}
+
+TEST(AgentGroups, EveryLogLineStartsWithTheTime)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    EXPECT_EQ(agent.stop(), 0);
+    std::istringstream lines(agent.process()->err());
+    const std::regex stamped(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} kelpagent: .*)");
+    size_t seen = 0;
+    for (std::string line; std::getline(lines, line); seen++) {
+        EXPECT_TRUE(std::regex_match(line, stamped)) << line;
+    }
+    EXPECT_GT(seen, 3u);
+}
+
+TEST(AgentGroups, UnderSystemdJournaldStampsTheLines)
+{
+    AgentUnderTest agent;
+    // The stream systemd would hand over: JOURNAL_STREAM names stderr's file.
+    const std::string err = agent.dir() / "agent.err";
+    writeFile(err, "");
+    struct stat st {};
+    ASSERT_EQ(stat(err.c_str(), &st), 0);
+    std::string why;
+    ASSERT_TRUE(agent.start(
+        minimalModel(), {}, &why,
+        {"JOURNAL_STREAM=" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)}))
+        << why;
+    EXPECT_EQ(agent.stop(), 0);
+    std::istringstream lines(agent.process()->err());
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(line.rfind("kelpagent: ", 0), 0u) << line;
+    }
+}
+
+TEST(AgentGroups, NetSnmpsStartUpChatterStaysOutOfTheDefaultLog)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult walk = agent.snmp("snmpwalk", {kRoot});
+    EXPECT_EQ(agent.stop(), 0);
+    const std::string log = agent.process()->err();
+    // What the agent says, and nothing of net-snmp's information lines.
+    EXPECT_NE(log.find("kelpagent: answering on"), std::string::npos) << log;
+    EXPECT_EQ(log.find("NET-SNMP"), std::string::npos) << log;
+    EXPECT_EQ(log.find("Turning on"), std::string::npos) << log;
+}
+
+TEST(AgentGroups, SyslogGetsTheLinesInsteadOfStderr)
+{
+    TempDir dir;
+    const std::string path = dir / "log";
+    const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(sock, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    ASSERT_EQ(bind(sock, reinterpret_cast<const sockaddr *>(&addr), sizeof addr), 0);
+    timeval timeout{1, 0};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+
+    std::vector<std::string> env = agentEnv();
+    env.push_back("KELP_SYSLOG_SOCKET=" + path);
+    Process agent({kelpagentPath(), "--syslog", "--state-dir", dir / "state", "--listen",
+                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model", minimalModel(),
+                   "--module", modulePath()},
+                  env, dir / "out", dir / "err");
+    std::string received;
+    const bool answering = waitFor(
+        [&] {
+            char buffer[2048];
+            const ssize_t n = recv(sock, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n > 0) {
+                received += std::string(buffer, size_t(n)) + "\n";
+            }
+            return received.find("answering on") != std::string::npos || !agent.running();
+        },
+        20s);
+    EXPECT_TRUE(answering && agent.running()) << received << agent.err();
+    EXPECT_TRUE(std::regex_search(
+        received, std::regex("<29>[A-Z][a-z]{2} [ 123][0-9] [0-9:]{8} kelpagent\\[" +
+                             std::to_string(agent.pid()) + "\\]: answering on")))
+        << received;
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait(15s), 0);
+    EXPECT_EQ(agent.err().find("answering on"), std::string::npos) << agent.err();
+    close(sock);
+}
+
+TEST(AgentGroups, ARefusedCommunityIsLoggedOnceAMinutePerSource)
+{
+    AgentUnderTest agent;
+    std::string why;
+    // Twenty times faster: a minute lasts 3 s.
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why, {"KELP_TIME_SCALE=20"})) << why;
+    const std::string line =
+        "refused a request from 127.0.0.1: community \"wrong\" is not this agent's";
+    const auto first = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; i++) {
+        refusedGet(agent, "2c");
+    }
+    ASSERT_LT(std::chrono::steady_clock::now() - first, 3s) << "the test needs a faster machine";
+    EXPECT_EQ(count(agent.process()->err(), line), 1u) << agent.process()->err();
+    std::this_thread::sleep_until(first + 3100ms);
+    refusedGet(agent, "1");
+    EXPECT_TRUE(waitFor([&] { return count(agent.process()->err(), line) == 2; }, 5s))
+        << agent.process()->err();
+    // The right community is not logged.
+    agent.snmp("snmpget", {kVendor});
+    EXPECT_EQ(agent.process()->err().find("refused a request from 127.0.0.1: community \"public\""),
+              std::string::npos);
+}
+
+} // namespace
+} // namespace kelp::test
