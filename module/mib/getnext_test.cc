@@ -119,6 +119,17 @@ TEST_F(GetNextTest, ColumnsAreWalkedRowByRow)
     EXPECT_EQ(last->text(), "Ctrl 1");
 }
 
+// Column 69 fails without "AttributesMask" (99, result 2) and column 70
+// without "CtrlPICapable": the walk goes on with the same record, which must
+// still carry the caller's buffer for the text of column 71.
+TEST_F(GetNextTest, AFailedNumberCandidateLeavesTheBufferForTheNextTextCell)
+{
+    build(
+        object(1, "adapters", 0, {{"Nexus", "0"}, {"Name", "Ctrl 0"}, {"PersonalityState", "1"}}));
+    EXPECT_EQ(next({130, 1, 1, 69, 0}), std::make_pair(0, std::string("130.1.1.71.1")));
+    EXPECT_EQ(last->text(), "RAID");
+}
+
 TEST_F(GetNextTest, AnEntryArcAboveOneEndsTheWalk)
 {
     build(controllers(1));

@@ -77,7 +77,7 @@ int32_t topLevelVirtualDiskCount(const Cell &cell, const ColumnRow &)
             }
         }
     }
-    answerNumber(cell, count);
+    answerNumberWithoutBuffer(cell, count);
     return SM_SNMP_NOERROR;
 }
 
@@ -118,7 +118,7 @@ int32_t clusterCapability(const Cell &cell, const ColumnRow &)
     }
     // The protocol is read into the binding, so a SAS controller whose
     // cluster mode says nothing answers its protocol.
-    answerNumber(cell, protocol);
+    answerNumberWithoutBuffer(cell, protocol);
     LocalText mask;
     if (protocol != kBusSas) {
         mask.read(cell, kAttributesMask);
@@ -361,6 +361,11 @@ int32_t spinDownTime(const Cell &cell, const ColumnRow &row)
     mask.read(cell, kDimmerPropertyMask);
     uint32_t minutes = 0;
     const int32_t status = readNumber(cell, row.attribute, &minutes);
+    // The time is read into the binding, which a successful integer read
+    // leaves without a buffer, whatever is answered then.
+    if (status == SM_SNMP_NOERROR) {
+        cell.reply->buffer = nullptr;
+    }
     if (!mask.isSet(0) || allSpinDownDisabled(mask)) {
         VscilDebugPrint("getCtrl:Spindown time interval is not valid\n");
         answerNumber(cell, kNotValid);
@@ -393,8 +398,11 @@ int32_t spinUpInterval(const Cell &cell, const ColumnRow &row)
     LocalText mask;
     mask.read(cell, kDimmerPropertyMask);
     // A failed read leaves 0 hours, which is not a valid interval either.
+    // The interval is read into the binding, as column 62's time is.
     uint32_t hours = 0;
-    readNumber(cell, row.attribute, &hours);
+    if (readNumber(cell, row.attribute, &hours) == SM_SNMP_NOERROR) {
+        cell.reply->buffer = nullptr;
+    }
     if (!mask.isSet(0)) {
         VscilDebugPrint("getCtrl:DisableLDPSInterval is not valid2\n");
         hours = kNotValid;

@@ -45,7 +45,7 @@ TEST_F(CtrlTest, PatrolReadModeComesFromPositions30And31)
         EXPECT_EQ(a.result, 0);
         EXPECT_EQ(a.type, kInt);
         EXPECT_EQ(a.value, kUntouched);
-        EXPECT_TRUE(a.nullBuffer);
+        EXPECT_FALSE(a.nullBuffer) << "the mask is read into a buffer of the call's own";
     }
 }
 

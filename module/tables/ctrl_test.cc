@@ -362,4 +362,32 @@ TEST_F(CtrlTest, TheSampleModelAnswersWhatItsControllersHold)
     }
 }
 
+// ---- The reply's buffer pointer ----------------------------------------------
+// Only column 1, column 12 and integer reads into the reply (as the value
+// extraction does them) leave the reply without its buffer; every other
+// number is answered with the caller's buffer still in place.
+
+TEST_F(CtrlTest, OnlyReadsIntoTheReplyAndTheNamedColumnsDropTheBuffer)
+{
+    serveController({{"Name", "Vorn RX-240"},
+                     {"RebuildRate", "30"},
+                     {"ObjState", "8"},
+                     {"BusProtocol", "8"},
+                     {"AttributesMask", mask({1, 5, 8})},
+                     {"CurrentMethodMask", mask({28})},
+                     {"DimmerPropertyMask", mask({0, 22, 26})},
+                     {"SpinDownTime", "30"},
+                     {"DisableLDPSInterval", "4"},
+                     {"PersonalityState", "1"}});
+    const std::pair<uint32_t, bool> columns[] = {
+        {1, true},   {7, true},   {5, true},   {4, true},   {12, true},  {43, true},  {62, true},
+        {68, true},  {11, false}, {40, false}, {57, false}, {58, false}, {59, false}, {60, false},
+        {63, false}, {64, false}, {69, false}, {72, false}, {73, false}};
+    for (const auto &[column, dropped] : columns) {
+        const Answer a = get(column);
+        EXPECT_EQ(a.type, kInt) << "column " << column;
+        EXPECT_EQ(a.nullBuffer, dropped) << "column " << column;
+    }
+}
+
 } // namespace

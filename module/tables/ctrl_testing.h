@@ -103,7 +103,6 @@ class CtrlTest : public ModelTest {
         EXPECT_EQ(a.result, result) << "column " << column;
         EXPECT_EQ(a.type, kInt) << "column " << column;
         EXPECT_EQ(a.value, expected) << "column " << column;
-        EXPECT_TRUE(a.nullBuffer) << "column " << column;
     }
 
     void expectText(uint32_t column, const std::string &expected, int32_t result = 0)

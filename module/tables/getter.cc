@@ -167,13 +167,17 @@ void answerNumber(const Cell &cell, uint32_t number)
 {
     cell.reply->type = SM_ASN_INTEGER;
     cell.reply->value = number;
+}
+
+void answerNumberWithoutBuffer(const Cell &cell, uint32_t number)
+{
+    answerNumber(cell, number);
     cell.reply->buffer = nullptr;
 }
 
 void answerUnset(const Cell &cell)
 {
     cell.reply->type = SM_ASN_INTEGER;
-    cell.reply->buffer = nullptr;
 }
 
 int32_t answerText(const Cell &cell, std::string_view text)
@@ -194,7 +198,7 @@ int32_t readColumn(const Cell &cell, const ColumnRow &row)
 {
     switch (row.kind) {
     case ColumnKind::kRowIndex:
-        answerNumber(cell, cell.rowIndex);
+        answerNumberWithoutBuffer(cell, cell.rowIndex);
         return SM_SNMP_NOERROR;
     case ColumnKind::kConstText:
         return answerText(cell, row.extra.text);
@@ -225,6 +229,12 @@ int32_t readColumn(const Cell &cell, const ColumnRow &row)
         const int32_t status = integerRow(cell, row, &number, &written);
         if (status != SM_SNMP_NOERROR) {
             return failedRead(cell, row, status);
+        }
+        // A mask is read into a buffer of the call's own; every other kind
+        // reads its number as the value extraction does, which leaves the
+        // reply without a buffer.
+        if (row.kind != ColumnKind::kMaskChar) {
+            cell.reply->buffer = nullptr;
         }
         if (written) {
             answerNumber(cell, number);

@@ -200,11 +200,18 @@ class LocalText {
 
 // ---- Answers ---------------------------------------------------------------
 
-// Type 2, `number`, null buffer pointer.
+// Type 2 and `number`. The reply's buffer pointer stays as it is: a GetNext
+// resolves each candidate cell with one record as request and reply, and a
+// text cell after a failed candidate still needs the caller's buffer.
 void answerNumber(const Cell &cell, uint32_t number);
 
-// An integer cell whose number the rule leaves unwritten: type 2 and a null
-// buffer pointer, the value field as it was.
+// Type 2, `number` and a null buffer pointer: what an integer read into the
+// reply leaves (the value extraction nulls the pointer after a successful
+// integer read), and what the columns answer that null it explicitly.
+void answerNumberWithoutBuffer(const Cell &cell, uint32_t number);
+
+// An integer cell whose number the rule leaves unwritten: type 2, the value
+// field and the buffer pointer as they were.
 void answerUnset(const Cell &cell);
 
 // Type 4: `text` and a NUL into the reply buffer, its length. 0, or 2 without
