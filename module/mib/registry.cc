@@ -6,7 +6,8 @@
 #include <array>
 
 #include "store/tablelist.h"
-#include "tables/getter.h"
+#include "tables/columns.h"
+#include "tables/getters.h"
 
 constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
     {130, 1, &ctrlList, getCtrl},

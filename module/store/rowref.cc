@@ -21,6 +21,7 @@ int32_t parseRowIndex(uint32_t position, const SMSnmpValue *request, ObjList *li
         return SM_SNMP_NOSUCHNAME;
     }
     out->objId = node->objId;
+    out->subObjId = node->subObjId;
     return SM_SNMP_NOERROR;
 }
 

@@ -11,6 +11,7 @@ struct RowRef {
     uint32_t rowIndex;
     uint32_t column;
     uint32_t objId;
+    uint32_t subObjId; // the node's partner object (0 in tables of one object a row)
 };
 
 extern "C" {

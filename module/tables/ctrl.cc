@@ -2,7 +2,8 @@
 // column reader, and the columns with rules of their own: the disk counts,
 // the PCI slot, cluster capability, the capability masks, the spin-down
 // settings and preserved cache.
-#include "tables/getter.h"
+#include "tables/columns.h"
+#include "tables/getters.h"
 
 #include <array>
 #include <cstring>
@@ -31,7 +32,7 @@ constexpr ValueMap kBusProtocol{kBusProtocolPairs, true, 0};
 
 // ---- Counts of associated objects ---------------------------------------
 
-int32_t arrayDiskCount(const Cell &cell, const ColumnRow &)
+int32_t arrayDiskCount(const Cell &cell, const ColumnSpec &)
 {
     uint32_t status = 0;
     StoreText answer(GetAssociatedPhyDevCount(&status, "arraydisks", cell.objId));
@@ -57,7 +58,7 @@ int32_t arrayDiskCount(const Cell &cell, const ColumnRow &)
 // The spans of a spanned virtual disk are virtual disks of the controller
 // too, but they carry their parent's id and are not counted. A disk the
 // store cannot return shows no parent either, and counts.
-int32_t topLevelVirtualDiskCount(const Cell &cell, const ColumnRow &)
+int32_t topLevelVirtualDiskCount(const Cell &cell, const ColumnSpec &)
 {
     uint32_t status = 0;
     StoreText answer(GetAssociated(&status, "vdisks", cell.objId));
@@ -83,10 +84,10 @@ int32_t topLevelVirtualDiskCount(const Cell &cell, const ColumnRow &)
 
 // ---- Columns read from the controller's own attributes --------------------
 
-int32_t currentMethod(const Cell &cell, const ColumnRow &row)
+int32_t currentMethod(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     if (status != SM_SNMP_NOERROR) {
         return status;
     }
@@ -94,13 +95,13 @@ int32_t currentMethod(const Cell &cell, const ColumnRow &row)
     return SM_SNMP_NOERROR;
 }
 
-int32_t pciSlot(const Cell &cell, const ColumnRow &row)
+int32_t pciSlot(const Cell &cell, const ColumnSpec &column)
 {
     uint32_t protocol = 0;
     if (readNumber(cell, "BusProtocol", &protocol) == SM_SNMP_NOERROR && protocol == kBusPcie) {
         return answerText(cell, "NotApplicable");
     }
-    const int32_t status = readText(cell, row.attribute);
+    const int32_t status = readText(cell, column.attribute);
     // Slot 0 is the controller on the system board; "00" is a real slot name.
     if (status == SM_SNMP_NOERROR &&
         std::strcmp(static_cast<char *>(cell.reply->buffer), "0") == 0) {
@@ -109,7 +110,7 @@ int32_t pciSlot(const Cell &cell, const ColumnRow &row)
     return status;
 }
 
-int32_t clusterCapability(const Cell &cell, const ColumnRow &)
+int32_t clusterCapability(const Cell &cell, const ColumnSpec &)
 {
     uint32_t protocol = 0;
     const int32_t status = readNumber(cell, "BusProtocol", &protocol);
@@ -137,10 +138,10 @@ int32_t clusterCapability(const Cell &cell, const ColumnRow &)
     return SM_SNMP_NOERROR;
 }
 
-int32_t patrolReadMode(const Cell &cell, const ColumnRow &row)
+int32_t patrolReadMode(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     if (status != SM_SNMP_NOERROR) {
         return status;
     }
@@ -158,10 +159,10 @@ int32_t patrolReadMode(const Cell &cell, const ColumnRow &row)
     return SM_SNMP_NOERROR;
 }
 
-int32_t personality(const Cell &cell, const ColumnRow &row)
+int32_t personality(const Cell &cell, const ColumnSpec &column)
 {
     uint32_t state = 0;
-    const int32_t status = readNumber(cell, row.attribute, &state);
+    const int32_t status = readNumber(cell, column.attribute, &state);
     if (status != SM_SNMP_NOERROR) {
         return status;
     }
@@ -169,11 +170,15 @@ int32_t personality(const Cell &cell, const ColumnRow &row)
 }
 
 // ---- Capabilities: a failed read ends the column before its closing line --
+// The closing line of columns 57 and 58 prints the number answered; a
+// failed read answers none (the value stays unset), so there is nothing for
+// it to print and the column returns at once. The spin rule, by contrast,
+// answers 99 on every path and ends every path with its closing line.
 
-int32_t sedCapable(const Cell &cell, const ColumnRow &row)
+int32_t sedCapable(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     if (status != SM_SNMP_NOERROR) {
         return status;
     }
@@ -187,11 +192,11 @@ int32_t sedCapable(const Cell &cell, const ColumnRow &row)
     return SM_SNMP_NOERROR;
 }
 
-int32_t sedLockKeyPresent(const Cell &cell, const ColumnRow &row)
+int32_t sedLockKeyPresent(const Cell &cell, const ColumnSpec &column)
 {
     VscilDebugPrint("getCtrl: Retrieving CTRL_SED_LOCKKEY_PRESENT\n");
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     if (status != SM_SNMP_NOERROR) {
         return status;
     }
@@ -210,11 +215,11 @@ int32_t sedLockKeyPresent(const Cell &cell, const ColumnRow &row)
     return SM_SNMP_NOERROR;
 }
 
-int32_t persistentHotSlot(const Cell &cell, const ColumnRow &row)
+int32_t persistentHotSlot(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
     uint32_t slot = kNotApplicable;
-    if (mask.read(cell, row.attribute) != SM_SNMP_NOERROR) {
+    if (mask.read(cell, column.attribute) != SM_SNMP_NOERROR) {
         // No property mask: the setting does not apply.
     } else if (!mask.isSet(0)) {
         VscilDebugPrint("getCtrl: Persistent HotSlot Not applicable\n");
@@ -231,11 +236,11 @@ int32_t persistentHotSlot(const Cell &cell, const ColumnRow &row)
     return SM_SNMP_NOERROR;
 }
 
-int32_t enhancedCache(const Cell &cell, const ColumnRow &row)
+int32_t enhancedCache(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
     uint32_t enhanced = kNotApplicable;
-    if (mask.read(cell, row.attribute) == SM_SNMP_NOERROR) {
+    if (mask.read(cell, column.attribute) == SM_SNMP_NOERROR) {
         enhanced = 0;
         if (mask.isSet(1)) {
             VscilDebugPrint("getCtrl: controller is EC capable\n");
@@ -249,23 +254,27 @@ int32_t enhancedCache(const Cell &cell, const ColumnRow &row)
 
 // Software-RAID controllers have no cache to preserve; they are known by
 // their model in the name. The first model is listed twice, as the model
-// list has always had it, and the log shows every comparison made.
+// list has always had it. The name is tested against every model, each
+// test logged, and the verdict taken after the last: a match does not cut
+// the list short, so the log always shows all four comparisons.
 constexpr std::array<const char *, 4> kSoftwareRaidModels = {"Q330", "Q310", "q330", "Q330"};
 
 bool isSoftwareRaid(const char *name)
 {
+    bool found = false;
     for (const char *model : kSoftwareRaidModels) {
         VscilDebugPrint("getCtrl: checking haystack = %s needle = %s", name, model);
         if (std::strstr(name, model) != nullptr) {
             VscilDebugPrint("getCtrl: position not NULL");
-            return true;
+            found = true;
+        } else {
+            VscilDebugPrint("getCtrl: position is NULL");
         }
-        VscilDebugPrint("getCtrl: position is NULL");
     }
-    return false;
+    return found;
 }
 
-int32_t preservedCache(const Cell &cell, const ColumnRow &row)
+int32_t preservedCache(const Cell &cell, const ColumnSpec &column)
 {
     LocalText name;
     const int32_t named = name.read(cell, "Name");
@@ -281,7 +290,7 @@ int32_t preservedCache(const Cell &cell, const ColumnRow &row)
     }
     VscilDebugPrint("getCtrl: might be a ZARC or PCIeSSD virtual controller checking..  \n");
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     if (status != SM_SNMP_NOERROR) {
         answerNumber(cell, kNotApplicable);
         VscilDebugPrint("getCtrl: controller some error\n");
@@ -320,11 +329,11 @@ constexpr SpinRule kConfiguredIdleC{20, 21, "Configured Drives idlec Spin",
 // The spin-down setting of one kind of drive: 1 enabled, 0 disabled, 99 when
 // the firmware lacks the feature or the mask says neither. A failed read
 // leaves no characters and answers as firmware without the feature.
-template <const SpinRule &rule> int32_t spinSetting(const Cell &cell, const ColumnRow &row)
+template <const SpinRule &rule> int32_t spinSetting(const Cell &cell, const ColumnSpec &column)
 {
     VscilDebugPrint("getCtrl: Retrieving %s\n", rule.tag);
     LocalText mask;
-    const int32_t status = mask.read(cell, row.attribute);
+    const int32_t status = mask.read(cell, column.attribute);
     uint32_t setting = kNotApplicable;
     if (!mask.isSet(0)) {
         VscilDebugPrint("getCtrl: %s capablity is not supported by controller firmware\n",
@@ -355,12 +364,12 @@ bool allSpinDownDisabled(const LocalText &mask)
 }
 
 // The time columns mean something only while some spin-down can happen.
-int32_t spinDownTime(const Cell &cell, const ColumnRow &row)
+int32_t spinDownTime(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
     mask.read(cell, kDimmerPropertyMask);
     uint32_t minutes = 0;
-    const int32_t status = readNumber(cell, row.attribute, &minutes);
+    const int32_t status = readNumber(cell, column.attribute, &minutes);
     // The time is read into the binding, which a successful integer read
     // leaves without a buffer, whatever is answered then.
     if (status == SM_SNMP_NOERROR) {
@@ -377,13 +386,13 @@ int32_t spinDownTime(const Cell &cell, const ColumnRow &row)
     return status;
 }
 
-int32_t spinUpTime(const Cell &cell, const ColumnRow &row)
+int32_t spinUpTime(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
     const int32_t status = mask.read(cell, kDimmerPropertyMask);
     const char timed = mask.at(22);
     if (mask.isSet(0) && timed == '1') {
-        return readText(cell, row.attribute);
+        return readText(cell, column.attribute);
     }
     if (!mask.isSet(0) || timed == '0') {
         VscilDebugPrint("getCtrl:DisableLDPSTime is not valid\n");
@@ -393,14 +402,14 @@ int32_t spinUpTime(const Cell &cell, const ColumnRow &row)
     return status;
 }
 
-int32_t spinUpInterval(const Cell &cell, const ColumnRow &row)
+int32_t spinUpInterval(const Cell &cell, const ColumnSpec &column)
 {
     LocalText mask;
     mask.read(cell, kDimmerPropertyMask);
     // A failed read leaves 0 hours, which is not a valid interval either.
     // The interval is read into the binding, as column 62's time is.
     uint32_t hours = 0;
-    if (readNumber(cell, row.attribute, &hours) == SM_SNMP_NOERROR) {
+    if (readNumber(cell, column.attribute, &hours) == SM_SNMP_NOERROR) {
         cell.reply->buffer = nullptr;
     }
     if (!mask.isSet(0)) {
@@ -419,7 +428,7 @@ int32_t spinUpInterval(const Cell &cell, const ColumnRow &row)
 // ---- The table ---------------------------------------------------------------
 // Columns 6, 13, 14 and 17 to 36 are not served.
 
-constexpr ColumnRow kCtrlColumns[] = {
+constexpr ColumnSpec kCtrlColumns[] = {
     {1, nullptr, kRowIndex},
     {2, "Name", kText},
     {3, nullptr, kConstText, {.text = "VORN"}},
@@ -427,9 +436,9 @@ constexpr ColumnRow kCtrlColumns[] = {
     {5, "ObjState", kLowestBit},
     {7, "RebuildRate", kInteger},
     {8, "FirmwareVer", kText},
-    {9, "CacheSize", kShiftRight, {.number = 0}}, // the low 32 bits
+    {9, "CacheSize", kLow32Bits},
     // The size is read and deliberately not reported: the column is always 0.
-    {10, "CacheSize", kLowBits, {.number = 0}},
+    {10, "CacheSize", kZeroAfterRead},
     {11, nullptr, kSpecial, {.special = arrayDiskCount}},
     {12, nullptr, kSpecial, {.special = topLevelVirtualDiskCount}},
     {15, "BuffMemADAP", kShiftRight, {.number = 20}},
@@ -471,7 +480,7 @@ constexpr ColumnRow kCtrlColumns[] = {
     {63,
      "SecurityMode",
      kInteger,
-     {.failure = OnFailure::kAnswer99,
+     {.failure = kNotApplicableInstead,
       .failed = "getCtrl: Retrieving CTRL_SECURITY_MODE failed\n"}},
     {64, kAttributesMask, kSpecial, {.special = enhancedCache}},
     {65, kDimmerPropertyMask, kSpecial, {.special = spinSetting<kConfiguredSpin>}},
@@ -481,21 +490,18 @@ constexpr ColumnRow kCtrlColumns[] = {
     {69, kAttributesMask, kSpecial, {.special = preservedCache}},
     {70, "CtrlPICapable", kInteger, {.failed = "getCtrl: Retrieving CTRL_PI_ENABLE failed\n"}},
     {71, "PersonalityState", kSpecial, {.special = personality}},
-    {72, "CtrlStashSlot", kInteger, {.failure = OnFailure::kAnswer99AndFail}},
-    {73, "CtrlStashInst", kInteger, {.failure = OnFailure::kAnswer99AndFail}},
+    {72, "CtrlStashSlot", kInteger, {.failure = kNotApplicableAndFailure}},
+    {73, "CtrlStashInst", kInteger, {.failure = kNotApplicableAndFailure}},
 };
 static_assert(validColumns(kCtrlColumns));
+
+constexpr TableSpec kCtrlTable{
+    .list = &ctrlList, .columns = kCtrlColumns, .idLine = "getCtrl: curr ID = %d\n"};
 
 } // namespace
 } // namespace tables
 
 int32_t getCtrl(SMSnmpValue *request, SMSnmpValue *reply, uint32_t position)
 {
-    // A name that ends before the entry arc has no id to show; parseRowIndex
-    // refuses it below.
-    if (position < request->name.count) {
-        VscilDebugPrint("getCtrl: curr ID = %d\n",
-                        static_cast<int32_t>(request->name.arcs[position]));
-    }
-    return tables::answerCell(tables::kCtrlColumns, &ctrlList, request, reply, position);
+    return tables::answerTableCell(tables::kCtrlTable, request, reply, position);
 }

@@ -317,7 +317,7 @@ TEST_F(CtrlTest, PreservedCacheIsNotApplicableToSoftwareRaidModels)
     }
 }
 
-TEST_F(CtrlTest, PreservedCacheLogsEveryNeedleTriedUntilOneMatches)
+TEST_F(CtrlTest, PreservedCacheTestsAndLogsAllFourNeedles)
 {
     serveController({{"Name", "Vorn Q310"}, {"AttributesMask", mask({5})}});
     {
@@ -330,6 +330,10 @@ TEST_F(CtrlTest, PreservedCacheLogsEveryNeedleTriedUntilOneMatches)
                   "getCtrl: position is NULL"
                   "getCtrl: checking haystack = Vorn Q310 needle = Q310"
                   "getCtrl: position not NULL"
+                  "getCtrl: checking haystack = Vorn Q310 needle = q330"
+                  "getCtrl: position is NULL"
+                  "getCtrl: checking haystack = Vorn Q310 needle = Q330"
+                  "getCtrl: position is NULL"
                   "getCtrl: Controller detected as a swraid controller"
                   "getCtrl: preserved cache not applicable for swraid controller \n");
     }
@@ -357,8 +361,14 @@ TEST_F(CtrlTest, CapabilityReadFailuresLogTheirLine)
         {63, "getCtrl: Retrieving CTRL_SECURITY_MODE failed\n"},
         {70, "getCtrl: Retrieving CTRL_PI_ENABLE failed\n"},
         {64, "getCtrl: CTRL_ENHANCED_CACHE: 99\n"},
+        // No number to show: the closing line is not printed.
+        {57, ""},
         {58, "getCtrl: Retrieving CTRL_SED_LOCKKEY_PRESENT\n"},
-        {55, "getCtrl: Retrieving CTRLSTORPORTDRIVER_VERSION_OID\n"},
+        // The closing line follows the read, with an empty text.
+        {55, "getCtrl: Retrieving CTRLSTORPORTDRIVER_VERSION_OID\n"
+             "getCtrl: CTRLSTORPORTDRIVER_VERSION_OID: \n"},
+        {56, "getCtrl: Retrieving CTRLMIN_STORPORT_VERSION_OID\n"
+             "getCtrl: CTRLMIN_STORPORT_VERSION_OID: \n"},
     };
     for (const auto &[column, line] : cases) {
         DebugCapture capture;

@@ -13,7 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "store/build.h"
-#include "tables/getter.h"
+#include "tables/columns.h"
+#include "tables/getters.h"
 #include "testing/model_fixture.h"
 
 namespace ctrltest {

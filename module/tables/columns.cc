@@ -1,0 +1,209 @@
+// The generic column reader and the routine that answers a cell from a
+// table's description.
+#include "tables/columns.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "platform/vscil.h"
+
+namespace tables {
+
+namespace {
+
+void printLine(const char *line)
+{
+    if (line != nullptr) {
+        VscilDebugPrint("%s", line);
+    }
+}
+
+// The number a 64-bit kind answers; false when the rule leaves it unwritten.
+bool wideAnswer(const ColumnSpec &spec, uint64_t wide, uint32_t *number)
+{
+    switch (spec.kind) {
+    case ColumnKind::kLowestBit:
+        *number = wide == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(wide)) + 1;
+        return true;
+    case ColumnKind::kLowestBitOrUnset:
+        if (wide == 0) {
+            return false;
+        }
+        *number = static_cast<uint32_t>(std::countr_zero(wide)) + 1;
+        return true;
+    case ColumnKind::kLow32Bits:
+        *number = static_cast<uint32_t>(wide);
+        return true;
+    case ColumnKind::kZeroAfterRead:
+        *number = 0;
+        return true;
+    case ColumnKind::kShiftRight:
+        *number = static_cast<uint32_t>(wide >> spec.extra.number);
+        return true;
+    default: // kLowBits
+        *number = static_cast<uint32_t>(wide & spec.extra.number);
+        return true;
+    }
+}
+
+uint32_t mapped(const ValueMap &map, uint32_t stored)
+{
+    for (const ValuePair &pair : map.pairs) {
+        if (pair.from == stored) {
+            return pair.to;
+        }
+    }
+    return map.keepOthers ? stored : map.others;
+}
+
+uint32_t maskAnswer(const MaskAnswer &answer, char c)
+{
+    return c == '1' ? answer.one : c == '0' ? answer.zero : answer.other;
+}
+
+// Reads the attribute of an integer column and works out its number. 0 with
+// *number set, 0 with *written false when the rule leaves the number as it
+// was, or the read's failure.
+int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number, bool *written)
+{
+    *written = true;
+    switch (spec.kind) {
+    case ColumnKind::kInteger:
+    case ColumnKind::kPlusOne:
+    case ColumnKind::kMapped: {
+        uint32_t stored = 0;
+        const int32_t status = readNumber(cell, spec.attribute, &stored);
+        *number = spec.kind == ColumnKind::kInteger   ? stored
+                  : spec.kind == ColumnKind::kPlusOne ? stored + 1
+                                                      : mapped(*spec.extra.map, stored);
+        return status;
+    }
+    case ColumnKind::kMaskChar: {
+        LocalText mask;
+        const int32_t status = mask.read(cell, spec.attribute);
+        *number = maskAnswer(spec.extra.mask, mask.at(spec.extra.number));
+        return status;
+    }
+    default: { // the 64-bit kinds
+        uint64_t wide = 0;
+        const int32_t status = readWide(cell, spec.attribute, &wide);
+        *written = wideAnswer(spec, wide, number);
+        return status;
+    }
+    }
+}
+
+// A failed read of an integer column, answered by the column's OnFailure.
+int32_t failedRead(const Cell &cell, const ColumnSpec &spec, int32_t status)
+{
+    printLine(spec.extra.failed);
+    const OnFailure &failure = spec.extra.failure;
+    if (failure.answers) {
+        answerNumber(cell, failure.number);
+    }
+    return failure.succeeds ? SM_SNMP_NOERROR : status;
+}
+
+int32_t textColumn(const Cell &cell, const ColumnSpec &spec)
+{
+    printLine(spec.extra.before);
+    const int32_t status = readText(cell, spec.attribute);
+    if (status != SM_SNMP_NOERROR) {
+        printLine(spec.extra.failed);
+    }
+    // The closing line follows the read whatever its result, as the columns
+    // that have one describe it ("before" and "after" the read); a failed
+    // read leaves no text to show, so it shows an empty one rather than
+    // whatever the buffer held.
+    if (spec.extra.after != nullptr) {
+        VscilDebugPrint(spec.extra.after, status == SM_SNMP_NOERROR
+                                              ? static_cast<const char *>(cell.reply->buffer)
+                                              : "");
+    }
+    return status;
+}
+
+int32_t numberColumn(const Cell &cell, const ColumnSpec &spec)
+{
+    printLine(spec.extra.before);
+    uint32_t number = 0;
+    bool written = true;
+    const int32_t status = integerColumn(cell, spec, &number, &written);
+    if (status != SM_SNMP_NOERROR) {
+        return failedRead(cell, spec, status);
+    }
+    // A mask is read into a buffer of the call's own; every other kind reads
+    // its number as the value extraction does, which leaves the reply
+    // without a buffer.
+    if (spec.kind != ColumnKind::kMaskChar) {
+        cell.reply->buffer = nullptr;
+    }
+    if (written) {
+        answerNumber(cell, number);
+    } else {
+        answerUnset(cell);
+    }
+    if (spec.extra.after != nullptr) {
+        VscilDebugPrint(spec.extra.after, static_cast<int32_t>(cell.reply->value));
+    }
+    return status;
+}
+
+// The spec of `column`, or null when the table has none.
+const ColumnSpec *findColumn(std::span<const ColumnSpec> columns, uint32_t column)
+{
+    const auto spec =
+        std::lower_bound(columns.begin(), columns.end(), column,
+                         [](const ColumnSpec &s, uint32_t c) { return s.column < c; });
+    return spec == columns.end() || spec->column != column ? nullptr : &*spec;
+}
+
+} // namespace
+
+int32_t readColumn(const Cell &cell, const ColumnSpec &column)
+{
+    switch (column.kind) {
+    case ColumnKind::kRowIndex:
+        answerNumberWithoutBuffer(cell, cell.rowIndex);
+        return SM_SNMP_NOERROR;
+    case ColumnKind::kConstText:
+        return answerText(cell, column.extra.text);
+    case ColumnKind::kConstInteger:
+        answerNumber(cell, column.extra.number);
+        return SM_SNMP_NOERROR;
+    case ColumnKind::kDisplayName:
+        return answerDisplayName(cell, column.extra.number);
+    case ColumnKind::kSpecial:
+        if (column.extra.special == nullptr) {
+            return SM_SNMP_NOSUCHNAME;
+        }
+        return column.extra.special(cell, column);
+    case ColumnKind::kText:
+        return textColumn(cell, column);
+    default:
+        return numberColumn(cell, column);
+    }
+}
+
+int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSnmpValue *reply,
+                        uint32_t position)
+{
+    for (const char *line : table.entry) {
+        printLine(line);
+    }
+    // A name that ends before the entry arc has no id to show; openRow
+    // refuses it below.
+    if (table.idLine != nullptr && position < request->name.count) {
+        VscilDebugPrint(table.idLine, static_cast<int32_t>(request->name.arcs[position]));
+    }
+    Cell cell{};
+    int32_t status = openRow(position, request, table.list, reply, &cell);
+    if (status == SM_SNMP_NOERROR) {
+        const ColumnSpec *column = findColumn(table.columns, cell.column);
+        status = column != nullptr ? readColumn(cell, *column) : SM_SNMP_NOSUCHNAME;
+    }
+    printLine(table.exitLine);
+    return status;
+}
+
+} // namespace tables
