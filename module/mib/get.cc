@@ -26,7 +26,7 @@ int32_t tableCell(SMSnmpValue *request, SMSnmpValue *reply, uint32_t group,
         return SM_SNMP_NOSUCHNAME;
     }
     const uint32_t table = request->name.arcs[11];
-    const uint32_t last = group == 130 ? 18 : 6;
+    const uint32_t last = lastTableOf(group);
     if (table < 1 || table > last) {
         return group == 130 ? SM_SNMP_NOSUCHNAME : SM_SNMP_GENERR;
     }

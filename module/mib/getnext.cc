@@ -110,14 +110,14 @@ int32_t getNextValue(SMSnmpValue *request, SMSnmpValue *reply)
             status = getNextGlobalTable(request, reply, 11, 1);
             break;
         case 130:
-            status = hasTable && t >= 1 && t <= 18
+            status = hasTable && t >= 1 && t <= lastTableOf(130)
                          ? getNextTableValue(request, reply, 12, walkEntry(130, t))
                          : SM_SNMP_NOSUCHNAME;
             break;
         case 140:
             if (!hasTable) {
                 status = SM_SNMP_NOSUCHNAME;
-            } else if (t < 1 || t > 6) {
+            } else if (t < 1 || t > lastTableOf(140)) {
                 // status stays genErr
             } else if (t == 3 && ((hasArc(request, 12) && request->name.arcs[12] >= 2) ||
                                   (hasArc(request, 13) && request->name.arcs[13] > 6))) {

@@ -1,5 +1,5 @@
-// The table registry and the GetNext walk table. Adding a served table is
-// filling in its getter here.
+// The table registry and the GetNext walk table, both from one row per
+// table. Adding a served table is filling in its getter here.
 #include "mib/registry.h"
 
 #include <algorithm>
@@ -10,62 +10,89 @@
 #include "tables/getters.h"
 
 constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
-    {130, 1, &ctrlList, getCtrl},
-    {130, 2, &chanList, nullptr},
-    {130, 3, &enclList, nullptr},
-    {130, 4, &adList, nullptr},
-    {130, 5, &adEnclConnList, nullptr},
-    {130, 6, &adChanConnList, nullptr},
-    {130, 7, &fanList, nullptr},
-    {130, 8, &fanList, nullptr},
-    {130, 9, &psuList, nullptr},
-    {130, 10, &psuList, nullptr},
-    {130, 11, &tempList, nullptr},
-    {130, 12, &tempList, nullptr},
-    {130, 13, &emmList, nullptr},
-    {130, 14, &emmList, nullptr},
-    {130, 15, &battList, nullptr},
-    {130, 16, &battList, nullptr},
-    {130, 17, &tapeList, nullptr},
-    {130, 18, &nvmeList, nullptr},
-    {140, 1, &vdList, nullptr},
-    {140, 2, &vdPartList, nullptr},
-    {140, 3, &adLogConnList, nullptr},
-    {140, 4, &cacheList, nullptr},
-    {140, 5, &cacheDiskList, nullptr},
-    {140, 6, &cachePoolList, nullptr},
-    {kEndMark, kEndMark, nullptr, nullptr},
+    {130, 1, &ctrlList, getCtrl, &ctrlList, 73},
+    {130, 2, &chanList, nullptr, &chanList, 11},
+    {130, 3, &enclList, nullptr, &enclList, 34},
+    {130, 4, &adList, nullptr, &adList, 53},
+    {130, 5, &adEnclConnList, nullptr, &adList, 7},
+    {130, 6, &adChanConnList, nullptr, &adList, 7},
+    {130, 7, &fanList, nullptr, &fanList, 17},
+    {130, 8, &fanList, nullptr, &fanList, 5},
+    {130, 9, &psuList, nullptr, &psuList, 11},
+    {130, 10, &psuList, nullptr, &psuList, 6},
+    {130, 11, &tempList, nullptr, &tempList, 14},
+    {130, 12, &tempList, nullptr, &tempList, 5},
+    {130, 13, &emmList, nullptr, &emmList, 13},
+    {130, 14, &emmList, nullptr, &emmList, 5},
+    {130, 15, &battList, nullptr, &battList, 15},
+    {130, 16, &battList, nullptr, &battList, 5},
+    {130, 17, &tapeList, nullptr, &tapeList, 8},
+    {130, 18, &nvmeList, nullptr, &nvmeList, 28},
+    {140, 1, &vdList, nullptr, &vdList, 28},
+    {140, 2, &vdPartList, nullptr, &vdPartList, 6},
+    {140, 3, &adLogConnList, nullptr, &adLogConnList, 7},
+    {140, 4, &cacheList, nullptr, &cacheList, 16},
+    {140, 5, &cacheDiskList, nullptr, &cacheDiskList, 10},
+    {140, 6, &cachePoolList, nullptr, &cachePoolList, 8},
+    {kEndMark, kEndMark, nullptr, nullptr, nullptr, kEndMark},
 };
 
 namespace {
 
-// The walk's lists and column counts. The connection tables walk the rows of
-// their source objects' lists.
-struct WalkRow {
-    ObjList *list;
-    uint32_t columns;
-};
-constexpr WalkRow kWalkRows[kTableCount] = {
-    {&ctrlList, 73},     {&chanList, 11},  {&enclList, 34},      {&adList, 53},
-    {&adList, 7},        {&adList, 7},     {&fanList, 17},       {&fanList, 5},
-    {&psuList, 11},      {&psuList, 6},    {&tempList, 14},      {&tempList, 5},
-    {&emmList, 13},      {&emmList, 5},    {&battList, 15},      {&battList, 5},
-    {&tapeList, 8},      {&nvmeList, 28},  {&vdList, 28},        {&vdPartList, 6},
-    {&adLogConnList, 7}, {&cacheList, 16}, {&cacheDiskList, 10}, {&cachePoolList, 8},
-};
+// Tables of each group numbered 1, 2, ... in registry order, the groups in
+// walk order, and the end entry last.
+constexpr bool registryIsOrdered()
+{
+    uint32_t group = 0;
+    uint32_t table = 0;
+    for (uint32_t i = 0; i < kTableCount; i++) {
+        const TableRegistryEntry &entry = kTableRegistry[i];
+        if (entry.group != group) {
+            if (entry.group < group || entry.table != 1) {
+                return false;
+            }
+            group = entry.group;
+        } else if (entry.table != table + 1) {
+            return false;
+        }
+        table = entry.table;
+        if (entry.list == nullptr || entry.walkList == nullptr || entry.walkColumns == 0) {
+            return false;
+        }
+    }
+    return kTableRegistry[kTableCount].group == kEndMark;
+}
+static_assert(registryIsOrdered());
+
+constexpr uint32_t lastTable(uint32_t group)
+{
+    uint32_t last = 0;
+    for (uint32_t i = 0; i < kTableCount; i++) {
+        if (kTableRegistry[i].group == group) {
+            last = kTableRegistry[i].table;
+        }
+    }
+    return last;
+}
+static_assert(lastTable(130) == 18 && lastTable(140) == 6);
 
 constexpr std::array<WalkDescriptor, kTableCount + 1> walkDescriptors()
 {
     std::array<WalkDescriptor, kTableCount + 1> table{};
     for (uint32_t i = 0; i < kTableCount; i++) {
-        table[i] = {kWalkRows[i].list, kTableRegistry[i].group, kTableRegistry[i].table,
-                    kWalkRows[i].columns};
+        const TableRegistryEntry &entry = kTableRegistry[i];
+        table[i] = {entry.walkList, entry.group, entry.table, entry.walkColumns};
     }
     table[kTableCount] = {nullptr, kEndMark, kEndMark, kEndMark};
     return table;
 }
 
 } // namespace
+
+uint32_t lastTableOf(uint32_t group)
+{
+    return lastTable(group);
+}
 
 WalkDescriptor walkTable[kTableCount + 1];
 

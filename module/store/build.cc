@@ -51,7 +51,7 @@ int32_t runSteps(const BuildStep *steps, size_t count)
 
 // buildADLogConnTable reads the live array disks, so in both orders it
 // follows the "arraydisks" table.
-const BuildStep kBuildAllSteps[] = {
+constexpr BuildStep kBuildAllSteps[] = {
     {&ctrlList, "adapters"},
     {&chanList, "bus"},
     {&adList, "arraydisks"},
@@ -73,7 +73,7 @@ const BuildStep kBuildAllSteps[] = {
     {&nvmeList, "NVMeAdapter"},
 };
 
-const BuildStep kRebuildSteps[] = {
+constexpr BuildStep kRebuildSteps[] = {
     {&ctrlListNew, "adapters"},          {&chanListNew, "bus"},
     {&adListNew, "arraydisks"},          {&fanListNew, "fans"},
     {&psuListNew, "psupplies"},          {&tempListNew, "tempprobes"},
@@ -93,7 +93,7 @@ struct MergeStep {
     Merge merge;
 };
 
-const MergeStep kMergeSteps[] = {
+constexpr MergeStep kMergeSteps[] = {
     {&ctrlList, &ctrlListNew, Merge::keep},
     {&chanList, &chanListNew, Merge::keep},
     {&adList, &adListNew, Merge::renumber},
@@ -115,10 +115,13 @@ const MergeStep kMergeSteps[] = {
     {&nvmeList, &nvmeListNew, Merge::keep},
 };
 
-static_assert(std::size(kBuildAllSteps) == kTableListCount &&
-                  std::size(kRebuildSteps) == kTableListCount &&
-                  std::size(kMergeSteps) == kTableListCount,
-              "every table is built, rebuilt and merged");
+static_assert(eachListOnce(kBuildAllSteps, std::size(kBuildAllSteps), &BuildStep::list, false),
+              "every live list is built once");
+static_assert(eachListOnce(kRebuildSteps, std::size(kRebuildSteps), &BuildStep::list, true),
+              "every staging list is rebuilt once");
+static_assert(eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::live, false) &&
+                  eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::staging, true),
+              "every list is merged once");
 
 // Joins the array disk's and the virtual disk's nexus into one 80-byte row
 // identity. An exact sum of 80 is reported and keeps the disk's nexus alone;

@@ -22,28 +22,6 @@ ObjList cachePoolList, cachePoolListNew;
 ObjList nvmeList, nvmeListNew;
 ObjList spareListNew;
 
-const TableListPair kTableListPairs[kTableListCount] = {
-    {&ctrlList, &ctrlListNew},
-    {&chanList, &chanListNew},
-    {&adList, &adListNew},
-    {&tapeList, &tapeListNew},
-    {&enclList, &enclListNew},
-    {&fanList, &fanListNew},
-    {&psuList, &psuListNew},
-    {&tempList, &tempListNew},
-    {&emmList, &emmListNew},
-    {&battList, &battListNew},
-    {&vdList, &vdListNew},
-    {&adLogConnList, &adLogConnListNew},
-    {&adEnclConnList, &adEnclConnListNew},
-    {&adChanConnList, &adChanConnListNew},
-    {&vdPartList, &vdPartListNew},
-    {&cacheList, &cacheListNew},
-    {&cacheDiskList, &cacheDiskListNew},
-    {&cachePoolList, &cachePoolListNew},
-    {&nvmeList, &nvmeListNew},
-};
-
 void initAllLists(void)
 {
     for (const TableListPair &pair : kTableListPairs) {

@@ -5,6 +5,8 @@
 #ifndef KELP_MODULE_STORE_TABLELIST_H
 #define KELP_MODULE_STORE_TABLELIST_H
 
+#include <cstddef>
+
 #include "store/objlist.h"
 
 extern "C" {
@@ -52,6 +54,45 @@ struct TableListPair {
     ObjList *staging;
 };
 inline constexpr int kTableListCount = 19;
-extern const TableListPair kTableListPairs[kTableListCount];
+inline constexpr TableListPair kTableListPairs[kTableListCount] = {
+    {&ctrlList, &ctrlListNew},
+    {&chanList, &chanListNew},
+    {&adList, &adListNew},
+    {&tapeList, &tapeListNew},
+    {&enclList, &enclListNew},
+    {&fanList, &fanListNew},
+    {&psuList, &psuListNew},
+    {&tempList, &tempListNew},
+    {&emmList, &emmListNew},
+    {&battList, &battListNew},
+    {&vdList, &vdListNew},
+    {&adLogConnList, &adLogConnListNew},
+    {&adEnclConnList, &adEnclConnListNew},
+    {&adChanConnList, &adChanConnListNew},
+    {&vdPartList, &vdPartListNew},
+    {&cacheList, &cacheListNew},
+    {&cacheDiskList, &cacheDiskListNew},
+    {&cachePoolList, &cachePoolListNew},
+    {&nvmeList, &nvmeListNew},
+};
+
+// True when `lists` (count entries, the list of each read by `pick`) holds
+// every live list of kTableListPairs exactly once (staging: the staging
+// lists). For the tables that must name every list: build, rebuild, merge.
+template <typename Row>
+constexpr bool eachListOnce(const Row *rows, std::size_t count, ObjList *Row::*pick, bool staging)
+{
+    for (const TableListPair &pair : kTableListPairs) {
+        ObjList *wanted = staging ? pair.staging : pair.live;
+        std::size_t seen = 0;
+        for (std::size_t i = 0; i < count; i++) {
+            seen += rows[i].*pick == wanted ? 1 : 0;
+        }
+        if (seen != 1) {
+            return false;
+        }
+    }
+    return count == kTableListCount;
+}
 
 #endif // KELP_MODULE_STORE_TABLELIST_H

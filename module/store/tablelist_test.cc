@@ -52,4 +52,35 @@ TEST(TableList, InitAllListsEmptiesLiveAndStagingHeadsWithoutFreeing)
     EXPECT_EQ(node.objId, 1u); // untouched: nothing was freed
 }
 
+struct Step {
+    ObjList *list;
+};
+
+// Every pair but the last, for the checks below.
+constexpr Step kAllButNvme[] = {
+    {&ctrlList},  {&chanList},      {&adList},         {&tapeList},       {&enclList},
+    {&fanList},   {&psuList},       {&tempList},       {&emmList},        {&battList},
+    {&vdList},    {&adLogConnList}, {&adEnclConnList}, {&adChanConnList}, {&vdPartList},
+    {&cacheList}, {&cacheDiskList}, {&cachePoolList}};
+constexpr Step kEveryList[] = {
+    {&ctrlList},  {&chanList},      {&adList},         {&tapeList},       {&enclList},
+    {&fanList},   {&psuList},       {&tempList},       {&emmList},        {&battList},
+    {&vdList},    {&adLogConnList}, {&adEnclConnList}, {&adChanConnList}, {&vdPartList},
+    {&cacheList}, {&cacheDiskList}, {&cachePoolList},  {&nvmeList}};
+constexpr Step kOneTwice[] = {
+    {&ctrlList},  {&chanList},      {&adList},         {&tapeList},       {&enclList},
+    {&fanList},   {&psuList},       {&tempList},       {&emmList},        {&battList},
+    {&vdList},    {&adLogConnList}, {&adEnclConnList}, {&adChanConnList}, {&vdPartList},
+    {&cacheList}, {&cacheDiskList}, {&cachePoolList},  {&cachePoolList}};
+
+TEST(TableList, TheBuildTableCheckWantsEveryListOnce)
+{
+    static_assert(eachListOnce(kEveryList, std::size(kEveryList), &Step::list, false));
+    static_assert(!eachListOnce(kEveryList, std::size(kEveryList), &Step::list, true),
+                  "live lists where staging lists belong");
+    static_assert(!eachListOnce(kAllButNvme, std::size(kAllButNvme), &Step::list, false));
+    static_assert(!eachListOnce(kOneTwice, std::size(kOneTwice), &Step::list, false));
+    SUCCEED();
+}
+
 } // namespace
