@@ -3,7 +3,7 @@
 // PLACEHOLDER until event aggregation lands: the body only sleeps until it is
 // stopped; SMThreadStop ends its sleep at once.
 #include "events/workers.h"
-#include "frame/frame.h"
+#include "frame/state.h"
 #include "platform/os.h"
 
 void AggregateEventsThread(void *)

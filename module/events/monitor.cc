@@ -3,7 +3,7 @@
 // PLACEHOLDER until event handling lands: the body only waits for the stop
 // request and reports its end, so that stopping the monitor is prompt.
 #include "events/workers.h"
-#include "frame/frame.h"
+#include "frame/state.h"
 #include "platform/os.h"
 #include "platform/vscil.h"
 

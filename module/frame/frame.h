@@ -1,53 +1,15 @@
 // The implementer frame: the command handlers between the dispatch and the
-// request resolution, the module's synchronisation objects and the state of
-// its worker threads.
+// request resolution. The module's state (its globals, synchronisation
+// objects and worker threads) is in frame/state.h.
 #ifndef KELP_MODULE_FRAME_FRAME_H
 #define KELP_MODULE_FRAME_FRAME_H
 
-#include <atomic>
 #include <cstdint>
 
+#include "frame/state.h"
 #include "platform/smsnmp.h"
-#include "platform/vcsupt.h"
 
 extern "C" {
-
-// The module's export context, filled by the attach hook when the module is
-// loaded; installed around every dispatch call.
-extern SMExportContext g_ModuleExportContext;
-
-// The framework's service table and handle: written by commands 4 and 5 on
-// the framework's thread, read by the trap sender.
-extern void *const *g_FrameworkServices;
-extern uint64_t g_FrameworkHandle;
-
-// The data lock. Guards the live lists, the one-object XML cache and
-// g_bSNMPTableInitialised. Created by KelpmibAttach, destroyed by
-// KelpmibDetach.
-extern SMMutexHandle dataMutex;
-
-// Non-zero once the refresh thread has built the tables. Read and written
-// under dataMutex.
-extern uint32_t g_bSNMPTableInitialised;
-
-// Set to 1 by KelpmibStopMonitor; polled once a second by the worker threads.
-extern std::atomic<uint32_t> stopRequested;
-
-// Events, all auto-reset, created by KelpmibAttach in this order.
-extern SMEventHandle rescanEvent;      // monitor -> refresh thread: rebuild now
-extern SMEventHandle rescanDoneEvent;  // monitor -> refresh thread: rescan completed
-extern SMEventHandle eMonitorEvtEnd;   // the event monitor left its loop
-extern SMEventHandle eEvtFuncEnd;      // the refresh thread left its loop
-extern SMEventHandle refreshDoneEvent; // a periodic rebuild was merged
-
-// Worker threads, written by KelpmibStartMonitor and KelpmibStopMonitor.
-extern SMThreadHandle g_hMonitorThread;
-extern SMThreadHandle g_hAggregateThread;
-extern SMThreadHandle g_hRefreshThread;
-
-// Configuration read by KelpmibAttach at load; only read afterwards.
-extern uint32_t g_bAggregateEvents;
-extern uint32_t g_SNMPRefreshMinutes;
 
 // Command 4: debug set-up, event queue on, KelpmibAttach. Always 0.
 uint32_t MIBImplementerLoad(void);

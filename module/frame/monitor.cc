@@ -2,6 +2,7 @@
 // monitor and, with aggregation on, the aggregation thread.
 #include "events/workers.h"
 #include "frame/frame.h"
+#include "mib/registry.h"
 #include "platform/vscil.h"
 #include "store/refresh.h"
 
@@ -13,6 +14,8 @@ uint32_t MIBImplementerStartMonitor(void)
 uint32_t KelpmibStartMonitor(void)
 {
     VscilDebugPrint("KelpmibStartMonitor: entry\n");
+    // The refresh thread sets up the GetNext walk once the tables are built.
+    g_tablesBuiltHook = initWalkTable;
     g_hRefreshThread = SMThreadStart(tEvtFunc, nullptr);
     g_hMonitorThread = SMThreadStart(MonitorEvents, nullptr);
     if (g_bAggregateEvents == 1) {

@@ -22,11 +22,12 @@ uint32_t MIBImplementerGet(SMSnmpValue *request, SMSnmpValue *reply)
     if (!dataStoreIsReady()) {
         return SM_SNMP_GENERR;
     }
-    if (SMMutexLock(dataMutex, kDataLockTimeoutMs) != 0) {
+    DataLock lock(kDataLockTimeoutMs);
+    if (!lock.locked()) {
         return SM_SNMP_GENERR;
     }
     if (g_bSNMPTableInitialised == 0) {
-        SMMutexUnLock(dataMutex);
+        lock.unlock();
         VscilDebugPrint("MIBImplementerGet(): exit g_bSNMPTableInitialised is false\n");
         return SM_SNMP_GENERR;
     }
@@ -36,7 +37,7 @@ uint32_t MIBImplementerGet(SMSnmpValue *request, SMSnmpValue *reply)
     if (KelpmibCheckPrefix(request) == 0) {
         status = KelpmibGet(request, reply);
     }
-    if (SMMutexUnLock(dataMutex) != 0) {
+    if (!lock.unlock()) {
         status = SM_SNMP_GENERR;
     }
     VscilDebugPrint("MIBImplementerGet: exit\n");
@@ -49,12 +50,13 @@ uint32_t MIBImplementerGetNext(SMSnmpValue *request, SMSnmpValue *reply)
     if (!dataStoreIsReady()) {
         return SM_SNMP_GENERR;
     }
-    if (SMMutexLock(dataMutex, kDataLockTimeoutMs) != 0) {
+    DataLock lock(kDataLockTimeoutMs);
+    if (!lock.locked()) {
         VscilDebugPrint("MIBImplementerGetNext: exit\n");
         return SM_SNMP_GENERR;
     }
     if (g_bSNMPTableInitialised == 0) {
-        SMMutexUnLock(dataMutex);
+        lock.unlock();
         VscilDebugPrint("MIBImplementerGetNext(): exit g_bSNMPTableInitialised is false\n");
         return SM_SNMP_GENERR;
     }
@@ -64,7 +66,7 @@ uint32_t MIBImplementerGetNext(SMSnmpValue *request, SMSnmpValue *reply)
     if (KelpmibCheckPrefix(request) <= 0) {
         status = KelpmibGetNext(request, reply);
     }
-    if (SMMutexUnLock(dataMutex) != 0) {
+    if (!lock.unlock()) {
         status = SM_SNMP_GENERR;
     }
     VscilDebugPrint("MIBImplementerGetNext: exit\n");

@@ -100,8 +100,3 @@ int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply)
     VscilDebugPrint("getValue: exit\n");
     return status;
 }
-
-void initMibLayout(void)
-{
-    initWalkTable();
-}

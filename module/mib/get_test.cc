@@ -2,7 +2,7 @@
 // routing of table cells to getters and the empty-table probe.
 #include <gtest/gtest.h>
 
-#include "frame/frame.h"
+#include "frame/state.h"
 #include "mib/registry.h"
 #include "mib/resolve.h"
 #include "mib/scalars.h"

@@ -2,7 +2,7 @@
 // its special ends.
 #include <gtest/gtest.h>
 
-#include "frame/frame.h"
+#include "frame/state.h"
 #include "mib/registry.h"
 #include "mib/resolve.h"
 #include "store/build.h"

@@ -17,10 +17,6 @@ int32_t getValue(SMSnmpValue *request, SMSnmpValue *reply);
 // value filled, 2 when nothing follows in this MIB, or 5.
 int32_t getNextValue(SMSnmpValue *request, SMSnmpValue *reply);
 
-// Sets up the table registry and the GetNext walk table once the tables are
-// built. Refresh thread, under dataMutex.
-void initMibLayout(void);
-
 } // extern "C"
 
 #endif // KELP_MODULE_MIB_RESOLVE_H

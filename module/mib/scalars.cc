@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame/frame.h"
+#include "frame/state.h"
 #include "platform/evtmsg.h"
 #include "platform/vscil.h"
 #include "store/refresh.h"

@@ -7,8 +7,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "frame/frame.h"
-#include "mib/resolve.h"
+#include "frame/state.h"
 #include "platform/os.h"
 #include "platform/vscil.h"
 #include "store/build.h"
@@ -18,6 +17,7 @@
 std::atomic<uint32_t> rebuildNeeded;
 std::atomic<int32_t> refreshTicks;
 std::atomic<int64_t> lastRefreshTime;
+void (*g_tablesBuiltHook)(void);
 
 namespace {
 
@@ -42,11 +42,13 @@ uint32_t waitTick()
 // the lock is then still held, as the process is unloading).
 bool rescanRebuild()
 {
-    if (SMMutexLock(dataMutex, SM_WAIT_FOREVER) != 0) {
+    DataLock lock(SM_WAIT_FOREVER);
+    if (!lock.locked()) {
         return true;
     }
     while (SMEventWait(rescanDoneEvent, kTickMs) != 0) {
         if (stopRequested != 0) {
+            lock.keep();
             endRefreshThread("tEvtFunc: Just set eEvtFuncEnd while waiting for rescan complete\n");
             return false;
         }
@@ -55,7 +57,6 @@ bool rescanRebuild()
     rebuildAllStep1();
     rebuildAllStep2();
     refreshTicks = 0;
-    SMMutexUnLock(dataMutex);
     return true;
 }
 
@@ -74,9 +75,10 @@ void periodicRebuild()
         VscilDebugPrint("tEvtFunc: rebuildAllStep1() failed\n");
         return;
     }
-    SMMutexLock(dataMutex, SM_WAIT_FOREVER);
-    rebuildAllStep2();
-    SMMutexUnLock(dataMutex);
+    {
+        DataLock lock(SM_WAIT_FOREVER);
+        rebuildAllStep2();
+    }
     SMEventSet(refreshDoneEvent);
 }
 
@@ -92,7 +94,8 @@ void tEvtFunc(void *)
         }
         Sleep(kTickMs);
     }
-    if (SMMutexLock(dataMutex, SM_WAIT_FOREVER) != 0) {
+    DataLock lock(SM_WAIT_FOREVER);
+    if (!lock.locked()) {
         return;
     }
     lastRefreshTime = std::time(nullptr);
@@ -100,12 +103,15 @@ void tEvtFunc(void *)
     if (built != 0) {
         // The lock stays held: requests keep failing on their lock time-out
         // rather than reading tables that are partly built.
+        lock.keep();
         VscilDebugPrint("tEvtFunc:FATAL ERROR - buildAll has failed with ret:%d\n", built);
         return;
     }
-    initMibLayout();
+    if (g_tablesBuiltHook != nullptr) {
+        g_tablesBuiltHook();
+    }
     g_bSNMPTableInitialised = 1;
-    if (SMMutexUnLock(dataMutex) != 0) {
+    if (!lock.unlock()) {
         return;
     }
 

@@ -19,6 +19,12 @@ extern std::atomic<int32_t> refreshTicks;
 // by the refresh thread, reported by the global group.
 extern std::atomic<int64_t> lastRefreshTime;
 
+// Called by the refresh thread under dataMutex once the first build has
+// succeeded, before requests are let in: the MIB layer's set-up of the
+// GetNext walk, which sits above this layer and is set by the frame before
+// the thread starts. Null: nothing is called.
+extern void (*g_tablesBuiltHook)(void);
+
 // Thread body: waits for the data store, builds the tables under dataMutex,
 // lets requests in, then rebuilds at once when a rescan starts and every
 // g_SNMPRefreshMinutes minutes when rebuildNeeded is set. Sets eEvtFuncEnd
