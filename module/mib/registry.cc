@@ -11,7 +11,7 @@
 
 constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
     {130, 1, &ctrlList, getCtrl, &ctrlList, 73},
-    {130, 2, &chanList, nullptr, &chanList, 11},
+    {130, 2, &chanList, getChan, &chanList, 11},
     {130, 3, &enclList, nullptr, &enclList, 34},
     {130, 4, &adList, nullptr, &adList, 53},
     {130, 5, &adEnclConnList, nullptr, &adList, 7},
@@ -26,8 +26,8 @@ constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
     {130, 14, &emmList, nullptr, &emmList, 5},
     {130, 15, &battList, nullptr, &battList, 15},
     {130, 16, &battList, nullptr, &battList, 5},
-    {130, 17, &tapeList, nullptr, &tapeList, 8},
-    {130, 18, &nvmeList, nullptr, &nvmeList, 28},
+    {130, 17, &tapeList, getTape, &tapeList, 8},
+    {130, 18, &nvmeList, getNVMEAdapter, &nvmeList, 28},
     {140, 1, &vdList, nullptr, &vdList, 28},
     {140, 2, &vdPartList, nullptr, &vdPartList, 6},
     {140, 3, &adLogConnList, nullptr, &adLogConnList, 7},

@@ -124,7 +124,7 @@ int32_t answerText(const Cell &cell, std::string_view text)
     return SM_SNMP_NOERROR;
 }
 
-int32_t answerDisplayName(const Cell &cell, uint32_t objectType)
+int32_t lookUpDisplayName(const Cell &cell, uint32_t objectType, DisplayName *name)
 {
     // The nexus is read into the reply, as a text column would be, and
     // copied before the name is written over it.
@@ -135,19 +135,29 @@ int32_t answerDisplayName(const Cell &cell, uint32_t objectType)
     ValueBuffer nexus{};
     std::memcpy(nexus.data(), cell.reply->buffer,
                 std::min<size_t>(cell.reply->value, kValueBufferSize - 1));
-    // The service fills every area it is given, and the name is answered
-    // whatever it returned: each area is the size the service writes.
+    // The service fills every area it is given: each is the size it writes.
     char location1[EVTMSG_TEXT_SIZE] = "";
     char location2[EVTMSG_TEXT_SIZE] = "";
-    char name[EVTMSG_TEXT_SIZE] = "";
     char detail[EVTMSG_TEXT_SIZE] = "";
-    const uint32_t status = evtmsg_getObjLocationStrings(objectType, nexus.data(), ",", "en",
-                                                         location1, location2, name, detail, 0);
-    name[sizeof name - 1] = '\0';
-    if (answerText(cell, name) != SM_SNMP_NOERROR) {
+    name->text.fill('\0');
+    name->status = evtmsg_getObjLocationStrings(objectType, nexus.data(), ",", "en", location1,
+                                                location2, name->text.data(), detail, 0);
+    name->text.back() = '\0';
+    return SM_SNMP_NOERROR;
+}
+
+int32_t answerDisplayName(const Cell &cell, uint32_t objectType)
+{
+    DisplayName name;
+    const int32_t read = lookUpDisplayName(cell, objectType, &name);
+    if (read != SM_SNMP_NOERROR) {
+        return read;
+    }
+    // The name is answered whatever the service returned.
+    if (answerText(cell, name.text.data()) != SM_SNMP_NOERROR) {
         return SM_SNMP_NOSUCHNAME;
     }
-    return static_cast<int32_t>(status);
+    return static_cast<int32_t>(name.status);
 }
 
 } // namespace tables

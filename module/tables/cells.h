@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "platform/evtmsg.h"
 #include "platform/smsnmp.h"
 #include "store/objlist.h"
 #include "store/xmlvalue.h"
@@ -100,6 +101,19 @@ void answerUnset(const Cell &cell);
 // Type 4: `text` and a NUL into the reply buffer, its length. 0, or 2 without
 // a reply buffer. `text` is cut to kValueBufferSize - 1 bytes.
 int32_t answerText(const Cell &cell, std::string_view text);
+
+// The location-string service's display name of the row's object and the
+// service's status.
+struct DisplayName {
+    std::array<char, EVTMSG_TEXT_SIZE> text{};
+    uint32_t status = 0;
+};
+
+// Reads the object's "Nexus" into the reply (a failure returns its result),
+// copies it and asks the service for the name of type code `objectType`
+// with separator "," and language "en". 0 with *name filled (whatever the
+// service returned; the text is always terminated), or the read's failure.
+int32_t lookUpDisplayName(const Cell &cell, uint32_t objectType, DisplayName *name);
 
 // The display name of the row's object from the location-string service:
 // the object's "Nexus" (read into the reply, then copied) with type code

@@ -70,12 +70,24 @@ int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number
     switch (spec.kind) {
     case ColumnKind::kInteger:
     case ColumnKind::kPlusOne:
-    case ColumnKind::kMapped: {
+    case ColumnKind::kMapped:
+    case ColumnKind::kQuotient: {
         uint32_t stored = 0;
         const int32_t status = readNumber(cell, spec.attribute, &stored);
-        *number = spec.kind == ColumnKind::kInteger   ? stored
-                  : spec.kind == ColumnKind::kPlusOne ? stored + 1
-                                                      : mapped(*spec.extra.map, stored);
+        switch (spec.kind) {
+        case ColumnKind::kPlusOne:
+            *number = stored + 1;
+            break;
+        case ColumnKind::kMapped:
+            *number = mapped(*spec.extra.map, stored);
+            break;
+        case ColumnKind::kQuotient:
+            *number = stored / spec.extra.number;
+            break;
+        default:
+            *number = stored;
+            break;
+        }
         return status;
     }
     case ColumnKind::kMaskChar: {
@@ -200,7 +212,7 @@ int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSn
     int32_t status = openRow(position, request, table.list, reply, &cell);
     if (status == SM_SNMP_NOERROR) {
         const ColumnSpec *column = findColumn(table.columns, cell.column);
-        status = column != nullptr ? readColumn(cell, *column) : SM_SNMP_NOSUCHNAME;
+        status = column != nullptr ? readColumn(cell, *column) : table.absentColumn;
     }
     printLine(table.exitLine);
     return status;

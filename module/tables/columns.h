@@ -33,6 +33,7 @@ enum class ColumnKind : uint8_t {
     kZeroAfterRead,    // 64-bit attribute read, and 0 answered whatever it holds
     kShiftRight,       // 64-bit attribute shifted right by extra.number, cut to 32 bits
     kLowBits,          // 64-bit attribute masked with extra.number
+    kQuotient,         // the attribute divided by extra.number, the fraction dropped
     kMaskChar,         // '0'/'1' mask attribute: character extra.number chooses from extra.mask
     kDisplayName,      // the location-string service's name for type code extra.number
     kSpecial,          // extra.special(cell, column)
@@ -108,13 +109,17 @@ struct ColumnSpec {
 // One table as a getter answers it. The log lines are printed in this
 // order: each of `entry` that is not null, then `idLine` (a format with one
 // %d) with the arc at the entry position when the name has one, and
-// `exitLine` before every return, successful or not.
+// `exitLine` before every return, successful or not. A column the table
+// does not have answers `absentColumn` with the reply untouched: 2 in every
+// table but one, which answers success and leaves the caller whatever the
+// reply held.
 struct TableSpec {
     ObjList *list;
     std::span<const ColumnSpec> columns;
     const char *entry[2] = {nullptr, nullptr};
     const char *idLine = nullptr;
     const char *exitLine = nullptr;
+    int32_t absentColumn = SM_SNMP_NOSUCHNAME;
 };
 
 // The whole of a getter: the log lines of `table`, the row the request names
@@ -189,6 +194,9 @@ consteval bool validColumns(std::span<const ColumnSpec> columns)
             return false;
         }
         if (spec.kind == ColumnKind::kShiftRight && x.number > 63) {
+            return false;
+        }
+        if (spec.kind == ColumnKind::kQuotient && x.number == 0) {
             return false;
         }
         if (spec.kind == ColumnKind::kDisplayName && x.number == 0) {
