@@ -1,6 +1,7 @@
 // Validation and indexes of a storage model (see model.h): every check a
-// model file must pass, and the look-ups the data-store queries need
-// (objects by id and by type, the parent tree, links, precomputed answers).
+// model file must pass, and the look-ups the data-store queries and the
+// location texts need (objects by id, by type and by nexus, the parent
+// tree, links, precomputed answers).
 #include <algorithm>
 #include <charconv>
 
@@ -57,6 +58,15 @@ std::string objectAnswer(const ObjectData &object)
     return out;
 }
 
+const std::string *firstAttribute(const ObjectData &object, std::string_view name)
+{
+    for (const auto &[key, value] : object.attributes) {
+        if (key == name)
+            return &value;
+    }
+    return nullptr;
+}
+
 std::shared_ptr<const Model> Model::build(ModelData data, std::string *error)
 {
     std::shared_ptr<Model> model(new Model(std::move(data)));
@@ -94,6 +104,7 @@ bool Model::index(std::string *error)
     byId_.reserve(n);
     typeOf_.resize(n);
     byType_.assign(kObjectTypeCount, {});
+    byNexus_.assign(kObjectTypeCount, {});
     answers_.reserve(n);
     for (size_t pos = 0; pos < n; ++pos) {
         const ObjectData &o = data_.objects[pos];
@@ -127,6 +138,8 @@ bool Model::index(std::string *error)
         answers_.push_back(std::move(answer));
         typeOf_[pos] = type;
         byType_[static_cast<size_t>(type)].push_back(pos);
+        if (const std::string *nexus = firstAttribute(o, "Nexus"))
+            byNexus_[static_cast<size_t>(type)].emplace(*nexus, pos);
     }
 
     parent_.assign(n, kNone);
@@ -197,6 +210,18 @@ std::optional<size_t> Model::find(uint32_t id) const
 {
     auto it = byId_.find(id);
     if (it == byId_.end())
+        return std::nullopt;
+    return it->second;
+}
+
+std::optional<size_t> Model::findByNexus(std::string_view type, std::string_view nexus) const
+{
+    const int t = objectTypeIndex(type);
+    if (t < 0)
+        return std::nullopt;
+    const NexusIndex &index = byNexus_[static_cast<size_t>(t)];
+    auto it = index.find(nexus);
+    if (it == index.end())
         return std::nullopt;
     return it->second;
 }

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -106,6 +107,11 @@ class Model {
 
     // Position of an object in file order, or nullopt.
     std::optional<size_t> find(uint32_t id) const;
+    // Position of the object of `type` whose first "Nexus" attribute is
+    // `nexus` exactly (the first such object in file order when the model
+    // repeats a nexus), or nullopt; nullopt for a type the model does not
+    // know. Indexed when the model is built: one hash look-up, no copy.
+    std::optional<size_t> findByNexus(std::string_view type, std::string_view nexus) const;
     const ObjectData &object(size_t pos) const { return data_.objects[pos]; }
     // The object's answer: <ObjID>id</ObjID> and its attribute elements.
     const std::string &answer(size_t pos) const { return answers_[pos]; }
@@ -122,6 +128,16 @@ class Model {
     const std::vector<size_t> &childrenOf(size_t pos) const { return children_[pos]; }
 
   private:
+    // Lets the nexus index be searched with a string_view.
+    struct TextHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const noexcept
+        {
+            return std::hash<std::string_view>{}(text);
+        }
+    };
+    using NexusIndex = std::unordered_map<std::string, size_t, TextHash, std::equal_to<>>;
+
     explicit Model(ModelData data) : data_(std::move(data)) {}
     bool index(std::string *error);
 
@@ -134,11 +150,16 @@ class Model {
     std::vector<std::vector<size_t>> linked_;
     std::vector<std::vector<size_t>> byType_; // per kObjectTypes entry
     std::vector<int> typeOf_;                 // kObjectTypes index of each object
+    std::vector<NexusIndex> byNexus_;         // per kObjectTypes entry
     std::vector<std::string> answers_;
 };
 
 // The attribute-element run of an object's answer, <ObjID> first.
 std::string objectAnswer(const ObjectData &object);
+
+// The value of the object's first attribute called `name` (the one a reader
+// of its answer finds), or null. Points into `object`.
+const std::string *firstAttribute(const ObjectData &object, std::string_view name);
 
 } // namespace kelp::ds
 

@@ -87,6 +87,42 @@ TEST(ModelTest, ObjectsOfATypeComeInFileOrder)
     EXPECT_TRUE(m->ofType("emms").empty());
 }
 
+// Id of the object findByNexus answers, or 0 when it answers none.
+uint32_t idByNexus(const Model &m, const char *type, const char *nexus)
+{
+    std::optional<size_t> pos = m.findByNexus(type, nexus);
+    return pos ? m.object(*pos).id : 0;
+}
+
+TEST(ModelTest, ObjectsAreFoundByTypeAndExactNexus)
+{
+    auto m = testModel();
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(idByNexus(*m, "adapters", "0"), 1u);
+    EXPECT_EQ(idByNexus(*m, "adapters", "1"), 60u);
+    EXPECT_EQ(idByNexus(*m, "arraydisks", "0\\0\\22"), 22u);
+    EXPECT_EQ(idByNexus(*m, "arraydisks", "0\\0\\0\\21"), 21u);
+    EXPECT_EQ(idByNexus(*m, "enclosures", "0\\0\\0"), 5u);
+    EXPECT_EQ(idByNexus(*m, "arraydisks", "0\\0\\0"), 0u) << "the enclosure's nexus, not a disk's";
+    EXPECT_EQ(idByNexus(*m, "bus", "0"), 0u) << "the type is part of the key";
+    EXPECT_EQ(idByNexus(*m, "adapters", "0 "), 0u) << "exact text";
+    EXPECT_EQ(idByNexus(*m, "adapters", ""), 0u);
+    EXPECT_EQ(idByNexus(*m, "Adapters", "0"), 0u) << "type names are exact";
+    EXPECT_EQ(idByNexus(*m, "no such type", "0"), 0u);
+}
+
+TEST(ModelTest, ARepeatedNexusFindsTheFirstObjectByItsFirstNexus)
+{
+    std::string error;
+    auto m = build("<storage><object id='7' type='fans'><Nexus>a</Nexus><Nexus>b</Nexus></object>"
+                   "<object id='3' type='fans'><Nexus>a</Nexus></object>"
+                   "<object id='4' type='fans'><Name>no nexus</Name></object></storage>",
+                   &error);
+    ASSERT_NE(m, nullptr) << error;
+    EXPECT_EQ(idByNexus(*m, "fans", "a"), 7u) << "first in file order";
+    EXPECT_EQ(idByNexus(*m, "fans", "b"), 0u) << "only the first Nexus counts";
+}
+
 TEST(ModelTest, AssociationsAreAncestorsDescendantsAndLinksOfTheKind)
 {
     auto m = testModel();

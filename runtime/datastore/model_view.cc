@@ -14,15 +14,6 @@ bool fail(std::string *error, const std::string &message)
     return false;
 }
 
-const std::string *firstAttribute(const ObjectData &o, std::string_view name)
-{
-    for (const auto &[key, value] : o.attributes) {
-        if (key == name)
-            return &value;
-    }
-    return nullptr;
-}
-
 // The controller that owns pos: the object itself, its nearest "adapters"
 // ancestor, or the first adapter linked to it.
 std::optional<size_t> owningController(const Model &m, size_t pos)

@@ -1,12 +1,17 @@
 // The event-message catalogue. The management address comes from the served
-// model. The alert and location texts are not available yet: the catalogue
-// file is a later piece of work, so those calls answer 5 and leave empty
-// texts in the areas they were given.
+// model, the location texts from an object's type and nexus (location.cc).
+// The alert texts are not available yet: the catalogue file is a later
+// piece of work, so those calls answer 5 and leave empty texts in the areas
+// they were given.
 #include <cstring>
+#include <new>
 #include <string>
+#include <string_view>
 
 #include "datastore/model_store.h"
 #include "evtmsg.h"
+#include "evtmsg/location.h"
+#include "support/text.h"
 
 namespace {
 
@@ -14,6 +19,27 @@ void clear(char *area)
 {
     if (area != nullptr)
         area[0] = '\0';
+}
+
+// Copies text into an area of EVTMSG_TEXT_SIZE bytes (null: skipped). A cut
+// ends before a UTF-8 character that would not fit whole, so an SNMP
+// manager never sees half a character.
+void copyText(std::string_view text, char *area)
+{
+    if (text.size() >= EVTMSG_TEXT_SIZE) {
+        size_t n = EVTMSG_TEXT_SIZE - 1;
+        while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
+            --n;
+        text = text.substr(0, n);
+    }
+    kelp::rt::copyToBuffer(text, area, EVTMSG_TEXT_SIZE);
+}
+
+// A view of a caller's text that reads at most limit + 1 bytes of it: enough
+// to tell that it is longer than limit.
+std::string_view bounded(const char *text, size_t limit)
+{
+    return std::string_view(text, strnlen(text, limit + 1));
 }
 
 } // namespace
@@ -29,17 +55,38 @@ uint32_t evtmsg_getAlertMsg(uint32_t /*eventId*/, char *level, char *message,
     return 5;
 }
 
-// Not available yet: 5, all four areas empty.
-uint32_t evtmsg_getObjLocationStrings(uint32_t /*objType*/, const char * /*nexus*/,
-                                      const char * /*separator*/, const char * /*language*/,
-                                      char *location1, char *location2, char *displayName,
-                                      char *detail, uint32_t /*reserved*/)
+// The texts of objectLocation (evtmsg/location.h, scheme in data/NAMES.md),
+// each cut to EVTMSG_TEXT_SIZE - 1 bytes; a null area is skipped. 0 found,
+// 2 not in the served model (texts made from the nexus), 5 for a malformed
+// nexus, an unknown type, a null nexus, separator or language, a non-zero
+// `reserved` or memory exhaustion (every given area empty). The texts are
+// English whatever `language` asks for: the catalogue has no other.
+uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus, const char *separator,
+                                      const char *language, char *location1, char *location2,
+                                      char *displayName, char *detail, uint32_t reserved)
 {
-    clear(location1);
-    clear(location2);
-    clear(displayName);
-    clear(detail);
-    return 5;
+    char *const areas[] = {location1, location2, displayName, detail};
+    for (char *area : areas)
+        clear(area);
+    if (nexus == nullptr || separator == nullptr || language == nullptr || reserved != 0)
+        return 5;
+    try {
+        namespace em = kelp::rt::evtmsg;
+        em::LocationTexts texts;
+        // A separator longer than an area cannot change what fits in one.
+        const uint32_t status =
+            em::objectLocation(objType, bounded(nexus, em::kLongestNexus),
+                               bounded(separator, EVTMSG_TEXT_SIZE), &texts);
+        copyText(texts.location1, location1);
+        copyText(texts.location2, location2);
+        copyText(texts.displayName, displayName);
+        copyText(texts.detail, detail);
+        return status;
+    } catch (const std::bad_alloc &) {
+        for (char *area : areas)
+            clear(area);
+        return 5;
+    }
 }
 
 // Not available yet: 5, empty description and message id.

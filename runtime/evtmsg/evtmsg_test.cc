@@ -1,5 +1,6 @@
 // The event-message catalogue: the management address from the served model; the
-// alert and location texts answer 5 and empty texts until the catalogue exists.
+// alert texts answer 5 and empty texts until the catalogue exists. The location
+// texts have their own file, location_test.cc.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,17 +22,6 @@ TEST(EvtMsgTest, AlertMessageAnswers5WithEmptyTexts)
     EXPECT_STREQ(level, "");
     EXPECT_STREQ(message, "");
     EXPECT_EQ(evtmsg_getAlertMsg(2048, nullptr, nullptr, 0, nullptr), 5u);
-}
-
-TEST(EvtMsgTest, LocationStringsAnswer5WithEmptyTexts)
-{
-    char a[EVTMSG_TEXT_SIZE], b[EVTMSG_TEXT_SIZE], c[EVTMSG_TEXT_SIZE], d[EVTMSG_TEXT_SIZE];
-    for (char *p : {a, b, c, d})
-        std::memset(p, 'x', EVTMSG_TEXT_SIZE);
-    EXPECT_EQ(evtmsg_getObjLocationStrings(772, "0:1:2", ":", "en", a, b, c, d, 0), 5u);
-    for (char *p : {a, b, c, d})
-        EXPECT_STREQ(p, "");
-    EXPECT_EQ(evtmsg_getObjLocationStrings(772, "0", ":", "en", nullptr, b, nullptr, d, 0), 5u);
 }
 
 TEST(EvtMsgTest, ExtendedTrapTextAnswers5WithEmptyTexts)
