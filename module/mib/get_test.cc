@@ -210,9 +210,9 @@ TEST_F(GetTest, UnknownTablesAnswerByGroup)
 
 TEST_F(GetTest, TablesNotServedYetAnswerNoSuchName)
 {
-    build(controller(1) + object(10, "bus", 1, {{"Nexus", "1\\0"}}));
+    build(controller(1) + object(10, "fans", 1, {{"Nexus", "1\\0\\0\\1\\0"}}));
     // The probe of row 1 fails too, so the table reads as one without rows.
-    Exchange x{130, 2, 1, 1, 1};
+    Exchange x{130, 7, 1, 1, 1};
     EXPECT_EQ(getValue(&x.request, &x.reply), 3);
 }
 
