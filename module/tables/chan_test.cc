@@ -138,6 +138,31 @@ TEST_F(ChanTest, RowIndicesOutsideTheListAreAbsent)
     }
 }
 
+TEST_F(ChanTest, AChannelThatLeftTheStoreAfterTheBuildIsAbsent)
+{
+    serveChannel({{"BusProtocol", "8"}});
+    // The list still names object 10; the store no longer has it.
+    testmodel::serve(item(1, "adapters", "0", {{"TargetID", "7"}}));
+    for (uint32_t column = 0; column <= 12; column++) {
+        const Answer a = get(column);
+        EXPECT_EQ(a.result, 2) << column;
+        EXPECT_EQ(a.value, kUntouched) << column;
+    }
+}
+
+TEST_F(ChanTest, OddAttributesAreReadAsTheyStand)
+{
+    // An empty protocol and a name the service cannot place: no crash, the
+    // service's answer and status are passed on.
+    serveTable(item(1, "adapters", "0", {}) + item(10, "bus", "0\\1\\2\\3\\4\\5\\6\\7",
+                                                   {{"BusProtocol", ""}, {"SCSIRate", ""}}, 1));
+    const auto [name, status] = serviceName("0\\1\\2\\3\\4\\5\\6\\7");
+    const Answer a = get(2);
+    EXPECT_EQ(a.result, status);
+    EXPECT_EQ(a.text, name);
+    expectText(10, "");
+}
+
 // ---- The shipped sample model ---------------------------------------------------
 
 TEST_F(ChanTest, TheSampleModelAnswersWhatItsChannelsHold)
