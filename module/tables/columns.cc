@@ -90,6 +90,14 @@ int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number
         }
         return status;
     }
+    case ColumnKind::kAssociatedNumber: {
+        HeapText text(getAssocVal(cell.objId, spec.extra.association, spec.attribute, 0));
+        if (text == nullptr) {
+            return SM_SNMP_NOSUCHNAME;
+        }
+        *number = decimalPrefix(text.get());
+        return SM_SNMP_NOERROR;
+    }
     case ColumnKind::kMaskChar: {
         LocalText mask;
         const int32_t status = mask.read(cell, spec.attribute);
@@ -144,10 +152,10 @@ int32_t numberColumn(const Cell &cell, const ColumnSpec &spec)
     if (status != SM_SNMP_NOERROR) {
         return failedRead(cell, spec, status);
     }
-    // A mask is read into a buffer of the call's own; every other kind reads
-    // its number as the value extraction does, which leaves the reply
-    // without a buffer.
-    if (spec.kind != ColumnKind::kMaskChar) {
+    // A mask is read into a buffer of the call's own and an associated
+    // object's text is getAssocVal's; every other kind reads its number as
+    // the value extraction does, which leaves the reply without a buffer.
+    if (spec.kind != ColumnKind::kMaskChar && spec.kind != ColumnKind::kAssociatedNumber) {
         cell.reply->buffer = nullptr;
     }
     if (written) {

@@ -18,7 +18,7 @@ namespace tables {
 // type 2, text kinds type 4 with the length. Every kind that reads a number
 // reads it into the reply, as the value extraction does (the buffer pointer
 // is then null), except kMaskChar, whose mask is read into a buffer of the
-// call's own.
+// call's own, and kAssociatedNumber, whose text comes from another object.
 enum class ColumnKind : uint8_t {
     kRowIndex,         // the row index itself; the buffer pointer is nulled
     kConstText,        // extra.text
@@ -27,6 +27,7 @@ enum class ColumnKind : uint8_t {
     kInteger,          // the attribute as an unsigned decimal number
     kPlusOne,          // the attribute plus 1 (the status columns)
     kMapped,           // the attribute through *extra.map
+    kAssociatedNumber, // the attribute of the first associated extra.association object
     kLowestBit,        // 64-bit attribute: 0 answers 0, else 1 + its trailing zero bits
     kLowestBitOrUnset, // the same, but 0 leaves the number unwritten
     kLow32Bits,        // 64-bit attribute, its low 32 bits
@@ -94,6 +95,10 @@ struct ColumnExtra {
     const char *after = nullptr;
     const char *failed = nullptr;
     SpecialColumn special = nullptr;
+    // kAssociatedNumber: the type of the associated objects ("adapters")
+    // whose first one holds the attribute, read as an unsigned decimal
+    // number (getAssocVal); none answers 2.
+    const char *association = nullptr;
 };
 
 // One column of a table. `attribute` is the data-store attribute the kind
@@ -184,7 +189,8 @@ consteval bool validColumns(std::span<const ColumnSpec> columns)
             return false;
         }
         if ((spec.kind == ColumnKind::kConstText) != (x.text != nullptr) ||
-            (spec.kind == ColumnKind::kMapped) != (x.map != nullptr)) {
+            (spec.kind == ColumnKind::kMapped) != (x.map != nullptr) ||
+            (spec.kind == ColumnKind::kAssociatedNumber) != (x.association != nullptr)) {
             return false;
         }
         // A special column's function is not compared here: with UBSan, g++

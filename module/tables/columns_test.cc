@@ -109,6 +109,27 @@ TEST_F(ColumnReaderTest, AFailedReadAnswersItsNumberWithOrWithoutTheFailure)
     }
 }
 
+TEST_F(ColumnReaderTest, AnAssociatedNumberIsReadFromTheFirstAssociatedObject)
+{
+    // Fan 1 sits below adapter 2; fan 3 has no adapter.
+    serve(object(2, "adapters", 0, {{"Nexus", "0"}, {"TargetID", "7"}}) +
+          object(1, "fans", 2, {{"Nexus", "0\\0\\0\\1\\0"}}) +
+          object(3, "fans", 0, {{"Nexus", "f3"}}));
+    const ColumnSpec target{1, "TargetID", kAssociatedNumber, {.association = "adapters"}};
+    ASSERT_EQ(read(target), 0);
+    EXPECT_EQ(reply.type, static_cast<uint32_t>(SM_ASN_INTEGER));
+    EXPECT_EQ(reply.value, 7u);
+    EXPECT_EQ(reply.buffer, buffer.data()) << "nothing was read into the reply";
+    EXPECT_EQ(read({1, "Missing", kAssociatedNumber, {.association = "adapters"}}), 2);
+    EXPECT_EQ(reply.value, kUntouched);
+    reply = SMSnmpValue{};
+    reply.value = kUntouched;
+    reply.buffer = buffer.data();
+    EXPECT_EQ(readColumn(Cell{3, 0, 1, 1, &reply}, target), 2);
+    EXPECT_EQ(reply.value, kUntouched);
+    EXPECT_EQ(reply.buffer, buffer.data());
+}
+
 TEST_F(ColumnReaderTest, WideKindsNameTheirPieceOfTheNumber)
 {
     // State64 is 12: low 32 bits 12, shifted right by 2 gives 3, masked
@@ -187,8 +208,12 @@ TEST(ColumnTableCheck, RejectsTablesTheReaderCannotServe)
     constexpr ColumnSpec successWithoutAnswer[] = {
         {1, "A", kInteger, {.failure = {false, 0, true}}}};
     constexpr ColumnSpec nameWithoutType[] = {{2, nullptr, kDisplayName}};
+    constexpr ColumnSpec noAssociation[] = {{1, "A", kAssociatedNumber}};
+    constexpr ColumnSpec strayAssociation[] = {{1, "A", kInteger, {.association = "adapters"}}};
     constexpr ColumnSpec wrongFormat[] = {{1, "A", kInteger, {.after = "A: %s\n"}}};
-    constexpr ColumnSpec fine[] = {{1, nullptr, kRowIndex}, {3, "A", kText, {.after = "A: %s\n"}}};
+    constexpr ColumnSpec fine[] = {{1, nullptr, kRowIndex},
+                                   {3, "A", kText, {.after = "A: %s\n"}},
+                                   {4, "B", kAssociatedNumber, {.association = "adapters"}}};
     static_assert(!validColumns(descending));
     static_assert(!validColumns(twice));
     static_assert(!validColumns(noAttribute));
@@ -197,6 +222,8 @@ TEST(ColumnTableCheck, RejectsTablesTheReaderCannotServe)
     static_assert(!validColumns(textAs99));
     static_assert(!validColumns(successWithoutAnswer));
     static_assert(!validColumns(nameWithoutType));
+    static_assert(!validColumns(noAssociation));
+    static_assert(!validColumns(strayAssociation));
     static_assert(!validColumns(wrongFormat));
     static_assert(validColumns(fine));
     SUCCEED();
