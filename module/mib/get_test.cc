@@ -224,4 +224,15 @@ TEST_F(GetTest, TheCallPrintsEntryAndExit)
     EXPECT_EQ(capture.text(), "getValue: Entry\ngetValue: exit\n");
 }
 
+TEST(TableRegistry, EveryTableNamesItsListsAndTheEndEntryNone)
+{
+    for (uint32_t i = 0; i < kTableCount; i++) {
+        EXPECT_NE(kTableRegistry[i].list, nullptr) << i;
+        EXPECT_NE(kTableRegistry[i].walkList, nullptr) << i;
+    }
+    EXPECT_EQ(kTableRegistry[kTableCount].list, nullptr);
+    EXPECT_EQ(lastTableOf(130), 18u);
+    EXPECT_EQ(lastTableOf(140), 6u);
+}
+
 } // namespace

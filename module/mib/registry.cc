@@ -56,7 +56,9 @@ constexpr bool registryIsOrdered()
             return false;
         }
         table = entry.table;
-        if (entry.list == nullptr || entry.walkList == nullptr || entry.walkColumns == 0) {
+        // The lists are checked by a test: g++ does not compare their
+        // addresses at compile time in a sanitizer build.
+        if (entry.walkColumns == 0) {
             return false;
         }
     }

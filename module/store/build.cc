@@ -115,13 +115,17 @@ constexpr MergeStep kMergeSteps[] = {
     {&nvmeList, &nvmeListNew, Merge::keep},
 };
 
-static_assert(eachListOnce(kBuildAllSteps, std::size(kBuildAllSteps), &BuildStep::list, false),
-              "every live list is built once");
-static_assert(eachListOnce(kRebuildSteps, std::size(kRebuildSteps), &BuildStep::list, true),
-              "every staging list is rebuilt once");
-static_assert(eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::live, false) &&
-                  eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::staging, true),
-              "every list is merged once");
+} // namespace
+
+bool buildTablesNameEveryListOnce(void)
+{
+    return eachListOnce(kBuildAllSteps, std::size(kBuildAllSteps), &BuildStep::list, false) &&
+           eachListOnce(kRebuildSteps, std::size(kRebuildSteps), &BuildStep::list, true) &&
+           eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::live, false) &&
+           eachListOnce(kMergeSteps, std::size(kMergeSteps), &MergeStep::staging, true);
+}
+
+namespace {
 
 // Joins the array disk's and the virtual disk's nexus into one 80-byte row
 // identity. An exact sum of 80 is reported and keeps the disk's nexus alone;

@@ -38,4 +38,10 @@ void rebuildAllStep2(void);
 
 } // extern "C"
 
+// True when the build, rebuild and merge tables each name every list of
+// kTableListPairs exactly once (the staging side where they fill staging
+// lists). A test checks it: g++ cannot compare the lists' addresses at
+// compile time in a sanitizer build.
+bool buildTablesNameEveryListOnce(void);
+
 #endif // KELP_MODULE_STORE_BUILD_H

@@ -282,4 +282,9 @@ TEST_F(BuildTest, TheStepsPrintTheirLines)
     }
 }
 
+TEST(BuildTables, EveryListIsBuiltRebuiltAndMergedOnce)
+{
+    EXPECT_TRUE(buildTablesNameEveryListOnce());
+}
+
 } // namespace
