@@ -38,25 +38,14 @@ int32_t channelName(const Cell &cell, const ColumnSpec &)
     return static_cast<int32_t>(name.status);
 }
 
-// The target id of the channel's controller; 2 without a controller that
-// has one.
-int32_t controllerTargetId(const Cell &cell, const ColumnSpec &column)
-{
-    HeapText id(getAssocVal(cell.objId, "adapters", column.attribute, 0));
-    if (id == nullptr) {
-        return SM_SNMP_NOSUCHNAME;
-    }
-    answerNumber(cell, decimalPrefix(id.get()));
-    return SM_SNMP_NOERROR;
-}
-
 // Columns 4 and above 11 are not served.
 constexpr ColumnSpec kChanColumns[] = {
     {1, nullptr, kRowIndex},
     {2, nullptr, kSpecial, {.special = channelName}},
     {3, "ObjState", kLowestBitOrUnset},
     {5, "Termination", kInteger},
-    {6, "TargetID", kSpecial, {.special = controllerTargetId}},
+    // The controller's target id; absent without a controller that has one.
+    {6, "TargetID", kAssociatedNumber, {.association = "adapters"}},
     {7, "TreeStatus", kPlusOne},
     {8, "ObjStatus", kPlusOne},
     {9, "Nexus", kText},

@@ -60,7 +60,7 @@ TEST_F(AgentSample, AWalkVisitsTheServedTablesInWalkOrder)
             tables.push_back(table);
         }
     }
-    const std::vector<std::string> served{"130.1", "130.2", "130.17", "130.18"};
+    const std::vector<std::string> served{"130.1", "130.2", "130.3", "130.17", "130.18"};
     std::vector<std::string> seen;
     std::copy_if(tables.begin(), tables.end(), std::back_inserter(seen), [&](const auto &t) {
         return std::find(served.begin(), served.end(), t) != served.end();
@@ -85,6 +85,20 @@ TEST_F(AgentSample, TheBulkWalkAndTheV1WalkEqualTheWalk)
         return lines;
     };
     EXPECT_EQ(names(v1), names(rows));
+}
+
+TEST_F(AgentSample, EnclosuresAnswerWhatTheModelHolds)
+{
+    // Rows in list order: 20, 21, then 22 to 27.
+    const RunResult get =
+        agent.snmp("snmpget", {name("130.3.1.2.8"), name("130.3.1.8.4"), name("130.3.1.8.3")});
+    EXPECT_EQ(get.status, 0) << get.err;
+    for (const std::string &expected : {name("130.3.1.2.8") + " = STRING: \"JX3310\"",
+                                        name("130.3.1.8.4") + " = STRING: \"9KT-RB32\"",
+                                        name("130.3.1.8.3") + " = STRING: \"7KQ3LM2\""}) {
+        EXPECT_NE(get.out.find("." + expected + "\n"), std::string::npos) << expected << "\n"
+                                                                          << get.out;
+    }
 }
 
 TEST_F(AgentSample, OneChannelTapeAndNvmeAdapterAnswerWhatTheModelHolds)
