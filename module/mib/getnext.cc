@@ -10,6 +10,7 @@
 #include "mib/mibdef.h"
 #include "mib/registry.h"
 #include "mib/resolve.h"
+#include "platform/vcsupt.h"
 #include "platform/vscil.h"
 
 extern "C" {
@@ -73,6 +74,21 @@ const WalkDescriptor *walkEntry(uint32_t group, uint32_t table)
 bool tableIsEmpty(int32_t status)
 {
     return status == SM_SNMP_BADVALUE;
+}
+
+// Every candidate is resolved in the one reply record, and a candidate that
+// fails may leave it without the caller's buffer: an integer read into the
+// reply nulls the pointer, and a few columns put a buffer of the getter's
+// own in its place before they fail (getters.h), which nobody else would
+// free once the walk moves on. The next candidate needs the caller's buffer
+// for its text, so the walk frees the getter's buffer and puts the caller's
+// back.
+void restoreCallersBuffer(SMSnmpValue *reply, void *callersBuffer)
+{
+    if (reply->buffer != callersBuffer) {
+        SMFreeMem(reply->buffer);
+        reply->buffer = callersBuffer;
+    }
 }
 
 } // namespace
@@ -203,8 +219,12 @@ int32_t getNextTableValue(SMSnmpValue *request, SMSnmpValue *reply, uint32_t pos
         column = request->name.arcs[position + 1];
         row = n > position + 2ull ? request->name.arcs[position + 2] : 0;
     }
+    void *const callersBuffer = reply->buffer;
     int32_t status = answer(reply, {descriptor->group, descriptor->table, 1, column, row + 1});
     for (;;) {
+        if (status != SM_SNMP_NOERROR) {
+            restoreCallersBuffer(reply, callersBuffer);
+        }
         if (tableIsEmpty(status)) {
             row = descriptor->list->length + 1;
             column = descriptor->columns + 1;

@@ -5,9 +5,11 @@
 #include "frame/state.h"
 #include "mib/registry.h"
 #include "mib/resolve.h"
+#include "platform/vcsupt.h"
 #include "store/build.h"
 #include "testing/model_fixture.h"
 #include "testing/request.h"
+#include "testing/test_spy.h"
 
 namespace {
 
@@ -128,6 +130,49 @@ TEST_F(GetNextTest, AFailedNumberCandidateLeavesTheBufferForTheNextTextCell)
         object(1, "adapters", 0, {{"Nexus", "0"}, {"Name", "Ctrl 0"}, {"PersonalityState", "1"}}));
     EXPECT_EQ(next({130, 1, 1, 69, 0}), std::make_pair(0, std::string("130.1.1.71.1")));
     EXPECT_EQ(last->text(), "RAID");
+}
+
+// A failed candidate may leave the reply without the caller's buffer. Array
+// disk column 48 fails without "PCIeSSDDeviceWriteStatus" after putting "No"
+// in a buffer of its own; the walk frees it, and column 49 writes its number
+// into the caller's buffer.
+TEST_F(GetNextTest, AFailedCandidateWithABufferOfItsOwnGivesTheCallersBack)
+{
+    build(
+        object(1, "arraydisks", 0, {{"Nexus", "0\\1\\4"}, {"RemainingRatedWriteEndurance", "97"}}));
+    kelp::testspy::reset();
+    EXPECT_EQ(next({130, 4, 1, 47, 1}), std::make_pair(0, std::string("130.4.1.49.1")));
+    EXPECT_EQ(last->reply.buffer, last->replyBuffer);
+    EXPECT_EQ(last->text(), "97");
+    EXPECT_EQ(kelp::testspy::spy().allocations, 1);
+    EXPECT_EQ(kelp::testspy::spy().frees, 1);
+}
+
+// Column 49 answers "Not Applicable" in a buffer of its own too: the one of
+// the failed column 48 before it is freed, not lost, and the answer's buffer
+// passes to the caller.
+TEST_F(GetNextTest, ABufferOfItsOwnAfterAFailedOneIsTheOnlyOneLeft)
+{
+    build(object(1, "arraydisks", 0, {{"Nexus", "0\\1\\4"}}));
+    kelp::testspy::reset();
+    EXPECT_EQ(next({130, 4, 1, 47, 1}), std::make_pair(0, std::string("130.4.1.49.1")));
+    EXPECT_EQ(last->text(), "Not Applicable");
+    ASSERT_NE(last->reply.buffer, last->replyBuffer);
+    EXPECT_EQ(kelp::testspy::spy().allocations, 2);
+    EXPECT_EQ(kelp::testspy::spy().frees, 1);
+    SMFreeMem(last->reply.buffer);
+}
+
+// Column 42 reads the power state into the reply, which drops the buffer,
+// then fails without "MediaType"; column 43 fails without its attribute; the
+// text of column 44 still has the caller's buffer to go into.
+TEST_F(GetNextTest, AFailedCandidateThatDroppedTheBufferGivesTheCallersBack)
+{
+    build(object(1, "arraydisks", 0,
+                 {{"Nexus", "0\\1\\4"}, {"PDPowerState", "1"}, {"ModelNumber", "M"}}));
+    EXPECT_EQ(next({130, 4, 1, 41, 1}), std::make_pair(0, std::string("130.4.1.44.1")));
+    EXPECT_EQ(last->reply.buffer, last->replyBuffer);
+    EXPECT_EQ(last->text(), "M");
 }
 
 TEST_F(GetNextTest, AnEntryArcAboveOneEndsTheWalk)

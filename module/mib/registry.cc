@@ -13,7 +13,7 @@ constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
     {130, 1, &ctrlList, getCtrl, &ctrlList, 73},
     {130, 2, &chanList, getChan, &chanList, 11},
     {130, 3, &enclList, getEncl, &enclList, 34},
-    {130, 4, &adList, nullptr, &adList, 53},
+    {130, 4, &adList, getAD, &adList, 53},
     {130, 5, &adEnclConnList, nullptr, &adList, 7},
     {130, 6, &adChanConnList, nullptr, &adList, 7},
     {130, 7, &fanList, nullptr, &fanList, 17},

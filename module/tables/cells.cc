@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "platform/evtmsg.h"
+#include "platform/vcsupt.h"
 #include "platform/vscil.h"
 #include "store/rowref.h"
 
@@ -119,6 +120,21 @@ int32_t answerText(const Cell &cell, std::string_view text)
     auto *buffer = static_cast<char *>(cell.reply->buffer);
     std::memcpy(buffer, text.data(), length);
     buffer[length] = '\0';
+    cell.reply->type = SM_ASN_OCTET_STRING;
+    cell.reply->value = static_cast<uint32_t>(length);
+    return SM_SNMP_NOERROR;
+}
+
+int32_t answerOwnText(const Cell &cell, std::string_view text)
+{
+    auto *buffer = static_cast<char *>(SMAllocMem(kOwnBufferSize));
+    if (buffer == nullptr) {
+        return SM_SNMP_GENERR;
+    }
+    const size_t length = std::min<size_t>(text.size(), kOwnBufferSize - 1);
+    std::memcpy(buffer, text.data(), length);
+    buffer[length] = '\0';
+    cell.reply->buffer = buffer;
     cell.reply->type = SM_ASN_OCTET_STRING;
     cell.reply->value = static_cast<uint32_t>(length);
     return SM_SNMP_NOERROR;

@@ -102,6 +102,20 @@ void answerUnset(const Cell &cell);
 // a reply buffer. `text` is cut to kValueBufferSize - 1 bytes.
 int32_t answerText(const Cell &cell, std::string_view text);
 
+// The size of every buffer a getter puts into the reply in place of the
+// caller's: the host's minimum reply buffer, so that whatever is written into
+// the reply's buffer later (a GetNext's next candidate, the host) fits as it
+// would in the caller's own.
+inline constexpr uint32_t kOwnBufferSize = 1024;
+
+// Type 4: `text` and a NUL in a new buffer of kOwnBufferSize bytes from
+// SMAllocMem, put in place of the reply's buffer pointer, and its length.
+// The caller's buffer is neither written nor freed; the new buffer is the
+// caller's from then on, who frees it with SMFreeMem (getters.h). `text` is
+// cut to kOwnBufferSize - 1 bytes. 0, or 5 when the allocation fails, with
+// the reply untouched.
+int32_t answerOwnText(const Cell &cell, std::string_view text);
+
 // The location-string service's display name of the row's object and the
 // service's status.
 struct DisplayName {

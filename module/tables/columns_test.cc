@@ -9,10 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "platform/evtmsg.h"
+#include "platform/vcsupt.h"
 #include "store/build.h"
 #include "store/tablelist.h"
 #include "testing/debug_capture.h"
 #include "testing/model_fixture.h"
+#include "testing/test_spy.h"
 
 namespace {
 
@@ -158,6 +160,44 @@ TEST_F(ColumnReaderTest, ADisplayNameIsTheLocationServicesThirdText)
     EXPECT_EQ(read({2, nullptr, kDisplayName, {.number = 777}}), status);
     EXPECT_EQ(reply.type, static_cast<uint32_t>(SM_ASN_OCTET_STRING));
     EXPECT_EQ(std::string(buffer.data(), reply.value), name);
+}
+
+TEST_F(ColumnReaderTest, AnOwnTextGoesToTheCallerInANewBufferOfTheHostsSize)
+{
+    reply = SMSnmpValue{};
+    reply.value = kUntouched;
+    reply.buffer = buffer.data();
+    buffer.fill('Z');
+    const Cell cell{1, 0, 1, 2, &reply};
+    kelp::testspy::reset();
+    ASSERT_EQ(answerOwnText(cell, "Not Available"), 0);
+    EXPECT_EQ(kelp::testspy::spy().lastAllocSize, kOwnBufferSize);
+    EXPECT_GE(kOwnBufferSize, buffer.size()) << "as large as the host's buffer";
+    ASSERT_NE(reply.buffer, buffer.data());
+    EXPECT_EQ(reply.type, static_cast<uint32_t>(SM_ASN_OCTET_STRING));
+    EXPECT_EQ(reply.value, 13u);
+    EXPECT_STREQ(static_cast<const char *>(reply.buffer), "Not Available");
+    EXPECT_EQ(buffer[0], 'Z') << "the caller's buffer is not written";
+    SMFreeMem(reply.buffer);
+
+    // A text longer than the buffer is cut to fit with its NUL.
+    reply.buffer = buffer.data();
+    ASSERT_EQ(answerOwnText(cell, std::string(2 * kOwnBufferSize, 'x')), 0);
+    EXPECT_EQ(reply.value, kOwnBufferSize - 1);
+    EXPECT_EQ(static_cast<const char *>(reply.buffer)[kOwnBufferSize - 1], '\0');
+    SMFreeMem(reply.buffer);
+
+    // Without memory the reply stays as it was.
+    reply = SMSnmpValue{};
+    reply.type = 0x55;
+    reply.value = kUntouched;
+    reply.buffer = buffer.data();
+    kelp::testspy::spy().failAllocationsAfter = 0;
+    EXPECT_EQ(answerOwnText(cell, "No"), 5);
+    kelp::testspy::reset();
+    EXPECT_EQ(reply.type, 0x55u);
+    EXPECT_EQ(reply.value, kUntouched);
+    EXPECT_EQ(reply.buffer, buffer.data());
 }
 
 TEST_F(ColumnReaderTest, ARowPrintsItsLinesAroundTheRead)

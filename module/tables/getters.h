@@ -22,7 +22,9 @@ extern "C" {
 // exist or could not be read, and the value part is then not meaningful (a
 // column may have written its type or a number such as 99). A few columns
 // answer success without writing a value: the host, which presets the
-// reply's type to 0, reads that as no value for the cell.
+// reply's type to 0, reads that as no value for the cell. A display-name
+// column answers the location-string service's status, and a column that
+// cannot allocate its own buffer answers 5.
 //
 // Buffers: text columns copy at most 160 bytes (text and NUL) into
 // reply->buffer, which the caller supplies (the host sizes it to 1024 bytes)

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/smsnmp.h"
+#include "platform/vcsupt.h"
 #include "store/build.h"
 #include "testing/model_fixture.h"
 
@@ -65,6 +66,7 @@ struct Answer {
     uint32_t value = 0;
     std::string text; // type 4 only
     bool nullBuffer = false;
+    bool ownBuffer = false; // the getter put a buffer of its own in the reply
 };
 
 // The table under test: its getter, its place (root.group.table) and the
@@ -109,10 +111,16 @@ class TableTest : public ModelTest {
         answer.type = reply.type;
         answer.value = reply.value;
         answer.nullBuffer = reply.buffer == nullptr;
+        answer.ownBuffer = reply.buffer != nullptr && reply.buffer != buffer.data();
+        // A getter's own buffer holds at least as much as the caller's.
         if (reply.type == kStr && reply.buffer != nullptr && reply.value < buffer.size()) {
             answer.text.assign(static_cast<const char *>(reply.buffer), reply.value);
             EXPECT_EQ(static_cast<const char *>(reply.buffer)[reply.value], '\0')
                 << "text without its NUL";
+        }
+        // It passed to the caller with the reply (getters.h).
+        if (answer.ownBuffer) {
+            SMFreeMem(reply.buffer);
         }
         return answer;
     }
