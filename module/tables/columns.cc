@@ -19,9 +19,9 @@ void printLine(const char *line)
 }
 
 // The number a 64-bit kind answers; false when the rule leaves it unwritten.
-bool wideAnswer(const ColumnSpec &spec, uint64_t wide, uint32_t *number)
+bool wideAnswer(const ColumnSpec &def, uint64_t wide, uint32_t *number)
 {
-    switch (spec.kind) {
+    switch (def.kind) {
     case ColumnKind::kLowestBit:
         *number = wide == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(wide)) + 1;
         return true;
@@ -38,10 +38,10 @@ bool wideAnswer(const ColumnSpec &spec, uint64_t wide, uint32_t *number)
         *number = 0;
         return true;
     case ColumnKind::kShiftRight:
-        *number = static_cast<uint32_t>(wide >> spec.extra.number);
+        *number = static_cast<uint32_t>(wide >> def.extra.number);
         return true;
     default: // kLowBits
-        *number = static_cast<uint32_t>(wide & spec.extra.number);
+        *number = static_cast<uint32_t>(wide & def.extra.number);
         return true;
     }
 }
@@ -64,25 +64,25 @@ uint32_t maskAnswer(const MaskAnswer &answer, char c)
 // Reads the attribute of an integer column and works out its number. 0 with
 // *number set, 0 with *written false when the rule leaves the number as it
 // was, or the read's failure.
-int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number, bool *written)
+int32_t integerColumn(const Cell &cell, const ColumnSpec &def, uint32_t *number, bool *written)
 {
     *written = true;
-    switch (spec.kind) {
+    switch (def.kind) {
     case ColumnKind::kInteger:
     case ColumnKind::kPlusOne:
     case ColumnKind::kMapped:
     case ColumnKind::kQuotient: {
         uint32_t stored = 0;
-        const int32_t status = readNumber(cell, spec.attribute, &stored);
-        switch (spec.kind) {
+        const int32_t status = readNumber(cell, def.attribute, &stored);
+        switch (def.kind) {
         case ColumnKind::kPlusOne:
             *number = stored + 1;
             break;
         case ColumnKind::kMapped:
-            *number = mapped(*spec.extra.map, stored);
+            *number = mapped(*def.extra.map, stored);
             break;
         case ColumnKind::kQuotient:
-            *number = stored / spec.extra.number;
+            *number = stored / def.extra.number;
             break;
         default:
             *number = stored;
@@ -91,7 +91,7 @@ int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number
         return status;
     }
     case ColumnKind::kAssociatedNumber: {
-        HeapText text(getAssocVal(cell.objId, spec.extra.association, spec.attribute, 0));
+        HeapText text(getAssocVal(cell.objId, def.extra.association, def.attribute, 0));
         if (text == nullptr) {
             return SM_SNMP_NOSUCHNAME;
         }
@@ -100,62 +100,62 @@ int32_t integerColumn(const Cell &cell, const ColumnSpec &spec, uint32_t *number
     }
     case ColumnKind::kMaskChar: {
         LocalText mask;
-        const int32_t status = mask.read(cell, spec.attribute);
-        *number = maskAnswer(spec.extra.mask, mask.at(spec.extra.number));
+        const int32_t status = mask.read(cell, def.attribute);
+        *number = maskAnswer(def.extra.mask, mask.at(def.extra.number));
         return status;
     }
     default: { // the 64-bit kinds
         uint64_t wide = 0;
-        const int32_t status = readWide(cell, spec.attribute, &wide);
-        *written = wideAnswer(spec, wide, number);
+        const int32_t status = readWide(cell, def.attribute, &wide);
+        *written = wideAnswer(def, wide, number);
         return status;
     }
     }
 }
 
 // A failed read of an integer column, answered by the column's OnFailure.
-int32_t failedRead(const Cell &cell, const ColumnSpec &spec, int32_t status)
+int32_t failedRead(const Cell &cell, const ColumnSpec &def, int32_t status)
 {
-    printLine(spec.extra.failed);
-    const OnFailure &failure = spec.extra.failure;
+    printLine(def.extra.failed);
+    const OnFailure &failure = def.extra.failure;
     if (failure.answers) {
         answerNumber(cell, failure.number);
     }
     return failure.succeeds ? SM_SNMP_NOERROR : status;
 }
 
-int32_t textColumn(const Cell &cell, const ColumnSpec &spec)
+int32_t textColumn(const Cell &cell, const ColumnSpec &def)
 {
-    printLine(spec.extra.before);
-    const int32_t status = readText(cell, spec.attribute);
+    printLine(def.extra.before);
+    const int32_t status = readText(cell, def.attribute);
     if (status != SM_SNMP_NOERROR) {
-        printLine(spec.extra.failed);
+        printLine(def.extra.failed);
     }
     // The closing line follows the read whatever its result, as the columns
     // that have one describe it ("before" and "after" the read); a failed
     // read leaves no text to show, so it shows an empty one rather than
     // whatever the buffer held.
-    if (spec.extra.after != nullptr) {
-        VscilDebugPrint(spec.extra.after, status == SM_SNMP_NOERROR
-                                              ? static_cast<const char *>(cell.reply->buffer)
-                                              : "");
+    if (def.extra.after != nullptr) {
+        VscilDebugPrint(def.extra.after, status == SM_SNMP_NOERROR
+                                             ? static_cast<const char *>(cell.reply->buffer)
+                                             : "");
     }
     return status;
 }
 
-int32_t numberColumn(const Cell &cell, const ColumnSpec &spec)
+int32_t numberColumn(const Cell &cell, const ColumnSpec &def)
 {
-    printLine(spec.extra.before);
+    printLine(def.extra.before);
     uint32_t number = 0;
     bool written = true;
-    const int32_t status = integerColumn(cell, spec, &number, &written);
+    const int32_t status = integerColumn(cell, def, &number, &written);
     if (status != SM_SNMP_NOERROR) {
-        return failedRead(cell, spec, status);
+        return failedRead(cell, def, status);
     }
     // A mask is read into a buffer of the call's own and an associated
     // object's text is getAssocVal's; every other kind reads its number as
     // the value extraction does, which leaves the reply without a buffer.
-    if (spec.kind != ColumnKind::kMaskChar && spec.kind != ColumnKind::kAssociatedNumber) {
+    if (def.kind != ColumnKind::kMaskChar && def.kind != ColumnKind::kAssociatedNumber) {
         cell.reply->buffer = nullptr;
     }
     if (written) {
@@ -163,19 +163,18 @@ int32_t numberColumn(const Cell &cell, const ColumnSpec &spec)
     } else {
         answerUnset(cell);
     }
-    if (spec.extra.after != nullptr) {
-        VscilDebugPrint(spec.extra.after, static_cast<int32_t>(cell.reply->value));
+    if (def.extra.after != nullptr) {
+        VscilDebugPrint(def.extra.after, static_cast<int32_t>(cell.reply->value));
     }
     return status;
 }
 
-// The spec of `column`, or null when the table has none.
+// The def of `column`, or null when the table has none.
 const ColumnSpec *findColumn(std::span<const ColumnSpec> columns, uint32_t column)
 {
-    const auto spec =
-        std::lower_bound(columns.begin(), columns.end(), column,
-                         [](const ColumnSpec &s, uint32_t c) { return s.column < c; });
-    return spec == columns.end() || spec->column != column ? nullptr : &*spec;
+    const auto def = std::lower_bound(columns.begin(), columns.end(), column,
+                                      [](const ColumnSpec &s, uint32_t c) { return s.column < c; });
+    return def == columns.end() || def->column != column ? nullptr : &*def;
 }
 
 } // namespace

@@ -128,7 +128,7 @@ struct TableSpec {
 };
 
 // The whole of a getter: the log lines of `table`, the row the request names
-// (openRow on table.list), the column's spec (2 when the table has none) read
+// (openRow on table.list), the column's definition (2 when the table has none) read
 // with readColumn.
 int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSnmpValue *reply,
                         uint32_t position);
@@ -178,48 +178,48 @@ consteval bool isIntegerKind(ColumnKind kind)
 consteval bool validColumns(std::span<const ColumnSpec> columns)
 {
     uint32_t previous = 0;
-    for (const ColumnSpec &spec : columns) {
-        const ColumnExtra &x = spec.extra;
-        if (spec.column <= previous) {
+    for (const ColumnSpec &def : columns) {
+        const ColumnExtra &x = def.extra;
+        if (def.column <= previous) {
             return false;
         }
-        previous = spec.column;
-        const bool reads = readsAttribute(spec.kind);
-        if (reads && spec.attribute == nullptr) {
+        previous = def.column;
+        const bool reads = readsAttribute(def.kind);
+        if (reads && def.attribute == nullptr) {
             return false;
         }
-        if ((spec.kind == ColumnKind::kConstText) != (x.text != nullptr) ||
-            (spec.kind == ColumnKind::kMapped) != (x.map != nullptr) ||
-            (spec.kind == ColumnKind::kAssociatedNumber) != (x.association != nullptr)) {
+        if ((def.kind == ColumnKind::kConstText) != (x.text != nullptr) ||
+            (def.kind == ColumnKind::kMapped) != (x.map != nullptr) ||
+            (def.kind == ColumnKind::kAssociatedNumber) != (x.association != nullptr)) {
             return false;
         }
         // A special column's function is not compared here: with UBSan, g++
         // refuses to compare the address of a function template instance
         // at compile time. readColumn refuses a special column without one.
-        if (spec.kind != ColumnKind::kSpecial && x.special != nullptr) {
+        if (def.kind != ColumnKind::kSpecial && x.special != nullptr) {
             return false;
         }
-        if (spec.kind == ColumnKind::kShiftRight && x.number > 63) {
+        if (def.kind == ColumnKind::kShiftRight && x.number > 63) {
             return false;
         }
-        if (spec.kind == ColumnKind::kQuotient && x.number == 0) {
+        if (def.kind == ColumnKind::kQuotient && x.number == 0) {
             return false;
         }
-        if (spec.kind == ColumnKind::kDisplayName && x.number == 0) {
+        if (def.kind == ColumnKind::kDisplayName && x.number == 0) {
             return false;
         }
         if (!reads && (x.before != nullptr || x.after != nullptr || x.failed != nullptr ||
                        x.failure.answers || x.failure.succeeds)) {
             return false;
         }
-        if ((x.failure.answers || x.failure.succeeds) && !isIntegerKind(spec.kind)) {
+        if ((x.failure.answers || x.failure.succeeds) && !isIntegerKind(def.kind)) {
             return false;
         }
         if (x.failure.succeeds && !x.failure.answers) {
             return false; // a success must answer something
         }
         if (x.after != nullptr &&
-            !hasOneConversion(x.after, spec.kind == ColumnKind::kText ? 's' : 'd')) {
+            !hasOneConversion(x.after, def.kind == ColumnKind::kText ? 's' : 'd')) {
             return false;
         }
     }

@@ -182,7 +182,8 @@ class TrapReceiver {
         writeFile(dir / "snmptrapd.conf", "disableAuthorization yes\n");
         process_ = std::make_unique<Process>(
             std::vector<std::string>{"snmptrapd", "-f", "-Lf", dir / "traps.log", "-On", "-C", "-c",
-                                     dir / "snmptrapd.conf", "-F", "v=%s gen=%w spec=%q vbs=%v\n",
+                                     dir / "snmptrapd.conf", "-F",
+                                     "v=%s gen=%w specific=%q vbs=%v\n",
                                      "udp:127.0.0.1:" + std::to_string(port_)},
             snmpEnv(dir), dir / "trapd.out", dir / "trapd.err");
         ready_ = waitFor([&] { return log().find("NET-SNMP version") != std::string::npos; }, 20s);
