@@ -169,6 +169,43 @@ int32_t numberColumn(const Cell &cell, const ColumnSpec &def)
     return status;
 }
 
+// A connection table's partner: the text of `def.attribute` of the first
+// object of kind def.extra.association associated with the row's object.
+// No partner prints `failed` and answers 2.
+int32_t partnerText(const Cell &cell, const ColumnSpec &def)
+{
+    HeapText text(getAssocVal(cell.objId, def.extra.association, def.attribute, 0));
+    if (text == nullptr) {
+        printLine(def.extra.failed);
+        return SM_SNMP_NOSUCHNAME;
+    }
+    return answerText(cell, text.get());
+}
+
+// The partner's row number in its own table, so that a manager can use it
+// as the row index there: the partner's id (def.attribute, "ObjID") looked
+// up in *def.extra.partners. The number is worked out, not read into the
+// reply, so the caller's buffer stays.
+int32_t partnerRow(const Cell &cell, const ColumnSpec &def)
+{
+    if (def.extra.partners == nullptr) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    HeapText id(getAssocVal(cell.objId, def.extra.association, def.attribute, 0));
+    if (id == nullptr) {
+        printLine(def.extra.failed);
+        return SM_SNMP_NOSUCHNAME;
+    }
+    const ObjNode *node =
+        findByObjId(def.extra.partners, static_cast<int32_t>(decimalPrefix(id.get())));
+    if (node == nullptr) {
+        printLine(def.extra.notListed);
+        return SM_SNMP_NOSUCHNAME;
+    }
+    answerNumber(cell, node->index);
+    return SM_SNMP_NOERROR;
+}
+
 // The def of `column`, or null when the table has none.
 const ColumnSpec *findColumn(std::span<const ColumnSpec> columns, uint32_t column)
 {
@@ -199,6 +236,10 @@ int32_t readColumn(const Cell &cell, const ColumnSpec &column)
         return column.extra.special(cell, column);
     case ColumnKind::kText:
         return textColumn(cell, column);
+    case ColumnKind::kPartnerText:
+        return partnerText(cell, column);
+    case ColumnKind::kPartnerRow:
+        return partnerRow(cell, column);
     default:
         return numberColumn(cell, column);
     }

@@ -28,6 +28,8 @@ enum class ColumnKind : uint8_t {
     kPlusOne,          // the attribute plus 1 (the status columns)
     kMapped,           // the attribute through *extra.map
     kAssociatedNumber, // the attribute of the first associated extra.association object
+    kPartnerText,      // the same attribute's text: the partner of a connection table
+    kPartnerRow,       // the row, in *extra.partners, of the object whose id that attribute is
     kLowestBit,        // 64-bit attribute: 0 answers 0, else 1 + its trailing zero bits
     kLowestBitOrUnset, // the same, but 0 leaves the number unwritten
     kLow32Bits,        // 64-bit attribute, its low 32 bits
@@ -99,6 +101,13 @@ struct ColumnExtra {
     // whose first one holds the attribute, read as an unsigned decimal
     // number (getAssocVal); none answers 2.
     const char *association = nullptr;
+    // kPartnerRow: the list whose row numbers the column answers (not
+    // checked by validColumns: g++ cannot compare a list's address at
+    // compile time in a sanitizer build; readColumn refuses a null one).
+    ObjList *partners = nullptr;
+    // kPartnerRow: printed when the partner is not in *partners (`failed`
+    // is printed when there is no partner at all).
+    const char *notListed = nullptr;
 };
 
 // One column of a table. `attribute` is the data-store attribute the kind
@@ -165,10 +174,13 @@ consteval bool readsAttribute(ColumnKind kind)
            kind != ColumnKind::kDisplayName;
 }
 
+// The kinds that answer a number through the generic integer path, where a
+// failed read may be answered (OnFailure).
 consteval bool isIntegerKind(ColumnKind kind)
 {
     return kind != ColumnKind::kText && kind != ColumnKind::kConstText &&
-           kind != ColumnKind::kSpecial && kind != ColumnKind::kDisplayName;
+           kind != ColumnKind::kSpecial && kind != ColumnKind::kDisplayName &&
+           kind != ColumnKind::kPartnerText && kind != ColumnKind::kPartnerRow;
 }
 
 // The rules a table must keep for answerTableCell and readColumn: columns
@@ -190,7 +202,8 @@ consteval bool validColumns(std::span<const ColumnSpec> columns)
         }
         if ((def.kind == ColumnKind::kConstText) != (x.text != nullptr) ||
             (def.kind == ColumnKind::kMapped) != (x.map != nullptr) ||
-            (def.kind == ColumnKind::kAssociatedNumber) != (x.association != nullptr)) {
+            (def.kind == ColumnKind::kAssociatedNumber || def.kind == ColumnKind::kPartnerText ||
+             def.kind == ColumnKind::kPartnerRow) != (x.association != nullptr)) {
             return false;
         }
         // A special column's function is not compared here: with UBSan, g++
@@ -217,6 +230,14 @@ consteval bool validColumns(std::span<const ColumnSpec> columns)
         }
         if (x.failure.succeeds && !x.failure.answers) {
             return false; // a success must answer something
+        }
+        const bool partner =
+            def.kind == ColumnKind::kPartnerText || def.kind == ColumnKind::kPartnerRow;
+        if (partner && x.after != nullptr) {
+            return false; // a partner column prints only its failure lines
+        }
+        if (def.kind != ColumnKind::kPartnerRow && x.notListed != nullptr) {
+            return false;
         }
         if (x.after != nullptr &&
             !hasOneConversion(x.after, def.kind == ColumnKind::kText ? 's' : 'd')) {

@@ -312,4 +312,80 @@ TEST_F(ColumnReaderTest, ANameEndingBeforeTheEntryArcShowsNoId)
     EXPECT_EQ(capture.text(), "x\n");
 }
 
+// ---- Partner kinds of the connection tables --------------------------------------
+
+class PartnerTest : public ModelTest {
+  protected:
+    void SetUp() override
+    {
+        ModelTest::SetUp();
+        // Fan 5 belongs to controller 2 (the second controller row).
+        serve(object(1, "adapters", 0, {{"Nexus", "0"}, {"Name", "First"}}) +
+              object(2, "adapters", 0, {{"Nexus", "1"}, {"Name", "Vorn RX-240"}}) +
+              object(5, "fans", 2, {{"Nexus", "1\\0\\0\\1\\0"}}));
+        ASSERT_EQ(buildTable(&ctrlList, "adapters"), 0);
+    }
+    int32_t read(const ColumnSpec &column)
+    {
+        reply = SMSnmpValue{};
+        reply.type = 0x55;
+        reply.value = kUntouched;
+        reply.buffer = buffer.data();
+        return readColumn(Cell{5, 0, 1, column.column, &reply}, column);
+    }
+    SMSnmpValue reply{};
+    std::array<char, 1024> buffer{};
+};
+
+TEST_F(PartnerTest, APartnerTextIsTheAssociatedObjectsAttribute)
+{
+    ASSERT_EQ(read({6, "Name", kPartnerText, {.association = "adapters"}}), 0);
+    EXPECT_EQ(reply.type, static_cast<uint32_t>(SM_ASN_OCTET_STRING));
+    EXPECT_EQ(std::string(buffer.data(), reply.value), "Vorn RX-240");
+    DebugCapture capture;
+    EXPECT_EQ(read({6, "Name", kPartnerText, {.failed = "t: none\n", .association = "enclosures"}}),
+              2);
+    EXPECT_EQ(reply.value, kUntouched);
+    EXPECT_EQ(capture.text(), "t: none\n");
+}
+
+TEST_F(PartnerTest, APartnerRowIsThePartnersRowInItsOwnTable)
+{
+    ASSERT_EQ(read({7, "ObjID", kPartnerRow, {.association = "adapters", .partners = &ctrlList}}),
+              0);
+    EXPECT_EQ(reply.type, static_cast<uint32_t>(SM_ASN_INTEGER));
+    EXPECT_EQ(reply.value, 2u);
+    EXPECT_EQ(reply.buffer, buffer.data()) << "worked out, not read into the reply";
+
+    DebugCapture capture;
+    const ColumnExtra lines{.failed = "t: assocData is NULL\n",
+                            .association = "adapters",
+                            .partners = &enclList,
+                            .notListed = "t: not in list\n"};
+    EXPECT_EQ(read({7, "ObjID", kPartnerRow, lines}), 2) << "the enclosure list is empty";
+    ColumnExtra noPartner = lines;
+    noPartner.association = "enclosures";
+    EXPECT_EQ(read({7, "ObjID", kPartnerRow, noPartner}), 2);
+    EXPECT_EQ(capture.text(), "t: not in list\nt: assocData is NULL\n");
+    EXPECT_EQ(reply.value, kUntouched);
+    EXPECT_EQ(read({7, "ObjID", kPartnerRow, {.association = "adapters"}}), 2) << "no partner list";
+}
+
+TEST(ColumnTableCheck, PartnerColumnsNeedTheirKindAndPrintOnlyFailures)
+{
+    constexpr ColumnSpec noKind[] = {{1, "Name", kPartnerText}};
+    constexpr ColumnSpec withAfter[] = {
+        {1, "Name", kPartnerText, {.after = "x: %s\n", .association = "adapters"}}};
+    constexpr ColumnSpec listedText[] = {
+        {1, "Name", kPartnerText, {.association = "adapters", .notListed = "x\n"}}};
+    constexpr ColumnSpec fine[] = {
+        {1, "Name", kPartnerText, {.failed = "x\n", .association = "adapters"}},
+        {2, "ObjID", kPartnerRow, {.association = "adapters", .notListed = "y\n"}}};
+    static_assert(!validColumns(noKind));
+    static_assert(!validColumns(withAfter));
+    static_assert(!validColumns(listedText));
+    static_assert(validColumns(fine));
+    SUCCEED();
+}
+
 } // namespace
