@@ -5,7 +5,7 @@ BUILD_ASAN ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps build run test asan bench clean
+.PHONY: all deps build run test asan bench format format-check clean
 
 all: build
 
@@ -44,6 +44,14 @@ bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench
 	$(BUILD)-bench/bin/kelp_bench
+
+# Formats every tracked C++ source in place (.clang-format); format-check only
+# names the files that are not formatted and fails, as CI does first.
+format: deps
+	git ls-files -z '*.cc' '*.h' | xargs -0 clang-format -i
+
+format-check: deps
+	@scripts/check-format.sh
 
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench

@@ -8,6 +8,7 @@ packages=(
   libsnmp-dev snmp snmpd snmptrapd
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
+  clang-format git
 )
 
 missing=()

@@ -1,5 +1,7 @@
 // GetNext resolution: the fixed walk over scalars, groups and tables, and
 // its special ends.
+#include <cstddef>
+
 #include <gtest/gtest.h>
 
 #include "frame/state.h"
@@ -244,7 +246,8 @@ TEST_F(GetNextTest, EveryPrefixOfAWalkedNameIsAnsweredInOrder)
     ASSERT_GT(walked.size(), 20u);
     for (const std::vector<uint32_t> &name : walked) {
         for (size_t length = 0; length <= name.size(); length++) {
-            const std::vector<uint32_t> prefix(name.begin(), name.begin() + length);
+            const std::vector<uint32_t> prefix(name.begin(),
+                                               name.begin() + static_cast<std::ptrdiff_t>(length));
             Exchange get{{}, false};
             get.requestArcs = prefix;
             get.request.name = SMSnmpOID{static_cast<uint32_t>(length), 0,

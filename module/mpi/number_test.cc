@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "mpi/mpi.h"
-#include "testing/test_spy.h"
 #include "platform/vcsupt.h"
+#include "testing/test_spy.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "mib/mibdef.h"
 #include "mpi/mpi.h"
 #include "mpi/oid_testing.h"
-#include "testing/test_spy.h"
 #include "platform/vcsupt.h"
+#include "testing/test_spy.h"
 
 namespace {
 

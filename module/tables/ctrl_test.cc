@@ -2,6 +2,7 @@
 // associated disks, the rows and names it refuses, and the shipped sample
 // model. The mask and spin-down columns are in ctrl_mask_test.cc.
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,8 +106,9 @@ TEST_F(CtrlTest, MissingAttributesFailPlainColumnsAndGiveCapabilityAnswers)
             EXPECT_EQ(a.text, c.text) << "column " << c.column;
         }
     }
-    for (uint32_t column : {2,  4,  5,  7,  8,  9,  10, 15, 16, 37, 38, 40, 41, 42, 43, 44,
-                            45, 46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 70, 71}) {
+    for (uint32_t column : std::initializer_list<uint32_t>{
+             2,  4,  5,  7,  8,  9,  10, 15, 16, 37, 38, 40, 41, 42, 43, 44,
+             45, 46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 70, 71}) {
         const Answer a = get(column);
         EXPECT_EQ(a.result, 2) << "column " << column;
         EXPECT_EQ(a.value, kUntouched) << "column " << column;

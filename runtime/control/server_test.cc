@@ -190,8 +190,7 @@ TEST_F(ControlServerTest, LoadOfAFifoOrADeviceIsAnErrorAndTheNextClientIsServed)
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string &path : {fifo, std::string("/dev/zero")}) {
         std::string answer;
-        EXPECT_TRUE(returnsPromptly(fifo, [&] { answer = ask(socket_, "load " + path); }))
-            << path;
+        EXPECT_TRUE(returnsPromptly(fifo, [&] { answer = ask(socket_, "load " + path); })) << path;
         EXPECT_EQ(answer, "error: " + path + ": not a regular file\n");
         EXPECT_TRUE(ask(socket_, "status").starts_with("model: test-model\n"));
     }

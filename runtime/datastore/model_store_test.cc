@@ -128,9 +128,9 @@ TEST_F(ModelStoreTest, FifoDeviceAndOversizedFileAreRefusedAtOnceAndChangeNothin
         EXPECT_FALSE(loaded) << path;
         EXPECT_EQ(error, message);
         char full[512] = "unchanged";
-        EXPECT_TRUE(returnsPromptly(
-            fifo, [&] { EXPECT_NE(kelpRuntimeLoadModel(path.c_str(), full, sizeof full), 0); }))
-            << path;
+        EXPECT_TRUE(returnsPromptly(fifo, [&] {
+            EXPECT_NE(kelpRuntimeLoadModel(path.c_str(), full, sizeof full), 0);
+        })) << path;
         EXPECT_EQ(std::string(full), message);
         EXPECT_EQ(ds::servedModel(), before) << path;
     }

@@ -105,8 +105,9 @@ TEST_F(EventIfTest, ConcurrentWritersAndAReaderLoseAndDuplicateNothing)
         EXPECT_TRUE(seen.insert(xml).second) << xml;
         int n = std::stoi(xml.substr(9));
         // Each writer's events come out in the order it queued them.
-        EXPECT_GT(n % kEach, lastOfWriter[n / kEach]);
-        lastOfWriter[n / kEach] = n % kEach;
+        const auto writer = static_cast<size_t>(n / kEach);
+        EXPECT_GT(n % kEach, lastOfWriter[writer]);
+        lastOfWriter[writer] = n % kEach;
     }
     for (auto &t : writers)
         t.join();

@@ -213,7 +213,7 @@ TEST_F(PluginHostTest, RequestNamesOfAnyShapeAreAnsweredWithoutHarm)
     for (int i = 0; i < 200; i++) {
         std::vector<uint32_t> name(random() % 40);
         for (uint32_t &arc : name) {
-            arc = random();
+            arc = static_cast<uint32_t>(random());
         }
         names.push_back(name);
     }
