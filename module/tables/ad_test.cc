@@ -4,6 +4,7 @@
 // ad_rules_test.cc, the name in ad_name_test.cc, the buffers in
 // ad_buffer_test.cc.
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -138,9 +139,9 @@ TEST_F(AdTest, MissingAttributesFailPlainColumnsAndGiveTheRulesAnswers)
             EXPECT_EQ(a.text, c.text) << "column " << c.column;
         }
     }
-    for (uint32_t column :
-         {3,  4,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 17, 18, 19, 20, 21, 22, 23,
-          24, 25, 27, 28, 29, 30, 31, 32, 33, 34, 43, 44, 45, 46, 47, 50, 51, 52, 53}) {
+    for (uint32_t column : std::initializer_list<uint32_t>{
+             3,  4,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 17, 18, 19, 20, 21, 22, 23,
+             24, 25, 27, 28, 29, 30, 31, 32, 33, 34, 43, 44, 45, 46, 47, 50, 51, 52, 53}) {
         const Answer a = get(column);
         EXPECT_EQ(a.result, 2) << "column " << column;
         EXPECT_EQ(a.value, kUntouched) << "column " << column;

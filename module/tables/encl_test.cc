@@ -2,10 +2,10 @@
 // number from the enclosure type, the channel taken from the nexus, the slot
 // columns, the rows and names it refuses, the reply's buffer pointer and the
 // shipped models. The service tag columns are in encl_tag_test.cc.
-#include <dlfcn.h>
-
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -119,8 +119,8 @@ TEST_F(EnclTest, ColumnsOutsideTheTableAreNoSuchName)
 TEST_F(EnclTest, MissingAttributesFailTheirColumnsButNotTheSlotAndTagColumns)
 {
     serveEnclosure({});
-    for (uint32_t column :
-         {2, 4, 6, 9, 10, 11, 12, 16, 18, 19, 20, 21, 23, 24, 26, 27, 28, 29, 30}) {
+    for (uint32_t column : std::initializer_list<uint32_t>{2, 4, 6, 9, 10, 11, 12, 16, 18, 19, 20,
+                                                           21, 23, 24, 26, 27, 28, 29, 30}) {
         const Answer a = get(column);
         EXPECT_EQ(a.result, 2) << "column " << column;
         EXPECT_EQ(a.value, kUntouched) << "column " << column;

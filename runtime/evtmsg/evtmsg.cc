@@ -74,9 +74,8 @@ uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus, const
         namespace em = kelp::rt::evtmsg;
         em::LocationTexts texts;
         // A separator longer than an area cannot change what fits in one.
-        const uint32_t status =
-            em::objectLocation(objType, bounded(nexus, em::kLongestNexus),
-                               bounded(separator, EVTMSG_TEXT_SIZE), &texts);
+        const uint32_t status = em::objectLocation(objType, bounded(nexus, em::kLongestNexus),
+                                                   bounded(separator, EVTMSG_TEXT_SIZE), &texts);
         copyText(texts.location1, location1);
         copyText(texts.location2, location2);
         copyText(texts.displayName, displayName);

@@ -59,8 +59,7 @@ constexpr NameRule kRules[] = {
     {777, "fans", "C\\H\\E\\1\\I", "Fan {I}", kController, true, "Enclosure {H}:{E}"},
     {778, "tempprobes", "C\\H\\E\\3\\I", "Temperature Probe {I}", kController, true,
      "Enclosure {H}:{E}"},
-    {779, "psupplies", "C\\H\\E\\2\\I", "Power Supply {I}", kController, true,
-     "Enclosure {H}:{E}"},
+    {779, "psupplies", "C\\H\\E\\2\\I", "Power Supply {I}", kController, true, "Enclosure {H}:{E}"},
     {780, "emms", "C\\H\\E\\4\\I", "EMM {I}", kController, true, "Enclosure {H}:{E}"},
     {786, "Tidal Cache", "X", "Tidal Cache {X}", "Tidal Cache {X}", false, ""},
     {789, "CacheLunNode", "X\\P\\N", "Cache Disk {N}", "Tidal Cache {X}", false,
@@ -168,11 +167,10 @@ static_assert(std::all_of(std::begin(kRules), std::end(kRules), isSound));
 // Every type the models hold has a name under its own code.
 static_assert(std::all_of(std::begin(ds::kObjectTypes), std::end(ds::kObjectTypes),
                           [](const ds::ObjectType &t) {
-                              return std::any_of(std::begin(kRules), std::end(kRules),
-                                                 [&](const NameRule &r) {
-                                                     return r.code == t.code &&
-                                                            r.modelType == t.name;
-                                                 });
+                              return std::any_of(
+                                  std::begin(kRules), std::end(kRules), [&](const NameRule &r) {
+                                      return r.code == t.code && r.modelType == t.name;
+                                  });
                           }));
 
 bool matches(const Elements &shape, const Elements &nexus)

@@ -292,8 +292,8 @@ TEST_F(LocationTest, NullAreasAreSkippedAndTheOthersFilled)
         char *at[4];
         for (int i = 0; i < 4; ++i)
             at[i] = i == skipped ? nullptr : areas[static_cast<size_t>(i)].data();
-        EXPECT_EQ(evtmsg_getObjLocationStrings(777, "0\\0\\1\\1\\2", ",", "en", at[0], at[1],
-                                               at[2], at[3], 0),
+        EXPECT_EQ(evtmsg_getObjLocationStrings(777, "0\\0\\1\\1\\2", ",", "en", at[0], at[1], at[2],
+                                               at[3], 0),
                   0u);
         const char *expected[] = {kCtrl0, "Enclosure 0:1", "Fan 2", "0,0,1,1,2"};
         for (int i = 0; i < 4; ++i) {
@@ -302,9 +302,9 @@ TEST_F(LocationTest, NullAreasAreSkippedAndTheOthersFilled)
             }
         }
     }
-    EXPECT_EQ(evtmsg_getObjLocationStrings(769, "0", ",", "en", nullptr, nullptr, nullptr,
-                                           nullptr, 0),
-              0u);
+    EXPECT_EQ(
+        evtmsg_getObjLocationStrings(769, "0", ",", "en", nullptr, nullptr, nullptr, nullptr, 0),
+        0u);
 }
 
 TEST_F(LocationTest, TheDetailJoinsTheNumbersWithTheSeparatorGiven)
