@@ -145,6 +145,41 @@ TEST_F(TapeTest, ColumnsOutsideOneToEightAreAbsent)
     EXPECT_EQ(nine.value, kUntouched);
 }
 
+TEST_F(TapeTest, ATapeThatLeftTheStoreOrARowOutsideTheListIsAbsent)
+{
+    serveTape({{"BusProtocol", "8"}});
+    for (const uint32_t row : {0u, 2u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(get(3, row).result, 2) << row;
+    }
+    testmodel::serve(item(1, "adapters", "0", {}));
+    for (uint32_t column = 0; column <= 9; column++) {
+        const Answer a = get(column);
+        EXPECT_EQ(a.result, 2) << column;
+        EXPECT_EQ(a.value, kUntouched) << column;
+    }
+}
+
+TEST_F(NvmeTest, AnAdapterThatLeftTheStoreOrARowOutsideTheListIsAbsent)
+{
+    serveTable(item(60, "NVMeAdapter", "2", {{"ObjState", "4"}}));
+    for (const uint32_t row : {0u, 2u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(get(2, row).result, 2) << row;
+        EXPECT_EQ(get(29, row).result, 2) << "even a column it does not have, row " << row;
+    }
+    testmodel::serve(item(1, "adapters", "0", {}));
+    EXPECT_EQ(get(2).result, 2);
+    EXPECT_EQ(get(29).result, 2);
+}
+
+TEST_F(NvmeTest, OddAttributesAreReadAsTheyStand)
+{
+    serveTable(
+        item(60, "NVMeAdapter", "2", {{"DeviceName", ""}, {"Length", "18446744073709551615"}}));
+    expectText(5, "");
+    expectNumber(17, 0xFFFFFFFFu);
+    expectNumber(18, 0xFFFFFu);
+}
+
 // ---- The shipped sample model ---------------------------------------------------
 
 void serveSample()
