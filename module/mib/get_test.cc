@@ -50,12 +50,18 @@ TEST_F(GetTest, RootScalarsAnswerTheirTextsWhateverFollows)
         {4, "Halden (Storage Management)"},
         {5, "Configuration and monitoring of disk storage devices."}};
     for (const auto &[arc, text] : cases) {
-        for (Exchange x : {Exchange{arc}, Exchange{arc, 0}, Exchange{arc, 9, 9}}) {
+        const auto check = [&](Exchange &x) {
             ASSERT_EQ(getValue(&x.request, &x.reply), 0) << arc;
             EXPECT_EQ(x.reply.type, static_cast<uint32_t>(SM_ASN_OCTET_STRING));
             EXPECT_EQ(x.text(), text);
             EXPECT_EQ(x.replyBuffer[x.reply.value], '\0');
-        }
+        };
+        Exchange bare{arc};
+        Exchange instance{arc, 0};
+        Exchange longer{arc, 9, 9};
+        check(bare);
+        check(instance);
+        check(longer);
     }
     Exchange vendor{3, 0};
     ASSERT_EQ(getValue(&vendor.request, &vendor.reply), 0);
@@ -91,8 +97,11 @@ TEST_F(GetTest, TheInformationGroupRepeatsTheDescriptors)
         ASSERT_EQ(getValue(&x.request, &x.reply), 0);
         EXPECT_EQ(x.text(), texts[c - 1]);
     }
-    for (Exchange x : {Exchange{100, 4, 0}, Exchange{100, 0}, Exchange{100}}) {
-        EXPECT_EQ(getValue(&x.request, &x.reply), 2);
+    Exchange pastTheColumns{100, 4, 0};
+    Exchange columnZero{100, 0};
+    Exchange groupAlone{100};
+    for (Exchange *x : {&pastTheColumns, &columnZero, &groupAlone}) {
+        EXPECT_EQ(getValue(&x->request, &x->reply), 2);
     }
 }
 

@@ -10,6 +10,7 @@
 
 #include "mib/mibdef.h"
 #include "platform/smsnmp.h"
+#include "platform/vcsupt.h"
 
 struct Exchange {
     std::vector<uint32_t> requestArcs;
@@ -30,6 +31,17 @@ struct Exchange {
         reply.name = SMSnmpOID{0, 0, replyArcs};
         reply.buffer = replyBuffer;
     }
+
+    // A buffer the module put into the reply in place of the host's is the
+    // host's to free, as the getter contract says.
+    ~Exchange()
+    {
+        if (reply.buffer != nullptr && reply.buffer != replyBuffer) {
+            SMFreeMem(reply.buffer);
+        }
+    }
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
 
     std::string text() const
     {
