@@ -235,12 +235,7 @@ TEST_F(GetNextTest, EveryAnswerSortsAfterItsRequest)
 // On the sample model, whose rows fill every served table.
 TEST_F(GetNextTest, EveryPrefixOfAWalkedNameIsAnsweredInOrder)
 {
-    const char *source = std::getenv("KELP_SOURCE_DIR");
-    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
-    std::string error;
-    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
-        << error;
-    ASSERT_EQ(buildAll(), 0);
+    testmodel::serveSampleModel();
     std::vector<std::vector<uint32_t>> walked;
     std::vector<uint32_t> current{1, 3, 6, 1};
     for (int steps = 0; steps < 20000; steps++) {

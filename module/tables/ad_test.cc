@@ -335,12 +335,7 @@ TEST_F(AdTest, EveryCallFetchesItsRowAfresh)
 // model do not move the ones checked here.
 TEST_F(AdTest, TheSampleModelAnswersWhatItsDisksHold)
 {
-    const char *source = std::getenv("KELP_SOURCE_DIR");
-    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
-    std::string error;
-    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
-        << error;
-    ASSERT_EQ(buildAll(), 0);
+    testmodel::serveSampleModel();
     ASSERT_GE(adList.length, 23u);
     std::vector<std::string> nexus(adList.length + 1);
     for (uint32_t row = 1; row <= adList.length; row++) {

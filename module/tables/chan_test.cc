@@ -167,12 +167,7 @@ TEST_F(ChanTest, OddAttributesAreReadAsTheyStand)
 
 TEST_F(ChanTest, TheSampleModelAnswersWhatItsChannelsHold)
 {
-    const char *source = std::getenv("KELP_SOURCE_DIR");
-    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
-    std::string error;
-    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
-        << error;
-    ASSERT_EQ(buildAll(), 0);
+    testmodel::serveSampleModel();
     ASSERT_EQ(chanList.length, 5u);
     const char *nexus[] = {"0\\0", "0\\1", "0\\2", "1\\0", "1\\1"};
     for (uint32_t row = 1; row <= 5; row++) {

@@ -309,12 +309,7 @@ TEST_F(CtrlTest, ATextColumnWithoutAReplyBufferIsNoSuchName)
 
 TEST_F(CtrlTest, TheSampleModelAnswersWhatItsControllersHold)
 {
-    const char *source = std::getenv("KELP_SOURCE_DIR");
-    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
-    std::string error;
-    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
-        << error;
-    ASSERT_EQ(buildAll(), 0);
+    testmodel::serveSampleModel();
     ASSERT_EQ(ctrlList.length, 2u);
     for (uint32_t row : {1u, 2u}) {
         for (uint32_t column = 0; column <= 80; column++) {

@@ -182,19 +182,9 @@ TEST_F(NvmeTest, OddAttributesAreReadAsTheyStand)
 
 // ---- The shipped sample model ---------------------------------------------------
 
-void serveSample()
-{
-    const char *source = std::getenv("KELP_SOURCE_DIR");
-    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
-    std::string error;
-    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
-        << error;
-    ASSERT_EQ(buildAll(), 0);
-}
-
 TEST_F(TapeTest, TheSampleModelAnswersWhatItsTapeHolds)
 {
-    serveSample();
+    testmodel::serveSampleModel();
     ASSERT_EQ(tapeList.length, 1u);
     expectText(3, "KESWICK");
     expectText(4, "KLT-9 HH");
@@ -206,7 +196,7 @@ TEST_F(TapeTest, TheSampleModelAnswersWhatItsTapeHolds)
 
 TEST_F(NvmeTest, TheSampleModelAnswersWhatItsAdapterHolds)
 {
-    serveSample();
+    testmodel::serveSampleModel();
     ASSERT_EQ(nvmeList.length, 1u);
     expectText(5, "/dev/nvme0n1");
     expectText(6, "TESSALY");

@@ -5,6 +5,7 @@
 #define KELP_MODULE_TESTING_MODEL_FIXTURE_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "datastore/model_store.h"
+#include "store/build.h"
 #include "store/tablelist.h"
 
 namespace testmodel {
@@ -44,6 +46,18 @@ inline void serve(const std::string &items, bool ready = true)
         std::string("<storage ready=\"") + (ready ? "1" : "0") + "\">" + items + "</storage>";
     std::string error;
     ASSERT_TRUE(kelp::ds::loadModelText(text, "test-model", &error)) << error;
+}
+
+// Serves the shipped sample model (data/models/sample.xml under
+// KELP_SOURCE_DIR, which ctest sets) and builds every table from it.
+inline void serveSampleModel()
+{
+    const char *source = std::getenv("KELP_SOURCE_DIR");
+    ASSERT_NE(source, nullptr) << "ctest sets KELP_SOURCE_DIR";
+    std::string error;
+    ASSERT_TRUE(kelp::ds::loadModelFile(std::string(source) + "/data/models/sample.xml", &error))
+        << error;
+    ASSERT_EQ(buildAll(), 0);
 }
 
 } // namespace testmodel
