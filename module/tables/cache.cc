@@ -1,0 +1,1 @@
+// cache table getters (being written).

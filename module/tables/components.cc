@@ -1,0 +1,1 @@
+// components table getters (being written).

@@ -1,0 +1,1 @@
+// Tests of the components getters (being written).

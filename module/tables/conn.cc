@@ -1,0 +1,1 @@
+// conn table getters (being written).

@@ -1,0 +1,1 @@
+// vd table getters (being written).

@@ -1,0 +1,1 @@
+// Tests of the vd getters (being written).
