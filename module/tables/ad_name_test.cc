@@ -2,8 +2,6 @@
 // chosen for the location-string service, the nexus handed to it, and what
 // the getter answers from the service's answer. The tests do not rely on
 // particular name texts: they compare with a direct call of the service.
-#include <dlfcn.h>
-
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -13,41 +11,7 @@
 #include "platform/evtmsg.h"
 #include "store/xmlvalue.h"
 #include "tables/ad_testing.h"
-
-namespace {
-
-// The calls of the location-string service made in this test program.
-struct LocationCall {
-    uint32_t objType;
-    std::string nexus;
-    std::string separator;
-    std::string language;
-};
-std::vector<LocationCall> g_locationCalls;
-
-} // namespace
-
-// Test-only: takes the place of the runtime's location-string service for
-// the module objects linked into this program, records each call and
-// forwards it, so every test here sees the real service's answers.
-extern "C" uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus,
-                                                 const char *separator, const char *language,
-                                                 char *location1, char *location2,
-                                                 char *displayName, char *detail, uint32_t reserved)
-{
-    using Service = uint32_t (*)(uint32_t, const char *, const char *, const char *, char *, char *,
-                                 char *, char *, uint32_t);
-    static const auto real =
-        reinterpret_cast<Service>(dlsym(RTLD_NEXT, "evtmsg_getObjLocationStrings"));
-    if (real == nullptr) {
-        std::abort();
-    }
-    g_locationCalls.push_back({objType, nexus != nullptr ? nexus : "(null)",
-                               separator != nullptr ? separator : "(null)",
-                               language != nullptr ? language : "(null)"});
-    return real(objType, nexus, separator, language, location1, location2, displayName, detail,
-                reserved);
-}
+#include "testing/location_spy.h"
 
 namespace {
 
@@ -75,20 +39,20 @@ class AdNameTest : public AdTest {
     void SetUp() override
     {
         AdTest::SetUp();
-        g_locationCalls.clear();
+        locationspy::calls().clear();
     }
 
     // Column 2 of row 1: the getter's answer must be the service's for
     // `objType` and `nexus`, and the getter must have asked for just that.
     void expectName(uint32_t objType, const std::string &nexus)
     {
-        g_locationCalls.clear();
+        locationspy::calls().clear();
         const Answer a = get(2);
-        ASSERT_EQ(g_locationCalls.size(), 1u) << "one call of the service";
-        EXPECT_EQ(g_locationCalls[0].objType, objType);
-        EXPECT_EQ(g_locationCalls[0].nexus, nexus);
-        EXPECT_EQ(g_locationCalls[0].separator, ",");
-        EXPECT_EQ(g_locationCalls[0].language, "en");
+        ASSERT_EQ(locationspy::calls().size(), 1u) << "one call of the service";
+        EXPECT_EQ(locationspy::calls()[0].objType, objType);
+        EXPECT_EQ(locationspy::calls()[0].nexus, nexus);
+        EXPECT_EQ(locationspy::calls()[0].separator, ",");
+        EXPECT_EQ(locationspy::calls()[0].language, "en");
         const ServiceName expected = serviceName(objType, nexus);
         EXPECT_EQ(a.result, expected.status);
         EXPECT_EQ(a.type, kStr);
@@ -135,7 +99,7 @@ TEST_F(AdNameTest, WithoutAnAttributeMaskThereIsNoName)
 {
     serveDisk({{"BusProtocol", "9"}});
     EXPECT_EQ(get(2).result, 2);
-    EXPECT_TRUE(g_locationCalls.empty());
+    EXPECT_TRUE(locationspy::calls().empty());
 }
 
 TEST_F(AdNameTest, WithoutAReplyBufferThereIsNoName)
@@ -146,7 +110,7 @@ TEST_F(AdNameTest, WithoutAReplyBufferThereIsNoName)
     request.name = SMSnmpOID{static_cast<uint32_t>(arcs.size()), 0, arcs.data()};
     SMSnmpValue reply{};
     EXPECT_EQ(getAD(&request, &reply, 12), 2);
-    EXPECT_TRUE(g_locationCalls.empty());
+    EXPECT_TRUE(locationspy::calls().empty());
 }
 
 // The nexus goes to the service as the object holds it, whatever its shape;

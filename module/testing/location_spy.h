@@ -1,0 +1,27 @@
+// A recording stand-in for the runtime's location-string service, linked
+// into a test program in the service's place: each call of
+// evtmsg_getObjLocationStrings made by the module objects is recorded and
+// forwarded to the real service, so tests see the real answers and can
+// check which type code and nexus a getter handed over.
+#ifndef KELP_MODULE_TESTING_LOCATION_SPY_H
+#define KELP_MODULE_TESTING_LOCATION_SPY_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace locationspy {
+
+struct LocationCall {
+    uint32_t objType;
+    std::string nexus;
+    std::string separator;
+    std::string language;
+};
+
+// The calls made in this program since the last clear().
+std::vector<LocationCall> &calls();
+
+} // namespace locationspy
+
+#endif // KELP_MODULE_TESTING_LOCATION_SPY_H
