@@ -258,6 +258,11 @@ int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSn
     }
     Cell cell{};
     int32_t status = openRow(position, request, table.list, reply, &cell);
+    if (status == SM_SNMP_NOERROR && table.answersNothing != nullptr &&
+        table.answersNothing(cell)) {
+        printLine(table.exitLine);
+        return SM_SNMP_NOERROR;
+    }
     if (status == SM_SNMP_NOERROR) {
         const ColumnSpec *column = findColumn(table.columns, cell.column);
         status = column != nullptr ? readColumn(cell, *column) : table.absentColumn;

@@ -134,6 +134,10 @@ struct TableSpec {
     const char *idLine = nullptr;
     const char *exitLine = nullptr;
     int32_t absentColumn = SM_SNMP_NOSUCHNAME;
+    // Asked once the row is open, before the column: true when the row is
+    // answered with success and no value in every column, the reply as it
+    // came (the host then reports no value for the cell).
+    bool (*answersNothing)(const Cell &cell) = nullptr;
 };
 
 // The whole of a getter: the log lines of `table`, the row the request names
