@@ -33,9 +33,7 @@ std::string sampleModel()
 
 RunResult kelpctl(AgentUnderTest &agent, const std::vector<std::string> &words)
 {
-    std::vector<std::string> argv{kelpctlPath(), "--control", agent.stateDir() + "/control.sock"};
-    argv.insert(argv.end(), words.begin(), words.end());
-    return run(argv, {}, agent.dir(), 30s);
+    return agent.kelpctl(words);
 }
 
 TEST(AgentAdmin, AnIpv6ListenAddressAnswers)

@@ -309,6 +309,13 @@ RunResult AgentUnderTest::snmp(const std::string &tool, const std::vector<std::s
     return snmpAt(dir_, tool, version, community, addresses.substr(0, addresses.find(',')), args);
 }
 
+RunResult AgentUnderTest::kelpctl(const std::vector<std::string> &words)
+{
+    std::vector<std::string> argv{kelpctlPath(), "--control", stateDir() + "/control.sock"};
+    argv.insert(argv.end(), words.begin(), words.end());
+    return run(argv, {}, dir_, std::chrono::seconds(30));
+}
+
 bool AgentUnderTest::moduleAnswersValues()
 {
     return snmp("snmpget", {std::string(kRoot) + ".3.0"}).out.find("\"Vorn Inc.\"") !=

@@ -141,6 +141,9 @@ class AgentUnderTest {
     RunResult snmp(const std::string &tool, const std::vector<std::string> &args,
                    const std::string &version = "2c", const std::string &community = "public");
 
+    // kelpctl `words` against the agent's control socket.
+    RunResult kelpctl(const std::vector<std::string> &words);
+
     // True when the plug-in resolves names: root.3.0 answers "Vorn Inc.".
     bool moduleAnswersValues();
 
