@@ -24,6 +24,10 @@ constexpr uint32_t kChannelsPerController = 2;
 constexpr uint32_t kSlotsPerEnclosure = 24;
 constexpr uint32_t kDisksPerVirtualDisk = 8;
 constexpr uint32_t kComponentsPerKind = 2; // fans, power supplies, probes and EMMs
+// Every kDirectEvery-th disk is attached to its channel without an enclosure, as target
+// kFirstDirectTarget + its place among the controller's enclosures' slots (the tape is 99).
+constexpr uint32_t kDirectEvery = 16;
+constexpr uint32_t kFirstDirectTarget = 100;
 // Beyond this the file outgrows what the data store loads (256 MiB).
 constexpr uint32_t kMaxDisks = 100000;
 // Virtual disks never straddle controllers, and the tape's target (99) is not an enclosure's.
@@ -238,6 +242,19 @@ Attrs disk(uint32_t d, uint32_t c, uint32_t h, uint32_t k, uint32_t s)
         {"PCIeSSDDeviceWriteStatus", "0"}};
 }
 
+// Disk d straight on channel h of controller c, with target t.
+Attrs directDisk(uint32_t d, uint32_t c, uint32_t h, uint32_t t)
+{
+    Attrs a = disk(d, c, h, 0, 0);
+    for (auto &[name, value] : a) {
+        if (name == "Nexus")
+            value = nexus({c, h, t});
+        else if (name == "TargetID")
+            value = num(t);
+    }
+    return a;
+}
+
 // Virtual disk l of controller c over `disks` disks; v counts virtual disks over the model.
 Attrs virtualDisk(uint32_t v, uint32_t c, uint32_t l, uint32_t disks)
 {
@@ -385,11 +402,19 @@ void writeModel(FILE *out, uint32_t diskCount, uint32_t perController)
         partIds.push_back(w.object("VDPartitionNode", 0, partition(v, groups[v].c, groups[v].l)));
     writeCache(w, controllers + 1);
 
+    // One disk in kDirectEvery sits straight on its enclosure's channel instead of in the
+    // enclosure, so that the disk-to-channel table has rows too.
     std::vector<uint32_t> diskIds;
     for (const Enclosure &e : enclosures)
-        for (uint32_t s = 0; s < e.disks; s++)
+        for (uint32_t s = 0; s < e.disks; s++) {
+            uint32_t d = e.firstDisk + s;
             diskIds.push_back(
-                w.object("arraydisks", e.id, disk(e.firstDisk + s, e.c, e.h, e.k, s)));
+                d % kDirectEvery == kDirectEvery - 1
+                    ? w.object("arraydisks", chanIds[e.c * kChannelsPerController + e.h],
+                               directDisk(d, e.c, e.h,
+                                          kFirstDirectTarget + e.k * kSlotsPerEnclosure + s))
+                    : w.object("arraydisks", e.id, disk(d, e.c, e.h, e.k, s)));
+        }
 
     // A controller's disks start on a multiple of eight, so groups never straddle controllers.
     for (uint32_t d = 0; d < diskCount; d++)
