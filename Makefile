@@ -42,7 +42,7 @@ asan: deps
 # Release build of the benchmarks (bench/), run once.
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
-	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench
+	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table
 	$(BUILD)-bench/bin/kelp_bench
 
 # Formats every tracked C++ source in place (.clang-format); format-check only

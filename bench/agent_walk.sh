@@ -6,6 +6,11 @@
 #
 #   bench/agent_walk.sh BUILD_DIR [MODEL...]
 #
+# Then the same walks through a private snmpd as AgentX master, of kelpagent
+# --agentx and, beside it in the same run, of bench's agentx_table: a minimal
+# AgentX subagent serving one table of about as many varbinds. Last, each
+# kelpagent's resident memory after its walks.
+#
 # The default models: the sample model, a generated 1,024-disk model (two
 # controllers), and the same 1,024 disks spread over 128 controllers, whose
 # controller table gives a tree of about the size of snmpd's own.
@@ -100,15 +105,60 @@ for tool in snmpwalk "snmpbulkwalk -Cr25"; do
     "$(rate "$tool" "127.0.0.1:$port" .1 1.3.6.1.2.1.1.1.0)"
 done
 
+kelp_root=1.3.6.1.4.1.61234.20571.1.20
+memory=()
 for model in "${models[@]}"; do
   aport=$(free_port)
   "$build/bin/kelpagent" --model "$model" --listen "udp:127.0.0.1:$aport" \
     --state-dir "$work/agent-$aport" >"$work/agent-$aport.log" 2>&1 &
-  pids+=($!)
-  wait_for "127.0.0.1:$aport" 1.3.6.1.4.1.61234.20571.1.20.3.0
+  apid=$!
+  pids+=($apid)
+  wait_for "127.0.0.1:$aport" $kelp_root.3.0
   for tool in snmpwalk "snmpbulkwalk -Cr25"; do
     printf '%-48s %-18s %s\n' "kelpagent $(basename "$model")" "$tool" \
-      "$(rate "$tool" "127.0.0.1:$aport" 1.3.6.1.4.1.61234.20571.1.20 \
-        1.3.6.1.4.1.61234.20571.1.20.3.0)"
+      "$(rate "$tool" "127.0.0.1:$aport" $kelp_root $kelp_root.3.0)"
   done
+  memory+=("$(basename "$model") $(awk '/^VmRSS/ { print $2 }' /proc/$apid/status)")
+done
+
+# snmpd as AgentX master, with kelpagent --agentx and agentx_table behind it.
+xport=$(free_port)
+mkdir -p "$work/master-state"
+cat >"$work/master.conf" <<CONF
+agentaddress udp:127.0.0.1:$xport
+master agentx
+agentXSocket $work/agentx
+agentXPerms 0600 0700
+rocommunity public 127.0.0.1
+CONF
+SNMP_PERSISTENT_DIR="$work/master-state" snmpd -f -Lo -C -c "$work/master.conf" \
+  -p "$work/master.pid" -I -smux >"$work/master.log" 2>&1 &
+pids+=($!)
+wait_for "127.0.0.1:$xport" 1.3.6.1.2.1.1.1.0
+table_root=1.3.6.1.4.1.61234.99
+table_columns=10
+for model in "${models[@]}"; do
+  "$build/bin/kelpagent" --agentx "$work/agentx" --model "$model" \
+    --state-dir "$work/subagent-$(basename "$model")" >"$work/subagent.log" 2>&1 &
+  kpid=$!
+  wait_for "127.0.0.1:$xport" $kelp_root.130.1.1.1.1
+  varbinds=$(snmpbulkwalk -v2c -c public -t 5 -r 0 -Cr25 -On "127.0.0.1:$xport" $kelp_root | wc -l)
+  rows=$(((varbinds + table_columns - 1) / table_columns))
+  SNMP_PERSISTENT_DIR="$work/master-state" "$build/bin/agentx_table" "$work/agentx" \
+    "$rows" "$table_columns" >"$work/table.log" 2>&1 &
+  tpid=$!
+  wait_for "127.0.0.1:$xport" $table_root.1.1.1.1
+  for tool in snmpwalk "snmpbulkwalk -Cr25"; do
+    printf '%-48s %-18s %s\n' "via snmpd: kelpagent --agentx $(basename "$model")" "$tool" \
+      "$(rate "$tool" "127.0.0.1:$xport" $kelp_root $kelp_root.3.0)"
+    printf '%-48s %-18s %s\n' "via snmpd: agentx_table ${rows}x$table_columns" "$tool" \
+      "$(rate "$tool" "127.0.0.1:$xport" $table_root $table_root.1.1.$table_columns.$rows)"
+  done
+  kill "$kpid" "$tpid"
+  wait "$kpid" "$tpid" 2>/dev/null || true
+done
+
+printf '\n%-48s %s\n' "kelpagent on" "resident memory after the walks (KiB)"
+for line in "${memory[@]}"; do
+  printf '%-48s %s\n' "${line% *}" "${line##* }"
 done
