@@ -144,7 +144,7 @@ int32_t fanSpeed(const Cell &cell, const ColumnSpec &column)
     if (jx33 == 0) {
         return answerText(cell, speedWord(speed));
     }
-    // Printed with %d as the spec has it: a speed past 2^31 - 1 shows negative.
+    // Printed with %d: a speed past 2^31 - 1 shows negative.
     char number[16];
     const int length = std::snprintf(number, sizeof number, "%d", static_cast<int32_t>(speed));
     return answerText(cell, {number, static_cast<size_t>(length)});
