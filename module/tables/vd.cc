@@ -1,6 +1,6 @@
 // The virtual disk table (140.1): getVD. Every call reads the disk's "IsSSC"
-// afresh once the row is open: a disk that serves as an SSD cache (SSC state
-// 1) answers fixed numbers in its policy, layout and stripe columns. The
+// afresh once the row is open: a disk whose flag reads non-zero (SSC state 1)
+// answers fixed numbers in its policy, layout and stripe columns. The
 // rest are plain reads, translations of the stored codes and the columns
 // read from the capability mask.
 #include "tables/columns.h"
