@@ -36,6 +36,9 @@ struct Cell {
     uint32_t rowIndex;
     uint32_t column;
     SMSnmpValue *reply;
+    // What the table's row step (TableSpec::rowStep) worked out for the row,
+    // for the columns whose answer depends on it; 0 in tables without one.
+    uint32_t rowState = 0;
 };
 
 // The common prologue: the table row named by request (parseRowIndex on

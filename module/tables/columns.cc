@@ -264,6 +264,9 @@ int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSn
         return SM_SNMP_NOERROR;
     }
     if (status == SM_SNMP_NOERROR) {
+        if (table.rowStep != nullptr) {
+            cell.rowState = table.rowStep(cell);
+        }
         const ColumnSpec *column = findColumn(table.columns, cell.column);
         status = column != nullptr ? readColumn(cell, *column) : table.absentColumn;
     }

@@ -138,11 +138,15 @@ struct TableSpec {
     // answered with success and no value in every column, the reply as it
     // came (the host then reports no value for the cell).
     bool (*answersNothing)(const Cell &cell) = nullptr;
+    // A step every call takes once the row is open and before the column is
+    // looked up, whatever the column; its result is the cell's rowState.
+    // Null in tables whose columns stand alone.
+    uint32_t (*rowStep)(const Cell &cell) = nullptr;
 };
 
 // The whole of a getter: the log lines of `table`, the row the request names
-// (openRow on table.list), the column's definition (2 when the table has none) read
-// with readColumn.
+// (openRow on table.list), the table's row step, the column's definition (2
+// when the table has none) read with readColumn.
 int32_t answerTableCell(const TableSpec &table, const SMSnmpValue *request, SMSnmpValue *reply,
                         uint32_t position);
 
