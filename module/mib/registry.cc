@@ -28,12 +28,12 @@ constexpr TableRegistryEntry kTableRegistry[kTableCount + 1] = {
     {130, 16, &battList, getBatteryCtrlConn, &battList, 5},
     {130, 17, &tapeList, getTape, &tapeList, 8},
     {130, 18, &nvmeList, getNVMEAdapter, &nvmeList, 28},
-    {140, 1, &vdList, nullptr, &vdList, 28},
-    {140, 2, &vdPartList, nullptr, &vdPartList, 6},
+    {140, 1, &vdList, getVD, &vdList, 28},
+    {140, 2, &vdPartList, getVDPartition, &vdPartList, 6},
     {140, 3, &adLogConnList, getADLogConn, &adLogConnList, 7},
-    {140, 4, &cacheList, nullptr, &cacheList, 16},
-    {140, 5, &cacheDiskList, nullptr, &cacheDiskList, 10},
-    {140, 6, &cachePoolList, nullptr, &cachePoolList, 8},
+    {140, 4, &cacheList, getTidalCache, &cacheList, 16},
+    {140, 5, &cacheDiskList, getTidalCacheDisks, &cacheDiskList, 10},
+    {140, 6, &cachePoolList, getTidalCachePool, &cachePoolList, 8},
     {kEndMark, kEndMark, nullptr, nullptr, nullptr, kEndMark},
 };
 

@@ -211,12 +211,14 @@ TEST_F(BatteryTest, ColumnSixteenIsAbsent)
 TEST_F(FanTest, TheSampleModelAnswersWhatItsFansHold)
 {
     testmodel::serveSampleModel();
-    ASSERT_EQ(fanList.length, 2u);
+    ASSERT_EQ(fanList.length, 3u);
     expectText(2, "Fan 0");
     expectText(11, "medium");
     expectText(12, "VN-FN120");
     EXPECT_EQ(get(11, 2).text, "fast");
     EXPECT_EQ(get(16, 2).text, "1\\0\\0\\1\\1");
+    // The JX3310's fan reports its speed in rpm.
+    EXPECT_EQ(get(11, 3).text, "4200");
 }
 
 TEST_F(PowerSupplyTest, TheSampleModelAnswersWhatItsSuppliesHold)
@@ -234,6 +236,9 @@ TEST_F(ProbeTest, TheSampleModelAnswersWhatItsProbesHold)
     testmodel::serveSampleModel();
     ASSERT_EQ(tempList.length, 3u);
     expectNumber(4, 1);
+    // Bit 7 (n = 8) and bit 60 (n = 61) translated.
+    EXPECT_EQ(get(4, 2).value, 4u);
+    EXPECT_EQ(get(4, 3).value, 6u);
     expectNumber(11, 27);
     expectNumber(9, 45);
     EXPECT_EQ(get(11, 2).value, 31u);
@@ -250,10 +255,13 @@ TEST_F(EmmTest, TheSampleModelAnswersWhatItsEmmsHold)
     expectNumber(10, 3);
 }
 
-TEST_F(BatteryTest, TheSampleModelAnswersWhatItsBatteryHolds)
+TEST_F(BatteryTest, TheSampleModelAnswersWhatItsBatteriesHold)
 {
     testmodel::serveSampleModel();
-    ASSERT_EQ(battList.length, 1u);
+    ASSERT_EQ(battList.length, 3u);
+    EXPECT_EQ(get(4, 2).value, 7u);  // 0x800
+    EXPECT_EQ(get(4, 3).value, 21u); // bit 20
+    EXPECT_EQ(get(2, 3).text, "Battery 0");
     expectText(2, "Battery 0");
     expectNumber(4, 1);
     expectText(7, "47");

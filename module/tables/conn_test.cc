@@ -316,6 +316,7 @@ TEST_F(ConnTest, DiskToChannelLogsOnlyForTheChannelRow)
                                   frame + frame);
     }
     // A channel the list does not hold.
+    freeAllLists();
     serveModel(item(1, "adapters", "0", {}) + item(3, "bus", "0\\0", {}, 1) +
                item(12, "arraydisks", "0\\0\\3", {{"AttributesMask", mask({})}}, 3));
     testmodel::serve(item(1, "adapters", "0", {}) + item(8, "bus", "0\\0", {}, 1) +

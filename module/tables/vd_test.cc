@@ -565,10 +565,19 @@ TEST_F(VDTest, AnEmptyTableHasNoRows)
 TEST_F(VDTest, TheSampleModelListsItsDisksWithoutTheSpans)
 {
     testmodel::serveSampleModel();
-    ASSERT_EQ(vdList.length, 5u);
+    ASSERT_EQ(vdList.length, 6u);
     const Answer spanned = get(2, 2);
     EXPECT_EQ(spanned.text, "Data");
     EXPECT_EQ(get(21, 3).text, "0\\128\\2");
+    // The degraded RAID 5 and the SSD cache with its overrides.
+    EXPECT_EQ(get(4, 3).value, 6u);
+    EXPECT_EQ(get(4, 6).value, 35u);
+    EXPECT_EQ(get(10, 6).value, 9u);
+    EXPECT_EQ(get(13, 6).value, 25u);
+    EXPECT_EQ(get(12, 6).value, 99u);
+    EXPECT_EQ(get(13, 5).value, 2u); // RAID 0
+    EXPECT_EQ(get(14, 5).value, 1u); // 2048 sectors: 1 MiB
+    EXPECT_EQ(get(15, 1).value, 65536u);
 }
 
 } // namespace

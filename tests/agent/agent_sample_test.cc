@@ -1,6 +1,7 @@
-// The sample model over SNMP: a walk reaches every served table in the
-// order of the GetNext walk, equals the bulk walk, and answers what the
-// model holds for one object of each physical device table.
+// The sample model over SNMP: a walk reaches all 24 tables in the order of
+// the GetNext walk, equals the bulk walk, and answers what the model holds
+// for objects of the physical device, component, connection, virtual disk
+// and cache tables.
 #include <algorithm>
 #include <sstream>
 
@@ -50,7 +51,7 @@ std::string tableOf(const std::string &line)
     return group == "130" || group == "140" ? group + "." + table : "";
 }
 
-TEST_F(AgentSample, AWalkVisitsTheServedTablesInWalkOrder)
+TEST_F(AgentSample, AWalkVisitsEveryTableInWalkOrder)
 {
     const std::vector<std::string> rows = walk("snmpwalk", "2c");
     std::vector<std::string> tables;
@@ -60,12 +61,15 @@ TEST_F(AgentSample, AWalkVisitsTheServedTablesInWalkOrder)
             tables.push_back(table);
         }
     }
-    const std::vector<std::string> served{"130.1", "130.2", "130.3", "130.4", "130.17", "130.18"};
-    std::vector<std::string> seen;
-    std::copy_if(tables.begin(), tables.end(), std::back_inserter(seen), [&](const auto &t) {
-        return std::find(served.begin(), served.end(), t) != served.end();
-    });
-    EXPECT_EQ(seen, served);
+    // All 24 tables, in the order of the walk.
+    std::vector<std::string> every;
+    for (int table = 1; table <= 18; table++) {
+        every.push_back("130." + std::to_string(table));
+    }
+    for (int table = 1; table <= 6; table++) {
+        every.push_back("140." + std::to_string(table));
+    }
+    EXPECT_EQ(tables, every);
     // Each table once: the walk never comes back to a table it left.
     std::vector<std::string> sorted = tables;
     std::sort(sorted.begin(), sorted.end());
@@ -136,6 +140,27 @@ TEST_F(AgentSample, OneChannelTapeAndNvmeAdapterAnswerWhatTheModelHolds)
     }
     const RunResult channelName = agent.snmp("snmpget", {name("130.2.1.2.1")});
     EXPECT_NE(channelName.out.find("STRING: \"Channel 0\""), std::string::npos) << channelName.out;
+}
+
+TEST_F(AgentSample, ComponentsConnectionsAndVirtualDisksAnswerWhatTheModelHolds)
+{
+    const RunResult get =
+        agent.snmp("snmpget", {name("130.5.1.4.1"), name("130.7.1.11.3"), name("130.10.1.6.2"),
+                               name("130.11.1.4.2"), name("130.15.1.4.2"), name("130.16.1.5.3"),
+                               name("140.1.1.4.6"), name("140.1.1.10.6"), name("140.2.1.4.1"),
+                               name("140.3.1.4.1"), name("140.5.1.10.1")});
+    EXPECT_EQ(get.status, 0) << get.err;
+    for (const std::string &expected :
+         {name("130.5.1.4.1") + " = STRING: \"Backplane\"",
+          name("130.7.1.11.3") + " = STRING: \"4200\"",
+          name("130.10.1.6.2") + " = STRING: \"Not Available\"",
+          name("130.11.1.4.2") + " = INTEGER: 4", name("130.15.1.4.2") + " = INTEGER: 7",
+          name("130.16.1.5.3") + " = INTEGER: 2", name("140.1.1.4.6") + " = INTEGER: 35",
+          name("140.1.1.10.6") + " = INTEGER: 9", name("140.2.1.4.1") + " = INTEGER: 512",
+          name("140.3.1.4.1") + " = STRING: \"OS\"", name("140.5.1.10.1") + " = INTEGER: 3"}) {
+        EXPECT_NE(get.out.find("." + expected + "\n"), std::string::npos) << expected << "\n"
+                                                                          << get.out;
+    }
 }
 
 } // namespace
