@@ -251,6 +251,7 @@ int32_t rebuildTable(ObjList *live, ObjList *staging)
         }
     }
     appendListCopy(live, staging);
+    noteListChange();
     VscilDebugPrint("rebuildTable(): Exit\n");
     return 0;
 }
@@ -275,6 +276,7 @@ int32_t rebuildTable2(ObjList *live, ObjList *staging)
         }
     }
     appendListCopy(live, staging);
+    noteListChange();
     VscilDebugPrint("rebuildTable2(): Exit\n");
     return 0;
 }

@@ -3,13 +3,100 @@
 // position equals its row index.
 #include "store/objlist.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
+#include <vector>
 
 #include "platform/vscil.h"
 
+namespace {
+
+// Moves on every change of any list's nodes: a look-up remembered under an
+// older generation is not trusted. Lists change under dataMutex, which
+// readers hold too; the counter only has to tell a reader that its own
+// memory of a list is out of date.
+std::atomic<uint64_t> g_generation{1};
+
+uint64_t generation()
+{
+    return g_generation.load(std::memory_order_acquire);
+}
+
+// Where this thread's last getNodeByIndex ended. The list's head and length
+// are kept too, so that a list emptied or refilled behind the functions
+// here (tests do) is not trusted either.
+struct Cursor {
+    const ObjList *list = nullptr;
+    uint64_t generation = 0;
+    const ObjNode *head = nullptr;
+    uint32_t length = 0;
+    uint32_t position = 0;
+    ObjNode *node = nullptr;
+};
+thread_local Cursor t_cursor;
+
+// Lists shorter than this are searched node by node.
+constexpr uint32_t kIndexedLength = 64;
+
+// One list's ids, each to the first node that holds it.
+struct IdIndex {
+    const ObjList *list = nullptr;
+    uint64_t generation = 0;
+    const ObjNode *head = nullptr;
+    uint32_t length = 0;
+    std::unordered_map<uint32_t, ObjNode *> nodes;
+};
+thread_local std::vector<IdIndex> t_indexes;
+
+ObjNode *scanForObjId(ObjList *list, uint32_t objId)
+{
+    for (ObjNode *node = list->head; node != nullptr; node = node->next) {
+        if (node->objId == objId) {
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+// This thread's index of `list`, made again when the lists changed.
+const IdIndex &indexOf(ObjList *list)
+{
+    IdIndex *index = nullptr;
+    for (IdIndex &candidate : t_indexes) {
+        if (candidate.list == list) {
+            index = &candidate;
+            break;
+        }
+    }
+    if (index == nullptr) {
+        index = &t_indexes.emplace_back();
+        index->list = list;
+    }
+    const uint64_t now = generation();
+    if (index->generation != now || index->head != list->head || index->length != list->length) {
+        index->nodes.clear();
+        for (ObjNode *node = list->head; node != nullptr; node = node->next) {
+            index->nodes.emplace(node->objId, node); // the first node keeps its id
+        }
+        index->generation = now;
+        index->head = list->head;
+        index->length = list->length;
+    }
+    return *index;
+}
+
+} // namespace
+
+void noteListChange()
+{
+    g_generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
 void initList(ObjList *list)
 {
+    noteListChange();
     list->length = 0;
     list->head = nullptr;
     list->tail = nullptr;
@@ -17,6 +104,7 @@ void initList(ObjList *list)
 
 void freeNode(ObjNode *node)
 {
+    noteListChange();
     std::free(node->nexusId);
     std::free(node);
 }
@@ -34,6 +122,7 @@ void freeList(ObjList *list)
 
 static void appendNode(ObjList *list, ObjNode *node)
 {
+    noteListChange();
     if (list->length == 0) {
         list->head = node;
     } else {
@@ -86,6 +175,7 @@ ObjNode *removeByNexus(ObjList *list, const char *nexus)
         if (node->nexusId == nullptr || std::strcmp(node->nexusId, nexus) != 0) {
             continue;
         }
+        noteListChange();
         if (previous == nullptr) {
             list->head = node->next;
         } else {
@@ -108,9 +198,20 @@ ObjNode *getNodeByIndex(ObjList *list, uint32_t position)
     if (position == 0 || position > list->length) {
         return nullptr;
     }
+    const uint64_t now = generation();
+    Cursor &cursor = t_cursor;
     ObjNode *node = list->head;
-    for (uint32_t step = 1; step < position && node != nullptr; step++) {
+    uint32_t step = 1;
+    if (cursor.list == list && cursor.generation == now && cursor.head == list->head &&
+        cursor.length == list->length && cursor.position <= position) {
+        node = cursor.node;
+        step = cursor.position;
+    }
+    for (; step < position && node != nullptr; step++) {
         node = node->next;
+    }
+    if (node != nullptr) {
+        cursor = Cursor{list, now, list->head, list->length, position, node};
     }
     return node;
 }
@@ -120,12 +221,18 @@ ObjNode *findByObjId(ObjList *list, int32_t objId)
     if (list == nullptr) {
         return nullptr;
     }
-    for (ObjNode *node = list->head; node != nullptr; node = node->next) {
-        if (node->objId == static_cast<uint32_t>(objId)) {
-            return node;
-        }
+    const auto id = static_cast<uint32_t>(objId);
+    if (list->length < kIndexedLength) {
+        return scanForObjId(list, id);
     }
-    return nullptr;
+    const IdIndex &index = indexOf(list);
+    const auto found = index.nodes.find(id);
+    // An id the index does not know, or a node whose id changed without a
+    // word, is searched for the long way.
+    if (found == index.nodes.end() || found->second->objId != id) {
+        return scanForObjId(list, id);
+    }
+    return found->second;
 }
 
 ObjNode *findByNexus(ObjList *list, const char *nexus)

@@ -48,9 +48,14 @@ int32_t insertListCopy(ObjList *list, uint32_t objId, uint32_t subObjId, const c
 ObjNode *removeByNexus(ObjList *list, const char *nexus);
 
 // The node at 1-based `position`, or null for 0 or a position past length.
+// A walk asks for the rows of a list in order: each thread remembers where
+// its last look-up ended and goes on from there when it can, so a walk of a
+// list costs one step a row rather than one step a row before it.
 ObjNode *getNodeByIndex(ObjList *list, uint32_t position);
 
 // The first node with this object id; null for a null list or no match.
+// On long lists each thread keeps an index of ids to first nodes, made
+// again after any change of the lists.
 ObjNode *findByObjId(ObjList *list, int32_t objId);
 
 // The first node whose nexus is not null and equals `nexus`.
@@ -67,5 +72,10 @@ void dumpList(ObjList *list);
 
 // Frees a node that removeByNexus handed out, with its nexus text.
 void freeNode(ObjNode *node);
+
+// Says that nodes' ids were changed in place (a rebuild's merge): the
+// look-ups' per-thread positions and id indexes are forgotten. Every
+// function above that links, unlinks or frees a node says so itself.
+void noteListChange();
 
 #endif // KELP_MODULE_STORE_OBJLIST_H

@@ -203,4 +203,78 @@ TEST_F(ObjListTest, DumpListPrintsEveryNode)
                               "End Dbg: Dump data in table ---- \n");
 }
 
+// ---- Look-ups that remember ------------------------------------------------------
+
+// A list of `count` nodes with ids 1000 + position and nexus "n<position>".
+void fill(ObjList *list, uint32_t count)
+{
+    for (uint32_t position = 1; position <= count; position++) {
+        const std::string nexus = "n" + std::to_string(position);
+        ASSERT_EQ(InsertList(list, 1000 + position, 0, dupText(nexus.c_str())), 0);
+    }
+}
+
+TEST_F(ObjListTest, LookUpsInAnyOrderFindTheNodeAtThePosition)
+{
+    fill(&list, 300);
+    for (const uint32_t position : {1u, 2u, 3u, 150u, 151u, 7u, 300u, 299u, 1u, 300u}) {
+        const ObjNode *node = getNodeByIndex(&list, position);
+        ASSERT_NE(node, nullptr) << position;
+        EXPECT_EQ(node->objId, 1000 + position);
+    }
+    EXPECT_EQ(getNodeByIndex(&list, 301), nullptr);
+}
+
+TEST_F(ObjListTest, ALookUpAfterTheListWasFreedAndFilledAgainFindsTheNewNodes)
+{
+    fill(&list, 100);
+    ASSERT_EQ(getNodeByIndex(&list, 90)->objId, 1090u);
+    ASSERT_EQ(findByObjId(&list, 1080)->index, 80u);
+    freeList(&list);
+    for (uint32_t position = 1; position <= 100; position++) {
+        ASSERT_EQ(InsertList(&list, 5000 + position, 0, nullptr), 0);
+    }
+    EXPECT_EQ(getNodeByIndex(&list, 95)->objId, 5095u);
+    EXPECT_EQ(findByObjId(&list, 1080), nullptr);
+    EXPECT_EQ(findByObjId(&list, 5080)->index, 80u);
+}
+
+TEST_F(ObjListTest, ALookUpAfterAnotherListWasUsedStartsFromItsOwnList)
+{
+    fill(&list, 100);
+    ObjList other{};
+    fill(&other, 100);
+    EXPECT_EQ(getNodeByIndex(&list, 50), getNodeByIndex(&list, 50));
+    const ObjNode *mine = getNodeByIndex(&list, 60);
+    const ObjNode *theirs = getNodeByIndex(&other, 70);
+    EXPECT_NE(mine, theirs);
+    EXPECT_EQ(getNodeByIndex(&list, 80)->objId, 1080u);
+    EXPECT_EQ(theirs->objId, 1070u);
+    freeList(&other);
+}
+
+TEST_F(ObjListTest, FindByObjIdOnALongListAnswersTheFirstMatch)
+{
+    fill(&list, 200);
+    ASSERT_EQ(InsertList(&list, 1050, 0, nullptr), 0); // a second node with id 1050
+    EXPECT_EQ(findByObjId(&list, 1050)->index, 50u);
+    EXPECT_EQ(findByObjId(&list, 1200)->index, 200u);
+    EXPECT_EQ(findByObjId(&list, 7), nullptr);
+}
+
+TEST_F(ObjListTest, FindByObjIdSeesIdsChangedInPlace)
+{
+    fill(&list, 200);
+    ASSERT_EQ(findByObjId(&list, 1100)->index, 100u);
+    // A merge changes ids in place and says so.
+    getNodeByIndex(&list, 100)->objId = 0;
+    getNodeByIndex(&list, 120)->objId = 1100;
+    noteListChange();
+    EXPECT_EQ(findByObjId(&list, 1100)->index, 120u);
+    // Even without a word, a node whose id changed is not answered for it.
+    getNodeByIndex(&list, 120)->objId = 42;
+    EXPECT_EQ(findByObjId(&list, 1100), nullptr);
+    EXPECT_EQ(findByObjId(&list, 42)->index, 120u);
+}
+
 } // namespace
