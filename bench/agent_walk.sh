@@ -57,6 +57,16 @@ wait_for() { # address oid
   return 1
 }
 
+wait_value() { # address oid: until the object answers a value (a master answers
+  # noSuchObject, with exit status 0, while its subagent is not yet connected)
+  for _ in $(seq 1 300); do
+    snmpget -v2c -c public -t 1 -r 0 "$1" "$2" 2>/dev/null | grep -q -e INTEGER -e STRING && return 0
+    sleep 0.1
+  done
+  echo "no value from $1 for $2" >&2
+  return 1
+}
+
 # seconds TOOL ADDRESS ROOT: the run time of one walk; the varbinds it
 # returned go to $work/count.
 seconds() {
@@ -113,7 +123,7 @@ for model in "${models[@]}"; do
     --state-dir "$work/agent-$aport" >"$work/agent-$aport.log" 2>&1 &
   apid=$!
   pids+=($apid)
-  wait_for "127.0.0.1:$aport" $kelp_root.3.0
+  wait_value "127.0.0.1:$aport" $kelp_root.130.1.1.1.1
   for tool in snmpwalk "snmpbulkwalk -Cr25"; do
     printf '%-48s %-18s %s\n' "kelpagent $(basename "$model")" "$tool" \
       "$(rate "$tool" "127.0.0.1:$aport" $kelp_root $kelp_root.3.0)"
@@ -141,13 +151,13 @@ for model in "${models[@]}"; do
   "$build/bin/kelpagent" --agentx "$work/agentx" --model "$model" \
     --state-dir "$work/subagent-$(basename "$model")" >"$work/subagent.log" 2>&1 &
   kpid=$!
-  wait_for "127.0.0.1:$xport" $kelp_root.130.1.1.1.1
+  wait_value "127.0.0.1:$xport" $kelp_root.130.1.1.1.1
   varbinds=$(snmpbulkwalk -v2c -c public -t 5 -r 0 -Cr25 -On "127.0.0.1:$xport" $kelp_root | wc -l)
   rows=$(((varbinds + table_columns - 1) / table_columns))
   SNMP_PERSISTENT_DIR="$work/master-state" "$build/bin/agentx_table" "$work/agentx" \
     "$rows" "$table_columns" >"$work/table.log" 2>&1 &
   tpid=$!
-  wait_for "127.0.0.1:$xport" $table_root.1.1.1.1
+  wait_value "127.0.0.1:$xport" $table_root.1.1.1.1
   for tool in snmpwalk "snmpbulkwalk -Cr25"; do
     printf '%-48s %-18s %s\n' "via snmpd: kelpagent --agentx $(basename "$model")" "$tool" \
       "$(rate "$tool" "127.0.0.1:$xport" $kelp_root $kelp_root.3.0)"

@@ -6,6 +6,8 @@
 // from it and only then swaps it in, so a failed change leaves nothing.
 #include "datastore/model_store.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdio>
 #include <mutex>
@@ -118,6 +120,14 @@ std::string noObject(uint32_t id)
     return "no object " + std::to_string(id);
 }
 
+// Loading a model reads the whole file and parses it into the model's own
+// structures; what the parse used is freed by then, and handed back to the
+// system here rather than kept as the process's size for good.
+void returnFreedMemory()
+{
+    malloc_trim(0);
+}
+
 } // namespace
 
 std::shared_ptr<const Model> servedModel()
@@ -135,9 +145,12 @@ bool loadModelFile(const std::string &path, std::string *error)
         std::shared_ptr<const Model> model = modelFromFile(path, error);
         if (model == nullptr)
             return false;
-        std::lock_guard lock(g_changeMutex);
-        g_settled.store(true);
-        publish(std::move(model));
+        {
+            std::lock_guard lock(g_changeMutex);
+            g_settled.store(true);
+            publish(std::move(model));
+        }
+        returnFreedMemory();
         return true;
     } catch (const std::bad_alloc &) {
         return fail(error, path + ": out of memory");
@@ -153,9 +166,12 @@ bool loadModelText(const std::string &text, const std::string &origin, std::stri
         std::shared_ptr<const Model> model = Model::build(std::move(data), error);
         if (model == nullptr)
             return false;
-        std::lock_guard lock(g_changeMutex);
-        g_settled.store(true);
-        publish(std::move(model));
+        {
+            std::lock_guard lock(g_changeMutex);
+            g_settled.store(true);
+            publish(std::move(model));
+        }
+        returnFreedMemory();
         return true;
     } catch (const std::bad_alloc &) {
         return fail(error, origin + ": out of memory");

@@ -1,6 +1,8 @@
 // The data-store queries of vscil.h, answered from the served storage model.
 // Each query works on one snapshot of the model, so a change made meanwhile
 // never shows half. Answers are heap blocks that freeMem releases.
+#include <malloc.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,6 +20,9 @@ namespace {
 using kelp::ds::Model;
 
 enum : uint32_t { kOk = 0, kNotFound = 2, kFailure = 5 };
+
+// Answers of at least this size give their heap back when freed.
+constexpr size_t kTrimAfterFreeing = size_t{1} << 20;
 
 char *answerWith(uint32_t *status, uint32_t code)
 {
@@ -165,7 +170,13 @@ void freeMem(char *xml)
     // The index goes first: once the memory is free, a new answer may be
     // handed out at the same address.
     kelp::rt::xml::forgetAnswer(xml);
+    // A list answer of a large model runs to megabytes; once it is gone the
+    // heap it leaves behind goes back to the system, or a table build would
+    // keep its peak for good.
+    const bool large = malloc_usable_size(xml) >= kTrimAfterFreeing;
     std::free(xml);
+    if (large)
+        malloc_trim(0);
 }
 
 } // extern "C"
