@@ -92,28 +92,9 @@ class ConnTest : public ModelTest {
     // The getter on root.group.table.1.column.row.
     Answer ask(Getter getter, uint32_t group, uint32_t table, uint32_t column, uint32_t row)
     {
-        std::vector<uint32_t> arcs{1, 3,  6,     1,     4, 1,      61234, 20571,
-                                   1, 20, group, table, 1, column, row};
-        SMSnmpValue request{};
-        request.name = SMSnmpOID{static_cast<uint32_t>(arcs.size()), 0, arcs.data()};
-        buffer_.fill('Z');
-        SMSnmpValue reply{};
-        reply.type = kUnsetType;
-        reply.value = kUntouched;
-        reply.buffer = buffer_.data();
-        Answer answer;
-        answer.result = getter(&request, &reply, 12);
-        answer.type = reply.type;
-        answer.value = reply.value;
-        answer.nullBuffer = reply.buffer == nullptr;
-        answer.ownBuffer = reply.buffer != nullptr && reply.buffer != buffer_.data();
-        if (reply.type == kStr && reply.buffer != nullptr && reply.value < buffer_.size()) {
-            answer.text.assign(static_cast<const char *>(reply.buffer), reply.value);
-        }
-        if (answer.ownBuffer) {
-            SMFreeMem(reply.buffer);
-        }
-        return answer;
+        return callGetter(getter,
+                          {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, group, table, 1, column, row},
+                          &buffer_);
     }
 
     // The type code of the one call of the location service since the last

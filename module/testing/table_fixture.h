@@ -79,6 +79,36 @@ struct TableUnderTest {
     const char *listType;
 };
 
+// The getter on `arcs` (entry arc at position 12), with a reply whose type,
+// value and buffer (`buffer`, filled with 'Z') show what the getter left.
+inline Answer callGetter(Getter getter, std::vector<uint32_t> arcs, std::array<char, 1024> *buffer)
+{
+    SMSnmpValue request{};
+    request.name = SMSnmpOID{static_cast<uint32_t>(arcs.size()), 0, arcs.data()};
+    buffer->fill('Z');
+    SMSnmpValue reply{};
+    reply.type = kUnsetType;
+    reply.value = kUntouched;
+    reply.buffer = buffer->data();
+    Answer answer;
+    answer.result = getter(&request, &reply, 12);
+    answer.type = reply.type;
+    answer.value = reply.value;
+    answer.nullBuffer = reply.buffer == nullptr;
+    answer.ownBuffer = reply.buffer != nullptr && reply.buffer != buffer->data();
+    // A getter's own buffer holds at least as much as the caller's.
+    if (reply.type == kStr && reply.buffer != nullptr && reply.value < buffer->size()) {
+        answer.text.assign(static_cast<const char *>(reply.buffer), reply.value);
+        EXPECT_EQ(static_cast<const char *>(reply.buffer)[reply.value], '\0')
+            << "text without its NUL";
+    }
+    // It passed to the caller with the reply (getters.h).
+    if (answer.ownBuffer) {
+        SMFreeMem(reply.buffer);
+    }
+    return answer;
+}
+
 class TableTest : public ModelTest {
   protected:
     explicit TableTest(const TableUnderTest &table) : table_(table) {}
@@ -97,33 +127,7 @@ class TableTest : public ModelTest {
             {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, table_.group, table_.table, 1, column, row});
     }
 
-    Answer getName(std::vector<uint32_t> arcs)
-    {
-        SMSnmpValue request{};
-        request.name = SMSnmpOID{static_cast<uint32_t>(arcs.size()), 0, arcs.data()};
-        buffer.fill('Z');
-        SMSnmpValue reply{};
-        reply.type = kUnsetType;
-        reply.value = kUntouched;
-        reply.buffer = buffer.data();
-        Answer answer;
-        answer.result = table_.getter(&request, &reply, 12);
-        answer.type = reply.type;
-        answer.value = reply.value;
-        answer.nullBuffer = reply.buffer == nullptr;
-        answer.ownBuffer = reply.buffer != nullptr && reply.buffer != buffer.data();
-        // A getter's own buffer holds at least as much as the caller's.
-        if (reply.type == kStr && reply.buffer != nullptr && reply.value < buffer.size()) {
-            answer.text.assign(static_cast<const char *>(reply.buffer), reply.value);
-            EXPECT_EQ(static_cast<const char *>(reply.buffer)[reply.value], '\0')
-                << "text without its NUL";
-        }
-        // It passed to the caller with the reply (getters.h).
-        if (answer.ownBuffer) {
-            SMFreeMem(reply.buffer);
-        }
-        return answer;
-    }
+    Answer getName(std::vector<uint32_t> arcs) { return callGetter(table_.getter, arcs, &buffer); }
 
     void expectNumber(uint32_t column, uint32_t expected, int32_t result = 0)
     {
