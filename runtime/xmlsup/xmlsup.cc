@@ -3,6 +3,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "xmlsup.h"
 #include "xmlsup/answer_index.h"
@@ -29,13 +30,21 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
                 : kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
         if (!raw)
             return 2;
-        std::string value = kelp::rt::xml::decodeEntities(*raw);
+        // Most values hold no entity and are copied as they stand; the
+        // others are decoded into a copy first.
+        std::string decoded;
+        std::string_view value = *raw;
+        if (value.find('&') != std::string_view::npos) {
+            decoded = kelp::rt::xml::decodeEntities(value);
+            value = decoded;
+        }
         const size_t needed = value.size() + 1;
         if (needed > *size) {
             *size = static_cast<uint32_t>(needed);
             return 16;
         }
-        std::memcpy(out, value.c_str(), needed);
+        std::memcpy(out, value.data(), value.size());
+        out[value.size()] = '\0';
         *size = static_cast<uint32_t>(needed);
         return 0;
     } catch (const std::exception &) {
