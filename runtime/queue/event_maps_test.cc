@@ -1,11 +1,16 @@
 // The aggregation maps: first occurrences, repeats by event number and nexus,
-// first-seen order, clearing, and the cut of long texts.
+// first-seen order, clearing, the cut of long texts, and the bounds on what
+// they hold.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "queue.h"
+#include "queue/event_maps.h"
 
 namespace {
 
@@ -103,6 +108,129 @@ TEST_F(EventMapsTest, NullNexusIsTheEmptyNexus)
     Held h = readAt(0, &status);
     EXPECT_EQ(h.text, "");
     EXPECT_EQ(h.count, 2u);
+}
+
+TEST_F(EventMapsTest, NullTextBufferAnswers5AndOtherOutputsMayBeNull)
+{
+    InsertEventinQueue(9, "n", "m", "text", 4);
+    EXPECT_EQ(readQEventMaps(nullptr, nullptr, nullptr, nullptr, 0), 5u);
+    char text[QUEUE_EVENT_TEXT_SIZE];
+    EXPECT_EQ(readQEventMaps(nullptr, nullptr, text, nullptr, 0), 0u);
+    EXPECT_STREQ(text, "text");
+    EXPECT_EQ(readQEventMaps(nullptr, nullptr, text, nullptr, 0xFFFFFFFFu), 2u);
+}
+
+TEST_F(EventMapsTest, ThousandsOfDistinctEventsStopAtTheBoundAndAreSentInstead)
+{
+    using kelp::queue::kMaxHeldEvents;
+    for (uint32_t i = 0; i < kMaxHeldEvents; ++i)
+        ASSERT_EQ(InsertEventinQueue(1000 + i, "0:1", "m", "t", 7), 0u) << i;
+    EXPECT_EQ(getNumberofEvents(), kMaxHeldEvents);
+
+    // Full: new distinct events are answered 0 (sent now) and not held, so a
+    // repeat of one is sent again rather than held back for good.
+    for (uint32_t i = 0; i < 3 * kMaxHeldEvents; ++i)
+        ASSERT_EQ(InsertEventinQueue(900000 + i, "0:1", "m", "t", 7), 0u) << i;
+    EXPECT_EQ(InsertEventinQueue(900000, "0:1", "m", "t", 7), 0u);
+    EXPECT_EQ(getNumberofEvents(), kMaxHeldEvents);
+
+    // Held ones go on being counted, in their places.
+    EXPECT_EQ(InsertEventinQueue(1000, "0:1", "m", "t", 7), 1u);
+    EXPECT_EQ(InsertEventinQueue(1000 + kMaxHeldEvents - 1, "0:1", "m", "t", 7), 1u);
+    uint32_t status;
+    Held first = readAt(0, &status);
+    EXPECT_EQ(first.eventId, 1000u);
+    EXPECT_EQ(first.count, 2u);
+    Held last = readAt(kMaxHeldEvents - 1, &status);
+    ASSERT_EQ(status, 0u);
+    EXPECT_EQ(last.eventId, 1000 + kMaxHeldEvents - 1);
+    EXPECT_EQ(last.count, 2u);
+    readAt(kMaxHeldEvents, &status);
+    EXPECT_EQ(status, 2u);
+
+    // A new period holds new events again.
+    freeEventMaps();
+    EXPECT_EQ(InsertEventinQueue(900000, "0:1", "m", "t", 7), 0u);
+    EXPECT_EQ(InsertEventinQueue(900000, "0:1", "m", "t", 7), 1u);
+    EXPECT_EQ(getNumberofEvents(), 1u);
+}
+
+TEST_F(EventMapsTest, ManyDistinctEventsAndRepeatsAreQuick)
+{
+    // Each insert is one look-up: a full map and many repeats take well
+    // under a second even in a sanitizer build.
+    using kelp::queue::kMaxHeldEvents;
+    const std::string text(QUEUE_EVENT_TEXT_SIZE + 10, 'q');
+    auto start = std::chrono::steady_clock::now();
+    for (int round = 0; round < 10; ++round) {
+        for (uint32_t i = 0; i < kMaxHeldEvents; ++i) {
+            std::string nexus = "0:" + std::to_string(i);
+            uint32_t answer = InsertEventinQueue(2048, nexus.c_str(), "m", text.c_str(), 1);
+            ASSERT_EQ(answer, round == 0 ? 0u : 1u);
+        }
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(getNumberofEvents(), kMaxHeldEvents);
+    uint32_t status;
+    Held h = readAt(kMaxHeldEvents / 2, &status);
+    EXPECT_EQ(h.count, 10u);
+    EXPECT_EQ(h.text.size(), static_cast<size_t>(QUEUE_EVENT_TEXT_SIZE) - 1);
+}
+
+TEST_F(EventMapsTest, NexusOverTheLimitIsNeverHeld)
+{
+    using kelp::queue::kMaxNexusBytes;
+    const std::string atLimit(kMaxNexusBytes, 'n');
+    const std::string over(kMaxNexusBytes + 1, 'n');
+    EXPECT_EQ(InsertEventinQueue(1, atLimit.c_str(), "m", "t", 1), 0u);
+    EXPECT_EQ(InsertEventinQueue(1, atLimit.c_str(), "m", "t", 1), 1u);
+    EXPECT_EQ(InsertEventinQueue(1, over.c_str(), "m", "t", 1), 0u);
+    EXPECT_EQ(InsertEventinQueue(1, over.c_str(), "m", "t", 1), 0u);
+    EXPECT_EQ(getNumberofEvents(), 1u);
+}
+
+TEST_F(EventMapsTest, SameNexusTextWithOtherNumbersAndNumbersWithPrefixNexusDiffer)
+{
+    // The key is the pair, not a concatenation of its parts.
+    EXPECT_EQ(InsertEventinQueue(12, "3", "m", "t", 1), 0u);
+    EXPECT_EQ(InsertEventinQueue(1, "23", "m", "t", 1), 0u);
+    EXPECT_EQ(InsertEventinQueue(123, "", "m", "t", 1), 0u);
+    EXPECT_EQ(InsertEventinQueue(12, "3 ", "m", "t", 1), 0u);
+    EXPECT_EQ(getNumberofEvents(), 4u);
+}
+
+TEST_F(EventMapsTest, InsertersAndAReaderCountEveryRepeat)
+{
+    constexpr int kThreads = 4, kEach = 2000, kDistinct = 50;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < kEach; ++i) {
+                std::string nexus = "0:" + std::to_string(i % kDistinct);
+                InsertEventinQueue(2048, nexus.c_str(), "m", "t", 1);
+            }
+        });
+    }
+    threads.emplace_back([] {
+        char text[QUEUE_EVENT_TEXT_SIZE];
+        for (int i = 0; i < 2000; ++i) {
+            uint32_t n = getNumberofEvents();
+            uint32_t count = 0;
+            if (n > 0) {
+                EXPECT_EQ(readQEventMaps(nullptr, &count, text, nullptr, n - 1), 0u);
+                EXPECT_GE(count, 1u);
+            }
+        }
+    });
+    for (auto &t : threads)
+        t.join();
+    ASSERT_EQ(getNumberofEvents(), static_cast<uint32_t>(kDistinct));
+    uint64_t total = 0;
+    for (uint32_t i = 0; i < static_cast<uint32_t>(kDistinct); ++i) {
+        uint32_t status;
+        total += readAt(i, &status).count;
+    }
+    EXPECT_EQ(total, static_cast<uint64_t>(kThreads) * kEach);
 }
 
 } // namespace
