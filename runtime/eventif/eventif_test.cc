@@ -3,7 +3,11 @@
 // SNMP message preference read from the ini store.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -138,6 +142,26 @@ TEST_F(MessagePreferenceTest, IsOnOnlyForExactlyOn)
         EXPECT_EQ(geteemisnmpmsgpref(&flag), 0u);
         EXPECT_EQ(flag, c.flag) << '"' << c.value << '"';
     }
+}
+
+TEST_F(MessagePreferenceTest, IsReadFromTheIniFile)
+{
+    std::string pattern = ::testing::TempDir() + "kelp_pref_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    const std::string path = pattern + "/kelp.ini";
+    kelpRuntimeSetIniPath(path.c_str());
+    uint32_t flag = 99;
+    std::ofstream(path) << "[vcsipe]\nextendedsnmpmessages=On\n"; // names ignore case
+    EXPECT_EQ(geteemisnmpmsgpref(&flag), 0u);
+    EXPECT_EQ(flag, 1u);
+    std::ofstream(path) << "[general]\nExtendedSNMPMessages=On\n"; // another section
+    EXPECT_EQ(geteemisnmpmsgpref(&flag), 0u);
+    EXPECT_EQ(flag, 0u);
+    std::ofstream(path) << "[VCSIPE]\nExtendedSNMPMessages = \"On\"\n";
+    EXPECT_EQ(geteemisnmpmsgpref(&flag), 0u);
+    EXPECT_EQ(flag, 1u);
+    kelpRuntimeSetIniPath(nullptr);
+    std::filesystem::remove_all(pattern);
 }
 
 TEST_F(MessagePreferenceTest, MissingKeyIsOffAndNullAnswers5)

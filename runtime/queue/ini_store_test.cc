@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -78,6 +79,47 @@ TEST_F(IniStoreTest, MissingFileIsAnEmptyStoreAndASetCreatesIt)
     EXPECT_EQ(SSSetPrivateIniValue("general", "DebugSNMP", "Off"), 0u);
     EXPECT_EQ(readFile(), "[general]\nDebugSNMP=Off\n");
     EXPECT_EQ(get("general", "DebugSNMP"), "Off");
+}
+
+// The event keys of section "vcsipe", read into buffers of the sizes the
+// plug-in uses (80 bytes for AggregateEvents, 64 for the others).
+TEST_F(IniStoreTest, TheEventKeysOfVcsipeAreReadFromTheFile)
+{
+    writeFile("[general]\nDebugSNMP=Off\n\n[vcsipe]\nAggregateEvents=On\n"
+              "EventAggregateInteval=15\nBlockedAlerts=2048,2049,753\n"
+              "ExtendedSNMPMessages=On\n");
+    auto read = [](const char *key, uint32_t capacity) {
+        std::string buf(capacity, '#');
+        uint32_t size = capacity;
+        uint32_t status = SSGetPrivateIniValue("vcsipe", key, buf.data(), &size);
+        if (status != 0)
+            return "<status " + std::to_string(status) + ">";
+        EXPECT_EQ(size, std::strlen(buf.c_str()) + 1) << key;
+        return std::string(buf.c_str());
+    };
+    EXPECT_EQ(read("AggregateEvents", 80), "On");
+    EXPECT_EQ(read("EventAggregateInteval", 64), "15");
+    EXPECT_EQ(read("BlockedAlerts", 64), "2048,2049,753");
+    EXPECT_EQ(read("ExtendedSNMPMessages", 16), "On");
+    EXPECT_EQ(get("general", "AggregateEvents"), "<status 2>") << "another section's key";
+
+    // Written through the store, they read back from the file.
+    EXPECT_EQ(SSSetPrivateIniValue("vcsipe", "EventAggregateInteval", "1"), 0u);
+    EXPECT_EQ(SSSetPrivateIniValue("vcsipe", "ExtendedSNMPMessages", "Off"), 0u);
+    EXPECT_EQ(read("EventAggregateInteval", 64), "1");
+    EXPECT_EQ(read("ExtendedSNMPMessages", 16), "Off");
+    EXPECT_NE(readFile().find("ExtendedSNMPMessages=Off\n"), std::string::npos) << readFile();
+
+    // A list longer than the plug-in's buffer answers 16 with the size needed.
+    std::string longList;
+    for (int i = 0; i < 20; ++i)
+        longList += std::to_string(2000 + i) + ",";
+    EXPECT_EQ(SSSetPrivateIniValue("vcsipe", "BlockedAlerts", longList.c_str()), 0u);
+    EXPECT_EQ(read("BlockedAlerts", 64), "<status 16>");
+    char small[64];
+    uint32_t size = sizeof small;
+    EXPECT_EQ(SSGetPrivateIniValue("vcsipe", "BlockedAlerts", small, &size), 16u);
+    EXPECT_EQ(size, longList.size() + 1);
 }
 
 TEST_F(IniStoreTest, MalformedLineIsSkippedWithAWarningAndTheOthersLoad)
