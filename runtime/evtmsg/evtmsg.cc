@@ -1,15 +1,15 @@
-// The event-message catalogue. The management address comes from the served
+// The event-message catalogue. The alert texts come from the alert catalogue
+// (catalogue.cc, data/alerts.txt), the management address from the served
 // model, the location texts from an object's type and nexus (location.cc).
-// The alert texts are not available yet: the catalogue file is a later
-// piece of work, so those calls answer 5 and leave empty texts in the areas
-// they were given.
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
 
 #include "datastore/model_store.h"
 #include "evtmsg.h"
+#include "evtmsg/catalogue.h"
 #include "evtmsg/location.h"
 #include "support/text.h"
 
@@ -46,13 +46,36 @@ std::string_view bounded(const char *text, size_t limit)
 
 extern "C" {
 
-// Not available yet: 5, empty level and message.
-uint32_t evtmsg_getAlertMsg(uint32_t /*eventId*/, char *level, char *message,
-                            uint32_t /*insertCount*/, char *const * /*inserts*/)
+// The alert of eventId from the served catalogue: level "1", "2" or "4" and
+// the message with its markers replaced (catalogue.h, expandText), each cut to
+// its area; a null area is skipped, a null `inserts` is no inserts. 0 when
+// the catalogue has a line for eventId, 2 when the `default` line answered,
+// 5 when no catalogue is loaded or memory ran out (every given area empty).
+uint32_t evtmsg_getAlertMsg(uint32_t eventId, char *level, char *message, uint32_t insertCount,
+                            char *const *inserts)
 {
     clear(level);
     clear(message);
-    return 5;
+    try {
+        namespace em = kelp::rt::evtmsg;
+        const std::shared_ptr<const em::Catalogue> catalogue = em::servedCatalogue();
+        if (catalogue == nullptr)
+            return 5;
+        const auto found = catalogue->alerts.find(eventId);
+        const bool known = found != catalogue->alerts.end();
+        const em::Alert &alert = known ? found->second : catalogue->fallback;
+        if (message != nullptr) {
+            const std::string text =
+                em::expandText(alert.message, eventId, insertCount, inserts, EVTMSG_MESSAGE_SIZE);
+            kelp::rt::copyToBuffer(text, message, EVTMSG_MESSAGE_SIZE);
+        }
+        kelp::rt::copyToBuffer(std::to_string(alert.level), level, EVTMSG_TEXT_SIZE);
+        return known ? 0 : 2;
+    } catch (const std::bad_alloc &) {
+        clear(level);
+        clear(message);
+        return 5;
+    }
 }
 
 // The texts of objectLocation (evtmsg/location.h, scheme in data/NAMES.md),
@@ -88,13 +111,35 @@ uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus, const
     }
 }
 
-// Not available yet: 5, empty description and message id.
-uint32_t getEEMItrap(uint32_t /*objType*/, uint32_t /*insertCount*/, uint32_t /*eventId*/,
-                     char *const * /*inserts*/, char *description, char *messageId)
+// The extended description of eventId with its markers replaced, cut to
+// EVTMSG_DESCRIPTION_SIZE - 1 bytes, and its message id, from the served
+// catalogue; a null area is skipped, a null `inserts` is no inserts. The
+// object type does not change the texts. Status as evtmsg_getAlertMsg.
+uint32_t getEEMItrap(uint32_t /*objType*/, uint32_t insertCount, uint32_t eventId,
+                     char *const *inserts, char *description, char *messageId)
 {
     clear(description);
     clear(messageId);
-    return 5;
+    try {
+        namespace em = kelp::rt::evtmsg;
+        const std::shared_ptr<const em::Catalogue> catalogue = em::servedCatalogue();
+        if (catalogue == nullptr)
+            return 5;
+        const auto found = catalogue->alerts.find(eventId);
+        const bool known = found != catalogue->alerts.end();
+        const em::Alert &alert = known ? found->second : catalogue->fallback;
+        if (description != nullptr) {
+            const std::string text = em::expandText(alert.description, eventId, insertCount,
+                                                    inserts, EVTMSG_DESCRIPTION_SIZE);
+            kelp::rt::copyToBuffer(text, description, EVTMSG_DESCRIPTION_SIZE);
+        }
+        copyText(alert.messageId, messageId);
+        return known ? 0 : 2;
+    } catch (const std::bad_alloc &) {
+        clear(description);
+        clear(messageId);
+        return 5;
+    }
 }
 
 // The management web address: the served model's `url` attribute. 0 with the

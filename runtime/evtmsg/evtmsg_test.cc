@@ -1,6 +1,6 @@
-// The event-message catalogue: the management address from the served model; the
-// alert texts answer 5 and empty texts until the catalogue exists. The location
-// texts have their own file, location_test.cc.
+// The event-message catalogue: the management address from the served model. The
+// alert texts are tested in catalogue_test.cc, the location texts in
+// location_test.cc.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,29 +10,6 @@
 #include "evtmsg.h"
 
 namespace {
-
-TEST(EvtMsgTest, AlertMessageAnswers5WithEmptyTexts)
-{
-    char level[EVTMSG_TEXT_SIZE], message[EVTMSG_MESSAGE_SIZE];
-    std::memset(level, 'x', sizeof level);
-    std::memset(message, 'x', sizeof message);
-    char insert[] = "disk 0:1:2";
-    char *inserts[] = {insert};
-    EXPECT_EQ(evtmsg_getAlertMsg(2048, level, message, 1, inserts), 5u);
-    EXPECT_STREQ(level, "");
-    EXPECT_STREQ(message, "");
-    EXPECT_EQ(evtmsg_getAlertMsg(2048, nullptr, nullptr, 0, nullptr), 5u);
-}
-
-TEST(EvtMsgTest, ExtendedTrapTextAnswers5WithEmptyTexts)
-{
-    char description[EVTMSG_DESCRIPTION_SIZE], messageId[EVTMSG_TEXT_SIZE];
-    std::memset(description, 'x', sizeof description);
-    std::memset(messageId, 'x', sizeof messageId);
-    EXPECT_EQ(getEEMItrap(772, 0, 2048, nullptr, description, messageId), 5u);
-    EXPECT_STREQ(description, "");
-    EXPECT_STREQ(messageId, "");
-}
 
 TEST(EvtMsgTest, UrlComesFromTheServedModel)
 {

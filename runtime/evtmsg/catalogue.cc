@@ -1,0 +1,449 @@
+// The alert catalogue (catalogue.h): parsing the line format of data/ALERTS.md,
+// finding the file, serving one catalogue, and putting inserts into texts.
+#include "evtmsg/catalogue.h"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "queue.h"
+#include "support/config.h"
+#include "support/file_read.h"
+#include "support/text.h"
+
+#ifndef KELP_SOURCE_DIR
+#define KELP_SOURCE_DIR ""
+#endif
+
+namespace kelp::rt::evtmsg {
+namespace {
+
+constexpr size_t kMaxMessageId = 255;
+constexpr size_t kMaxMessage = 255;
+constexpr size_t kMaxDescription = 1023;
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// The length of the marker that starts at text[at] (a '%'): 2 for "%%" and
+// "%N", 3 for "%10"; 0 when the '%' starts no marker.
+size_t markerLength(std::string_view text, size_t at)
+{
+    if (at + 1 >= text.size())
+        return 0;
+    const char next = text[at + 1];
+    if (next == '%')
+        return 2;
+    if (!isDigit(next))
+        return 0;
+    if (next == '1' && at + 2 < text.size() && text[at + 2] == '0')
+        return 3;
+    return 2;
+}
+
+// Why text is not valid UTF-8 without control characters (tab allowed), or
+// empty when it is.
+std::string textProblem(std::string_view text)
+{
+    size_t i = 0;
+    while (i < text.size()) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x80) {
+            if ((c < 0x20 && c != '\t') || c == 0x7F)
+                return "a control character (byte " + std::to_string(c) + ")";
+            ++i;
+            continue;
+        }
+        size_t more = 0;
+        unsigned lowest = 0;
+        if (c >= 0xC2 && c <= 0xDF) {
+            more = 1;
+            lowest = 0x80;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            more = 2;
+            lowest = 0x800;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            more = 3;
+            lowest = 0x10000;
+        } else {
+            return "bytes that are not UTF-8";
+        }
+        if (i + more >= text.size())
+            return "bytes that are not UTF-8";
+        unsigned code = c & (0x3Fu >> more);
+        for (size_t k = 1; k <= more; ++k) {
+            const auto b = static_cast<unsigned char>(text[i + k]);
+            if ((b & 0xC0) != 0x80)
+                return "bytes that are not UTF-8";
+            code = (code << 6) | (b & 0x3Fu);
+        }
+        if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+            return "bytes that are not UTF-8";
+        i += more + 1;
+    }
+    return std::string();
+}
+
+// Why a message or description text cannot be used, or empty.
+std::string templateProblem(std::string_view text, const char *what, size_t limit)
+{
+    if (text.empty())
+        return std::string("the ") + what + " is empty";
+    if (text.size() > limit) {
+        return std::string("the ") + what + " has " + std::to_string(text.size()) +
+               " bytes (at most " + std::to_string(limit) + ")";
+    }
+    std::string problem = textProblem(text);
+    if (!problem.empty())
+        return std::string("the ") + what + " holds " + problem;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%')
+            continue;
+        const size_t length = markerLength(text, i);
+        if (length == 0) {
+            return std::string("a '%' in the ") + what +
+                   " is followed by neither a number 0 to 10 nor another '%'";
+        }
+        i += length - 1;
+    }
+    return std::string();
+}
+
+std::string idProblem(std::string_view id)
+{
+    if (id.empty())
+        return "the message id is empty";
+    if (id.size() > kMaxMessageId)
+        return "the message id has more than " + std::to_string(kMaxMessageId) + " bytes";
+    for (char c : id) {
+        const bool ok = isDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                        c == '-' || c == '_' || c == '.';
+        if (!ok)
+            return "the message id '" + std::string(id) + "' holds other than A-Z a-z 0-9 - _ .";
+    }
+    return std::string();
+}
+
+bool parseNumber(std::string_view text, uint32_t *number)
+{
+    if (text.empty() || text.size() > 10)
+        return false;
+    uint64_t value = 0;
+    for (char c : text) {
+        if (!isDigit(c))
+            return false;
+        value = value * 10 + static_cast<unsigned>(c - '0');
+    }
+    if (value > UINT32_MAX)
+        return false;
+    *number = static_cast<uint32_t>(value);
+    return true;
+}
+
+std::vector<std::string_view> splitFields(std::string_view line)
+{
+    std::vector<std::string_view> fields;
+    for (;;) {
+        const size_t bar = line.find('|');
+        fields.push_back(trimBlanks(line.substr(0, bar)));
+        if (bar == std::string_view::npos)
+            return fields;
+        line.remove_prefix(bar + 1);
+    }
+}
+
+class Parser {
+  public:
+    Parser(const std::string &origin, Catalogue *catalogue, std::string *error)
+        : origin_(origin), catalogue_(catalogue), error_(error)
+    {
+    }
+
+    bool line(std::string_view text, size_t number);
+    bool finish();
+
+  private:
+    bool fail(size_t line, const std::string &message)
+    {
+        if (error_ != nullptr)
+            *error_ = origin_ + ":" + std::to_string(line) + ": " + message;
+        return false;
+    }
+
+    const std::string &origin_;
+    Catalogue *catalogue_;
+    std::string *error_;
+    std::unordered_map<uint32_t, size_t> lineOf_;
+    size_t defaultLine_ = 0;
+};
+
+bool Parser::line(std::string_view text, size_t number)
+{
+    if (!text.empty() && text.back() == '\r')
+        text.remove_suffix(1);
+    const std::string_view trimmed = trimBlanks(text);
+    if (trimmed.empty() || trimmed.front() == '#')
+        return true;
+    const std::vector<std::string_view> fields = splitFields(trimmed);
+    if (fields.size() != 5) {
+        return fail(number, std::to_string(fields.size()) +
+                                " fields where a line has 5: NUMBER | LEVEL | MESSAGE ID | "
+                                "MESSAGE | DESCRIPTION");
+    }
+    const std::string_view key = fields[0];
+    uint32_t eventId = 0;
+    const bool isDefault = key == "default";
+    if (!isDefault && !parseNumber(key, &eventId)) {
+        return fail(number, "'" + std::string(key) +
+                                "' is neither an event number (0 to 4294967295) nor 'default'");
+    }
+    if (isDefault && defaultLine_ != 0)
+        return fail(number, "a second 'default' line (the first is line " +
+                                std::to_string(defaultLine_) + ")");
+    if (!isDefault) {
+        auto seen = lineOf_.find(eventId);
+        if (seen != lineOf_.end()) {
+            return fail(number, "event " + std::to_string(eventId) + " is already on line " +
+                                    std::to_string(seen->second));
+        }
+    }
+    Alert alert;
+    const std::string_view level = fields[1];
+    if (level == "1" || level == "2" || level == "4")
+        alert.level = static_cast<unsigned>(level[0] - '0');
+    else
+        return fail(number, "level '" + std::string(level) + "' is not 1, 2 or 4");
+    std::string problem = idProblem(fields[2]);
+    if (problem.empty())
+        problem = templateProblem(fields[3], "message", kMaxMessage);
+    if (problem.empty())
+        problem = templateProblem(fields[4], "description", kMaxDescription);
+    if (!problem.empty())
+        return fail(number, problem);
+    alert.messageId = fields[2];
+    alert.message = fields[3];
+    alert.description = fields[4];
+    if (isDefault) {
+        defaultLine_ = number;
+        catalogue_->fallback = std::move(alert);
+    } else {
+        lineOf_.emplace(eventId, number);
+        catalogue_->alerts.emplace(eventId, std::move(alert));
+    }
+    return true;
+}
+
+bool Parser::finish()
+{
+    if (defaultLine_ != 0)
+        return true;
+    if (error_ != nullptr) {
+        *error_ = origin_ + ": no 'default' line (the alert of numbers without a line of "
+                            "their own)";
+    }
+    return false;
+}
+
+struct Served {
+    std::mutex mutex;
+    bool settled = false; // guarded by mutex
+    std::shared_ptr<const Catalogue> catalogue;
+    std::string error;
+};
+
+Served &served()
+{
+    static Served instance;
+    return instance;
+}
+
+std::string runtimeDir()
+{
+    char path[4096];
+    uint32_t size = sizeof path;
+    return GetInstallPath(path, &size) == 0 ? std::string(path) : std::string();
+}
+
+std::shared_ptr<const Catalogue> loadFromPlaces(std::string *error)
+{
+    const std::string chosen = envValue("KELP_CATALOGUE");
+    if (!chosen.empty())
+        return loadCatalogueFile(chosen, error);
+    std::string tried;
+    for (const std::string &candidate : catalogueCandidates(runtimeDir())) {
+        std::string text, message;
+        // A candidate that does not exist is skipped; any other failure is
+        // the catalogue's.
+        FileRead read = readRegularFile(candidate, kMaxCatalogueFileBytes, &text, &message);
+        if (read == FileRead::kMissing) {
+            tried += (tried.empty() ? "" : ", ") + candidate;
+            continue;
+        }
+        if (read == FileRead::kRefused) {
+            *error = message;
+            return nullptr;
+        }
+        auto catalogue = std::make_shared<Catalogue>();
+        catalogue->origin = candidate;
+        if (!parseCatalogue(text, candidate, catalogue.get(), error))
+            return nullptr;
+        return catalogue;
+    }
+    *error = "no catalogue file: KELP_CATALOGUE is not set and none of " + tried + " exists";
+    return nullptr;
+}
+
+// The library's load loads the catalogue, so that a bad file is reported when
+// the host starts rather than at its first event.
+__attribute__((constructor)) void catalogueAttach()
+{
+    try {
+        (void)servedCatalogue();
+    } catch (const std::bad_alloc &) {
+        std::fprintf(stderr, "kelp: alert catalogue: out of memory\n");
+    }
+}
+
+} // namespace
+
+bool parseCatalogue(std::string_view text, const std::string &origin, Catalogue *catalogue,
+                    std::string *error)
+{
+    Parser parser(origin, catalogue, error);
+    size_t number = 0;
+    while (!text.empty()) {
+        ++number;
+        const size_t end = text.find('\n');
+        if (!parser.line(text.substr(0, end), number))
+            return false;
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return parser.finish();
+}
+
+std::shared_ptr<const Catalogue> loadCatalogueFile(const std::string &path, std::string *error)
+{
+    std::string text, message;
+    if (readRegularFile(path, kMaxCatalogueFileBytes, &text, &message) != FileRead::kRead) {
+        *error = message;
+        return nullptr;
+    }
+    auto catalogue = std::make_shared<Catalogue>();
+    catalogue->origin = path;
+    if (!parseCatalogue(text, path, catalogue.get(), error))
+        return nullptr;
+    return catalogue;
+}
+
+std::vector<std::string> catalogueCandidates(const std::string &runtimeDir)
+{
+    std::vector<std::string> places;
+    if (!runtimeDir.empty()) {
+        places.push_back(runtimeDir + "/../share/kelp/alerts.txt");
+        places.push_back(runtimeDir + "/../../data/alerts.txt");
+    }
+    if (KELP_SOURCE_DIR[0] != '\0')
+        places.push_back(std::string(KELP_SOURCE_DIR) + "/data/alerts.txt");
+    return places;
+}
+
+std::shared_ptr<const Catalogue> servedCatalogue()
+{
+    Served &state = served();
+    std::lock_guard lock(state.mutex);
+    if (!state.settled) {
+        state.settled = true;
+        std::string error;
+        state.catalogue = loadFromPlaces(&error);
+        if (state.catalogue == nullptr) {
+            state.error = error;
+            std::fprintf(stderr, "kelp: alert catalogue: %s\n", error.c_str());
+        }
+    }
+    return state.catalogue;
+}
+
+std::string servedCatalogueError()
+{
+    Served &state = served();
+    std::lock_guard lock(state.mutex);
+    return state.error;
+}
+
+namespace {
+
+void serve(std::shared_ptr<const Catalogue> catalogue)
+{
+    Served &state = served();
+    std::lock_guard lock(state.mutex);
+    state.settled = true;
+    state.catalogue = std::move(catalogue);
+    state.error.clear();
+}
+
+} // namespace
+
+bool serveCatalogueFile(const std::string &path, std::string *error)
+{
+    std::shared_ptr<const Catalogue> catalogue = loadCatalogueFile(path, error);
+    if (catalogue == nullptr)
+        return false;
+    serve(std::move(catalogue));
+    return true;
+}
+
+bool reloadCatalogue(std::string *error)
+{
+    std::shared_ptr<const Catalogue> catalogue = loadFromPlaces(error);
+    if (catalogue == nullptr)
+        return false;
+    serve(std::move(catalogue));
+    return true;
+}
+
+std::string_view cutText(std::string_view text, size_t capacity)
+{
+    if (capacity == 0)
+        return std::string_view();
+    if (text.size() < capacity)
+        return text;
+    size_t n = capacity - 1;
+    while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
+        --n;
+    return text.substr(0, n);
+}
+
+std::string expandText(std::string_view text, uint32_t eventId, uint32_t insertCount,
+                       const char *const *inserts, size_t capacity)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size() && out.size() < capacity; ++i) {
+        const size_t length = text[i] == '%' ? markerLength(text, i) : 0;
+        if (length == 0) {
+            out.push_back(text[i]);
+            continue;
+        }
+        const std::string_view marker = text.substr(i, length);
+        i += length - 1;
+        if (marker == "%%") {
+            out.push_back('%');
+            continue;
+        }
+        const unsigned n = length == 3 ? 10u : static_cast<unsigned>(marker[1] - '0');
+        if (n == 0) {
+            out += std::to_string(eventId);
+        } else if (inserts != nullptr && n <= insertCount && inserts[n - 1] != nullptr) {
+            // Read no more of the insert than could be shown.
+            const char *insert = inserts[n - 1];
+            out.append(insert, strnlen(insert, capacity));
+        } else {
+            out.append(marker);
+        }
+    }
+    return std::string(cutText(out, capacity));
+}
+
+} // namespace kelp::rt::evtmsg
