@@ -35,7 +35,7 @@ struct Catalogue {
 
 // Parses a catalogue's text; origin names it in errors. False with one line
 // "ORIGIN:LINE: what is wrong" (or "ORIGIN: ..." for what concerns the whole
-// file) in *error; *catalogue is then unspecified.
+// file) in *error; *catalogue then holds only part of the text.
 bool parseCatalogue(std::string_view text, const std::string &origin, Catalogue *catalogue,
                     std::string *error);
 
