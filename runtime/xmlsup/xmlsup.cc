@@ -43,7 +43,9 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
             *size = static_cast<uint32_t>(needed);
             return 16;
         }
-        std::memcpy(out, value.data(), value.size());
+        // An empty value may have no text behind it at all.
+        if (!value.empty())
+            std::memcpy(out, value.data(), value.size());
         out[value.size()] = '\0';
         *size = static_cast<uint32_t>(needed);
         return 0;
