@@ -174,36 +174,6 @@ TEST(AgentGroups, AWalkOfTheWholeAgentRunsFromTheSystemGroupToTheStorageMib)
         << walk.out.substr(walk.out.size() - 300);
 }
 
-// A snmptrapd on a free loopback port writing one line per trap.
-class TrapReceiver {
-  public:
-    explicit TrapReceiver(const TempDir &dir) : dir_(dir), port_(freeUdpPort())
-    {
-        writeFile(dir / "snmptrapd.conf", "disableAuthorization yes\n");
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{"snmptrapd", "-f", "-Lf", dir / "traps.log", "-On", "-C", "-c",
-                                     dir / "snmptrapd.conf", "-F",
-                                     "v=%s gen=%w specific=%q vbs=%v\n",
-                                     "udp:127.0.0.1:" + std::to_string(port_)},
-            snmpEnv(dir), dir / "trapd.out", dir / "trapd.err");
-        ready_ = waitFor([&] { return log().find("NET-SNMP version") != std::string::npos; }, 20s);
-    }
-    ~TrapReceiver()
-    {
-        process_->signal(SIGTERM);
-        process_->wait(15s);
-    }
-    bool ready() const { return ready_; }
-    std::string sink() const { return "udp:127.0.0.1:" + std::to_string(port_); }
-    std::string log() const { return readFile(dir_ / "traps.log"); }
-
-  private:
-    const TempDir &dir_;
-    int port_;
-    bool ready_ = false;
-    std::unique_ptr<Process> process_;
-};
-
 TEST(AgentGroups, ColdStartGoesToEveryTrapSinkAsV2cNotification)
 {
     TempDir sinks;

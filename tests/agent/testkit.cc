@@ -309,6 +309,29 @@ RunResult AgentUnderTest::snmp(const std::string &tool, const std::vector<std::s
     return snmpAt(dir_, tool, version, community, addresses.substr(0, addresses.find(',')), args);
 }
 
+TrapReceiver::TrapReceiver(const TempDir &dir) : dir_(dir), port_(freeUdpPort())
+{
+    writeFile(dir / "snmptrapd.conf", "disableAuthorization yes\n");
+    process_ = std::make_unique<Process>(
+        std::vector<std::string>{"snmptrapd", "-f", "-Lf", dir / "traps.log", "-On", "-C", "-c",
+                                 dir / "snmptrapd.conf", "-F", "v=%s gen=%w specific=%q vbs=%v\n",
+                                 "udp:127.0.0.1:" + std::to_string(port_)},
+        snmpEnv(dir), dir / "trapd.out", dir / "trapd.err");
+    ready_ = waitFor([&] { return log().find("NET-SNMP version") != std::string::npos; },
+                     std::chrono::seconds(20));
+}
+
+TrapReceiver::~TrapReceiver()
+{
+    process_->signal(SIGTERM);
+    process_->wait(std::chrono::seconds(15));
+}
+
+std::string TrapReceiver::log() const
+{
+    return readFile(dir_ / "traps.log");
+}
+
 RunResult AgentUnderTest::kelpctl(const std::vector<std::string> &words)
 {
     std::vector<std::string> argv{kelpctlPath(), "--control", stateDir() + "/control.sock"};

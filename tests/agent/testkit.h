@@ -153,6 +153,27 @@ class AgentUnderTest {
     std::unique_ptr<Process> process_;
 };
 
+// A snmptrapd on a free loopback port writing one line per trap into
+// <dir>/traps.log: "v=VERSION gen=GENERIC specific=SPECIFIC vbs=BINDINGS",
+// names numeric.
+class TrapReceiver {
+  public:
+    explicit TrapReceiver(const TempDir &dir);
+    ~TrapReceiver();
+    TrapReceiver(const TrapReceiver &) = delete;
+    TrapReceiver &operator=(const TrapReceiver &) = delete;
+
+    bool ready() const { return ready_; }
+    std::string sink() const { return "udp:127.0.0.1:" + std::to_string(port_); }
+    std::string log() const;
+
+  private:
+    const TempDir &dir_;
+    int port_;
+    bool ready_ = false;
+    std::unique_ptr<Process> process_;
+};
+
 // Skips the test while the plug-in answers noSuchName for every name.
 #define KELP_REQUIRE_MODULE_VALUES(agent)                                                          \
     do {                                                                                           \
