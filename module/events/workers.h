@@ -2,6 +2,8 @@
 #ifndef KELP_MODULE_EVENTS_WORKERS_H
 #define KELP_MODULE_EVENTS_WORKERS_H
 
+#include <cstdint>
+
 extern "C" {
 
 // The event monitor: reads storage events and turns them into traps. Sets
@@ -12,5 +14,9 @@ void MonitorEvents(void *unused);
 void AggregateEventsThread(void *unused);
 
 } // extern "C"
+
+// The aggregation interval in whole minutes: read by the aggregation thread
+// when it starts, named in the sentence the trap sender appends to a repeat.
+extern "C" uint32_t EventAggregateInteval;
 
 #endif // KELP_MODULE_EVENTS_WORKERS_H
