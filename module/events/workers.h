@@ -15,8 +15,16 @@ void AggregateEventsThread(void *unused);
 
 } // extern "C"
 
-// The aggregation interval in whole minutes: read by the aggregation thread
-// when it starts, named in the sentence the trap sender appends to a repeat.
+// The aggregation interval in whole minutes: section "vcsipe", key
+// "EventAggregateInteval", read by the aggregation thread when it starts; 0
+// (every wake-up is a pass) when the key is missing or is not a decimal
+// number from 0 to 4294967295. Named in the sentence the trap sender appends
+// to a repeat.
 extern "C" uint32_t EventAggregateInteval;
+
+// The clock the aggregation period is measured with, in seconds: the wall
+// clock (time()) unless a test puts a clock of its own here before the
+// thread starts.
+extern int64_t (*g_aggregateClock)(void);
 
 #endif // KELP_MODULE_EVENTS_WORKERS_H
