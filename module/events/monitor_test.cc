@@ -140,6 +140,27 @@ TEST_F(MonitorTest, StateChangeOnATypeWithoutTrapSendsNothingAndConfigurationEve
               (Sent{{1305, 2122}, {1305, 2122}, {1306, 2123}, {1304, 2124}, {952, 2121}}));
 }
 
+TEST_F(MonitorTest, AStateChangeMapsByObjectType)
+{
+    const std::pair<uint32_t, uint32_t> traps[] = {
+        {769, 752}, {770, 802},  {771, 1152}, {772, 902},  {773, 1202},
+        {776, 852}, {777, 1102}, {778, 1052}, {779, 1002}, {780, 952}};
+    Sent expected;
+    for (const auto &[objType, trap] : traps) {
+        queue(event(2121, objType));
+        expected.emplace_back(trap, 2121);
+    }
+    // Types with other traps have none for a state change.
+    for (const uint32_t objType : std::initializer_list<uint32_t>{775, 785, 786, 791, 793}) {
+        queue(event(2121, objType));
+    }
+    queue(event(2122, 769));
+    expected.emplace_back(1305, 2122);
+    kelpRuntimeSetTimeScale(1000);
+    startMonitor();
+    EXPECT_EQ(sent(eventspy::waitForTraps(expected.size())), expected);
+}
+
 TEST_F(MonitorTest, AWarningOnAControllerSendsTheExtraTrapFirst)
 {
     queue(event(2164, 769));
