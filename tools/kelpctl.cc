@@ -38,14 +38,26 @@ Commands:
                                        queued events
   ready on|off                         the data store reports ready or not
   set ID ATTR VALUE                    sets (or adds) one attribute of an object
-  add --xml TEXT                       adds <object> and <link> elements
-  remove ID                            removes an object and its links
-  load FILE                            replaces the whole model (a relative FILE
+  add [--no-events] --xml TEXT         adds <object> and <link> elements
+  remove [--no-events] ID              removes an object and its links
+  load [--no-events] FILE              replaces the whole model (a relative FILE
                                        is taken from kelpctl's directory)
   event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]...
-                                       queues an event built from these
+                                       queues an event: EventID, the object's
+                                       ObjType, Nexus, ObjStatus, PreviousStatus,
+                                       AttributesMask, ControllerName and
+                                       VirtualDiskName, Parm01.. from --parm, and
+                                       each --field (one named like an element
+                                       already there replaces its value)
   event --xml TEXT                     queues an event given as XML
   help                                 lists the commands the server knows
+
+add, remove and load change the model and then queue the events a storage
+service raises when its configuration changes: 3061 (rescan started), then
+3060 (rescan completed). --no-events, anywhere among their words, changes the
+model without them. A change that is refused queues nothing. The queue holds
+at most 10000 events (16 MiB); an event past that is refused until the plug-in
+has read some.
 
 Protocol: one command per connection. kelpctl sends one line of at most 64 KiB
 ending in a newline, each argument as a double-quoted word (escapes \" \\ \n
@@ -53,6 +65,8 @@ ending in a newline, each argument as a double-quoted word (escapes \" \\ \n
 
 Options:
   --control SOCKET, --control=SOCKET   the control socket to talk to
+  --no-events                          before load, add or remove: the same as
+                                       after it
   -h, --help                           prints this text
 
 Exit status: 0 for ok (kelpctl prints "ok"), 1 for an error answer, 2 for a
@@ -86,16 +100,20 @@ std::string defaultSocket()
 }
 
 // The server runs in its own directory; a relative file for `load` is meant
-// from here.
+// from here. The file is the word that is not an option ("--..."); the
+// server checks the rest.
 void absolutizeLoadFile(std::vector<std::string> *words)
 {
-    if (words->size() != 2 || (*words)[0] != "load" || (*words)[1].empty() ||
-        (*words)[1][0] == '/') {
+    if (words->empty() || (*words)[0] != "load")
         return;
-    }
-    if (char *cwd = getcwd(nullptr, 0)) {
-        (*words)[1] = std::string(cwd) + "/" + (*words)[1];
-        std::free(cwd);
+    for (size_t k = 1; k < words->size(); ++k) {
+        std::string &word = (*words)[k];
+        if (word.empty() || word[0] == '/' || word.starts_with("--"))
+            continue;
+        if (char *cwd = getcwd(nullptr, 0)) {
+            word = std::string(cwd) + "/" + word;
+            std::free(cwd);
+        }
     }
 }
 
@@ -163,6 +181,7 @@ bool readAnswer(int fd, std::string *answer)
 int main(int argc, char **argv)
 {
     std::string socketPath;
+    bool noEvents = false;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
         std::string option = argv[i];
@@ -176,6 +195,8 @@ int main(int argc, char **argv)
             socketPath = argv[++i];
         } else if (option.starts_with("--control=")) {
             socketPath = option.substr(10);
+        } else if (option == "--no-events") {
+            noEvents = true;
         } else {
             return usageError(("unknown option " + option).c_str());
         }
@@ -186,6 +207,11 @@ int main(int argc, char **argv)
         socketPath = defaultSocket();
 
     std::vector<std::string> words(argv + i, argv + argc);
+    if (noEvents) {
+        if (words[0] != "load" && words[0] != "add" && words[0] != "remove")
+            return usageError("--no-events goes with load, add and remove only");
+        words.push_back("--no-events");
+    }
     absolutizeLoadFile(&words);
     std::string line;
     for (const std::string &word : words)

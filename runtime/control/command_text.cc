@@ -1,6 +1,9 @@
 // The pure text work of the control commands: numbers and names in command
 // words, the event XML built from an `event` command, and the answer text.
 #include "control/commands.h"
+
+#include <algorithm>
+
 #include "control/words.h"
 #include "datastore/xml_text.h"
 
@@ -72,15 +75,22 @@ std::string eventXml(uint32_t eventId,
                      const std::vector<std::string> &parms,
                      const std::vector<std::pair<std::string, std::string>> &fields)
 {
-    std::string xml;
-    appendElement(&xml, "EventID", std::to_string(eventId));
-    for (const auto &[name, value] : objectFields)
-        appendElement(&xml, name, value);
+    std::vector<std::pair<std::string, std::string>> elements = objectFields;
     for (size_t i = 0; i < parms.size() && i < kMaxParms; ++i) {
         std::string number = std::to_string(i + 1);
-        appendElement(&xml, (number.size() == 1 ? "Parm0" : "Parm") + number, parms[i]);
+        elements.emplace_back((number.size() == 1 ? "Parm0" : "Parm") + number, parms[i]);
     }
-    for (const auto &[name, value] : fields)
+    for (const auto &field : fields) {
+        auto same = std::find_if(elements.begin(), elements.end(),
+                                 [&field](const auto &e) { return e.first == field.first; });
+        if (same != elements.end())
+            same->second = field.second;
+        else
+            elements.push_back(field);
+    }
+    std::string xml;
+    appendElement(&xml, "EventID", std::to_string(eventId));
+    for (const auto &[name, value] : elements)
         appendElement(&xml, name, value);
     return xml;
 }

@@ -79,6 +79,33 @@ TEST(CommandTextTest, ValidCommandLinesBecomeRequests)
     for (const char *line : {"status", "help", "ready on", "add --xml <object/>", "remove 1",
                              "load /x.xml", "event 0"}) {
         EXPECT_TRUE(parseLine(line, &r, &error)) << line << ": " << error;
+        EXPECT_FALSE(r.noEvents) << line;
+    }
+}
+
+TEST(CommandTextTest, NoEventsIsTakenAnywhereByAddRemoveAndLoad)
+{
+    Request r;
+    std::string error;
+    for (const char *line :
+         {"add --no-events --xml <object/>", "add --xml <object/> --no-events"}) {
+        ASSERT_TRUE(parseLine(line, &r, &error)) << line << ": " << error;
+        EXPECT_TRUE(r.noEvents) << line;
+        EXPECT_EQ(r.text, "<object/>") << line;
+    }
+    // The value of --xml is the XML, whatever it looks like.
+    ASSERT_TRUE(parseLine("add --xml --no-events", &r, &error)) << error;
+    EXPECT_FALSE(r.noEvents);
+    EXPECT_EQ(r.text, "--no-events");
+    for (const char *line : {"remove --no-events 7", "remove 7 --no-events"}) {
+        ASSERT_TRUE(parseLine(line, &r, &error)) << line << ": " << error;
+        EXPECT_TRUE(r.noEvents) << line;
+        EXPECT_EQ(r.id, 7u) << line;
+    }
+    for (const char *line : {"load --no-events /x.xml", "load /x.xml --no-events"}) {
+        ASSERT_TRUE(parseLine(line, &r, &error)) << line << ": " << error;
+        EXPECT_TRUE(r.noEvents) << line;
+        EXPECT_EQ(r.text, "/x.xml") << line;
     }
 }
 
@@ -103,13 +130,25 @@ TEST(CommandTextTest, WrongCommandLinesAreRefusedWithAClearMessage)
         {"set abc Name a", "bad object id \"abc\""},
         {"set 20 \"bad name\" a", "bad attribute name"},
         {"set 20 \"\" a", "bad attribute name"},
-        {"add <object/>", "usage: add --xml TEXT"},
-        {"add --xml", "usage: add --xml TEXT"},
-        {"remove", "usage: remove ID"},
+        {"add <object/>", "usage: add [--no-events] --xml TEXT"},
+        {"add --xml", "--xml needs a value"},
+        {"add --no-events", "usage: add [--no-events] --xml TEXT"},
+        {"add --xml a --xml b", "--xml given twice"},
+        {"add --xml a stray", "usage: add [--no-events] --xml TEXT"},
+        {"add --no-event --xml a", "unknown add option \"--no-event\"; usage: add"},
+        {"add --xml a --no-events --no-events", "--no-events given twice"},
+        {"remove", "usage: remove [--no-events] ID"},
         {"remove -5", "bad object id"},
-        {"load", "usage: load FILE"},
-        {"load \"\"", "usage: load FILE"},
-        {"load a b", "usage: load FILE"},
+        {"remove --no-events", "usage: remove [--no-events] ID"},
+        {"remove 5 --quiet", "unknown remove option \"--quiet\"; usage: remove"},
+        {"remove 5 6", "usage: remove [--no-events] ID"},
+        {"load", "usage: load [--no-events] FILE"},
+        {"load \"\"", "usage: load [--no-events] FILE"},
+        {"load a b", "usage: load [--no-events] FILE"},
+        {"load --no-events", "usage: load [--no-events] FILE"},
+        {"load --noevents a", "unknown load option \"--noevents\"; usage: load"},
+        {"load --no-events a --no-events", "--no-events given twice"},
+        {"event 1 --no-events", "unknown event option \"--no-events\""},
         {"event", "usage: event"},
         {"event abc", "bad event number \"abc\""},
         {"event -1", "bad event number"},
@@ -161,6 +200,15 @@ TEST(CommandTextTest, EventXmlPutsFieldsInOrderAndEscapesEveryValue)
                    "<Parm06>p6</Parm06><Parm07>p7</Parm07><Parm08>p8</Parm08>"
                    "<Parm09>p9</Parm09><Parm10>p10</Parm10><Extra>&lt;x/&gt;</Extra>");
     EXPECT_EQ(eventXml(0, {}, {}, {}), "<EventID>0</EventID>");
+}
+
+TEST(CommandTextTest, EventXmlFieldReplacesAnElementOfTheSameName)
+{
+    std::string xml =
+        eventXml(2048, {{"ObjType", "772"}, {"ObjStatus", "2"}}, {"a", "b"},
+                 {{"ObjStatus", "4"}, {"Parm02", "c"}, {"Extra", "1"}, {"Extra", "2"}});
+    EXPECT_EQ(xml, "<EventID>2048</EventID><ObjType>772</ObjType><ObjStatus>4</ObjStatus>"
+                   "<Parm01>a</Parm01><Parm02>c</Parm02><Extra>2</Extra>");
 }
 
 TEST(CommandTextTest, ReplyTextEndsWithOkOrErrorAndCannotBeForged)

@@ -98,7 +98,7 @@ void runSet(const Request &request, Reply *reply)
     runOrFail(ds::setAttribute(request.id, request.name, request.text, &error), error, reply);
 }
 
-// "--xml TEXT", the only form of add and the raw form of event.
+// "--xml TEXT", the raw form of event.
 bool parseXmlOption(Args args, Request *request, std::string *error)
 {
     if (args.size() != 2 || args[0] != "--xml")
@@ -108,37 +108,129 @@ bool parseXmlOption(Args args, Request *request, std::string *error)
     return true;
 }
 
+// Whether word is written as an option. No file, id or XML text of add,
+// remove and load is taken for one that starts with "--".
+bool isOptionWord(const std::string &word)
+{
+    return word.starts_with("--");
+}
+
+bool unknownOption(const Request &request, const std::string &option, std::string *error)
+{
+    *error = "unknown " + std::string(request.command->name) + " option \"" + option +
+             "\"; usage: " + request.command->usage;
+    return false;
+}
+
+// --no-events, which add, remove and load take anywhere among their words.
+bool takeNoEvents(Request *request, std::string *error)
+{
+    if (request->noEvents) {
+        *error = "--no-events given twice";
+        return false;
+    }
+    request->noEvents = true;
+    return true;
+}
+
+// The words of remove and load: one operand, and --no-events before or
+// after it.
+bool parseOperand(Args args, Request *request, std::string *operand, std::string *error)
+{
+    bool seen = false;
+    for (const std::string &word : args) {
+        if (word == "--no-events") {
+            if (!takeNoEvents(request, error))
+                return false;
+        } else if (isOptionWord(word)) {
+            return unknownOption(*request, word, error);
+        } else if (seen) {
+            return usageError(*request, error);
+        } else {
+            *operand = word;
+            seen = true;
+        }
+    }
+    return seen || usageError(*request, error);
+}
+
+// A change of the model is what makes a storage service rescan, so a
+// successful add, remove or load queues the rescan pair, unless the command
+// said --no-events. The change has been made by then: a queue without room
+// for both events is reported as an output line and the command answers ok.
+void queueRescan(const Request &request, Reply *reply)
+{
+    if (!reply->ok || request.noEvents)
+        return;
+    std::string error;
+    if (!ev::queueEvents({eventXml(kRescanStartedEvent, {}, {}, {}),
+                          eventXml(kRescanCompletedEvent, {}, {}, {})},
+                         &error)) {
+        reply->lines.push_back("the model changed, but the rescan events were not queued: " +
+                               error);
+    }
+}
+
+bool parseAdd(Args args, Request *request, std::string *error)
+{
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &word = args[i];
+        if (word == "--no-events") {
+            if (!takeNoEvents(request, error))
+                return false;
+        } else if (word == "--xml") {
+            if (request->rawXml) {
+                *error = "--xml given twice";
+                return false;
+            }
+            if (i + 1 == args.size()) {
+                *error = "--xml needs a value";
+                return false;
+            }
+            request->rawXml = true;
+            request->text = args[++i];
+        } else if (isOptionWord(word)) {
+            return unknownOption(*request, word, error);
+        } else {
+            return usageError(*request, error);
+        }
+    }
+    return request->rawXml || usageError(*request, error);
+}
+
 void runAdd(const Request &request, Reply *reply)
 {
     std::string error;
     runOrFail(ds::addObjects(request.text, &error), error, reply);
+    queueRescan(request, reply);
 }
 
 bool parseRemove(Args args, Request *request, std::string *error)
 {
-    if (args.size() != 1)
-        return usageError(*request, error);
-    return objectIdArg(args[0], &request->id, error);
+    std::string operand;
+    return parseOperand(args, request, &operand, error) &&
+           objectIdArg(operand, &request->id, error);
 }
 
 void runRemove(const Request &request, Reply *reply)
 {
     std::string error;
     runOrFail(ds::removeObject(request.id, &error), error, reply);
+    queueRescan(request, reply);
 }
 
 bool parseLoad(Args args, Request *request, std::string *error)
 {
-    if (args.size() != 1 || args[0].empty())
-        return usageError(*request, error);
-    request->text = args[0];
-    return true;
+    if (!parseOperand(args, request, &request->text, error))
+        return false;
+    return !request->text.empty() || usageError(*request, error);
 }
 
 void runLoad(const Request &request, Reply *reply)
 {
     std::string error;
     runOrFail(ds::loadModelFile(request.text, &error), error, reply);
+    queueRescan(request, reply);
 }
 
 bool parseEvent(Args args, Request *request, std::string *error)
@@ -212,9 +304,9 @@ constexpr std::array kCommands = {
     CommandRow{"status", parseNoArgs, runStatus, "status"},
     CommandRow{"ready", parseReady, runReady, "ready on|off"},
     CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE"},
-    CommandRow{"add", parseXmlOption, runAdd, "add --xml TEXT"},
-    CommandRow{"remove", parseRemove, runRemove, "remove ID"},
-    CommandRow{"load", parseLoad, runLoad, "load FILE"},
+    CommandRow{"add", parseAdd, runAdd, "add [--no-events] --xml TEXT"},
+    CommandRow{"remove", parseRemove, runRemove, "remove [--no-events] ID"},
+    CommandRow{"load", parseLoad, runLoad, "load [--no-events] FILE"},
     CommandRow{"event", parseEvent, runEvent,
                "event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]..."
                " | event --xml TEXT"},

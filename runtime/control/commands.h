@@ -25,6 +25,7 @@ struct Request {
     std::string name;               // set: the attribute
     std::string text;               // set: the value; add and event --xml: the XML; load: the file
     bool rawXml = false;            // event --xml
+    bool noEvents = false;          // add, remove, load: --no-events
     std::optional<uint32_t> object; // event --object
     std::vector<std::string> parms; // event --parm, in order
     std::vector<std::pair<std::string, std::string>> fields; // event --field, in order
@@ -83,11 +84,20 @@ bool parseEventNumber(std::string_view word, uint32_t *number);
 bool isElementName(std::string_view name);
 
 // The event text: <EventID>eventId</EventID>, then objectFields, then
-// <Parm01>.. from parms (at most 10), then fields, every value escaped.
+// <Parm01>.. from parms (at most 10), then fields, every value escaped. No
+// name repeats: a field named like an element already there (from
+// objectFields, parms or an earlier field) replaces that element's value in
+// its place.
 std::string eventXml(uint32_t eventId,
                      const std::vector<std::pair<std::string, std::string>> &objectFields,
                      const std::vector<std::string> &parms,
                      const std::vector<std::pair<std::string, std::string>> &fields);
+
+// The events a successful add, remove or load queues, as a storage service
+// raises them when its configuration changes: rescan started, then rescan
+// completed. --no-events leaves them out.
+inline constexpr uint32_t kRescanStartedEvent = 3061;
+inline constexpr uint32_t kRescanCompletedEvent = 3060;
 
 // Most --parm options an event takes (Parm01..Parm10).
 inline constexpr size_t kMaxParms = 10;

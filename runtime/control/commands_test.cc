@@ -13,6 +13,7 @@
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
 #include "kelp/runtime.h"
+#include "vcsif.h"
 
 namespace {
 
@@ -195,6 +196,120 @@ TEST_F(ControlCommandTest, RefusedEventsQueueNothing)
         EXPECT_TRUE(answer.starts_with("error: ")) << line.substr(0, 60) << ": " << answer;
     }
     EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+}
+
+const char kRescanStarted[] = "<EventID>3061</EventID>";
+const char kRescanCompleted[] = "<EventID>3060</EventID>";
+const char kAddFan[] = R"(add --xml "<object id=\"60\" type=\"fans\" parent=\"90\"/>")";
+
+TEST_F(ControlCommandTest, ModelChangesQueueRescanStartedThenCompleted)
+{
+    const std::string other = dir_.file("other.xml");
+    dir_.write("other.xml", "<storage ready=\"1\"><object id=\"90\" type=\"enclosures\">"
+                            "<Nexus>9</Nexus></object></storage>");
+    EXPECT_EQ(ask("event 1"), "ok\n");
+    EXPECT_EQ(ask(kAddFan), "ok\n");
+    EXPECT_EQ(ask("event 2"), "ok\n");
+    EXPECT_EQ(ask("remove 60"), "ok\n");
+    EXPECT_EQ(ask("load " + kelp::ctl::quoteWord(other)), "ok\n");
+    for (const char *expected :
+         {"<EventID>1</EventID>", kRescanStarted, kRescanCompleted, "<EventID>2</EventID>",
+          kRescanStarted, kRescanCompleted, kRescanStarted, kRescanCompleted}) {
+        EXPECT_EQ(takeEvent(), expected);
+    }
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+    EXPECT_TRUE(contains(singleObject(90), "<Nexus>9</Nexus>"));
+}
+
+TEST_F(ControlCommandTest, NoEventsAnywhereChangesTheModelWithoutEvents)
+{
+    const std::string other = kelp::ctl::quoteWord(dir_.file("other.xml"));
+    dir_.write("other.xml", "<storage ready=\"1\"><object id=\"7\" type=\"Tape\">"
+                            "<Nexus>t7</Nexus></object></storage>");
+    EXPECT_EQ(ask(std::string(kAddFan) + " --no-events"), "ok\n");
+    EXPECT_TRUE(contains(singleObject(60), "<ObjID>60</ObjID>")) << singleObject(60);
+    EXPECT_EQ(ask("remove --no-events 60"), "ok\n");
+    EXPECT_EQ(singleObject(60), "<status 2>");
+    EXPECT_EQ(ask(R"(add --no-events --xml "<object id=\"61\" type=\"fans\"/>")"), "ok\n");
+    EXPECT_EQ(ask("remove 61 --no-events"), "ok\n");
+    EXPECT_EQ(ask("load --no-events " + other), "ok\n");
+    EXPECT_TRUE(contains(singleObject(7), "<Nexus>t7</Nexus>"));
+    EXPECT_EQ(ask("load " + other + " --no-events"), "ok\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+}
+
+TEST_F(ControlCommandTest, RefusedChangesQueueNoEvents)
+{
+    dir_.write("bad.xml", "<storage ready=\"1\"><object id=\"1\" type=\"adapters\">");
+    for (const std::string &line : {
+             std::string(R"(add --xml "<object id=\"20\" type=\"fans\"/>")"), // duplicate id
+             std::string(R"(add --xml "<object id=\"62\" type=\"fans\"><Nexus>")"),
+             std::string(kAddFan) + " --no-event",
+             std::string("remove 999"),
+             std::string("remove 1"), // has children
+             std::string("remove 20 --force"),
+             "load " + kelp::ctl::quoteWord(dir_.file("bad.xml")),
+             "load " + kelp::ctl::quoteWord(dir_.file("none.xml")),
+             "load --all " + kelp::ctl::quoteWord(dir_.file("bad.xml")),
+         }) {
+        std::string answer = ask(line);
+        EXPECT_TRUE(answer.starts_with("error: ")) << line << ": " << answer;
+    }
+    EXPECT_EQ(ask("remove 20 --force"),
+              "error: unknown remove option \"--force\"; usage: remove [--no-events] ID\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+    EXPECT_EQ(singleObject(60), "<status 2>");
+}
+
+TEST_F(ControlCommandTest, AChangeWithoutRoomForTheRescanPairQueuesNeitherAndSaysSo)
+{
+    for (size_t i = 0; i + 1 < kelp::ev::kMaxQueuedEvents; ++i)
+        ASSERT_TRUE(kelp::ev::queueEvent("<EventID>" + std::to_string(i) + "</EventID>", nullptr));
+    std::string answer = ask(kAddFan);
+    EXPECT_TRUE(answer.starts_with("the model changed, but the rescan events were not queued: "
+                                   "event queue is full"))
+        << answer;
+    EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+    EXPECT_TRUE(contains(singleObject(60), "<ObjID>60</ObjID>")) << singleObject(60);
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents - 1);
+}
+
+// The event interface as the plug-in's event monitor reads it: what the
+// control socket queued, in that order, each text released with
+// vcsif32_freeData, and null at once when nothing is left.
+TEST_F(ControlCommandTest, GetEventHandsOutWhatTheSocketQueuedInOrder)
+{
+    constexpr int kEvents = 300;
+    for (int i = 0; i < kEvents; ++i)
+        ASSERT_EQ(ask("event " + std::to_string(i) + " --parm p" + std::to_string(i)), "ok\n");
+    EXPECT_EQ(ask(kAddFan), "ok\n");
+    for (int i = 0; i < kEvents; ++i) {
+        char *text = vcsif32_getEvent(1);
+        ASSERT_NE(text, nullptr) << i;
+        EXPECT_EQ(std::string(text), "<EventID>" + std::to_string(i) + "</EventID><Parm01>p" +
+                                         std::to_string(i) + "</Parm01>");
+        vcsif32_freeData(text);
+    }
+    for (const char *expected : {kRescanStarted, kRescanCompleted}) {
+        char *text = vcsif32_getEvent(1);
+        ASSERT_NE(text, nullptr);
+        EXPECT_STREQ(text, expected);
+        vcsif32_freeData(text);
+    }
+    EXPECT_EQ(vcsif32_getEvent(1), nullptr);
+}
+
+TEST_F(ControlCommandTest, TheQueueHoldsItsBoundAndRefusesTheEventPastIt)
+{
+    for (size_t i = 0; i + 1 < kelp::ev::kMaxQueuedEvents; ++i)
+        ASSERT_TRUE(kelp::ev::queueEvent("<EventID>" + std::to_string(i) + "</EventID>", nullptr));
+    EXPECT_EQ(ask("event 5000 --object 20"), "ok\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents);
+    EXPECT_EQ(ask("event 5001"), "error: event queue is full (10000 events waiting to be read, at "
+                                 "most 10000)\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents);
+    vcsif32_freeData(vcsif32_getEvent(1)); // the reader makes room
+    EXPECT_EQ(ask("event 5001"), "ok\n");
 }
 
 TEST_F(ControlCommandTest, UnknownCommandIsAnErrorAndHelpListsEveryCommand)

@@ -215,4 +215,55 @@ TEST_F(KelpctlTest, LoadTakesARelativeFileFromKelpctlsDirectory)
     EXPECT_NE(singleObject(7).find("<Nexus>t7</Nexus>"), std::string::npos);
 }
 
+TEST_F(KelpctlTest, ModelChangesQueueTheRescanPairUnlessNoEvents)
+{
+    dir_.write("other.xml", "<storage ready=\"1\"><object id=\"7\" type=\"Tape\">"
+                            "<Nexus>t7</Nexus></object></storage>");
+    const std::string add = R"(<object id="60" type="fans" parent="90"/>)";
+    CtlRun run = ctl({"add", "--xml", add});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "ok\n");
+    EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3061</EventID>");
+    EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3060</EventID>");
+
+    // --no-events before the command, after it, or last.
+    for (const std::vector<std::string> &args : {
+             std::vector<std::string>{"--control", socket_, "--no-events", "remove", "60"},
+             std::vector<std::string>{"--control", socket_, "add", "--no-events", "--xml", add},
+             std::vector<std::string>{"--no-events", "--control", socket_, "load", "other.xml"},
+             std::vector<std::string>{"--control", socket_, "load", "other.xml", "--no-events"},
+         }) {
+        run = kelpctl(args, {}, dir_, dir_.path());
+        EXPECT_EQ(run.exitCode, 0) << args[2] << " " << args[3] << ": " << run.err;
+    }
+    EXPECT_NE(singleObject(7).find("<Nexus>t7</Nexus>"), std::string::npos);
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+
+    run = ctl({"--no-events", "status"});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("--no-events goes with load, add and remove only"), std::string::npos)
+        << run.err;
+    run = ctl({"load", "--no-event", "other.xml"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err,
+              "error: unknown load option \"--no-event\"; usage: load [--no-events] FILE\n");
+    run = ctl({"remove", "7", "--no-events", "--no-events"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err, "error: --no-events given twice\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+    EXPECT_NE(singleObject(7).find("<Nexus>t7</Nexus>"), std::string::npos);
+}
+
+TEST_F(KelpctlTest, EventPastTheQueueBoundIsAnErrorAnswer)
+{
+    for (size_t i = 0; i < kelp::ev::kMaxQueuedEvents; ++i)
+        ASSERT_TRUE(kelp::ev::queueEvent("<EventID>" + std::to_string(i) + "</EventID>", nullptr));
+    CtlRun run = ctl({"event", "2048", "--object", "20"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err,
+              "error: event queue is full (10000 events waiting to be read, at most 10000)\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents);
+}
+
 } // namespace

@@ -16,6 +16,7 @@ namespace {
 
 std::mutex g_queueMutex;
 std::deque<std::string> g_events; // guarded by g_queueMutex; front is oldest
+size_t g_queuedBytes = 0;         // guarded by g_queueMutex; the texts' sizes summed
 
 std::atomic<bool> g_readerOn{false};
 
@@ -78,18 +79,36 @@ bool validateEvent(const std::string &xml, std::string *error)
 
 } // namespace
 
-bool queueEvent(const std::string &xml, std::string *error)
+bool queueEvents(const std::vector<std::string> &texts, std::string *error)
 {
-    if (!validateEvent(xml, error))
-        return false;
+    size_t bytes = 0;
+    for (const std::string &xml : texts) {
+        if (!validateEvent(xml, error))
+            return false;
+        bytes += xml.size();
+    }
     std::lock_guard lock(g_queueMutex);
-    if (g_events.size() >= kMaxQueuedEvents) {
-        setError(error, "event queue is full (" + std::to_string(kMaxQueuedEvents) +
-                            " events waiting to be read)");
+    if (g_events.size() + texts.size() > kMaxQueuedEvents) {
+        setError(error, "event queue is full (" + std::to_string(g_events.size()) +
+                            " events waiting to be read, at most " +
+                            std::to_string(kMaxQueuedEvents) + ")");
         return false;
     }
-    g_events.push_back(xml);
+    if (g_queuedBytes + bytes > kMaxQueuedBytes) {
+        setError(error, "event queue is full (" + std::to_string(g_queuedBytes) +
+                            " bytes of events waiting to be read, at most " +
+                            std::to_string(kMaxQueuedBytes) + ")");
+        return false;
+    }
+    for (const std::string &xml : texts)
+        g_events.push_back(xml);
+    g_queuedBytes += bytes;
     return true;
+}
+
+bool queueEvent(const std::string &xml, std::string *error)
+{
+    return queueEvents({xml}, error);
 }
 
 std::optional<std::string> takeOldestEvent()
@@ -99,12 +118,14 @@ std::optional<std::string> takeOldestEvent()
         return std::nullopt;
     std::string oldest = std::move(g_events.front());
     g_events.pop_front();
+    g_queuedBytes -= oldest.size();
     return oldest;
 }
 
 void requeueOldestEvent(std::string xml)
 {
     std::lock_guard lock(g_queueMutex);
+    g_queuedBytes += xml.size();
     g_events.push_front(std::move(xml));
 }
 
@@ -118,6 +139,7 @@ void clearEvents()
 {
     std::lock_guard lock(g_queueMutex);
     g_events.clear();
+    g_queuedBytes = 0;
 }
 
 bool readerSwitchedOn()

@@ -7,14 +7,17 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kelp::ev {
 
 // Largest event text the queue accepts, in bytes.
 inline constexpr size_t kMaxEventBytes = 16 * 1024;
-// Most events the queue holds; a reader that never reads cannot make the
-// queue grow without limit.
+// Most events the queue holds, and most bytes of event text it holds in
+// all: a reader that never reads cannot make the queue grow without limit.
+// An event past either bound is refused; the events held stay.
 inline constexpr size_t kMaxQueuedEvents = 10000;
+inline constexpr size_t kMaxQueuedBytes = 16 * 1024 * 1024;
 
 // Appends one event. The text must hold an "EventID" element whose content is
 // a decimal number (0..4294967295, blanks around it allowed), be at most
@@ -25,12 +28,18 @@ inline constexpr size_t kMaxQueuedEvents = 10000;
 // loads. Thread-safe.
 bool queueEvent(const std::string &xml, std::string *error);
 
+// Appends several events as one step: all of them, in order and with no
+// other writer's event between them, or none (with the message of the
+// first text that breaks the rules, or of a queue without room for all).
+// Thread-safe.
+bool queueEvents(const std::vector<std::string> &texts, std::string *error);
+
 // Removes and answers the oldest event, or nullopt when none is queued.
 std::optional<std::string> takeOldestEvent();
 
 // Puts an event taken with takeOldestEvent back at the head of the queue,
 // for a reader that could not deliver it. It may push the queue one past
-// kMaxQueuedEvents for a moment; nothing is lost.
+// kMaxQueuedEvents (or kMaxQueuedBytes) for a moment; nothing is lost.
 void requeueOldestEvent(std::string xml);
 
 // The number of events queued.

@@ -88,6 +88,48 @@ TEST_F(EventQueueTest, FullQueueRefusesAndKeepsWhatItHolds)
     EXPECT_TRUE(kelp::ev::queueEvent("<EventID>1</EventID>", &error)) << error;
 }
 
+TEST_F(EventQueueTest, QueueOfLargeEventsRefusesPastItsByteBound)
+{
+    const std::string head = "<EventID>1</EventID><Parm01>";
+    const std::string tail = "</Parm01>";
+    const std::string largest =
+        head + std::string(kelp::ev::kMaxEventBytes - head.size() - tail.size(), 'x') + tail;
+    const size_t fit = kelp::ev::kMaxQueuedBytes / largest.size();
+    ASSERT_LT(fit, kelp::ev::kMaxQueuedEvents) << "the byte bound is the one reached here";
+    for (size_t i = 0; i < fit; ++i)
+        ASSERT_TRUE(kelp::ev::queueEvent(largest, nullptr)) << i;
+    std::string error;
+    EXPECT_FALSE(kelp::ev::queueEvent(largest, &error));
+    EXPECT_NE(error.find("event queue is full"), std::string::npos) << error;
+    EXPECT_NE(error.find("bytes"), std::string::npos) << error;
+    EXPECT_EQ(kelp::ev::queuedEvents(), fit);
+    // Taking one out makes room for one again.
+    ASSERT_TRUE(kelp::ev::takeOldestEvent());
+    EXPECT_TRUE(kelp::ev::queueEvent(largest, &error)) << error;
+    kelp::ev::clearEvents();
+    EXPECT_TRUE(kelp::ev::queueEvent(largest, &error)) << error;
+}
+
+TEST_F(EventQueueTest, SeveralEventsAreQueuedAllOrNone)
+{
+    std::string error;
+    EXPECT_TRUE(
+        kelp::ev::queueEvents({"<EventID>3061</EventID>", "<EventID>3060</EventID>"}, &error))
+        << error;
+    EXPECT_FALSE(kelp::ev::queueEvents({"<EventID>1</EventID>", "<EventID>x</EventID>"}, &error));
+    EXPECT_NE(error.find("not a decimal number"), std::string::npos) << error;
+    EXPECT_EQ(kelp::ev::queuedEvents(), 2u);
+
+    while (kelp::ev::queuedEvents() + 1 < kelp::ev::kMaxQueuedEvents)
+        ASSERT_TRUE(kelp::ev::queueEvent("<EventID>7</EventID>", nullptr));
+    EXPECT_FALSE(
+        kelp::ev::queueEvents({"<EventID>3061</EventID>", "<EventID>3060</EventID>"}, &error));
+    EXPECT_NE(error.find("event queue is full"), std::string::npos) << error;
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents - 1);
+    EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3061</EventID>");
+    EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3060</EventID>");
+}
+
 TEST_F(EventQueueTest, ClearDropsEverything)
 {
     ASSERT_TRUE(kelp::ev::queueEvent("<EventID>1</EventID>", nullptr));

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -116,6 +117,32 @@ TEST_F(EventIfTest, ConcurrentWritersAndAReaderLoseAndDuplicateNothing)
     for (auto &t : writers)
         t.join();
     EXPECT_EQ(getEvent(1), nullptr);
+}
+
+// The plug-in's event monitor reads in a loop and checks between reads
+// whether it is asked to stop; a read of an empty queue answers at once, so
+// a stop is never held up by a read waiting for an event.
+TEST_F(EventIfTest, AReaderLoopSeesItsStopWhileTheQueueIsEmpty)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> emptyReads{0};
+    std::vector<std::string> read;
+    std::thread monitor([&] {
+        while (!stop.load()) {
+            EventText text = getEvent(1);
+            if (text == nullptr)
+                emptyReads.fetch_add(1);
+            else
+                read.emplace_back(text.get());
+            std::this_thread::yield();
+        }
+    });
+    ASSERT_TRUE(kelp::ev::queueEvent("<EventID>1</EventID>", nullptr));
+    while (kelp::ev::queuedEvents() != 0 || emptyReads.load() < 3)
+        std::this_thread::yield();
+    stop.store(true);
+    monitor.join(); // hangs, and the test run fails on its time limit, if a read blocked
+    EXPECT_EQ(read, (std::vector<std::string>{"<EventID>1</EventID>"}));
 }
 
 class MessagePreferenceTest : public ::testing::Test {
