@@ -18,6 +18,9 @@ class AgentX : public ::testing::Test {
     {
         port = freeUdpPort();
         socket = dir / "agentx";
+        // The master's own trap sink: notifications of its subagents go there.
+        receiver = std::make_unique<TrapReceiver>(trapDir);
+        ASSERT_TRUE(receiver->ready());
         writeFile(dir / "snmpd.conf", "agentaddress udp:127.0.0.1:" + std::to_string(port) +
                                           "\n"
                                           "master agentx\n"
@@ -25,7 +28,9 @@ class AgentX : public ::testing::Test {
                                           socket +
                                           "\n"
                                           "agentXPerms 0600 0700\n"
-                                          "rocommunity public 127.0.0.1\n");
+                                          "rocommunity public 127.0.0.1\n"
+                                          "trap2sink " +
+                                          receiver->sink() + " public\n");
         std::vector<std::string> env = snmpEnv(dir);
         snmpd = std::make_unique<Process>(
             std::vector<std::string>{"snmpd", "-f", "-Lo", "-C", "-c", dir / "snmpd.conf", "-p",
@@ -47,13 +52,15 @@ class AgentX : public ::testing::Test {
         EXPECT_TRUE(snmpd->wait(15s).has_value());
     }
 
-    void startSubagent()
+    void startSubagent(const std::string &model = sourcePath("data/models/test/minimal.xml"),
+                       const std::vector<std::string> &env = {})
     {
+        std::vector<std::string> environment = agentEnv();
+        environment.insert(environment.end(), env.begin(), env.end());
         kelp = std::make_unique<Process>(
-            std::vector<std::string>{
-                kelpagentPath(), "--agentx", socket, "--state-dir", dir / "state", "--model",
-                sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
-            agentEnv(), dir / "kelp.out", dir / "kelp.err");
+            std::vector<std::string>{kelpagentPath(), "--agentx", socket, "--state-dir",
+                                     dir / "state", "--model", model, "--module", modulePath()},
+            environment, dir / "kelp.out", dir / "kelp.err");
     }
 
     RunResult viaMaster(const std::string &tool, const std::vector<std::string> &args)
@@ -62,6 +69,8 @@ class AgentX : public ::testing::Test {
     }
 
     TempDir dir;
+    TempDir trapDir;
+    std::unique_ptr<TrapReceiver> receiver;
     int port = 0;
     std::string socket;
     std::unique_ptr<Process> snmpd;
@@ -136,6 +145,29 @@ TEST_F(AgentX, TheStandardGroupsStayTheMasters)
     EXPECT_EQ(system.out.find("kelp"), std::string::npos) << system.out;
     EXPECT_EQ(system.out.find("61234"), std::string::npos) << system.out;
     EXPECT_EQ(kelp->err().find("coldStart"), std::string::npos) << kelp->err();
+}
+
+TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
+{
+    startSubagent(sourcePath("data/models/sample.xml"), {"KELP_TIME_SCALE=20"});
+    const std::string controller = std::string(kRoot) + ".130.1.1.1.1";
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return viaMaster("snmpget", {controller}).out.find("INTEGER: 1") != std::string::npos;
+        },
+        20s))
+        << kelp->err();
+    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
+                                 "2048", "--object", "302"},
+                                {}, dir, 30s);
+    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    // Disk 302's failure: trap 904, as a v2c notification from the master.
+    const std::string oid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.4.1.61234.20571.1.20.200.0.904";
+    EXPECT_TRUE(waitFor([&] { return receiver->log().find(oid) != std::string::npos; }, 20s))
+        << receiver->log() << kelp->err();
+    EXPECT_NE(receiver->log().find(".1.3.6.1.4.1.61234.20571.1.20.200.1.0 = INTEGER: 2048"),
+              std::string::npos)
+        << receiver->log();
 }
 
 } // namespace
