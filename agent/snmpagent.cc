@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cctype>
 #include <csignal>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -143,6 +144,28 @@ LogLevel levelOf(int priority)
 // Only the agent's thread runs net-snmp.
 std::string g_pendingLog;
 
+// Trap sinks net-snmp could not open (a bad address or port, a host that
+// does not resolve), counted as its configuration reports them.
+size_t g_unusableSinks = 0;
+
+// net-snmp's own words for a sink it cannot open carry no file or line of
+// any use ("(null): line 0: Error: cannot create sink: ADDR"); the agent
+// says what it means for the user instead.
+bool reportUnusableSink(std::string_view line)
+{
+    constexpr std::string_view kCannotCreate = "cannot create sink: ";
+    const size_t at = line.find(kCannotCreate);
+    if (at == std::string_view::npos) {
+        return false;
+    }
+    g_unusableSinks++;
+    const std::string sink(line.substr(at + kCannotCreate.size()));
+    logAt(LogLevel::kWarning,
+          "trap sink %s cannot be used (not a reachable address); no trap goes there",
+          sink.c_str());
+    return true;
+}
+
 int onNetsnmpLog(int, int, void *serverArg, void *)
 {
     const auto *message = static_cast<const snmp_log_message *>(serverArg);
@@ -152,8 +175,9 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
     g_pendingLog += message->msg;
     size_t end;
     while ((end = g_pendingLog.find('\n')) != std::string::npos) {
-        if (end > 0) {
-            logText(levelOf(message->priority), std::string_view(g_pendingLog).substr(0, end));
+        const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
+        if (end > 0 && !reportUnusableSink(line)) {
+            logText(levelOf(message->priority), line);
         }
         g_pendingLog.erase(0, end + 1);
     }
@@ -253,10 +277,11 @@ bool SnmpAgent::open(std::string *error)
 
 void SnmpAgent::sendColdStart()
 {
-    if (!settings_.subagent && !settings_.trapSinks.empty()) {
+    const size_t sinks =
+        settings_.trapSinks.size() - std::min(g_unusableSinks, settings_.trapSinks.size());
+    if (!settings_.subagent && sinks > 0) {
         send_easy_trap(SNMP_TRAP_COLDSTART, 0);
-        logLine("coldStart sent to %zu trap sink%s", settings_.trapSinks.size(),
-                settings_.trapSinks.size() == 1 ? "" : "s");
+        logLine("coldStart sent to %zu trap sink%s", sinks, sinks == 1 ? "" : "s");
     }
 }
 

@@ -199,6 +199,31 @@ TEST(AgentGroups, ColdStartGoesToEveryTrapSinkAsV2cNotification)
     EXPECT_NE(agent.process()->err().find("coldStart sent to 2 trap sinks"), std::string::npos);
 }
 
+TEST(AgentGroups, ASinkThatCannotBeUsedIsLoggedAndTheOthersStillServe)
+{
+    TempDir sinks;
+    TrapReceiver receiver(sinks);
+    ASSERT_TRUE(receiver.ready());
+    AgentUnderTest agent;
+    std::string why;
+    // A port past 65535: net-snmp cannot open it, without asking any name
+    // service.
+    ASSERT_TRUE(agent.start(minimalModel(),
+                            {"--trap-sink", "udp:127.0.0.1:99999", "--trap-sink", receiver.sink()},
+                            &why))
+        << why;
+    EXPECT_TRUE(waitFor(
+        [&] { return receiver.log().find(".1.3.6.1.6.3.1.1.5.1") != std::string::npos; }, 10s))
+        << receiver.log();
+    const std::string log = agent.process()->err();
+    EXPECT_NE(log.find("trap sink udp:127.0.0.1:99999 cannot be used (not a reachable address); "
+                       "no trap goes there"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("coldStart sent to 1 trap sink\n"), std::string::npos) << log;
+    EXPECT_EQ(log.find("cannot create sink"), std::string::npos) << log;
+}
+
 TEST(AgentGroups, ColdStartGoesAsAnSnmpV1TrapWithTrapVersion1)
 {
     TempDir sinks;
