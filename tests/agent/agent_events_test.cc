@@ -240,6 +240,20 @@ TEST_F(AgentEvents, AModelChangeRaisesARescanAndTheRowsFollow)
     EXPECT_EQ(after[1], before[1]);
     EXPECT_NE(after[2].find(".130.1.1.1.3 = INTEGER: 3"), std::string::npos) << after[2];
     EXPECT_EQ(columnOne(agent, "130.4"), disks);
+    // The whole walk of the rebuilt tables: all 24 of them, in walk order, and
+    // the bulk walk the same.
+    const RunResult walk = agent.snmp("snmpwalk", {kRoot});
+    EXPECT_EQ(agent.snmp("snmpbulkwalk", {kRoot}).out, walk.out);
+    size_t from = 0;
+    for (const std::string group : {"130", "140"}) {
+        for (int table = 1; table <= (group == "130" ? 18 : 6); table++) {
+            const std::string entry =
+                "." + std::string(kRoot) + "." + group + "." + std::to_string(table) + ".1.";
+            const size_t at = walk.out.find(entry, from);
+            EXPECT_NE(at, std::string::npos) << entry;
+            from = at == std::string::npos ? from : at;
+        }
+    }
 }
 
 TEST_F(AgentEvents, WithoutEventsAModelChangeLeavesTheTablesAsBuilt)
