@@ -163,6 +163,8 @@ TEST_F(MonitorTest, AStateChangeMapsByObjectType)
 
 TEST_F(MonitorTest, AWarningOnAControllerSendsTheExtraTrapFirst)
 {
+    // A controller's traps count from 750 and a warning (level 2) adds 3:
+    // 753, as the state-change table for controllers (752) has it too.
     queue(event(2164, 769));
     startMonitor();
     EXPECT_EQ(sent(eventspy::waitForTraps(2)), (Sent{{101, 2164}, {753, 2164}}));
