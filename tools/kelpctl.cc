@@ -214,8 +214,11 @@ int main(int argc, char **argv)
     }
     absolutizeLoadFile(&words);
     std::string line;
-    for (const std::string &word : words)
-        line += (line.empty() ? "" : " ") + kelp::ctl::quoteWord(word);
+    for (const std::string &word : words) {
+        if (!line.empty())
+            line += ' ';
+        line += kelp::ctl::quoteWord(word);
+    }
     line += '\n';
 
     int fd = connectTo(socketPath);

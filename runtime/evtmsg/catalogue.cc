@@ -197,8 +197,10 @@ bool Parser::line(std::string_view text, size_t number)
     uint32_t eventId = 0;
     const bool isDefault = key == "default";
     if (!isDefault && !parseNumber(key, &eventId)) {
-        return fail(number, "'" + std::string(key) +
-                                "' is neither an event number (0 to 4294967295) nor 'default'");
+        std::string message = "'";
+        message += key;
+        message += "' is neither an event number (0 to 4294967295) nor 'default'";
+        return fail(number, message);
     }
     if (isDefault && defaultLine_ != 0)
         return fail(number, "a second 'default' line (the first is line " +
