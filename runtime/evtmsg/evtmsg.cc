@@ -42,6 +42,26 @@ std::string_view bounded(const char *text, size_t limit)
     return std::string_view(text, strnlen(text, limit + 1));
 }
 
+// The catalogue's line for an event number, or its default line, with the
+// catalogue held for as long as the line is read. No catalogue: no line.
+struct FoundAlert {
+    std::shared_ptr<const kelp::rt::evtmsg::Catalogue> catalogue;
+    const kelp::rt::evtmsg::Alert *alert = nullptr;
+    bool known = false; // the number has a line of its own
+};
+
+FoundAlert findAlert(uint32_t eventId)
+{
+    FoundAlert found;
+    found.catalogue = kelp::rt::evtmsg::servedCatalogue();
+    if (found.catalogue != nullptr) {
+        const auto line = found.catalogue->alerts.find(eventId);
+        found.known = line != found.catalogue->alerts.end();
+        found.alert = found.known ? &line->second : &found.catalogue->fallback;
+    }
+    return found;
+}
+
 } // namespace
 
 extern "C" {
@@ -58,19 +78,17 @@ uint32_t evtmsg_getAlertMsg(uint32_t eventId, char *level, char *message, uint32
     clear(message);
     try {
         namespace em = kelp::rt::evtmsg;
-        const std::shared_ptr<const em::Catalogue> catalogue = em::servedCatalogue();
-        if (catalogue == nullptr)
+        const FoundAlert found = findAlert(eventId);
+        if (found.alert == nullptr)
             return 5;
-        const auto found = catalogue->alerts.find(eventId);
-        const bool known = found != catalogue->alerts.end();
-        const em::Alert &alert = known ? found->second : catalogue->fallback;
+        const em::Alert &alert = *found.alert;
         if (message != nullptr) {
             const std::string text =
                 em::expandText(alert.message, eventId, insertCount, inserts, EVTMSG_MESSAGE_SIZE);
             kelp::rt::copyToBuffer(text, message, EVTMSG_MESSAGE_SIZE);
         }
         kelp::rt::copyToBuffer(std::to_string(alert.level), level, EVTMSG_TEXT_SIZE);
-        return known ? 0 : 2;
+        return found.known ? 0 : 2;
     } catch (const std::bad_alloc &) {
         clear(level);
         clear(message);
@@ -122,19 +140,17 @@ uint32_t getEEMItrap(uint32_t /*objType*/, uint32_t insertCount, uint32_t eventI
     clear(messageId);
     try {
         namespace em = kelp::rt::evtmsg;
-        const std::shared_ptr<const em::Catalogue> catalogue = em::servedCatalogue();
-        if (catalogue == nullptr)
+        const FoundAlert found = findAlert(eventId);
+        if (found.alert == nullptr)
             return 5;
-        const auto found = catalogue->alerts.find(eventId);
-        const bool known = found != catalogue->alerts.end();
-        const em::Alert &alert = known ? found->second : catalogue->fallback;
+        const em::Alert &alert = *found.alert;
         if (description != nullptr) {
             const std::string text = em::expandText(alert.description, eventId, insertCount,
                                                     inserts, EVTMSG_DESCRIPTION_SIZE);
             kelp::rt::copyToBuffer(text, description, EVTMSG_DESCRIPTION_SIZE);
         }
         copyText(alert.messageId, messageId);
-        return known ? 0 : 2;
+        return found.known ? 0 : 2;
     } catch (const std::bad_alloc &) {
         clear(description);
         clear(messageId);
