@@ -151,15 +151,20 @@ int32_t lookUpDisplayName(const Cell &cell, uint32_t objectType, DisplayName *na
     ValueBuffer nexus{};
     std::memcpy(nexus.data(), cell.reply->buffer,
                 std::min<size_t>(cell.reply->value, kValueBufferSize - 1));
+    nameFromService(objectType, nexus.data(), name);
+    return SM_SNMP_NOERROR;
+}
+
+void nameFromService(uint32_t objectType, const char *nexus, DisplayName *name)
+{
     // The service fills every area it is given: each is the size it writes.
     char location1[EVTMSG_TEXT_SIZE] = "";
     char location2[EVTMSG_TEXT_SIZE] = "";
     char detail[EVTMSG_TEXT_SIZE] = "";
     name->text.fill('\0');
-    name->status = evtmsg_getObjLocationStrings(objectType, nexus.data(), ",", "en", location1,
-                                                location2, name->text.data(), detail, 0);
+    name->status = evtmsg_getObjLocationStrings(objectType, nexus, ",", "en", location1, location2,
+                                                name->text.data(), detail, 0);
     name->text.back() = '\0';
-    return SM_SNMP_NOERROR;
 }
 
 int32_t answerDisplayName(const Cell &cell, uint32_t objectType)

@@ -132,6 +132,10 @@ struct DisplayName {
 // service returned; the text is always terminated), or the read's failure.
 int32_t lookUpDisplayName(const Cell &cell, uint32_t objectType, DisplayName *name);
 
+// The service's display name of type code `objectType` for `nexus`, with
+// separator "," and language "en", and the service's status.
+void nameFromService(uint32_t objectType, const char *nexus, DisplayName *name);
+
 // The display name of the row's object from the location-string service:
 // the object's "Nexus" (read into the reply, then copied) with type code
 // `objectType`, separator "," and language "en"; the service's third text is

@@ -46,16 +46,6 @@ bool wideAnswer(const ColumnSpec &def, uint64_t wide, uint32_t *number)
     }
 }
 
-uint32_t mapped(const ValueMap &map, uint32_t stored)
-{
-    for (const ValuePair &pair : map.pairs) {
-        if (pair.from == stored) {
-            return pair.to;
-        }
-    }
-    return map.keepOthers ? stored : map.others;
-}
-
 uint32_t maskAnswer(const MaskAnswer &answer, char c)
 {
     return c == '1' ? answer.one : c == '0' ? answer.zero : answer.other;
@@ -79,7 +69,7 @@ int32_t integerColumn(const Cell &cell, const ColumnSpec &def, uint32_t *number,
             *number = stored + 1;
             break;
         case ColumnKind::kMapped:
-            *number = mapped(*def.extra.map, stored);
+            *number = mapValue(*def.extra.map, stored);
             break;
         case ColumnKind::kQuotient:
             *number = stored / def.extra.number;

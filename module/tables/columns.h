@@ -75,6 +75,18 @@ struct ValueMap {
     uint32_t others;
 };
 
+// The number `map` answers for `stored`; columns with rules of their own
+// translate through it too.
+constexpr uint32_t mapValue(const ValueMap &map, uint32_t stored)
+{
+    for (const ValuePair &pair : map.pairs) {
+        if (pair.from == stored) {
+            return pair.to;
+        }
+    }
+    return map.keepOthers ? stored : map.others;
+}
+
 struct ColumnSpec;
 
 // A column with its own rule. Answers as a getter does (0 or 2); it reads its

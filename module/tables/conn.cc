@@ -222,17 +222,12 @@ int32_t channelName(const Cell &cell, const ColumnSpec &)
     ValueBuffer local{};
     const std::string_view text(nexus.get());
     text.copy(local.data(), local.size() - 1);
-    char location1[EVTMSG_TEXT_SIZE] = "";
-    char location2[EVTMSG_TEXT_SIZE] = "";
-    char name[EVTMSG_TEXT_SIZE] = "";
-    char detail[EVTMSG_TEXT_SIZE] = "";
-    const uint32_t status = evtmsg_getObjLocationStrings(kChannelType, local.data(), ",", "en",
-                                                         location1, location2, name, detail, 0);
-    if (status != 0) {
-        return static_cast<int32_t>(status);
+    DisplayName name;
+    nameFromService(kChannelType, local.data(), &name);
+    if (name.status != 0) {
+        return static_cast<int32_t>(name.status);
     }
-    name[EVTMSG_TEXT_SIZE - 1] = '\0';
-    return answerText(cell, name);
+    return answerText(cell, name.text.data());
 }
 
 constexpr ColumnSpec kADChanConnColumns[] = {

@@ -53,16 +53,6 @@ constexpr uint32_t lowestBit(uint64_t stored)
     return stored == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(stored)) + 1;
 }
 
-constexpr uint32_t translate(std::span<const ValuePair> pairs, uint32_t stored, uint32_t others)
-{
-    for (const ValuePair &pair : pairs) {
-        if (pair.from == stored) {
-            return pair.to;
-        }
-    }
-    return others;
-}
-
 // The layout codes as the MIB numbers them. Both 512 and 524288 answer 10,
 // and 131072 has no entry; codes without an entry are answered as stored.
 constexpr ValuePair kLayoutPairs[] = {
@@ -71,9 +61,11 @@ constexpr ValuePair kLayoutPairs[] = {
     {16384, 21}, {32768, 22}, {65536, 23}, {262144, 24}, {524288, 10},
 };
 
+constexpr ValueMap kLayout{kLayoutPairs, true, 0};
+
 constexpr uint32_t layout(uint32_t stored)
 {
-    return translate(kLayoutPairs, stored, stored);
+    return mapValue(kLayout, stored);
 }
 
 // The stripe size is stored in 512-byte sectors and split between two
@@ -87,14 +79,17 @@ constexpr ValuePair kStripeBytePairs[] = {
     {64, 32768}, {128, 65536}, {256, 131072}, {512, 262144}, {1024, 524288},
 };
 
+constexpr ValueMap kStripeMebibytes{kStripeMebibytePairs, false, 0};
+constexpr ValueMap kStripeBytes{kStripeBytePairs, false, 0};
+
 constexpr uint32_t stripeMebibytes(uint32_t stored)
 {
-    return translate(kStripeMebibytePairs, stored, 0);
+    return mapValue(kStripeMebibytes, stored);
 }
 
 constexpr uint32_t stripeBytes(uint32_t stored)
 {
-    return translate(kStripeBytePairs, stored, 0);
+    return mapValue(kStripeBytes, stored);
 }
 
 constexpr uint32_t lowestBitOf(uint32_t stored)
