@@ -150,7 +150,6 @@ TEST_F(ConnTest, ABackplaneIsNamedSoAndAnyOtherEnclosureByItsProductId)
     serveModel(connModel());
     expectText(ask(getADEnclConn, 130, 5, 4, 1), "Backplane"); // type 2
     expectText(ask(getADEnclConn, 130, 5, 4, 2), "MD-1400");   // type 3
-    expectText(ask(getADEnclConn, 130, 5, 4, 2), "MD-1400");
 }
 
 TEST_F(ConnTest, EnclosureTypeOneIsABackplaneTooAndAnUnreadableTypeIsNot)
