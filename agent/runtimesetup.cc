@@ -8,6 +8,12 @@ namespace kelp::agent {
 namespace {
 
 constexpr const char *kIniSection = "general";
+
+// The runtime's warnings and errors, in the agent's log.
+void logRuntimeLine(int level, const char *line)
+{
+    logAt(level == KELP_RUNTIME_LOG_ERROR ? LogLevel::kError : LogLevel::kWarning, "%s", line);
+}
 constexpr const char *kDebugKey = "DebugSNMP";
 
 // Checks the ini file in force: false with a message naming it when it
@@ -32,6 +38,7 @@ RuntimeSetup::~RuntimeSetup()
 bool RuntimeSetup::apply(const Options &options, std::string *error)
 {
     options_ = options;
+    kelpRuntimeSetLog(logRuntimeLine);
     kelpRuntimeSetIniPath(options.ini.c_str());
     if (!checkIni(error)) {
         return false;
@@ -79,6 +86,7 @@ void RuntimeSetup::release()
         kelpRuntimeSetIniOverride(kIniSection, kDebugKey, nullptr);
         debugSet_ = false;
     }
+    kelpRuntimeSetLog(nullptr);
 }
 
 void RuntimeSetup::reload()

@@ -9,6 +9,7 @@
 #include "control/server.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
+#include "support/log.h"
 #include "support/text.h"
 
 namespace kelp::ctl {
@@ -30,7 +31,7 @@ struct StopAtExit {
 };
 
 // KELP_CONTROL names the socket of a host that sets no path itself. A
-// failure must not fail the load of the library, so it is reported on stderr.
+// failure must not fail the load of the library, so it is only reported.
 __attribute__((constructor)) void controlAttach()
 {
     std::string path = rt::envValue("KELP_CONTROL");
@@ -38,7 +39,7 @@ __attribute__((constructor)) void controlAttach()
         return;
     char error[512];
     if (kelpRuntimeStartControl(path.c_str(), error, sizeof error) != 0)
-        std::fprintf(stderr, "kelp: no control socket (KELP_CONTROL): %s\n", error);
+        kelp::rt::logError("no control socket (KELP_CONTROL): %s", error);
 }
 
 } // namespace

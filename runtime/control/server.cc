@@ -38,6 +38,7 @@
 #include "control/connection.h"
 #include "control/socket_util.h"
 #include "support/errno_text.h"
+#include "support/log.h"
 
 namespace kelp::ctl {
 namespace {
@@ -147,7 +148,7 @@ void ControlServer::serve()
         connections.reserve(kMaxConnections);
         fds.reserve(kMaxConnections + 2);
     } catch (const std::bad_alloc &) {
-        std::fputs("kelp: control socket stops serving: out of memory\n", stderr);
+        kelp::rt::logError("control socket stops serving: out of memory");
         return;
     }
     Clock::time_point acceptFrom = Clock::time_point::min();

@@ -11,6 +11,7 @@
 #include "support/config.h"
 #include "support/errno_text.h"
 #include "support/export_context.h"
+#include "support/log.h"
 #include "vscil.h"
 
 namespace {
@@ -49,8 +50,9 @@ void openTarget()
         return;
     g_printer.file = std::fopen(g_printer.target.c_str(), "ae");
     if (g_printer.file == nullptr) {
-        std::fprintf(stderr, "kelp: %s; printing to stderr\n",
-                     kelp::rt::errnoMessage("cannot open debug file", g_printer.target).c_str());
+        kelp::rt::logWarning(
+            "%s; printing to stderr",
+            kelp::rt::errnoMessage("cannot open debug file", g_printer.target).c_str());
         g_printer.target.clear();
     }
 }

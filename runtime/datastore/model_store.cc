@@ -17,6 +17,7 @@
 #include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/file_read.h"
+#include "support/log.h"
 #include "support/text.h"
 
 namespace kelp::ds {
@@ -78,7 +79,7 @@ void settleLocked() // requires g_changeMutex
     if (auto model = modelFromFile(path, &error))
         publish(std::move(model));
     else
-        std::fprintf(stderr, "kelp: KELP_MODEL: %s\n", error.c_str());
+        kelp::rt::logError("KELP_MODEL: %s", error.c_str());
 }
 
 // Applies edit to a copy of the served model's data and serves the result

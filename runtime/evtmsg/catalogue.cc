@@ -10,6 +10,7 @@
 #include "queue.h"
 #include "support/config.h"
 #include "support/file_read.h"
+#include "support/log.h"
 #include "support/text.h"
 
 #ifndef KELP_SOURCE_DIR
@@ -305,7 +306,7 @@ __attribute__((constructor)) void catalogueAttach()
     try {
         (void)servedCatalogue();
     } catch (const std::bad_alloc &) {
-        std::fprintf(stderr, "kelp: alert catalogue: out of memory\n");
+        kelp::rt::logError("alert catalogue: out of memory");
     }
 }
 
@@ -362,7 +363,7 @@ std::shared_ptr<const Catalogue> servedCatalogue()
         state.catalogue = loadFromPlaces(&error);
         if (state.catalogue == nullptr) {
             state.error = error;
-            std::fprintf(stderr, "kelp: alert catalogue: %s\n", error.c_str());
+            kelp::rt::logError("alert catalogue: %s", error.c_str());
         }
     }
     return state.catalogue;

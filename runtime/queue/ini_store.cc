@@ -26,6 +26,7 @@
 #include "support/config.h"
 #include "support/errno_text.h"
 #include "support/file_read.h"
+#include "support/log.h"
 #include "support/text.h"
 
 namespace {
@@ -44,7 +45,7 @@ std::map<std::string, std::string> g_reportedFaults;
 
 void reportErrno(const char *what, const std::string &path)
 {
-    std::fprintf(stderr, "kelp: %s\n", kelp::rt::errnoMessage(what, path).c_str());
+    kelp::rt::logWarning("%s", kelp::rt::errnoMessage(what, path).c_str());
 }
 
 // A file that cannot be read is asked for at every read of every key:
@@ -57,7 +58,7 @@ void reportFault(const std::string &path, const std::string &message)
     if (!fresh && it->second == message)
         return;
     it->second = message;
-    std::fprintf(stderr, "kelp: %s\n", message.c_str());
+    kelp::rt::logWarning("%s", message.c_str());
 }
 
 void forgetFault(const std::string &path)
@@ -79,8 +80,8 @@ void reportProblems(const std::string &path, const std::string &text,
     g_reported[path] = hash;
     for (size_t i = 0; i < doc.lines.size(); ++i) {
         if (doc.lines[i].kind == kelp::rt::ini::LineKind::Malformed) {
-            std::fprintf(stderr, "kelp: %s:%zu: %s, line skipped\n", path.c_str(), i + 1,
-                         doc.lines[i].problem.c_str());
+            kelp::rt::logWarning("%s:%zu: %s, line skipped", path.c_str(), i + 1,
+                                 doc.lines[i].problem.c_str());
         }
     }
 }

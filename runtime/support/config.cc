@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "kelp/runtime.h"
+#include "support/log.h"
 
 namespace kelp::rt {
 namespace {
@@ -46,8 +47,8 @@ double scaleFromEnvironment()
     std::lock_guard lock(g_settingsMutex);
     if (g_lastBadScale != text) {
         g_lastBadScale = text;
-        std::fprintf(stderr, "kelp: KELP_TIME_SCALE=\"%s\" is not a positive number, using 1\n",
-                     text.c_str());
+        kelp::rt::logWarning("KELP_TIME_SCALE=\"%s\" is not a positive number, using 1",
+                             text.c_str());
     }
     return 1.0;
 }

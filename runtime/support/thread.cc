@@ -10,6 +10,7 @@
 
 #include "os.h"
 #include "support/config.h"
+#include "support/log.h"
 #include "support/thread_control.h"
 #include "vcsupt.h"
 
@@ -27,9 +28,9 @@ void runThread(std::shared_ptr<kelp::rt::ThreadControl> control, SMThreadFn fn, 
         fn(arg);
     } catch (const std::exception &e) {
         // A C++ body must not take the process down through std::terminate.
-        std::fprintf(stderr, "kelp: thread function ended with an exception: %s\n", e.what());
+        kelp::rt::logError("thread function ended with an exception: %s", e.what());
     } catch (...) {
-        std::fprintf(stderr, "kelp: thread function ended with an exception\n");
+        kelp::rt::logError("thread function ended with an exception");
     }
     kelp::rt::setCurrentThreadControl(nullptr);
 }

@@ -12,6 +12,16 @@
 extern "C" {
 #endif
 
+/* Where the runtime's warnings and errors go: to `log` (level
+ * KELP_RUNTIME_LOG_WARNING or KELP_RUNTIME_LOG_ERROR, one line without its
+ * line feed) once set, else to stderr as "kelp: LINE". `log` may be called
+ * from any thread, also while the host is inside a runtime call, and must not
+ * call back into the runtime. Null goes back to stderr. */
+#define KELP_RUNTIME_LOG_WARNING 1
+#define KELP_RUNTIME_LOG_ERROR 2
+typedef void (*KelpRuntimeLogFn)(int level, const char *line);
+void kelpRuntimeSetLog(KelpRuntimeLogFn log);
+
 /* The private ini store's file. Null forgets the set value (KELP_INI applies
  * again); "" selects the process's in-memory store whatever KELP_INI says. */
 void kelpRuntimeSetIniPath(const char *path);
