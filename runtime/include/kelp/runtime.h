@@ -22,6 +22,20 @@ extern "C" {
 typedef void (*KelpRuntimeLogFn)(int level, const char *line);
 void kelpRuntimeSetLog(KelpRuntimeLogFn log);
 
+/* Lock waits of the calling thread. From now on every SMMutexLock on this
+ * thread waits at most `ms` milliseconds, whatever time-out its caller gives
+ * (0: it takes only a free mutex); a negative value lifts the bound. A host
+ * bounds its request threads with it: the plug-in's lock waits then fit the
+ * host's own time limits, and the host's main loop never waits at all. The
+ * bound belongs to the thread; a new thread has none. */
+void kelpRuntimeSetLockWaitLimit(long ms);
+
+/* How many SMMutexLock calls of the calling thread have ended without the
+ * mutex because their wait ran out (bounded or not). It only grows: compare
+ * it before and after a call into the plug-in to learn whether a lock
+ * time-out made that call fail. */
+unsigned long kelpRuntimeLockTimeouts(void);
+
 /* The private ini store's file. Null forgets the set value (KELP_INI applies
  * again); "" selects the process's in-memory store whatever KELP_INI says. */
 void kelpRuntimeSetIniPath(const char *path);
