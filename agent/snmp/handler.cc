@@ -15,6 +15,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -232,14 +233,16 @@ struct RequestPath::Impl {
         Delegator::Job job;
         job.work = [this, items, deadline] {
             LockBudget budget(deadline);
-            bool pduFailed = false;
+            std::optional<Outcome> pduFailed;
             for (Item &item : *items) {
                 if (pduFailed) {
-                    item.answers = {Answer{}};
+                    item.answers = {Answer{*pduFailed, {}, {}}};
                     continue;
                 }
                 resolveItem(dispatch, &item);
-                pduFailed = failed(item.answers.back());
+                if (failed(item.answers.back())) {
+                    pduFailed = item.answers.back().outcome;
+                }
             }
         };
         job.finish = [items, cache](bool ran) {
