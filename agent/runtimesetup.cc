@@ -1,6 +1,7 @@
 // Runtime configuration of the agent.
 #include "runtimesetup.h"
 
+#include "blockedalerts.h"
 #include "kelp/runtime.h"
 #include "log.h"
 
@@ -8,13 +9,25 @@ namespace kelp::agent {
 namespace {
 
 constexpr const char *kIniSection = "general";
+constexpr const char *kDebugKey = "DebugSNMP";
+constexpr const char *kEventSection = "vcsipe";
+constexpr const char *kBlockedKey = "BlockedAlerts";
 
 // The runtime's warnings and errors, in the agent's log.
 void logRuntimeLine(int level, const char *line)
 {
     logAt(level == KELP_RUNTIME_LOG_ERROR ? LogLevel::kError : LogLevel::kWarning, "%s", line);
 }
-constexpr const char *kDebugKey = "DebugSNMP";
+
+// Why a blocked rescan event cannot be served.
+std::string blockedRescanError(const std::string &ini, uint32_t event)
+{
+    return "the ini file " + ini + " blocks event " + std::to_string(event) +
+           (event == 3061 ? " (rescan started)" : " (rescan completed)") + " in " + kEventSection +
+           "/" + kBlockedKey +
+           ": the plug-in would never see a rescan end and would keep its tables locked; "
+           "remove it from the list";
+}
 
 // Checks the ini file in force: false with a message naming it when it
 // cannot serve as the store (not a regular file, too large, unreadable).
@@ -41,6 +54,10 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     kelpRuntimeSetLog(logRuntimeLine);
     kelpRuntimeSetIniPath(options.ini.c_str());
     if (!checkIni(error)) {
+        return false;
+    }
+    if (const std::optional<uint32_t> event = blockedRescanEventInStore(&blockedAlerts_)) {
+        *error = blockedRescanError(options.ini, *event);
         return false;
     }
     // Always the state dir, so that debug lines switched on in the ini file
@@ -86,6 +103,10 @@ void RuntimeSetup::release()
         kelpRuntimeSetIniOverride(kIniSection, kDebugKey, nullptr);
         debugSet_ = false;
     }
+    if (blockedPinned_) {
+        kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, nullptr);
+        blockedPinned_ = false;
+    }
     kelpRuntimeSetLog(nullptr);
 }
 
@@ -96,6 +117,7 @@ void RuntimeSetup::reload()
     std::string error;
     if (checkIni(&error)) {
         logLine("SIGHUP: re-read the ini file %s", options_.ini.c_str());
+        checkBlockedAlerts();
     } else {
         logAt(LogLevel::kError, "SIGHUP: %s", error.c_str());
     }
@@ -108,6 +130,24 @@ void RuntimeSetup::reload()
         return;
     }
     logLine("SIGHUP: re-read the model %s", options_.model.c_str());
+}
+
+void RuntimeSetup::checkBlockedAlerts()
+{
+    // The file's own list, without the one pinned at an earlier refusal.
+    if (blockedPinned_) {
+        kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, nullptr);
+        blockedPinned_ = false;
+    }
+    std::string list;
+    if (const std::optional<uint32_t> event = blockedRescanEventInStore(&list)) {
+        blockedPinned_ =
+            kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, blockedAlerts_.c_str()) == 0;
+        logAt(LogLevel::kError, "SIGHUP: refused: %s; the blocked alerts stay \"%s\"",
+              blockedRescanError(options_.ini, *event).c_str(), blockedAlerts_.c_str());
+        return;
+    }
+    blockedAlerts_ = list;
 }
 
 } // namespace kelp::agent
