@@ -1,6 +1,8 @@
 // Runtime configuration of the agent.
 #include "runtimesetup.h"
 
+#include <string_view>
+
 #include "blockedalerts.h"
 #include "kelp/runtime.h"
 #include "log.h"
@@ -82,10 +84,13 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
     logLine("serving the model %s", options.model.c_str());
     if (kelpRuntimeStartControl(options.control.c_str(), message, sizeof message) != 0) {
-        // Most often a second agent with the same state dir.
-        *error = std::string("the control socket does not start: ") + message +
-                 " (is another kelpagent using this state dir? give each agent its own "
-                 "--state-dir, or --control)";
+        *error = std::string("the control socket does not start: ") + message;
+        // A socket that answers is most often a second agent's; any other
+        // failure names its own cause.
+        if (std::string_view(message).starts_with("another server is listening")) {
+            *error += " (is another kelpagent using this state dir? give each agent its own "
+                      "--state-dir, or --control)";
+        }
         return false;
     }
     controlStarted_ = true;

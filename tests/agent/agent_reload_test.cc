@@ -49,6 +49,21 @@ TEST(AgentConfig, BlockingARescanEventIsAnErrorAtStart)
     }
 }
 
+TEST(AgentConfig, AStateDirTheControlSocketCannotUseNamesTheCause)
+{
+    TempDir dir;
+    // Longer than a Unix socket's path may be.
+    const std::string deep = dir / std::string(120, 'd');
+    const RunResult started = run({kelpagentPath(), "--state-dir", deep, "--listen",
+                                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                                   sourcePath("data/models/sample.xml")},
+                                  agentEnv(), dir, 20s);
+    EXPECT_EQ(started.status, 1) << started.err;
+    EXPECT_NE(started.err.find("control socket"), std::string::npos) << started.err;
+    EXPECT_NE(started.err.find("bytes"), std::string::npos) << started.err;
+    EXPECT_EQ(started.err.find("another kelpagent"), std::string::npos) << started.err;
+}
+
 TEST(AgentConfig, ASighupThatWouldBlockARescanEventIsRefusedAndTheOldListKept)
 {
     AgentUnderTest agent;
