@@ -188,4 +188,28 @@ TEST_F(PluginEventsTest, BlockedEventsAndRescansLeaveNoEventTextBehind)
     EXPECT_TRUE(g_warnings.empty()) << g_warnings.front();
 }
 
+// Rescan events the ini file blocks take the monitor's blocked path too: it
+// keeps their texts and signals no rescan.
+TEST_F(PluginEventsTest, BlockedRescanEventsLeaveNoEventTextBehind)
+{
+    kelpRuntimeSetTimeScale(1000);
+    kelpRuntimeSetRescanTimeout(3600);
+    start("[vcsipe]\nBlockedAlerts=3061,3060\n");
+    for (int i = 0; i < 500; ++i) {
+        ASSERT_TRUE(
+            kelp::ev::queueEvents({"<EventID>3061</EventID>", "<EventID>3060</EventID>"}, nullptr));
+    }
+    size_t mostHeld = 0;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            mostHeld = std::max(mostHeld, kelp::ev::outstandingEventTexts());
+            return kelp::ev::queuedEvents() == 0;
+        },
+        300s));
+    EXPECT_LE(mostHeld, 1u);
+    EXPECT_TRUE(waitFor([] { return kelp::ev::outstandingEventTexts() == 0; }, 30s));
+    EXPECT_EQ(getFirstScalar(), 0u);
+    stop();
+}
+
 } // namespace
