@@ -4,7 +4,8 @@
  * Conventions: an event is XML text (one element per field, "EventID" always
  * present), the reader's until it releases it with vcsif32_freeData or asks
  * for the next event; the library reclaims a text still held then, and every
- * text still held when it unloads. The reader reads one event at a time.
+ * text still held when it unloads. The reader reads one event at a time and
+ * keeps no text past its next read (the memory may be handed out again).
  */
 #ifndef KELP_PLATFORM_VCSIF_H
 #define KELP_PLATFORM_VCSIF_H

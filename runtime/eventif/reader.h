@@ -14,7 +14,9 @@ namespace kelp::ev {
 // The next event as a heap text that stays the reader's until it releases it
 // with releaseEventText or asks again; null when none is queued (or memory
 // runs out: the event then stays for the next call). Texts still held from
-// earlier calls are released first: the reader reads one event at a time.
+// earlier calls are released by it, once the new copy is made (so the new
+// text never has the address of the text released just now): the reader
+// reads one event at a time.
 // Each warning (a rescan completed by the runtime, a dropped event) goes to
 // the runtime's log. Thread-safe.
 char *readNextEvent();
