@@ -2,8 +2,8 @@
  * the plug-in (kelpagent, tests, other hosts).
  *
  * A value set through these calls wins over the environment; while none is
- * set, the runtime reads KELP_INI, KELP_DEBUG_FILE and KELP_TIME_SCALE each
- * time it needs them. The calls are safe from any thread.
+ * set, the runtime reads KELP_INI, KELP_DEBUG_FILE, KELP_TIME_SCALE and
+ * KELP_RESCAN_TIMEOUT each time it needs them. The calls are safe from any thread.
  */
 #ifndef KELP_RUNTIME_H
 #define KELP_RUNTIME_H
@@ -74,6 +74,16 @@ void kelpRuntimeSetTimeScale(double scale);
  * positive number, else 1 (an unusable KELP_TIME_SCALE is reported once on
  * stderr). */
 double kelpRuntimeTimeScale(void);
+
+/* How long, in seconds, a rescan started event (3061) handed to the event
+ * reader may stay without its rescan completed event (3060). Once it has
+ * passed, the next vcsif32_getEvent hands out a 3060 of the runtime's own
+ * (with a warning), and a 3060 that arrives later is dropped. Divided by the
+ * time scale like every runtime clock; read at each vcsif32_getEvent, so a
+ * change applies to a rescan already open. A positive finite value is set;
+ * anything else forgets the set value (KELP_RESCAN_TIMEOUT, in seconds,
+ * applies again; when unset or not a positive number, 30). */
+void kelpRuntimeSetRescanTimeout(double seconds);
 
 /* The storage model the data store serves. kelpRuntimeLoadModel validates
  * the file and serves it; on failure it answers non-zero, writes a message
