@@ -58,6 +58,9 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     if (!checkIni(error)) {
         return false;
     }
+    if (options.rescanTimeout > 0) {
+        kelpRuntimeSetRescanTimeout(options.rescanTimeout);
+    }
     if (const std::optional<uint32_t> event = blockedRescanEventInStore(&blockedAlerts_)) {
         *error = blockedRescanError(options.ini, *event);
         return false;

@@ -129,5 +129,43 @@ TEST_F(AgentLocked, TheSystemGroupIsAnsweredAtOnceWhileStorageRequestsWait)
         << agent.process()->err();
 }
 
+TEST(AgentRescanTimeOut, ARescanStartWithoutItsEndHoldsTheTablesOnlyForTheTimeOut)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--rescan-timeout", "3"}, &why))
+        << why;
+    ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
+    RunResult get;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {"-Cf", storage("130.1.1.2.1")});
+            return get.err.find("genErr") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    // The runtime hands the plug-in the rescan's end after 3 s: the tables
+    // are rebuilt and answer again, without any 3060 from outside.
+    EXPECT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
+            return get.out.find("STRING") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    EXPECT_NE(agent.process()->err().find("handing out one of the runtime's own"),
+              std::string::npos)
+        << agent.process()->err();
+    // A 3060 arriving late is dropped: the next rescan is not cut short.
+    ASSERT_EQ(agent.kelpctl({"event", "3060"}).status, 0);
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("dropped a late rescan completed event") !=
+                   std::string::npos;
+        },
+        10s))
+        << agent.process()->err();
+}
+
 } // namespace
 } // namespace kelp::test
