@@ -93,6 +93,30 @@ void kelpRuntimeSetRescanTimeout(double seconds);
  * failure is reported once on stderr; the store is then not ready). */
 int kelpRuntimeLoadModel(const char *path, char *error, unsigned errorSize);
 
+/* The alert catalogue (event numbers to severity and message, format in
+ * data/ALERTS.md). The runtime loads it when it is loaded: from the file
+ * KELP_CATALOGUE names then, else from the first of its default places that
+ * exists. While none is in force, storage events have no alert level or
+ * message, and the plug-in sends no trap for most of them.
+ *
+ * kelpRuntimeCatalogueStatus answers 0 while a catalogue is in force.
+ * Otherwise it answers non-zero with one line in error (cut to errorSize,
+ * when error is not null): "PATH:LINE: reason" for a line that breaks the
+ * format, "PATH: ..." for a file that cannot be used ("PATH: cannot open:
+ * <reason>", "PATH: not a regular file", "PATH: no 'default' line ..."), or
+ * "no catalogue found in: PLACE, PLACE" when KELP_CATALOGUE was not set and
+ * no default place holds a file.
+ *
+ * kelpRuntimeReloadCatalogue reads the catalogue again from the same choice
+ * (the file KELP_CATALOGUE named at load, whatever it names now; else the
+ * default places, searched again). On success it serves the new one and
+ * answers 0; otherwise it answers non-zero with the message as above, and
+ * the catalogue in force, if any, stays in force (the status stays 0). Both
+ * are safe from any thread, also while the plug-in reads the catalogue: a
+ * reader goes on with the catalogue it took. */
+int kelpRuntimeCatalogueStatus(char *error, unsigned errorSize);
+int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize);
+
 /* The control socket through which kelpctl changes the model and queues
  * events: a Unix socket at `path`, mode 0600, served by a thread of the
  * runtime. Answers 0, or non-zero with a message in error. A runtime loaded
