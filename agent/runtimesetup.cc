@@ -65,6 +65,12 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
         *error = blockedRescanError(options.ini, *event);
         return false;
     }
+    // Without its catalogue the plug-in would drop every storage trap.
+    char catalogue[1024];
+    if (kelpRuntimeCatalogueStatus(catalogue, sizeof catalogue) != 0) {
+        *error = std::string("the alert catalogue cannot be used: ") + catalogue;
+        return false;
+    }
     // Always the state dir, so that debug lines switched on in the ini file
     // land there too rather than in the module's DebugPath.
     const std::string debugFile = options.stateDir + "/debug.log";
@@ -130,6 +136,14 @@ void RuntimeSetup::reload()
         logAt(LogLevel::kError, "SIGHUP: %s", error.c_str());
     }
     char message[1024];
+    if (kelpRuntimeReloadCatalogue(message, sizeof message) != 0) {
+        logAt(LogLevel::kError,
+              "SIGHUP: the alert catalogue does not load: %s; still serving the one loaded "
+              "before",
+              message);
+    } else {
+        logLine("SIGHUP: re-read the alert catalogue");
+    }
     if (kelpRuntimeLoadModel(options_.model.c_str(), message, sizeof message) != 0) {
         logAt(LogLevel::kError,
               "SIGHUP: the model does not load: %s; still serving the one "

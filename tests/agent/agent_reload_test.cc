@@ -1,6 +1,7 @@
 // Configuration that would wedge or silence the agent is refused: a blocked
-// alert list naming a rescan event is an error at start and refused at
-// SIGHUP, with the list in force kept.
+// alert list naming a rescan event, or an alert catalogue that does not load,
+// is an error at start, and refused at SIGHUP with the one in force kept. A
+// state dir that cannot hold the control socket names the cause.
 #include <signal.h>
 
 #include <gtest/gtest.h>
@@ -22,6 +23,13 @@ size_t count(const std::string &text, const std::string &needle)
         n++;
     }
     return n;
+}
+
+std::vector<std::string> withEnv(const std::string &setting)
+{
+    std::vector<std::string> env = agentEnv();
+    env.push_back(setting);
+    return env;
 }
 
 RunResult startAndFail(const TempDir &dir, const std::vector<std::string> &extra)
@@ -62,6 +70,59 @@ TEST(AgentConfig, AStateDirTheControlSocketCannotUseNamesTheCause)
     EXPECT_NE(started.err.find("control socket"), std::string::npos) << started.err;
     EXPECT_NE(started.err.find("bytes"), std::string::npos) << started.err;
     EXPECT_EQ(started.err.find("another kelpagent"), std::string::npos) << started.err;
+}
+
+TEST(AgentConfig, AMissingOrBrokenAlertCatalogueIsAnErrorAtStartNamingFileAndLine)
+{
+    TempDir dir;
+    const std::string missing = dir / "no-such-alerts.txt";
+    RunResult started = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
+                             "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                             sourcePath("data/models/sample.xml")},
+                            withEnv("KELP_CATALOGUE=" + missing), dir, 20s);
+    EXPECT_EQ(started.status, 1) << started.err;
+    EXPECT_NE(started.err.find("alert catalogue"), std::string::npos) << started.err;
+    EXPECT_NE(started.err.find(missing), std::string::npos) << started.err;
+
+    const std::string broken = dir / "alerts.txt";
+    writeFile(broken, readFile(sourcePath("data/alerts.txt")) + "2048 | not a level\n");
+    const size_t lines = count(readFile(broken), "\n");
+    started = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
+                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                   sourcePath("data/models/sample.xml")},
+                  withEnv("KELP_CATALOGUE=" + broken), dir, 20s);
+    EXPECT_EQ(started.status, 1) << started.err;
+    EXPECT_NE(started.err.find(broken + ":" + std::to_string(lines) + ":"), std::string::npos)
+        << started.err;
+}
+
+TEST(AgentConfig, ACatalogueBrokenAtSighupIsLoggedAndTheServedOneKept)
+{
+    AgentUnderTest agent;
+    TempDir traps;
+    TrapReceiver receiver(traps);
+    ASSERT_TRUE(receiver.ready());
+    const std::string catalogue = agent.dir() / "alerts.txt";
+    writeFile(catalogue, readFile(sourcePath("data/alerts.txt")));
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--trap-sink", receiver.sink()},
+                            &why, {"KELP_CATALOGUE=" + catalogue, "KELP_TIME_SCALE=20"}))
+        << why;
+    writeFile(catalogue, "this is no catalogue\n");
+    agent.process()->signal(SIGHUP);
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("SIGHUP: the alert catalogue does not load: " +
+                                               catalogue + ":1:") != std::string::npos;
+        },
+        10s))
+        << agent.process()->err();
+    // The catalogue loaded at start still gives the message.
+    ASSERT_EQ(agent.kelpctl({"event", "2048", "--object", "300", "--parm", "0:0:0"}).status, 0);
+    EXPECT_TRUE(waitFor(
+        [&] { return receiver.log().find("Physical disk 0:0:0 has failed.") != std::string::npos; },
+        20s))
+        << receiver.log() << agent.process()->err();
 }
 
 TEST(AgentConfig, ASighupThatWouldBlockARescanEventIsRefusedAndTheOldListKept)
