@@ -102,7 +102,7 @@ class Model {
     const ModelData &data() const { return data_; }
     bool ready() const { return ready_; }
     uint32_t thermalShutdown() const { return thermalShutdown_; }
-    // The value of an attribute of <storage>, or nullopt.
+    // The value of an attribute of <storage>, or nullopt. One hash look-up.
     std::optional<std::string> storageAttribute(std::string_view name) const;
 
     // Position of an object in file order, or nullopt.
@@ -137,13 +137,18 @@ class Model {
         }
     };
     using NexusIndex = std::unordered_map<std::string, size_t, TextHash, std::equal_to<>>;
+    using NameIndex = std::unordered_map<std::string_view, size_t, TextHash, std::equal_to<>>;
 
     explicit Model(ModelData data) : data_(std::move(data)) {}
+    // The indexes hold views into data_.
+    Model(const Model &) = delete;
+    Model &operator=(const Model &) = delete;
     bool index(std::string *error);
 
     ModelData data_;
     bool ready_ = true;
     uint32_t thermalShutdown_ = 0;
+    NameIndex storageIndex_; // name (a view into data_.storage) -> its first position there
     std::unordered_map<uint32_t, size_t> byId_;
     std::vector<size_t> parent_; // position of the parent, or kNone
     std::vector<std::vector<size_t>> children_;

@@ -3,12 +3,44 @@
 // nesting nor a long text can exhaust the call stack; every access is bounded
 // by the string_view.
 #include "datastore/xml_reader.h"
+
+#include <array>
+#include <unordered_set>
+
 #include "datastore/xml_text.h"
 
 namespace kelp::ds::xml {
 namespace {
 
 constexpr size_t npos = std::string_view::npos;
+
+// The attribute names of one start tag so far, as views into the text, so
+// that a repeat is found in constant time however many attributes a tag has
+// (<storage> may carry any number). Most tags have a few: those are
+// compared in place, without allocating.
+class SeenNames {
+  public:
+    // False when name was seen before; else remembers it.
+    bool insert(std::string_view name)
+    {
+        if (count_ < few_.size()) {
+            for (size_t i = 0; i < count_; ++i) {
+                if (few_[i] == name)
+                    return false;
+            }
+            few_[count_++] = name;
+            return true;
+        }
+        if (many_.empty())
+            many_.insert(few_.begin(), few_.end());
+        return many_.insert(name).second;
+    }
+
+  private:
+    std::array<std::string_view, 8> few_;
+    size_t count_ = 0;
+    std::unordered_set<std::string_view> many_;
+};
 
 class Reader {
   public:
@@ -161,6 +193,7 @@ bool Reader::startTag(size_t lt, bool document)
     if (stack_.size() > maxDepth_)
         return fail(e.line, "<" + e.name + "> is nested deeper than " + std::to_string(maxDepth_) +
                                 " levels");
+    SeenNames seen;
     size_t p = end;
     for (;;) {
         size_t blanks = p;
@@ -174,7 +207,8 @@ bool Reader::startTag(size_t lt, bool document)
         if (p == blanks || nameStop == p)
             return fail(p, "bad attribute in <" + e.name + ">");
         Attribute a;
-        a.name = std::string(s_.substr(p, nameStop - p));
+        const std::string_view name = s_.substr(p, nameStop - p);
+        a.name = std::string(name);
         p = nameStop;
         while (p < s_.size() && isSpace(s_[p]))
             ++p;
@@ -197,7 +231,7 @@ bool Reader::startTag(size_t lt, bool document)
             if (c == '\t' || c == '\n' || c == '\r')
                 c = ' ';
         }
-        if (e.attribute(a.name) != nullptr)
+        if (!seen.insert(name))
             return fail(p, "attribute " + a.name + " repeated in <" + e.name + ">");
         e.attributes.push_back(std::move(a));
         p = close + 1;

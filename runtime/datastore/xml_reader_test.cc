@@ -142,6 +142,36 @@ TEST(XmlReaderTest, RefusesMalformedTextNamingTheLine)
     }
 }
 
+// <storage> may carry any number of attributes: all are read, in order, and
+// a repeat is found wherever it is.
+TEST(XmlReaderTest, ATagWithAHundredThousandAttributesIsReadWhole)
+{
+    constexpr int kCount = 100000;
+    std::string tag = "<a";
+    for (int i = 0; i < kCount; ++i)
+        tag += " n" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    Element root;
+    Error error;
+    ASSERT_TRUE(kelp::ds::xml::parseDocument(tag + "/>", &root, &error)) << error.message;
+    ASSERT_EQ(root.attributes.size(), size_t{kCount});
+    EXPECT_EQ(root.attributes[0].name, "n0");
+    EXPECT_EQ(root.attributes[kCount - 1].name, "n99999");
+    EXPECT_EQ(root.attributes[kCount - 1].value, "99999");
+    EXPECT_EQ(*root.attribute("n54321"), "54321");
+
+    for (const char *repeated : {"n3", "n12", "n99999"}) {
+        Element bad;
+        EXPECT_FALSE(kelp::ds::xml::parseDocument(tag + "\n " + repeated + "='x'/>", &bad, &error))
+            << repeated;
+        EXPECT_EQ(error.line, 2u) << repeated;
+        EXPECT_EQ(error.message, "attribute " + std::string(repeated) + " repeated in <a>");
+    }
+    // The ninth name is the first one the set holds rather than the scan.
+    EXPECT_FALSE(kelp::ds::xml::parseDocument(
+        "<a n1='' n2='' n3='' n4='' n5='' n6='' n7='' n8='' n9='' n1=''/>", &root, &error));
+    EXPECT_EQ(error.message, "attribute n1 repeated in <a>");
+}
+
 TEST(XmlReaderTest, FragmentsHoldElementsAndBlanksOnly)
 {
     std::vector<Element> elements;
