@@ -104,6 +104,32 @@ class TempModel {
     fs::path path_;
 };
 
+TEST_F(ModelFilesTest, AModelFileMayStartWithAByteOrderMark)
+{
+    std::ifstream in(modelsDir() / "sample.xml", std::ios::binary);
+    const std::string sample((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
+    ASSERT_FALSE(sample.empty());
+    std::string error;
+    ASSERT_EQ(load(modelsDir() / "sample.xml", &error), 0) << error;
+    const kelp::ds::ModelStatus plain = kelp::ds::modelStatus();
+
+    TempModel marked("kelp-bom-model.xml", "\xEF\xBB\xBF" + sample);
+    ASSERT_EQ(load(marked.path(), &error), 0) << error;
+    const kelp::ds::ModelStatus status = kelp::ds::modelStatus();
+    EXPECT_EQ(status.origin, marked.path().string());
+    EXPECT_EQ(status.counts, plain.counts);
+
+    // Anywhere else it is a stray character before the root.
+    TempModel late("kelp-late-bom-model.xml",
+                   "<?xml version=\"1.0\"?>\n\n\xEF\xBB\xBF<storage ready=\"1\"/>\n");
+    EXPECT_NE(load(late.path(), &error), 0);
+    EXPECT_EQ(error,
+              late.path().string() +
+                  ":3: a byte order mark (EF BB BF) other than at the very start of the text");
+    EXPECT_EQ(kelp::ds::modelStatus().origin, marked.path().string());
+}
+
 // The served object's answer, or "" when there is none.
 std::string objectAnswer(uint32_t id)
 {

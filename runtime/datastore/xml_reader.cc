@@ -14,6 +14,9 @@ namespace {
 
 constexpr size_t npos = std::string_view::npos;
 
+// UTF-8's byte order mark, which may open a document and nothing else.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 // The attribute names of one start tag so far, as views into the text, so
 // that a repeat is found in constant time however many attributes a tag has
 // (<storage> may carry any number). Most tags have a few: those are
@@ -166,6 +169,9 @@ bool Reader::text(size_t end)
     while (firstInk < raw.size() && isSpace(raw[firstInk]))
         ++firstInk;
     if (stack_.size() == 1) {
+        if (raw.substr(firstInk).starts_with(kByteOrderMark))
+            return fail(pos_ + firstInk, "a byte order mark (EF BB BF) other than at the very "
+                                         "start of the text");
         if (firstInk < raw.size())
             return fail(pos_ + firstInk, "text outside an element");
         pos_ = end;
@@ -274,6 +280,10 @@ bool Reader::run(bool document, std::vector<Element> *top)
     if (size_t bad = firstBadByte(s_); bad != npos)
         return fail(bad, "a byte that is not UTF-8 text, or a control character");
     stack_.assign(1, Element());
+    // A document may begin with a byte order mark; it says the text is UTF-8,
+    // which it must be anyway.
+    if (document && s_.starts_with(kByteOrderMark))
+        pos_ = kByteOrderMark.size();
     while (pos_ < s_.size()) {
         size_t lt = s_.find('<', pos_);
         if (lt != pos_) {
