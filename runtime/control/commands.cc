@@ -163,9 +163,7 @@ void queueRescan(const Request &request, Reply *reply)
     if (!reply->ok || request.noEvents)
         return;
     std::string error;
-    if (!ev::queueEvents({eventXml(kRescanStartedEvent, {}, {}, {}),
-                          eventXml(kRescanCompletedEvent, {}, {}, {})},
-                         &error)) {
+    if (!queueRescanEvents(&error)) {
         reply->lines.push_back("the model changed, but the rescan events were not queued: " +
                                error);
     }
@@ -335,6 +333,13 @@ bool parseCommand(std::span<const std::string> words, Request *request, std::str
     }
     *error = "unknown command \"" + words[0] + "\" (\"help\" lists the commands)";
     return false;
+}
+
+bool queueRescanEvents(std::string *error)
+{
+    return ev::queueEvents(
+        {eventXml(kRescanStartedEvent, {}, {}, {}), eventXml(kRescanCompletedEvent, {}, {}, {})},
+        error);
 }
 
 Reply runCommand(const Request &request)

@@ -99,6 +99,11 @@ std::string eventXml(uint32_t eventId,
 inline constexpr uint32_t kRescanStartedEvent = 3061;
 inline constexpr uint32_t kRescanCompletedEvent = 3060;
 
+// Queues the rescan pair, kRescanStartedEvent then kRescanCompletedEvent,
+// as one step: both or neither. False with a message when the event queue
+// has no room for them. May throw std::bad_alloc.
+bool queueRescanEvents(std::string *error);
+
 // Most --parm options an event takes (Parm01..Parm10).
 inline constexpr size_t kMaxParms = 10;
 

@@ -21,11 +21,19 @@ class Model; // datastore/model.h
 
 // Loads a model file and serves it. On error (unreadable, malformed,
 // invalid) answers false with a message naming the file and line, and the
-// served model stays as it was.
+// served model stays as it was. The file is read, parsed and validated
+// without any lock that queries or changes take, so they go on meanwhile;
+// the new model is swapped in at the end, and the one it replaces is freed
+// here, off the request path. Loads run one at a time.
 bool loadModelFile(const std::string &path, std::string *error);
 
 // Loads a model from text; `origin` names it in error messages.
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error);
+
+// The file of the model served now: the one the last successful
+// loadModelFile (or KELP_MODEL) read, also after changes made to it since.
+// False when no model is served or it was loaded from a text.
+bool servedModelFile(std::string *file);
 
 // Stops serving: the store then has no model (DataStoreReady answers null).
 void unloadModel();
