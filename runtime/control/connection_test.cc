@@ -9,11 +9,13 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <mutex>
 #include <string>
 
 #include "control/command_worker.h"
 #include "control/control_testing.h"
 #include "control/words.h"
+#include "datastore/identities.h"
 #include "datastore/model_store.h"
 
 namespace {
@@ -158,12 +160,19 @@ TEST_F(ConnectionTest, AChangeRunsOnTheWorkerAndIsAnsweredOnceDone)
     kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     kelp::ctl::CommandWorker worker(done.get());
     Connection c = open(&worker);
-    send("ready off\n");
-    EXPECT_TRUE(c.advance(POLLIN, start_));
-    EXPECT_EQ(c.events(), 0) << "nothing to poll for while the command runs";
-    EXPECT_EQ(c.deadline(), Connection::Clock::time_point::max());
+    {
+        // A set Nexus swaps its model in under this lock: held here, the
+        // command cannot end before the connection has been looked at.
+        std::lock_guard identities(kelp::ds::identityMutex());
+        send("set 20 Nexus n20\n");
+        EXPECT_TRUE(c.advance(POLLIN, start_));
+        EXPECT_EQ(c.events(), 0) << "nothing to poll for while the command runs";
+        EXPECT_EQ(c.deadline(), Connection::Clock::time_point::max());
+        EXPECT_TRUE(c.advance(0, start_ + 1h)) << "no deadline while it runs";
+        EXPECT_EQ(received(), "");
+    }
     ASSERT_TRUE(workerDone(done.get()));
-    EXPECT_EQ(kelp::ctl::testing::readyAnswer().find("<Code>0</Code>"), std::string::npos);
+    EXPECT_NE(kelp::ctl::testing::singleObject(20).find("<Nexus>n20</Nexus>"), std::string::npos);
     EXPECT_TRUE(c.advance(0, start_));
     EXPECT_EQ(received(), "ok\n");
 }

@@ -113,6 +113,7 @@ bool Model::index(std::string *error)
     const size_t n = data_.objects.size();
     byId_.reserve(n);
     typeOf_.resize(n);
+    nexus_.assign(n, nullptr);
     byType_.assign(kObjectTypeCount, {});
     byNexus_.assign(kObjectTypeCount, {});
     answers_.reserve(n);
@@ -148,8 +149,10 @@ bool Model::index(std::string *error)
         answers_.push_back(std::move(answer));
         typeOf_[pos] = type;
         byType_[static_cast<size_t>(type)].push_back(pos);
-        if (const std::string *nexus = firstAttribute(o, "Nexus"))
+        if (const std::string *nexus = firstAttribute(o, "Nexus")) {
+            nexus_[pos] = nexus;
             byNexus_[static_cast<size_t>(type)].emplace(*nexus, pos);
+        }
     }
 
     parent_.assign(n, kNone);

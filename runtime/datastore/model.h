@@ -113,6 +113,11 @@ class Model {
     // know. Indexed when the model is built: one hash look-up, no copy.
     std::optional<size_t> findByNexus(std::string_view type, std::string_view nexus) const;
     const ObjectData &object(size_t pos) const { return data_.objects[pos]; }
+    // What names an object to the plug-in: the kObjectTypes index of its
+    // type, and the value of its first "Nexus" attribute (null when it has
+    // none, pointing into the model otherwise). Indexed: no scan.
+    int typeIndexOf(size_t pos) const { return typeOf_[pos]; }
+    const std::string *nexusOf(size_t pos) const { return nexus_[pos]; }
     // The object's answer: <ObjID>id</ObjID> and its attribute elements.
     const std::string &answer(size_t pos) const { return answers_[pos]; }
     // Positions of the objects of a type, in file order; empty for an unknown type.
@@ -155,6 +160,7 @@ class Model {
     std::vector<std::vector<size_t>> linked_;
     std::vector<std::vector<size_t>> byType_; // per kObjectTypes entry
     std::vector<int> typeOf_;                 // kObjectTypes index of each object
+    std::vector<const std::string *> nexus_;  // first "Nexus" of each object, or null
     std::vector<NexusIndex> byNexus_;         // per kObjectTypes entry
     std::vector<std::string> answers_;
 };

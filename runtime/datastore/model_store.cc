@@ -20,7 +20,9 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 
+#include "datastore/identities.h"
 #include "datastore/model.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
@@ -35,7 +37,7 @@ namespace {
 // loads take it; it is taken before g_changeMutex, never after it.
 std::mutex g_loadMutex;
 // Serialises changes and the one attempt to load KELP_MODEL; taken before
-// g_servedMutex, never after it.
+// identityMutex() and g_servedMutex, never after them.
 std::mutex g_changeMutex;
 std::mutex g_servedMutex;
 std::shared_ptr<const Model> g_served; // guarded by g_servedMutex; written under both
@@ -124,9 +126,19 @@ void settleLocked() // requires g_changeMutex
         kelp::rt::logError("KELP_MODEL: %s", error.c_str());
 }
 
+// What a change that keeps every identity does to the handed-out ids.
+struct KeepIdentities {
+    void operator()(const Model &, const Model &) const {}
+};
+
 // Applies edit to a copy of the served model's data and serves the result
-// when it is a valid model. Memory exhaustion is a failure like any other.
-template <typename Edit> bool change(std::string *error, Edit edit)
+// when it is a valid model. A change that gives an object another identity
+// on purpose passes `follow`, which is called with the model before and
+// after under identityMutex(), together with the swap, so that no reader
+// sees the new model with the old identities. Memory exhaustion is a
+// failure like any other.
+template <typename Edit, typename Follow = KeepIdentities>
+bool change(std::string *error, Edit edit, Follow follow = Follow())
 {
     std::shared_ptr<const Model> replaced;
     try {
@@ -141,7 +153,13 @@ template <typename Edit> bool change(std::string *error, Edit edit)
         std::shared_ptr<const Model> next = Model::build(std::move(copy), error);
         if (next == nullptr)
             return false;
-        replaced = publish(Served{std::move(next), std::nullopt});
+        if constexpr (std::is_same_v<Follow, KeepIdentities>) {
+            replaced = publish(Served{std::move(next), std::nullopt});
+        } else {
+            std::lock_guard identities(identityMutex());
+            follow(*current, *next);
+            replaced = publish(Served{std::move(next), std::nullopt});
+        }
     } catch (const std::bad_alloc &) {
         return fail(error, "out of memory");
     }
@@ -208,6 +226,11 @@ std::shared_ptr<const Model> servedModel()
     return snapshot();
 }
 
+std::shared_ptr<const Model> currentModel()
+{
+    return snapshot();
+}
+
 bool servedModelFile(std::string *file)
 {
     servedModel(); // a model from KELP_MODEL has its file too
@@ -253,6 +276,7 @@ void resetForTesting()
         replaced = publish(Served{nullptr, std::string()});
     }
     letGo(std::move(replaced));
+    forgetHandedOut();
 }
 
 bool setReady(bool ready, std::string *error)
@@ -266,12 +290,20 @@ bool setReady(bool ready, std::string *error)
 bool setAttribute(uint32_t id, const std::string &name, const std::string &value,
                   std::string *error)
 {
-    return change(error, [&](const Model &current, ModelData &data) {
-        std::optional<size_t> pos = current.find(id);
+    std::optional<size_t> pos;
+    auto edit = [&](const Model &current, ModelData &data) {
+        pos = current.find(id);
         if (!pos)
             return fail(error, noObject(id));
         setFirst(&data.objects[*pos].attributes, name, value);
         return true;
+    };
+    if (name != "Nexus")
+        return change(error, edit);
+    // A set Nexus renames the object on purpose: its row keeps answering.
+    // The edit moves no object, so it keeps its position.
+    return change(error, edit, [&](const Model &before, const Model &after) {
+        followIdentity(before, *pos, after, *pos);
     });
 }
 

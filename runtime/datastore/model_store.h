@@ -42,7 +42,9 @@ void unloadModel();
 // False when no model is served.
 bool setReady(bool ready, std::string *error);
 
-// Sets one attribute of an object (appended when the object lacks it).
+// Sets one attribute of an object (appended when the object lacks it). A
+// set "Nexus" gives the object another identity on purpose: an id still
+// answered as handed out (identities.h) goes on being answered.
 bool setAttribute(uint32_t id, const std::string &name, const std::string &value,
                   std::string *error);
 
@@ -87,7 +89,14 @@ bool storageAttribute(const std::string &name, std::string *value);
 // it, whatever changes are made meanwhile.
 std::shared_ptr<const Model> servedModel();
 
-// Tests only: serves nothing and forgets that KELP_MODEL was tried.
+// The served model as servedModel() answers it once KELP_MODEL has been
+// tried, without trying it: for a reader that called servedModel() first and
+// now holds identityMutex() (identities.h), a lock that changes take after
+// their own. Null when no model is served.
+std::shared_ptr<const Model> currentModel();
+
+// Tests only: serves nothing, forgets that KELP_MODEL was tried and every id
+// handed out.
 void resetForTesting();
 
 } // namespace kelp::ds

@@ -432,7 +432,9 @@ TEST_F(ModelStoreTest, QueriesAreAnsweredWhileALargeModelLoads)
             uint32_t status = 99;
             char *ready = DataStoreReady(&status);
             char *object = GetSingleObject(&status, 0, 1);
-            char *list = GetObjectList(&status, "adapters");
+            // Object 1 is an adapter, then a disk: no list here hands its id
+            // out, so it is answered whichever it is.
+            char *list = GetObjectList(&status, "fans");
             if (ready == nullptr || object == nullptr)
                 ++unanswered;
             freeMem(ready);
