@@ -345,10 +345,10 @@ TEST_F(ControlServerTest, AClientThatSendsMoreLinesBeforeReadingGetsItsAnswer)
     EXPECT_NE(readyAnswer().find("<Code>0</Code>"), std::string::npos) << "only the first line ran";
 }
 
-// A model file large enough that loading it takes a while.
-std::string writeLargeModel(const TempDir &dir)
+// A model file of `disks` disks: large enough that loading it takes a while.
+std::string writeLargeModel(const TempDir &dir, size_t disks)
 {
-    dir.write("large.xml", kelp::ds::testing::modelWithObjectsOfAttributes(100000, 3));
+    dir.write("large.xml", kelp::ds::testing::modelWithObjectsOfAttributes(disks, 3));
     return dir.file("large.xml");
 }
 
@@ -357,7 +357,7 @@ std::string writeLargeModel(const TempDir &dir)
 // by the load would wait for most of it.
 TEST_F(ControlServerTest, ALoadDelaysNoOtherClientNorQuery)
 {
-    const std::string large = writeLargeModel(dir_);
+    const std::string large = writeLargeModel(dir_, 50000);
     ASSERT_EQ(start(socket_), "");
     std::atomic<bool> loaded{false};
     std::string loadAnswer;
@@ -398,7 +398,7 @@ TEST_F(ControlServerTest, ALoadDelaysNoOtherClientNorQuery)
 // lines arrived: the worker runs changes one at a time, in order.
 TEST_F(ControlServerTest, ChangesAreMadeInTheOrderTheirLinesArrived)
 {
-    const std::string large = writeLargeModel(dir_);
+    const std::string large = writeLargeModel(dir_, 10000);
     ASSERT_EQ(start(socket_), "");
     kelp::rt::UniqueFd loading(connectTo(socket_));
     const std::string line = "load " + kelp::ctl::quoteWord(large) + "\n";
@@ -415,7 +415,7 @@ TEST_F(ControlServerTest, ChangesAreMadeInTheOrderTheirLinesArrived)
 // Stopping while a load runs lets it end and makes no change afterwards.
 TEST_F(ControlServerTest, StopWhileALoadRunsLetsItEnd)
 {
-    const std::string large = writeLargeModel(dir_);
+    const std::string large = writeLargeModel(dir_, 20000);
     ASSERT_EQ(start(socket_), "");
     kelp::rt::UniqueFd loading(connectTo(socket_));
     const std::string line = "load " + kelp::ctl::quoteWord(large) + "\n";
