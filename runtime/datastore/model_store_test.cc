@@ -471,6 +471,28 @@ TEST_F(ModelStoreTest, QueriesAreAnsweredWhileALargeModelLoads)
     EXPECT_LT(longestWait, bound);
 }
 
+// A query that still answers from the model a load replaces lets go of it
+// without freeing it: the load frees it, off the request path.
+TEST_F(ModelStoreTest, TheModelALoadReplacesIsFreedByTheLoadNotByAQuery)
+{
+    using namespace std::chrono_literals;
+    loadTestModel();
+    std::shared_ptr<const ds::Model> held = ds::servedModel(); // as a query holds it
+    const std::weak_ptr<const ds::Model> old = held;
+    std::string error;
+    bool loaded = false;
+    std::thread load([&] { loaded = ds::loadModelText(ds::testing::kTestModel, "next", &error); });
+    const auto giveUp = std::chrono::steady_clock::now() + 30s;
+    while (ds::servedModel() == held && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::sleep_for(1ms);
+    ASSERT_NE(ds::servedModel(), held) << "the load never swapped its model in";
+    held.reset();
+    EXPECT_FALSE(old.expired()) << "the query's reference was the last: it freed the model";
+    load.join();
+    EXPECT_TRUE(loaded) << error;
+    EXPECT_TRUE(old.expired());
+}
+
 // Readers run while a writer changes one attribute back and forth and adds
 // and removes an object: every answer is one whole state or the other.
 TEST_F(ModelStoreTest, ReadersNeverSeeHalfAChange)
