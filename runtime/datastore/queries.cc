@@ -117,8 +117,14 @@ std::optional<size_t> thisObject(const Model &m, uint32_t objId)
 char *handOut(uint32_t *status, const Model &m, const std::vector<size_t> &positions)
 {
     char *text = answer(status, listAnswer(m, positions));
-    if (text != nullptr)
+    if (text == nullptr)
+        return nullptr;
+    try {
         kelp::ds::rememberHandedOut(m, positions);
+    } catch (const std::bad_alloc &) {
+        freeMem(text); // an id not remembered is not handed out
+        throw;
+    }
     return text;
 }
 
