@@ -155,8 +155,9 @@ void sendLine(int fd, const std::string &line)
     shutdown(fd, SHUT_WR);
 }
 
-// Everything the server sends until it closes. A reset after an early
-// answer ends the answer like a close does. False on time-out.
+// Everything the server sends until it ends the answer: it shuts its
+// sending side down after the final line (or closes). A reset after an
+// early answer ends the answer the same way. False on time-out.
 bool readAnswer(int fd, std::string *answer)
 {
     char chunk[4096];

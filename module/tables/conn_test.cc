@@ -51,8 +51,10 @@ std::string connModel(const Ids &ids = {})
                 {{"BusProtocol", "8"}, {"AttributesMask", mask({22})}}, ids.firstEnclosure) +
            item(11, "arraydisks", "0\\1\\0\\2",
                 {{"BusProtocol", "9"}, {"AttributesMask", mask({22})}}, ids.secondEnclosure) +
-           item(12, "arraydisks", ids.diskTwelveParent == 4 ? "0\\1\\3" : "0\\0\\0\\9",
-                {{"BusProtocol", "8"}, {"AttributesMask", mask({})}}, ids.diskTwelveParent) +
+           // Moved, disk 12 keeps its nexus: the store answers a disk whose
+           // nexus changed as gone until the lists are built again.
+           item(12, "arraydisks", "0\\1\\3", {{"BusProtocol", "8"}, {"AttributesMask", mask({})}},
+                ids.diskTwelveParent) +
            item(13, "arraydisks", "0\\0\\5", {{"BusProtocol", "7"}, {"AttributesMask", mask({22})}},
                 3) +
            item(20, "vdisks", "0\\128\\1", {{"Name", "Data"}}, 1) +

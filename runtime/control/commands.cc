@@ -163,9 +163,7 @@ void queueRescan(const Request &request, Reply *reply)
     if (!reply->ok || request.noEvents)
         return;
     std::string error;
-    if (!ev::queueEvents({eventXml(kRescanStartedEvent, {}, {}, {}),
-                          eventXml(kRescanCompletedEvent, {}, {}, {})},
-                         &error)) {
+    if (!queueRescanEvents(&error)) {
         reply->lines.push_back("the model changed, but the rescan events were not queued: " +
                                error);
     }
@@ -300,17 +298,19 @@ void runEvent(const Request &request, Reply *reply)
     runOrFail(ev::queueEvent(xml, &error), error, reply);
 }
 
+constexpr bool kChangesModel = true;
 constexpr std::array kCommands = {
-    CommandRow{"status", parseNoArgs, runStatus, "status"},
-    CommandRow{"ready", parseReady, runReady, "ready on|off"},
-    CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE"},
-    CommandRow{"add", parseAdd, runAdd, "add [--no-events] --xml TEXT"},
-    CommandRow{"remove", parseRemove, runRemove, "remove [--no-events] ID"},
-    CommandRow{"load", parseLoad, runLoad, "load [--no-events] FILE"},
+    CommandRow{"status", parseNoArgs, runStatus, "status", !kChangesModel},
+    CommandRow{"ready", parseReady, runReady, "ready on|off", kChangesModel},
+    CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE", kChangesModel},
+    CommandRow{"add", parseAdd, runAdd, "add [--no-events] --xml TEXT", kChangesModel},
+    CommandRow{"remove", parseRemove, runRemove, "remove [--no-events] ID", kChangesModel},
+    CommandRow{"load", parseLoad, runLoad, "load [--no-events] FILE", kChangesModel},
     CommandRow{"event", parseEvent, runEvent,
                "event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]..."
-               " | event --xml TEXT"},
-    CommandRow{"help", parseNoArgs, runHelp, "help"},
+               " | event --xml TEXT",
+               !kChangesModel},
+    CommandRow{"help", parseNoArgs, runHelp, "help", !kChangesModel},
 };
 
 } // namespace
@@ -337,6 +337,13 @@ bool parseCommand(std::span<const std::string> words, Request *request, std::str
     return false;
 }
 
+bool queueRescanEvents(std::string *error)
+{
+    return ev::queueEvents(
+        {eventXml(kRescanStartedEvent, {}, {}, {}), eventXml(kRescanCompletedEvent, {}, {}, {})},
+        error);
+}
+
 Reply runCommand(const Request &request)
 {
     Reply reply;
@@ -344,13 +351,18 @@ Reply runCommand(const Request &request)
     return reply;
 }
 
-std::string answerLine(std::string_view line)
+bool prepareLine(std::string_view line, Request *request, std::string *error)
 {
     std::vector<std::string> words;
+    return splitWords(line, &words, error) && parseCommand(words, request, error);
+}
+
+std::string answerLine(std::string_view line)
+{
     std::string error;
     Request request;
     Reply reply;
-    if (!splitWords(line, &words, &error) || !parseCommand(words, &request, &error)) {
+    if (!prepareLine(line, &request, &error)) {
         reply.fail(error);
     } else {
         reply = runCommand(request);

@@ -46,12 +46,15 @@ struct Reply {
 
 // One command: its name, the pure check of its arguments (the words after
 // the name) that fills a Request or answers false with a message, the step
-// that runs it, and its usage line.
+// that runs it, its usage line, and whether it changes the model. A change
+// may take as long as reading a large model file, so the server runs those
+// on a thread of their own, one at a time in the order they arrived.
 struct CommandRow {
     const char *name;
     bool (*parse)(std::span<const std::string> args, Request *request, std::string *error);
     void (*run)(const Request &request, Reply *reply);
     const char *usage;
+    bool changesModel;
 };
 
 // Every command, in the order `help` lists them.
@@ -64,6 +67,11 @@ bool parseCommand(std::span<const std::string> words, Request *request, std::str
 
 // Runs a request from parseCommand.
 Reply runCommand(const Request &request);
+
+// Splits a command line (without its "\n") into words and checks them
+// (parseCommand). Pure. False with a message for a line that does not split
+// or does not check.
+bool prepareLine(std::string_view line, Request *request, std::string *error);
 
 // The whole exchange for one command line (without its "\n"): the answer
 // text, every line ending in "\n", the last one "ok" or "error: ...". Lines
@@ -98,6 +106,11 @@ std::string eventXml(uint32_t eventId,
 // completed. --no-events leaves them out.
 inline constexpr uint32_t kRescanStartedEvent = 3061;
 inline constexpr uint32_t kRescanCompletedEvent = 3060;
+
+// Queues the rescan pair, kRescanStartedEvent then kRescanCompletedEvent,
+// as one step: both or neither. False with a message when the event queue
+// has no room for them. May throw std::bad_alloc.
+bool queueRescanEvents(std::string *error);
 
 // Most --parm options an event takes (Parm01..Parm10).
 inline constexpr size_t kMaxParms = 10;

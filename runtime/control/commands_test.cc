@@ -274,6 +274,37 @@ TEST_F(ControlCommandTest, AChangeWithoutRoomForTheRescanPairQueuesNeitherAndSay
     EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents - 1);
 }
 
+// A host that reloads the model itself queues the same pair a control
+// `load` does, both or neither.
+TEST_F(ControlCommandTest, AHostQueuesTheRescanPairALoadQueues)
+{
+    char error[128] = "unchanged";
+    ASSERT_EQ(kelpRuntimeQueueRescan(error, sizeof error), 0) << error;
+    EXPECT_STREQ(error, "");
+    EXPECT_EQ(ask("load " + kelp::ctl::quoteWord(dir_.file("other.xml"))).find("error: "), 0u);
+    dir_.write("other.xml", kModel);
+    EXPECT_EQ(ask("load " + kelp::ctl::quoteWord(dir_.file("other.xml"))), "ok\n");
+    for (const char *expected :
+         {kRescanStarted, kRescanCompleted, kRescanStarted, kRescanCompleted})
+        EXPECT_EQ(takeEvent(), expected);
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+    EXPECT_EQ(kelpRuntimeQueueRescan(nullptr, 0), 0);
+    EXPECT_EQ(kelp::ev::queuedEvents(), 2u);
+}
+
+TEST_F(ControlCommandTest, AHostsRescanWithoutRoomForBothQueuesNeither)
+{
+    for (size_t i = 0; i + 1 < kelp::ev::kMaxQueuedEvents; ++i)
+        ASSERT_TRUE(kelp::ev::queueEvent("<EventID>" + std::to_string(i) + "</EventID>", nullptr));
+    char error[128] = "";
+    EXPECT_NE(kelpRuntimeQueueRescan(error, sizeof error), 0);
+    EXPECT_TRUE(std::string(error).starts_with("event queue is full")) << error;
+    EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents - 1);
+    char tiny[6];
+    EXPECT_NE(kelpRuntimeQueueRescan(tiny, sizeof tiny), 0);
+    EXPECT_STREQ(tiny, "event");
+}
+
 // The event interface as the plug-in's event monitor reads it: what the
 // control socket queued, in that order, each text released with
 // vcsif32_freeData, and null at once when nothing is left.

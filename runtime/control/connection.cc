@@ -3,11 +3,13 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "control/command_worker.h"
 #include "control/commands.h"
 #include "control/words.h"
 
@@ -23,14 +25,24 @@ std::string durationText(std::chrono::milliseconds d)
 
 } // namespace
 
-Connection::Connection(rt::UniqueFd fd, std::chrono::milliseconds timeout, Clock::time_point now)
-    : fd_(std::move(fd)), timeout_(timeout), deadline_(now + timeout)
+Connection::Connection(rt::UniqueFd fd, std::chrono::milliseconds timeout, Clock::time_point now,
+                       CommandWorker *worker)
+    : fd_(std::move(fd)), timeout_(timeout), worker_(worker), deadline_(now + timeout)
 {
 }
 
 short Connection::events() const
 {
-    return phase_ == Phase::kReading ? POLLIN : POLLOUT;
+    switch (phase_) {
+    case Phase::kReading:
+    case Phase::kDraining:
+        return POLLIN;
+    case Phase::kRunning:
+        return 0;
+    case Phase::kWriting:
+        return POLLOUT;
+    }
+    return 0;
 }
 
 bool Connection::advance(short revents, Clock::time_point now)
@@ -41,8 +53,29 @@ bool Connection::advance(short revents, Clock::time_point now)
         if (phase_ == Phase::kReading && now >= deadline_)
             answerError("no complete command line within " + durationText(timeout_));
     }
-    if (phase_ == Phase::kWriting)
-        return writeSome(now);
+    if (phase_ == Phase::kRunning) {
+        if (!pending_->done())
+            return (revents & (POLLHUP | POLLERR)) == 0;
+        if (!pending_->text())
+            return false; // the worker ran out of memory: no "ok", as after any failure
+        std::string text = *pending_->text();
+        pending_.reset();
+        answer(std::move(text), true);
+    }
+    if (phase_ == Phase::kWriting) {
+        const Write written = writeSome(now);
+        if (written != Write::kDone)
+            return written == Write::kPending;
+        if (!drainAfter_)
+            return false;
+        // The end of the answer: the client reads it whole and then its end,
+        // whatever it still sends.
+        shutdown(fd_.get(), SHUT_WR);
+        phase_ = Phase::kDraining;
+        deadline_ = now + timeout_;
+    }
+    if (phase_ == Phase::kDraining)
+        return drainSome(now);
     return true;
 }
 
@@ -66,16 +99,36 @@ bool Connection::readSome()
     if (line_.size() > kMaxLineBytes)
         answerError("command line longer than " + std::to_string(kMaxLineBytes) + " bytes");
     else if (newline != nullptr)
-        answer(answerLine(line_)); // anything after the "\n" is never read
+        start(); // what follows the "\n" is dropped
     return true;
 }
 
-void Connection::answer(std::string text)
+void Connection::start()
+{
+    Request request;
+    std::string error;
+    if (!prepareLine(line_, &request, &error)) {
+        Reply reply;
+        reply.fail(error);
+        answer(formatReply(reply), true);
+    } else if (worker_ != nullptr && request.command->changesModel) {
+        pending_ = worker_->submit(std::move(request));
+        phase_ = Phase::kRunning;
+        line_.clear();
+        line_.shrink_to_fit();
+        deadline_ = Clock::time_point::max();
+    } else {
+        answer(formatReply(runCommand(request)), true);
+    }
+}
+
+void Connection::answer(std::string text, bool afterLine)
 {
     phase_ = Phase::kWriting;
     line_.clear();
     line_.shrink_to_fit();
     answer_ = std::move(text);
+    drainAfter_ = afterLine;
     // The client's time to take its answer starts once the answer exists,
     // however long the command ran.
     deadline_ = Clock::now() + timeout_;
@@ -88,7 +141,7 @@ void Connection::answerError(const std::string &message)
     answer(formatReply(reply));
 }
 
-bool Connection::writeSome(Clock::time_point now)
+Connection::Write Connection::writeSome(Clock::time_point now)
 {
     while (sent_ < answer_.size()) {
         ssize_t n = send(fd_.get(), answer_.data() + sent_, answer_.size() - sent_, MSG_NOSIGNAL);
@@ -99,12 +152,31 @@ bool Connection::writeSome(Clock::time_point now)
         } else if (n < 0 && errno == EAGAIN) {
             // A client that stops reading is given up at its deadline; the
             // command has run all the same.
-            return now < deadline_;
+            return now < deadline_ ? Write::kPending : Write::kFailed;
         } else {
-            return false; // the client is gone
+            return Write::kFailed; // the client is gone
         }
     }
-    return false;
+    return Write::kDone;
+}
+
+bool Connection::drainSome(Clock::time_point now)
+{
+    // Closing a socket with unread bytes would reset the connection, and a
+    // client still sending would meet a broken pipe before it reads its
+    // answer. A bounded amount per call keeps a client that sends fast from
+    // holding up the others.
+    char chunk[4096];
+    for (int round = 0; round < 16; ++round) {
+        ssize_t n = read(fd_.get(), chunk, sizeof chunk);
+        if (n == 0)
+            return false; // the client has closed, or shut its sending down
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return errno == EAGAIN && now < deadline_;
+    }
+    return now < deadline_;
 }
 
 } // namespace kelp::ctl

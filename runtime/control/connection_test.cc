@@ -1,16 +1,21 @@
 // One control connection driven by hand over a socket pair: a line that
-// arrives in pieces, the two deadlines (sending the line, taking the
-// answer), and a client that goes away.
+// arrives in pieces, bytes after it, the deadlines (sending the line, taking
+// the answer, closing after it), a change run on the command worker, and a
+// client that goes away.
 #include "control/connection.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <mutex>
 #include <string>
 
+#include "control/command_worker.h"
 #include "control/control_testing.h"
 #include "control/words.h"
+#include "datastore/identities.h"
 #include "datastore/model_store.h"
 
 namespace {
@@ -32,7 +37,10 @@ class ConnectionTest : public ::testing::Test {
     }
     void TearDown() override { kelp::ds::unloadModel(); }
 
-    Connection open() { return Connection(kelp::rt::UniqueFd(server_), 5s, start_); }
+    Connection open(kelp::ctl::CommandWorker *worker = nullptr)
+    {
+        return Connection(kelp::rt::UniqueFd(server_), 5s, start_, worker);
+    }
     void send(const std::string &bytes) const
     {
         ASSERT_EQ(::send(client_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
@@ -63,10 +71,43 @@ TEST_F(ConnectionTest, LineInPiecesRunsOnceWholeAndIsAnswered)
     EXPECT_EQ(received(), "");
     EXPECT_NE(kelp::ctl::testing::readyAnswer().find("<Code>0</Code>"), std::string::npos);
     send("off\nready on\n");
-    EXPECT_FALSE(c.advance(POLLIN, start_)) << "answered whole, so finished";
+    EXPECT_TRUE(c.advance(POLLIN, start_)) << "answered whole; reads on until the client closes";
     EXPECT_EQ(received(), "ok\n");
     EXPECT_EQ(kelp::ctl::testing::readyAnswer().find("<Code>0</Code>"), std::string::npos)
         << "only the first line ran";
+    shutdown(client_.get(), SHUT_WR);
+    EXPECT_FALSE(c.advance(POLLIN, start_)) << "the client has said all it will";
+}
+
+// Bytes after the line, there at once or sent later, are read and dropped:
+// the client gets its answer and then its end, and may send on meanwhile.
+TEST_F(ConnectionTest, BytesAfterTheLineAreDroppedUntilTheClientCloses)
+{
+    Connection c = open();
+    send("status\nxyz");
+    EXPECT_TRUE(c.advance(POLLIN, start_));
+    EXPECT_EQ(c.events(), POLLIN);
+    const std::string answer = received();
+    EXPECT_TRUE(answer.starts_with("model: test-model\n")) << answer;
+    EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+    char byte = 0;
+    EXPECT_EQ(read(client_.get(), &byte, 1), 0) << "the answer is followed by its end";
+    send("more\nlines\n");
+    EXPECT_TRUE(c.advance(POLLIN, start_));
+    EXPECT_EQ(c.deadline(), Connection::Clock::time_point(start_ + 5s))
+        << "5 s from the end of the answer (written at start_ here)";
+    client_.reset();
+    EXPECT_FALSE(c.advance(POLLIN | POLLHUP, start_));
+}
+
+TEST_F(ConnectionTest, ClientThatNeverClosesAfterItsAnswerIsLetGoAtItsDeadline)
+{
+    Connection c = open();
+    send("status\n");
+    EXPECT_TRUE(c.advance(POLLIN, start_));
+    EXPECT_TRUE(received().ends_with("\nok\n"));
+    EXPECT_TRUE(c.advance(0, c.deadline() - 1ms));
+    EXPECT_FALSE(c.advance(0, c.deadline()));
 }
 
 TEST_F(ConnectionTest, SilentClientIsAnsweredAtItsDeadline)
@@ -102,6 +143,61 @@ TEST_F(ConnectionTest, ClientThatNeverTakesItsAnswerIsGivenUpAtItsDeadline)
     EXPECT_GE(deadline, start_ + 5s);
     EXPECT_TRUE(c.advance(POLLOUT, deadline - 1ms)) << "still waiting for the client";
     EXPECT_FALSE(c.advance(POLLOUT, deadline));
+}
+
+// Waits until the worker has finished a command (it writes the eventfd).
+bool workerDone(int doneFd)
+{
+    pollfd p{doneFd, POLLIN, 0};
+    if (poll(&p, 1, 30000) != 1)
+        return false;
+    uint64_t count = 0;
+    return read(doneFd, &count, sizeof count) == sizeof count;
+}
+
+TEST_F(ConnectionTest, AChangeRunsOnTheWorkerAndIsAnsweredOnceDone)
+{
+    kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    kelp::ctl::CommandWorker worker(done.get());
+    Connection c = open(&worker);
+    {
+        // A set Nexus swaps its model in under this lock: held here, the
+        // command cannot end before the connection has been looked at.
+        std::lock_guard identities(kelp::ds::identityMutex());
+        send("set 20 Nexus n20\n");
+        EXPECT_TRUE(c.advance(POLLIN, start_));
+        EXPECT_EQ(c.events(), 0) << "nothing to poll for while the command runs";
+        EXPECT_EQ(c.deadline(), Connection::Clock::time_point::max());
+        EXPECT_TRUE(c.advance(0, start_ + 1h)) << "no deadline while it runs";
+        EXPECT_EQ(received(), "");
+    }
+    ASSERT_TRUE(workerDone(done.get()));
+    EXPECT_NE(kelp::ctl::testing::singleObject(20).find("<Nexus>n20</Nexus>"), std::string::npos);
+    EXPECT_TRUE(c.advance(0, start_));
+    EXPECT_EQ(received(), "ok\n");
+}
+
+TEST_F(ConnectionTest, WhatChangesNothingIsAnsweredAtOnceBesideAWorker)
+{
+    kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    kelp::ctl::CommandWorker worker(done.get());
+    Connection c = open(&worker);
+    send("status\n");
+    EXPECT_TRUE(c.advance(POLLIN, start_));
+    EXPECT_TRUE(received().ends_with("\nok\n"));
+}
+
+TEST_F(ConnectionTest, ClientGoneWhileItsChangeRunsIsDroppedAndTheChangeIsMade)
+{
+    kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    kelp::ctl::CommandWorker worker(done.get());
+    Connection c = open(&worker);
+    send("ready off\n");
+    EXPECT_TRUE(c.advance(POLLIN, start_));
+    client_.reset();
+    EXPECT_FALSE(c.advance(POLLHUP, start_));
+    ASSERT_TRUE(workerDone(done.get()));
+    EXPECT_EQ(kelp::ctl::testing::readyAnswer().find("<Code>0</Code>"), std::string::npos);
 }
 
 TEST_F(ConnectionTest, ClientGoneBeforeItsLineIsDropped)

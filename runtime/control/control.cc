@@ -1,11 +1,13 @@
-// The host-facing entry points of the control socket (kelp/runtime.h), and
-// the start from KELP_CONTROL when the runtime is loaded.
+// The host-facing entry points of the control socket (kelp/runtime.h), the
+// rescan events a host queues as the socket's model changes do, and the
+// start from KELP_CONTROL when the runtime is loaded.
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 
+#include "control/commands.h"
 #include "control/server.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
@@ -80,6 +82,19 @@ void kelpRuntimeStopControl(void)
     std::lock_guard lock(kelp::ctl::g_controlMutex);
     delete kelp::ctl::g_server;
     kelp::ctl::g_server = nullptr;
+}
+
+int kelpRuntimeQueueRescan(char *error, unsigned errorSize)
+{
+    std::string message;
+    bool ok = false;
+    try {
+        ok = kelp::ctl::queueRescanEvents(&message);
+    } catch (const std::bad_alloc &) {
+        message = "out of memory";
+    }
+    kelp::rt::copyToBuffer(ok ? std::string_view() : message, error, errorSize);
+    return ok ? 0 : 1;
 }
 
 } // extern "C"

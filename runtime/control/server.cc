@@ -1,14 +1,18 @@
 // The control socket server: one thread serves every connection at once,
 // multiplexed with poll, so an idle or slow client never delays another.
-// Commands run on that thread one at a time, so they never run concurrently
-// with each other.
+// Commands that change the model (ready, set, add, remove, load) run on the
+// command worker's thread, one at a time in the order their lines were
+// read, so a load of a large file delays no other client; the others
+// (status, event, help) run on the serving thread.
 //
 // Protocol. One command per connection. The client sends one line of at most
 // 64 KiB ending in "\n": words separated by blanks (spaces, tabs), where a
 // word may be double-quoted and then holds blanks and the escapes \" \\ \n \t
 // (words.h). The server answers zero or more lines of output, then a final
-// line "ok" or "error: <message>", and closes the connection; anything sent
-// after the "\n" is ignored. A line that is too long, has a bad quote, names
+// line "ok" or "error: <message>", and shuts down its sending side; anything
+// sent after the "\n" is read and ignored until the client closes (or for
+// 5 s), so a client that goes on sending still gets its whole answer, never a
+// reset or a broken pipe. A line that is too long, has a bad quote, names
 // an unknown command or has wrong arguments, or that is still without its
 // "\n" when the client shuts down its sending or 5 s after connecting, is
 // answered "error: ..." and changes nothing. An answer the client has not
@@ -30,11 +34,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <new>
 #include <system_error>
 #include <vector>
 
+#include "control/command_worker.h"
 #include "control/connection.h"
 #include "control/socket_util.h"
 #include "support/errno_text.h"
@@ -63,7 +67,7 @@ int pollTimeout(Clock::time_point at, Clock::time_point now)
 // Accepts the clients waiting, as long as there is room for them. Answers
 // when accepting may go on: now, or after a pause.
 Clock::time_point acceptWaiting(int listenFd, std::chrono::milliseconds timeout,
-                                std::vector<Connection> *connections)
+                                CommandWorker *worker, std::vector<Connection> *connections)
 {
     while (connections->size() < kMaxConnections) {
         UniqueFd conn(accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -72,7 +76,7 @@ Clock::time_point acceptWaiting(int listenFd, std::chrono::milliseconds timeout,
                 return Clock::now() + kAcceptPause;
             return Clock::time_point::min(); // none waiting, or one that gave up
         }
-        connections->emplace_back(std::move(conn), timeout, Clock::now());
+        connections->emplace_back(std::move(conn), timeout, Clock::now(), worker);
     }
     return Clock::time_point::min();
 }
@@ -88,7 +92,8 @@ std::unique_ptr<ControlServer> ControlServer::start(const std::string &path,
         return nullptr;
     UniqueFd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!sock || !wake) {
+    UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!sock || !wake || !done) {
         *error = rt::errnoMessage("cannot create a socket for", path);
         return nullptr;
     }
@@ -105,21 +110,22 @@ std::unique_ptr<ControlServer> ControlServer::start(const std::string &path,
         unlink(path.c_str());
         return nullptr;
     }
-    std::unique_ptr<ControlServer> server(
-        new ControlServer(path, sock.release(), wake.release(), st.st_dev, st.st_ino, readTimeout));
+    std::unique_ptr<ControlServer> server(new ControlServer(
+        path, sock.release(), wake.release(), done.release(), st.st_dev, st.st_ino, readTimeout));
     try {
+        server->worker_ = std::make_unique<CommandWorker>(server->doneFd_);
         server->thread_ = std::thread([s = server.get()] { s->serve(); });
     } catch (const std::system_error &e) {
-        *error = "cannot start the control socket's thread: " + std::string(e.what());
-        return nullptr; // the destructor closes and unlinks
+        *error = "cannot start the control socket's threads: " + std::string(e.what());
+        return nullptr; // the destructor stops what started, closes and unlinks
     }
     return server;
 }
 
-ControlServer::ControlServer(std::string path, int listenFd, int wakeFd, dev_t dev, ino_t ino,
-                             std::chrono::milliseconds readTimeout)
-    : path_(std::move(path)), listenFd_(listenFd), wakeFd_(wakeFd), dev_(dev), ino_(ino),
-      readTimeout_(readTimeout)
+ControlServer::ControlServer(std::string path, int listenFd, int wakeFd, int doneFd, dev_t dev,
+                             ino_t ino, std::chrono::milliseconds readTimeout)
+    : path_(std::move(path)), listenFd_(listenFd), wakeFd_(wakeFd), doneFd_(doneFd), dev_(dev),
+      ino_(ino), readTimeout_(readTimeout)
 {
 }
 
@@ -129,11 +135,15 @@ ControlServer::~ControlServer()
     // The thread never reads the eventfd, so it stays readable: every later
     // poll of the thread returns at once.
     if (write(wakeFd_, &one, sizeof one) < 0)
-        std::perror("kelp: waking the control socket's thread");
+        kelp::rt::logError("waking the control socket's thread: %s", rt::errnoText(errno).c_str());
     if (thread_.joinable())
         thread_.join();
+    // The connections are gone with the thread; a command still running ends
+    // first, and the worker's descriptor stays open until then.
+    worker_.reset();
     close(listenFd_);
     close(wakeFd_);
+    close(doneFd_);
     struct stat st {};
     if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
         unlink(path_.c_str());
@@ -146,7 +156,7 @@ void ControlServer::serve()
     try {
         // Sized once, so that serving never needs memory for the lists.
         connections.reserve(kMaxConnections);
-        fds.reserve(kMaxConnections + 2);
+        fds.reserve(kMaxConnections + 3);
     } catch (const std::bad_alloc &) {
         kelp::rt::logError("control socket stops serving: out of memory");
         return;
@@ -159,6 +169,7 @@ void ControlServer::serve()
         Clock::time_point wakeAt = room && !accepting ? acceptFrom : Clock::time_point::max();
         fds.clear();
         fds.push_back({wakeFd_, POLLIN, 0});
+        fds.push_back({doneFd_, POLLIN, 0});
         // A negative descriptor is skipped by poll: with no room, clients wait
         // in the backlog.
         fds.push_back({accepting ? listenFd_ : -1, POLLIN, 0});
@@ -169,17 +180,25 @@ void ControlServer::serve()
         if (poll(fds.data(), fds.size(), pollTimeout(wakeAt, now)) < 0) {
             if (errno == EINTR)
                 continue;
-            std::perror("kelp: control socket stops serving");
+            kelp::rt::logError("control socket stops serving: %s", rt::errnoText(errno).c_str());
             return;
         }
         if (fds[0].revents != 0)
             return; // stop requested; the connections close with the vector
+        if (fds[1].revents != 0) {
+            // Every connection is advanced below, and those whose command is
+            // done take up their answer; the count itself does not matter.
+            uint64_t doneCount = 0;
+            if (read(doneFd_, &doneCount, sizeof doneCount) < 0 && errno != EAGAIN)
+                kelp::rt::logWarning("control socket: cannot read the worker's wake-up: %s",
+                                     rt::errnoText(errno).c_str());
+        }
         const Clock::time_point after = Clock::now();
         size_t kept = 0;
         for (size_t i = 0; i < connections.size(); ++i) {
             bool keep = false;
             try {
-                keep = connections[i].advance(fds[i + 2].revents, after);
+                keep = connections[i].advance(fds[i + 3].revents, after);
             } catch (const std::bad_alloc &) {
                 // Dropping the connection without "ok" tells the client that
                 // the command may not have run; the others go on.
@@ -190,8 +209,8 @@ void ControlServer::serve()
         }
         connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(kept),
                           connections.end());
-        if (accepting && fds[1].revents != 0)
-            acceptFrom = acceptWaiting(listenFd_, readTimeout_, &connections);
+        if (accepting && fds[2].revents != 0)
+            acceptFrom = acceptWaiting(listenFd_, readTimeout_, worker_.get(), &connections);
     }
 }
 

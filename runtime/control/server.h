@@ -13,6 +13,8 @@
 
 namespace kelp::ctl {
 
+class CommandWorker;
+
 // How long a client has to send its whole command line, and again to take
 // its answer once it is ready.
 inline constexpr std::chrono::milliseconds kReadTimeout{5000};
@@ -33,8 +35,9 @@ class ControlServer {
     start(const std::string &path, std::chrono::milliseconds readTimeout, std::string *error);
 
     // Stops serving: wakes the thread, abandons every open connection (a
-    // command already running ends first), joins, closes the socket and
-    // unlinks its file (unless someone has replaced it since).
+    // command already running ends first; changes queued behind it are not
+    // made), joins, closes the socket and unlinks its file (unless someone
+    // has replaced it since).
     ~ControlServer();
 
     ControlServer(const ControlServer &) = delete;
@@ -43,19 +46,21 @@ class ControlServer {
     const std::string &path() const { return path_; }
 
   private:
-    ControlServer(std::string path, int listenFd, int wakeFd, dev_t dev, ino_t ino,
+    ControlServer(std::string path, int listenFd, int wakeFd, int doneFd, dev_t dev, ino_t ino,
                   std::chrono::milliseconds readTimeout);
 
-    // The thread: polls the wake-up descriptor, the listening socket and
+    // The thread: polls the wake-up descriptors, the listening socket and
     // every connection, and advances each connection that is ready or due.
     void serve();
 
     const std::string path_;
     const int listenFd_;
     const int wakeFd_; // an eventfd; written once, by the destructor
+    const int doneFd_; // an eventfd the worker writes when a command is done
     const dev_t dev_;  // identity of the socket file, so that only ours is unlinked
     const ino_t ino_;
     const std::chrono::milliseconds readTimeout_;
+    std::unique_ptr<CommandWorker> worker_; // runs the commands that change the model
     std::thread thread_;
 };
 

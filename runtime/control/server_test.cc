@@ -1,21 +1,26 @@
 // The control socket as a client meets it: the socket file (mode, stale and
-// foreign files), lines that are half-written, too long or late, clients
-// that stay idle or never read their answer while others are served, the
-// connection limit, prompt stopping, and the start from KELP_CONTROL when
-// the runtime loads.
+// foreign files), lines that are half-written, too long or late or followed
+// by more, clients that stay idle or never read their answer while others
+// are served, loads that delay no other client, the connection limit,
+// prompt stopping, and the start from KELP_CONTROL when the runtime loads.
 #include "control/server.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "control/control_testing.h"
 #include "control/words.h"
+#include "datastore/large_models_testing.h"
 #include "datastore/model_store.h"
 #include "kelp/runtime.h"
 #include "support/fifo_testing.h"
@@ -281,6 +286,149 @@ TEST_F(ControlServerTest, ClientPastTheConnectionLimitIsServedOnceAConnectionEnd
     EXPECT_EQ(poll(&p, 1, 300), 0) << "no answer while the limit is reached";
     idle.front().reset();
     EXPECT_TRUE(readAll(waiting.get(), 2s).ends_with("\nok\n"));
+}
+
+// What the server sent on fd up to and including "ok\n" or an error line,
+// without waiting for its end; "" when nothing came within the limit.
+std::string readAnswerLines(int fd)
+{
+    std::string answer;
+    const auto deadline = Clock::now() + 30s;
+    char chunk[4096];
+    while (Clock::now() < deadline && !answer.ends_with("ok\n") &&
+           answer.find("error: ") == std::string::npos) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 100) <= 0)
+            continue;
+        ssize_t n = read(fd, chunk, sizeof chunk);
+        if (n <= 0)
+            break;
+        answer.append(chunk, size_t(n));
+    }
+    return answer;
+}
+
+TEST_F(ControlServerTest, BytesSentAfterTheAnswerAreNoBrokenPipe)
+{
+    ASSERT_EQ(start(socket_), "");
+    kelp::rt::UniqueFd fd(connectTo(socket_));
+    ASSERT_EQ(send(fd.get(), "status\n", 7, MSG_NOSIGNAL), 7);
+    EXPECT_TRUE(readAnswerLines(fd.get()).ends_with("\nok\n"));
+    // Long after the server has written the answer.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(send(fd.get(), "xyz\nmore\n", 9, MSG_NOSIGNAL), 9) << std::strerror(errno);
+    shutdown(fd.get(), SHUT_WR);
+    EXPECT_EQ(readAll(fd.get()), "") << "after the answer only its end";
+}
+
+TEST_F(ControlServerTest, AClientThatSendsMoreLinesBeforeReadingGetsItsAnswer)
+{
+    ASSERT_EQ(start(socket_), "");
+    // More than the socket holds: the client is still sending long after the
+    // server has read the first line and answered it.
+    std::string bytes = "status\n";
+    while (bytes.size() < (4u << 20))
+        bytes += "ready off and more lines after the first\n";
+    kelp::rt::UniqueFd fd(connectTo(socket_));
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        ssize_t n = send(fd.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0)
+            break;
+        sent += size_t(n);
+    }
+    EXPECT_EQ(sent, bytes.size()) << std::strerror(errno);
+    shutdown(fd.get(), SHUT_WR);
+    const std::string answer = readAll(fd.get());
+    EXPECT_TRUE(answer.starts_with("model: test-model\n")) << answer;
+    EXPECT_TRUE(answer.ends_with("\nok\n")) << answer;
+    EXPECT_NE(readyAnswer().find("<Code>0</Code>"), std::string::npos) << "only the first line ran";
+}
+
+// A model file of `disks` disks: large enough that loading it takes a while.
+std::string writeLargeModel(const TempDir &dir, size_t disks)
+{
+    dir.write("large.xml", kelp::ds::testing::modelWithObjectsOfAttributes(disks, 3));
+    return dir.file("large.xml");
+}
+
+// While one client loads a large model, other clients and the data-store
+// queries are answered as usual. The bound is relative: a status held up
+// by the load would wait for most of it.
+TEST_F(ControlServerTest, ALoadDelaysNoOtherClientNorQuery)
+{
+    const std::string large = writeLargeModel(dir_, 50000);
+    ASSERT_EQ(start(socket_), "");
+    std::atomic<bool> loaded{false};
+    std::string loadAnswer;
+    const auto begin = Clock::now();
+    std::thread loader([&] {
+        loadAnswer = ask(socket_, "load " + kelp::ctl::quoteWord(large));
+        loaded.store(true);
+    });
+    int during = 0;
+    Clock::duration longest{};
+    while (!loaded.load()) {
+        const auto asked = Clock::now();
+        const std::string status = ask(socket_, "status");
+        const std::string object = singleObject(1);
+        const auto waited = Clock::now() - asked;
+        EXPECT_TRUE(status.ends_with("\nok\n")) << status;
+        EXPECT_TRUE(object.starts_with("<ObjID>1</ObjID>")) << object;
+        if (!loaded.load()) {
+            ++during;
+            longest = std::max(longest, waited);
+        }
+        std::this_thread::sleep_for(2ms); // leaves the load its share of a busy machine
+    }
+    loader.join();
+    const auto loading = Clock::now() - begin;
+    EXPECT_EQ(loadAnswer, "ok\n");
+    EXPECT_TRUE(ask(socket_, "status").starts_with("model: " + large + "\n"));
+    const auto ms = [](Clock::duration d) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(d).count();
+    };
+    std::printf("load: %lld ms; status and query answered meanwhile: %d, the longest in %lld ms\n",
+                static_cast<long long>(ms(loading)), during, static_cast<long long>(ms(longest)));
+    EXPECT_GE(during, 3);
+    EXPECT_LT(longest, loading / 4);
+}
+
+// A change asked for after a load is made to the loaded model, as the
+// lines arrived: the worker runs changes one at a time, in order.
+TEST_F(ControlServerTest, ChangesAreMadeInTheOrderTheirLinesArrived)
+{
+    const std::string large = writeLargeModel(dir_, 10000);
+    ASSERT_EQ(start(socket_), "");
+    kelp::rt::UniqueFd loading(connectTo(socket_));
+    const std::string line = "load " + kelp::ctl::quoteWord(large) + "\n";
+    ASSERT_EQ(send(loading.get(), line.data(), line.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(line.size()));
+    EXPECT_EQ(ask(socket_, "set 1 Name \"after the load\""), "ok\n");
+    EXPECT_EQ(readAnswerLines(loading.get()), "ok\n");
+    EXPECT_NE(singleObject(1).find("<Nexus>0\\1</Nexus><A0>v1.0</A0>"), std::string::npos)
+        << singleObject(1);
+    EXPECT_NE(singleObject(1).find("<Name>after the load</Name>"), std::string::npos)
+        << singleObject(1);
+}
+
+// Stopping while a load runs lets it end and makes no change afterwards.
+TEST_F(ControlServerTest, StopWhileALoadRunsLetsItEnd)
+{
+    const std::string large = writeLargeModel(dir_, 20000);
+    ASSERT_EQ(start(socket_), "");
+    kelp::rt::UniqueFd loading(connectTo(socket_));
+    const std::string line = "load " + kelp::ctl::quoteWord(large) + "\n";
+    ASSERT_EQ(send(loading.get(), line.data(), line.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(line.size()));
+    std::this_thread::sleep_for(50ms);
+    kelpRuntimeStopControl();
+    const std::string origin = kelp::ds::modelStatus().origin;
+    EXPECT_TRUE(origin == large || origin == "test-model") << origin;
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(kelp::ds::modelStatus().origin, origin) << "nothing runs after the stop";
+    const std::string answer = readAll(loading.get());
+    EXPECT_TRUE(answer.empty() || answer == "ok\n") << answer;
 }
 
 // Run in a child process by the test below: a runtime loaded with

@@ -53,8 +53,15 @@ int objectTypeIndex(std::string_view name)
 std::string objectAnswer(const ObjectData &object)
 {
     std::string out = "<ObjID>" + std::to_string(object.id) + "</ObjID>";
-    for (const auto &[name, value] : object.attributes)
-        out += "<" + name + ">" + xml::escapeText(value) + "</" + name + ">";
+    for (const auto &[name, value] : object.attributes) {
+        out += '<';
+        out += name;
+        out += '>';
+        out += xml::escapeText(value);
+        out += "</";
+        out += name;
+        out += '>';
+    }
     return out;
 }
 
@@ -85,7 +92,10 @@ bool Model::index(std::string *error)
         *error = data_.at(where) + message;
         return false;
     };
-    for (const auto &[name, value] : data_.storage) {
+    storageIndex_.reserve(data_.storage.size());
+    for (size_t i = 0; i < data_.storage.size(); ++i) {
+        const auto &[name, value] = data_.storage[i];
+        storageIndex_.emplace(name, i);
         if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
             return fail(data_.storageWhere, tooLong);
         if (!xml::isXmlText(value))
@@ -103,6 +113,7 @@ bool Model::index(std::string *error)
     const size_t n = data_.objects.size();
     byId_.reserve(n);
     typeOf_.resize(n);
+    nexus_.assign(n, nullptr);
     byType_.assign(kObjectTypeCount, {});
     byNexus_.assign(kObjectTypeCount, {});
     answers_.reserve(n);
@@ -138,8 +149,10 @@ bool Model::index(std::string *error)
         answers_.push_back(std::move(answer));
         typeOf_[pos] = type;
         byType_[static_cast<size_t>(type)].push_back(pos);
-        if (const std::string *nexus = firstAttribute(o, "Nexus"))
+        if (const std::string *nexus = firstAttribute(o, "Nexus")) {
+            nexus_[pos] = nexus;
             byNexus_[static_cast<size_t>(type)].emplace(*nexus, pos);
+        }
     }
 
     parent_.assign(n, kNone);
@@ -199,11 +212,10 @@ bool Model::index(std::string *error)
 
 std::optional<std::string> Model::storageAttribute(std::string_view name) const
 {
-    for (const auto &[key, value] : data_.storage) {
-        if (key == name)
-            return value;
-    }
-    return std::nullopt;
+    auto it = storageIndex_.find(name);
+    if (it == storageIndex_.end())
+        return std::nullopt;
+    return data_.storage[it->second].second;
 }
 
 std::optional<size_t> Model::find(uint32_t id) const

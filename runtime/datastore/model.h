@@ -102,7 +102,7 @@ class Model {
     const ModelData &data() const { return data_; }
     bool ready() const { return ready_; }
     uint32_t thermalShutdown() const { return thermalShutdown_; }
-    // The value of an attribute of <storage>, or nullopt.
+    // The value of an attribute of <storage>, or nullopt. One hash look-up.
     std::optional<std::string> storageAttribute(std::string_view name) const;
 
     // Position of an object in file order, or nullopt.
@@ -113,6 +113,11 @@ class Model {
     // know. Indexed when the model is built: one hash look-up, no copy.
     std::optional<size_t> findByNexus(std::string_view type, std::string_view nexus) const;
     const ObjectData &object(size_t pos) const { return data_.objects[pos]; }
+    // What names an object to the plug-in: the kObjectTypes index of its
+    // type, and the value of its first "Nexus" attribute (null when it has
+    // none, pointing into the model otherwise). Indexed: no scan.
+    int typeIndexOf(size_t pos) const { return typeOf_[pos]; }
+    const std::string *nexusOf(size_t pos) const { return nexus_[pos]; }
     // The object's answer: <ObjID>id</ObjID> and its attribute elements.
     const std::string &answer(size_t pos) const { return answers_[pos]; }
     // Positions of the objects of a type, in file order; empty for an unknown type.
@@ -137,19 +142,25 @@ class Model {
         }
     };
     using NexusIndex = std::unordered_map<std::string, size_t, TextHash, std::equal_to<>>;
+    using NameIndex = std::unordered_map<std::string_view, size_t, TextHash, std::equal_to<>>;
 
     explicit Model(ModelData data) : data_(std::move(data)) {}
+    // The indexes hold views into data_.
+    Model(const Model &) = delete;
+    Model &operator=(const Model &) = delete;
     bool index(std::string *error);
 
     ModelData data_;
     bool ready_ = true;
     uint32_t thermalShutdown_ = 0;
+    NameIndex storageIndex_; // name (a view into data_.storage) -> its first position there
     std::unordered_map<uint32_t, size_t> byId_;
     std::vector<size_t> parent_; // position of the parent, or kNone
     std::vector<std::vector<size_t>> children_;
     std::vector<std::vector<size_t>> linked_;
     std::vector<std::vector<size_t>> byType_; // per kObjectTypes entry
     std::vector<int> typeOf_;                 // kObjectTypes index of each object
+    std::vector<const std::string *> nexus_;  // first "Nexus" of each object, or null
     std::vector<NexusIndex> byNexus_;         // per kObjectTypes entry
     std::vector<std::string> answers_;
 };

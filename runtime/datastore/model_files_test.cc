@@ -11,8 +11,10 @@
 
 #include <sys/wait.h>
 
+#include "datastore/large_models_testing.h"
 #include "datastore/model_store.h"
 #include "kelp/runtime.h"
+#include "vscil.h"
 
 namespace {
 
@@ -83,6 +85,103 @@ TEST_F(ModelFilesTest, LongStorageAttributeIsRefusedNamingTheStorageElementsLine
     std::string error;
     EXPECT_NE(load(file, &error), 0);
     EXPECT_EQ(error, file.string() + ":4: url has 1025 bytes, over the limit of 159");
+}
+
+size_t countOf(const std::string &type);
+
+// A model file in the temporary directory, removed at the end.
+class TempModel {
+  public:
+    TempModel(const std::string &name, const std::string &text)
+        : path_(fs::temp_directory_path() / name)
+    {
+        std::ofstream(path_, std::ios::binary) << text;
+    }
+    ~TempModel() { fs::remove(path_); }
+    const fs::path &path() const { return path_; }
+
+  private:
+    fs::path path_;
+};
+
+TEST_F(ModelFilesTest, AModelFileMayStartWithAByteOrderMark)
+{
+    std::ifstream in(modelsDir() / "sample.xml", std::ios::binary);
+    const std::string sample((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
+    ASSERT_FALSE(sample.empty());
+    std::string error;
+    ASSERT_EQ(load(modelsDir() / "sample.xml", &error), 0) << error;
+    const kelp::ds::ModelStatus plain = kelp::ds::modelStatus();
+
+    TempModel marked("kelp-bom-model.xml", "\xEF\xBB\xBF" + sample);
+    ASSERT_EQ(load(marked.path(), &error), 0) << error;
+    const kelp::ds::ModelStatus status = kelp::ds::modelStatus();
+    EXPECT_EQ(status.origin, marked.path().string());
+    EXPECT_EQ(status.counts, plain.counts);
+
+    // Anywhere else it is a stray character before the root.
+    TempModel late("kelp-late-bom-model.xml",
+                   "<?xml version=\"1.0\"?>\n\n\xEF\xBB\xBF<storage ready=\"1\"/>\n");
+    EXPECT_NE(load(late.path(), &error), 0);
+    EXPECT_EQ(error,
+              late.path().string() +
+                  ":3: a byte order mark (EF BB BF) other than at the very start of the text");
+    EXPECT_EQ(kelp::ds::modelStatus().origin, marked.path().string());
+}
+
+// The served object's answer, or "" when there is none.
+std::string objectAnswer(uint32_t id)
+{
+    uint32_t status = 0;
+    char *xml = GetSingleObject(&status, 0, id);
+    std::string text = xml != nullptr ? xml : "";
+    freeMem(xml);
+    return text;
+}
+
+TEST_F(ModelFilesTest, AHundredThousandAttributesLoadWhereverTheyAre)
+{
+    using namespace kelp::ds::testing;
+    std::string error;
+    {
+        TempModel m("kelp-storage-attributes.xml", modelWithStorageAttributes(100000));
+        ASSERT_EQ(load(m.path(), &error), 0) << error;
+        std::string value;
+        EXPECT_TRUE(kelp::ds::storageAttribute("s0", &value));
+        EXPECT_EQ(value, "v0");
+        EXPECT_TRUE(kelp::ds::storageAttribute("s99999", &value));
+        EXPECT_EQ(value, "v99999");
+        EXPECT_FALSE(kelp::ds::storageAttribute("s100000", &value));
+        EXPECT_EQ(objectAnswer(1), "<ObjID>1</ObjID><Nexus>0</Nexus>");
+    }
+    {
+        TempModel m("kelp-spread-attributes.xml", modelWithObjectsOfAttributes(10000, 10));
+        ASSERT_EQ(load(m.path(), &error), 0) << error;
+        EXPECT_EQ(countOf("arraydisks"), 10000u);
+        const std::string last = objectAnswer(10000);
+        EXPECT_TRUE(
+            last.starts_with("<ObjID>10000</ObjID><Nexus>0\\10000</Nexus><A0>v10000.0</A0>"))
+            << last;
+        EXPECT_TRUE(last.ends_with("<A8>v10000.8</A8>")) << last;
+    }
+    {
+        // One object cannot answer 100,000 attributes in 64 KiB: refused as a
+        // whole, naming its line, and the model before stays.
+        TempModel m("kelp-object-attributes.xml", modelWithOneObjectOfAttributes(100000));
+        EXPECT_NE(load(m.path(), &error), 0);
+        EXPECT_TRUE(error.starts_with(m.path().string() + ":2: object 1: its text is ")) << error;
+        EXPECT_TRUE(error.ends_with(" bytes, over the limit of 65536")) << error;
+        EXPECT_EQ(countOf("arraydisks"), 10000u);
+    }
+    {
+        std::string tag = "<storage>\n<object id=\"1\" type=\"fans\"";
+        for (int i = 0; i < 10000; ++i)
+            tag += " x" + std::to_string(i) + "=\"1\"";
+        TempModel m("kelp-object-xml-attributes.xml", tag + "/>\n</storage>\n");
+        EXPECT_NE(load(m.path(), &error), 0);
+        EXPECT_EQ(error, m.path().string() + ":2: unknown attribute x0 of <object>");
+    }
 }
 
 // kelpgen, the generator of benchmark models, as a shell runs it.

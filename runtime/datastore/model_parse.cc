@@ -20,14 +20,15 @@ class ItemParser {
     {
     }
 
-    // Appends one <object> or <link> element to the model data.
-    bool item(const xml::Element &e);
+    // Appends one <object> or <link> element to the model data, taking the
+    // texts out of e.
+    bool item(xml::Element &e);
 
   private:
     bool fail(uint32_t line, const std::string &message);
     bool onlyAttributes(const xml::Element &e, std::initializer_list<std::string_view> known);
     bool id(const xml::Element &e, std::string_view name, bool required, uint32_t *out);
-    bool object(const xml::Element &e);
+    bool object(xml::Element &e);
     bool link(const xml::Element &e);
 
     ModelData *data_;
@@ -76,7 +77,7 @@ bool ItemParser::id(const xml::Element &e, std::string_view name, bool required,
     return true;
 }
 
-bool ItemParser::object(const xml::Element &e)
+bool ItemParser::object(xml::Element &e)
 {
     ObjectData o;
     o.where = Where{origin_, e.line};
@@ -92,7 +93,8 @@ bool ItemParser::object(const xml::Element &e)
         return fail(e.textLine, "text directly inside <object> (an attribute is an element: "
                                 "<Name>value</Name>)");
     }
-    for (const auto &a : e.children) {
+    o.attributes.reserve(e.children.size());
+    for (auto &a : e.children) {
         if (!a.attributes.empty()) {
             return fail(a.line, "attribute element <" + a.name +
                                     "> has XML attributes; its value is its text");
@@ -101,7 +103,7 @@ bool ItemParser::object(const xml::Element &e)
             return fail(a.children.front().line,
                         "attribute element <" + a.name + "> holds elements; it holds text only");
         }
-        o.attributes.emplace_back(a.name, a.text);
+        o.attributes.emplace_back(std::move(a.name), std::move(a.text));
     }
     data_->objects.push_back(std::move(o));
     return true;
@@ -119,7 +121,7 @@ bool ItemParser::link(const xml::Element &e)
     return true;
 }
 
-bool ItemParser::item(const xml::Element &e)
+bool ItemParser::item(xml::Element &e)
 {
     if (e.name == "object")
         return object(e);
@@ -165,9 +167,10 @@ bool parseModelText(std::string_view text, const std::string &origin, ModelData 
             *error = parsed.at(Where{0, root.textLine}) + "text directly inside <storage>";
         return false;
     }
-    for (const auto &a : root.attributes)
-        parsed.storage.emplace_back(a.name, a.value);
-    for (const auto &e : root.children) {
+    parsed.storage.reserve(root.attributes.size());
+    for (auto &a : root.attributes)
+        parsed.storage.emplace_back(std::move(a.name), std::move(a.value));
+    for (auto &e : root.children) {
         if (!items.item(e))
             return false;
     }
@@ -193,7 +196,7 @@ bool parseModelFragment(std::string_view text, const std::string &origin, ModelD
     added.origins.push_back(origin);
     const auto originIndex = static_cast<uint32_t>(added.origins.size() - 1);
     ItemParser items(&added, originIndex, error);
-    for (const auto &e : elements) {
+    for (auto &e : elements) {
         if (!items.item(e))
             return false;
     }

@@ -1,18 +1,28 @@
 // The served storage model (see model_store.h): loading, KELP_MODEL, the
-// changes, and kelpRuntimeLoadModel.
+// changes, and kelpRuntimeLoadModel and kelpRuntimeServedModelPath.
 //
 // Read-copy-update: readers take a reference to the immutable Model under a
 // short lock; a change copies the data, edits the copy, builds a new Model
-// from it and only then swaps it in, so a failed change leaves nothing.
+// from it and only then swaps it in, so a failed change leaves nothing. A
+// load reads, parses and validates its file holding no lock a reader or a
+// change needs; only the swap is done under g_servedMutex, and the model it
+// replaces is freed after every lock is let go.
 #include "datastore/model_store.h"
 
 #include <malloc.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
 
+#include "datastore/identities.h"
 #include "datastore/model.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
@@ -23,11 +33,17 @@
 namespace kelp::ds {
 namespace {
 
+// Serialises loads, so that the one asked for last is served last. Only
+// loads take it; it is taken before g_changeMutex, never after it.
+std::mutex g_loadMutex;
 // Serialises changes and the one attempt to load KELP_MODEL; taken before
-// g_servedMutex, never after it.
+// identityMutex() and g_servedMutex, never after them.
 std::mutex g_changeMutex;
 std::mutex g_servedMutex;
 std::shared_ptr<const Model> g_served; // guarded by g_servedMutex; written under both
+// The file g_served was loaded from, kept through changes; empty when it was
+// not loaded from a file. Guarded and written as g_served.
+std::string g_servedFile;
 // Set once a host loaded or unloaded a model, or KELP_MODEL was tried; from
 // then on the environment is not consulted. Written under g_changeMutex.
 std::atomic<bool> g_settled{false};
@@ -45,10 +61,37 @@ std::shared_ptr<const Model> snapshot()
     return g_served;
 }
 
-void publish(std::shared_ptr<const Model> model) // requires g_changeMutex
+// What a load or a change hands in: the model, and its file when it replaces
+// the file served (a change keeps the file it was made to).
+struct Served {
+    std::shared_ptr<const Model> model;
+    std::optional<std::string> file;
+};
+
+// Swaps `next` in and answers the model it replaced, for the caller to let
+// go of once it holds no lock.
+std::shared_ptr<const Model> publish(Served next) // requires g_changeMutex
 {
     std::lock_guard lock(g_servedMutex);
-    g_served = std::move(model);
+    std::swap(g_served, next.model);
+    if (next.file)
+        g_servedFile = std::move(*next.file);
+    return std::move(next.model);
+}
+
+// Frees a model that is served no more. Freeing a large model takes as long
+// as a query may wait, and a query still answering from it would free it on
+// the request path at the end of its answer; so the caller waits for those
+// queries, which are short, and frees it itself. A holder that does not let
+// go within the bound frees it when it does.
+void letGo(std::shared_ptr<const Model> old)
+{
+    using namespace std::chrono_literals;
+    constexpr auto kLongestWait = 2s;
+    const auto giveUp = std::chrono::steady_clock::now() + kLongestWait;
+    while (old != nullptr && old.use_count() > 1 && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::sleep_for(1ms);
+    old.reset();
 }
 
 // Only a regular file is read (a FIFO would hang the control thread, and
@@ -66,7 +109,8 @@ std::shared_ptr<const Model> modelFromFile(const std::string &path, std::string 
     return Model::build(std::move(data), error);
 }
 
-// The first access while no host has chosen a model loads KELP_MODEL.
+// The first access while no host has chosen a model loads KELP_MODEL. No
+// model was served before, so nothing is let go of.
 void settleLocked() // requires g_changeMutex
 {
     if (g_settled.load())
@@ -77,15 +121,26 @@ void settleLocked() // requires g_changeMutex
         return;
     std::string error;
     if (auto model = modelFromFile(path, &error))
-        publish(std::move(model));
+        publish(Served{std::move(model), path});
     else
         kelp::rt::logError("KELP_MODEL: %s", error.c_str());
 }
 
+// What a change that keeps every identity does to the handed-out ids.
+struct KeepIdentities {
+    void operator()(const Model &, const Model &) const {}
+};
+
 // Applies edit to a copy of the served model's data and serves the result
-// when it is a valid model. Memory exhaustion is a failure like any other.
-template <typename Edit> bool change(std::string *error, Edit edit)
+// when it is a valid model. A change that gives an object another identity
+// on purpose passes `follow`, which is called with the model before and
+// after under identityMutex(), together with the swap, so that no reader
+// sees the new model with the old identities. Memory exhaustion is a
+// failure like any other.
+template <typename Edit, typename Follow = KeepIdentities>
+bool change(std::string *error, Edit edit, Follow follow = Follow())
 {
+    std::shared_ptr<const Model> replaced;
     try {
         std::lock_guard lock(g_changeMutex);
         settleLocked();
@@ -98,11 +153,18 @@ template <typename Edit> bool change(std::string *error, Edit edit)
         std::shared_ptr<const Model> next = Model::build(std::move(copy), error);
         if (next == nullptr)
             return false;
-        publish(std::move(next));
-        return true;
+        if constexpr (std::is_same_v<Follow, KeepIdentities>) {
+            replaced = publish(Served{std::move(next), std::nullopt});
+        } else {
+            std::lock_guard identities(identityMutex());
+            follow(*current, *next);
+            replaced = publish(Served{std::move(next), std::nullopt});
+        }
     } catch (const std::bad_alloc &) {
         return fail(error, "out of memory");
     }
+    letGo(std::move(replaced));
+    return true;
 }
 
 void setFirst(Attributes *attributes, const std::string &name, const std::string &value)
@@ -129,6 +191,30 @@ void returnFreedMemory()
     malloc_trim(0);
 }
 
+// Serves the model `make` reads, parses and validates, holding no lock a
+// query or a change needs; `file` is where it came from ("" for a text).
+template <typename Make>
+bool load(std::string file, const std::string &origin, std::string *error, Make make)
+{
+    try {
+        std::lock_guard loading(g_loadMutex);
+        std::shared_ptr<const Model> model = make();
+        if (model == nullptr)
+            return false;
+        std::shared_ptr<const Model> replaced;
+        {
+            std::lock_guard lock(g_changeMutex);
+            g_settled.store(true);
+            replaced = publish(Served{std::move(model), std::move(file)});
+        }
+        letGo(std::move(replaced));
+        returnFreedMemory();
+        return true;
+    } catch (const std::bad_alloc &) {
+        return fail(error, origin + ": out of memory");
+    }
+}
+
 } // namespace
 
 std::shared_ptr<const Model> servedModel()
@@ -140,57 +226,57 @@ std::shared_ptr<const Model> servedModel()
     return snapshot();
 }
 
+std::shared_ptr<const Model> currentModel()
+{
+    return snapshot();
+}
+
+bool servedModelFile(std::string *file)
+{
+    servedModel(); // a model from KELP_MODEL has its file too
+    std::lock_guard lock(g_servedMutex);
+    if (g_served == nullptr || g_servedFile.empty())
+        return false;
+    *file = g_servedFile;
+    return true;
+}
+
 bool loadModelFile(const std::string &path, std::string *error)
 {
-    try {
-        std::shared_ptr<const Model> model = modelFromFile(path, error);
-        if (model == nullptr)
-            return false;
-        {
-            std::lock_guard lock(g_changeMutex);
-            g_settled.store(true);
-            publish(std::move(model));
-        }
-        returnFreedMemory();
-        return true;
-    } catch (const std::bad_alloc &) {
-        return fail(error, path + ": out of memory");
-    }
+    return load(path, path, error, [&] { return modelFromFile(path, error); });
 }
 
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error)
 {
-    try {
+    return load(std::string(), origin, error, [&]() -> std::shared_ptr<const Model> {
         ModelData data;
         if (!parseModelText(text, origin, &data, error))
-            return false;
-        std::shared_ptr<const Model> model = Model::build(std::move(data), error);
-        if (model == nullptr)
-            return false;
-        {
-            std::lock_guard lock(g_changeMutex);
-            g_settled.store(true);
-            publish(std::move(model));
-        }
-        returnFreedMemory();
-        return true;
-    } catch (const std::bad_alloc &) {
-        return fail(error, origin + ": out of memory");
-    }
+            return nullptr;
+        return Model::build(std::move(data), error);
+    });
 }
 
 void unloadModel()
 {
-    std::lock_guard lock(g_changeMutex);
-    g_settled.store(true);
-    publish(nullptr);
+    std::shared_ptr<const Model> replaced;
+    {
+        std::lock_guard lock(g_changeMutex);
+        g_settled.store(true);
+        replaced = publish(Served{nullptr, std::string()});
+    }
+    letGo(std::move(replaced));
 }
 
 void resetForTesting()
 {
-    std::lock_guard lock(g_changeMutex);
-    g_settled.store(false);
-    publish(nullptr);
+    std::shared_ptr<const Model> replaced;
+    {
+        std::lock_guard lock(g_changeMutex);
+        g_settled.store(false);
+        replaced = publish(Served{nullptr, std::string()});
+    }
+    letGo(std::move(replaced));
+    forgetHandedOut();
 }
 
 bool setReady(bool ready, std::string *error)
@@ -204,12 +290,20 @@ bool setReady(bool ready, std::string *error)
 bool setAttribute(uint32_t id, const std::string &name, const std::string &value,
                   std::string *error)
 {
-    return change(error, [&](const Model &current, ModelData &data) {
-        std::optional<size_t> pos = current.find(id);
+    std::optional<size_t> pos;
+    auto edit = [&](const Model &current, ModelData &data) {
+        pos = current.find(id);
         if (!pos)
             return fail(error, noObject(id));
         setFirst(&data.objects[*pos].attributes, name, value);
         return true;
+    };
+    if (name != "Nexus")
+        return change(error, edit);
+    // A set Nexus renames the object on purpose: its row keeps answering.
+    // The edit moves no object, so it keeps its position.
+    return change(error, edit, [&](const Model &before, const Model &after) {
+        followIdentity(before, *pos, after, *pos);
     });
 }
 
@@ -252,5 +346,22 @@ extern "C" int kelpRuntimeLoadModel(const char *path, char *error, unsigned erro
         message = "out of memory";
     }
     kelp::rt::copyToBuffer(ok ? std::string_view() : message, error, errorSize);
+    return ok ? 0 : 1;
+}
+
+extern "C" int kelpRuntimeServedModelPath(char *path, unsigned size)
+{
+    std::string file;
+    bool ok = false;
+    try {
+        ok = path != nullptr && kelp::ds::servedModelFile(&file) && file.size() < size;
+    } catch (const std::bad_alloc &) {
+        ok = false;
+    }
+    // A path cut short would name another file: it is all or nothing.
+    if (ok)
+        std::memcpy(path, file.c_str(), file.size() + 1);
+    else if (path != nullptr && size > 0)
+        path[0] = '\0';
     return ok ? 0 : 1;
 }

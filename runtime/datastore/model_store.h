@@ -21,11 +21,19 @@ class Model; // datastore/model.h
 
 // Loads a model file and serves it. On error (unreadable, malformed,
 // invalid) answers false with a message naming the file and line, and the
-// served model stays as it was.
+// served model stays as it was. The file is read, parsed and validated
+// without any lock that queries or changes take, so they go on meanwhile;
+// the new model is swapped in at the end, and the one it replaces is freed
+// here, off the request path. Loads run one at a time.
 bool loadModelFile(const std::string &path, std::string *error);
 
 // Loads a model from text; `origin` names it in error messages.
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error);
+
+// The file of the model served now: the one the last successful
+// loadModelFile (or KELP_MODEL) read, also after changes made to it since.
+// False when no model is served or it was loaded from a text.
+bool servedModelFile(std::string *file);
 
 // Stops serving: the store then has no model (DataStoreReady answers null).
 void unloadModel();
@@ -34,7 +42,9 @@ void unloadModel();
 // False when no model is served.
 bool setReady(bool ready, std::string *error);
 
-// Sets one attribute of an object (appended when the object lacks it).
+// Sets one attribute of an object (appended when the object lacks it). A
+// set "Nexus" gives the object another identity on purpose: an id still
+// answered as handed out (identities.h) goes on being answered.
 bool setAttribute(uint32_t id, const std::string &name, const std::string &value,
                   std::string *error);
 
@@ -79,7 +89,14 @@ bool storageAttribute(const std::string &name, std::string *value);
 // it, whatever changes are made meanwhile.
 std::shared_ptr<const Model> servedModel();
 
-// Tests only: serves nothing and forgets that KELP_MODEL was tried.
+// The served model as servedModel() answers it once KELP_MODEL has been
+// tried, without trying it: for a reader that called servedModel() first and
+// now holds identityMutex() (identities.h), a lock that changes take after
+// their own. Null when no model is served.
+std::shared_ptr<const Model> currentModel();
+
+// Tests only: serves nothing, forgets that KELP_MODEL was tried and every id
+// handed out.
 void resetForTesting();
 
 } // namespace kelp::ds

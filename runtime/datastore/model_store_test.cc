@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "datastore/large_models_testing.h"
 #include "datastore/model.h"
 #include "datastore/model_store.h"
 #include "datastore/model_testing.h"
@@ -362,6 +365,132 @@ TEST_F(ModelStoreTest, StorageAttributesOfTheServedModel)
     ASSERT_TRUE(ds::storageAttribute("baseBoardServiceTag", &value));
     EXPECT_EQ(value, "7XYZ124");
     EXPECT_FALSE(ds::storageAttribute("none", &value));
+}
+
+// The file kelpRuntimeServedModelPath answers, or "<status N>" without one.
+std::string servedPath(unsigned size = 4096)
+{
+    std::string buffer(size, 'x');
+    const int status = kelpRuntimeServedModelPath(size == 0 ? nullptr : buffer.data(), size);
+    if (status != 0)
+        return "<status " + std::to_string(status) +
+               (size > 0 ? " " + std::string(buffer.c_str()) : "") + ">";
+    return buffer.c_str();
+}
+
+TEST_F(ModelStoreTest, ServedModelPathIsTheFileOfTheLastLoadThroughChanges)
+{
+    EXPECT_EQ(servedPath(), "<status 1 >") << "no model";
+    const std::string first = writeFile("first.xml", ds::testing::kTestModel);
+    const std::string second = writeFile("second.xml", ds::testing::kTestModel);
+    const std::string bad = writeFile("bad.xml", "<storage>");
+    std::string error;
+    ASSERT_TRUE(ds::loadModelFile(first, &error)) << error;
+    EXPECT_EQ(servedPath(), first);
+    EXPECT_FALSE(ds::loadModelFile(bad, &error));
+    EXPECT_EQ(servedPath(), first) << "a failed load changes nothing";
+    ASSERT_TRUE(ds::setAttribute(40, "Name", "Other", &error)) << error;
+    ASSERT_TRUE(ds::addObjects("<object id='96' type='fans'/>", &error)) << error;
+    EXPECT_EQ(servedPath(), first) << "a changed model still comes from its file";
+    char message[256];
+    ASSERT_EQ(kelpRuntimeLoadModel(second.c_str(), message, sizeof message), 0) << message;
+    EXPECT_EQ(servedPath(), second);
+    // The path and its NUL, or nothing.
+    EXPECT_EQ(servedPath(static_cast<unsigned>(second.size() + 1)), second);
+    EXPECT_EQ(servedPath(static_cast<unsigned>(second.size())), "<status 1 >");
+    EXPECT_EQ(servedPath(0), "<status 1>");
+    loadTestModel();
+    EXPECT_EQ(servedPath(), "<status 1 >") << "a model from a text has no file";
+    ASSERT_TRUE(ds::loadModelFile(first, &error)) << error;
+    ds::unloadModel();
+    EXPECT_EQ(servedPath(), "<status 1 >");
+
+    ds::resetForTesting();
+    setenv("KELP_MODEL", second.c_str(), 1);
+    EXPECT_EQ(servedPath(), second) << "KELP_MODEL is loaded from its file";
+}
+
+// A query loop keeps being answered while a large model is read, parsed and
+// validated: the load holds no lock the queries need but for the swap. A
+// query held up by the load would wait for much of it; the bound, 100 ms or
+// a tenth of the load in a slow (sanitizer) build, is far above a query's
+// own time on a busy machine.
+TEST_F(ModelStoreTest, QueriesAreAnsweredWhileALargeModelLoads)
+{
+    using Clock = std::chrono::steady_clock;
+    using namespace std::chrono_literals;
+    const std::string big =
+        writeFile("big.xml", ds::testing::modelWithObjectsOfAttributes(100000, 3));
+    loadTestModel();
+    std::atomic<bool> stop{false};
+    std::atomic<int> answered{0};
+    std::atomic<int> unanswered{0};
+    std::atomic<Clock::rep> longest{0};
+    std::thread queries([&] {
+        while (!stop.load()) {
+            const auto begin = Clock::now();
+            uint32_t status = 99;
+            char *ready = DataStoreReady(&status);
+            // Object 1 is an adapter, then a disk: no list here hands its id
+            // out, so it is answered whichever it is.
+            char *object = GetSingleObject(&status, 0, 1);
+            char *list = GetObjectList(&status, "fans");
+            if (ready == nullptr || object == nullptr)
+                ++unanswered;
+            freeMem(ready);
+            freeMem(object);
+            freeMem(list);
+            const auto waited = (Clock::now() - begin).count();
+            if (waited > longest.load())
+                longest.store(waited);
+            ++answered;
+            std::this_thread::sleep_for(100us); // leaves the load its share of the machine
+        }
+    });
+    while (answered.load() == 0)
+        std::this_thread::sleep_for(1ms);
+    const int before = answered.load();
+    const auto begin = Clock::now();
+    std::string error;
+    EXPECT_TRUE(ds::loadModelFile(big, &error)) << error;
+    const auto loading = Clock::now() - begin;
+    const int during = answered.load() - before;
+    stop.store(true);
+    queries.join();
+    const auto longestWait = Clock::duration(longest.load());
+    const auto ms = [](Clock::duration d) {
+        return static_cast<long long>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(d).count());
+    };
+    std::printf("load: %lld ms; queries answered meanwhile: %d, the longest in %lld ms\n",
+                ms(loading), during, ms(longestWait));
+    const Clock::duration bound = std::max<Clock::duration>(100ms, loading / 10);
+    EXPECT_EQ(unanswered.load(), 0);
+    EXPECT_GT(loading, 2 * 100ms) << "the model is too small to tell";
+    EXPECT_GT(during, 10);
+    EXPECT_LT(longestWait, bound);
+}
+
+// A query that still answers from the model a load replaces lets go of it
+// without freeing it: the load frees it, off the request path.
+TEST_F(ModelStoreTest, TheModelALoadReplacesIsFreedByTheLoadNotByAQuery)
+{
+    using namespace std::chrono_literals;
+    loadTestModel();
+    std::shared_ptr<const ds::Model> held = ds::servedModel(); // as a query holds it
+    const std::weak_ptr<const ds::Model> old = held;
+    std::string error;
+    bool loaded = false;
+    std::thread load([&] { loaded = ds::loadModelText(ds::testing::kTestModel, "next", &error); });
+    const auto giveUp = std::chrono::steady_clock::now() + 30s;
+    while (ds::servedModel() == held && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::sleep_for(1ms);
+    ASSERT_NE(ds::servedModel(), held) << "the load never swapped its model in";
+    held.reset();
+    EXPECT_FALSE(old.expired()) << "the query's reference was the last: it freed the model";
+    load.join();
+    EXPECT_TRUE(loaded) << error;
+    EXPECT_TRUE(old.expired());
 }
 
 // Readers run while a writer changes one attribute back and forth and adds

@@ -1,15 +1,23 @@
 // The data-store queries of vscil.h, answered from the served storage model.
 // Each query works on one snapshot of the model, so a change made meanwhile
 // never shows half. Answers are heap blocks that freeMem releases.
+//
+// The ids a list answer hands out are remembered with what they named; a
+// query about "this object" by an id that now names an object of another
+// type or nexus answers as for a missing one (identities.h).
 #include <malloc.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "datastore/identities.h"
 #include "datastore/model.h"
 #include "datastore/model_store.h"
 #include "vscil.h"
@@ -74,6 +82,52 @@ template <typename Query> char *withModel(uint32_t *status, Query query)
     }
 }
 
+// As withModel, for the queries that hand ids out or take one: the model is
+// read and the query runs under identityMutex(), so that the identities it
+// checks and records go with the model it answers from.
+template <typename Query> char *withIdentities(uint32_t *status, Query query)
+{
+    try {
+        // Loads KELP_MODEL on first use, which takes a lock that is taken
+        // before identityMutex(), never after it.
+        if (kelp::ds::servedModel() == nullptr)
+            return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
+        std::lock_guard identities(kelp::ds::identityMutex());
+        std::shared_ptr<const Model> m = kelp::ds::currentModel();
+        if (m == nullptr)
+            return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
+        return query(*m);
+    } catch (const std::bad_alloc &) {
+        return answerWith(status, kFailure);
+    }
+}
+
+// The object at objId as the plug-in may still take it: nullopt for no
+// object, and for one whose id has been handed out naming another.
+std::optional<size_t> thisObject(const Model &m, uint32_t objId)
+{
+    std::optional<size_t> pos = m.find(objId);
+    if (pos && !kelp::ds::isAsHandedOut(m, *pos))
+        return std::nullopt;
+    return pos;
+}
+
+// A list answer of the objects at positions; their ids are handed out once
+// the answer exists.
+char *handOut(uint32_t *status, const Model &m, const std::vector<size_t> &positions)
+{
+    char *text = answer(status, listAnswer(m, positions));
+    if (text == nullptr)
+        return nullptr;
+    try {
+        kelp::ds::rememberHandedOut(m, positions);
+    } catch (const std::bad_alloc &) {
+        freeMem(text); // an id not remembered is not handed out
+        throw;
+    }
+    return text;
+}
+
 } // namespace
 
 extern "C" {
@@ -94,22 +148,22 @@ char *GetObjectList(uint32_t *status, const char *typeName)
 {
     if (typeName == nullptr)
         return answerWith(status, kFailure);
-    return withModel(status, [&](const Model &m) {
+    return withIdentities(status, [&](const Model &m) {
         const std::vector<size_t> &positions = m.ofType(typeName);
         if (positions.empty())
             return answerWith(status, kNotFound);
-        return answer(status, listAnswer(m, positions));
+        return handOut(status, m, positions);
     });
 }
 
-// The object's run; null with status 2 when there is no such object, 5 when
-// `reserved` is not 0.
+// The object's run; null with status 2 when there is no such object or its
+// id was handed out naming another (thisObject), 5 when `reserved` is not 0.
 char *GetSingleObject(uint32_t *status, uint32_t reserved, uint32_t objId)
 {
     if (reserved != 0)
         return answerWith(status, kFailure);
-    return withModel(status, [&](const Model &m) {
-        std::optional<size_t> pos = m.find(objId);
+    return withIdentities(status, [&](const Model &m) {
+        std::optional<size_t> pos = thisObject(m, objId);
         if (!pos)
             return answerWith(status, kNotFound);
         return answer(status, m.answer(*pos));
@@ -118,31 +172,31 @@ char *GetSingleObject(uint32_t *status, uint32_t reserved, uint32_t objId)
 
 // <ObjList> with the runs of the objects of type `kind` related to objId
 // (Model::associated); null with status 2 when there are none or objId is
-// no object, 5 for a null kind.
+// no object (thisObject), 5 for a null kind.
 char *GetAssociated(uint32_t *status, const char *kind, uint32_t objId)
 {
     if (kind == nullptr)
         return answerWith(status, kFailure);
-    return withModel(status, [&](const Model &m) {
-        std::optional<size_t> pos = m.find(objId);
+    return withIdentities(status, [&](const Model &m) {
+        std::optional<size_t> pos = thisObject(m, objId);
         if (!pos)
             return answerWith(status, kNotFound);
         std::vector<size_t> related = m.associated(kind, *pos);
         if (related.empty())
             return answerWith(status, kNotFound);
-        return answer(status, listAnswer(m, related));
+        return handOut(status, m, related);
     });
 }
 
 // <objectCount>N</objectCount>, N the number of objects GetAssociated would
-// answer (0 included); null with status 2 when objId is no object, 5 for a
-// null kind.
+// answer (0 included); null with status 2 when objId is no object
+// (thisObject), 5 for a null kind.
 char *GetAssociatedPhyDevCount(uint32_t *status, const char *kind, uint32_t objId)
 {
     if (kind == nullptr)
         return answerWith(status, kFailure);
-    return withModel(status, [&](const Model &m) {
-        std::optional<size_t> pos = m.find(objId);
+    return withIdentities(status, [&](const Model &m) {
+        std::optional<size_t> pos = thisObject(m, objId);
         if (!pos)
             return answerWith(status, kNotFound);
         return answer(status, "<objectCount>" + std::to_string(m.associated(kind, *pos).size()) +

@@ -3,12 +3,47 @@
 // nesting nor a long text can exhaust the call stack; every access is bounded
 // by the string_view.
 #include "datastore/xml_reader.h"
+
+#include <array>
+#include <unordered_set>
+
 #include "datastore/xml_text.h"
 
 namespace kelp::ds::xml {
 namespace {
 
 constexpr size_t npos = std::string_view::npos;
+
+// UTF-8's byte order mark, which may open a document and nothing else.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+// The attribute names of one start tag so far, as views into the text, so
+// that a repeat is found in constant time however many attributes a tag has
+// (<storage> may carry any number). Most tags have a few: those are
+// compared in place, without allocating.
+class SeenNames {
+  public:
+    // False when name was seen before; else remembers it.
+    bool insert(std::string_view name)
+    {
+        if (count_ < few_.size()) {
+            for (size_t i = 0; i < count_; ++i) {
+                if (few_[i] == name)
+                    return false;
+            }
+            few_[count_++] = name;
+            return true;
+        }
+        if (many_.empty())
+            many_.insert(few_.begin(), few_.end());
+        return many_.insert(name).second;
+    }
+
+  private:
+    std::array<std::string_view, 8> few_;
+    size_t count_ = 0;
+    std::unordered_set<std::string_view> many_;
+};
 
 class Reader {
   public:
@@ -134,6 +169,9 @@ bool Reader::text(size_t end)
     while (firstInk < raw.size() && isSpace(raw[firstInk]))
         ++firstInk;
     if (stack_.size() == 1) {
+        if (raw.substr(firstInk).starts_with(kByteOrderMark))
+            return fail(pos_ + firstInk, "a byte order mark (EF BB BF) other than at the very "
+                                         "start of the text");
         if (firstInk < raw.size())
             return fail(pos_ + firstInk, "text outside an element");
         pos_ = end;
@@ -161,6 +199,7 @@ bool Reader::startTag(size_t lt, bool document)
     if (stack_.size() > maxDepth_)
         return fail(e.line, "<" + e.name + "> is nested deeper than " + std::to_string(maxDepth_) +
                                 " levels");
+    SeenNames seen;
     size_t p = end;
     for (;;) {
         size_t blanks = p;
@@ -174,7 +213,8 @@ bool Reader::startTag(size_t lt, bool document)
         if (p == blanks || nameStop == p)
             return fail(p, "bad attribute in <" + e.name + ">");
         Attribute a;
-        a.name = std::string(s_.substr(p, nameStop - p));
+        const std::string_view name = s_.substr(p, nameStop - p);
+        a.name = std::string(name);
         p = nameStop;
         while (p < s_.size() && isSpace(s_[p]))
             ++p;
@@ -197,7 +237,7 @@ bool Reader::startTag(size_t lt, bool document)
             if (c == '\t' || c == '\n' || c == '\r')
                 c = ' ';
         }
-        if (e.attribute(a.name) != nullptr)
+        if (!seen.insert(name))
             return fail(p, "attribute " + a.name + " repeated in <" + e.name + ">");
         e.attributes.push_back(std::move(a));
         p = close + 1;
@@ -240,6 +280,10 @@ bool Reader::run(bool document, std::vector<Element> *top)
     if (size_t bad = firstBadByte(s_); bad != npos)
         return fail(bad, "a byte that is not UTF-8 text, or a control character");
     stack_.assign(1, Element());
+    // A document may begin with a byte order mark; it says the text is UTF-8,
+    // which it must be anyway.
+    if (document && s_.starts_with(kByteOrderMark))
+        pos_ = kByteOrderMark.size();
     while (pos_ < s_.size()) {
         size_t lt = s_.find('<', pos_);
         if (lt != pos_) {

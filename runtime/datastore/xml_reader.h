@@ -38,8 +38,9 @@ struct Error {
 // Nesting allowed when the caller names no limit; model files pass their own.
 constexpr uint32_t kDefaultMaxDepth = 8;
 
-// Parses a whole document: an optional declaration, comments and processing
-// instructions, and exactly one root element. False with *error set on the
+// Parses a whole document: an optional UTF-8 byte order mark as its first
+// bytes, an optional declaration, comments and processing instructions, and
+// exactly one root element. False with *error set on the
 // first problem: bytes that are not UTF-8, control characters, a DOCTYPE,
 // mismatched or unclosed tags, bad names, unquoted or repeated attributes,
 // unknown or invalid entities, text outside the root, nesting deeper than
@@ -48,7 +49,8 @@ bool parseDocument(std::string_view text, Element *root, Error *error,
                    uint32_t maxDepth = kDefaultMaxDepth);
 
 // Parses a run of content without a root: elements, comments and blank text
-// (other text is an error). An empty text gives no elements.
+// (other text, a byte order mark included, is an error). An empty text gives
+// no elements.
 bool parseFragment(std::string_view text, std::vector<Element> *elements, Error *error,
                    uint32_t maxDepth = kDefaultMaxDepth);
 

@@ -128,6 +128,11 @@ const BadCase kBadCases[] = {
     {"UTF-8 surrogate", "<a>\xED\xA0\x80</a>", 1, "not UTF-8"},
     {"cut UTF-8", "<a>\xE2\x82", 1, "not UTF-8"},
     {"too deep", "<a><b><c><d/></c></b></a>", 1, "nested deeper than 3"},
+    {"byte order mark twice", "\xEF\xBB\xBF\xEF\xBB\xBF<a/>", 1, "byte order mark"},
+    {"byte order mark after a blank", " \xEF\xBB\xBF<a/>", 1, "byte order mark"},
+    {"byte order mark after the declaration", "<?xml version='1.0'?>\n\xEF\xBB\xBF<a/>", 2,
+     "byte order mark"},
+    {"byte order mark after the root", "<a/>\n\n\xEF\xBB\xBF", 3, "byte order mark"},
 };
 
 TEST(XmlReaderTest, RefusesMalformedTextNamingTheLine)
@@ -140,6 +145,62 @@ TEST(XmlReaderTest, RefusesMalformedTextNamingTheLine)
         EXPECT_NE(error.message.find(c.message), std::string::npos)
             << c.name << ": " << error.message;
     }
+}
+
+TEST(XmlReaderTest, AByteOrderMarkMayOpenADocument)
+{
+    const std::string text = "<?xml version='1.0'?>\n<a b='1'>\n<c>x</c></a>";
+    Element plain, marked;
+    Error error;
+    ASSERT_TRUE(kelp::ds::xml::parseDocument(text, &plain, &error)) << error.message;
+    ASSERT_TRUE(kelp::ds::xml::parseDocument("\xEF\xBB\xBF" + text, &marked, &error))
+        << error.message;
+    EXPECT_EQ(marked.name, "a");
+    EXPECT_EQ(marked.line, plain.line);
+    EXPECT_EQ(*marked.attribute("b"), "1");
+    ASSERT_EQ(marked.children.size(), 1u);
+    EXPECT_EQ(marked.children[0].text, "x");
+    EXPECT_EQ(marked.children[0].line, 3u);
+    // A fragment is no document: it has no byte order mark to skip.
+    std::vector<Element> elements;
+    EXPECT_FALSE(kelp::ds::xml::parseFragment("\xEF\xBB\xBF<a/>", &elements, &error));
+    EXPECT_EQ(error.line, 1u);
+    EXPECT_NE(error.message.find("byte order mark"), std::string::npos) << error.message;
+}
+
+// <storage> may carry any number of attributes: all are read, in order, and
+// a repeat is found wherever it is.
+TEST(XmlReaderTest, ATagWithAHundredThousandAttributesIsReadWhole)
+{
+    constexpr int kCount = 100000;
+    std::string tag = "<a";
+    for (int i = 0; i < kCount; ++i)
+        tag += " n" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    Element root;
+    Error error;
+    ASSERT_TRUE(kelp::ds::xml::parseDocument(tag + "/>", &root, &error)) << error.message;
+    ASSERT_EQ(root.attributes.size(), size_t{kCount});
+    EXPECT_EQ(root.attributes[0].name, "n0");
+    EXPECT_EQ(root.attributes[kCount - 1].name, "n99999");
+    EXPECT_EQ(root.attributes[kCount - 1].value, "99999");
+    EXPECT_EQ(*root.attribute("n54321"), "54321");
+
+    // A repeat among the first names, past them, and the last.
+    std::string shorter = "<a";
+    for (int i = 0; i < 1000; ++i)
+        shorter += " n" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    for (const char *repeated : {"n3", "n12", "n999"}) {
+        Element bad;
+        EXPECT_FALSE(
+            kelp::ds::xml::parseDocument(shorter + "\n " + repeated + "='x'/>", &bad, &error))
+            << repeated;
+        EXPECT_EQ(error.line, 2u) << repeated;
+        EXPECT_EQ(error.message, "attribute " + std::string(repeated) + " repeated in <a>");
+    }
+    // The ninth name is the first one the set holds rather than the scan.
+    EXPECT_FALSE(kelp::ds::xml::parseDocument(
+        "<a n1='' n2='' n3='' n4='' n5='' n6='' n7='' n8='' n9='' n1=''/>", &root, &error));
+    EXPECT_EQ(error.message, "attribute n1 repeated in <a>");
 }
 
 TEST(XmlReaderTest, FragmentsHoldElementsAndBlanksOnly)

@@ -117,6 +117,16 @@ int kelpRuntimeLoadModel(const char *path, char *error, unsigned errorSize);
 int kelpRuntimeCatalogueStatus(char *error, unsigned errorSize);
 int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize);
 
+/* The file of the model served now: the one the last successful
+ * kelpRuntimeLoadModel or control socket `load` read (or KELP_MODEL), also
+ * after the control socket has changed that model since. The file is read,
+ * parsed and validated without holding up the data-store queries, so a host
+ * may call kelpRuntimeLoadModel with it off its main loop to re-read it.
+ * Answers 0 with the path and its NUL in path; non-zero, with "" in path
+ * when size allows, when no model is served, the model was not loaded from a
+ * file, or path cannot hold the whole path and its NUL. */
+int kelpRuntimeServedModelPath(char *path, unsigned size);
+
 /* The control socket through which kelpctl changes the model and queues
  * events: a Unix socket at `path`, mode 0600, served by a thread of the
  * runtime. Answers 0, or non-zero with a message in error. A runtime loaded
@@ -124,6 +134,14 @@ int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize);
  * is served; starting another stops the first. */
 int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize);
 void kelpRuntimeStopControl(void);
+
+/* Queues the events a storage service raises when its configuration changes,
+ * rescan started (3061) and then rescan completed (3060), as the control
+ * socket's `load`, `add` and `remove` do after changing the model, so that
+ * the plug-in rebuilds its rows from the model. Both are queued or neither.
+ * Answers 0, or non-zero with a message in error (cut to errorSize, when
+ * error is not null) when the event queue has no room for them. */
+int kelpRuntimeQueueRescan(char *error, unsigned errorSize);
 
 #ifdef __cplusplus
 }
