@@ -1,11 +1,11 @@
 // Sending a trap through net-snmp, on the thread that runs the agent, to
 // every configured sink (or, for a subagent, to the AgentX master).
-#ifndef KELP_AGENT_TRAPSEND_H
-#define KELP_AGENT_TRAPSEND_H
+#ifndef KELP_AGENT_TRAPS_TRAPSEND_H
+#define KELP_AGENT_TRAPS_TRAPSEND_H
 
 #include <cstdint>
 
-#include "trap.h"
+#include "traps/trap.h"
 
 namespace kelp::agent {
 
@@ -25,4 +25,4 @@ extern "C" uint32_t kelpAgentSendTrap(uint64_t handle, const SMSnmpOID *enterpri
 
 } // namespace kelp::agent
 
-#endif // KELP_AGENT_TRAPSEND_H
+#endif // KELP_AGENT_TRAPS_TRAPSEND_H

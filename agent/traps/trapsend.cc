@@ -1,5 +1,5 @@
 // Traps into net-snmp.
-#include "trapsend.h"
+#include "traps/trapsend.h"
 
 // net-snmp's headers in the order they need: configuration, library, agent.
 #include <net-snmp/net-snmp-config.h>
