@@ -1,5 +1,5 @@
-// Sending a trap through net-snmp, on the thread that runs the agent, to
-// every configured sink (or, for a subagent, to the AgentX master).
+// Sending a trap on the thread that runs net-snmp: to the agent's own trap
+// sinks (traps/trapsinks.h) and, for a subagent, to its AgentX master.
 #ifndef KELP_AGENT_TRAPS_TRAPSEND_H
 #define KELP_AGENT_TRAPS_TRAPSEND_H
 
@@ -9,10 +9,12 @@
 
 namespace kelp::agent {
 
-// Sends `trap`: an SNMPv1 trap to every trapsink, an SNMPv2c notification
-// with snmpTrapOID enterprise.0.specific to every trap2sink. Bindings keep
-// their names and types. 0 when net-snmp sent it, 5 otherwise. Only on the
-// thread that runs net-snmp.
+// Sends `trap`: an SNMPv1 trap or an SNMPv2c notification with snmpTrapOID
+// enterprise.0.specific, as the sinks are configured, queued for every
+// active sink without waiting for any; a subagent also hands it to net-snmp
+// for its master. Bindings keep their names and types. 0 when a sink took
+// it or net-snmp sent it to the master, 5 otherwise. Only on the thread
+// that runs net-snmp.
 uint32_t sendTrapNow(const Trap &trap);
 
 // Service table entry 7 (SMTrapSendFn). `handle` is the address of the
