@@ -73,7 +73,8 @@ void TrapSink::onReadable(SinkClock::time_point now)
     if (state_ != State::kConnected) {
         return;
     }
-    // A trap receiver sends nothing back; reading tells when it closes.
+    // A trap receiver sends nothing back (an inform's response would come
+    // here); reading tells when it closes.
     char scratch[4096];
     for (;;) {
         const ssize_t got = recv(fd_, scratch, sizeof scratch, MSG_DONTWAIT);
@@ -104,8 +105,19 @@ void TrapSink::onWritable(SinkClock::time_point now)
             error = errno;
         }
         if (error == 0) {
-            connected(now);
-        } else if (error != EINPROGRESS && error != EALREADY) {
+            sockaddr_storage peer{};
+            socklen_t peerLength = sizeof peer;
+            if (getpeername(fd_, reinterpret_cast<sockaddr *>(&peer), &peerLength) == 0) {
+                connected(now);
+                return;
+            }
+            // Woken before the connection was made: it is still under way.
+            if (errno == ENOTCONN) {
+                return;
+            }
+            error = errno;
+        }
+        if (error != EINPROGRESS && error != EALREADY) {
             fail(now, "cannot connect", error);
         }
         return;

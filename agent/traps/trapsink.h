@@ -4,7 +4,10 @@
 // writes the messages back to back and, when the receiver refuses, closes or
 // never answers, connects again after a back-off while its queue keeps the
 // traps. Nothing here ever waits: the loop that runs the sink (SinkLoop) says
-// when its socket is ready and when its time has come.
+// when its socket is ready and when its time has come. Informs are not sent
+// yet; one would stay at the head of the queue until its response arrives on
+// the sink's read side (where a stream sink now only watches for the close)
+// and go again on the sink's timer.
 #ifndef KELP_AGENT_TRAPS_TRAPSINK_H
 #define KELP_AGENT_TRAPS_TRAPSINK_H
 

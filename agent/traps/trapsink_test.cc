@@ -314,6 +314,9 @@ TEST(TrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
     runUntil(sink, loop, kStart, [rounds = 0]() mutable { return ++rounds > 10; });
     ASSERT_EQ(sink.state(), TrapSink::State::kConnecting);
     EXPECT_TRUE(loop.writable);
+    sink.onWritable(kStart);
+    EXPECT_EQ(sink.state(), TrapSink::State::kConnecting)
+        << "a wake-up before the connection is made changes nothing";
     EXPECT_EQ(loop.wake, kStart + kConnectTimeout);
     for (int i = 0; i < 5; i++) {
         sink.send(message("m" + std::to_string(i)), kStart);
