@@ -173,7 +173,7 @@ TEST(Backoff, DoublesFromOneSecondToAMinuteAndStartsOverAfterAReset)
     EXPECT_EQ(backoff.next(), 1s);
 }
 
-TEST(TrapSink, AUdpSinkSendsEachMessageAsADatagramAtOnce)
+TEST(OneTrapSink, AUdpSinkSendsEachMessageAsADatagramAtOnce)
 {
     const int receiver = boundSocket(SOCK_DGRAM);
     ASSERT_GE(receiver, 0);
@@ -194,7 +194,7 @@ TEST(TrapSink, AUdpSinkSendsEachMessageAsADatagramAtOnce)
     close(receiver);
 }
 
-TEST(TrapSink, ATcpSinkConnectsWithoutBlockingAndSendsWhatWaitedInOrder)
+TEST(OneTrapSink, ATcpSinkConnectsWithoutBlockingAndSendsWhatWaitedInOrder)
 {
     const int server = listener(0);
     ASSERT_GE(server, 0);
@@ -217,7 +217,7 @@ TEST(TrapSink, ATcpSinkConnectsWithoutBlockingAndSendsWhatWaitedInOrder)
     close(server);
 }
 
-TEST(TrapSink, ARefusedConnectionIsRetriedWithBackOffAndTheTrapsWait)
+TEST(OneTrapSink, ARefusedConnectionIsRetriedWithBackOffAndTheTrapsWait)
 {
     const int port = closedPort();
     FakeLoop loop;
@@ -251,7 +251,7 @@ TEST(TrapSink, ARefusedConnectionIsRetriedWithBackOffAndTheTrapsWait)
     close(server);
 }
 
-TEST(TrapSink, AReceiverThatClosesIsReconnectedAndGetsThePartialMessageWhole)
+TEST(OneTrapSink, AReceiverThatClosesIsReconnectedAndGetsThePartialMessageWhole)
 {
     const int server = listener(0);
     ASSERT_GE(server, 0);
@@ -295,7 +295,7 @@ TEST(TrapSink, AReceiverThatClosesIsReconnectedAndGetsThePartialMessageWhole)
     close(server);
 }
 
-TEST(TrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
+TEST(OneTrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
 {
     // A listener whose backlog is full: the kernel answers no further SYN.
     const int server = listener(0, 0);
@@ -335,7 +335,7 @@ TEST(TrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
     close(server);
 }
 
-TEST(TrapSink, AConnectionThatLastedStartsTheBackOffOver)
+TEST(OneTrapSink, AConnectionThatLastedStartsTheBackOffOver)
 {
     const int server = listener(0);
     ASSERT_GE(server, 0);
@@ -371,7 +371,7 @@ TEST(TrapSink, AConnectionThatLastedStartsTheBackOffOver)
     close(server);
 }
 
-TEST(TrapSink, ClosingForgetsTheSocketAndTheTimer)
+TEST(OneTrapSink, ClosingForgetsTheSocketAndTheTimer)
 {
     FakeLoop loop;
     TrapSink sink(addressOf(closedPort(), true), &loop);
@@ -404,7 +404,7 @@ TEST(TrapSink, ClosingForgetsTheSocketAndTheTimer)
     close(server);
 }
 
-TEST(TrapSink, AUnixStreamSinkWorksLikeTcp)
+TEST(OneTrapSink, AUnixStreamSinkWorksLikeTcp)
 {
     char dir[] = "/tmp/kelp-sink-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
