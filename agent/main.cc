@@ -8,14 +8,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
-#include "handler.h"
 #include "log.h"
 #include "module.h"
 #include "options.h"
 #include "paths.h"
 #include "runtimesetup.h"
+#include "snmp/handler.h"
 #include "snmpagent.h"
 #include "snmpconf.h"
 #include "traps/trap.h"
@@ -29,9 +30,15 @@ namespace kelp::agent {
 namespace {
 
 // How long a plug-in thread waits for the agent's thread to take its trap.
-// The agent's thread is busy at most for one request, whose dispatches
-// wait at most 1 s each for the plug-in's lock.
+// The agent's thread never waits for the plug-in's lock, so it takes traps
+// at once but for a burst of requests.
 constexpr std::chrono::seconds kTrapPatience{5};
+
+// How long a request that finds the plug-in's tables locked may take: the
+// plug-in's own lock time-out for a master; well within the 1 s an AgentX
+// master waits for its subagent's answer.
+constexpr std::chrono::milliseconds kMasterRequestBudget{1000};
+constexpr std::chrono::milliseconds kSubagentRequestBudget{700};
 
 int fail(const std::string &message)
 {
@@ -87,16 +94,28 @@ int run(const Options &options)
     services[SM_SERVICE_TRAP_SEND] = reinterpret_cast<void *>(&kelpAgentSendTrap);
 
     ModuleHost module;
+    std::unique_ptr<RequestPath> requests;
     const auto stopAll = [&] {
         traps.close();
+        // The worker may be inside the plug-in: it ends before the unload.
+        if (requests) {
+            requests->stop();
+        }
         module.stop();
         snmp.shutdown();
         runtime.release();
     };
+    const auto openRequestPath = [&] {
+        RequestSettings requestSettings;
+        requestSettings.delegatedBudget =
+            options.agentx ? kSubagentRequestBudget : kMasterRequestBudget;
+        requests = std::make_unique<RequestPath>(module.dispatch(), requestSettings,
+                                                 [] { SnmpAgent::wake(); });
+        return requests->registerRoot(&error);
+    };
     if (!module.open(options.module, &error) ||
-        !module.load(services, reinterpret_cast<uint64_t>(&traps), &error) ||
-        !registerMibRoot(&module.dispatch(), &error) || !snmp.open(&error) ||
-        !module.startMonitor(&error)) {
+        !module.load(services, reinterpret_cast<uint64_t>(&traps), &error) || !openRequestPath() ||
+        !snmp.open(&error) || !module.startMonitor(&error)) {
         const int status = fail(error);
         stopAll();
         return status;
@@ -111,7 +130,12 @@ int run(const Options &options)
     }
     snmp.sendColdStart();
 
-    snmp.run([&traps] { traps.pump(); }, [&runtime] { runtime.reload(); });
+    snmp.run(
+        [&] {
+            traps.pump();
+            requests->completeDelegated();
+        },
+        [&runtime] { runtime.reload(); });
 
     stopAll();
     logLine("stopped");

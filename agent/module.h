@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <string>
 
-#include "answer.h"
 #include "pluginhost.h"
+#include "snmp/resolve.h"
 
 namespace kelp::agent {
 

@@ -4,6 +4,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string_view>
@@ -135,6 +138,22 @@ constexpr OptionRow kOptions[] = {
     {"sys-location", Arg::kRequired, "TEXT", "sysLocation (unknown)",
      [](Options &o, const std::string &v, std::string *e) {
          return setText(&o.sysLocation, v, "--sys-location", e);
+     }},
+    {"rescan-timeout", Arg::kRequired, "SECONDS",
+     "hand the plug-in a rescan's end when the storage service gives none that long after its "
+     "start (30)",
+     [](Options &o, const std::string &v, std::string *e) {
+         char *end = nullptr;
+         errno = 0;
+         const double seconds = std::strtod(v.c_str(), &end);
+         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
+             seconds <= 0 || seconds > kMaxRescanTimeout) {
+             *e = "--rescan-timeout takes a number of seconds above 0 and up to " +
+                  std::to_string(static_cast<int>(kMaxRescanTimeout)) + ", not \"" + v + "\"";
+             return false;
+         }
+         o.rescanTimeout = seconds;
+         return true;
      }},
     {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
      [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},

@@ -19,6 +19,9 @@ inline constexpr size_t kMaxCommunity = 255;
 // The longest sysContact, sysName or sysLocation net-snmp keeps.
 inline constexpr size_t kMaxSystemText = 255;
 
+// The longest --rescan-timeout: a day.
+inline constexpr double kMaxRescanTimeout = 86400;
+
 struct Options {
     std::string model; // empty: the first sample model found (modelCandidates)
     std::string listen = kDefaultListen;
@@ -34,6 +37,7 @@ struct Options {
     std::string sysContact = kDefaultSysContact;
     std::string sysName; // empty: this host's name
     std::string sysLocation = kDefaultSysLocation;
+    double rescanTimeout = 0; // seconds; 0: the runtime's (KELP_RESCAN_TIMEOUT, else 30)
     bool syslog = false;
     bool debug = false;
     bool help = false;

@@ -49,6 +49,8 @@ TEST(Options, EveryOptionSetsItsField)
                        "--sys-location",
                        "Rack 4, row B",
                        "--syslog",
+                       "--rescan-timeout",
+                       "2.5",
                        "--agentx"},
                       &o, &error))
         << error;
@@ -66,6 +68,7 @@ TEST(Options, EveryOptionSetsItsField)
     EXPECT_EQ(o.sysName, "array-7");
     EXPECT_EQ(o.sysLocation, "Rack 4, row B");
     EXPECT_TRUE(o.syslog);
+    EXPECT_EQ(o.rescanTimeout, 2.5);
     EXPECT_TRUE(o.agentx);
     EXPECT_EQ(o.agentxSocket, "");
 }
@@ -98,9 +101,20 @@ TEST(Options, DefaultsAreTheDocumentedOnes)
 TEST(Options, UsageErrorsAreRefusedWithAMessage)
 {
     const std::vector<std::vector<const char *>> bad{
-        {"--nope"},          {"model.xml"},           {"--model"},
-        {"--debug=yes"},     {"--trap-version", "3"}, {"--community", "two words"},
-        {"--trap-sink", ""}, {"--community=a\"b"},
+        {"--nope"},
+        {"model.xml"},
+        {"--model"},
+        {"--debug=yes"},
+        {"--trap-version", "3"},
+        {"--community", "two words"},
+        {"--trap-sink", ""},
+        {"--community=a\"b"},
+        {"--rescan-timeout", "0"},
+        {"--rescan-timeout", "-3"},
+        {"--rescan-timeout", "soon"},
+        {"--rescan-timeout", "inf"},
+        {"--rescan-timeout", "86401"},
+        {"--rescan-timeout", ""},
     };
     for (const auto &words : bad) {
         Options o;

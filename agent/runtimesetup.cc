@@ -1,6 +1,9 @@
 // Runtime configuration of the agent.
 #include "runtimesetup.h"
 
+#include <string_view>
+
+#include "blockedalerts.h"
 #include "kelp/runtime.h"
 #include "log.h"
 
@@ -8,13 +11,25 @@ namespace kelp::agent {
 namespace {
 
 constexpr const char *kIniSection = "general";
+constexpr const char *kDebugKey = "DebugSNMP";
+constexpr const char *kEventSection = "vcsipe";
+constexpr const char *kBlockedKey = "BlockedAlerts";
 
 // The runtime's warnings and errors, in the agent's log.
 void logRuntimeLine(int level, const char *line)
 {
     logAt(level == KELP_RUNTIME_LOG_ERROR ? LogLevel::kError : LogLevel::kWarning, "%s", line);
 }
-constexpr const char *kDebugKey = "DebugSNMP";
+
+// Why a blocked rescan event cannot be served.
+std::string blockedRescanError(const std::string &ini, uint32_t event)
+{
+    return "the ini file " + ini + " blocks event " + std::to_string(event) +
+           (event == 3061 ? " (rescan started)" : " (rescan completed)") + " in " + kEventSection +
+           "/" + kBlockedKey +
+           ": the plug-in would never see a rescan end and would keep its tables locked; "
+           "remove it from the list";
+}
 
 // Checks the ini file in force: false with a message naming it when it
 // cannot serve as the store (not a regular file, too large, unreadable).
@@ -43,6 +58,13 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     if (!checkIni(error)) {
         return false;
     }
+    if (options.rescanTimeout > 0) {
+        kelpRuntimeSetRescanTimeout(options.rescanTimeout);
+    }
+    if (const std::optional<uint32_t> event = blockedRescanEventInStore(&blockedAlerts_)) {
+        *error = blockedRescanError(options.ini, *event);
+        return false;
+    }
     // Always the state dir, so that debug lines switched on in the ini file
     // land there too rather than in the module's DebugPath.
     const std::string debugFile = options.stateDir + "/debug.log";
@@ -65,10 +87,13 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
     logLine("serving the model %s", options.model.c_str());
     if (kelpRuntimeStartControl(options.control.c_str(), message, sizeof message) != 0) {
-        // Most often a second agent with the same state dir.
-        *error = std::string("the control socket does not start: ") + message +
-                 " (is another kelpagent using this state dir? give each agent its own "
-                 "--state-dir, or --control)";
+        *error = std::string("the control socket does not start: ") + message;
+        // A socket that answers is most often a second agent's; any other
+        // failure names its own cause.
+        if (std::string_view(message).starts_with("another server is listening")) {
+            *error += " (is another kelpagent using this state dir? give each agent its own "
+                      "--state-dir, or --control)";
+        }
         return false;
     }
     controlStarted_ = true;
@@ -86,6 +111,10 @@ void RuntimeSetup::release()
         kelpRuntimeSetIniOverride(kIniSection, kDebugKey, nullptr);
         debugSet_ = false;
     }
+    if (blockedPinned_) {
+        kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, nullptr);
+        blockedPinned_ = false;
+    }
     kelpRuntimeSetLog(nullptr);
 }
 
@@ -96,6 +125,7 @@ void RuntimeSetup::reload()
     std::string error;
     if (checkIni(&error)) {
         logLine("SIGHUP: re-read the ini file %s", options_.ini.c_str());
+        checkBlockedAlerts();
     } else {
         logAt(LogLevel::kError, "SIGHUP: %s", error.c_str());
     }
@@ -108,6 +138,24 @@ void RuntimeSetup::reload()
         return;
     }
     logLine("SIGHUP: re-read the model %s", options_.model.c_str());
+}
+
+void RuntimeSetup::checkBlockedAlerts()
+{
+    // The file's own list, without the one pinned at an earlier refusal.
+    if (blockedPinned_) {
+        kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, nullptr);
+        blockedPinned_ = false;
+    }
+    std::string list;
+    if (const std::optional<uint32_t> event = blockedRescanEventInStore(&list)) {
+        blockedPinned_ =
+            kelpRuntimeSetIniOverride(kEventSection, kBlockedKey, blockedAlerts_.c_str()) == 0;
+        logAt(LogLevel::kError, "SIGHUP: refused: %s; the blocked alerts stay \"%s\"",
+              blockedRescanError(options_.ini, *event).c_str(), blockedAlerts_.c_str());
+        return;
+    }
+    blockedAlerts_ = list;
 }
 
 } // namespace kelp::agent

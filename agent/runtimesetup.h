@@ -35,7 +35,13 @@ class RuntimeSetup {
     void release();
 
   private:
+    // SIGHUP: a blocked alert list that blocks a rescan event is refused,
+    // and the store goes on answering the list in force.
+    void checkBlockedAlerts();
+
     Options options_;
+    std::string blockedAlerts_; // the list in force
+    bool blockedPinned_ = false;
     bool controlStarted_ = false;
     bool debugSet_ = false;
 };

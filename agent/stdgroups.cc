@@ -12,7 +12,7 @@
 
 #include <iterator>
 
-#include "answer.h"
+#include "snmp/tree.h"
 
 // The modules' init entries; libnetsnmpmibs installs no header for them.
 extern "C" {

@@ -22,7 +22,9 @@ std::vector<eventspy::Trap> g_traps;
 std::function<void(const eventspy::Trap &)> g_trapHook;
 std::function<void(uint32_t)> g_wakeUpHook;
 std::vector<uint32_t> g_getEventCalls;
-std::set<char *> g_outstanding;
+// A multiset: the runtime reclaims texts the monitor keeps, so a later text
+// may be handed out at the address of one still counted here.
+std::multiset<char *> g_outstanding;
 std::atomic<uint32_t> g_tickSleeps;
 std::atomic<uint32_t> g_wakeUps;
 
@@ -116,7 +118,7 @@ size_t outstandingTexts()
 
 void releaseOutstanding()
 {
-    std::set<char *> texts;
+    std::multiset<char *> texts;
     {
         std::lock_guard lock(g_lock);
         texts.swap(g_outstanding);
@@ -177,7 +179,10 @@ extern "C" void vcsif32_freeData(char *data)
     static auto real = realFunction<void (*)(char *)>("vcsif32_freeData");
     {
         std::lock_guard lock(g_lock);
-        g_outstanding.erase(data);
+        const auto found = g_outstanding.find(data);
+        if (found != g_outstanding.end()) {
+            g_outstanding.erase(found);
+        }
     }
     real(data);
 }

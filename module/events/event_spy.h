@@ -49,8 +49,10 @@ void onWakeUp(std::function<void(uint32_t)> hook);
 // For every vcsif32_getEvent call: the Sleep(1000) calls completed before it.
 std::vector<uint32_t> getEventCalls();
 
-// Event texts handed out by vcsif32_getEvent and not released yet;
-// releaseOutstanding releases them (after the threads have stopped).
+// Event texts handed out by vcsif32_getEvent that the monitor has not
+// released (the runtime reclaims them itself; releasing one it no longer
+// holds does nothing); releaseOutstanding releases them (after the threads
+// have stopped).
 size_t outstandingTexts();
 void releaseOutstanding();
 

@@ -433,8 +433,7 @@ uint32_t KelpmibSendTrap(uint32_t trapNumber, uint32_t eventId, const char *even
     // Room for the aggregation sentence after the longest message.
     char message[EVTMSG_MESSAGE_SIZE + 128] = {};
     char level[EVTMSG_TEXT_SIZE] = {};
-    if (evtmsg_getAlertMsg(eventId, level, message, inserts.count, inserts.text) != 0 &&
-        message[0] == '\0') {
+    if (evtmsg_getAlertMsg(eventId, level, message, inserts.count, inserts.text) != 0) {
         std::snprintf(message, sizeof message, "UNKNOWN");
     }
     if (extended == 0) {

@@ -31,8 +31,9 @@ uint32_t SSSetPrivateIniValue(const char *section, const char *key, const char *
  * directory of the runtime library), without a trailing separator. */
 uint32_t GetInstallPath(char *path, uint32_t *size);
 
-/* Aggregation of repeated events. An event is a repeat when its number and
- * nexus equal those of an event held since the last freeEventMaps. The first
+/* Aggregation of repeated events. An event is a repeat when its number, nexus
+ * and trap number equal those of an event held since the last freeEventMaps
+ * (an event sent as an extra trap and then its main one is held twice). The first
  * occurrence is recorded with count 1 and answered 0 (send it now); a repeat
  * increments the count and is answered 1 (held back). */
 uint32_t InsertEventinQueue(uint32_t eventId, const char *nexus, const char *message,

@@ -12,6 +12,7 @@
 #include "store/tablelist.h"
 #include "tables/getters.h"
 #include "testing/debug_capture.h"
+#include "testing/location_spy.h"
 #include "testing/table_fixture.h"
 
 namespace {
@@ -86,15 +87,12 @@ TEST_F(ChanTest, APcieChannelIsExtenderZeroWheneverTheServiceNamesIt)
 
 TEST_F(ChanTest, APcieChannelTheServiceCannotNameKeepsTheServicesAnswer)
 {
-    // A nexus that names no channel: the service fails, and the rule for
-    // PCIe channels does not apply.
-    serveTable(item(1, "adapters", "0", {}) +
-               item(10, "bus", "9\\9\\9\\9\\9\\9", {{"BusProtocol", "9"}}, 1));
-    const auto [name, status] = serviceName("9\\9\\9\\9\\9\\9");
-    ASSERT_NE(status, 0);
+    // The service fails: the rule for PCIe channels does not apply.
+    serveTable(item(1, "adapters", "0", {}) + item(10, "bus", "0\\1", {{"BusProtocol", "9"}}, 1));
+    const locationspy::FailingService failing(5);
     const Answer a = get(2);
-    EXPECT_EQ(a.result, status);
-    EXPECT_EQ(a.text, name);
+    EXPECT_EQ(a.result, 5);
+    EXPECT_EQ(a.text, "");
 }
 
 TEST_F(ChanTest, TheProtocolMapSendsFiveToSixAndSixToZero)
@@ -152,7 +150,7 @@ TEST_F(ChanTest, AChannelThatLeftTheStoreAfterTheBuildIsAbsent)
 
 TEST_F(ChanTest, OddAttributesAreReadAsTheyStand)
 {
-    // An empty protocol and a name the service cannot place: no crash, the
+    // An empty protocol and a nexus without a channel's shape: no crash, the
     // service's answer and status are passed on.
     serveTable(item(1, "adapters", "0", {}) + item(10, "bus", "0\\1\\2\\3\\4\\5\\6\\7",
                                                    {{"BusProtocol", ""}, {"SCSIRate", ""}}, 1));

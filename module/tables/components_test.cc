@@ -20,6 +20,7 @@
 #include "tables/components_testing.h"
 #include "tables/getters.h"
 #include "testing/debug_capture.h"
+#include "testing/location_spy.h"
 #include "testing/table_fixture.h"
 
 namespace {
@@ -397,6 +398,7 @@ TEST_P(ComponentTableTest, EveryCallFetchesItsRowAfresh)
 TEST_P(ComponentTableTest, TheNameColumnReturnsTheServicesStatus)
 {
     serveTable(item(30, t().table.listType, "not a nexus", t().every));
+    const locationspy::FailingService failing(5);
     const Answer a = get(2);
     EXPECT_EQ(a.result, 5);
     EXPECT_EQ(a.type, kStr);

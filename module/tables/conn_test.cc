@@ -265,17 +265,13 @@ TEST_F(ConnTest, ADiskInAnEnclosureAnswersSuccessWithTheReplyUntouched)
 
 TEST_F(ConnTest, AChannelTheServiceCannotNameKeepsItsNexus)
 {
-    // A channel whose nexus the service cannot read: the reply holds the
-    // nexus and the service's status is the result.
+    // A channel the service fails to name: the reply holds the nexus and the
+    // service's status is the result.
     serveModel(item(1, "adapters", "0", {}) + item(3, "bus", "7\\7\\7", {}, 1) +
                item(12, "arraydisks", "0\\0\\3", {{"AttributesMask", mask({})}}, 3));
-    std::array<char, EVTMSG_TEXT_SIZE> location1{}, location2{}, name{}, detail{};
-    const auto status = static_cast<int32_t>(
-        evtmsg_getObjLocationStrings(770, "7\\7\\7", ",", "en", location1.data(), location2.data(),
-                                     name.data(), detail.data(), 0));
-    ASSERT_NE(status, 0);
+    const locationspy::FailingService failing(5);
     const Answer a = ask(getADChanConn, 130, 6, 4, 1);
-    EXPECT_EQ(a.result, status);
+    EXPECT_EQ(a.result, 5);
     EXPECT_EQ(a.type, kStr);
     EXPECT_EQ(a.text, "7\\7\\7");
 }

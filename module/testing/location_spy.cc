@@ -6,10 +6,27 @@
 
 namespace locationspy {
 
+namespace {
+
+// The status every call answers while a FailingService lives; 0: none does.
+uint32_t g_failure = 0;
+
+} // namespace
+
 std::vector<LocationCall> &calls()
 {
     static std::vector<LocationCall> recorded;
     return recorded;
+}
+
+FailingService::FailingService(uint32_t status)
+{
+    g_failure = status;
+}
+
+FailingService::~FailingService()
+{
+    g_failure = 0;
 }
 
 } // namespace locationspy
@@ -32,6 +49,14 @@ extern "C" uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *n
     locationspy::calls().push_back({objType, nexus != nullptr ? nexus : "(null)",
                                     separator != nullptr ? separator : "(null)",
                                     language != nullptr ? language : "(null)"});
+    if (locationspy::g_failure != 0) {
+        for (char *area : {location1, location2, displayName, detail}) {
+            if (area != nullptr) {
+                area[0] = '\0';
+            }
+        }
+        return locationspy::g_failure;
+    }
     return real(objType, nexus, separator, language, location1, location2, displayName, detail,
                 reserved);
 }

@@ -1,7 +1,10 @@
 // The debug printer of the data-store library: VscilDebugInit picks where
 // lines go, VscilDebugToggle switches printing, VscilDebugPrint writes one
-// formatted text whole under a lock, VscilDebugExit closes.
+// formatted text whole under a lock, VscilDebugExit closes. A file that cannot
+// be written (a full disk) is reported once to the runtime's log, and writing
+// goes on being tried without further reports.
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -20,6 +23,7 @@ struct Printer {
     bool targetChosen = false;
     std::string target;        // the file; empty for stderr
     std::FILE *file = nullptr; // open while printing is on and target is a file
+    bool writeFailed = false;  // a write to file failed and was reported
 };
 
 std::mutex g_printerMutex;
@@ -54,7 +58,11 @@ void openTarget()
             "%s; printing to stderr",
             kelp::rt::errnoMessage("cannot open debug file", g_printer.target).c_str());
         g_printer.target.clear();
+        return;
     }
+    // Every text is flushed at once anyway; unbuffered, a text that could not
+    // be written is not kept back to be retried in front of the next one.
+    std::setvbuf(g_printer.file, nullptr, _IONBF, 0);
 }
 
 // Requires g_printerMutex.
@@ -63,6 +71,28 @@ void closeTarget()
     if (g_printer.file != nullptr)
         std::fclose(g_printer.file);
     g_printer.file = nullptr;
+    g_printer.writeFailed = false;
+}
+
+// Writes text whole to the open file. The first failure after the file was
+// opened is reported; later ones are not, or a full disk would add a warning
+// for every line. Requires g_printerMutex.
+void writeToFile(const char *text, size_t size)
+{
+    std::FILE *file = g_printer.file;
+    errno = 0;
+    const bool written = std::fwrite(text, 1, size, file) == size && std::fflush(file) == 0;
+    if (written)
+        return;
+    const int err = errno != 0 ? errno : EIO;
+    // Lines that could not be written are dropped; the next one starts clean.
+    std::clearerr(file);
+    if (g_printer.writeFailed)
+        return;
+    g_printer.writeFailed = true;
+    kelp::rt::logWarning("cannot write debug file %s: %s; debug lines are lost until it can be "
+                         "written again",
+                         g_printer.target.c_str(), kelp::rt::errnoText(err).c_str());
 }
 
 } // namespace
@@ -122,9 +152,12 @@ void VscilDebugPrint(const char *format, ...)
     std::lock_guard lock(g_printerMutex);
     if (!g_on.load())
         return;
-    std::FILE *out = g_printer.file != nullptr ? g_printer.file : stderr;
-    std::fwrite(text, 1, static_cast<size_t>(n), out);
-    std::fflush(out);
+    if (g_printer.file != nullptr) {
+        writeToFile(text, static_cast<size_t>(n));
+        return;
+    }
+    std::fwrite(text, 1, static_cast<size_t>(n), stderr);
+    std::fflush(stderr);
 }
 
 void VscilDebugExit(void)

@@ -1,7 +1,10 @@
 // The debug printer: where lines go, exact bytes, on/off, exit and re-init,
-// and whole lines from several threads.
+// whole lines from several threads, and one warning for a file that cannot
+// be written.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -9,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kelp/runtime.h"
@@ -18,6 +22,14 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// The runtime's warnings while a test has its log set.
+std::vector<std::string> g_warnings;
+
+void collectWarning(int /*level*/, const char *line)
+{
+    g_warnings.emplace_back(line);
+}
 
 class DebugPrinterTest : public ::testing::Test {
   protected:
@@ -155,6 +167,73 @@ TEST_F(DebugPrinterTest, LinesFromManyThreadsStayWhole)
         EXPECT_EQ(line.substr(2), std::string(200, c));
     }
     EXPECT_EQ(count, kThreads * kLines);
+}
+
+class DebugFileFailureTest : public DebugPrinterTest {
+  protected:
+    void SetUp() override
+    {
+        DebugPrinterTest::SetUp();
+        g_warnings.clear();
+        kelpRuntimeSetLog(collectWarning);
+    }
+    void TearDown() override
+    {
+        kelpRuntimeSetLog(nullptr);
+        DebugPrinterTest::TearDown();
+    }
+};
+
+TEST_F(DebugFileFailureTest, AFullDiskIsOneWarningNamingTheFileAndTheReason)
+{
+    kelpRuntimeSetDebugFile("/dev/full");
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    for (int i = 0; i < 100; ++i)
+        VscilDebugPrint("line %d\n", i);
+    VscilDebugPrint("%s\n", std::string(5000, 'x').c_str());
+    ASSERT_EQ(g_warnings.size(), 1u);
+    EXPECT_NE(g_warnings[0].find("/dev/full"), std::string::npos) << g_warnings[0];
+    EXPECT_NE(g_warnings[0].find("No space left on device"), std::string::npos) << g_warnings[0];
+
+    // A file opened again is reported again, once.
+    VscilDebugInit(nullptr);
+    for (int i = 0; i < 10; ++i)
+        VscilDebugPrint("line %d\n", i);
+    EXPECT_EQ(g_warnings.size(), 2u);
+}
+
+// The file size limit stands in for a disk that fills up and is then freed:
+// writes fail past it and succeed again once it is lifted.
+TEST_F(DebugFileFailureTest, WritingGoesOnBeingTriedQuietlyAndResumes)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("before\n");
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 7; // "before\n" fits, nothing more
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    for (int i = 0; i < 50; ++i)
+        VscilDebugPrint("lost %d\n", i);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+    std::signal(SIGXFSZ, oldHandler);
+    VscilDebugPrint("after\n");
+    EXPECT_EQ(read(file_), "before\nafter\n");
+    ASSERT_EQ(g_warnings.size(), 1u);
+    EXPECT_NE(g_warnings[0].find(file_), std::string::npos) << g_warnings[0];
+    EXPECT_NE(g_warnings[0].find("File too large"), std::string::npos) << g_warnings[0];
+}
+
+TEST_F(DebugFileFailureTest, LinesToAWritableFileWarnNothing)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    for (int i = 0; i < 10; ++i)
+        VscilDebugPrint("line %d\n", i);
+    EXPECT_TRUE(g_warnings.empty());
 }
 
 } // namespace

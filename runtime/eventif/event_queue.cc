@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "eventif/reader.h"
 #include "xmlsup/xml_scan.h"
 
 namespace kelp::ev {
@@ -31,25 +32,25 @@ bool isXmlSpace(char c)
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-// Whether text, without surrounding XML white space, is a decimal number
-// that fits 32 bits (the width of an event number in the plug-in).
-bool isDecimalEventNumber(std::string_view text)
+// text, without surrounding XML white space, as a decimal number that fits
+// 32 bits (the width of an event number in the plug-in); nullopt otherwise.
+std::optional<uint32_t> decimalEventNumber(std::string_view text)
 {
     while (!text.empty() && isXmlSpace(text.front()))
         text.remove_prefix(1);
     while (!text.empty() && isXmlSpace(text.back()))
         text.remove_suffix(1);
     if (text.empty())
-        return false;
+        return std::nullopt;
     uint64_t value = 0;
     for (char c : text) {
         if (c < '0' || c > '9')
-            return false;
+            return std::nullopt;
         value = value * 10 + static_cast<uint64_t>(c - '0');
         if (value > UINT32_MAX)
-            return false;
+            return std::nullopt;
     }
-    return true;
+    return static_cast<uint32_t>(value);
 }
 
 bool validateEvent(const std::string &xml, std::string *error)
@@ -69,7 +70,7 @@ bool validateEvent(const std::string &xml, std::string *error)
         setError(error, "event text has no EventID element");
         return false;
     }
-    if (!isDecimalEventNumber(*id)) {
+    if (!decimalEventNumber(*id)) {
         setError(error, "EventID \"" + std::string(id->substr(0, 40)) +
                             "\" is not a decimal number from 0 to 4294967295");
         return false;
@@ -78,6 +79,14 @@ bool validateEvent(const std::string &xml, std::string *error)
 }
 
 } // namespace
+
+std::optional<uint32_t> eventNumber(std::string_view xml)
+{
+    auto id = rt::xml::findElement(xml, "EventID", 0);
+    if (!id)
+        return std::nullopt;
+    return decimalEventNumber(*id);
+}
 
 bool queueEvents(const std::vector<std::string> &texts, std::string *error)
 {
@@ -137,9 +146,12 @@ size_t queuedEvents()
 
 void clearEvents()
 {
-    std::lock_guard lock(g_queueMutex);
-    g_events.clear();
-    g_queuedBytes = 0;
+    {
+        std::lock_guard lock(g_queueMutex);
+        g_events.clear();
+        g_queuedBytes = 0;
+    }
+    forgetRescan();
 }
 
 bool readerSwitchedOn()

@@ -5,8 +5,10 @@
 #define KELP_RUNTIME_EVENTIF_EVENT_QUEUE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelp::ev {
@@ -34,6 +36,11 @@ bool queueEvent(const std::string &xml, std::string *error);
 // Thread-safe.
 bool queueEvents(const std::vector<std::string> &texts, std::string *error);
 
+// The number in the first "EventID" element of xml, as queueEvent reads it;
+// nullopt when there is none or it is not such a number (never for a text
+// the queue accepted).
+std::optional<uint32_t> eventNumber(std::string_view xml);
+
 // Removes and answers the oldest event, or nullopt when none is queued.
 std::optional<std::string> takeOldestEvent();
 
@@ -45,7 +52,8 @@ void requeueOldestEvent(std::string xml);
 // The number of events queued.
 size_t queuedEvents();
 
-// Drops every queued event.
+// Drops every queued event and forgets a rescan the reader left open, so that
+// the interface is as after load (tests).
 void clearEvents();
 
 // Whether a reader switched the queue on (vcsif32_yesEventQ) since the

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 namespace {
@@ -128,6 +129,27 @@ TEST_F(EventQueueTest, SeveralEventsAreQueuedAllOrNone)
     EXPECT_EQ(kelp::ev::queuedEvents(), kelp::ev::kMaxQueuedEvents - 1);
     EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3061</EventID>");
     EXPECT_EQ(kelp::ev::takeOldestEvent(), "<EventID>3060</EventID>");
+}
+
+TEST_F(EventQueueTest, EventNumberReadsTheFirstEventIdAsTheQueueDoes)
+{
+    struct Case {
+        const char *xml;
+        std::optional<uint32_t> number;
+    } cases[] = {
+        {"<EventID>3061</EventID>", 3061},
+        {"<EventID> 3060\n</EventID>", 3060},
+        {"<event><ObjType>773</ObjType><EventID>0</EventID></event>", 0},
+        {"<EventID>4294967295</EventID>", 4294967295u},
+        {"<EventID>7</EventID><EventID>8</EventID>", 7},
+        {"", std::nullopt},
+        {"<EventIDs>1</EventIDs>", std::nullopt},
+        {"<EventID>4294967296</EventID>", std::nullopt},
+        {"<EventID>30 61</EventID>", std::nullopt},
+        {"<EventID>&#51;</EventID>", std::nullopt},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(kelp::ev::eventNumber(c.xml), c.number) << c.xml;
 }
 
 TEST_F(EventQueueTest, ClearDropsEverything)

@@ -1,12 +1,11 @@
 // The event interface: the plug-in's event monitor reads the queue of storage
-// events (eventif/event_queue.h) through these calls, and reads the extended
-// SNMP message preference from the ini store.
-#include <cstdlib>
+// events (eventif/event_queue.h) through these calls, as the reader side hands
+// them out (eventif/reader.h), and reads the extended SNMP message preference
+// from the ini store.
 #include <cstring>
-#include <optional>
-#include <string>
 
 #include "eventif/event_queue.h"
+#include "eventif/reader.h"
 #include "queue.h"
 #include "vcsif.h"
 
@@ -25,28 +24,15 @@ void vcsif32_yesEventQ(void)
 void vcsif32_noCmdQ(void) {}
 
 // Only single events are handed out; any other count is answered null and
-// leaves the queue as it is.
+// leaves the queue, and the text the reader holds, as they are.
 char *vcsif32_getEvent(uint32_t count)
 {
-    if (count != 1)
-        return nullptr;
-    std::optional<std::string> event = kelp::ev::takeOldestEvent();
-    if (!event)
-        return nullptr;
-    auto *copy = static_cast<char *>(std::malloc(event->size() + 1));
-    if (copy == nullptr) {
-        // Out of memory: keep the event for the next call rather than drop it.
-        kelp::ev::requeueOldestEvent(std::move(*event));
-        return nullptr;
-    }
-    std::memcpy(copy, event->c_str(), event->size() + 1);
-    return copy;
+    return count == 1 ? kelp::ev::readNextEvent() : nullptr;
 }
 
-// Event texts are heap blocks; null is ignored.
 void vcsif32_freeData(char *data)
 {
-    std::free(data);
+    kelp::ev::releaseEventText(data);
 }
 
 uint32_t geteemisnmpmsgpref(uint32_t *flag)

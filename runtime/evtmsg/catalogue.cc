@@ -7,6 +7,8 @@
 #include <mutex>
 #include <new>
 
+#include "evtmsg/utf8.h"
+#include "kelp/runtime.h"
 #include "queue.h"
 #include "support/config.h"
 #include "support/file_read.h"
@@ -49,41 +51,15 @@ size_t markerLength(std::string_view text, size_t at)
 // empty when it is.
 std::string textProblem(std::string_view text)
 {
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x80) {
-            if ((c < 0x20 && c != '\t') || c == 0x7F)
-                return "a control character (byte " + std::to_string(c) + ")";
-            ++i;
-            continue;
-        }
-        size_t more = 0;
-        unsigned lowest = 0;
-        if (c >= 0xC2 && c <= 0xDF) {
-            more = 1;
-            lowest = 0x80;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            more = 2;
-            lowest = 0x800;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            more = 3;
-            lowest = 0x10000;
-        } else {
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = utf8CharLength(text, i);
+        if (length == 0)
             return "bytes that are not UTF-8";
+        if (length == 1 && isControl(text[i]) && text[i] != '\t') {
+            return "a control character (byte " +
+                   std::to_string(static_cast<unsigned char>(text[i])) + ")";
         }
-        if (i + more >= text.size())
-            return "bytes that are not UTF-8";
-        unsigned code = c & (0x3Fu >> more);
-        for (size_t k = 1; k <= more; ++k) {
-            const auto b = static_cast<unsigned char>(text[i + k]);
-            if ((b & 0xC0) != 0x80)
-                return "bytes that are not UTF-8";
-            code = (code << 6) | (b & 0x3Fu);
-        }
-        if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-            return "bytes that are not UTF-8";
-        i += more + 1;
+        i += length;
     }
     return std::string();
 }
@@ -250,11 +226,16 @@ bool Parser::finish()
     return false;
 }
 
+// The catalogue in force and how it was chosen. Readers take a reference to
+// the catalogue under the mutex and read it without: a reload replaces the
+// pointer, never the catalogue.
 struct Served {
     std::mutex mutex;
-    bool settled = false; // guarded by mutex
+    // All guarded by mutex.
+    bool settled = false; // the first use chose and loaded
+    std::string chosen;   // KELP_CATALOGUE at the first use; empty: the candidates
     std::shared_ptr<const Catalogue> catalogue;
-    std::string error;
+    std::string error; // why no catalogue is in force; empty while one is
 };
 
 Served &served()
@@ -270,33 +251,27 @@ std::string runtimeDir()
     return GetInstallPath(path, &size) == 0 ? std::string(path) : std::string();
 }
 
-std::shared_ptr<const Catalogue> loadFromPlaces(std::string *error)
+// The catalogue of a choice: the file named, or the first candidate.
+std::shared_ptr<const Catalogue> loadChoice(const std::string &chosen, std::string *error)
 {
-    const std::string chosen = envValue("KELP_CATALOGUE");
     if (!chosen.empty())
         return loadCatalogueFile(chosen, error);
-    std::string tried;
-    for (const std::string &candidate : catalogueCandidates(runtimeDir())) {
-        std::string text, message;
-        // A candidate that does not exist is skipped; any other failure is
-        // the catalogue's.
-        FileRead read = readRegularFile(candidate, kMaxCatalogueFileBytes, &text, &message);
-        if (read == FileRead::kMissing) {
-            tried += (tried.empty() ? "" : ", ") + candidate;
-            continue;
-        }
-        if (read == FileRead::kRefused) {
-            *error = message;
-            return nullptr;
-        }
-        auto catalogue = std::make_shared<Catalogue>();
-        catalogue->origin = candidate;
-        if (!parseCatalogue(text, candidate, catalogue.get(), error))
-            return nullptr;
-        return catalogue;
+    return findCatalogue(catalogueCandidates(runtimeDir()), error);
+}
+
+// Makes the first use's choice and load, once. Requires state.mutex held.
+void settle(Served &state)
+{
+    if (state.settled)
+        return;
+    state.settled = true;
+    state.chosen = envValue("KELP_CATALOGUE");
+    std::string error;
+    state.catalogue = loadChoice(state.chosen, &error);
+    if (state.catalogue == nullptr) {
+        state.error = error;
+        kelp::rt::logError("alert catalogue: %s", error.c_str());
     }
-    *error = "no catalogue file: KELP_CATALOGUE is not set and none of " + tried + " exists";
-    return nullptr;
 }
 
 // The library's load loads the catalogue, so that a bad file is reported when
@@ -353,19 +328,38 @@ std::vector<std::string> catalogueCandidates(const std::string &runtimeDir)
     return places;
 }
 
+std::shared_ptr<const Catalogue> findCatalogue(const std::vector<std::string> &places,
+                                               std::string *error)
+{
+    for (const std::string &place : places) {
+        std::string text, message;
+        // A place where nothing exists is skipped; any other failure is the
+        // catalogue's.
+        const FileRead read = readRegularFile(place, kMaxCatalogueFileBytes, &text, &message);
+        if (read == FileRead::kMissing)
+            continue;
+        if (read == FileRead::kRefused) {
+            *error = message;
+            return nullptr;
+        }
+        auto catalogue = std::make_shared<Catalogue>();
+        catalogue->origin = place;
+        if (!parseCatalogue(text, place, catalogue.get(), error))
+            return nullptr;
+        return catalogue;
+    }
+    std::string list;
+    for (const std::string &place : places)
+        list += (list.empty() ? "" : ", ") + place;
+    *error = "no catalogue found in: " + list;
+    return nullptr;
+}
+
 std::shared_ptr<const Catalogue> servedCatalogue()
 {
     Served &state = served();
     std::lock_guard lock(state.mutex);
-    if (!state.settled) {
-        state.settled = true;
-        std::string error;
-        state.catalogue = loadFromPlaces(&error);
-        if (state.catalogue == nullptr) {
-            state.error = error;
-            kelp::rt::logError("alert catalogue: %s", error.c_str());
-        }
-    }
+    settle(state);
     return state.catalogue;
 }
 
@@ -373,38 +367,53 @@ std::string servedCatalogueError()
 {
     Served &state = served();
     std::lock_guard lock(state.mutex);
+    settle(state);
     return state.error;
 }
-
-namespace {
-
-void serve(std::shared_ptr<const Catalogue> catalogue)
-{
-    Served &state = served();
-    std::lock_guard lock(state.mutex);
-    state.settled = true;
-    state.catalogue = std::move(catalogue);
-    state.error.clear();
-}
-
-} // namespace
 
 bool serveCatalogueFile(const std::string &path, std::string *error)
 {
     std::shared_ptr<const Catalogue> catalogue = loadCatalogueFile(path, error);
     if (catalogue == nullptr)
         return false;
-    serve(std::move(catalogue));
+    Served &state = served();
+    std::lock_guard lock(state.mutex);
+    settle(state);
+    state.catalogue = std::move(catalogue);
+    state.error.clear();
     return true;
 }
 
 bool reloadCatalogue(std::string *error)
 {
-    std::shared_ptr<const Catalogue> catalogue = loadFromPlaces(error);
-    if (catalogue == nullptr)
+    Served &state = served();
+    std::string chosen;
+    {
+        std::lock_guard lock(state.mutex);
+        settle(state);
+        chosen = state.chosen;
+    }
+    // Read without the lock: readers go on with the catalogue in force.
+    std::shared_ptr<const Catalogue> catalogue = loadChoice(chosen, error);
+    std::lock_guard lock(state.mutex);
+    if (catalogue == nullptr) {
+        if (state.catalogue == nullptr)
+            state.error = *error;
         return false;
-    serve(std::move(catalogue));
+    }
+    state.catalogue = std::move(catalogue);
+    state.error.clear();
     return true;
+}
+
+void forgetServedCatalogue()
+{
+    Served &state = served();
+    std::lock_guard lock(state.mutex);
+    state.settled = false;
+    state.chosen.clear();
+    state.catalogue = nullptr;
+    state.error.clear();
 }
 
 std::string_view cutText(std::string_view text, size_t capacity)
@@ -450,3 +459,42 @@ std::string expandText(std::string_view text, uint32_t eventId, uint32_t insertC
 }
 
 } // namespace kelp::rt::evtmsg
+
+extern "C" {
+
+// kelp/runtime.h: the catalogue's load status and its reload, for the host.
+int kelpRuntimeCatalogueStatus(char *error, unsigned errorSize)
+{
+    try {
+        kelp::rt::evtmsg::Served &state = kelp::rt::evtmsg::served();
+        std::lock_guard lock(state.mutex);
+        kelp::rt::evtmsg::settle(state);
+        if (state.catalogue != nullptr) {
+            kelp::rt::copyToBuffer("", error, errorSize);
+            return 0;
+        }
+        kelp::rt::copyToBuffer(state.error, error, errorSize);
+        return 1;
+    } catch (const std::bad_alloc &) {
+        kelp::rt::copyToBuffer("out of memory", error, errorSize);
+        return 1;
+    }
+}
+
+int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize)
+{
+    try {
+        std::string message;
+        if (kelp::rt::evtmsg::reloadCatalogue(&message)) {
+            kelp::rt::copyToBuffer("", error, errorSize);
+            return 0;
+        }
+        kelp::rt::copyToBuffer(message, error, errorSize);
+        return 1;
+    } catch (const std::bad_alloc &) {
+        kelp::rt::copyToBuffer("out of memory", error, errorSize);
+        return 1;
+    }
+}
+
+} // extern "C"

@@ -1,7 +1,8 @@
 // The alert catalogue: event numbers to a severity level, a message id, a
 // message and an extended description, read from a text file (format in
 // data/ALERTS.md, the shipped file is data/alerts.txt). The runtime serves one
-// catalogue, loaded when the library is loaded; evtmsg.cc answers from it.
+// catalogue, loaded when the library is loaded and again when the host asks
+// (kelpRuntimeReloadCatalogue); evtmsg.cc answers from it.
 #ifndef KELP_RUNTIME_EVTMSG_CATALOGUE_H
 #define KELP_RUNTIME_EVTMSG_CATALOGUE_H
 
@@ -50,21 +51,36 @@ std::shared_ptr<const Catalogue> loadCatalogueFile(const std::string &path, std:
 // where <runtime dir> is the directory of libkelpruntime.so.
 std::vector<std::string> catalogueCandidates(const std::string &runtimeDir);
 
-// The catalogue served: loaded on first use (the library's load uses it) from
-// KELP_CATALOGUE, else the first candidate that exists. Null when it could
-// not be loaded; the reason is printed once on stderr and kept for
-// servedCatalogueError.
+// Loads the first of `places` that exists. Null with the error: that file's
+// ("PATH:LINE: reason", "PATH: not a regular file" ...), or "no catalogue
+// found in: PLACE, PLACE" when none of them exists.
+std::shared_ptr<const Catalogue> findCatalogue(const std::vector<std::string> &places,
+                                               std::string *error);
+
+// The catalogue served: loaded on first use (the library's load uses it)
+// from the file KELP_CATALOGUE names then, else from the first candidate
+// that exists; that choice holds for every reload. Null when none is in
+// force; the reason is logged once and kept for servedCatalogueError.
 std::shared_ptr<const Catalogue> servedCatalogue();
+
+// Why no catalogue is in force, or "" while one is.
 std::string servedCatalogueError();
 
 // Serves the catalogue in the file at path in place of the current one
 // (tests, hosts). False with the error, the served catalogue unchanged.
 bool serveCatalogueFile(const std::string &path, std::string *error);
 
-// Loads the catalogue again from KELP_CATALOGUE or the candidates, as the
-// first use does, and serves it. False with the error, the served catalogue
-// unchanged.
+// Reads the catalogue again as chosen at the first use (the file
+// KELP_CATALOGUE named then, else the candidates, searched again) and serves
+// it. False with the error: the served catalogue stays; when none was in
+// force, the error becomes servedCatalogueError's. Safe while other threads
+// answer from the served catalogue: they keep the one they took.
 bool reloadCatalogue(std::string *error);
+
+// Tests: back to the state before the library's load (no catalogue, no
+// choice), so that the next servedCatalogue or reloadCatalogue chooses and
+// loads as the load does.
+void forgetServedCatalogue();
 
 // A catalogue text with its markers replaced: %0 by eventId, %N (N = 1..10;
 // "%10" is ten, otherwise one digit) by inserts[N - 1] when N <= insertCount

@@ -6,13 +6,19 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "evtmsg.h"
+#include "kelp/runtime.h"
 #include "support/env_testing.h"
 
 namespace em = kelp::rt::evtmsg;
@@ -158,30 +164,215 @@ TEST(CatalogueFileTest, TheRuntimeServesTheShippedCatalogueAtStart)
     EXPECT_EQ(origin.substr(origin.size() - 16), "/data/alerts.txt");
 }
 
-TEST(CatalogueFileTest, KelpCatalogueChoosesTheFile)
+TEST(CatalogueFileTest, NoCatalogueInAnyPlaceNamesThePlaces)
 {
-    ScopedEnv keep("KELP_CATALOGUE");
-    TempFile mine("mine.txt", std::string(kDefaultLine) + "7 | 2 | T7 | Seven. | Seven.\n");
-    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    const std::string dir = testing::TempDir() + "kelp-" + std::to_string(getpid());
     std::string error;
-    ASSERT_TRUE(em::reloadCatalogue(&error)) << error;
-    EXPECT_EQ(em::servedCatalogue()->origin, mine.path());
-    char level[EVTMSG_TEXT_SIZE], message[EVTMSG_MESSAGE_SIZE];
-    EXPECT_EQ(evtmsg_getAlertMsg(7, level, message, 0, nullptr), 0u);
-    EXPECT_STREQ(message, "Seven.");
+    EXPECT_EQ(em::findCatalogue({dir + "-a/alerts.txt", dir + "-b/alerts.txt"}, &error), nullptr);
+    EXPECT_EQ(error, "no catalogue found in: " + dir + "-a/alerts.txt, " + dir + "-b/alerts.txt");
+    EXPECT_EQ(em::findCatalogue({}, &error), nullptr);
+    EXPECT_EQ(error, "no catalogue found in: ");
 
-    // A bad file is an error naming it and its line; the served one stays.
-    TempFile bad("bad.txt", std::string(kDefaultLine) + "8 | 3 | T8 | Eight. | Eight.\n");
+    // The first place that exists is the catalogue, good or bad.
+    auto found = em::findCatalogue({dir + "-a/alerts.txt", shippedPath()}, &error);
+    ASSERT_NE(found, nullptr) << error;
+    EXPECT_EQ(found->origin, shippedPath());
+    EXPECT_EQ(em::findCatalogue({"/", shippedPath()}, &error), nullptr);
+    EXPECT_EQ(error, "/: not a regular file");
+}
+
+// Tests of the choice the library's load makes: each starts from a runtime
+// that has not chosen yet, with KELP_CATALOGUE naming a file of the test, and
+// leaves a runtime that chooses again as it would at load.
+class CatalogueChoiceTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        env_.emplace("KELP_CATALOGUE");
+        em::forgetServedCatalogue();
+    }
+    void TearDown() override
+    {
+        env_.reset();
+        em::forgetServedCatalogue();
+    }
+
+    // Writes text into the catalogue file as an editor that saves by rename
+    // does, so that a reader never sees half of it.
+    static void save(const std::string &path, const std::string &text)
+    {
+        const std::string next = path + ".new";
+        std::ofstream(next, std::ios::binary) << text;
+        ASSERT_EQ(std::rename(next.c_str(), path.c_str()), 0) << path;
+    }
+
+    static std::string alert(uint32_t eventId, uint32_t *status = nullptr)
+    {
+        char level[EVTMSG_TEXT_SIZE], message[EVTMSG_MESSAGE_SIZE];
+        const uint32_t answer = evtmsg_getAlertMsg(eventId, level, message, 0, nullptr);
+        if (status != nullptr)
+            *status = answer;
+        return message;
+    }
+
+    static std::pair<int, std::string> status()
+    {
+        char error[1024];
+        std::memset(error, 'x', sizeof error);
+        const int answer = kelpRuntimeCatalogueStatus(error, sizeof error);
+        return {answer, error};
+    }
+
+    static std::pair<int, std::string> reload()
+    {
+        char error[1024];
+        std::memset(error, 'x', sizeof error);
+        const int answer = kelpRuntimeReloadCatalogue(error, sizeof error);
+        return {answer, error};
+    }
+
+  private:
+    std::optional<ScopedEnv> env_;
+};
+
+const std::string kSeven = std::string(kDefaultLine) + "7 | 2 | T7 | Seven. | Seven.\n";
+const std::string kBadLevel = std::string(kDefaultLine) + "8 | 3 | T8 | Eight. | Eight.\n";
+
+TEST_F(CatalogueChoiceTest, KelpCatalogueAtLoadChoosesTheFileForGood)
+{
+    TempFile mine("mine.txt", kSeven);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    ASSERT_NE(em::servedCatalogue(), nullptr) << em::servedCatalogueError();
+    EXPECT_EQ(em::servedCatalogue()->origin, mine.path());
+    uint32_t answer = 99;
+    EXPECT_EQ(alert(7, &answer), "Seven.");
+    EXPECT_EQ(answer, 0u);
+    EXPECT_EQ(status(), std::make_pair(0, std::string()));
+
+    // What KELP_CATALOGUE names after the load does not change the choice.
+    TempFile bad("bad.txt", kBadLevel);
     setenv("KELP_CATALOGUE", bad.path().c_str(), 1);
-    EXPECT_FALSE(em::reloadCatalogue(&error));
-    EXPECT_EQ(error, bad.path() + ":2: level '3' is not 1, 2 or 4");
+    EXPECT_EQ(reload(), std::make_pair(0, std::string()));
     EXPECT_EQ(em::servedCatalogue()->origin, mine.path());
+}
 
-    setenv("KELP_CATALOGUE", "/nonexistent/alerts.txt", 1);
-    EXPECT_FALSE(em::reloadCatalogue(&error));
-    EXPECT_EQ(error.rfind("/nonexistent/alerts.txt: cannot open: ", 0), 0u) << error;
+TEST_F(CatalogueChoiceTest, AReloadServesTheFileAsItIsNow)
+{
+    TempFile mine("mine.txt", kSeven);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    EXPECT_EQ(alert(7), "Seven.");
+    save(mine.path(), std::string(kDefaultLine) + "7 | 2 | T7 | Seven again. | Seven.\n");
+    EXPECT_EQ(alert(7), "Seven.") << "nothing changes before the reload";
+    EXPECT_EQ(reload(), std::make_pair(0, std::string()));
+    EXPECT_EQ(alert(7), "Seven again.");
+}
 
-    ASSERT_TRUE(em::serveCatalogueFile(shippedPath(), &error)) << error;
+TEST_F(CatalogueChoiceTest, AFailedReloadKeepsTheCatalogueInForce)
+{
+    TempFile mine("mine.txt", kSeven);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    ASSERT_EQ(alert(7), "Seven.");
+
+    save(mine.path(), kBadLevel);
+    EXPECT_EQ(reload(), std::make_pair(1, mine.path() + ":2: level '3' is not 1, 2 or 4"));
+    EXPECT_EQ(alert(7), "Seven.");
+    EXPECT_EQ(status(), std::make_pair(0, std::string())) << "the catalogue in force loaded";
+
+    std::remove(mine.path().c_str());
+    EXPECT_EQ(reload(),
+              std::make_pair(1, mine.path() + ": cannot open: No such file or directory"));
+    EXPECT_EQ(alert(7), "Seven.");
+    EXPECT_EQ(status().first, 0);
+}
+
+TEST_F(CatalogueChoiceTest, ABrokenCatalogueAtLoadIsTheStatusUntilAReloadSucceeds)
+{
+    TempFile mine("mine.txt", kBadLevel);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    EXPECT_EQ(status(), std::make_pair(1, mine.path() + ":2: level '3' is not 1, 2 or 4"));
+    uint32_t answer = 99;
+    EXPECT_EQ(alert(8, &answer), "");
+    EXPECT_EQ(answer, 5u) << "no catalogue: no alert";
+
+    // A reload that fails again reports its own error, and so does the
+    // status from then on.
+    save(mine.path(), std::string(kDefaultLine) + "8 | 1 | T8 | Eight. | Eight.\n"
+                                                  "8 | 1 | T8 | Eight. | Eight.\n");
+    EXPECT_EQ(reload(), std::make_pair(1, mine.path() + ":3: event 8 is already on line 2"));
+    EXPECT_EQ(status(), std::make_pair(1, mine.path() + ":3: event 8 is already on line 2"));
+
+    save(mine.path(), std::string(kDefaultLine) + "8 | 1 | T8 | Eight. | Eight.\n");
+    EXPECT_EQ(reload(), std::make_pair(0, std::string()));
+    EXPECT_EQ(status(), std::make_pair(0, std::string()));
+    EXPECT_EQ(alert(8, &answer), "Eight.");
+    EXPECT_EQ(answer, 0u);
+}
+
+TEST_F(CatalogueChoiceTest, AMissingFileAtLoadIsTheStatus)
+{
+    const std::string path = testing::TempDir() + "kelp-" + std::to_string(getpid()) + "-none.txt";
+    setenv("KELP_CATALOGUE", path.c_str(), 1);
+    EXPECT_EQ(status(), std::make_pair(1, path + ": cannot open: No such file or directory"));
+    TempFile empty("none.txt", "");
+    EXPECT_EQ(reload(), std::make_pair(1, path + ": no 'default' line (the alert of numbers "
+                                                 "without a line of their own)"));
+}
+
+TEST_F(CatalogueChoiceTest, TheMessageIsCutToTheCallersBuffer)
+{
+    TempFile mine("mine.txt", kBadLevel);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    Guarded<12> small;
+    EXPECT_NE(kelpRuntimeCatalogueStatus(small.area(), 12), 0);
+    EXPECT_EQ(std::string(small.area()), mine.path().substr(0, 11));
+    EXPECT_TRUE(small.guardsIntact());
+    Guarded<12> again;
+    EXPECT_NE(kelpRuntimeReloadCatalogue(again.area(), 12), 0);
+    EXPECT_EQ(std::string(again.area()), mine.path().substr(0, 11));
+    EXPECT_TRUE(again.guardsIntact());
+    // No buffer: only the answer.
+    EXPECT_NE(kelpRuntimeCatalogueStatus(nullptr, 0), 0);
+    EXPECT_NE(kelpRuntimeReloadCatalogue(nullptr, 100), 0);
+    char untouched = 'u';
+    EXPECT_NE(kelpRuntimeCatalogueStatus(&untouched, 0), 0);
+    EXPECT_EQ(untouched, 'u');
+}
+
+TEST_F(CatalogueChoiceTest, ReloadsWhileOtherThreadsReadTheAlerts)
+{
+    const std::string first = std::string(kDefaultLine) + "7 | 2 | T7 | First. | First.\n";
+    const std::string second = std::string(kDefaultLine) + "7 | 1 | T7 | Second. | Second.\n";
+    TempFile mine("mine.txt", first);
+    setenv("KELP_CATALOGUE", mine.path().c_str(), 1);
+    ASSERT_EQ(alert(7), "First.");
+
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0}, reads{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&] {
+            while (!done) {
+                char level[EVTMSG_TEXT_SIZE], message[EVTMSG_MESSAGE_SIZE];
+                const uint32_t answer = evtmsg_getAlertMsg(7, level, message, 0, nullptr);
+                const std::string seen = std::string(level) + " " + message;
+                if (answer != 0 || (seen != "2 First." && seen != "1 Second."))
+                    ++wrong;
+                ++reads;
+            }
+        });
+    }
+    int failedReloads = 0;
+    for (int i = 0; i < 200; ++i) {
+        save(mine.path(), i % 2 == 0 ? second : first);
+        failedReloads += kelpRuntimeReloadCatalogue(nullptr, 0) != 0 ? 1 : 0;
+    }
+    done = true;
+    for (std::thread &reader : readers)
+        reader.join();
+    EXPECT_EQ(failedReloads, 0);
+    EXPECT_EQ(wrong, 0);
+    EXPECT_GT(reads, 0);
+    EXPECT_EQ(alert(7), "First.") << "the last file saved is served";
 }
 
 TEST(CatalogueFormatTest, CommentsBlankLinesBlanksAndCrlfAreAllowed)
@@ -368,6 +559,24 @@ TEST(AlertMessageTest, AnUnknownEventGetsTheDefault)
     EXPECT_STREQ(message, "Storage event 65000 occurred.");
     EXPECT_EQ(evtmsg_getAlertMsg(4294967295u, level, message, 0, nullptr), 2u);
     EXPECT_STREQ(message, "Storage event 4294967295 occurred.");
+}
+
+TEST(AlertMessageTest, AnUnknownEventTakesTheDefaultLinesLevel)
+{
+    // The level is the default line's, not a fixed one: a catalogue whose
+    // default is critical answers 1.
+    TempFile file(
+        "critical-default.txt",
+        "default | 1 | D0 | Unknown event %0. | Unknown.\n7 | 4 | T7 | Seven. | Seven.\n");
+    std::string error;
+    ASSERT_TRUE(em::serveCatalogueFile(file.path(), &error)) << error;
+    char level[EVTMSG_TEXT_SIZE], message[EVTMSG_MESSAGE_SIZE];
+    EXPECT_EQ(evtmsg_getAlertMsg(8, level, message, 0, nullptr), 2u);
+    EXPECT_STREQ(level, "1");
+    EXPECT_STREQ(message, "Unknown event 8.");
+    EXPECT_EQ(evtmsg_getAlertMsg(7, level, message, 0, nullptr), 0u);
+    EXPECT_STREQ(level, "4");
+    ASSERT_TRUE(em::serveCatalogueFile(shippedPath(), &error)) << error;
 }
 
 TEST(AlertMessageTest, NullAreasAndInsertsAreSkipped)

@@ -26,13 +26,8 @@ void clear(char *area)
 // manager never sees half a character.
 void copyText(std::string_view text, char *area)
 {
-    if (text.size() >= EVTMSG_TEXT_SIZE) {
-        size_t n = EVTMSG_TEXT_SIZE - 1;
-        while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
-            --n;
-        text = text.substr(0, n);
-    }
-    kelp::rt::copyToBuffer(text, area, EVTMSG_TEXT_SIZE);
+    kelp::rt::copyToBuffer(kelp::rt::evtmsg::cutText(text, EVTMSG_TEXT_SIZE), area,
+                           EVTMSG_TEXT_SIZE);
 }
 
 // A view of a caller's text that reads at most limit + 1 bytes of it: enough
@@ -97,11 +92,12 @@ uint32_t evtmsg_getAlertMsg(uint32_t eventId, char *level, char *message, uint32
 }
 
 // The texts of objectLocation (evtmsg/location.h, scheme in data/NAMES.md),
-// each cut to EVTMSG_TEXT_SIZE - 1 bytes; a null area is skipped. 0 found,
-// 2 not in the served model (texts made from the nexus), 5 for a malformed
-// nexus, an unknown type, a null nexus, separator or language, a non-zero
-// `reserved` or memory exhaustion (every given area empty). The texts are
-// English whatever `language` asks for: the catalogue has no other.
+// each cut to EVTMSG_TEXT_SIZE - 1 bytes; a null area is skipped. 0 for every
+// nexus text, whether it has one of the type's shapes or not and whether the
+// served model holds the object or not; 5 for an unknown type code, a null
+// nexus, separator or language, a non-zero `reserved` or memory exhaustion
+// (every given area empty). The texts are English whatever `language` asks
+// for: the catalogue has no other.
 uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus, const char *separator,
                                       const char *language, char *location1, char *location2,
                                       char *displayName, char *detail, uint32_t reserved)
@@ -114,14 +110,18 @@ uint32_t evtmsg_getObjLocationStrings(uint32_t objType, const char *nexus, const
     try {
         namespace em = kelp::rt::evtmsg;
         em::LocationTexts texts;
+        // No text can show more of the nexus than its first kNexusReadLimit
+        // bytes; a cut there leaves out a character that would not be whole.
+        const std::string_view nexusText =
+            em::cutText(bounded(nexus, em::kNexusReadLimit), em::kNexusReadLimit + 1);
         // A separator longer than an area cannot change what fits in one.
-        const uint32_t status = em::objectLocation(objType, bounded(nexus, em::kLongestNexus),
-                                                   bounded(separator, EVTMSG_TEXT_SIZE), &texts);
+        if (!em::objectLocation(objType, nexusText, bounded(separator, EVTMSG_TEXT_SIZE), &texts))
+            return 5;
         copyText(texts.location1, location1);
         copyText(texts.location2, location2);
         copyText(texts.displayName, displayName);
         copyText(texts.detail, detail);
-        return status;
+        return 0;
     } catch (const std::bad_alloc &) {
         for (char *area : areas)
             clear(area);

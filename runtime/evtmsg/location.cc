@@ -1,8 +1,9 @@
-// Location texts of storage objects (see location.h): one row per nexus
-// shape a type code may take, read by one matcher and one formatter. Only
-// two things come from the served model: whether the object exists, and its
-// controller's Name; everything else is made from the nexus alone, so a
-// name never depends on attributes that change while the object lives.
+// Location texts of storage objects (see location.h): one row per kind of
+// object and one per nexus shape a type code may take, read by one matcher
+// and one formatter. The only thing that comes from the served model is the
+// top-level device of a nexus (a controller and its Name); everything else
+// is made from the nexus alone, so a name never depends on attributes that
+// change while the object lives, nor on whether the model still holds it.
 #include "evtmsg/location.h"
 
 #include <algorithm>
@@ -12,62 +13,89 @@
 
 #include "datastore/model.h"
 #include "datastore/model_store.h"
+#include "evtmsg/utf8.h"
 
 namespace kelp::rt::evtmsg {
 namespace {
 
 constexpr size_t kMaxElements = 5;
 constexpr std::string_view kLargestNumber = "4294967295";
+// Five numbers of up to ten digits and the four backslashes between them.
+constexpr size_t kLongestShapedNexus = 5 * kLargestNumber.size() + 4;
+
+// What a type code names, and the top-level device the first element of
+// its nexus numbers: location1 is "TOPNAME FIRST", with " (Name)" of the
+// controller when the device is an `adapters` object.
+struct Kind {
+    uint32_t code;
+    std::string_view name;      // the displayName of a nexus without a shape
+    std::string_view modelType; // the model's object type of the code
+    std::string_view topType;   // the model's object type of the top-level device
+    std::string_view topName;
+};
+
+constexpr std::string_view kAdapters = "adapters";
+
+constexpr Kind kKinds[] = {
+    {769, "Controller", "adapters", kAdapters, "Controller"},
+    {770, "Channel", "bus", kAdapters, "Controller"},
+    {771, "Battery", "batteries", kAdapters, "Controller"},
+    {772, "Physical Disk", "arraydisks", kAdapters, "Controller"},
+    {773, "Virtual Disk", "vdisks", kAdapters, "Controller"},
+    {774, "Tape Drive", "Tape", kAdapters, "Controller"},
+    {776, "Enclosure", "enclosures", kAdapters, "Controller"},
+    {777, "Fan", "fans", kAdapters, "Controller"},
+    {778, "Temperature Probe", "tempprobes", kAdapters, "Controller"},
+    {779, "Power Supply", "psupplies", kAdapters, "Controller"},
+    {780, "EMM", "emms", kAdapters, "Controller"},
+    {783, "Physical Disk", "arraydisks", kAdapters, "Controller"},
+    {785, "PCIe SSD", "arraydisks", kAdapters, "Controller"},
+    {786, "Tidal Cache", "Tidal Cache", "Tidal Cache", "Tidal Cache"},
+    {789, "Cache Disk", "CacheLunNode", "Tidal Cache", "Tidal Cache"},
+    {791, "Partition", "VDPartitionNode", kAdapters, "Controller"},
+    {792, "Tidal Cache Pool", "Tidal Cache Pool", "Tidal Cache", "Tidal Cache"},
+    {793, "NVMe Adapter", "NVMeAdapter", "NVMeAdapter", "NVMe Adapter"},
+};
 
 // One shape of nexus a type code may take and the texts made from it. A
 // shape lists the nexus's elements as data/models/README.md writes them: a
 // capital letter stands for any number, digits for a fixed marker. In the
-// texts, {X} is the number the shape calls X.
+// texts, {X} is the number the shape calls X. The first element is always
+// the top-level device's number (location1).
 struct NameRule {
     uint32_t code;
-    std::string_view modelType; // the model's object type of the code
     std::string_view shape;
     std::string_view displayName;
-    std::string_view location1;
-    bool withControllerName; // location1 adds " (Name)" of the controller {C}
     std::string_view location2;
 };
-
-constexpr std::string_view kController = "Controller {C}";
 
 // Disks, tapes, enclosures and channels carry the numbers the controller
 // knows them by, so an administrator finds the drive from its name; the
 // parts of an enclosure, a virtual disk or a cache pool are numbered within
 // it, and location2 names it.
 constexpr NameRule kRules[] = {
-    {769, "adapters", "C", "Controller {C}", kController, true, ""},
-    {770, "bus", "C\\H", "Channel {H}", kController, true, ""},
-    {771, "batteries", "C\\64\\B", "Battery {B}", kController, true, ""},
-    {772, "arraydisks", "C\\H\\E\\S", "Physical Disk {H}:{E}:{S}", kController, true,
-     "Enclosure {H}:{E}"},
-    {772, "arraydisks", "C\\H\\T", "Physical Disk {H}:{T}", kController, true, "Channel {H}"},
-    {783, "arraydisks", "C\\H\\E\\S", "Physical Disk {H}:{E}:{S}", kController, true,
-     "Enclosure {H}:{E}"},
-    {783, "arraydisks", "C\\H\\T", "Physical Disk {H}:{T}", kController, true, "Channel {H}"},
-    {785, "arraydisks", "C\\H\\E\\S", "PCIe SSD {H}:{E}:{S}", kController, true,
-     "Enclosure {H}:{E}"},
-    {785, "arraydisks", "C\\H\\T", "PCIe SSD {H}:{T}", kController, true, "Channel {H}"},
-    {773, "vdisks", "C\\128\\L", "Virtual Disk {L}", kController, true, ""},
-    {773, "vdisks", "C\\128\\L\\N", "Span {N}", kController, true, "Virtual Disk {L}"},
-    {774, "Tape", "C\\H\\T", "Tape Drive {H}:{T}", kController, true, "Channel {H}"},
-    {776, "enclosures", "C\\H\\E", "Enclosure {H}:{E}", kController, true, "Channel {H}"},
-    {777, "fans", "C\\H\\E\\1\\I", "Fan {I}", kController, true, "Enclosure {H}:{E}"},
-    {778, "tempprobes", "C\\H\\E\\3\\I", "Temperature Probe {I}", kController, true,
-     "Enclosure {H}:{E}"},
-    {779, "psupplies", "C\\H\\E\\2\\I", "Power Supply {I}", kController, true, "Enclosure {H}:{E}"},
-    {780, "emms", "C\\H\\E\\4\\I", "EMM {I}", kController, true, "Enclosure {H}:{E}"},
-    {786, "Tidal Cache", "X", "Tidal Cache {X}", "Tidal Cache {X}", false, ""},
-    {789, "CacheLunNode", "X\\P\\N", "Cache Disk {N}", "Tidal Cache {X}", false,
-     "Tidal Cache Pool {P}"},
-    {791, "VDPartitionNode", "C\\129\\L\\P", "Partition {P}", kController, true,
-     "Virtual Disk {L}"},
-    {792, "Tidal Cache Pool", "X\\P", "Tidal Cache Pool {P}", "Tidal Cache {X}", false, ""},
-    {793, "NVMeAdapter", "A", "NVMe Adapter {A}", "NVMe Adapter {A}", false, ""},
+    {769, "C", "Controller {C}", ""},
+    {770, "C\\H", "Channel {H}", ""},
+    {771, "C\\64\\B", "Battery {B}", ""},
+    {772, "C\\H\\E\\S", "Physical Disk {H}:{E}:{S}", "Enclosure {H}:{E}"},
+    {772, "C\\H\\T", "Physical Disk {H}:{T}", "Channel {H}"},
+    {783, "C\\H\\E\\S", "Physical Disk {H}:{E}:{S}", "Enclosure {H}:{E}"},
+    {783, "C\\H\\T", "Physical Disk {H}:{T}", "Channel {H}"},
+    {785, "C\\H\\E\\S", "PCIe SSD {H}:{E}:{S}", "Enclosure {H}:{E}"},
+    {785, "C\\H\\T", "PCIe SSD {H}:{T}", "Channel {H}"},
+    {773, "C\\128\\L", "Virtual Disk {L}", ""},
+    {773, "C\\128\\L\\N", "Span {N}", "Virtual Disk {L}"},
+    {774, "C\\H\\T", "Tape Drive {H}:{T}", "Channel {H}"},
+    {776, "C\\H\\E", "Enclosure {H}:{E}", "Channel {H}"},
+    {777, "C\\H\\E\\1\\I", "Fan {I}", "Enclosure {H}:{E}"},
+    {778, "C\\H\\E\\3\\I", "Temperature Probe {I}", "Enclosure {H}:{E}"},
+    {779, "C\\H\\E\\2\\I", "Power Supply {I}", "Enclosure {H}:{E}"},
+    {780, "C\\H\\E\\4\\I", "EMM {I}", "Enclosure {H}:{E}"},
+    {786, "X", "Tidal Cache {X}", ""},
+    {789, "X\\P\\N", "Cache Disk {N}", "Tidal Cache Pool {P}"},
+    {791, "C\\129\\L\\P", "Partition {P}", "Virtual Disk {L}"},
+    {792, "X\\P", "Tidal Cache Pool {P}", ""},
+    {793, "A", "NVMe Adapter {A}", ""},
 };
 
 // The elements of a nexus or shape: views into its text.
@@ -93,8 +121,8 @@ constexpr bool split(std::string_view text, Elements *out)
 }
 
 // A number as the models write one: decimal digits without a sign or a
-// leading zero, at most 4294967295. Only one spelling per number, so the
-// index finds an object by the text the caller gives.
+// leading zero, at most 4294967295. Only one spelling per number, so a name
+// stands for one object.
 constexpr bool isNumber(std::string_view s)
 {
     if (s.empty() || s.size() > kLargestNumber.size() || (s.size() > 1 && s[0] == '0'))
@@ -142,35 +170,58 @@ constexpr bool isModelType(std::string_view name)
                        [&](const ds::ObjectType &t) { return t.name == name; });
 }
 
-// A row the matcher and formatter can trust: a model type, a shape of
-// distinct letters and canonical markers, texts naming only its letters, and
-// a controller {C} first wherever its Name is asked for.
-constexpr bool isSound(const NameRule &rule)
+constexpr const Kind *kindOf(uint32_t code)
+{
+    for (const Kind &kind : kKinds) {
+        if (kind.code == code)
+            return &kind;
+    }
+    return nullptr;
+}
+
+// A kind the formatter can trust: one row per code, model types that exist,
+// and a controller's Name only asked of controllers.
+constexpr bool isSoundKind(const Kind &kind)
+{
+    return kindOf(kind.code) == &kind && !kind.name.empty() && !kind.topName.empty() &&
+           isModelType(kind.modelType) && isModelType(kind.topType);
+}
+
+// A row the matcher and formatter can trust: a known code, a shape of
+// distinct letters and canonical markers whose first element is a letter
+// (the top-level device), and texts naming only its letters.
+constexpr bool isSoundRule(const NameRule &rule)
 {
     Elements shape;
-    if (!isModelType(rule.modelType) || rule.shape.empty() || !split(rule.shape, &shape))
+    if (kindOf(rule.code) == nullptr || rule.shape.empty() || !split(rule.shape, &shape) ||
+        !isVariable(shape.at[0]))
         return false;
     for (size_t i = 0; i < shape.count; ++i) {
         const std::string_view e = shape.at[i];
         if (isVariable(e) ? variableIndex(shape, e[0]) != i : !isNumber(e))
             return false;
     }
-    if (rule.withControllerName && variableIndex(shape, 'C') != 0)
-        return false;
     return placeholdersAreKnown(rule.displayName, shape) &&
-           placeholdersAreKnown(rule.location1, shape) &&
            placeholdersAreKnown(rule.location2, shape);
 }
 
-static_assert(std::all_of(std::begin(kRules), std::end(kRules), isSound));
+static_assert(std::all_of(std::begin(kKinds), std::end(kKinds), isSoundKind));
+static_assert(std::all_of(std::begin(kRules), std::end(kRules), isSoundRule));
 
-// Every type the models hold has a name under its own code.
+// Every kind has a shape, and its first shape's name is the kind's name and
+// its numbers, so a nexus without a shape reads as one with.
+static_assert(std::all_of(std::begin(kKinds), std::end(kKinds), [](const Kind &kind) {
+    const NameRule *first = std::find_if(std::begin(kRules), std::end(kRules),
+                                         [&](const NameRule &r) { return r.code == kind.code; });
+    return first != std::end(kRules) && first->displayName.starts_with(kind.name) &&
+           first->displayName.substr(kind.name.size()).starts_with(" {");
+}));
+
+// Every type the models hold is named under its own code.
 static_assert(std::all_of(std::begin(ds::kObjectTypes), std::end(ds::kObjectTypes),
                           [](const ds::ObjectType &t) {
-                              return std::any_of(
-                                  std::begin(kRules), std::end(kRules), [&](const NameRule &r) {
-                                      return r.code == t.code && r.modelType == t.name;
-                                  });
+                              const Kind *kind = kindOf(t.code);
+                              return kind != nullptr && kind->modelType == t.name;
                           }));
 
 bool matches(const Elements &shape, const Elements &nexus)
@@ -184,11 +235,14 @@ bool matches(const Elements &shape, const Elements &nexus)
     return true;
 }
 
-// The rule of `type` whose shape the nexus has, or null.
-const NameRule *ruleFor(uint32_t type, const Elements &nexus, Elements *shape)
+// The rule of `code` whose shape the nexus has, or null.
+const NameRule *ruleFor(uint32_t code, std::string_view nexus, Elements *elements, Elements *shape)
 {
+    if (nexus.size() > kLongestShapedNexus || !split(nexus, elements) ||
+        !std::all_of(elements->at.begin(), elements->at.begin() + elements->count, isNumber))
+        return nullptr;
     for (const NameRule &rule : kRules) {
-        if (rule.code == type && split(rule.shape, shape) && matches(*shape, nexus))
+        if (rule.code == code && split(rule.shape, shape) && matches(*shape, *elements))
             return &rule;
     }
     return nullptr;
@@ -210,52 +264,95 @@ std::string format(std::string_view text, const Elements &shape, const Elements 
     return out;
 }
 
-std::string join(const Elements &nexus, std::string_view separator)
+// text with every control character and every byte that is not part of a
+// well-formed UTF-8 character replaced by '?': a name is always text a
+// manager can show, whatever bytes the nexus held.
+std::string shown(std::string_view text)
 {
-    std::string out(nexus.at[0]);
-    for (size_t i = 1; i < nexus.count; ++i) {
-        out += separator;
-        out += nexus.at[i];
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = utf8CharLength(text, i);
+        if (length == 0 || (length == 1 && isControl(text[i]))) {
+            out += '?';
+            ++i;
+        } else {
+            out.append(text.substr(i, length));
+            i += length;
+        }
     }
     return out;
 }
 
-// The Name of the controller whose nexus is `controller`, or null.
-const std::string *controllerName(const ds::Model *model, std::string_view controller)
+// text with each backslash replaced by the separator.
+std::string joined(std::string_view text, std::string_view separator)
 {
-    if (model == nullptr)
-        return nullptr;
-    std::optional<size_t> pos = model->findByNexus("adapters", controller);
-    return pos ? ds::firstAttribute(model->object(*pos), "Name") : nullptr;
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        if (c == '\\')
+            out += separator;
+        else
+            out += c;
+    }
+    return out;
+}
+
+// "TOPNAME FIRST", and " (Name)" when the device is a controller of the
+// model with a Name. When `mustExist`, empty unless the model holds the
+// device.
+std::string topLocation(const Kind &kind, std::string_view first, const ds::Model *model,
+                        bool mustExist)
+{
+    std::optional<size_t> pos;
+    if (model != nullptr)
+        pos = model->findByNexus(kind.topType, first);
+    if (mustExist && !pos)
+        return std::string();
+    std::string text(kind.topName);
+    text += ' ';
+    text += shown(first);
+    if (pos && kind.topType == kAdapters) {
+        const std::string *name = ds::firstAttribute(model->object(*pos), "Name");
+        if (name != nullptr && !name->empty()) {
+            text += " (";
+            text += *name;
+            text += ')';
+        }
+    }
+    return text;
 }
 
 } // namespace
 
-uint32_t objectLocation(uint32_t type, std::string_view nexus, std::string_view separator,
-                        LocationTexts *texts)
+bool objectLocation(uint32_t type, std::string_view nexus, std::string_view separator,
+                    LocationTexts *texts)
 {
     *texts = LocationTexts();
-    Elements elements, shape;
-    if (nexus.size() > kLongestNexus || !split(nexus, &elements) ||
-        !std::all_of(elements.at.begin(), elements.at.begin() + elements.count, isNumber))
-        return kLocationMalformed;
-    const NameRule *rule = ruleFor(type, elements, &shape);
-    if (rule == nullptr)
-        return kLocationMalformed;
+    const Kind *kind = kindOf(type);
+    if (kind == nullptr)
+        return false;
 
-    // One snapshot for both look-ups, so they see the same model.
     const std::shared_ptr<const ds::Model> model = ds::servedModel();
-    texts->displayName = format(rule->displayName, shape, elements);
-    texts->location1 = format(rule->location1, shape, elements);
-    if (rule->withControllerName) {
-        const std::string *name = controllerName(model.get(), elements.at[0]);
-        if (name != nullptr && !name->empty())
-            texts->location1 += " (" + *name + ")";
+    Elements elements, shape;
+    if (const NameRule *rule = ruleFor(type, nexus, &elements, &shape)) {
+        texts->displayName = format(rule->displayName, shape, elements);
+        texts->location1 = topLocation(*kind, elements.at[0], model.get(), false);
+        texts->location2 = format(rule->location2, shape, elements);
+    } else {
+        // A nexus without a shape names the object by its kind and the text
+        // as given; only a top-level device the model holds is named.
+        const std::string_view first = nexus.substr(0, nexus.find('\\'));
+        texts->displayName = kind->name;
+        if (!nexus.empty()) {
+            texts->displayName += ' ';
+            texts->displayName += shown(nexus);
+        }
+        if (!first.empty())
+            texts->location1 = topLocation(*kind, first, model.get(), true);
     }
-    texts->location2 = format(rule->location2, shape, elements);
-    texts->detail = join(elements, separator);
-    const bool found = model != nullptr && model->findByNexus(rule->modelType, nexus).has_value();
-    return found ? kLocationFound : kLocationNotFound;
+    texts->detail = joined(shown(nexus), separator);
+    return true;
 }
 
 } // namespace kelp::rt::evtmsg

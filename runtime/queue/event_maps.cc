@@ -1,6 +1,7 @@
 // The aggregation maps of repeated events: each distinct (event number,
-// nexus) seen since the last freeEventMaps, with its count, in the order first
-// seen, indexed by (event number, nexus) so an insert is one hash look-up.
+// nexus, trap number) seen since the last freeEventMaps, with its count, in
+// the order first seen, indexed by that triple so an insert is one hash
+// look-up.
 // The trap sender inserts; the aggregation thread reads and frees. Bounds:
 // queue/event_maps.h.
 #include "queue/event_maps.h"
@@ -29,17 +30,22 @@ struct HeldEvent {
     uint32_t count;
 };
 
-// The key of an event: its number and nexus.
+// The key of an event: its number, nexus and trap number. One event may be
+// sent as two traps (an extra trap first, then its main one); each is a
+// first occurrence of its own, so the second is not held back as a repeat
+// of the first.
 struct Key {
     uint32_t eventId;
     std::string nexus;
+    uint32_t trapId;
     bool operator==(const Key &) const = default;
 };
 
 struct KeyHash {
     size_t operator()(const Key &k) const noexcept
     {
-        return std::hash<std::string_view>{}(k.nexus) * 31u + k.eventId;
+        const uint64_t numbers = (uint64_t{k.eventId} << 32) | k.trapId;
+        return std::hash<std::string_view>{}(k.nexus) * 31u + std::hash<uint64_t>{}(numbers);
     }
 };
 
@@ -60,7 +66,8 @@ constexpr size_t kMaxTextBytes = static_cast<size_t>(QUEUE_EVENT_TEXT_SIZE) - 1;
 
 extern "C" {
 
-// A repeat keeps the text and trap number of the first occurrence: the summary
+// An event is a repeat when its number, nexus and trap number equal those of
+// a held one. A repeat keeps the text of the first occurrence: the summary
 // trap describes the event as it was first sent. The message is not kept,
 // since the summary trap builds its message again from the text. A null nexus
 // is the empty nexus. An event that cannot be held (the maps are full, its
@@ -72,7 +79,7 @@ uint32_t InsertEventinQueue(uint32_t eventId, const char *nexus, const char * /*
     if (nexusText.size() > kMaxNexusBytes)
         return 0;
     try {
-        Key key{eventId, std::string(nexusText)};
+        Key key{eventId, std::string(nexusText), trapId};
         std::lock_guard lock(g_mapsMutex);
         auto it = g_index.find(key);
         if (it != g_index.end()) {

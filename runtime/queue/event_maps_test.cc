@@ -1,5 +1,5 @@
-// The aggregation maps: first occurrences, repeats by event number and nexus,
-// first-seen order, clearing, the cut of long texts, and the bounds on what
+// The aggregation maps: first occurrences, repeats by event number, nexus and
+// trap number, first-seen order, clearing, the cut of long texts, and the bounds on what
 // they hold.
 #include <gtest/gtest.h>
 
@@ -57,6 +57,41 @@ TEST_F(EventMapsTest, OtherNexusOrOtherNumberIsANewEvent)
     EXPECT_EQ(InsertEventinQueue(2048, "0:1:3", "m", "t", 1), 0u);
     EXPECT_EQ(InsertEventinQueue(2049, "0:1:2", "m", "t", 1), 0u);
     EXPECT_EQ(getNumberofEvents(), 3u);
+}
+
+TEST_F(EventMapsTest, OtherTrapNumberIsANewEvent)
+{
+    // An event sent as an extra trap first and then as its main trap: the
+    // main trap is a first occurrence too, and each counts its own repeats.
+    EXPECT_EQ(InsertEventinQueue(2164, "0", "m", "extra", 101), 0u);
+    EXPECT_EQ(InsertEventinQueue(2164, "0", "m", "main", 753), 0u);
+    EXPECT_EQ(getNumberofEvents(), 2u);
+    EXPECT_EQ(InsertEventinQueue(2164, "0", "m", "extra again", 101), 1u);
+    EXPECT_EQ(InsertEventinQueue(2164, "0", "m", "main again", 753), 1u);
+    EXPECT_EQ(InsertEventinQueue(2164, "0", "m", "main again", 753), 1u);
+    EXPECT_EQ(getNumberofEvents(), 2u);
+    uint32_t status;
+    const Held extra = readAt(0, &status), main = readAt(1, &status);
+    EXPECT_EQ(extra.trapId, 101u);
+    EXPECT_EQ(extra.count, 2u);
+    EXPECT_EQ(extra.text, "extra");
+    EXPECT_EQ(main.trapId, 753u);
+    EXPECT_EQ(main.count, 3u);
+    EXPECT_EQ(main.text, "main");
+}
+
+TEST_F(EventMapsTest, ARepeatNeedsNumberNexusAndTrapNumberAllEqual)
+{
+    EXPECT_EQ(InsertEventinQueue(7, "a", "m", "t", 9), 0u);
+    EXPECT_EQ(InsertEventinQueue(7, "a", "m", "t", 10), 0u);
+    EXPECT_EQ(InsertEventinQueue(7, "b", "m", "t", 9), 0u);
+    EXPECT_EQ(InsertEventinQueue(8, "a", "m", "t", 9), 0u);
+    EXPECT_EQ(InsertEventinQueue(7, "a", "m", "t", 0xFFFFFFFFu), 0u);
+    EXPECT_EQ(InsertEventinQueue(9, "a", "m", "t", 7), 0u) << "number and trap swapped";
+    EXPECT_EQ(getNumberofEvents(), 6u);
+    EXPECT_EQ(InsertEventinQueue(7, "a", "m", "other text", 9), 1u);
+    EXPECT_EQ(InsertEventinQueue(7, "a", nullptr, nullptr, 10), 1u);
+    EXPECT_EQ(getNumberofEvents(), 6u);
 }
 
 TEST_F(EventMapsTest, EventsAreReadInTheOrderFirstSeen)

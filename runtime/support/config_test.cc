@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -83,6 +84,59 @@ TEST(ConfigTest, ScaledMsDividesByTheTimeScale)
     EXPECT_EQ(kelp::rt::scaledMs(1000), std::chrono::milliseconds(250));
     kelpRuntimeSetTimeScale(0.5);
     EXPECT_EQ(kelp::rt::scaledMs(1000), std::chrono::milliseconds(2000));
+    kelpRuntimeSetTimeScale(0);
+}
+
+TEST(ConfigTest, RescanTimeOutDefaultsTo30Seconds)
+{
+    ScopedEnv env("KELP_RESCAN_TIMEOUT", nullptr);
+    kelpRuntimeSetRescanTimeout(0);
+    EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 30.0);
+}
+
+TEST(ConfigTest, RescanTimeOutIsReadFromTheEnvironmentAndTheHostsWins)
+{
+    ScopedEnv env("KELP_RESCAN_TIMEOUT", "12.5");
+    kelpRuntimeSetRescanTimeout(0);
+    EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 12.5);
+    kelpRuntimeSetRescanTimeout(4);
+    EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 4.0);
+    for (double forget : {0.0, -1.0, std::numeric_limits<double>::infinity(),
+                          std::numeric_limits<double>::quiet_NaN()}) {
+        kelpRuntimeSetRescanTimeout(4);
+        kelpRuntimeSetRescanTimeout(forget);
+        EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 12.5) << forget;
+    }
+}
+
+TEST(ConfigTest, UnusableRescanTimeOutIs30WithOneWarning)
+{
+    kelpRuntimeSetRescanTimeout(0);
+    for (const char *bad : {"abc", "0", "-3", "5s", "nan", "inf"}) {
+        ScopedEnv env("KELP_RESCAN_TIMEOUT", bad);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 30.0) << bad;
+        EXPECT_EQ(kelp::rt::rescanTimeoutSeconds(), 30.0) << bad;
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_NE(err.find("KELP_RESCAN_TIMEOUT=\"" + std::string(bad) + "\""), std::string::npos)
+            << bad << ": " << err;
+        EXPECT_EQ(err.find("KELP_RESCAN_TIMEOUT"), err.rfind("KELP_RESCAN_TIMEOUT")) << bad;
+    }
+}
+
+TEST(ConfigTest, TheRescanTimeOutIsDividedByTheTimeScale)
+{
+    ScopedEnv env("KELP_RESCAN_TIMEOUT", nullptr);
+    kelpRuntimeSetRescanTimeout(0);
+    kelpRuntimeSetTimeScale(4);
+    EXPECT_EQ(kelp::rt::scaledRescanTimeout(), std::chrono::milliseconds(7500));
+    kelpRuntimeSetRescanTimeout(2);
+    kelpRuntimeSetTimeScale(1000);
+    EXPECT_EQ(kelp::rt::scaledRescanTimeout(), std::chrono::milliseconds(2));
+    kelpRuntimeSetRescanTimeout(1e300); // capped, not overflowed
+    kelpRuntimeSetTimeScale(1);
+    EXPECT_GT(kelp::rt::scaledRescanTimeout(), std::chrono::hours(24 * 365 * 50));
+    kelpRuntimeSetRescanTimeout(0);
     kelpRuntimeSetTimeScale(0);
 }
 

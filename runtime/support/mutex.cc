@@ -2,13 +2,36 @@
 // std::mutex + condition_variable rather than std::recursive_timed_mutex
 // because an unlock by a thread that does not own the mutex must be refused,
 // not undefined. Time-outs are not scaled: they bound how long a caller waits.
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <new>
 #include <thread>
 
+#include "kelp/runtime.h"
 #include "vcsupt.h"
+
+namespace {
+
+// A host's bound on the lock waits of its request threads
+// (kelpRuntimeSetLockWaitLimit); negative: none.
+thread_local long t_waitLimitMs = -1;
+// Lock calls of this thread that ended without the mutex.
+thread_local unsigned long t_lockTimeouts = 0;
+
+// The wait a caller asked for, within the thread's bound.
+uint32_t boundedWait(uint32_t timeoutMs)
+{
+    if (t_waitLimitMs < 0)
+        return timeoutMs;
+    const auto limit = static_cast<unsigned long>(t_waitLimitMs);
+    if (timeoutMs == SM_WAIT_FOREVER || timeoutMs > limit)
+        return static_cast<uint32_t>(std::min<unsigned long>(limit, SM_WAIT_FOREVER - 1));
+    return timeoutMs;
+}
+
+} // namespace
 
 struct SMMutexRec {
     std::mutex m;
@@ -35,9 +58,11 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
         return SM_STATUS_SUCCESS;
     }
     auto isFree = [mutex] { return mutex->owner == std::thread::id(); };
-    if (timeoutMs == SM_WAIT_FOREVER) {
+    const uint32_t waitMs = boundedWait(timeoutMs);
+    if (waitMs == SM_WAIT_FOREVER) {
         mutex->released.wait(lock, isFree);
-    } else if (!mutex->released.wait_for(lock, std::chrono::milliseconds(timeoutMs), isFree)) {
+    } else if (!mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree)) {
+        ++t_lockTimeouts;
         return SM_STATUS_TIMEOUT;
     }
     mutex->owner = self;
@@ -67,3 +92,13 @@ void SMMutexDestroy(SMMutexHandle mutex)
 }
 
 } // extern "C"
+
+void kelpRuntimeSetLockWaitLimit(long ms)
+{
+    t_waitLimitMs = ms < 0 ? -1 : ms;
+}
+
+unsigned long kelpRuntimeLockTimeouts(void)
+{
+    return t_lockTimeouts;
+}

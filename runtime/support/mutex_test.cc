@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 
+#include "kelp/runtime.h"
 #include "vcsupt.h"
 
 namespace {
@@ -96,6 +97,87 @@ TEST(MutexTest, RecursiveLockNeedsAsManyUnlocks)
     EXPECT_EQ(SMMutexUnLock(m), 0u);
     EXPECT_EQ(SMMutexUnLock(m), 5u);
     onOtherThread([m] {
+        EXPECT_EQ(SMMutexLock(m, 0), 0u);
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+    });
+    SMMutexDestroy(m);
+}
+
+// Holds `m` on a thread of its own from construction to destruction.
+class Holder {
+  public:
+    explicit Holder(SMMutexHandle m)
+        : thread_([this, m] {
+              EXPECT_EQ(SMMutexLock(m, SM_WAIT_FOREVER), 0u);
+              SMEventSet(held_);
+              SMEventWait(release_, SM_WAIT_FOREVER);
+              EXPECT_EQ(SMMutexUnLock(m), 0u);
+          })
+    {
+        SMEventWait(held_, SM_WAIT_FOREVER);
+    }
+    ~Holder()
+    {
+        SMEventSet(release_);
+        thread_.join();
+        SMEventDestroy(held_);
+        SMEventDestroy(release_);
+    }
+    Holder(const Holder &) = delete;
+    Holder &operator=(const Holder &) = delete;
+
+  private:
+    SMEventHandle held_ = SMEventCreate(0, 0, nullptr);
+    SMEventHandle release_ = SMEventCreate(0, 0, nullptr);
+    std::thread thread_;
+};
+
+TEST(MutexTest, AThreadsWaitLimitBoundsEveryLockWaitOnThatThreadOnly)
+{
+    SMMutexHandle m = SMMutexCreate(0);
+    {
+        Holder holder(m);
+        onOtherThread([m] {
+            kelpRuntimeSetLockWaitLimit(0);
+            const unsigned long before = kelpRuntimeLockTimeouts();
+            const auto start = std::chrono::steady_clock::now();
+            // The caller asks for a minute, or for ever; the bound answers at once.
+            EXPECT_EQ(SMMutexLock(m, 60000), 3u);
+            EXPECT_EQ(SMMutexLock(m, SM_WAIT_FOREVER), 3u);
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+            EXPECT_EQ(kelpRuntimeLockTimeouts(), before + 2);
+
+            kelpRuntimeSetLockWaitLimit(50);
+            const auto waited = std::chrono::steady_clock::now();
+            EXPECT_EQ(SMMutexLock(m, 60000), 3u);
+            EXPECT_GE(std::chrono::steady_clock::now() - waited, milliseconds(50));
+            EXPECT_EQ(kelpRuntimeLockTimeouts(), before + 3);
+        });
+        // Another thread has no bound of its own: its short wait is its own.
+        onOtherThread([m] {
+            const unsigned long before = kelpRuntimeLockTimeouts();
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(SMMutexLock(m, 30), 3u);
+            EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(30));
+            EXPECT_EQ(kelpRuntimeLockTimeouts(), before + 1);
+        });
+    }
+    SMMutexDestroy(m);
+}
+
+TEST(MutexTest, ABoundedThreadStillTakesAFreeMutexAndItsOwnAgain)
+{
+    SMMutexHandle m = SMMutexCreate(0);
+    onOtherThread([m] {
+        kelpRuntimeSetLockWaitLimit(0);
+        const unsigned long before = kelpRuntimeLockTimeouts();
+        EXPECT_EQ(SMMutexLock(m, 1000), 0u);
+        EXPECT_EQ(SMMutexLock(m, 1000), 0u);
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+        EXPECT_EQ(kelpRuntimeLockTimeouts(), before);
+        // A negative bound lifts it.
+        kelpRuntimeSetLockWaitLimit(-5);
         EXPECT_EQ(SMMutexLock(m, 0), 0u);
         EXPECT_EQ(SMMutexUnLock(m), 0u);
     });

@@ -77,9 +77,12 @@ TEST_F(AgentSnmp, NamesOutsideTheTreeAreNoSuchObjectAndMissingOnesNoSuchInstance
                           "agent at this OID");
     EXPECT_EQ(answers[1],
               ".1.3.6.1.2.1.2.1.0 = No Such Object available on this agent at this OID");
-    EXPECT_EQ(answers[2], "." + name("7.0") + " = No Such Instance currently exists at this OID");
+    // Below the root, names of no served object are no objects either; the
+    // trap-variable group is for notifications only.
+    EXPECT_EQ(answers[2],
+              "." + name("7.0") + " = No Such Object available on this agent at this OID");
     EXPECT_EQ(answers[3],
-              "." + name("200.1.0") + " = No Such Instance currently exists at this OID");
+              "." + name("200.1.0") + " = No Such Object available on this agent at this OID");
 
     const RunResult v1 = agent.snmp("snmpget", {name("7.0")}, "1");
     EXPECT_EQ(v1.status, 2);
@@ -99,7 +102,7 @@ TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
     }
     const RunResult get = agent.snmp("snmpget", {absent});
     EXPECT_EQ(get.status, 0) << get.err;
-    EXPECT_EQ(get.out, "." + absent + " = No Such Instance currently exists at this OID\n");
+    EXPECT_EQ(get.out, "." + absent + " = No Such Object available on this agent at this OID\n");
     for (const std::string &from : {absent, row}) {
         const RunResult next = agent.snmp("snmpgetnext", {from});
         EXPECT_EQ(next.status, 0) << next.err;

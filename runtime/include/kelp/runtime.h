@@ -2,8 +2,8 @@
  * the plug-in (kelpagent, tests, other hosts).
  *
  * A value set through these calls wins over the environment; while none is
- * set, the runtime reads KELP_INI, KELP_DEBUG_FILE and KELP_TIME_SCALE each
- * time it needs them. The calls are safe from any thread.
+ * set, the runtime reads KELP_INI, KELP_DEBUG_FILE, KELP_TIME_SCALE and
+ * KELP_RESCAN_TIMEOUT each time it needs them. The calls are safe from any thread.
  */
 #ifndef KELP_RUNTIME_H
 #define KELP_RUNTIME_H
@@ -21,6 +21,20 @@ extern "C" {
 #define KELP_RUNTIME_LOG_ERROR 2
 typedef void (*KelpRuntimeLogFn)(int level, const char *line);
 void kelpRuntimeSetLog(KelpRuntimeLogFn log);
+
+/* Lock waits of the calling thread. From now on every SMMutexLock on this
+ * thread waits at most `ms` milliseconds, whatever time-out its caller gives
+ * (0: it takes only a free mutex); a negative value lifts the bound. A host
+ * bounds its request threads with it: the plug-in's lock waits then fit the
+ * host's own time limits, and the host's main loop never waits at all. The
+ * bound belongs to the thread; a new thread has none. */
+void kelpRuntimeSetLockWaitLimit(long ms);
+
+/* How many SMMutexLock calls of the calling thread have ended without the
+ * mutex because their wait ran out (bounded or not). It only grows: compare
+ * it before and after a call into the plug-in to learn whether a lock
+ * time-out made that call fail. */
+unsigned long kelpRuntimeLockTimeouts(void);
 
 /* The private ini store's file. Null forgets the set value (KELP_INI applies
  * again); "" selects the process's in-memory store whatever KELP_INI says. */
@@ -61,6 +75,16 @@ void kelpRuntimeSetTimeScale(double scale);
  * stderr). */
 double kelpRuntimeTimeScale(void);
 
+/* How long, in seconds, a rescan started event (3061) handed to the event
+ * reader may stay without its rescan completed event (3060). Once it has
+ * passed, the next vcsif32_getEvent hands out a 3060 of the runtime's own
+ * (with a warning), and a 3060 that arrives later is dropped. Divided by the
+ * time scale like every runtime clock; read at each vcsif32_getEvent, so a
+ * change applies to a rescan already open. A positive finite value is set;
+ * anything else forgets the set value (KELP_RESCAN_TIMEOUT, in seconds,
+ * applies again; when unset or not a positive number, 30). */
+void kelpRuntimeSetRescanTimeout(double seconds);
+
 /* The storage model the data store serves. kelpRuntimeLoadModel validates
  * the file and serves it; on failure it answers non-zero, writes a message
  * naming the file and line into error (cut to errorSize, when error is not
@@ -68,6 +92,30 @@ double kelpRuntimeTimeScale(void);
  * model, the first data-store query loads KELP_MODEL when it is set (a
  * failure is reported once on stderr; the store is then not ready). */
 int kelpRuntimeLoadModel(const char *path, char *error, unsigned errorSize);
+
+/* The alert catalogue (event numbers to severity and message, format in
+ * data/ALERTS.md). The runtime loads it when it is loaded: from the file
+ * KELP_CATALOGUE names then, else from the first of its default places that
+ * exists. While none is in force, storage events have no alert level or
+ * message, and the plug-in sends no trap for most of them.
+ *
+ * kelpRuntimeCatalogueStatus answers 0 while a catalogue is in force.
+ * Otherwise it answers non-zero with one line in error (cut to errorSize,
+ * when error is not null): "PATH:LINE: reason" for a line that breaks the
+ * format, "PATH: ..." for a file that cannot be used ("PATH: cannot open:
+ * <reason>", "PATH: not a regular file", "PATH: no 'default' line ..."), or
+ * "no catalogue found in: PLACE, PLACE" when KELP_CATALOGUE was not set and
+ * no default place holds a file.
+ *
+ * kelpRuntimeReloadCatalogue reads the catalogue again from the same choice
+ * (the file KELP_CATALOGUE named at load, whatever it names now; else the
+ * default places, searched again). On success it serves the new one and
+ * answers 0; otherwise it answers non-zero with the message as above, and
+ * the catalogue in force, if any, stays in force (the status stays 0). Both
+ * are safe from any thread, also while the plug-in reads the catalogue: a
+ * reader goes on with the catalogue it took. */
+int kelpRuntimeCatalogueStatus(char *error, unsigned errorSize);
+int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize);
 
 /* The control socket through which kelpctl changes the model and queues
  * events: a Unix socket at `path`, mode 0600, served by a thread of the

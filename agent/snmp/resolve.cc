@@ -1,9 +1,9 @@
 // The Get and GetNext mapping. What a dispatch result means is the table
-// kResults; what a reply record holds is read by readValue (value.cc).
-#include "answer.h"
+// kResults; what a reply record holds is read by readValue (value.cc); which
+// names are asked for is the served tree's (tree.cc).
+#include "snmp/resolve.h"
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 
 #include "records.h"
@@ -23,6 +23,7 @@ constexpr ResultRow kResults[] = {
     {SM_SNMP_NOERROR, Outcome::kValue, Outcome::kValue},
     {SM_SNMP_NOSUCHNAME, Outcome::kNoSuchInstance, Outcome::kEndOfSubtree},
     {SM_SNMP_GENERR, Outcome::kGenErr, Outcome::kGenErr},
+    {kStatusLockTimeOut, Outcome::kLockTimeOut, Outcome::kLockTimeOut},
 };
 
 // Statuses outside the table (tooBig, badValue, readOnly, anything else)
@@ -53,30 +54,34 @@ Answer outcomeOnly(Outcome outcome)
     return answer;
 }
 
+// root.G.T.1.C.R
+constexpr size_t kCellLength = kMibRootLength + 5;
+
+bool failed(Outcome outcome)
+{
+    return outcome == Outcome::kGenErr || outcome == Outcome::kLockTimeOut;
+}
+
+// Whether the plug-in's answer to a GetNext from `cursor` is a name that
+// moves forward inside the tree; anything else means it has nothing after
+// the cursor.
+bool movesForward(std::span<const uint32_t> next, std::span<const uint32_t> cursor)
+{
+    return insideRoot(next) && compareNames(next, cursor) > 0;
+}
+
 } // namespace
-
-bool insideRoot(std::span<const uint32_t> name)
-{
-    return name.size() >= std::size(kMibRoot) &&
-           std::equal(std::begin(kMibRoot), std::end(kMibRoot), name.begin());
-}
-
-std::vector<uint32_t> nextCursor(std::span<const uint64_t> name)
-{
-    std::vector<uint32_t> arcs;
-    arcs.reserve(name.size());
-    for (const uint64_t arc : name) {
-        if (arc > std::numeric_limits<uint32_t>::max()) {
-            arcs.push_back(std::numeric_limits<uint32_t>::max());
-            break;
-        }
-        arcs.push_back(static_cast<uint32_t>(arc));
-    }
-    return arcs;
-}
 
 Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
 {
+    switch (classifyName(name)) {
+    case NameKind::kInstance:
+        break;
+    case NameKind::kUnderObject:
+        return outcomeOnly(Outcome::kNoSuchInstance);
+    case NameKind::kNoObject:
+        return outcomeOnly(Outcome::kNoSuchObject);
+    }
     std::optional<RequestRecord> request = RequestRecord::fromName(name);
     if (!request) {
         return outcomeOnly(Outcome::kNoSuchObject);
@@ -102,29 +107,40 @@ Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
 
 Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, bool inclusive)
 {
-    if (inclusive) {
-        Answer exact = answerGet(dispatch, name);
-        if (exact.outcome == Outcome::kValue) {
-            return exact;
+    if (inclusive && classifyName(name) == NameKind::kInstance) {
+        if (name.size() < kCellLength) {
+            // A scalar instance: the walk holds it when it has a value.
+            Answer exact = answerGet(dispatch, name);
+            if (exact.outcome == Outcome::kValue || exact.outcome == Outcome::kLockTimeOut) {
+                return exact;
+            }
+        } else if (name.back() > 0) {
+            // A cell is the walk's first name after the row before it, when
+            // the walk holds it.
+            std::vector<uint64_t> before(name.begin(), name.end());
+            before.back()--;
+            return answerGetNext(dispatch, before, false);
         }
     }
+    std::optional<std::vector<uint32_t>> cursor = cursorAfter(name);
     // Every step asks from a name strictly after the previous one, so the
     // walk ends even when the plug-in keeps answering names without values.
-    RequestRecord request(nextCursor(name));
-    for (int step = 0; step < kMaxGetNextSteps; step++) {
+    for (int step = 0; cursor && step < kMaxGetNextSteps; step++) {
+        RequestRecord request(std::move(*cursor));
         ReplyRecord reply;
         const Outcome outcome = resultRow(call(dispatch, SM_CMD_GETNEXT, request, reply)).getNext;
-        if (outcome != Outcome::kValue) {
+        if (failed(outcome)) {
             return outcomeOnly(outcome);
         }
         const std::optional<std::span<const uint32_t>> next = reply.name();
+        if (outcome == Outcome::kEndOfSubtree || (next && !movesForward(*next, request.name()))) {
+            // Nothing after the cursor in the plug-in's walk; the walk goes
+            // on with the tables after it.
+            cursor = nextTableRoot(request.name());
+            continue;
+        }
         if (!next) {
             return outcomeOnly(Outcome::kGenErr);
-        }
-        // A name outside the tree, or one that does not move forward, is
-        // the plug-in's way of saying that nothing follows here.
-        if (!insideRoot(*next) || compareNames(*next, request.name()) <= 0) {
-            return outcomeOnly(Outcome::kEndOfSubtree);
         }
         Answer answer;
         const ValueRead read = reply.readValue(&answer.value);
@@ -132,13 +148,34 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             return outcomeOnly(Outcome::kGenErr);
         }
         if (read == ValueRead::kValue && compareNames(*next, name) > 0) {
-            answer.outcome = Outcome::kValue;
             answer.name.assign(next->begin(), next->end());
-            return answer;
+            if (classifyName(answer.name) == NameKind::kInstance) {
+                answer.outcome = Outcome::kValue;
+                return answer;
+            }
         }
-        request = RequestRecord(std::vector<uint32_t>(next->begin(), next->end()));
+        cursor.emplace(next->begin(), next->end());
     }
-    return outcomeOnly(Outcome::kGenErr);
+    return outcomeOnly(cursor ? Outcome::kGenErr : Outcome::kEndOfSubtree);
+}
+
+std::vector<Answer> answerRepetitions(const Dispatch &dispatch, std::span<const uint64_t> name,
+                                      bool inclusive, size_t count,
+                                      std::span<const uint64_t> rangeEnd)
+{
+    std::vector<Answer> answers;
+    std::vector<uint64_t> from(name.begin(), name.end());
+    while (answers.size() < count) {
+        Answer &answer = answers.emplace_back(answerGetNext(dispatch, from, inclusive));
+        if (answer.outcome != Outcome::kValue ||
+            (!rangeEnd.empty() &&
+             compareNames(std::span<const uint64_t>(answer.name), rangeEnd) >= 0)) {
+            break;
+        }
+        from = answer.name;
+        inclusive = false;
+    }
+    return answers;
 }
 
 Outcome answerSet(const Dispatch &dispatch, std::span<const uint64_t> name)

@@ -1,7 +1,8 @@
 // The Get and GetNext mapping against a scripted dispatch: what each dispatch
-// result and reply record becomes, the records the agent hands over, and the
-// module's own value buffers going back through SMFreeMem.
-#include "answer.h"
+// result and reply record becomes, which names reach the plug-in, the
+// records the agent hands over, and the module's own value buffers going
+// back through SMFreeMem.
+#include "snmp/resolve.h"
 
 #include <cstring>
 #include <functional>
@@ -162,15 +163,39 @@ TEST(AnswerGet, AnArcAboveThirtyTwoBitsIsNoSuchObjectWithoutADispatch)
     EXPECT_TRUE(module.calls.empty());
 }
 
-TEST(AnswerGet, LongNamesAreHandedOverWhole)
+TEST(AnswerGet, ANameThatIsNoInstanceIsAnsweredWithoutADispatch)
 {
-    Name name = below({});
-    name.resize(200, 7);
+    const std::pair<Name, Outcome> cases[] = {
+        {below({1}), Outcome::kNoSuchInstance},
+        {below({1, 99}), Outcome::kNoSuchInstance},
+        {below({2, 7, 7, 7}), Outcome::kNoSuchInstance},
+        {below({100, 1}), Outcome::kNoSuchInstance},
+        {below({110, 3, 5}), Outcome::kNoSuchInstance},
+        {below({130, 1, 1, 2, 1, 9}), Outcome::kNoSuchInstance},
+        {below({}), Outcome::kNoSuchObject},
+        {below({140, 7, 1, 1, 1}), Outcome::kNoSuchObject},
+        {below({130, 19, 1, 1, 1}), Outcome::kNoSuchObject},
+        {below({200, 1, 0}), Outcome::kNoSuchObject},
+    };
+    for (const auto &[name, outcome] : cases) {
+        FakeModule module;
+        module.step = [](int, SMSnmpValue *reply) {
+            setText(reply, "a value");
+            return 0u;
+        };
+        EXPECT_EQ(answerGet(module.dispatch(), name).outcome, outcome)
+            << ::testing::PrintToString(name);
+        EXPECT_TRUE(module.calls.empty()) << ::testing::PrintToString(name);
+    }
+}
+
+TEST(AnswerGet, ALockTimeOutIsToldApartFromOtherFailures)
+{
     FakeModule module;
-    module.step = [](int, SMSnmpValue *) { return 2u; };
-    EXPECT_EQ(answerGet(module.dispatch(), name).outcome, Outcome::kNoSuchInstance);
-    ASSERT_EQ(module.calls.size(), 1u);
-    EXPECT_EQ(module.calls[0].request.size(), 200u);
+    module.step = [](int, SMSnmpValue *) { return kStatusLockTimeOut; };
+    EXPECT_EQ(answerGet(module.dispatch(), below({3, 0})).outcome, Outcome::kLockTimeOut);
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({3, 0}), false).outcome,
+              Outcome::kLockTimeOut);
 }
 
 struct NextCase {
@@ -183,19 +208,22 @@ struct NextCase {
 
 TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
 {
-    const Name from = below({1, 0});
+    // From a cell of the last table, so that "nothing after this" has no
+    // table left to go on with.
+    const Name from = below({140, 6, 1, 1, 1});
     const NextCase cases[] = {
-        {"next name inside the root", 0, below({2, 0}), true, Outcome::kValue},
-        {"noSuchName: end of this subtree", 2, below({2, 0}), true, Outcome::kEndOfSubtree},
-        {"genErr", 5, below({2, 0}), true, Outcome::kGenErr},
-        {"readOnly", 4, below({2, 0}), true, Outcome::kGenErr},
+        {"next name inside the root", 0, below({140, 6, 1, 2, 1}), true, Outcome::kValue},
+        {"noSuchName: end of this subtree", 2, below({140, 6, 1, 2, 1}), true,
+         Outcome::kEndOfSubtree},
+        {"genErr", 5, below({140, 6, 1, 2, 1}), true, Outcome::kGenErr},
+        {"readOnly", 4, below({140, 6, 1, 2, 1}), true, Outcome::kGenErr},
         {"name outside the root",
          0,
          {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 21},
          true,
          Outcome::kEndOfSubtree},
         {"name equal to the request", 0, from, true, Outcome::kEndOfSubtree},
-        {"name before the request", 0, below({0, 5}), true, Outcome::kEndOfSubtree},
+        {"name before the request", 0, below({140, 6, 1, 1, 0}), true, Outcome::kEndOfSubtree},
         {"name left empty", 0, {}, false, Outcome::kEndOfSubtree},
     };
     for (const NextCase &c : cases) {
@@ -216,6 +244,76 @@ TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
             EXPECT_EQ(answer.value.bytes, "5.2.0");
         }
     }
+}
+
+TEST(AnswerGetNext, NothingAfterATableGoesOnWithTheNextTablesUntilOneAnswers)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        if (call < 3) {
+            return 2u;
+        }
+        setName(reply, below({130, 5, 1, 1, 1}));
+        setText(reply, "1");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({130, 1, 1, 73, 9}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 5, 1, 1, 1}));
+    ASSERT_EQ(module.calls.size(), 4u);
+    const Name asked[] = {below({130, 1, 1, 73, 9}), below({130, 2}), below({130, 3}),
+                          below({130, 4})};
+    for (size_t i = 0; i < 4; i++) {
+        EXPECT_EQ(module.calls[i].request, Arcs(asked[i].begin(), asked[i].end())) << i;
+    }
+}
+
+TEST(AnswerGetNext, ANameThePluginWouldMisreadIsAskedFromWhereItAnswersRightly)
+{
+    const std::pair<Name, Name> cases[] = {
+        {below({130}), below({130, 1})},
+        {below({140, 0}), below({140, 1})},
+        {below({130, 4, 0, 1, 22}), below({130, 4})},
+        {below({110, 7, 0}), below({110, 6, 0})},
+        {below({130, 1, 1, 2, 4294967295ull}), below({130, 1, 1, 3})},
+    };
+    for (const auto &[name, cursor] : cases) {
+        FakeModule module;
+        module.step = [](int, SMSnmpValue *reply) {
+            setName(reply, below({140, 6, 1, 1, 1}));
+            setText(reply, "x");
+            return 0u;
+        };
+        EXPECT_EQ(answerGetNext(module.dispatch(), name, false).outcome, Outcome::kValue);
+        ASSERT_FALSE(module.calls.empty());
+        EXPECT_EQ(module.calls[0].request, Arcs(cursor.begin(), cursor.end()))
+            << ::testing::PrintToString(name);
+    }
+}
+
+TEST(AnswerGetNext, AfterTheLastTableThereIsNothingWithoutADispatch)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *) { return 0u; };
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({140, 7}), false).outcome,
+              Outcome::kEndOfSubtree);
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({200}), false).outcome,
+              Outcome::kEndOfSubtree);
+    EXPECT_TRUE(module.calls.empty());
+}
+
+TEST(AnswerGetNext, AnAnswerThatIsNoServedInstanceIsPassedOver)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        // Column 74 of the controller table is not served.
+        setName(reply, call == 0 ? below({130, 1, 1, 74, 1}) : below({130, 2, 1, 1, 1}));
+        setText(reply, "x");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({130, 1, 1, 73, 1}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 2, 1, 1, 1}));
 }
 
 TEST(AnswerGetNext, AnAnswerWithoutValueIsAskedAgainFromItsName)
@@ -269,45 +367,103 @@ TEST(AnswerGetNext, InclusiveGoesOnWhenTheNameHasNoValue)
         if (call == 0) {
             return 2u;
         }
+        setName(reply, below({2, 0}));
+        setText(reply, "x");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({1, 0}), true);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({2, 0}));
+    ASSERT_EQ(module.calls.size(), 2u);
+    EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GET});
+    EXPECT_EQ(module.calls[1].command, uint32_t{SM_CMD_GETNEXT});
+}
+
+TEST(AnswerGetNext, InclusiveOfACellIsTheFirstNameAfterTheRowBefore)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *reply) {
+        setName(reply, below({130, 2, 1, 3, 5}));
+        setText(reply, "x");
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({130, 2, 1, 3, 5}), true);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 2, 1, 3, 5}));
+    ASSERT_EQ(module.calls.size(), 1u);
+    EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GETNEXT});
+    const Name before = below({130, 2, 1, 3, 4});
+    EXPECT_EQ(module.calls[0].request, Arcs(before.begin(), before.end()));
+}
+
+TEST(AnswerGetNext, InclusiveOfANameThatIsNoInstanceAsksOnlyForTheNext)
+{
+    FakeModule module;
+    module.step = [](int, SMSnmpValue *reply) {
         setName(reply, below({1, 0}));
         setText(reply, "5.2.0");
         return 0u;
     };
-    const Answer answer = answerGetNext(module.dispatch(), below({1}), true);
+    const Answer answer = answerGetNext(module.dispatch(), below({}), true);
     ASSERT_EQ(answer.outcome, Outcome::kValue);
     EXPECT_EQ(answer.name, below({1, 0}));
-    ASSERT_EQ(module.calls.size(), 2u);
-    EXPECT_EQ(module.calls[1].command, uint32_t{SM_CMD_GETNEXT});
+    ASSERT_EQ(module.calls.size(), 1u);
+    EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GETNEXT});
 }
 
-TEST(AnswerGetNext, AWideArcIsAskedFromTheLargestArcAndNamesBeforeItAreSkipped)
+TEST(AnswerGetNext, NamesBeforeTheRequestAreSkippedAndAColumnThePluginEndsOnGoesOn)
 {
-    const uint64_t wide = 1ull << 33;
+    // The partition connection table's column 7 is no starting point of the
+    // plug-in's walk: the agent asks from the column before, passes over
+    // what lies before the request, and goes on with the next table when
+    // the plug-in ends there.
     FakeModule module;
     module.step = [](int call, SMSnmpValue *reply) {
-        // First a name after the cursor but before the request, then one
-        // after the request.
-        setName(reply, call == 0 ? below({130, 0xFFFFFFFF, 1}) : below({140, 1, 1, 1, 1}));
+        if (call == 1) {
+            return 2u;
+        }
+        setName(reply, call == 0 ? below({140, 3, 1, 7, 1}) : below({140, 4, 1, 1, 1}));
         reply->type = 2;
         reply->value = 1;
         return 0u;
     };
-    const Answer answer = answerGetNext(module.dispatch(), below({130, wide, 5}), false);
+    const Answer answer = answerGetNext(module.dispatch(), below({140, 3, 1, 7, 2}), false);
     ASSERT_EQ(answer.outcome, Outcome::kValue);
-    EXPECT_EQ(answer.name, below({140, 1, 1, 1, 1}));
-    ASSERT_EQ(module.calls.size(), 2u);
-    const Name cursor = below({130, 0xFFFFFFFF});
-    EXPECT_EQ(module.calls[0].request, Arcs(cursor.begin(), cursor.end()));
+    EXPECT_EQ(answer.name, below({140, 4, 1, 1, 1}));
+    ASSERT_EQ(module.calls.size(), 3u);
+    const Name asked[] = {below({140, 3, 1, 6, 4294967295ull}), below({140, 3, 1, 7, 1}),
+                          below({140, 4})};
+    for (size_t i = 0; i < 3; i++) {
+        EXPECT_EQ(module.calls[i].request, Arcs(asked[i].begin(), asked[i].end())) << i;
+    }
 }
 
-TEST(AnswerGetNext, CursorStopsAtTheFirstWideArc)
+TEST(AnswerRepetitions, EachRepetitionGoesOnFromTheOneBeforeUntilTheCountOrAnEnd)
 {
-    EXPECT_EQ(nextCursor(Name{1, 2, 3}), (Arcs{1, 2, 3}));
-    EXPECT_EQ(nextCursor(Name{1, 1ull << 40, 3}), (Arcs{1, 0xFFFFFFFF}));
-    EXPECT_EQ(nextCursor(Name{}), Arcs{});
-    EXPECT_TRUE(insideRoot(Arcs(std::begin(kMibRoot), std::end(kMibRoot))));
-    EXPECT_FALSE(insideRoot(Arcs{1, 3, 6, 1, 4, 1, 61234, 20571, 1}));
-    EXPECT_FALSE(insideRoot(Arcs{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 21, 1}));
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        if (call == 3) {
+            return 2u;
+        }
+        setName(reply, below({140, 6, 1, 1, static_cast<uint64_t>(call) + 1}));
+        setText(reply, "x");
+        return 0u;
+    };
+    std::vector<Answer> answers =
+        answerRepetitions(module.dispatch(), below({140, 6, 1, 1}), false, 2, {});
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_EQ(answers[1].name, below({140, 6, 1, 1, 2}));
+
+    module.calls.clear();
+    answers = answerRepetitions(module.dispatch(), below({140, 6, 1, 1}), false, 10, {});
+    ASSERT_EQ(answers.size(), 4u) << "three values, then the end";
+    EXPECT_EQ(answers[3].outcome, Outcome::kEndOfSubtree);
+
+    module.calls.clear();
+    const Name rangeEnd = below({140, 6, 1, 1, 2});
+    answers = answerRepetitions(module.dispatch(), below({140, 6, 1, 1}), false, 10, rangeEnd);
+    ASSERT_EQ(answers.size(), 2u) << "up to the first at or past the range's end";
+    EXPECT_EQ(answers[1].name, rangeEnd);
 }
 
 TEST(AnswerSet, TheModuleSeesCommandElevenAndTheAnswerIsAlwaysNotWritable)

@@ -1,0 +1,83 @@
+// The worker thread and the hand-over of its jobs.
+#include "snmp/delegate.h"
+
+#include <utility>
+
+namespace kelp::agent {
+
+Delegator::Delegator(size_t maxJobs, Waker waker)
+    : maxJobs_(maxJobs), waker_(std::move(waker)), worker_([this] { serve(); })
+{
+}
+
+Delegator::~Delegator()
+{
+    stop();
+}
+
+bool Delegator::submit(Job &&job)
+{
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_ || queued_.size() + running_ + finished_.size() >= maxJobs_) {
+            return false;
+        }
+        queued_.push_back(std::move(job));
+    }
+    wake_.notify_one();
+    return true;
+}
+
+void Delegator::runFinished()
+{
+    std::deque<Job> done;
+    {
+        std::lock_guard lock(mutex_);
+        done.swap(finished_);
+    }
+    for (Job &job : done) {
+        job.finish(true);
+    }
+}
+
+void Delegator::stop()
+{
+    std::deque<Job> dropped;
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        dropped.swap(queued_);
+    }
+    wake_.notify_one();
+    if (worker_.joinable()) {
+        worker_.join();
+    }
+    runFinished();
+    for (Job &job : dropped) {
+        job.finish(false);
+    }
+}
+
+void Delegator::serve()
+{
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return stopping_ || !queued_.empty(); });
+        if (queued_.empty()) {
+            return;
+        }
+        Job job = std::move(queued_.front());
+        queued_.pop_front();
+        running_++;
+        lock.unlock();
+        job.work();
+        lock.lock();
+        running_--;
+        finished_.push_back(std::move(job));
+        lock.unlock();
+        waker_();
+        lock.lock();
+    }
+}
+
+} // namespace kelp::agent

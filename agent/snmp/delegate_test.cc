@@ -1,0 +1,121 @@
+// The worker of delegated requests: work off the calling thread, finishes on
+// it in order, a bounded queue, and a stop that finishes every job.
+#include "snmp/delegate.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+namespace kelp::agent {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Waits until `done` holds, for at most 10 s.
+template <typename F> bool eventually(F done)
+{
+    const auto until = std::chrono::steady_clock::now() + 10s;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+TEST(Delegator, WorkRunsOnTheWorkerAndFinishOnTheCallerInOrder)
+{
+    std::atomic<int> wakes{0};
+    Delegator delegator(8, [&] { wakes++; });
+    const std::thread::id caller = std::this_thread::get_id();
+    std::vector<int> finished;
+    std::atomic<int> worked{0};
+    for (int i = 0; i < 3; i++) {
+        Delegator::Job job;
+        job.work = [&, caller] {
+            EXPECT_NE(std::this_thread::get_id(), caller);
+            worked++;
+        };
+        job.finish = [&, i, caller](bool ran) {
+            EXPECT_EQ(std::this_thread::get_id(), caller);
+            EXPECT_TRUE(ran);
+            finished.push_back(i);
+        };
+        ASSERT_TRUE(delegator.submit(std::move(job)));
+    }
+    ASSERT_TRUE(eventually([&] { return wakes.load() == 3; }));
+    EXPECT_EQ(worked.load(), 3);
+    EXPECT_TRUE(finished.empty()) << "finish waits for runFinished";
+    delegator.runFinished();
+    EXPECT_EQ(finished, (std::vector<int>{0, 1, 2}));
+}
+
+TEST(Delegator, AFullQueueRefusesAndAFinishedJobMakesRoom)
+{
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<int> wakes{0};
+    Delegator delegator(2, [&] { wakes++; });
+    int finished = 0;
+    const auto job = [&] {
+        Delegator::Job j;
+        j.work = [released] { released.wait(); };
+        j.finish = [&](bool) { finished++; };
+        return j;
+    };
+    ASSERT_TRUE(delegator.submit(job()));
+    ASSERT_TRUE(delegator.submit(job()));
+    EXPECT_FALSE(delegator.submit(job()));
+    release.set_value();
+    ASSERT_TRUE(eventually([&] { return wakes.load() == 2; }));
+    // Finished but not yet handed back still counts.
+    EXPECT_FALSE(delegator.submit(job()));
+    delegator.runFinished();
+    EXPECT_EQ(finished, 2);
+    EXPECT_TRUE(delegator.submit(job()));
+    delegator.stop();
+    EXPECT_EQ(finished, 3);
+}
+
+TEST(Delegator, StopLetsTheRunningJobEndAndDropsTheQueuedOnes)
+{
+    std::promise<void> started;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    Delegator delegator(8, [] {});
+    std::vector<bool> ran;
+    Delegator::Job first;
+    first.work = [&started, released] {
+        started.set_value();
+        released.wait();
+    };
+    first.finish = [&](bool r) { ran.push_back(r); };
+    ASSERT_TRUE(delegator.submit(std::move(first)));
+    started.get_future().wait();
+    bool secondWorked = false;
+    Delegator::Job second;
+    second.work = [&] { secondWorked = true; };
+    second.finish = [&](bool r) { ran.push_back(r); };
+    ASSERT_TRUE(delegator.submit(std::move(second)));
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(20ms);
+        release.set_value();
+    });
+    delegator.stop();
+    releaser.join();
+    EXPECT_FALSE(secondWorked);
+    EXPECT_EQ(ran, (std::vector<bool>{true, false}));
+    Delegator::Job late;
+    late.work = [] {};
+    late.finish = [](bool) {};
+    EXPECT_FALSE(delegator.submit(std::move(late)));
+    delegator.stop();
+}
+
+} // namespace
+} // namespace kelp::agent

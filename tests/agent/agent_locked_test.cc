@@ -1,0 +1,171 @@
+// While a rescan holds the plug-in's tables (event 3061 without its 3060), a
+// PDU of storage names is answered within about one lock time-out, not one
+// per varbind, and everything else the agent serves (the system group, other
+// clients) is answered at once.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "testkit.h"
+
+namespace kelp::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr const char *kSysUpTime = "1.3.6.1.2.1.1.3.0";
+
+std::string storage(const std::string &tail)
+{
+    return std::string(kRoot) + "." + tail;
+}
+
+class AgentLocked : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string why;
+        ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
+    }
+
+    // Queues a rescan start without its end and waits until a storage Get
+    // fails: the refresh thread then holds the tables.
+    void holdTables()
+    {
+        ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
+        RunResult get;
+        ASSERT_TRUE(waitFor(
+            [&] {
+                get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
+                return get.err.find("genErr") != std::string::npos;
+            },
+            20s))
+            << get.out << get.err;
+    }
+
+    void releaseTables()
+    {
+        ASSERT_EQ(agent.kelpctl({"event", "3060"}).status, 0);
+        RunResult get;
+        EXPECT_TRUE(waitFor(
+            [&] {
+                get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
+                return get.out.find("STRING") != std::string::npos;
+            },
+            20s))
+            << get.out << get.err;
+    }
+
+    // The run time of one tool (its own start-up included).
+    template <typename F> static Clock::duration timed(F body)
+    {
+        const Clock::time_point start = Clock::now();
+        body();
+        return Clock::now() - start;
+    }
+
+    AgentUnderTest agent;
+};
+
+TEST_F(AgentLocked, APduOfTwentyStorageNamesFailsWithinOneLockTimeOut)
+{
+    holdTables();
+    std::vector<std::string> names;
+    for (int row = 1; row <= 4; row++) {
+        for (int column = 1; column <= 5; column++) {
+            names.push_back(
+                storage("130.4.1." + std::to_string(column) + "." + std::to_string(row)));
+        }
+    }
+    // -Cf: the tool must not resend the PDU without the varbind that failed.
+    names.insert(names.begin(), "-Cf");
+    RunResult get;
+    const auto took = timed([&] { get = agent.snmp("snmpget", names); });
+    EXPECT_NE(get.err.find("genErr"), std::string::npos) << get.out << get.err;
+    // One lock time-out is 1 s; one per varbind would be 20 s (and time the
+    // tool out).
+    EXPECT_LT(took, 3s);
+    for (const char *tool : {"snmpgetnext", "snmpbulkget"}) {
+        const std::string flag = tool == std::string("snmpgetnext") ? "-Cf" : "-Cr5";
+        const auto next = timed([&] {
+            get = agent.snmp(tool, {flag, storage("130.4"), storage("130.2")});
+        });
+        EXPECT_NE(get.err.find("genErr"), std::string::npos) << tool << get.out << get.err;
+        EXPECT_LT(next, 3s) << tool;
+    }
+    releaseTables();
+}
+
+TEST_F(AgentLocked, TheSystemGroupIsAnsweredAtOnceWhileStorageRequestsWait)
+{
+    const auto idle = timed([&] { EXPECT_EQ(agent.snmp("snmpget", {kSysUpTime}).status, 0); });
+    holdTables();
+    for (int round = 0; round < 3; round++) {
+        // A storage request of another client waits for the tables ...
+        RunResult waiting;
+        std::thread other([&] {
+            waiting =
+                agent.snmp("snmpget", {"-Cf", storage("130.1.1.2.1"), storage("130.2.1.2.1")});
+        });
+        std::this_thread::sleep_for(200ms);
+        // ... while the system group is answered as fast as when idle.
+        RunResult up;
+        const auto took = timed([&] { up = agent.snmp("snmpget", {kSysUpTime}); });
+        other.join();
+        EXPECT_EQ(up.status, 0) << up.err;
+        EXPECT_NE(up.out.find("Timeticks"), std::string::npos) << up.out;
+        EXPECT_LT(took, idle + 500ms) << "idle: " << idle.count();
+        EXPECT_NE(waiting.err.find("genErr"), std::string::npos) << waiting.out << waiting.err;
+    }
+    releaseTables();
+    // The log says why the storage requests failed, and that it was the lock.
+    EXPECT_NE(agent.process()->err().find("the storage tables stayed locked"), std::string::npos)
+        << agent.process()->err();
+    EXPECT_EQ(agent.process()->err().find("the plug-in failed to answer"), std::string::npos)
+        << agent.process()->err();
+}
+
+TEST(AgentRescanTimeOut, ARescanStartWithoutItsEndHoldsTheTablesOnlyForTheTimeOut)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--rescan-timeout", "3"}, &why))
+        << why;
+    ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
+    RunResult get;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {"-Cf", storage("130.1.1.2.1")});
+            return get.err.find("genErr") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    // The runtime hands the plug-in the rescan's end after 3 s: the tables
+    // are rebuilt and answer again, without any 3060 from outside.
+    EXPECT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
+            return get.out.find("STRING") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    EXPECT_NE(agent.process()->err().find("handing out one of the runtime's own"),
+              std::string::npos)
+        << agent.process()->err();
+    // A 3060 arriving late is dropped: the next rescan is not cut short.
+    ASSERT_EQ(agent.kelpctl({"event", "3060"}).status, 0);
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("dropped a late rescan completed event") !=
+                   std::string::npos;
+        },
+        10s))
+        << agent.process()->err();
+}
+
+} // namespace
+} // namespace kelp::test
