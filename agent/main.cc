@@ -1,7 +1,7 @@
 // kelpagent: the SNMP agent that hosts the kelp plug-in. Start-up and
 // shut-down in the order the plug-in expects; everything else lives in the
 // files named after what it does (options, runtimesetup, module, handler,
-// snmpagent, trap, trapsend).
+// snmpagent, traps/).
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -19,8 +19,8 @@
 #include "snmp/handler.h"
 #include "snmpagent.h"
 #include "snmpconf.h"
-#include "trap.h"
-#include "trapsend.h"
+#include "traps/trap.h"
+#include "traps/trapsend.h"
 
 #ifndef KELP_VERSION
 #define KELP_VERSION "unknown"

@@ -8,17 +8,12 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
-#include <net-snmp/library/snmpIPv4BaseDomain.h>
-#include <net-snmp/library/snmpIPv6BaseDomain.h>
-
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <csignal>
 #include <string>
 #include <string_view>
@@ -27,8 +22,11 @@
 #include "log.h"
 #include "paths.h"
 #include "refusals.h"
+#include "snmpaddress.h"
 #include "snmpconf.h"
 #include "stdgroups.h"
+#include "traps/trapmessage.h"
+#include "traps/trapsinks.h"
 
 namespace kelp::agent {
 namespace {
@@ -91,38 +89,16 @@ void rememberAll(const std::vector<std::string> &lines)
 // The first address of a --listen list (net-snmp's transport syntax,
 // comma-separated) that names no address this host could resolve, or "" when
 // all do. Tells a typing error from a port in use, which init_master_agent
-// reports alike. A name without a domain is UDP, as net-snmp takes it.
+// reports alike. A name without a domain is UDP over IPv4.
 std::string invalidListenAddress(const std::string &list)
 {
-    static constexpr std::string_view kIpv4Domains[] = {"udp", "tcp"};
-    static constexpr std::string_view kIpv6Domains[] = {"udp6",  "tcp6",    "udpv6",
-                                                        "tcpv6", "udpipv6", "tcpipv6"};
     size_t start = 0;
     while (start <= list.size()) {
         const size_t comma = std::min(list.find(',', start), list.size());
         const std::string address = list.substr(start, comma - start);
         start = comma + 1;
-        const size_t colon = address.find(':');
-        std::string domain = colon == std::string::npos ? "" : address.substr(0, colon);
-        for (char &c : domain) {
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-        const std::string rest = colon == std::string::npos ? "" : address.substr(colon + 1);
-        bool valid;
-        if (std::find(std::begin(kIpv6Domains), std::end(kIpv6Domains), domain) !=
-            std::end(kIpv6Domains)) {
-            sockaddr_in6 ipv6{};
-            valid = netsnmp_sockaddr_in6_2(&ipv6, rest.c_str(), nullptr) != 0;
-        } else if (domain == "unix") {
-            valid = !rest.empty();
-        } else {
-            const bool named = std::find(std::begin(kIpv4Domains), std::end(kIpv4Domains),
-                                         domain) != std::end(kIpv4Domains);
-            sockaddr_in ipv4{};
-            valid =
-                netsnmp_sockaddr_in2(&ipv4, named ? rest.c_str() : address.c_str(), nullptr) != 0;
-        }
-        if (!valid) {
+        SnmpAddress parsed;
+        if (!parseSnmpAddress(address, nullptr, false, &parsed)) {
             return address;
         }
     }
@@ -144,28 +120,6 @@ LogLevel levelOf(int priority)
 // Only the agent's thread runs net-snmp.
 std::string g_pendingLog;
 
-// Trap sinks net-snmp could not open (a bad address or port, a host that
-// does not resolve), counted as its configuration reports them.
-size_t g_unusableSinks = 0;
-
-// net-snmp's own words for a sink it cannot open carry no file or line of
-// any use ("(null): line 0: Error: cannot create sink: ADDR"); the agent
-// says what it means for the user instead.
-bool reportUnusableSink(std::string_view line)
-{
-    constexpr std::string_view kCannotCreate = "cannot create sink: ";
-    const size_t at = line.find(kCannotCreate);
-    if (at == std::string_view::npos) {
-        return false;
-    }
-    g_unusableSinks++;
-    const std::string sink(line.substr(at + kCannotCreate.size()));
-    logAt(LogLevel::kWarning,
-          "trap sink %s cannot be used (not a reachable address); no trap goes there",
-          sink.c_str());
-    return true;
-}
-
 int onNetsnmpLog(int, int, void *serverArg, void *)
 {
     const auto *message = static_cast<const snmp_log_message *>(serverArg);
@@ -176,7 +130,7 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
     size_t end;
     while ((end = g_pendingLog.find('\n')) != std::string::npos) {
         const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
-        if (end > 0 && !reportUnusableSink(line)) {
+        if (end > 0) {
             logText(levelOf(message->priority), line);
         }
         g_pendingLog.erase(0, end + 1);
@@ -185,6 +139,8 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
 }
 
 } // namespace
+
+SnmpAgent::SnmpAgent() = default;
 
 SnmpAgent::~SnmpAgent()
 {
@@ -256,8 +212,11 @@ bool SnmpAgent::open(std::string *error)
         rememberAll(accessLines(settings_.community));
         rememberAll(systemLines(settings_.identity));
     }
-    rememberAll(trapSinkLines(settings_.trapSinks, settings_.trapV1, settings_.community));
     init_snmp(kAppName);
+    if (!settings_.trapSinks.empty()) {
+        traps_ =
+            std::make_unique<TrapSinks>(settings_.trapSinks, settings_.trapV1, settings_.community);
+    }
     if (settings_.subagent) {
         return true;
     }
@@ -277,10 +236,9 @@ bool SnmpAgent::open(std::string *error)
 
 void SnmpAgent::sendColdStart()
 {
-    const size_t sinks =
-        settings_.trapSinks.size() - std::min(g_unusableSinks, settings_.trapSinks.size());
+    const size_t sinks = traps_ ? traps_->count() : 0;
     if (!settings_.subagent && sinks > 0) {
-        send_easy_trap(SNMP_TRAP_COLDSTART, 0);
+        traps_->send(coldStartTrap());
         logLine("coldStart sent to %zu trap sink%s", sinks, sinks == 1 ? "" : "s");
     }
 }
@@ -330,6 +288,7 @@ bool SnmpAgent::hasTrapDestination() const
 
 void SnmpAgent::shutdown()
 {
+    traps_.reset();
     if (initialised_) {
         snmp_shutdown(kAppName);
         initialised_ = false;

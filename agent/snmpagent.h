@@ -6,12 +6,15 @@
 #define KELP_AGENT_SNMPAGENT_H
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "snmpconf.h"
 
 namespace kelp::agent {
+
+class TrapSinks;
 
 struct AgentSettings {
     bool subagent = false;
@@ -26,7 +29,7 @@ struct AgentSettings {
 
 class SnmpAgent {
   public:
-    SnmpAgent() = default;
+    SnmpAgent();
     // shutdown()
     ~SnmpAgent();
     SnmpAgent(const SnmpAgent &) = delete;
@@ -70,6 +73,7 @@ class SnmpAgent {
   private:
     AgentSettings settings_;
     bool initialised_ = false;
+    std::unique_ptr<TrapSinks> traps_; // kelp's own sinks, open from open() to shutdown()
 };
 
 } // namespace kelp::agent

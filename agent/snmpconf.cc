@@ -32,16 +32,6 @@ std::vector<std::string> systemLines(const SystemIdentity &identity)
     };
 }
 
-std::vector<std::string> trapSinkLines(const std::vector<std::string> &sinks, bool v1,
-                                       const std::string &community)
-{
-    std::vector<std::string> lines;
-    for (const std::string &sink : sinks) {
-        lines.push_back((v1 ? "trapsink " : "trap2sink ") + sink + " " + community);
-    }
-    return lines;
-}
-
 std::string describeAgent(const std::string &version, const std::string &host,
                           const std::string &release)
 {

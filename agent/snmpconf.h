@@ -1,7 +1,8 @@
 // The configuration lines kelpagent hands net-snmp in place of the files it
-// does not read: access for the community (IPv4 and IPv6 sources alike),
-// the system group's values and the trap sinks. Plain text, so that what
-// the agent configures can be tested without net-snmp.
+// does not read: access for the community (IPv4 and IPv6 sources alike)
+// and the system group's values. Plain text, so that what the agent
+// configures can be tested without net-snmp. Trap sinks are kelp's own
+// (traps/trapsinks.h), not net-snmp's.
 #ifndef KELP_AGENT_SNMPCONF_H
 #define KELP_AGENT_SNMPCONF_H
 
@@ -30,10 +31,6 @@ struct SystemIdentity {
 // sysDescr, sysObjectID (kAgentObjectId), sysContact, sysName, sysLocation,
 // sysServices.
 std::vector<std::string> systemLines(const SystemIdentity &identity);
-
-// One trapsink (v1) or trap2sink (v2c) line per sink, with the community.
-std::vector<std::string> trapSinkLines(const std::vector<std::string> &sinks, bool v1,
-                                       const std::string &community);
 
 // "kelp VERSION storage-management SNMP agent on HOST (Linux RELEASE)".
 std::string describeAgent(const std::string &version, const std::string &host,

@@ -11,8 +11,8 @@
 
 #include "snmpagent.h"
 #include "testkit.h"
-#include "trap.h"
-#include "trapsend.h"
+#include "traps/trap.h"
+#include "traps/trapsend.h"
 
 namespace kelp::test {
 namespace {

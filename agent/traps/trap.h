@@ -2,8 +2,8 @@
 // into a Trap the agent owns, then hands it to the thread that runs net-snmp
 // (TrapQueue), since net-snmp is not thread-safe and the module sends from
 // its own threads.
-#ifndef KELP_AGENT_TRAP_H
-#define KELP_AGENT_TRAP_H
+#ifndef KELP_AGENT_TRAPS_TRAP_H
+#define KELP_AGENT_TRAPS_TRAP_H
 
 #include <chrono>
 #include <condition_variable>
@@ -91,4 +91,4 @@ class TrapQueue {
 
 } // namespace kelp::agent
 
-#endif // KELP_AGENT_TRAP_H
+#endif // KELP_AGENT_TRAPS_TRAP_H

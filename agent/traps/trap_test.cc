@@ -1,6 +1,6 @@
 // Traps as entry 7 receives them: what is copied, what is refused, and the
 // hand-off to the sending thread (order, patience, closing).
-#include "trap.h"
+#include "traps/trap.h"
 
 #include <atomic>
 #include <future>

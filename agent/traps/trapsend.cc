@@ -1,5 +1,5 @@
-// Traps into net-snmp.
-#include "trapsend.h"
+// Traps to the agent's sinks and, from a subagent, to its master.
+#include "traps/trapsend.h"
 
 // net-snmp's headers in the order they need: configuration, library, agent.
 #include <net-snmp/net-snmp-config.h>
@@ -13,10 +13,14 @@
 
 #include "log.h"
 #include "snmpvalue.h"
+#include "traps/trapsinks.h"
 
 namespace kelp::agent {
+namespace {
 
-uint32_t sendTrapNow(const Trap &trap)
+// A subagent's master takes the trap as an AgentX notification: net-snmp's
+// only trap sink in a subagent is its AgentX session. 0 when handed over.
+uint32_t sendToMaster(const Trap &trap)
 {
     netsnmp_variable_list *vars = nullptr;
     for (const TrapBinding &binding : trap.bindings) {
@@ -32,6 +36,21 @@ uint32_t sendTrapNow(const Trap &trap)
                                           static_cast<int>(enterprise.size()), vars, nullptr, 0);
     snmp_free_varbind(vars);
     return status == 0 ? SM_SNMP_NOERROR : SM_SNMP_GENERR;
+}
+
+} // namespace
+
+uint32_t sendTrapNow(const Trap &trap)
+{
+    uint32_t status = SM_SNMP_GENERR;
+    if (TrapSinks *sinks = TrapSinks::active()) {
+        status = sinks->send(trap);
+    }
+    if (netsnmp_ds_get_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE) != 0 &&
+        sendToMaster(trap) == SM_SNMP_NOERROR) {
+        status = SM_SNMP_NOERROR;
+    }
+    return status;
 }
 
 extern "C" uint32_t kelpAgentSendTrap(uint64_t handle, const SMSnmpOID *enterprise,

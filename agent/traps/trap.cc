@@ -1,5 +1,5 @@
 // Copying the plug-in's traps and handing them to the sending thread.
-#include "trap.h"
+#include "traps/trap.h"
 
 #include <optional>
 #include <utility>

@@ -1,0 +1,148 @@
+// Trap PDUs built and encoded with net-snmp.
+#include "traps/trapmessage.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/agent/agent_trap.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "snmpvalue.h"
+
+// The enterprise net-snmp's agent library gives its generic traps (its
+// system OID as the library was built); it installs no header for it.
+extern "C" {
+extern const oid trap_version_id[];
+extern const int trap_version_id_len;
+}
+
+namespace kelp::agent {
+namespace {
+
+struct PduFree {
+    void operator()(netsnmp_pdu *pdu) const { snmp_free_pdu(pdu); }
+};
+using PduPtr = std::unique_ptr<netsnmp_pdu, PduFree>;
+
+struct BufferFree {
+    void operator()(u_char *buffer) const { std::free(buffer); }
+};
+
+// The SNMPv1 form of the trap, as netsnmp_send_traps makes it for a
+// generic and specific number: the agent address is still unset.
+PduPtr v1Pdu(const Trap &trap, std::string *why)
+{
+    netsnmp_variable_list *vars = nullptr;
+    for (const TrapBinding &binding : trap.bindings) {
+        if (!appendVar(&vars, binding.name, binding.value)) {
+            snmp_free_varbind(vars);
+            *why = "net-snmp refuses a binding";
+            return nullptr;
+        }
+    }
+    PduPtr pdu(snmp_pdu_create(SNMP_MSG_TRAP));
+    const std::vector<oid> enterprise(trap.enterprise.begin(), trap.enterprise.end());
+    if (!pdu || snmp_clone_mem(reinterpret_cast<void **>(&pdu->enterprise), enterprise.data(),
+                               static_cast<u_int>(enterprise.size() * sizeof(oid))) != 0) {
+        snmp_free_varbind(vars);
+        *why = "no memory for the trap";
+        return nullptr;
+    }
+    pdu->enterprise_length = enterprise.size();
+    pdu->trap_type = trap.generic;
+    pdu->specific_type = trap.specific;
+    pdu->time = netsnmp_get_agent_uptime();
+    pdu->variables = vars;
+    return pdu;
+}
+
+// What netsnmp_send_traps puts in a v1 trap's agent-addr: the configured
+// v1trapaddress when it resolves, else the first IPv4 address of this host.
+void setAgentAddress(netsnmp_pdu *pdu)
+{
+    auto *address = reinterpret_cast<in_addr_t *>(pdu->agent_addr);
+    const char *configured =
+        netsnmp_ds_get_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_TRAP_ADDR);
+    if (configured == nullptr || netsnmp_gethostbyname_v4(configured, address) < 0) {
+        *address = get_myaddr();
+    }
+}
+
+bool encodePdu(netsnmp_pdu *pdu, long version, const std::string &community, std::string *message,
+               std::string *why)
+{
+    netsnmp_session session;
+    snmp_sess_init(&session);
+    session.version = version;
+    std::vector<u_char> name(community.begin(), community.end());
+    session.community = name.data();
+    session.community_len = name.size();
+    pdu->version = version;
+
+    const bool reverse =
+        netsnmp_ds_get_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_REVERSE_ENCODE) != 0;
+    // Built from the end, the buffer grows as needed; built from the start it
+    // must hold the largest message at once.
+    size_t size = reverse ? 1024 : kMaxTrapMessageBytes + 1;
+    u_char *raw = static_cast<u_char *>(std::malloc(size));
+    size_t offset = 0;
+    if (raw == nullptr || snmp_build(&raw, &size, &offset, &session, pdu) != 0) {
+        std::free(raw);
+        *why = std::string("net-snmp cannot encode the trap: ") +
+               snmp_api_errstring(session.s_snmp_errno);
+        return false;
+    }
+    const std::unique_ptr<u_char, BufferFree> buffer(raw);
+    const bool forward = (pdu->flags & UCD_MSG_FLAG_FORWARD_ENCODE) != 0;
+    const u_char *start = forward ? raw : raw + size - offset;
+    const size_t length = forward ? size : offset;
+    if (length > kMaxTrapMessageBytes) {
+        *why = "the message would be " + std::to_string(length) + " bytes, over " +
+               std::to_string(kMaxTrapMessageBytes);
+        return false;
+    }
+    message->assign(reinterpret_cast<const char *>(start), length);
+    return true;
+}
+
+} // namespace
+
+bool encodeTrap(const Trap &trap, bool v1, const std::string &community, std::string *message,
+                std::string *why)
+{
+    PduPtr pdu = v1Pdu(trap, why);
+    if (!pdu) {
+        return false;
+    }
+    if (v1) {
+        setAgentAddress(pdu.get());
+        return encodePdu(pdu.get(), SNMP_VERSION_1, community, message, why);
+    }
+    // net-snmp's own conversion: sysUpTime.0 and snmpTrapOID.0 first,
+    // snmpTrapEnterprise.0 last.
+    PduPtr v2(convert_v1pdu_to_v2(pdu.get()));
+    if (!v2) {
+        *why = "net-snmp cannot make the SNMPv2c form of the trap";
+        return false;
+    }
+    return encodePdu(v2.get(), SNMP_VERSION_2c, community, message, why);
+}
+
+Trap coldStartTrap()
+{
+    Trap trap;
+    trap.enterprise.assign(trap_version_id, trap_version_id + trap_version_id_len);
+    trap.generic = SNMP_TRAP_COLDSTART;
+    trap.specific = 0;
+    return trap;
+}
+
+} // namespace kelp::agent

@@ -1,0 +1,167 @@
+// The messages the sinks send, decoded again with net-snmp's own parser: an
+// SNMPv2c notification is sysUpTime.0, snmpTrapOID.0 = enterprise.0.specific,
+// the bindings and snmpTrapEnterprise.0; an SNMPv1 trap carries enterprise,
+// agent address, generic and specific numbers and the bindings; both carry
+// the community. coldStart names net-snmp's enterprise for this system; a
+// trap too large for a datagram is refused.
+#include "traps/trapmessage.h"
+
+// net-snmp's headers in the order they need: configuration, library.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/library/snmp_impl.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace kelp::agent {
+namespace {
+
+const std::vector<uint32_t> kEnterprise{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 200};
+
+Trap diskTrap()
+{
+    Trap trap;
+    trap.enterprise = kEnterprise;
+    trap.generic = 6;
+    trap.specific = 904;
+    TrapBinding number;
+    number.name = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 200, 1, 0};
+    number.value.type = SM_ASN_INTEGER;
+    number.value.integer = 2048;
+    TrapBinding text;
+    text.name = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 200, 2, 0};
+    text.value.type = SM_ASN_OCTET_STRING;
+    text.value.shape = ValueShape::kBytes;
+    text.value.bytes = "Physical disk 0:0:2 has failed.";
+    trap.bindings = {number, text};
+    return trap;
+}
+
+struct Decoded {
+    long version = -1;
+    std::string community;
+    netsnmp_pdu *pdu = nullptr;
+    ~Decoded() { snmp_free_pdu(pdu); }
+};
+
+// The message taken apart by net-snmp: header, then the PDU.
+bool decode(const std::string &message, Decoded *out)
+{
+    std::vector<u_char> data(message.begin(), message.end());
+    size_t length = data.size();
+    u_char community[256];
+    size_t communityLength = sizeof community;
+    u_char *pdu =
+        snmp_comstr_parse(data.data(), &length, community, &communityLength, &out->version);
+    if (pdu == nullptr) {
+        return false;
+    }
+    out->community.assign(reinterpret_cast<char *>(community), communityLength);
+    out->pdu = snmp_pdu_create(0);
+    return snmp_pdu_parse(out->pdu, pdu, &length) == 0;
+}
+
+std::vector<oid> nameOf(const netsnmp_variable_list *var)
+{
+    return {var->name, var->name + var->name_length};
+}
+
+std::vector<oid> oidValue(const netsnmp_variable_list *var)
+{
+    return {var->val.objid, var->val.objid + var->val_len / sizeof(oid)};
+}
+
+TEST(TrapMessage, AV2cNotificationIsUptimeTrapOidBindingsAndEnterprise)
+{
+    std::string message;
+    std::string why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), false, "private", &message, &why)) << why;
+    Decoded decoded;
+    ASSERT_TRUE(decode(message, &decoded));
+    EXPECT_EQ(decoded.version, SNMP_VERSION_2c);
+    EXPECT_EQ(decoded.community, "private");
+    EXPECT_EQ(decoded.pdu->command, SNMP_MSG_TRAP2);
+
+    std::vector<const netsnmp_variable_list *> vars;
+    for (const netsnmp_variable_list *var = decoded.pdu->variables; var != nullptr;
+         var = var->next_variable) {
+        vars.push_back(var);
+    }
+    ASSERT_EQ(vars.size(), 5u);
+    EXPECT_EQ(nameOf(vars[0]), (std::vector<oid>{1, 3, 6, 1, 2, 1, 1, 3, 0}));
+    EXPECT_EQ(vars[0]->type, ASN_TIMETICKS);
+    EXPECT_EQ(nameOf(vars[1]), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0}));
+    std::vector<oid> trapOid(kEnterprise.begin(), kEnterprise.end());
+    trapOid.insert(trapOid.end(), {0, 904});
+    EXPECT_EQ(oidValue(vars[1]), trapOid);
+    EXPECT_EQ(vars[2]->type, ASN_INTEGER);
+    EXPECT_EQ(*vars[2]->val.integer, 2048);
+    EXPECT_EQ(vars[3]->type, ASN_OCTET_STR);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(vars[3]->val.string), vars[3]->val_len),
+              "Physical disk 0:0:2 has failed.");
+    EXPECT_EQ(nameOf(vars[4]), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 4, 3, 0}));
+    EXPECT_EQ(oidValue(vars[4]), std::vector<oid>(kEnterprise.begin(), kEnterprise.end()));
+}
+
+TEST(TrapMessage, AV1TrapCarriesEnterpriseAgentAddressAndNumbers)
+{
+    std::string message;
+    std::string why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), true, "public", &message, &why)) << why;
+    Decoded decoded;
+    ASSERT_TRUE(decode(message, &decoded));
+    EXPECT_EQ(decoded.version, SNMP_VERSION_1);
+    EXPECT_EQ(decoded.community, "public");
+    EXPECT_EQ(decoded.pdu->command, SNMP_MSG_TRAP);
+    EXPECT_EQ(std::vector<oid>(decoded.pdu->enterprise,
+                               decoded.pdu->enterprise + decoded.pdu->enterprise_length),
+              std::vector<oid>(kEnterprise.begin(), kEnterprise.end()));
+    EXPECT_EQ(decoded.pdu->trap_type, 6);
+    EXPECT_EQ(decoded.pdu->specific_type, 904);
+    in_addr_t address = 0;
+    std::memcpy(&address, decoded.pdu->agent_addr, sizeof address);
+    EXPECT_EQ(address, get_myaddr());
+    int count = 0;
+    for (const netsnmp_variable_list *var = decoded.pdu->variables; var != nullptr;
+         var = var->next_variable) {
+        count++;
+    }
+    EXPECT_EQ(count, 2) << "the bindings alone";
+}
+
+TEST(TrapMessage, ColdStartNamesNetSnmpsEnterpriseForThisSystem)
+{
+    const Trap trap = coldStartTrap();
+    EXPECT_EQ(trap.enterprise, (std::vector<uint32_t>{1, 3, 6, 1, 4, 1, 8072, 3, 2, 10}));
+    EXPECT_EQ(trap.generic, 0u);
+    EXPECT_TRUE(trap.bindings.empty());
+    std::string message;
+    std::string why;
+    ASSERT_TRUE(encodeTrap(trap, false, "public", &message, &why)) << why;
+    Decoded decoded;
+    ASSERT_TRUE(decode(message, &decoded));
+    const netsnmp_variable_list *trapOid = decoded.pdu->variables->next_variable;
+    EXPECT_EQ(oidValue(trapOid), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 5, 1}));
+}
+
+TEST(TrapMessage, ATrapLargerThanADatagramIsRefusedWithTheReason)
+{
+    Trap trap = diskTrap();
+    trap.bindings[1].value.bytes.assign(kMaxTrapMessageBytes, 'x');
+    std::string message;
+    std::string why;
+    EXPECT_FALSE(encodeTrap(trap, false, "public", &message, &why));
+    EXPECT_NE(why.find("over 65507"), std::string::npos) << why;
+    trap.bindings[1].value.bytes.assign(60000, 'x');
+    EXPECT_TRUE(encodeTrap(trap, false, "public", &message, &why)) << why;
+    EXPECT_GT(message.size(), 60000u);
+}
+
+} // namespace
+} // namespace kelp::agent

@@ -1,0 +1,293 @@
+// A trap sink's socket: opening, connecting with back-off, writing, closing.
+#include "traps/trapsink.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "log.h"
+
+namespace kelp::agent {
+namespace {
+
+std::string errorText(int error)
+{
+    return std::generic_category().message(error);
+}
+
+} // namespace
+
+std::chrono::seconds Backoff::next()
+{
+    const std::chrono::seconds delay = next_;
+    next_ = std::min(next_ * 2, kRetryLongest);
+    return delay;
+}
+
+TrapSink::TrapSink(SinkAddress address, SinkLoop *loop, SinkLimits limits)
+    : address_(std::move(address)), loop_(loop), queue_(limits)
+{
+}
+
+TrapSink::~TrapSink()
+{
+    close();
+}
+
+bool TrapSink::open(SinkClock::time_point now, std::string *error)
+{
+    if (address_.stream) {
+        connect(now);
+        return true;
+    }
+    fd_ = socket(address_.address.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) {
+        *error = errorText(errno);
+        return false;
+    }
+    state_ = State::kReady;
+    return true;
+}
+
+bool TrapSink::send(SinkMessage message, SinkClock::time_point now)
+{
+    const bool wasEmpty = queue_.empty();
+    if (!queue_.push(std::move(message))) {
+        reportDrops(now);
+        update();
+        return false;
+    }
+    // With messages already waiting the sink waits for its socket anyway.
+    if (wasEmpty) {
+        flush(now);
+    }
+    return true;
+}
+
+void TrapSink::onReadable(SinkClock::time_point now)
+{
+    if (state_ != State::kConnected) {
+        return;
+    }
+    // A trap receiver sends nothing back (an inform's response would come
+    // here); reading tells when it closes.
+    char scratch[4096];
+    for (;;) {
+        const ssize_t got = recv(fd_, scratch, sizeof scratch, MSG_DONTWAIT);
+        if (got > 0) {
+            continue;
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return;
+        }
+        if (got == 0) {
+            fail(now, "closed by the receiver", 0);
+        } else {
+            fail(now, "connection lost", errno);
+        }
+        return;
+    }
+}
+
+void TrapSink::onWritable(SinkClock::time_point now)
+{
+    if (state_ == State::kConnecting) {
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+            error = errno;
+        }
+        if (error == 0) {
+            sockaddr_storage peer{};
+            socklen_t peerLength = sizeof peer;
+            if (getpeername(fd_, reinterpret_cast<sockaddr *>(&peer), &peerLength) == 0) {
+                connected(now);
+                return;
+            }
+            // Woken before the connection was made: it is still under way.
+            if (errno == ENOTCONN) {
+                return;
+            }
+            error = errno;
+        }
+        if (error != EINPROGRESS && error != EALREADY) {
+            fail(now, "cannot connect", error);
+        }
+        return;
+    }
+    flush(now);
+}
+
+void TrapSink::onTimer(SinkClock::time_point now)
+{
+    // The loop's request is used up; update() asks again for what is left.
+    wake_.reset();
+    if (state_ == State::kWaiting && now >= retryAt_) {
+        connect(now);
+    } else if (state_ == State::kConnecting && now >= connectDeadline_) {
+        fail(now, "no connection within " + std::to_string(kConnectTimeout.count()) + " seconds",
+             0);
+    }
+    reportDrops(now);
+    update();
+}
+
+void TrapSink::close()
+{
+    if (state_ == State::kConnected) {
+        int ignored = 0;
+        queue_.writeStream(fd_, &ignored);
+    } else if (state_ == State::kReady) {
+        queue_.writeDatagrams(fd_, reinterpret_cast<const sockaddr *>(&address_.address),
+                              address_.length);
+    }
+    closeSocket();
+    state_ = State::kClosed;
+    if (wake_) {
+        wake_.reset();
+        loop_->wakeAt(this, std::nullopt);
+    }
+}
+
+void TrapSink::connect(SinkClock::time_point now)
+{
+    fd_ = socket(address_.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) {
+        fail(now, "cannot connect", errno);
+        return;
+    }
+    const int size = kStreamSendBuffer;
+    // Only a bound on memory: a socket that keeps the default still works.
+    setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    if (::connect(fd_, reinterpret_cast<const sockaddr *>(&address_.address), address_.length) ==
+        0) {
+        connected(now);
+        return;
+    }
+    if (errno == EINPROGRESS || errno == EINTR) {
+        state_ = State::kConnecting;
+        connectDeadline_ = now + kConnectTimeout;
+        update();
+        return;
+    }
+    fail(now, "cannot connect", errno);
+}
+
+void TrapSink::connected(SinkClock::time_point now)
+{
+    state_ = State::kConnected;
+    connectedAt_ = now;
+    if (reportedDown_) {
+        reportedDown_ = false;
+        logAt(LogLevel::kNotice, "trap sink %s: connected, %zu trap%s waiting",
+              address_.name.c_str(), queue_.messages(), queue_.messages() == 1 ? "" : "s");
+    }
+    flush(now);
+}
+
+void TrapSink::fail(SinkClock::time_point now, const std::string &what, int error)
+{
+    closeSocket();
+    queue_.restartPartial();
+    if (connectedAt_ && now - *connectedAt_ >= kStableConnection) {
+        backoff_.reset();
+    }
+    connectedAt_.reset();
+    // The first failure after a working connection (or at start) is worth a
+    // warning; the retries that follow it are not.
+    const bool firstOfSeries = backoff_.atFirst() && !reportedDown_;
+    const std::chrono::seconds delay = backoff_.next();
+    const std::string reason = error != 0 ? what + " (" + errorText(error) + ")" : what;
+    logAt(firstOfSeries ? LogLevel::kWarning : LogLevel::kDebug,
+          "trap sink %s: %s; its traps wait in its queue, next attempt in %lld s",
+          address_.name.c_str(), reason.c_str(), static_cast<long long>(delay.count()));
+    reportedDown_ = reportedDown_ || firstOfSeries;
+    state_ = State::kWaiting;
+    retryAt_ = now + delay;
+    update();
+}
+
+void TrapSink::flush(SinkClock::time_point now)
+{
+    if (state_ == State::kConnected) {
+        int error = 0;
+        if (queue_.writeStream(fd_, &error) == SinkWrite::kBroken) {
+            fail(now, "connection lost", error);
+            return;
+        }
+    } else if (state_ == State::kReady) {
+        queue_.writeDatagrams(fd_, reinterpret_cast<const sockaddr *>(&address_.address),
+                              address_.length);
+        reportDrops(now);
+    }
+    update();
+}
+
+void TrapSink::reportDrops(SinkClock::time_point now)
+{
+    if (const std::optional<DropReport> report = queue_.takeDropReport(now)) {
+        logAt(LogLevel::kWarning, "%s", dropLine(address_.name, *report, queue_.limits()).c_str());
+    }
+}
+
+void TrapSink::closeSocket()
+{
+    if (fd_ < 0) {
+        return;
+    }
+    if (watchedFd_ == fd_) {
+        loop_->watch(this, fd_, false, false);
+        watchedFd_ = -1;
+        watchedReadable_ = watchedWritable_ = false;
+    }
+    ::close(fd_);
+    fd_ = -1;
+}
+
+void TrapSink::update()
+{
+    bool readable = false;
+    bool writable = false;
+    std::optional<SinkClock::time_point> wake = queue_.nextDropReport();
+    const auto earlier = [&wake](SinkClock::time_point when) {
+        wake = wake ? std::min(*wake, when) : when;
+    };
+    switch (state_) {
+    case State::kReady:
+        writable = !queue_.empty();
+        break;
+    case State::kConnected:
+        readable = true;
+        writable = !queue_.empty();
+        break;
+    case State::kConnecting:
+        writable = true;
+        earlier(connectDeadline_);
+        break;
+    case State::kWaiting:
+        earlier(retryAt_);
+        break;
+    case State::kClosed:
+        break;
+    }
+    if (fd_ >= 0 &&
+        (fd_ != watchedFd_ || readable != watchedReadable_ || writable != watchedWritable_)) {
+        loop_->watch(this, fd_, readable, writable);
+        watchedFd_ = fd_;
+        watchedReadable_ = readable;
+        watchedWritable_ = writable;
+    }
+    if (wake != wake_) {
+        wake_ = wake;
+        loop_->wakeAt(this, wake);
+    }
+}
+
+} // namespace kelp::agent

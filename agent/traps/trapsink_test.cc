@@ -1,0 +1,438 @@
+// One trap sink run by hand on loopback sockets: UDP datagrams at once, a
+// TCP connection made without blocking, the back-off after a refusal, a
+// receiver that closes or never answers, the queue kept across
+// reconnections, and what the loop is asked to watch. Times are the test's
+// own; the sockets are real.
+#include "traps/trapsink.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace kelp::agent {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The loop's side: what the sink asked for last.
+struct FakeLoop : SinkLoop {
+    void watch(TrapSink *, int f, bool r, bool w) override
+    {
+        if (!r && !w) {
+            forgotten.push_back(f);
+            fd = -1;
+        } else {
+            fd = f;
+        }
+        readable = r;
+        writable = w;
+    }
+    void wakeAt(TrapSink *, std::optional<SinkClock::time_point> when) override { wake = when; }
+
+    int fd = -1;
+    bool readable = false;
+    bool writable = false;
+    std::vector<int> forgotten;
+    std::optional<SinkClock::time_point> wake;
+};
+
+// Polls what the loop watches and hands the sink its events until `done`
+// holds (real time, at most 5 s).
+template <typename Done>
+bool runUntil(TrapSink &sink, FakeLoop &loop, SinkClock::time_point now, Done done)
+{
+    for (int round = 0; round < 500 && !done(); round++) {
+        if (loop.fd < 0) {
+            return done();
+        }
+        pollfd entry{
+            loop.fd,
+            static_cast<short>((loop.readable ? POLLIN : 0) | (loop.writable ? POLLOUT : 0)), 0};
+        if (poll(&entry, 1, 10) <= 0) {
+            continue;
+        }
+        if ((entry.revents & (POLLIN | POLLHUP | POLLERR)) != 0 && loop.readable) {
+            sink.onReadable(now);
+        }
+        if ((entry.revents & (POLLOUT | POLLHUP | POLLERR)) != 0 && loop.writable &&
+            loop.fd == entry.fd) {
+            sink.onWritable(now);
+        }
+    }
+    return done();
+}
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+int portOf(int fd)
+{
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+// A socket of `type` bound to a free loopback port.
+int boundSocket(int type)
+{
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const sockaddr_in any = loopback(0);
+    if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A TCP listener on `port` (0: a free one).
+int listener(int port, int backlog = 16)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    const sockaddr_in at = loopback(port);
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) != 0 ||
+        listen(fd, backlog) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A loopback TCP port nobody listens on (a moment ago).
+int closedPort()
+{
+    const int fd = boundSocket(SOCK_STREAM);
+    const int port = portOf(fd);
+    close(fd);
+    return port;
+}
+
+SinkAddress addressOf(int port, bool stream)
+{
+    SinkAddress address;
+    address.name = std::string(stream ? "tcp" : "udp") + ":127.0.0.1:" + std::to_string(port);
+    address.stream = stream;
+    const sockaddr_in at = loopback(port);
+    std::memcpy(&address.address, &at, sizeof at);
+    address.length = sizeof at;
+    return address;
+}
+
+SinkMessage message(const std::string &text)
+{
+    return std::make_shared<const std::string>(text);
+}
+
+// Reads from `fd` until `size` bytes came or 5 s passed.
+std::string receive(int fd, size_t size)
+{
+    std::string got;
+    char buffer[65536];
+    for (int round = 0; round < 500 && got.size() < size; round++) {
+        pollfd entry{fd, POLLIN, 0};
+        if (poll(&entry, 1, 10) > 0) {
+            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n <= 0) {
+                break;
+            }
+            got.append(buffer, static_cast<size_t>(n));
+        }
+    }
+    return got;
+}
+
+const SinkClock::time_point kStart{std::chrono::hours(100)};
+
+TEST(Backoff, DoublesFromOneSecondToAMinuteAndStartsOverAfterAReset)
+{
+    Backoff backoff;
+    std::vector<long long> delays;
+    for (int i = 0; i < 8; i++) {
+        delays.push_back(backoff.next().count());
+    }
+    EXPECT_EQ(delays, (std::vector<long long>{1, 2, 4, 8, 16, 32, 60, 60}));
+    EXPECT_FALSE(backoff.atFirst());
+    backoff.reset();
+    EXPECT_TRUE(backoff.atFirst());
+    EXPECT_EQ(backoff.next(), 1s);
+}
+
+TEST(OneTrapSink, AUdpSinkSendsEachMessageAsADatagramAtOnce)
+{
+    const int receiver = boundSocket(SOCK_DGRAM);
+    ASSERT_GE(receiver, 0);
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(receiver), false), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error)) << error;
+    EXPECT_EQ(sink.state(), TrapSink::State::kReady);
+    EXPECT_TRUE(sink.send(message("first"), kStart));
+    EXPECT_TRUE(sink.send(message("second"), kStart));
+    EXPECT_TRUE(sink.queue().empty());
+    EXPECT_EQ(loop.fd, -1) << "nothing waits, nothing is watched";
+    char buffer[100];
+    ASSERT_EQ(recv(receiver, buffer, sizeof buffer, 0), 5);
+    EXPECT_EQ(std::string(buffer, 5), "first");
+    ASSERT_EQ(recv(receiver, buffer, sizeof buffer, 0), 6);
+    EXPECT_EQ(std::string(buffer, 6), "second");
+    close(receiver);
+}
+
+TEST(OneTrapSink, ATcpSinkConnectsWithoutBlockingAndSendsWhatWaitedInOrder)
+{
+    const int server = listener(0);
+    ASSERT_GE(server, 0);
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(server), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    EXPECT_TRUE(sink.send(message("one."), kStart));
+    EXPECT_TRUE(sink.send(message("two."), kStart));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
+    ASSERT_TRUE(runUntil(sink, loop, kStart, [&] { return sink.queue().empty(); }));
+    EXPECT_TRUE(loop.readable) << "a connected sink learns from reading when the peer closes";
+    EXPECT_FALSE(loop.writable) << "an empty queue is not watched for writing";
+    const int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    EXPECT_TRUE(sink.send(message("three."), kStart));
+    EXPECT_EQ(receive(accepted, 14), "one.two.three.");
+    close(accepted);
+    close(server);
+}
+
+TEST(OneTrapSink, ARefusedConnectionIsRetriedWithBackOffAndTheTrapsWait)
+{
+    const int port = closedPort();
+    FakeLoop loop;
+    TrapSink sink(addressOf(port, true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error)) << "a refusal is retried, not fatal";
+    EXPECT_TRUE(sink.send(message("waiting."), kStart));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.retryAt(), kStart + 1s);
+    EXPECT_EQ(loop.wake, kStart + 1s);
+    EXPECT_EQ(loop.fd, -1) << "the closed socket is forgotten";
+
+    sink.onTimer(kStart + 1s);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 1s,
+                         [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.retryAt(), kStart + 3s) << "the second delay is twice the first";
+    EXPECT_EQ(sink.queue().messages(), 1u);
+
+    // The receiver comes up; the next attempt delivers what waited.
+    const int server = listener(port);
+    ASSERT_GE(server, 0);
+    sink.onTimer(kStart + 2s);
+    EXPECT_EQ(sink.state(), TrapSink::State::kWaiting) << "not before its time";
+    sink.onTimer(kStart + 3s);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 3s, [&] { return sink.queue().empty(); }));
+    const int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    EXPECT_EQ(receive(accepted, 8), "waiting.");
+    close(accepted);
+    close(server);
+}
+
+TEST(OneTrapSink, AReceiverThatClosesIsReconnectedAndGetsThePartialMessageWhole)
+{
+    const int server = listener(0);
+    ASSERT_GE(server, 0);
+    const int small = 2048;
+    setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(server), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
+    int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    // More than the two sockets' buffers hold: it goes out in part.
+    const std::string big(1 << 20, 'B');
+    ASSERT_TRUE(sink.send(message(big), kStart));
+    ASSERT_GT(sink.queue().written(), 0u);
+    ASSERT_FALSE(sink.queue().empty());
+
+    close(accepted);
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.queue().written(), 0u);
+    EXPECT_EQ(sink.queue().messages(), 1u);
+
+    sink.onTimer(sink.retryAt());
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 1s,
+                         [&] { return sink.state() == TrapSink::State::kConnected; }));
+    accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    std::string received;
+    for (int round = 0; round < 2000 && received.size() < big.size(); round++) {
+        runUntil(sink, loop, kStart + 1s, [] { return true; });
+        received += receive(accepted, 1);
+        sink.onWritable(kStart + 1s);
+    }
+    received += receive(accepted, big.size() - received.size());
+    EXPECT_EQ(received.size(), big.size());
+    EXPECT_TRUE(received == big) << "the whole message from its first byte";
+    close(accepted);
+    close(server);
+}
+
+TEST(OneTrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
+{
+    // A listener whose backlog is full: the kernel answers no further SYN.
+    const int server = listener(0, 0);
+    ASSERT_GE(server, 0);
+    const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const sockaddr_in at = loopback(portOf(server));
+    connect(filler, reinterpret_cast<const sockaddr *>(&at), sizeof at);
+    pollfd entry{filler, POLLOUT, 0};
+    ASSERT_EQ(poll(&entry, 1, 5000), 1);
+
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(server), true), &loop, SinkLimits{3, 1000});
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    // A tenth of a second of the loop changes nothing.
+    runUntil(sink, loop, kStart, [rounds = 0]() mutable { return ++rounds > 10; });
+    ASSERT_EQ(sink.state(), TrapSink::State::kConnecting);
+    EXPECT_TRUE(loop.writable);
+    sink.onWritable(kStart);
+    EXPECT_EQ(sink.state(), TrapSink::State::kConnecting)
+        << "a wake-up before the connection is made changes nothing";
+    EXPECT_EQ(loop.wake, kStart + kConnectTimeout);
+    for (int i = 0; i < 5; i++) {
+        sink.send(message("m" + std::to_string(i)), kStart);
+    }
+    EXPECT_EQ(sink.queue().messages(), 3u);
+    EXPECT_EQ(sink.queue().droppedTotal(), 2u);
+
+    sink.onTimer(kStart + kConnectTimeout - 1s);
+    EXPECT_EQ(sink.state(), TrapSink::State::kConnecting);
+    sink.onTimer(kStart + kConnectTimeout);
+    EXPECT_EQ(sink.state(), TrapSink::State::kWaiting);
+    EXPECT_EQ(sink.retryAt(), kStart + kConnectTimeout + 1s);
+    EXPECT_EQ(sink.queue().messages(), 3u);
+    EXPECT_EQ(loop.fd, -1);
+    close(filler);
+    close(server);
+}
+
+TEST(OneTrapSink, AConnectionThatLastedStartsTheBackOffOver)
+{
+    const int server = listener(0);
+    ASSERT_GE(server, 0);
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(server), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
+    // Accepted and closed at once: the back-off grows.
+    close(accept4(server, nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.retryAt(), kStart + 1s);
+    sink.onTimer(kStart + 1s);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 1s,
+                         [&] { return sink.state() == TrapSink::State::kConnected; }));
+    close(accept4(server, nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 2s,
+                         [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.retryAt(), kStart + 4s);
+
+    // This one stays up long enough before it goes.
+    sink.onTimer(kStart + 4s);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 4s,
+                         [&] { return sink.state() == TrapSink::State::kConnected; }));
+    const int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    close(accepted);
+    const SinkClock::time_point later = kStart + 4s + kStableConnection;
+    ASSERT_TRUE(
+        runUntil(sink, loop, later, [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink.retryAt(), later + 1s);
+    close(server);
+}
+
+TEST(OneTrapSink, ClosingForgetsTheSocketAndTheTimer)
+{
+    FakeLoop loop;
+    TrapSink sink(addressOf(closedPort(), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; });
+    ASSERT_TRUE(loop.wake.has_value());
+    sink.close();
+    EXPECT_EQ(sink.state(), TrapSink::State::kClosed);
+    EXPECT_FALSE(loop.wake.has_value());
+
+    const int server = listener(0);
+    FakeLoop other;
+    {
+        TrapSink connected(addressOf(portOf(server), true), &other);
+        ASSERT_TRUE(connected.open(kStart, &error));
+        ASSERT_TRUE(runUntil(connected, other, kStart,
+                             [&] { return connected.state() == TrapSink::State::kConnected; }));
+        const int fd = connected.fd();
+        ASSERT_EQ(other.fd, fd);
+        // The destructor closes.
+        connected.send(message("last."), kStart);
+        EXPECT_EQ(other.forgotten.size(), 0u);
+    }
+    ASSERT_EQ(other.forgotten.size(), 1u);
+    EXPECT_EQ(other.fd, -1);
+    const int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    EXPECT_EQ(receive(accepted, 5), "last.");
+    close(accepted);
+    close(server);
+}
+
+TEST(OneTrapSink, AUnixStreamSinkWorksLikeTcp)
+{
+    char dir[] = "/tmp/kelp-sink-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/sink.sock";
+    const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un at{};
+    at.sun_family = AF_UNIX;
+    std::strcpy(at.sun_path, path.c_str());
+    ASSERT_EQ(bind(server, reinterpret_cast<const sockaddr *>(&at), sizeof at), 0);
+    ASSERT_EQ(listen(server, 4), 0);
+    SinkAddress address;
+    address.name = "unix:" + path;
+    address.stream = true;
+    std::memcpy(&address.address, &at, sizeof at);
+    address.length = sizeof at;
+    FakeLoop loop;
+    TrapSink sink(address, &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    EXPECT_TRUE(sink.send(message("local."), kStart));
+    ASSERT_TRUE(runUntil(sink, loop, kStart, [&] { return sink.queue().empty(); }));
+    const int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    EXPECT_EQ(receive(accepted, 6), "local.");
+    close(accepted);
+    close(server);
+    unlink(path.c_str());
+    rmdir(dir);
+}
+
+} // namespace
+} // namespace kelp::agent

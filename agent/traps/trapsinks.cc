@@ -1,0 +1,178 @@
+// The trap sinks on net-snmp's main loop.
+#include "traps/trapsinks.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "log.h"
+#include "snmpaddress.h"
+#include "traps/trapmessage.h"
+
+namespace kelp::agent {
+namespace {
+
+// The sinks sendTrapNow and the agent's coldStart use: set by the
+// constructor of TrapSinks, cleared by its destructor, on the thread that
+// runs net-snmp.
+TrapSinks *g_active = nullptr;
+
+void logUnusable(const std::string &address, const char *why)
+{
+    logAt(LogLevel::kWarning, "trap sink %s cannot be used (%s); no trap goes there",
+          address.c_str(), why);
+}
+
+} // namespace
+
+TrapSinks::TrapSinks(const std::vector<std::string> &addresses, bool v1, std::string community)
+    : v1_(v1), community_(std::move(community))
+{
+    const SinkClock::time_point now = SinkClock::now();
+    for (const std::string &text : addresses) {
+        SnmpAddress parsed;
+        if (!parseSnmpAddress(text, ":162", true, &parsed)) {
+            logUnusable(text, "not a reachable address");
+            continue;
+        }
+        if (sinks_.size() == kMaxTrapSinks) {
+            logUnusable(text,
+                        ("more than " + std::to_string(kMaxTrapSinks) + " trap sinks").c_str());
+            continue;
+        }
+        SinkAddress address;
+        address.name = text;
+        address.stream = parsed.transport != SnmpTransport::kUdp;
+        address.address = parsed.address;
+        address.length = parsed.length;
+        auto sink = std::make_unique<TrapSink>(std::move(address), static_cast<SinkLoop *>(this));
+        std::string error;
+        if (!sink->open(now, &error)) {
+            logUnusable(text, "not a reachable address");
+            logAt(LogLevel::kDebug, "trap sink %s: %s", text.c_str(), error.c_str());
+            continue;
+        }
+        sinks_.push_back(std::move(sink));
+    }
+    g_active = this;
+}
+
+TrapSinks::~TrapSinks()
+{
+    if (g_active == this) {
+        g_active = nullptr;
+    }
+    // Each sink forgets its socket and its alarm through this loop.
+    sinks_.clear();
+    for (const auto &[sink, alarm] : alarms_) {
+        if (alarm->registration != 0) {
+            snmp_alarm_unregister(alarm->registration);
+        }
+    }
+}
+
+TrapSinks *TrapSinks::active()
+{
+    return g_active;
+}
+
+uint32_t TrapSinks::send(const Trap &trap)
+{
+    if (sinks_.empty()) {
+        return SM_SNMP_GENERR;
+    }
+    std::string bytes;
+    std::string why;
+    if (!encodeTrap(trap, v1_, community_, &bytes, &why)) {
+        logAt(LogLevel::kWarning, "trap (generic %u, specific %u) not sent: %s", trap.generic,
+              trap.specific, why.c_str());
+        return SM_SNMP_GENERR;
+    }
+    const auto message = std::make_shared<const std::string>(std::move(bytes));
+    const SinkClock::time_point now = SinkClock::now();
+    bool taken = false;
+    for (const std::unique_ptr<TrapSink> &sink : sinks_) {
+        taken = sink->send(message, now) || taken;
+    }
+    return taken ? SM_SNMP_NOERROR : SM_SNMP_GENERR;
+}
+
+void TrapSinks::watch(TrapSink *sink, int fd, bool readable, bool writable)
+{
+    Watch &was = watched_[fd];
+    if (was.readable && !readable) {
+        unregister_readfd(fd);
+    }
+    if (was.writable && !writable) {
+        unregister_writefd(fd);
+    }
+    if (readable && !was.readable && register_readfd(fd, onReadable, sink) != FD_REGISTERED_OK) {
+        logAt(LogLevel::kError, "trap sink %s: net-snmp cannot watch its socket",
+              sink->address().name.c_str());
+        readable = false;
+    }
+    if (writable && !was.writable && register_writefd(fd, onWritable, sink) != FD_REGISTERED_OK) {
+        logAt(LogLevel::kError, "trap sink %s: net-snmp cannot watch its socket",
+              sink->address().name.c_str());
+        writable = false;
+    }
+    if (readable || writable) {
+        was = Watch{readable, writable};
+    } else {
+        watched_.erase(fd);
+    }
+}
+
+void TrapSinks::wakeAt(TrapSink *sink, std::optional<SinkClock::time_point> when)
+{
+    std::unique_ptr<Alarm> &alarm = alarms_[sink];
+    if (!alarm) {
+        alarm = std::make_unique<Alarm>();
+        alarm->sink = sink;
+    }
+    if (alarm->registration != 0) {
+        snmp_alarm_unregister(alarm->registration);
+        alarm->registration = 0;
+    }
+    if (!when) {
+        return;
+    }
+    // Rounded up, so that the alarm never comes before the time asked for.
+    const auto delay = std::chrono::ceil<std::chrono::microseconds>(
+        std::max(*when - SinkClock::now(), SinkClock::duration::zero()));
+    timeval after{};
+    after.tv_sec = static_cast<time_t>(delay.count() / 1000000);
+    after.tv_usec = static_cast<suseconds_t>(delay.count() % 1000000);
+    alarm->registration = snmp_alarm_register_hr(after, 0, onAlarm, alarm.get());
+    if (alarm->registration == 0) {
+        logAt(LogLevel::kError, "trap sink %s: net-snmp cannot set its timer",
+              sink->address().name.c_str());
+    }
+}
+
+void TrapSinks::onReadable(int, void *sink)
+{
+    static_cast<TrapSink *>(sink)->onReadable(SinkClock::now());
+}
+
+void TrapSinks::onWritable(int, void *sink)
+{
+    static_cast<TrapSink *>(sink)->onWritable(SinkClock::now());
+}
+
+void TrapSinks::onAlarm(unsigned int, void *alarm)
+{
+    // A one-time alarm: net-snmp removes it once this returns.
+    auto *fired = static_cast<Alarm *>(alarm);
+    fired->registration = 0;
+    fired->sink->onTimer(SinkClock::now());
+}
+
+} // namespace kelp::agent

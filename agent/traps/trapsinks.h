@@ -1,0 +1,79 @@
+// The agent's own trap sinks, one per --trap-sink: each a non-blocking
+// socket with a bounded queue (traps/trapsink.h), run by net-snmp's main
+// loop, which watches their sockets (register_readfd, register_writefd) and
+// calls them back on time (snmp_alarm). A trap is encoded once per trap and
+// queued for every sink, so that no receiver, however slow or dead, can
+// keep the agent from answering requests. Only the thread that runs net-snmp
+// touches them.
+#ifndef KELP_AGENT_TRAPS_TRAPSINKS_H
+#define KELP_AGENT_TRAPS_TRAPSINKS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "traps/trap.h"
+#include "traps/trapsink.h"
+
+namespace kelp::agent {
+
+// net-snmp watches at most 32 sockets of each kind besides its own.
+inline constexpr size_t kMaxTrapSinks = 16;
+
+class TrapSinks final : private SinkLoop {
+  public:
+    // Opens one sink per address of net-snmp's syntax (udp:, udp6:, tcp:,
+    // tcp6:, unix:, or none for UDP; port 162 unless named), for SNMPv1
+    // traps (`v1`) or SNMPv2c notifications, sent with `community`. An
+    // address that does not resolve, or whose socket cannot be made, is
+    // logged ("trap sink ADDR cannot be used (not a reachable address); no
+    // trap goes there") and left out; so are the addresses past
+    // kMaxTrapSinks. These become the active sinks.
+    TrapSinks(const std::vector<std::string> &addresses, bool v1, std::string community);
+    // Closes every sink (what their sockets take at once is still written).
+    ~TrapSinks() override;
+    TrapSinks(const TrapSinks &) = delete;
+    TrapSinks &operator=(const TrapSinks &) = delete;
+
+    // The sinks that were opened.
+    size_t count() const { return sinks_.size(); }
+
+    // Encodes `trap` and queues it for every sink. 0 when at least one sink
+    // took it (sent, or queued behind others); 5 when there is no sink, the
+    // trap cannot be encoded (logged) or every queue is full (each sink
+    // counts its drop).
+    uint32_t send(const Trap &trap);
+
+    // The sinks opened last and not yet closed, or null.
+    static TrapSinks *active();
+
+  private:
+    struct Watch {
+        bool readable = false;
+        bool writable = false;
+    };
+    // A sink's alarm as net-snmp holds it (0: none).
+    struct Alarm {
+        TrapSink *sink = nullptr;
+        unsigned int registration = 0;
+    };
+
+    void watch(TrapSink *sink, int fd, bool readable, bool writable) override;
+    void wakeAt(TrapSink *sink, std::optional<SinkClock::time_point> when) override;
+    static void onReadable(int fd, void *sink);
+    static void onWritable(int fd, void *sink);
+    static void onAlarm(unsigned int registration, void *alarm);
+
+    bool v1_;
+    std::string community_;
+    std::vector<std::unique_ptr<TrapSink>> sinks_;
+    std::map<int, Watch> watched_;                        // by socket
+    std::map<TrapSink *, std::unique_ptr<Alarm>> alarms_; // stable addresses for net-snmp
+};
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_TRAPS_TRAPSINKS_H
