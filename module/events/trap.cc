@@ -498,6 +498,8 @@ char *getObjectRowOID(const char *nexus, uint32_t objType)
     if (entry == nullptr || entry->list == nullptr) {
         return nullptr;
     }
+    // The live lists are read without dataMutex, beside a rebuild.
+    const UnlockedListRead unlocked;
     const ObjNode *node = findByNexus(entry->list, nexus);
     if (node == nullptr) {
         return nullptr;

@@ -269,8 +269,9 @@ int32_t rebuildTable2(ObjList *live, ObjList *staging)
             node->subObjId = found->subObjId;
             freeNode(found);
         } else {
-            std::free(node->nexusId);
+            char *left = node->nexusId;
             node->nexusId = nullptr;
+            releaseNexus(left);
             node->objId = 0;
             node->subObjId = 0;
         }

@@ -6,12 +6,38 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/vscil.h"
 
 namespace {
+
+// Threads walking live lists without dataMutex (UnlockedListRead), and the
+// memory taken out of the lists while one of them walked: freed by the last
+// of them to finish, or at once when none walks.
+std::atomic<int> g_unlockedReaders{0};
+std::mutex g_retiredMutex;
+std::vector<void *> g_retired; // guarded by g_retiredMutex
+
+// Frees `memory`, which no list reaches any more, once no reader that
+// started before it left the lists can still hold it.
+void releaseUnreachable(void *memory)
+{
+    if (memory == nullptr) {
+        return;
+    }
+    std::lock_guard lock(g_retiredMutex);
+    // Pairs with the readers' increment: a reader that this load misses
+    // starts after the unlink and cannot find the memory.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (g_unlockedReaders.load(std::memory_order_seq_cst) == 0) {
+        std::free(memory);
+    } else {
+        g_retired.push_back(memory);
+    }
+}
 
 // Moves on every change of any list's nodes: a look-up remembered under an
 // older generation is not trusted. Lists change under dataMutex, which
@@ -102,22 +128,51 @@ void initList(ObjList *list)
     list->tail = nullptr;
 }
 
+UnlockedListRead::UnlockedListRead()
+{
+    g_unlockedReaders.fetch_add(1, std::memory_order_seq_cst);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+UnlockedListRead::~UnlockedListRead()
+{
+    if (g_unlockedReaders.fetch_sub(1, std::memory_order_seq_cst) != 1) {
+        return;
+    }
+    std::vector<void *> retired;
+    {
+        std::lock_guard lock(g_retiredMutex);
+        if (g_unlockedReaders.load(std::memory_order_seq_cst) == 0) {
+            retired.swap(g_retired);
+        }
+    }
+    for (void *memory : retired) {
+        std::free(memory);
+    }
+}
+
+void releaseNexus(char *nexus)
+{
+    releaseUnreachable(nexus);
+}
+
 void freeNode(ObjNode *node)
 {
     noteListChange();
-    std::free(node->nexusId);
-    std::free(node);
+    releaseUnreachable(node->nexusId);
+    releaseUnreachable(node);
 }
 
 void freeList(ObjList *list)
 {
+    // Emptied first, so that a walk starting now finds no node being freed.
     ObjNode *node = list->head;
+    initList(list);
     while (node != nullptr) {
         ObjNode *next = node->next;
         freeNode(node);
         node = next;
     }
-    initList(list);
 }
 
 static void appendNode(ObjList *list, ObjNode *node)

@@ -70,8 +70,28 @@ void dumpList(ObjList *list);
 
 } // extern "C"
 
-// Frees a node that removeByNexus handed out, with its nexus text.
+// Frees a node that removeByNexus handed out, with its nexus text. The node
+// must no longer be reachable from any list: a thread that walks live lists
+// without dataMutex (UnlockedListRead) may still hold it, and then the
+// memory is freed when the last such walk ends.
 void freeNode(ObjNode *node);
+
+// A nexus text taken out of a node (the node's pointer already changed):
+// freed as freeNode frees, once no walk without dataMutex can hold it.
+void releaseNexus(char *nexus);
+
+// Marks the calling thread as walking live lists without dataMutex (the
+// trap sender naming an object's row) for the guard's lifetime: nodes and
+// nexus texts the refresh thread takes out of the lists meanwhile stay
+// readable until the last such walk ends. The walk may see a list as it was
+// before or after a change, never freed memory.
+class UnlockedListRead {
+  public:
+    UnlockedListRead();
+    ~UnlockedListRead();
+    UnlockedListRead(const UnlockedListRead &) = delete;
+    UnlockedListRead &operator=(const UnlockedListRead &) = delete;
+};
 
 // Says that nodes' ids were changed in place (a rebuild's merge): the
 // look-ups' per-thread positions and id indexes are forgotten. Every

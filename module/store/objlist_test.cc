@@ -2,9 +2,11 @@
 // staging lists, look-ups and the debug dump.
 #include "store/objlist.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -275,6 +277,55 @@ TEST_F(ObjListTest, FindByObjIdSeesIdsChangedInPlace)
     getNodeByIndex(&list, 120)->objId = 42;
     EXPECT_EQ(findByObjId(&list, 1100), nullptr);
     EXPECT_EQ(findByObjId(&list, 42)->index, 120u);
+}
+
+TEST_F(ObjListTest, AWalkWithoutTheLockKeepsTheNodesFreedMeanwhileReadable)
+{
+    fill(&list, 5);
+    ObjNode *third = getNodeByIndex(&list, 3);
+    char *thirdNexus = third->nexusId;
+    {
+        const UnlockedListRead reading;
+        // The refresh thread empties the list under the walk: what the walk
+        // holds stays readable (ASan would report a read of freed memory).
+        freeList(&list);
+        EXPECT_EQ(list.length, 0u);
+        EXPECT_EQ(third->index, 3u);
+        EXPECT_NE(std::strlen(thirdNexus), 0u);
+        EXPECT_EQ(third->next->index, 4u);
+    }
+    // The walk has ended; the next ones find the list empty.
+    const UnlockedListRead again;
+    EXPECT_EQ(findByNexus(&list, "n3"), nullptr);
+}
+
+TEST(ObjListConcurrency, WalksWithoutTheLockBesideRebuildsReadNoFreedMemory)
+{
+    ObjList live{};
+    initList(&live);
+    std::atomic<bool> stop{false};
+    std::atomic<long> found{0};
+    std::thread reader([&] {
+        while (!stop) {
+            const UnlockedListRead reading;
+            const ObjNode *node = findByNexus(&live, "0\\0\\7");
+            if (node != nullptr && node->index > 0) {
+                found++;
+            }
+        }
+    });
+    for (int round = 0; round < 2000; round++) {
+        // A renumbered table: freed and built again, as a merge does.
+        freeList(&live);
+        for (uint32_t i = 0; i < 16; i++) {
+            const std::string nexus = "0\\0\\" + std::to_string(i);
+            ASSERT_EQ(InsertList(&live, i + 1, 0, strdup(nexus.c_str())), 0);
+        }
+    }
+    stop = true;
+    reader.join();
+    freeList(&live);
+    EXPECT_GT(found.load(), 0);
 }
 
 } // namespace
