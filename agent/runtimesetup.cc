@@ -109,6 +109,9 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
 
 void RuntimeSetup::release()
 {
+    if (reloadThread_.joinable()) {
+        reloadThread_.join();
+    }
     if (controlStarted_) {
         kelpRuntimeStopControl();
         controlStarted_ = false;
@@ -125,6 +128,30 @@ void RuntimeSetup::release()
 }
 
 void RuntimeSetup::reload()
+{
+    std::lock_guard lock(reloadMutex_);
+    if (reloadRunning_) {
+        reloadAgain_ = true;
+        return;
+    }
+    if (reloadThread_.joinable()) {
+        reloadThread_.join(); // the last one has ended
+    }
+    reloadRunning_ = true;
+    reloadThread_ = std::thread([this] {
+        for (;;) {
+            reloadNow();
+            std::lock_guard again(reloadMutex_);
+            if (!reloadAgain_) {
+                reloadRunning_ = false;
+                return;
+            }
+            reloadAgain_ = false;
+        }
+    });
+}
+
+void RuntimeSetup::reloadNow()
 {
     // The store reads the ini file at every look-up, so checking it is
     // re-reading it: the plug-in sees its values from the next look-up on.
@@ -144,14 +171,22 @@ void RuntimeSetup::reload()
     } else {
         logLine("SIGHUP: re-read the alert catalogue");
     }
-    if (kelpRuntimeLoadModel(options_.model.c_str(), message, sizeof message) != 0) {
+    // The model served now: the last one kelpctl loaded, else --model.
+    char served[4096];
+    const std::string model =
+        kelpRuntimeServedModelPath(served, sizeof served) == 0 ? served : options_.model;
+    if (kelpRuntimeLoadModel(model.c_str(), message, sizeof message) != 0) {
         logAt(LogLevel::kError,
-              "SIGHUP: the model does not load: %s; still serving the one "
-              "loaded before",
-              message);
+              "SIGHUP: the model does not load: %s; still serving the one loaded before", message);
         return;
     }
-    logLine("SIGHUP: re-read the model %s", options_.model.c_str());
+    if (kelpRuntimeQueueRescan(message, sizeof message) != 0) {
+        logAt(LogLevel::kError,
+              "SIGHUP: re-read the model %s, but the rescan events were not queued: %s",
+              model.c_str(), message);
+        return;
+    }
+    logLine("SIGHUP: re-read the model %s and queued the rescan events", model.c_str());
 }
 
 void RuntimeSetup::checkBlockedAlerts()

@@ -4,7 +4,9 @@
 #ifndef KELP_AGENT_RUNTIMESETUP_H
 #define KELP_AGENT_RUNTIMESETUP_H
 
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "options.h"
 
@@ -26,15 +28,23 @@ class RuntimeSetup {
     // line for a model error) on the first failure.
     bool apply(const Options &options, std::string *error);
 
-    // On SIGHUP: checks the ini file again and loads the model file again,
-    // logging what it did. A model that does not validate is logged and the
-    // one served stays.
+    // On SIGHUP, from the main loop: starts reading the configuration again
+    // on a thread of its own and returns at once. The thread checks the ini
+    // file (a blocked alert list naming a rescan event is refused), reads
+    // the alert catalogue again (a broken one is logged and the served one
+    // stays), and reads the model served now (the last kelpctl load, else
+    // --model) again, then queues the rescan pair as kelpctl load does. A
+    // model that does not validate is logged and the one served stays.
+    // SIGHUPs during a reload make one more reload after it.
     void reload();
 
-    // Undoes apply(); the destructor calls it.
+    // Waits for a reload under way, then undoes apply(); the destructor
+    // calls it.
     void release();
 
   private:
+    // One reload, on the reload thread.
+    void reloadNow();
     // SIGHUP: a blocked alert list that blocks a rescan event is refused,
     // and the store goes on answering the list in force.
     void checkBlockedAlerts();
@@ -42,6 +52,10 @@ class RuntimeSetup {
     Options options_;
     std::string blockedAlerts_; // the list in force
     bool blockedPinned_ = false;
+    std::thread reloadThread_;
+    std::mutex reloadMutex_;
+    bool reloadRunning_ = false; // guarded by reloadMutex_
+    bool reloadAgain_ = false;   // guarded by reloadMutex_
     bool controlStarted_ = false;
     bool debugSet_ = false;
 };

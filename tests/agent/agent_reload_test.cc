@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testkit.h"
@@ -165,6 +167,71 @@ TEST(AgentConfig, ASighupThatWouldBlockARescanEventIsRefusedAndTheOldListKept)
     ASSERT_TRUE(waitFor(
         [&] { return agent.process()->err().find("stay \"2049\"") != std::string::npos; }, 10s))
         << agent.process()->err();
+}
+
+TEST(AgentReload, SighupRereadsTheModelKelpctlLoadedAndQueuesTheRescan)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
+    const std::string loaded = agent.dir() / "loaded.xml";
+    const std::string sample = readFile(sourcePath("data/models/sample.xml"));
+    writeFile(loaded, sample);
+    ASSERT_EQ(agent.kelpctl({"load", "--no-events", loaded}).status, 0);
+
+    // The file loses the third fan; SIGHUP reads it, not --model, and the
+    // rescan it queues rebuilds the fan table with a hole.
+    const size_t from = sample.find("<object id=\"32\"");
+    const size_t to = sample.find("</object>", from) + std::string("</object>").size();
+    ASSERT_NE(from, std::string::npos);
+    writeFile(loaded, sample.substr(0, from) + sample.substr(to));
+    agent.process()->signal(SIGHUP);
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("SIGHUP: re-read the model " + loaded +
+                                               " and queued the rescan events") !=
+                   std::string::npos;
+        },
+        20s))
+        << agent.process()->err();
+    RunResult get;
+    EXPECT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {std::string(kRoot) + ".130.7.1.2.3"});
+            return get.out.find("No Such Instance") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+}
+
+TEST(AgentReload, ALargeModelIsReadOffTheMainLoopAndSigtermIsAnsweredMeanwhile)
+{
+    AgentUnderTest agent;
+    const std::string big = agent.dir() / "big.xml";
+    const RunResult made =
+        run({KELPGEN_PATH, "--disks", "20000", "--out", big}, {}, agent.dir(), 60s);
+    ASSERT_EQ(made.status, 0) << made.err;
+    std::string why;
+    ASSERT_TRUE(agent.start(big, {}, &why)) << why;
+    for (int round = 0; round < 2; round++) {
+        const size_t before = count(agent.process()->err(), "SIGHUP: re-read the model");
+        agent.process()->signal(SIGHUP);
+        // While the file is read, the agent answers at once.
+        int answered = 0;
+        do {
+            const auto start = std::chrono::steady_clock::now();
+            const RunResult get = agent.snmp("snmpget", {"1.3.6.1.2.1.1.3.0"});
+            EXPECT_EQ(get.status, 0) << get.err;
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+            answered++;
+        } while (count(agent.process()->err(), "SIGHUP: re-read the model") == before &&
+                 answered < 2000);
+        EXPECT_GT(answered, 0);
+    }
+    // SIGTERM in the middle of a reload ends the agent cleanly.
+    agent.process()->signal(SIGHUP);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(agent.stop(), 0) << agent.process()->err();
 }
 
 } // namespace
