@@ -3,6 +3,7 @@
 #include "store/objlist.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -314,7 +315,12 @@ TEST(ObjListConcurrency, WalksWithoutTheLockBesideRebuildsReadNoFreedMemory)
             }
         }
     });
-    for (int round = 0; round < 2000; round++) {
+    // Rounds until the reader has walked beside them often enough, however
+    // the threads are scheduled.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int round = 0;
+         round < 2000 || (found.load() < 100 && std::chrono::steady_clock::now() < until);
+         round++) {
         // A renumbered table: freed and built again, as a merge does.
         freeList(&live);
         for (uint32_t i = 0; i < 16; i++) {
