@@ -58,10 +58,16 @@ void rememberHandedOut(const Model &m, const std::vector<size_t> &positions)
     }
 }
 
-bool isAsHandedOut(const Model &m, size_t pos)
+std::optional<size_t> positionNamedBy(const Model &m, uint32_t id)
 {
-    auto it = g_handedOut.find(m.object(pos).id);
-    return it == g_handedOut.end() || matches(it->second, m, pos);
+    const std::optional<size_t> pos = m.find(id);
+    auto it = g_handedOut.find(id);
+    if (it == g_handedOut.end() || (pos && matches(it->second, m, *pos)))
+        return pos;
+    const Identity &named = it->second;
+    if (named.type < 0 || !named.hasNexus)
+        return std::nullopt;
+    return m.findByNexus(kObjectTypes[static_cast<size_t>(named.type)].name, named.nexus);
 }
 
 void followIdentity(const Model &before, size_t posBefore, const Model &after, size_t posAfter)

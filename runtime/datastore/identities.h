@@ -3,13 +3,17 @@
 // plug-in keeps those ids in its tables until its next rescan; a model
 // loaded or changed meanwhile may give an id to an object of another type or
 // another nexus, and answering that object would put its values into the
-// wrong row. A query about such an id answers as for a missing object, until
-// a later list answer hands the id out again. Runtime-private.
+// wrong row. A query about such an id answers for the object of the type and
+// nexus it named, under whatever id the model gives it now, or as for a
+// missing object when the model holds none, until a later list answer hands
+// the id out again. Runtime-private.
 #ifndef KELP_RUNTIME_DATASTORE_IDENTITIES_H
 #define KELP_RUNTIME_DATASTORE_IDENTITIES_H
 
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace kelp::ds {
@@ -28,11 +32,13 @@ std::mutex &identityMutex();
 // is copied only when the identity changed. Requires identityMutex().
 void rememberHandedOut(const Model &m, const std::vector<size_t> &positions);
 
-// Whether the object at pos of m is still what its id named when last handed
-// out: true when the id was never handed out, or when the object has the
-// type and first Nexus (or lack of one) it had then. One hash look-up.
-// Requires identityMutex().
-bool isAsHandedOut(const Model &m, size_t pos);
+// The position in m of the object `id` names to the plug-in: the object
+// with that id when the id was never handed out or the object is still as
+// handed out; else the object of m with the type and first Nexus the id was
+// handed out with (a load that gave the object another id), or nullopt when
+// m holds no such object. Two hash look-ups at most. Requires
+// identityMutex().
+std::optional<size_t> positionNamedBy(const Model &m, uint32_t id);
 
 // Follows a change of an object's identity made on purpose (a set Nexus):
 // when the object at posBefore of `before` was still as handed out, its id is

@@ -102,14 +102,11 @@ template <typename Query> char *withIdentities(uint32_t *status, Query query)
     }
 }
 
-// The object at objId as the plug-in may still take it: nullopt for no
-// object, and for one whose id has been handed out naming another.
+// The object objId names to the plug-in: the one it was handed out as
+// (found by type and nexus when a load gave it another id), or nullopt.
 std::optional<size_t> thisObject(const Model &m, uint32_t objId)
 {
-    std::optional<size_t> pos = m.find(objId);
-    if (pos && !kelp::ds::isAsHandedOut(m, *pos))
-        return std::nullopt;
-    return pos;
+    return kelp::ds::positionNamedBy(m, objId);
 }
 
 // A list answer of the objects at positions; their ids are handed out once
