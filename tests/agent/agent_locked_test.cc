@@ -24,6 +24,22 @@ std::string storage(const std::string &tail)
     return std::string(kRoot) + "." + tail;
 }
 
+// Asks for the first controller's name until the tool's output or error
+// holds `text`, for at most 20 s.
+::testing::AssertionResult controllerNameUntil(AgentUnderTest &agent, const std::string &text)
+{
+    RunResult get;
+    if (waitFor(
+            [&] {
+                get = agent.snmp("snmpget", {"-Cf", storage("130.1.1.2.1")});
+                return (get.out + get.err).find(text) != std::string::npos;
+            },
+            20s)) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "no \"" << text << "\" in: " << get.out << get.err;
+}
+
 class AgentLocked : public ::testing::Test {
   protected:
     void SetUp() override
@@ -37,27 +53,13 @@ class AgentLocked : public ::testing::Test {
     void holdTables()
     {
         ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
-        RunResult get;
-        ASSERT_TRUE(waitFor(
-            [&] {
-                get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
-                return get.err.find("genErr") != std::string::npos;
-            },
-            20s))
-            << get.out << get.err;
+        ASSERT_TRUE(controllerNameUntil(agent, "genErr"));
     }
 
     void releaseTables()
     {
         ASSERT_EQ(agent.kelpctl({"event", "3060"}).status, 0);
-        RunResult get;
-        EXPECT_TRUE(waitFor(
-            [&] {
-                get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
-                return get.out.find("STRING") != std::string::npos;
-            },
-            20s))
-            << get.out << get.err;
+        EXPECT_TRUE(controllerNameUntil(agent, "STRING"));
     }
 
     // The run time of one tool (its own start-up included).
@@ -136,23 +138,10 @@ TEST(AgentRescanTimeOut, ARescanStartWithoutItsEndHoldsTheTablesOnlyForTheTimeOu
     ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--rescan-timeout", "3"}, &why))
         << why;
     ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
-    RunResult get;
-    ASSERT_TRUE(waitFor(
-        [&] {
-            get = agent.snmp("snmpget", {"-Cf", storage("130.1.1.2.1")});
-            return get.err.find("genErr") != std::string::npos;
-        },
-        20s))
-        << get.out << get.err;
+    ASSERT_TRUE(controllerNameUntil(agent, "genErr"));
     // The runtime hands the plug-in the rescan's end after 3 s: the tables
     // are rebuilt and answer again, without any 3060 from outside.
-    EXPECT_TRUE(waitFor(
-        [&] {
-            get = agent.snmp("snmpget", {storage("130.1.1.2.1")});
-            return get.out.find("STRING") != std::string::npos;
-        },
-        20s))
-        << get.out << get.err;
+    EXPECT_TRUE(controllerNameUntil(agent, "STRING"));
     EXPECT_NE(agent.process()->err().find("handing out one of the runtime's own"),
               std::string::npos)
         << agent.process()->err();

@@ -209,11 +209,16 @@ TEST(AgentReload, ALargeModelIsReadOffTheMainLoopAndSigtermIsAnsweredMeanwhile)
     AgentUnderTest agent;
     const std::string big = agent.dir() / "big.xml";
     const RunResult made =
-        run({KELPGEN_PATH, "--disks", "20000", "--out", big}, {}, agent.dir(), 60s);
+        run({KELPGEN_PATH, "--disks", "12000", "--out", big}, {}, agent.dir(), 60s);
     ASSERT_EQ(made.status, 0) << made.err;
     std::string why;
-    ASSERT_TRUE(agent.start(big, {}, &why)) << why;
-    for (int round = 0; round < 2; round++) {
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
+    // Served from now on without a rescan: the tables stay the sample's.
+    const RunResult loaded = run({kelpctlPath(), "--control", agent.stateDir() + "/control.sock",
+                                  "load", "--no-events", big},
+                                 {}, agent.dir(), 120s);
+    ASSERT_EQ(loaded.status, 0) << loaded.err;
+    {
         const size_t before = count(agent.process()->err(), "SIGHUP: re-read the model");
         agent.process()->signal(SIGHUP);
         // While the file is read, the agent answers at once.
@@ -222,7 +227,8 @@ TEST(AgentReload, ALargeModelIsReadOffTheMainLoopAndSigtermIsAnsweredMeanwhile)
             const auto start = std::chrono::steady_clock::now();
             const RunResult get = agent.snmp("snmpget", {"1.3.6.1.2.1.1.3.0"});
             EXPECT_EQ(get.status, 0) << get.err;
-            EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+            // A load on the main loop would hold this one for the whole read.
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
             answered++;
         } while (count(agent.process()->err(), "SIGHUP: re-read the model") == before &&
                  answered < 2000);
