@@ -155,7 +155,16 @@ std::string formatValue(std::string_view value)
 {
     bool quote = !value.empty() && (isBlank(value.front()) || isBlank(value.back()) ||
                                     value.front() == '"' || value.back() == '"');
-    return quote ? "\"" + std::string(value) + "\"" : std::string(value);
+    if (!quote)
+        return std::string(value);
+    // Appended rather than built from "\"" + temporary, which g++ 12 -O2
+    // misreads as overlapping copies (-Wrestrict).
+    std::string quoted;
+    quoted.reserve(value.size() + 2);
+    quoted += '"';
+    quoted += value;
+    quoted += '"';
+    return quoted;
 }
 
 void set(Document &doc, std::string_view section, std::string_view key, std::string_view value)
