@@ -22,7 +22,7 @@ long waitLimitMs()
     if (t_budget == nullptr) {
         return -1;
     }
-    if (t_budget->timedOut) {
+    if (t_budget->timedOut || t_budget->deadline == Clock::time_point::min()) {
         return 0;
     }
     const Clock::time_point now = Clock::now();
@@ -36,27 +36,38 @@ long waitLimitMs()
 } // namespace
 
 LockBudget::LockBudget(Clock::time_point deadline)
-    : state_{deadline, false}, saved_(std::exchange(t_budget, &state_))
+    : state_{deadline, false, kelpRuntimeLockTimeouts()}, saved_(std::exchange(t_budget, &state_))
 {
 }
 
 LockBudget::~LockBudget()
 {
     t_budget = saved_;
+    if (state_.limitSet) {
+        const bool outer = saved_ != nullptr && saved_->limitSet;
+        kelpRuntimeSetLockWaitLimit(outer ? saved_->limit : -1);
+    }
 }
 
 Dispatch withLockBudget(Dispatch plugin)
 {
     return [plugin = std::move(plugin)](uint32_t command, void *in, uint32_t inSize, void *out,
                                         uint32_t outSize, uint32_t *outUsed) -> uint32_t {
-        kelpRuntimeSetLockWaitLimit(waitLimitMs());
-        const unsigned long before = kelpRuntimeLockTimeouts();
+        LockBudget::State *budget = t_budget;
+        if (budget == nullptr) {
+            return plugin(command, in, inSize, out, outSize, outUsed);
+        }
+        const long limit = waitLimitMs();
+        if (!budget->limitSet || budget->limit != limit) {
+            kelpRuntimeSetLockWaitLimit(limit);
+            budget->limitSet = true;
+            budget->limit = limit;
+        }
         const uint32_t status = plugin(command, in, inSize, out, outSize, outUsed);
-        kelpRuntimeSetLockWaitLimit(-1);
-        if (kelpRuntimeLockTimeouts() != before) {
-            if (t_budget != nullptr) {
-                t_budget->timedOut = true;
-            }
+        const unsigned long timeouts = kelpRuntimeLockTimeouts();
+        if (timeouts != budget->timeouts) {
+            budget->timeouts = timeouts;
+            budget->timedOut = true;
             if (status == SM_SNMP_GENERR) {
                 return kStatusLockTimeOut;
             }

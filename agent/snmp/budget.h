@@ -30,6 +30,11 @@ class LockBudget {
     struct State {
         Clock::time_point deadline;
         bool timedOut = false;
+        // The runtime's count of this thread's lock time-outs as last seen.
+        unsigned long timeouts = 0;
+        // The bound last handed to the runtime for this thread, if any.
+        bool limitSet = false;
+        long limit = -1;
     };
 
   private:
@@ -40,7 +45,8 @@ class LockBudget {
 // `plugin` within the calling thread's LockBudget (without one, the
 // plug-in waits as it asks). A call that failed with genErr because a lock
 // wait ran out answers kStatusLockTimeOut instead, and from then on the
-// budget only tries.
+// budget only tries. The runtime is told the thread's bound only when it
+// changes, and it is lifted again when the budget ends.
 Dispatch withLockBudget(Dispatch plugin);
 
 } // namespace kelp::agent

@@ -153,33 +153,84 @@ void writeAnswer(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requ
     }
 }
 
-// The repetitions of one GETBULK varbind, written the way net-snmp's
-// bulk-to-next helper has them written over many passes: each answered
-// name seeds the varbind of the next repetition. A repetition the plug-in
-// has nothing for stays NULL, and net-snmp carries it on to the next
-// registration with the repetitions left; net-snmp checks the view of every
-// repetition afterwards.
+// After a written repetition of a GETBULK varbind: seeds the varbind of the
+// next repetition with the answered name, the way net-snmp's bulk-to-next
+// helper does over many passes, and makes it the request's. False when the
+// repetitions end here: the answer was no value, none are left, or the next
+// varbind cannot be seeded. A repetition the plug-in has nothing for stays
+// NULL, and net-snmp carries it on to the next registration with the
+// repetitions left; net-snmp checks the view of every repetition afterwards.
+bool nextRepetition(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *request,
+                    const Answer &answer)
+{
+    netsnmp_variable_list *var = request->requestvb;
+    netsnmp_variable_list *next = var->next_variable;
+    if (answer.outcome != Outcome::kValue || var->type == ASN_NULL || next == nullptr ||
+        request->repeat <= 0) {
+        return false;
+    }
+    request->repeat--;
+    if (snmp_set_var_objid(next, var->name, var->name_length) != 0) {
+        netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
+        return false;
+    }
+    next->type = ASN_NULL;
+    request->requestvb = next;
+    // 2 is net-snmp's mark for a varbind it moved to the end of a range; it
+    // holds for that varbind only.
+    if (request->inclusive == 2) {
+        request->inclusive = 0;
+    }
+    return true;
+}
+
+// The repetitions a worker resolved, written as nextRepetition goes.
 void writeRepetitions(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *request,
                       const std::vector<Answer> &answers)
 {
     for (size_t i = 0; i < answers.size(); i++) {
-        netsnmp_variable_list *var = request->requestvb;
         writeAnswer(reqinfo, request, answers[i], true);
-        netsnmp_variable_list *next = var->next_variable;
-        if (i + 1 == answers.size() || var->type == ASN_NULL || next == nullptr) {
+        if (i + 1 == answers.size() || !nextRepetition(reqinfo, request, answers[i])) {
             return;
         }
-        request->repeat--;
-        if (snmp_set_var_objid(next, var->name, var->name_length) != 0) {
-            netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
-            return;
+    }
+}
+
+// Resolves and writes one varbind (every repetition of a GETBULK one) on
+// the main loop. False, with nothing of the varbind written but the
+// repetitions before, when the plug-in's tables were locked: the request,
+// as it stands then, goes to the worker.
+bool answerNow(const Dispatch &dispatch, netsnmp_agent_request_info *reqinfo,
+               netsnmp_request_info *request)
+{
+    const netsnmp_variable_list *var = request->requestvb;
+    const std::span<const uint64_t> name(var->name, var->name_length);
+    if (reqinfo->mode == MODE_GET || reqinfo->mode == MODE_GETNEXT) {
+        const Answer answer = reqinfo->mode == MODE_GET
+                                  ? answerGet(dispatch, name)
+                                  : answerGetNext(dispatch, name, request->inclusive != 0);
+        if (answer.outcome == Outcome::kLockTimeOut) {
+            return false;
         }
-        next->type = ASN_NULL;
-        request->requestvb = next;
-        // 2 is net-snmp's mark for a varbind it moved to the end of a range;
-        // it holds for that varbind only.
-        if (request->inclusive == 2) {
-            request->inclusive = 0;
+        writeAnswer(reqinfo, request, answer, reqinfo->mode == MODE_GETNEXT);
+        return true;
+    }
+    for (;;) {
+        var = request->requestvb;
+        const Answer answer =
+            answerGetNext(dispatch, std::span<const uint64_t>(var->name, var->name_length),
+                          request->inclusive != 0);
+        if (answer.outcome == Outcome::kLockTimeOut) {
+            return false;
+        }
+        writeAnswer(reqinfo, request, answer, true);
+        if (request->range_end != nullptr &&
+            snmp_oid_compare(var->name, var->name_length, request->range_end,
+                             request->range_end_len) >= 0) {
+            return true;
+        }
+        if (!nextRepetition(reqinfo, request, answer)) {
+            return true;
         }
     }
 }
@@ -191,11 +242,6 @@ void writeItem(netsnmp_agent_request_info *reqinfo, const Item &item)
     } else {
         writeAnswer(reqinfo, item.request, item.answers.front(), item.mode == MODE_GETNEXT);
     }
-}
-
-bool endsInLockTimeOut(const Item &item)
-{
-    return !item.answers.empty() && item.answers.back().outcome == Outcome::kLockTimeOut;
 }
 
 } // namespace
@@ -322,19 +368,10 @@ int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *r
     const LockBudget budget = LockBudget::tryOnly();
     std::vector<Item> pending;
     for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
-        if (request->processed) {
+        if (request->processed || (pending.empty() && answerNow(path.dispatch, reqinfo, request))) {
             continue;
         }
-        Item item = itemOf(reqinfo->mode, request);
-        if (pending.empty()) {
-            resolveItem(path.dispatch, &item);
-            if (!endsInLockTimeOut(item)) {
-                writeItem(reqinfo, item);
-                continue;
-            }
-            item.answers.clear();
-        }
-        pending.push_back(std::move(item));
+        pending.push_back(itemOf(reqinfo->mode, request));
     }
     if (!pending.empty()) {
         path.delegate(handler, reginfo, reqinfo, std::move(pending));

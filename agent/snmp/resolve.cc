@@ -164,8 +164,11 @@ std::vector<Answer> answerRepetitions(const Dispatch &dispatch, std::span<const 
                                       std::span<const uint64_t> rangeEnd)
 {
     std::vector<Answer> answers;
-    std::vector<uint64_t> from(name.begin(), name.end());
+    answers.reserve(count);
+    std::span<const uint64_t> from = name;
     while (answers.size() < count) {
+        // `from` is the name of the answer before, which stays in place
+        // until this one is added: the room is reserved.
         Answer &answer = answers.emplace_back(answerGetNext(dispatch, from, inclusive));
         if (answer.outcome != Outcome::kValue ||
             (!rangeEnd.empty() &&

@@ -5,6 +5,8 @@
 #include "snmp/tree.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <initializer_list>
 #include <limits>
 
@@ -18,7 +20,9 @@ constexpr uint32_t kEntryArc = 1;
 
 std::vector<uint32_t> rootPlus(std::initializer_list<uint32_t> arcs)
 {
-    std::vector<uint32_t> name(std::begin(kMibRoot), std::end(kMibRoot));
+    std::vector<uint32_t> name;
+    name.reserve(kMibRootLength + arcs.size());
+    name.assign(std::begin(kMibRoot), std::end(kMibRoot));
     name.insert(name.end(), arcs);
     return name;
 }
@@ -48,6 +52,37 @@ bool underRoot(std::span<const uint64_t> name)
 constexpr size_t tableCount()
 {
     return std::size(kServedTables);
+}
+
+// Positions in kServedTables by table number, for one group; kNoTable where
+// the group has no such table. Built at compile time, so that a name finds
+// its table in one step.
+constexpr size_t kNoTable = SIZE_MAX;
+constexpr uint32_t kMaxTableNumber = 31;
+template <uint32_t Group> constexpr std::array<size_t, kMaxTableNumber + 1> tablesOfGroup()
+{
+    std::array<size_t, kMaxTableNumber + 1> positions{};
+    positions.fill(kNoTable);
+    for (size_t i = 0; i < std::size(kServedTables); i++) {
+        if (kServedTables[i].group == Group && kServedTables[i].table <= kMaxTableNumber) {
+            positions[kServedTables[i].table] = i;
+        }
+    }
+    return positions;
+}
+constexpr auto kTablesOf130 = tablesOfGroup<130>();
+constexpr auto kTablesOf140 = tablesOfGroup<140>();
+
+// The position of table root.group.table in kServedTables, or kNoTable.
+size_t tablePosition(uint64_t group, uint64_t table)
+{
+    if (table > kMaxTableNumber) {
+        return kNoTable;
+    }
+    if (group == 130) {
+        return kTablesOf130[table];
+    }
+    return group == 140 ? kTablesOf140[table] : kNoTable;
 }
 
 std::optional<std::vector<uint32_t>> afterTable(size_t index)
@@ -117,24 +152,23 @@ NameKind classifyName(std::span<const uint64_t> name)
         return NameKind::kNoObject;
     }
     const std::span<const uint64_t> rel = name.subspan(kMibRootLength);
+    if (!rel.empty() && rel[0] >= kServedTables[0].group) {
+        if (rel.size() < 4 || rel[2] != kEntryArc) {
+            return NameKind::kNoObject;
+        }
+        const size_t position = tablePosition(rel[0], rel[1]);
+        if (position == kNoTable || rel[3] < 1 || rel[3] > kServedTables[position].columns) {
+            return NameKind::kNoObject;
+        }
+        return rel.size() == 5 && rel[4] <= kLargestArc ? NameKind::kInstance
+                                                        : NameKind::kUnderObject;
+    }
     for (const ServedScalar &scalar : kServedScalars) {
         const std::span<const uint32_t> instance = scalarArcs(scalar);
         if (startsWith(rel, instance.first(instance.size() - 1))) {
             return std::equal(rel.begin(), rel.end(), instance.begin(), instance.end())
                        ? NameKind::kInstance
                        : NameKind::kUnderObject;
-        }
-    }
-    if (rel.size() < 4 || rel[2] != kEntryArc) {
-        return NameKind::kNoObject;
-    }
-    for (const ServedTable &table : kServedTables) {
-        if (rel[0] == table.group && rel[1] == table.table) {
-            if (rel[3] < 1 || rel[3] > table.columns) {
-                return NameKind::kNoObject;
-            }
-            return rel.size() == 5 && rel[4] <= kLargestArc ? NameKind::kInstance
-                                                            : NameKind::kUnderObject;
         }
     }
     return NameKind::kNoObject;
@@ -156,23 +190,30 @@ std::optional<std::vector<uint32_t>> cursorAfter(std::span<const uint64_t> name)
     if (rel[0] < kServedTables[0].group) {
         // The plug-in steps from one scalar instance to the next, and from
         // the last one into the tables.
-        std::optional<std::vector<uint32_t>> cursor = rootPlus({});
+        const ServedScalar *atOrBefore = nullptr;
         for (const ServedScalar &scalar : kServedScalars) {
             if (compareNames(scalarArcs(scalar), rel) > 0) {
                 break;
             }
-            cursor = rootPlus({});
-            cursor->insert(cursor->end(), scalar.arcs, scalar.arcs + scalar.count);
+            atOrBefore = &scalar;
+        }
+        std::vector<uint32_t> cursor = rootPlus({});
+        if (atOrBefore != nullptr) {
+            cursor.insert(cursor.end(), atOrBefore->arcs, atOrBefore->arcs + atOrBefore->count);
         }
         return cursor;
     }
-    for (size_t i = 0; i < tableCount(); i++) {
-        const uint32_t prefix[] = {kServedTables[i].group, kServedTables[i].table};
-        if (startsWith(rel, std::span<const uint32_t>(prefix))) {
-            return cursorInTable(i, rel.subspan(2));
+    if (rel.size() >= 2) {
+        const size_t position = tablePosition(rel[0], rel[1]);
+        if (position != kNoTable) {
+            return cursorInTable(position, rel.subspan(2));
         }
+    }
+    // Between tables, or past them: the first table after the name.
+    for (const ServedTable &table : kServedTables) {
+        const uint32_t prefix[] = {table.group, table.table};
         if (compareNames(rel, std::span<const uint32_t>(prefix)) < 0) {
-            return tableRoot(kServedTables[i]);
+            return tableRoot(table);
         }
     }
     return std::nullopt;

@@ -219,11 +219,16 @@ bool load(std::string file, const std::string &origin, std::string *error, Make 
 
 std::shared_ptr<const Model> servedModel()
 {
+    settleServedModel();
+    return snapshot();
+}
+
+void settleServedModel()
+{
     if (!g_settled.load()) {
         std::lock_guard lock(g_changeMutex);
         settleLocked();
     }
-    return snapshot();
 }
 
 std::shared_ptr<const Model> currentModel()

@@ -89,10 +89,15 @@ bool storageAttribute(const std::string &name, std::string *value);
 // it, whatever changes are made meanwhile.
 std::shared_ptr<const Model> servedModel();
 
+// Tries KELP_MODEL as the first reader does, and nothing more: for a reader
+// that then takes identityMutex() (identities.h), a lock that changes take
+// after their own, and reads currentModel() under it.
+void settleServedModel();
+
 // The served model as servedModel() answers it once KELP_MODEL has been
-// tried, without trying it: for a reader that called servedModel() first and
-// now holds identityMutex() (identities.h), a lock that changes take after
-// their own. Null when no model is served.
+// tried, without trying it: for a reader that called servedModel() or
+// settleServedModel() first and now holds identityMutex(). Null when no model
+// is served.
 std::shared_ptr<const Model> currentModel();
 
 // Tests only: serves nothing, forgets that KELP_MODEL was tried and every id

@@ -90,8 +90,7 @@ template <typename Query> char *withIdentities(uint32_t *status, Query query)
     try {
         // Loads KELP_MODEL on first use, which takes a lock that is taken
         // before identityMutex(), never after it.
-        if (kelp::ds::servedModel() == nullptr)
-            return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
+        kelp::ds::settleServedModel();
         std::lock_guard identities(kelp::ds::identityMutex());
         std::shared_ptr<const Model> m = kelp::ds::currentModel();
         if (m == nullptr)
