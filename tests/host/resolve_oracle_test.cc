@@ -176,9 +176,9 @@ class ResolveOracle : public ::testing::Test {
             }
             // Nothing after this: the next table's root, if one is left.
             const auto later = std::find_if(std::begin(kTables), std::end(kTables), [&](auto t) {
-                const std::vector<uint32_t> root = {1,     3,     6, 1,  4,       1,
-                                                    61234, 20571, 1, 20, t.first, t.second};
-                return compareNames(std::span<const uint32_t>(root),
+                const std::vector<uint32_t> table = {1,     3,     6, 1,  4,       1,
+                                                     61234, 20571, 1, 20, t.first, t.second};
+                return compareNames(std::span<const uint32_t>(table),
                                     std::span<const uint32_t>(from)) > 0;
             });
             if (later == std::end(kTables)) {
