@@ -659,4 +659,59 @@ TEST_F(SesFilesTest, SgIoRefusesAMissingPathAndARegularFile)
     EXPECT_NE(error.find(dir_ + "/sg8: not a SCSI generic device"), std::string::npos) << error;
 }
 
+// ---- The server fixture's enclosure ----------------------------------------
+
+TEST(SesFixture, TheServerEnclosurePagesDecodeToItsComponents)
+{
+    SesPages pages;
+    std::string error;
+    ASSERT_TRUE(kelp::live::readSesPagesFiles(KELP_SOURCE_DIR "/tests/fixtures/server/dev/sg8.ses",
+                                              &pages, &error))
+        << error;
+    SesEnclosure enc;
+    ASSERT_TRUE(decodeSes(pages, &enc, &error)) << error;
+    EXPECT_EQ(enc.vendor, "HALDEN");
+    EXPECT_EQ(enc.product, "HJ1200-12G");
+    EXPECT_EQ(enc.revision, "0311");
+    EXPECT_EQ(enc.logicalId, "500f1e7100000080");
+
+    auto ok = [](SesElement e) {
+        e.status = 1;
+        e.vendor = "HALDEN";
+        e.product = "HJ1200-12G";
+        e.revision = "0311";
+        return describe(e);
+    };
+    auto temp = [&](unsigned index, int celsius, const char *name) {
+        return ok({.kind = SesKind::kTemperature,
+                   .index = index,
+                   .temperatureC = celsius,
+                   .highCriticalC = 60,
+                   .highWarningC = 50,
+                   .lowWarningC = 5,
+                   .lowCriticalC = 0,
+                   .descriptor = name});
+    };
+    const std::vector<std::string> want = {
+        ok({.kind = SesKind::kPowerSupply, .index = 0, .descriptor = "PSU 0"}),
+        ok({.kind = SesKind::kPowerSupply, .index = 1, .descriptor = "PSU 1"}),
+        ok({.kind = SesKind::kCooling,
+            .index = 0,
+            .fanRpm = 5200,
+            .speedCode = 3,
+            .descriptor = "Fan 0"}),
+        ok({.kind = SesKind::kCooling,
+            .index = 1,
+            .fanRpm = 5400,
+            .speedCode = 3,
+            .descriptor = "Fan 1"}),
+        temp(0, 26, "Temp Backplane"),
+        temp(1, 31, "Temp PSU 0"),
+        temp(2, 29, "Temp PSU 1"),
+        ok({.kind = SesKind::kEsm, .index = 0, .descriptor = "ESM A"}),
+        ok({.kind = SesKind::kEsm, .index = 1, .descriptor = "ESM B"}),
+    };
+    EXPECT_EQ(describeAll(enc.elements), want);
+}
+
 } // namespace
