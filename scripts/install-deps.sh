@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config
   libsnmp-dev snmp snmpd snmptrapd
+  libudev-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   clang-format git

@@ -47,6 +47,11 @@ std::string g_servedFile;
 // Set once a host loaded or unloaded a model, or KELP_MODEL was tried; from
 // then on the environment is not consulted. Written under g_changeMutex.
 std::atomic<bool> g_settled{false};
+// Set while the live source serves the store: loads and changes are refused.
+std::atomic<bool> g_live{false};
+
+constexpr const char *kLiveRefusal =
+    "the live source serves this machine's storage; it takes no loads or changes";
 
 bool fail(std::string *error, const std::string &message)
 {
@@ -141,6 +146,8 @@ template <typename Edit, typename Follow = KeepIdentities>
 bool change(std::string *error, Edit edit, Follow follow = Follow())
 {
     std::shared_ptr<const Model> replaced;
+    if (g_live.load())
+        return fail(error, kLiveRefusal);
     try {
         std::lock_guard lock(g_changeMutex);
         settleLocked();
@@ -196,6 +203,8 @@ void returnFreedMemory()
 template <typename Make>
 bool load(std::string file, const std::string &origin, std::string *error, Make make)
 {
+    if (g_live.load())
+        return fail(error, kLiveRefusal);
     try {
         std::lock_guard loading(g_loadMutex);
         std::shared_ptr<const Model> model = make();
@@ -272,8 +281,32 @@ void unloadModel()
     letGo(std::move(replaced));
 }
 
+void serveLiveModel(std::shared_ptr<const Model> model)
+{
+    std::shared_ptr<const Model> replaced;
+    {
+        std::lock_guard loading(g_loadMutex);
+        std::lock_guard lock(g_changeMutex);
+        g_settled.store(true);
+        g_live.store(true);
+        replaced = publish(Served{std::move(model), std::string()});
+    }
+    letGo(std::move(replaced));
+}
+
+bool liveServed()
+{
+    return g_live.load();
+}
+
+void stopServingLive()
+{
+    g_live.store(false);
+}
+
 void resetForTesting()
 {
+    g_live.store(false);
     std::shared_ptr<const Model> replaced;
     {
         std::lock_guard lock(g_changeMutex);

@@ -18,6 +18,7 @@
 namespace kelp::ds {
 
 class Model; // datastore/model.h
+struct ModelData;
 
 // Loads a model file and serves it. On error (unreadable, malformed,
 // invalid) answers false with a message naming the file and line, and the
@@ -99,6 +100,22 @@ void settleServedModel();
 // settleServedModel() first and now holds identityMutex(). Null when no model
 // is served.
 std::shared_ptr<const Model> currentModel();
+
+// Serves a model the live source built (live/live_source.h), as a load
+// would, and from then on refuses every load and change the control socket
+// asks for: the machine is the only source of the data. The model it
+// replaces is freed here once no query holds it; a caller that holds it too
+// should let go first.
+void serveLiveModel(std::shared_ptr<const Model> model);
+
+// Whether the live source serves the data store: loads and changes are
+// refused while it does. stopServingLive lets them in again (tests).
+bool liveServed();
+void stopServingLive();
+
+// The fields of eventFieldsOf for the object at `pos` of `m`.
+void eventFieldsIn(const Model &m, size_t pos,
+                   std::vector<std::pair<std::string, std::string>> *fields);
 
 // Tests only: serves nothing, forgets that KELP_MODEL was tried and every id
 // handed out.

@@ -60,6 +60,27 @@ bool storageAttribute(const std::string &name, std::string *value)
     return true;
 }
 
+void eventFieldsIn(const Model &m, size_t pos,
+                   std::vector<std::pair<std::string, std::string>> *fields)
+{
+    const ObjectData &o = m.object(pos);
+    fields->clear();
+    if (uint32_t code = objectTypeCode(o.type); code != 0)
+        fields->emplace_back("ObjType", std::to_string(code));
+    for (const char *name : {"Nexus", "ObjStatus", "PreviousStatus", "AttributesMask"}) {
+        if (const std::string *v = firstAttribute(o, name))
+            fields->emplace_back(name, *v);
+    }
+    if (std::optional<size_t> ctrl = owningController(m, pos)) {
+        if (const std::string *v = firstAttribute(m.object(*ctrl), "Name"))
+            fields->emplace_back("ControllerName", *v);
+    }
+    if (o.type == "vdisks") {
+        if (const std::string *v = firstAttribute(o, "Name"))
+            fields->emplace_back("VirtualDiskName", *v);
+    }
+}
+
 bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>> *fields,
                    std::string *error)
 {
@@ -69,22 +90,7 @@ bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>>
     std::optional<size_t> pos = m->find(id);
     if (!pos)
         return fail(error, "no object " + std::to_string(id));
-    const ObjectData &o = m->object(*pos);
-    fields->clear();
-    if (uint32_t code = objectTypeCode(o.type); code != 0)
-        fields->emplace_back("ObjType", std::to_string(code));
-    for (const char *name : {"Nexus", "ObjStatus", "PreviousStatus", "AttributesMask"}) {
-        if (const std::string *v = firstAttribute(o, name))
-            fields->emplace_back(name, *v);
-    }
-    if (std::optional<size_t> ctrl = owningController(*m, *pos)) {
-        if (const std::string *v = firstAttribute(m->object(*ctrl), "Name"))
-            fields->emplace_back("ControllerName", *v);
-    }
-    if (o.type == "vdisks") {
-        if (const std::string *v = firstAttribute(o, "Name"))
-            fields->emplace_back("VirtualDiskName", *v);
-    }
+    eventFieldsIn(*m, *pos, fields);
     return true;
 }
 

@@ -143,6 +143,22 @@ void kelpRuntimeStopControl(void);
  * error is not null) when the event queue has no room for them. */
 int kelpRuntimeQueueRescan(char *error, unsigned errorSize);
 
+/* The live source: serves the storage of the machine under `root` ("/" for
+ * this machine) in place of a model file, read from sysfs, rescanned every
+ * intervalSeconds and at once on udev events, with storage events queued for
+ * what changed. The first scan is done and served before the call returns.
+ * From then on loads and changes of the model are refused. Answers 0, or
+ * non-zero with a message in error when root is missing or not a directory,
+ * intervalSeconds is not above 0, or a live source already runs.
+ * kelpRuntimeLiveRescan asks for a rescan now (0), non-zero when no live
+ * source runs; kelpRuntimeStopLive stops the rescans (the served data
+ * stays). kelpRuntimeLiveSummary writes one line on what the last scan found
+ * (counts per type, where enclosure components came from). */
+int kelpRuntimeStartLive(const char *root, double intervalSeconds, char *error, unsigned errorSize);
+int kelpRuntimeLiveRescan(void);
+void kelpRuntimeStopLive(void);
+void kelpRuntimeLiveSummary(char *summary, unsigned size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,49 @@
+// The live source: the data store's second supplier beside model files. It
+// scans the machine under a root, serves the result through the same store
+// the plug-in queries, and rescans on a period and at once on udev events,
+// turning what changed into storage events for the event monitor.
+#ifndef KELP_RUNTIME_DATASTORE_LIVE_LIVE_SOURCE_H
+#define KELP_RUNTIME_DATASTORE_LIVE_LIVE_SOURCE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kelp::live {
+
+struct LiveOptions {
+    std::string root = "/";
+    double intervalSeconds = 30;
+    bool udev = true; // listen to udev where the root is "/" and udev runs
+};
+
+// Scans once, serves the result and starts the rescan thread. False with
+// *error when the root cannot be used (missing, not a directory) or a live
+// source already runs; the store is then as it was.
+bool startLive(const LiveOptions &options, std::string *error);
+
+// Stops the rescan thread. The model served last stays served.
+void stopLive();
+
+// Asks for a rescan now (SIGHUP, kelpctl rescan); it runs on the live
+// source's thread. False when no live source runs.
+bool requestLiveRescan();
+
+struct LiveStatus {
+    bool running = false;
+    std::string root;
+    std::string components; // where enclosure components came from
+    bool udev = false;
+    uint64_t scans = 0;
+    double lastScanMs = 0;
+    std::vector<std::string> notes; // of the last scan
+};
+LiveStatus liveStatus();
+
+// Runs one rescan on the caller's thread (tests, benchmarks): scan, compare,
+// swap in, queue events. False when no live source was started.
+bool rescanNowForTesting();
+
+} // namespace kelp::live
+
+#endif // KELP_RUNTIME_DATASTORE_LIVE_LIVE_SOURCE_H

@@ -1,0 +1,192 @@
+// scanMachine and what every reader shares: the objects found so far, the
+// controllers (one per PCI storage function, numbered in PCI address order,
+// plus one for Linux software RAID when md arrays exist) and their channels.
+#include <algorithm>
+#include <charconv>
+
+#include "datastore/live/scan_internal.h"
+
+namespace kelp::live {
+
+std::optional<size_t> LiveScan::find(std::string_view type, std::string_view nexus) const
+{
+    for (size_t i = 0; i < objects.size(); ++i) {
+        if (objects[i].type == type && objects[i].nexus == nexus)
+            return i;
+    }
+    return std::nullopt;
+}
+
+void set(ds::Attributes *attributes, std::string name, std::string value)
+{
+    for (auto &[key, old] : *attributes) {
+        if (key == name) {
+            old = std::move(value);
+            return;
+        }
+    }
+    attributes->emplace_back(std::move(name), std::move(value));
+}
+
+std::string attrOf(const LiveObject &o, std::string_view name)
+{
+    for (const auto &[key, value] : o.attributes) {
+        if (key == name)
+            return value;
+    }
+    return std::string();
+}
+
+bool isPciAddress(std::string_view name)
+{
+    // dddd:bb:dd.f, hexadecimal
+    if (name.size() != 12 || name[4] != ':' || name[7] != ':' || name[10] != '.')
+        return false;
+    for (size_t i : {0u, 1u, 2u, 3u, 5u, 6u, 8u, 9u, 11u}) {
+        if (!std::isxdigit(static_cast<unsigned char>(name[i])))
+            return false;
+    }
+    return true;
+}
+
+std::string pciAddressIn(std::string_view path)
+{
+    while (path.size() > 1) {
+        std::string_view base = baseName(path);
+        if (isPciAddress(base))
+            return std::string(base);
+        path = dirName(path);
+    }
+    return std::string();
+}
+
+std::optional<uint64_t> parseNumber(std::string_view text)
+{
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        text.remove_prefix(2);
+    }
+    uint64_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (ec != std::errc() || end == text.data())
+        return std::nullopt;
+    std::string_view rest(end, static_cast<size_t>(text.data() + text.size() - end));
+    if (rest.find_first_not_of(" \t") != std::string_view::npos)
+        return std::nullopt;
+    return value;
+}
+
+std::string cleanValue(std::string_view text)
+{
+    std::string out;
+    for (char c : text)
+        out += (c >= 0x20 && c < 0x7f) ? c : '?';
+    size_t first = out.find_first_not_of(' ');
+    if (first == std::string::npos)
+        return std::string();
+    out = out.substr(first, out.find_last_not_of(' ') - first + 1);
+    if (out.size() > ds::kMaxAttributeValueBytes)
+        out.resize(ds::kMaxAttributeValueBytes);
+    return out;
+}
+
+size_t ScanState::add(LiveObject object)
+{
+    keys.emplace(object.type, object.nexus);
+    scan.objects.push_back(std::move(object));
+    return scan.objects.size() - 1;
+}
+
+ScanState::Controller *ScanState::controllerOf(std::string_view deviceDir)
+{
+    auto it = controllerByPci.find(pciAddressIn(deviceDir));
+    return it == controllerByPci.end() ? nullptr : &controllers[it->second];
+}
+
+size_t ScanState::channelOf(Controller &c, uint32_t host, uint32_t channel,
+                            const std::string &protocol)
+{
+    auto key = std::make_pair(host, channel);
+    if (auto it = c.channels.find(key); it != c.channels.end())
+        return it->second;
+    LiveObject bus;
+    bus.type = "bus";
+    bus.nexus = std::to_string(c.number) + "\\" + std::to_string(c.nextChannel++);
+    bus.parent = c.object;
+    set(&bus.attributes, "ObjState", std::to_string(kStateReady));
+    set(&bus.attributes, "ObjStatus", std::to_string(kStatusOk));
+    set(&bus.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&bus.attributes, "BusProtocol", protocol);
+    set(&bus.attributes, "SCSIHost", std::to_string(host));
+    set(&bus.attributes, "SCSIChannel", std::to_string(channel));
+    size_t index = add(std::move(bus));
+    c.channels.emplace(key, index);
+    set(&scan.objects[c.object].attributes, "Channels", std::to_string(c.channels.size()));
+    return index;
+}
+
+namespace {
+
+// Worst status of every object below an object, its own included.
+void rollUpTreeStatus(LiveScan *scan)
+{
+    std::vector<int> worst(scan->objects.size(), kStatusOk);
+    for (size_t i = 0; i < scan->objects.size(); ++i) {
+        for (const auto &[name, value] : scan->objects[i].attributes) {
+            if (name == "ObjStatus") {
+                auto n = parseNumber(value);
+                worst[i] = n && *n <= kStatusNonRecoverable ? static_cast<int>(*n) : kStatusOk;
+            }
+        }
+    }
+    // Parents come first, so walking backwards sees every child before its parent.
+    for (size_t i = scan->objects.size(); i-- > 0;) {
+        if (auto p = scan->objects[i].parent)
+            worst[*p] = std::max(worst[*p], worst[i]);
+    }
+    for (size_t i = 0; i < scan->objects.size(); ++i) {
+        for (auto &[name, value] : scan->objects[i].attributes) {
+            if (name == "TreeStatus")
+                value = std::to_string(worst[i]);
+        }
+    }
+}
+
+void scanStorageAttributes(ScanState &s)
+{
+    auto dmi = [&](const char *name) {
+        auto text = s.root.readText(std::string("/sys/class/dmi/id/") + name);
+        std::string value = text ? cleanValue(*text) : std::string();
+        return value.empty() ? std::string("Not Available") : value;
+    };
+    set(&s.scan.storage, "ready", "1");
+    set(&s.scan.storage, "thermalShutdown", "0");
+    set(&s.scan.storage, "chassisServiceTag", dmi("chassis_serial"));
+    set(&s.scan.storage, "baseBoardServiceTag", dmi("board_serial"));
+}
+
+} // namespace
+
+void scanMachine(const SysRoot &root, LiveScan *scan)
+{
+    *scan = LiveScan();
+    ScanState s(root, *scan);
+    if (!root.exists("/sys"))
+        s.note("no /sys under " + root.root() + ": nothing to serve");
+    scanStorageAttributes(s);
+    scanControllers(s);
+    scanScsi(s);
+    scanEnclosureSlots(s);
+    scanScsiDisks(s);
+    scanVirtio(s);
+    scanNvme(s);
+    scanEnclosureComponents(s);
+    scanHwmon(s);
+    scanMd(s);
+    rollUpTreeStatus(scan);
+}
+
+} // namespace kelp::live

@@ -1,0 +1,163 @@
+// Controllers: the PCI functions of class "mass storage" (SAS and SATA HBAs,
+// RAID HBAs, NVMe controllers, virtio-blk and virtio-scsi), and any other PCI
+// function a SCSI host hangs from. Numbered in PCI address order, so that a
+// controller keeps its number while the hardware stays.
+#include <set>
+
+#include "datastore/live/scan_internal.h"
+
+namespace kelp::live {
+namespace {
+
+constexpr uint64_t kMassStorageClass = 0x01;
+
+// What the PCI class says the function is, and the bus protocol code of the
+// model format (7 SATA, 8 SAS, 9 PCIe, 0 unknown).
+struct ClassInfo {
+    const char *kind;
+    const char *protocol;
+};
+
+ClassInfo classInfo(uint64_t pciClass, const std::string &driver)
+{
+    if (driver == "virtio-pci")
+        return {"Virtio storage controller", "0"};
+    switch ((pciClass >> 8) & 0xff) {
+    case 0x00:
+        return {"SCSI controller", "0"};
+    case 0x01:
+        return {"IDE controller", "0"};
+    case 0x04:
+        return {"RAID controller", "8"};
+    case 0x05:
+        return {"ATA controller", "7"};
+    case 0x06:
+        return {"SATA controller", "7"};
+    case 0x07:
+        return {"SAS controller", "8"};
+    case 0x08:
+        return {"NVMe controller", "9"};
+    default:
+        return {"Storage controller", "0"};
+    }
+}
+
+std::string driverOf(const SysRoot &root, const std::string &dir)
+{
+    auto target = root.follow(dir, "driver");
+    return target ? std::string(baseName(*target)) : std::string();
+}
+
+std::string driverVersion(const SysRoot &root, std::string driver)
+{
+    for (char &c : driver) {
+        if (c == '-')
+            c = '_';
+    }
+    if (driver.empty())
+        return "Not Available";
+    auto version = root.readText("/sys/module/" + driver + "/version");
+    return version && !cleanValue(*version).empty() ? cleanValue(*version) : "Not Available";
+}
+
+// The PCI functions scanMachine serves as controllers: storage by class, and
+// the parents of SCSI hosts and NVMe controllers whatever their class.
+std::set<std::string> controllerFunctions(ScanState &s)
+{
+    std::set<std::string> dirs;
+    for (const std::string &name : s.root.list("/sys/bus/pci/devices")) {
+        auto dir = s.root.resolve("/sys/bus/pci/devices/" + name);
+        if (!dir) {
+            s.note("PCI function " + name + ": link does not resolve");
+            continue;
+        }
+        auto cls = s.root.attr(*dir, "class");
+        auto value = cls ? parseNumber(*cls) : std::nullopt;
+        if (value && (*value >> 16) == kMassStorageClass)
+            dirs.insert(*dir);
+    }
+    for (const char *cls : {"/sys/class/scsi_host", "/sys/class/nvme"}) {
+        const std::string base = cls;
+        for (const std::string &name : s.root.list(base)) {
+            auto dir = s.root.resolve(base + "/" + name);
+            if (!dir)
+                continue;
+            std::string_view path = *dir;
+            while (path.size() > 1 && !isPciAddress(baseName(path)))
+                path = dirName(path);
+            if (path.size() > 1)
+                dirs.insert(std::string(path));
+        }
+    }
+    return dirs;
+}
+
+void addController(ScanState &s, const std::string &dir)
+{
+    const SysRoot &root = s.root;
+    ScanState::Controller c;
+    c.pciDir = dir;
+    c.bdf = std::string(baseName(dir));
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    const std::string driver = driverOf(root, dir);
+    auto cls = root.attr(dir, "class");
+    const ClassInfo info = classInfo(cls ? parseNumber(*cls).value_or(0) : 0, driver);
+
+    LiveObject o;
+    o.type = "adapters";
+    o.nexus = std::to_string(c.number);
+    auto hex = [&](const char *name) {
+        auto text = root.attr(dir, name);
+        auto n = text ? parseNumber(*text) : std::nullopt;
+        return n ? std::to_string(*n) : std::string("Not Available");
+    };
+    unsigned bus = 0, device = 0, function = 0;
+    std::sscanf(c.bdf.c_str(), "%*x:%x:%x.%x", &bus, &device, &function);
+    c.name = std::string(info.kind) + " " + c.bdf + (driver.empty() ? "" : " (" + driver + ")");
+    set(&o.attributes, "Name", c.name);
+    set(&o.attributes, "ObjState", std::to_string(driver.empty() ? kStateOffline : kStateReady));
+    set(&o.attributes, "ObjStatus",
+        std::to_string(driver.empty() ? kStatusNonCritical : kStatusOk));
+    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "BusProtocol", info.protocol);
+    set(&o.attributes, "PCISlot", std::to_string(device));
+    set(&o.attributes, "PCIBusNo", std::to_string(bus));
+    set(&o.attributes, "PCIDeviceNum", std::to_string(device));
+    set(&o.attributes, "PCIFunctionNum", std::to_string(function));
+    set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "FirmwareVer", "Not Available");
+    set(&o.attributes, "CurrentDriverVersion", driverVersion(root, driver));
+    set(&o.attributes, "DriverName", driver.empty() ? "none" : driver);
+    set(&o.attributes, "VendorID", hex("vendor"));
+    set(&o.attributes, "DeviceID", hex("device"));
+    set(&o.attributes, "SubVendorID", hex("subsystem_vendor"));
+    set(&o.attributes, "SubDeviceID", hex("subsystem_device"));
+    set(&o.attributes, "PCIAddress", c.bdf);
+    if (auto speed = root.attr(dir, "current_link_speed"))
+        set(&o.attributes, "LinkSpeed", cleanValue(*speed));
+    if (auto width = root.attr(dir, "current_link_width"))
+        set(&o.attributes, "LinkWidth", cleanValue(*width));
+    if (driver.empty())
+        s.note("controller " + c.bdf + ": no driver bound");
+    c.object = s.add(std::move(o));
+    s.controllerByPci.emplace(c.bdf, s.controllers.size());
+    s.controllers.push_back(std::move(c));
+}
+
+} // namespace
+
+void scanControllers(ScanState &s)
+{
+    // The set is ordered by path; number by PCI address instead.
+    std::vector<std::string> dirs;
+    for (const std::string &dir : controllerFunctions(s))
+        dirs.push_back(dir);
+    std::sort(dirs.begin(), dirs.end(),
+              [](const std::string &a, const std::string &b) { return baseName(a) < baseName(b); });
+    for (const std::string &dir : dirs) {
+        if (s.controllerByPci.count(std::string(baseName(dir))) == 0)
+            addController(s, dir);
+    }
+}
+
+} // namespace kelp::live

@@ -1,0 +1,312 @@
+// Array disks and tape drives: SCSI, SATA and SAS disks on SCSI hosts,
+// virtio-blk disks, NVMe namespaces. A disk in an enclosure slot is named by
+// its slot (C\H\E\S), any other by its channel and target (C\H\T).
+#include <cstdio>
+
+#include "datastore/live/scan_internal.h"
+
+namespace kelp::live {
+namespace {
+
+// SCSI device states (sdev_state) and what the model makes of them.
+struct StateRow {
+    const char *text;
+    uint64_t state;
+    int status;
+};
+constexpr StateRow kScsiStates[] = {
+    {"running", kStateReady, kStatusOk},
+    {"created", kStateReady, kStatusOk},
+    {"quiesce", kStateOffline, kStatusNonCritical},
+    {"blocked", kStateOffline, kStatusNonCritical},
+    {"created-blocked", kStateOffline, kStatusNonCritical},
+    {"offline", kStateOffline, kStatusCritical},
+    {"transport-offline", kStateOffline, kStatusCritical},
+    {"cancel", kStateFailed, kStatusCritical},
+    {"deleted", kStateFailed, kStatusCritical},
+};
+
+std::string text(ScanState &s, const std::string &dir, const char *name)
+{
+    auto value = s.root.attr(dir, name);
+    std::string v = value ? cleanValue(*value) : std::string();
+    return v.empty() ? std::string("Not Available") : v;
+}
+
+// The unit serial number of VPD page 0x80: a 4-byte header, then ASCII.
+std::string vpdSerial(ScanState &s, const std::string &dir)
+{
+    auto page = s.root.attrBytes(dir, "vpd_pg80");
+    if (!page || page->size() < 4 || static_cast<unsigned char>((*page)[1]) != 0x80)
+        return std::string();
+    size_t length =
+        (static_cast<unsigned char>((*page)[2]) << 8) | static_cast<unsigned char>((*page)[3]);
+    return cleanValue(page->substr(4, length));
+}
+
+// Size, medium and name of a block device directory.
+void fillBlock(ScanState &s, const std::string &blockDir, LiveObject *o)
+{
+    const std::string name(baseName(blockDir));
+    set(&o->attributes, "DeviceName", "/dev/" + cleanValue(name));
+    auto size = s.root.attr(blockDir, "size");
+    auto sectors = size ? parseNumber(*size) : std::nullopt;
+    if (sectors)
+        set(&o->attributes, "Length", std::to_string(*sectors * 512));
+    else
+        s.note("block device " + name + ": no readable size");
+    auto rotational = s.root.attr(blockDir, "queue/rotational");
+    if (rotational)
+        set(&o->attributes, "MediaType", *rotational == "0" ? "2" : "1");
+    if (auto sector = s.root.attr(blockDir, "queue/logical_block_size"))
+        set(&o->attributes, "PdSectorSize", cleanValue(*sector));
+}
+
+void addStatus(LiveObject *o, uint64_t state, int status)
+{
+    set(&o->attributes, "ObjState", std::to_string(state));
+    set(&o->attributes, "ObjStatus", std::to_string(status));
+    set(&o->attributes, "TreeStatus", std::to_string(status));
+}
+
+} // namespace
+
+void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
+                 ScanState::Controller &c, size_t channel, bool tape)
+{
+    LiveObject o;
+    o.type = tape ? "Tape" : "arraydisks";
+    const uint32_t target = hctl[3] == 0 ? hctl[2] : (hctl[2] << 8) | hctl[3];
+    const std::string &busNexus = s.scan.objects[channel].nexus;
+    auto slot = s.slotOfDevice.find(dir);
+    if (!tape && slot != s.slotOfDevice.end()) {
+        o.nexus = slot->second.enclosureNexus + "\\" + std::to_string(slot->second.slot);
+        o.parent = slot->second.enclosure;
+    } else {
+        o.nexus = busNexus + "\\" + std::to_string(target);
+        o.parent = channel;
+    }
+    if (s.taken(o.type, o.nexus)) {
+        s.note("SCSI device " + dir + ": a second device at " + o.nexus + ", left out");
+        return;
+    }
+    const std::string vendor = text(s, dir, "vendor");
+    const std::string model = text(s, dir, "model");
+    uint64_t state = kStateReady;
+    int status = kStatusUnknown;
+    const std::string sdevState = text(s, dir, "state");
+    for (const StateRow &row : kScsiStates) {
+        if (sdevState == row.text) {
+            state = row.state;
+            status = row.status;
+        }
+    }
+    addStatus(&o, state, status);
+    set(&o.attributes, "Vendor", vendor);
+    set(&o.attributes, "ProductID", model);
+    set(&o.attributes, "ModelNumber", vendor == "ATA" ? model : vendor + " " + model);
+    set(&o.attributes, "Revision", text(s, dir, "rev"));
+    std::string serial = vpdSerial(s, dir);
+    set(&o.attributes, "DeviceSerialNumber", serial.empty() ? "Not Available" : serial);
+    std::string protocol = attrOf(s.scan.objects[channel], "BusProtocol");
+    auto sas = s.root.attr(dir, "sas_address");
+    if (sas) {
+        set(&o.attributes, "SASAddress", cleanValue(*sas));
+        if (vendor != "ATA")
+            protocol = "8";
+    }
+    if (vendor == "ATA")
+        protocol = "7";
+    set(&o.attributes, "BusProtocol", protocol);
+    set(&o.attributes, "Channel", std::string(baseName(busNexus)));
+    set(&o.attributes, "TargetID", std::to_string(target));
+    set(&o.attributes, "SCSIAddress",
+        std::to_string(hctl[0]) + ":" + std::to_string(hctl[1]) + ":" + std::to_string(hctl[2]) +
+            ":" + std::to_string(hctl[3]));
+    std::string blockName;
+    if (tape) {
+        auto tapes = s.root.listIn(dir + "/scsi_tape");
+        if (!tapes.empty())
+            set(&o.attributes, "DeviceName", "/dev/" + cleanValue(tapes.front()));
+        set(&o.attributes, "MediaType", "1");
+    } else {
+        auto blocks = s.root.listIn(dir + "/block");
+        if (!blocks.empty()) {
+            blockName = blocks.front();
+            fillBlock(s, dir + "/block/" + blockName, &o);
+        } else {
+            set(&o.attributes, "DeviceName", "Not Applicable");
+            s.note("SCSI disk " + o.nexus + ": no block device");
+        }
+    }
+    (void)c;
+    size_t index = s.add(std::move(o));
+    s.diskByDevice.emplace(dir, index);
+    if (!blockName.empty())
+        s.diskByBlock.emplace(blockName, index);
+}
+
+void scanVirtio(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/block")) {
+        if (!name.starts_with("vd"))
+            continue;
+        auto blockDir = s.root.resolve("/sys/block/" + name);
+        if (!blockDir)
+            continue;
+        auto device = s.root.follow(*blockDir, "device");
+        ScanState::Controller *c = blockDir ? s.controllerOf(*blockDir) : nullptr;
+        if (!device || c == nullptr) {
+            s.note("virtio disk " + name + ": no virtio device or controller");
+            continue;
+        }
+        size_t channel = s.channelOf(*c, 0, 0, "0");
+        LiveObject o;
+        o.type = "arraydisks";
+        o.nexus = s.scan.objects[channel].nexus + "\\0";
+        o.parent = channel;
+        if (s.taken(o.type, o.nexus)) {
+            s.note("virtio disk " + name + ": a second disk on controller " + c->bdf);
+            continue;
+        }
+        addStatus(&o, kStateReady, kStatusOk);
+        set(&o.attributes, "Vendor", "Virtio");
+        set(&o.attributes, "ProductID", "Virtio Block Device");
+        set(&o.attributes, "ModelNumber", "Virtio Block Device");
+        set(&o.attributes, "Revision", "Not Available");
+        auto serial = s.root.attr(*blockDir, "serial");
+        std::string sn = serial ? cleanValue(*serial) : std::string();
+        set(&o.attributes, "DeviceSerialNumber", sn.empty() ? "Not Available" : sn);
+        set(&o.attributes, "BusProtocol", "0");
+        set(&o.attributes, "Channel", "0");
+        set(&o.attributes, "TargetID", "0");
+        fillBlock(s, *blockDir, &o);
+        size_t index = s.add(std::move(o));
+        s.diskByBlock.emplace(name, index);
+        s.diskByDevice.emplace(*device, index);
+    }
+}
+
+namespace {
+
+// NVMe controller states (nvme_ctrl_state).
+constexpr StateRow kNvmeStates[] = {
+    {"live", kStateReady, kStatusOk},
+    {"new", kStateReady, kStatusOk},
+    {"connecting", kStateOffline, kStatusNonCritical},
+    {"resetting", kStateOffline, kStatusNonCritical},
+    {"deleting", kStateFailed, kStatusCritical},
+    {"deleting (no IO)", kStateFailed, kStatusCritical},
+    {"dead", kStateFailed, kStatusCritical},
+};
+
+// The namespace number of nvmeXnY or nvmeXcZnY, or 0.
+uint32_t namespaceOf(const std::string &name, std::string *blockName)
+{
+    unsigned ctrl = 0, path = 0, ns = 0;
+    char end = 0;
+    if (std::sscanf(name.c_str(), "nvme%un%u%c", &ctrl, &ns, &end) == 2) {
+        *blockName = name;
+        return ns;
+    }
+    unsigned subsys = 0;
+    if (std::sscanf(name.c_str(), "nvme%uc%un%u%c", &subsys, &path, &ns, &end) == 3) {
+        *blockName = "nvme" + std::to_string(subsys) + "n" + std::to_string(ns);
+        return ns;
+    }
+    return 0;
+}
+
+} // namespace
+
+void scanNvme(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/class/nvme")) {
+        auto dir = s.root.resolve("/sys/class/nvme/" + name);
+        ScanState::Controller *c = dir ? s.controllerOf(*dir) : nullptr;
+        if (c == nullptr) {
+            s.note("NVMe controller " + name + ": no PCI function");
+            continue;
+        }
+        const std::string model = text(s, *dir, "model");
+        const std::string serial = text(s, *dir, "serial");
+        const std::string firmware = text(s, *dir, "firmware_rev");
+        uint64_t state = kStateReady;
+        int status = kStatusUnknown;
+        const std::string ctrlState = text(s, *dir, "state");
+        for (const StateRow &row : kNvmeStates) {
+            if (ctrlState == row.text) {
+                state = row.state;
+                status = row.status;
+            }
+        }
+        {
+            LiveObject &ctrl = s.scan.objects[c->object];
+            c->name = model + " " + c->bdf;
+            set(&ctrl.attributes, "Name", c->name);
+            set(&ctrl.attributes, "FirmwareVer", firmware);
+            set(&ctrl.attributes, "ObjState", std::to_string(state));
+            set(&ctrl.attributes, "ObjStatus", std::to_string(status));
+        }
+        const size_t channel = s.channelOf(*c, 0, 0, "9");
+        const LiveObject &ctrl = s.scan.objects[c->object]; // after channelOf: it may move
+
+        LiveObject adapter;
+        adapter.type = "NVMeAdapter";
+        adapter.nexus = std::to_string(c->number);
+        addStatus(&adapter, state, status);
+        unsigned bus = 0, device = 0, function = 0;
+        std::sscanf(c->bdf.c_str(), "%*x:%x:%x.%x", &bus, &device, &function);
+        for (const char *copied : {"VendorID", "DeviceID", "SubVendorID", "CurrentDriverVersion"})
+            set(&adapter.attributes, copied, attrOf(ctrl, copied));
+        set(&adapter.attributes, "ControllerNum", std::to_string(c->number));
+        set(&adapter.attributes, "Channel", "0");
+        set(&adapter.attributes, "ModelNumber", model);
+        set(&adapter.attributes, "ProductID", model);
+        set(&adapter.attributes, "DeviceSerialNumber", serial);
+        set(&adapter.attributes, "Revision", firmware);
+        set(&adapter.attributes, "PCIBusNo", std::to_string(bus));
+        set(&adapter.attributes, "PCIDeviceNum", std::to_string(device));
+        set(&adapter.attributes, "PCIFunctionNum", std::to_string(function));
+        set(&adapter.attributes, "BusProtocol", "9");
+        set(&adapter.attributes, "MediaType", "2");
+        set(&adapter.attributes, "DeviceName", "/dev/" + name);
+
+        for (const std::string &entry : s.root.listIn(*dir)) {
+            std::string blockName;
+            const uint32_t ns = namespaceOf(entry, &blockName);
+            if (ns == 0)
+                continue;
+            auto blockDir = s.root.resolve("/sys/block/" + blockName);
+            if (!blockDir) {
+                s.note("NVMe namespace " + entry + ": no block device " + blockName);
+                continue;
+            }
+            LiveObject disk;
+            disk.type = "arraydisks";
+            disk.nexus = s.scan.objects[channel].nexus + "\\" + std::to_string(ns);
+            disk.parent = channel;
+            if (s.taken(disk.type, disk.nexus))
+                continue; // a second path to the same namespace
+            addStatus(&disk, state, status);
+            set(&disk.attributes, "Vendor", "NVMe");
+            set(&disk.attributes, "ProductID", model);
+            set(&disk.attributes, "ModelNumber", model);
+            set(&disk.attributes, "DeviceSerialNumber", serial);
+            set(&disk.attributes, "Revision", firmware);
+            set(&disk.attributes, "BusProtocol", "9");
+            set(&disk.attributes, "Channel", "0");
+            set(&disk.attributes, "TargetID", std::to_string(ns));
+            fillBlock(s, *blockDir, &disk);
+            set(&disk.attributes, "MediaType", "2");
+            if (attrOf(adapter, "Length").empty())
+                set(&adapter.attributes, "Length", attrOf(disk, "Length"));
+            size_t index = s.add(std::move(disk));
+            s.diskByBlock.emplace(blockName, index);
+            s.diskByDevice.emplace(*dir, index);
+        }
+        s.add(std::move(adapter));
+    }
+}
+
+} // namespace kelp::live

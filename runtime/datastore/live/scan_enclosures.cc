@@ -1,0 +1,266 @@
+// What sits in and around enclosures: the slots of /sys/class/enclosure
+// (which disk is in which slot), fans, power supplies, temperature probes and
+// EMMs from the enclosure's SES pages, and temperature probes from hwmon
+// (drivetemp, nvme) for disks whose enclosure gave none.
+#include <cstdio>
+
+#include "datastore/live/scan_internal.h"
+#include "datastore/live/ses.h"
+
+namespace kelp::live {
+namespace {
+
+// Component kinds of the nexus scheme (C\H\E\K\I) and their model types.
+struct ComponentKind {
+    SesKind kind;
+    const char *type;
+    unsigned marker;
+};
+constexpr ComponentKind kComponentKinds[] = {
+    {SesKind::kCooling, "fans", 1},
+    {SesKind::kPowerSupply, "psupplies", 2},
+    {SesKind::kTemperature, "tempprobes", 3},
+    {SesKind::kEsm, "emms", 4},
+};
+
+// SES element status codes and what the model makes of them.
+void sesStatus(const SesElement &e, uint64_t *state, int *status)
+{
+    switch (e.status) {
+    case 1:
+        *state = kStateReady, *status = kStatusOk;
+        break;
+    case 2:
+        *state = kStateFailed, *status = kStatusCritical;
+        break;
+    case 3:
+        *state = kStateReady, *status = kStatusNonCritical;
+        break;
+    case 4:
+        *state = kStateFailed, *status = kStatusNonRecoverable;
+        break;
+    case 5:
+        *state = kStateMissing, *status = kStatusNonCritical;
+        break;
+    default:
+        *state = kStateReady, *status = kStatusUnknown;
+        break;
+    }
+    if (e.predictedFailure && *status == kStatusOk)
+        *status = kStatusNonCritical;
+}
+
+void setTemperatures(LiveObject *o, std::optional<int> current, std::optional<int> highWarning,
+                     std::optional<int> highCritical, std::optional<int> lowWarning,
+                     std::optional<int> lowCritical)
+{
+    auto put = [&](const char *name, std::optional<int> value) {
+        if (value)
+            set(&o->attributes, name, std::to_string(*value));
+    };
+    put("CurrentTemp", current);
+    put("MinWarning", lowWarning);
+    put("MinError", lowCritical);
+    put("MaxWarning", highWarning);
+    put("MaxError", highCritical);
+}
+
+// A probe's status from its reading and thresholds.
+int temperatureStatus(std::optional<int> t, std::optional<int> highWarning,
+                      std::optional<int> highCritical, std::optional<int> lowWarning,
+                      std::optional<int> lowCritical)
+{
+    if (!t)
+        return kStatusUnknown;
+    if ((highCritical && *t >= *highCritical) || (lowCritical && *t <= *lowCritical))
+        return kStatusCritical;
+    if ((highWarning && *t >= *highWarning) || (lowWarning && *t <= *lowWarning))
+        return kStatusNonCritical;
+    return kStatusOk;
+}
+
+void addSesComponent(ScanState &s, size_t enclosure, const SesElement &e, const ComponentKind &kind)
+{
+    LiveObject o;
+    o.type = kind.type;
+    o.nexus = s.scan.objects[enclosure].nexus + "\\" + std::to_string(kind.marker) + "\\" +
+              std::to_string(e.index);
+    o.parent = enclosure;
+    uint64_t state = kStateReady;
+    int status = kStatusUnknown;
+    sesStatus(e, &state, &status);
+    if (e.kind == SesKind::kTemperature && e.status == 1) {
+        status = std::max(status, temperatureStatus(e.temperatureC, e.highWarningC, e.highCriticalC,
+                                                    e.lowWarningC, e.lowCriticalC));
+    }
+    set(&o.attributes, "ObjState", std::to_string(state));
+    set(&o.attributes, "ObjStatus", std::to_string(status));
+    set(&o.attributes, "TreeStatus", std::to_string(status));
+    set(&o.attributes, "Name",
+        e.descriptor.empty() ? std::string("Not Available") : cleanValue(e.descriptor));
+    set(&o.attributes, "PartNo",
+        cleanValue(e.product).empty() ? "Not Available" : cleanValue(e.product));
+    set(&o.attributes, "Revision",
+        cleanValue(e.revision).empty() ? "Not Available" : cleanValue(e.revision));
+    switch (e.kind) {
+    case SesKind::kCooling:
+        // The enclosure reports the fan in RPM, not as a speed code.
+        set(&o.attributes, "IsEnclosureJX33XX", e.fanRpm ? "1" : "0");
+        set(&o.attributes, "FanSpeed",
+            e.fanRpm ? std::to_string(*e.fanRpm) : std::to_string(e.speedCode));
+        break;
+    case SesKind::kTemperature:
+        setTemperatures(&o, e.temperatureC, e.highWarningC, e.highCriticalC, e.lowWarningC,
+                        e.lowCriticalC);
+        break;
+    case SesKind::kPowerSupply:
+        set(&o.attributes, "ProductVersion",
+            cleanValue(e.revision).empty() ? "Not Available" : cleanValue(e.revision));
+        break;
+    case SesKind::kEsm:
+        set(&o.attributes, "FirmwareVer",
+            cleanValue(e.revision).empty() ? "Not Available" : cleanValue(e.revision));
+        break;
+    }
+    s.add(std::move(o));
+}
+
+} // namespace
+
+void scanEnclosureSlots(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/class/enclosure")) {
+        auto dir = s.root.resolve("/sys/class/enclosure/" + name);
+        if (!dir) {
+            s.note("enclosure " + name + ": link does not resolve");
+            continue;
+        }
+        const std::string device(dirName(dirName(*dir)));
+        auto found = s.enclosureByDevice.find(device);
+        if (found == s.enclosureByDevice.end()) {
+            s.note("enclosure " + name + ": its SCSI device is not served");
+            continue;
+        }
+        const size_t enclosure = found->second;
+        LiveObject &o = s.scan.objects[enclosure];
+        if (auto count = s.root.attr(*dir, "components"))
+            set(&o.attributes, "MaxNumOfPDSlots", cleanValue(*count));
+        if (auto id = s.root.attr(*dir, "id"))
+            set(&o.attributes, "EnclosureSerialNum", cleanValue(*id));
+        const std::string nexus = o.nexus;
+        for (const std::string &component : s.root.listIn(*dir)) {
+            const std::string cdir = *dir + "/" + component;
+            auto slotText = s.root.attr(cdir, "slot");
+            auto slot = slotText ? parseNumber(*slotText) : std::nullopt;
+            if (!slot || *slot > 0xffffffffu)
+                continue; // not a component directory
+            auto disk = s.root.follow(cdir, "device");
+            if (!disk)
+                continue; // an empty slot
+            s.slotOfDevice[*disk] = {enclosure, nexus, static_cast<uint32_t>(*slot)};
+        }
+    }
+}
+
+void scanEnclosureComponents(ScanState &s)
+{
+    unsigned fromSes = 0, without = 0;
+    std::string reason;
+    for (const auto &[device, enclosure] : s.enclosureByDevice) {
+        const std::string sg = attrOf(s.scan.objects[enclosure], "DeviceName");
+        if (sg.empty()) {
+            ++without;
+            reason = "no SCSI generic device";
+            continue;
+        }
+        SesPages pages;
+        std::string error;
+        bool read = s.root.isSystemRoot()
+                        ? readSesPagesSgIo(sg, &pages, &error)
+                        : readSesPagesFiles(s.root.hostPath(sg + ".ses"), &pages, &error);
+        SesEnclosure ses;
+        if (read && !decodeSes(pages, &ses, &error))
+            read = false;
+        if (!read) {
+            ++without;
+            reason = sg + ": " + error;
+            s.note("enclosure " + s.scan.objects[enclosure].nexus + ": no SES pages (" + reason +
+                   ")");
+            continue;
+        }
+        ++fromSes;
+        s.enclosureHasSesProbes[enclosure] = true;
+        LiveObject &o = s.scan.objects[enclosure];
+        if (!ses.logicalId.empty())
+            set(&o.attributes, "EnclosureSerialNum", ses.logicalId);
+        for (const ComponentKind &kind : kComponentKinds) {
+            for (const SesElement &e : ses.elements) {
+                if (e.kind == kind.kind)
+                    addSesComponent(s, enclosure, e, kind);
+            }
+        }
+    }
+    if (s.enclosureByDevice.empty())
+        s.scan.components = "no enclosures";
+    else if (without == 0)
+        s.scan.components = "fans, power supplies, temperature probes and EMMs from SES pages";
+    else
+        s.scan.components = std::to_string(fromSes) + " of " + std::to_string(fromSes + without) +
+                            " enclosures read through SES; fans, power supplies and EMMs of the "
+                            "others not available (" +
+                            reason + "), temperature probes from hwmon";
+}
+
+void scanHwmon(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/class/hwmon")) {
+        auto dir = s.root.resolve("/sys/class/hwmon/" + name);
+        if (!dir)
+            continue;
+        auto kind = s.root.attr(*dir, "name");
+        if (!kind || (*kind != "drivetemp" && *kind != "nvme"))
+            continue;
+        auto device = s.root.follow(*dir, "device");
+        auto disk = device ? s.diskByDevice.find(*device) : s.diskByDevice.end();
+        if (disk == s.diskByDevice.end()) {
+            s.note("hwmon " + name + ": not a served disk");
+            continue;
+        }
+        const LiveObject &d = s.scan.objects[disk->second];
+        auto parentOf = d.parent;
+        if (parentOf && s.enclosureHasSesProbes.count(*parentOf))
+            continue; // its enclosure's own probes stand for it
+        auto milli = [&](const char *file) -> std::optional<int> {
+            auto text = s.root.attr(*dir, file);
+            if (!text || text->empty())
+                return std::nullopt;
+            char *end = nullptr;
+            long value = std::strtol(text->c_str(), &end, 10);
+            if (*end != '\0' || value < -1000000 || value > 1000000)
+                return std::nullopt;
+            return static_cast<int>(value / 1000);
+        };
+        const auto t = milli("temp1_input");
+        const auto highWarning = milli("temp1_max");
+        const auto highCritical = milli("temp1_crit");
+        const auto lowWarning = milli("temp1_min");
+        const auto lowCritical = milli("temp1_lcrit");
+        // A disk's probe: its channel and target (or slot) in place of the
+        // enclosure, so every disk has its own.
+        LiveObject o;
+        o.type = "tempprobes";
+        o.nexus = d.nexus + "\\3\\0";
+        o.parent = disk->second;
+        if (s.taken(o.type, o.nexus))
+            continue;
+        const int status = temperatureStatus(t, highWarning, highCritical, lowWarning, lowCritical);
+        set(&o.attributes, "ObjState", std::to_string(kStateReady));
+        set(&o.attributes, "ObjStatus", std::to_string(status));
+        set(&o.attributes, "TreeStatus", std::to_string(status));
+        set(&o.attributes, "Name", "Temperature of " + attrOf(d, "DeviceName"));
+        setTemperatures(&o, t, highWarning, highCritical, lowWarning, lowCritical);
+        s.add(std::move(o));
+    }
+}
+
+} // namespace kelp::live

@@ -1,0 +1,109 @@
+// The state one scan of a machine builds up while the readers of scan_*.cc
+// add their objects: controllers by PCI function, channels by SCSI host and
+// channel, and the devices found so far by their sysfs directory, so that a
+// later reader can attach to them. Private to the live source.
+#ifndef KELP_RUNTIME_DATASTORE_LIVE_SCAN_INTERNAL_H
+#define KELP_RUNTIME_DATASTORE_LIVE_SCAN_INTERNAL_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "datastore/live/scan.h"
+#include "datastore/live/sysroot.h"
+
+namespace kelp::live {
+
+struct ScsiDevice {
+    std::array<uint32_t, 4> hctl{}; // host, channel, target, lun
+    std::string dir;                // canonical device directory
+    uint32_t type = 0;              // SCSI peripheral device type
+};
+
+struct ScanState {
+    ScanState(const SysRoot &r, LiveScan &sc) : root(r), scan(sc) {}
+
+    const SysRoot &root;
+    LiveScan &scan;
+
+    struct Controller {
+        std::string pciDir; // canonical directory of the PCI function ("" for md)
+        std::string bdf;
+        uint32_t number = 0;
+        size_t object = 0;
+        std::string name;
+        // (SCSI host, SCSI channel) -> channel object, and the next channel number
+        std::map<std::pair<uint32_t, uint32_t>, size_t> channels;
+        uint32_t nextChannel = 0;
+        uint32_t nextEnclosure = 0;
+    };
+    std::vector<Controller> controllers;           // sorted by PCI address once made
+    std::map<std::string, size_t> controllerByPci; // bdf -> index in controllers
+
+    // SCSI device directory (canonical) -> the enclosure slot a disk sits in
+    struct Slot {
+        size_t enclosure; // object index
+        std::string enclosureNexus;
+        uint32_t slot;
+    };
+    std::map<std::string, Slot> slotOfDevice;
+    // enclosure's SCSI device directory -> object index
+    std::map<std::string, size_t> enclosureByDevice;
+    // block device name (sdb, nvme0n1, vda) -> array-disk object index
+    std::map<std::string, size_t> diskByBlock;
+    // SCSI device directory or NVMe controller directory -> disk object index
+    std::map<std::string, size_t> diskByDevice;
+    // disk objects whose enclosure gave temperature probes from SES
+    std::map<size_t, bool> enclosureHasSesProbes;
+
+    std::optional<std::vector<ScsiDevice>> scsi;        // read once, by scsiDevices()
+    std::set<std::pair<std::string, std::string>> keys; // (type, nexus) of every object
+
+    // Whether an object of type and nexus was added.
+    bool taken(const std::string &type, const std::string &nexus) const
+    {
+        return keys.count({type, nexus}) != 0;
+    }
+
+    void note(std::string line) { scan.notes.push_back(std::move(line)); }
+    size_t add(LiveObject object);
+    // The controller of a device directory: the nearest PCI function on its
+    // path; nullopt when there is none or it was not made a controller.
+    Controller *controllerOf(std::string_view deviceDir);
+    // The channel object for (host, channel) of controller c, made on first use.
+    size_t channelOf(Controller &c, uint32_t host, uint32_t channel, const std::string &protocol);
+};
+
+void set(ds::Attributes *attributes, std::string name, std::string value);
+// The value of an attribute of a live object, or "" when it has none.
+std::string attrOf(const LiveObject &o, std::string_view name);
+// The SCSI devices under /sys/class/scsi_device, in host:channel:target:lun order.
+const std::vector<ScsiDevice> &scsiDevices(ScanState &s);
+// The PCI address (dddd:bb:dd.f) nearest the end of a canonical path, or "".
+std::string pciAddressIn(std::string_view path);
+bool isPciAddress(std::string_view name);
+// "0x1000" -> 4096; nullopt for text that is not such a number.
+std::optional<uint64_t> parseNumber(std::string_view text);
+// Text fit for a model value: printable ASCII, blanks trimmed, at most 159 bytes.
+std::string cleanValue(std::string_view text);
+
+// The readers, in the order scanMachine calls them.
+void scanControllers(ScanState &s);
+void scanScsi(ScanState &s); // channels, enclosures, disks, tapes of SCSI hosts
+void scanEnclosureSlots(ScanState &s);
+void scanScsiDisks(ScanState &s);
+void scanVirtio(ScanState &s);
+void scanNvme(ScanState &s);
+void scanEnclosureComponents(ScanState &s);
+void scanHwmon(ScanState &s);
+void scanMd(ScanState &s);
+
+} // namespace kelp::live
+
+#endif // KELP_RUNTIME_DATASTORE_LIVE_SCAN_INTERNAL_H

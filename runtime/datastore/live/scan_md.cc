@@ -1,0 +1,231 @@
+// Linux software RAID: every md array is a virtual disk of one controller of
+// its own ("Linux software RAID"), linked to its member disks, with its
+// partitions. Array and member states come from md's sysfs directory.
+#include <cstdio>
+
+#include "datastore/live/scan_internal.h"
+
+namespace kelp::live {
+namespace {
+
+// md levels and the model's layout codes.
+struct LevelRow {
+    const char *level;
+    const char *layout;
+    unsigned redundancy; // members that may fail before the array does
+};
+constexpr LevelRow kLevels[] = {
+    {"raid0", "2", 0},   {"raid1", "4", ~0u},  {"raid4", "32", 1}, {"raid5", "64", 1},
+    {"raid6", "128", 2}, {"raid10", "512", 1}, {"linear", "1", 0},
+};
+
+struct Member {
+    size_t disk;
+    std::string state; // md's comma list
+    bool inSlot;
+};
+
+std::optional<size_t> memberDisk(ScanState &s, const std::string &memberDir)
+{
+    auto block = s.root.follow(memberDir, "block");
+    if (!block)
+        return std::nullopt;
+    // A whole disk (…/block/sdb) or one of its partitions (…/block/sdb/sdb1).
+    for (std::string_view path : {std::string_view(*block), dirName(*block)}) {
+        auto it = s.diskByBlock.find(std::string(baseName(path)));
+        if (it != s.diskByBlock.end())
+            return it->second;
+    }
+    return std::nullopt;
+}
+
+bool has(const std::string &list, std::string_view word)
+{
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == std::string::npos)
+            end = list.size();
+        if (std::string_view(list).substr(start, end - start) == word)
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+// The percentage done of "DONE / TOTAL", or nullopt.
+std::optional<unsigned> progressOf(const std::string &completed)
+{
+    unsigned long long done = 0, total = 0;
+    if (std::sscanf(completed.c_str(), "%llu / %llu", &done, &total) != 2 || total == 0 ||
+        done > total)
+        return std::nullopt;
+    return static_cast<unsigned>(done * 100 / total);
+}
+
+size_t addSoftwareController(ScanState &s)
+{
+    ScanState::Controller c;
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    c.name = "Linux software RAID";
+    LiveObject o;
+    o.type = "adapters";
+    o.nexus = std::to_string(c.number);
+    set(&o.attributes, "Name", c.name);
+    set(&o.attributes, "ObjState", std::to_string(kStateReady));
+    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "BusProtocol", "0");
+    set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "FirmwareVer", "Not Applicable");
+    auto version = s.root.readText("/sys/module/md_mod/version");
+    set(&o.attributes, "CurrentDriverVersion",
+        version && !cleanValue(*version).empty() ? cleanValue(*version) : "Not Available");
+    set(&o.attributes, "DriverName", "md");
+    c.object = s.add(std::move(o));
+    s.controllers.push_back(std::move(c));
+    return s.controllers.back().object;
+}
+
+void addArray(ScanState &s, const ScanState::Controller &c, size_t controller,
+              const std::string &name, uint32_t number, const std::string &dir)
+{
+    const std::string md = dir + "/md";
+    auto read = [&](const char *file) { return s.root.attr(md, file).value_or(""); };
+    const std::string level = read("level");
+    const std::string arrayState = read("array_state");
+    const std::string action = read("sync_action");
+    const auto raidDisks = parseNumber(read("raid_disks")).value_or(0);
+    const auto degraded = parseNumber(read("degraded")).value_or(0);
+    const LevelRow *row = nullptr;
+    for (const LevelRow &l : kLevels) {
+        if (level == l.level)
+            row = &l;
+    }
+
+    std::vector<Member> members;
+    for (const std::string &entry : s.root.listIn(md)) {
+        if (!entry.starts_with("dev-"))
+            continue;
+        const std::string memberDir = md + "/" + entry;
+        auto disk = memberDisk(s, memberDir);
+        if (!disk) {
+            s.note("md array " + name + ": member " + entry.substr(4) + " is not a served disk");
+            continue;
+        }
+        auto slot = s.root.attr(memberDir, "slot");
+        members.push_back({*disk, s.root.attr(memberDir, "state").value_or(""),
+                           slot && parseNumber(*slot).has_value()});
+    }
+
+    const bool rebuilding = action == "recover" || action == "resync" || action == "reshape";
+    // -1: not rebuilding, or md does not say how far
+    const int progress =
+        rebuilding ? static_cast<int>(progressOf(read("sync_completed")).value_or(~0u)) : -1;
+    const unsigned redundancy = row ? row->redundancy : 0;
+    const bool inactive = arrayState == "inactive" || arrayState == "clear" ||
+                          arrayState == "broken" || arrayState.empty();
+    const bool failed = inactive || (redundancy == ~0u ? degraded >= raidDisks && raidDisks > 0
+                                                       : degraded > redundancy);
+    uint64_t state = kStateOnline;
+    int status = kStatusOk;
+    if (failed) {
+        state = kStateFailed;
+        status = kStatusCritical;
+    } else if (rebuilding && degraded > 0) {
+        state = kStateRebuilding;
+        status = kStatusNonCritical;
+    } else if (degraded > 0) {
+        state = kStateDegraded;
+        status = kStatusNonCritical;
+    }
+
+    LiveObject o;
+    o.type = "vdisks";
+    o.nexus = std::to_string(c.number) + "\\128\\" + std::to_string(number);
+    o.parent = controller;
+    set(&o.attributes, "Name", name);
+    set(&o.attributes, "ObjState", std::to_string(state));
+    set(&o.attributes, "ObjStatus", std::to_string(status));
+    set(&o.attributes, "TreeStatus", std::to_string(status));
+    set(&o.attributes, "DeviceName", "/dev/" + name);
+    set(&o.attributes, "LogicalDriveNum", std::to_string(number));
+    set(&o.attributes, "Layout", row ? row->layout : "0");
+    set(&o.attributes, "RAIDLevel", level.empty() ? "Not Available" : cleanValue(level));
+    if (auto chunk = parseNumber(read("chunk_size")); chunk && *chunk > 0)
+        set(&o.attributes, "StripeSize", std::to_string(*chunk / 512));
+    if (auto size = parseNumber(s.root.attr(dir, "size").value_or("")))
+        set(&o.attributes, "Length", std::to_string(*size * 512));
+    set(&o.attributes, "RAIDDisks", std::to_string(raidDisks));
+    set(&o.attributes, "DegradedDisks", std::to_string(degraded));
+    set(&o.attributes, "ArrayState", arrayState.empty() ? "Not Available" : cleanValue(arrayState));
+    set(&o.attributes, "SyncAction", action.empty() ? "Not Available" : cleanValue(action));
+    if (progress >= 0)
+        set(&o.attributes, "RebuildProgress", std::to_string(progress));
+    const std::string protocol =
+        members.empty() ? "0" : attrOf(s.scan.objects[members.front().disk], "BusProtocol");
+    set(&o.attributes, "BusProtocol", protocol);
+    set(&o.attributes, "IsSSC", "0");
+    const size_t vdisk = s.add(std::move(o));
+
+    for (const Member &m : members) {
+        s.scan.links.emplace_back(vdisk, m.disk);
+        LiveObject &disk = s.scan.objects[m.disk];
+        if (has(m.state, "faulty")) {
+            set(&disk.attributes, "ObjState", std::to_string(kStateFailed));
+            set(&disk.attributes, "ObjStatus", std::to_string(kStatusCritical));
+        } else if (has(m.state, "in_sync")) {
+            if (attrOf(disk, "ObjState") == std::to_string(kStateReady))
+                set(&disk.attributes, "ObjState", std::to_string(kStateOnline));
+        } else if (m.inSlot && rebuilding) {
+            set(&disk.attributes, "ObjState", std::to_string(kStateRebuilding));
+            if (progress >= 0)
+                set(&disk.attributes, "RebuildProgress", std::to_string(progress));
+        } else if (has(m.state, "spare")) {
+            set(&disk.attributes, "HotSpare", "1");
+        }
+    }
+
+    for (const std::string &entry : s.root.listIn(dir)) {
+        unsigned mdNumber = 0, part = 0;
+        char end = 0;
+        if (std::sscanf(entry.c_str(), "md%up%u%c", &mdNumber, &part, &end) != 2 ||
+            mdNumber != number)
+            continue;
+        LiveObject p;
+        p.type = "VDPartitionNode";
+        p.nexus = std::to_string(c.number) + "\\129\\" + std::to_string(number) + "\\" +
+                  std::to_string(part);
+        set(&p.attributes, "ObjState", std::to_string(kStateReady));
+        set(&p.attributes, "ObjStatus", std::to_string(kStatusOk));
+        set(&p.attributes, "PartitionPath", "/dev/" + entry);
+        if (auto size = parseNumber(s.root.attr(dir + "/" + entry, "size").value_or("")))
+            set(&p.attributes, "PartitionSize", std::to_string(*size * 512));
+        set(&p.attributes, "PartitionState", "Not Available");
+        const size_t partition = s.add(std::move(p));
+        s.scan.links.emplace_back(partition, vdisk);
+    }
+}
+
+} // namespace
+
+void scanMd(ScanState &s)
+{
+    std::optional<size_t> controller;
+    for (const std::string &name : s.root.list("/sys/block")) {
+        unsigned number = 0;
+        char end = 0;
+        if (std::sscanf(name.c_str(), "md%u%c", &number, &end) != 1)
+            continue;
+        auto dir = s.root.resolve("/sys/block/" + name);
+        if (!dir || !s.root.exists(*dir + "/md/level")) {
+            s.note("md array " + name + ": no md directory");
+            continue;
+        }
+        if (!controller)
+            controller = addSoftwareController(s);
+        addArray(s, s.controllers.back(), *controller, name, number, *dir);
+    }
+}
+
+} // namespace kelp::live

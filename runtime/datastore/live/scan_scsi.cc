@@ -1,0 +1,195 @@
+// SCSI hosts and devices: a channel per host (and per SCSI channel a host
+// has devices on), enclosures (SES devices), disks and tape drives, with
+// what their sysfs directories say about them.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include "datastore/live/scan_internal.h"
+
+namespace kelp::live {
+namespace {
+
+constexpr uint32_t kTypeDisk = 0;
+constexpr uint32_t kTypeTape = 1;
+constexpr uint32_t kTypeOpticalMemory = 7;
+constexpr uint32_t kTypeEnclosure = 13;
+constexpr uint32_t kTypeZonedDisk = 0x14;
+
+const char *const kSasDrivers[] = {"mpt3sas",        "mpt2sas", "megaraid_sas",
+                                   "hisi_sas_v3_hw", "pm80xx",  "smartpqi",
+                                   "aacraid",        "isci",    "mvsas"};
+
+bool parseHctl(std::string_view name, std::array<uint32_t, 4> *hctl)
+{
+    unsigned h = 0, c = 0, t = 0, l = 0;
+    char end = 0;
+    std::string text(name);
+    if (std::sscanf(text.c_str(), "%u:%u:%u:%u%c", &h, &c, &t, &l, &end) != 4)
+        return false;
+    *hctl = {h, c, t, l};
+    return true;
+}
+
+} // namespace
+
+const std::vector<ScsiDevice> &scsiDevices(ScanState &s)
+{
+    if (s.scsi)
+        return *s.scsi;
+    std::vector<ScsiDevice> &devices = s.scsi.emplace();
+    for (const std::string &name : s.root.list("/sys/class/scsi_device")) {
+        ScsiDevice d;
+        if (!parseHctl(name, &d.hctl)) {
+            s.note("SCSI device " + name + ": not a host:channel:target:lun name");
+            continue;
+        }
+        auto dir = s.root.resolve("/sys/class/scsi_device/" + name + "/device");
+        if (!dir) {
+            s.note("SCSI device " + name + ": gone or its link does not resolve");
+            continue;
+        }
+        auto type = s.root.attr(*dir, "type");
+        auto value = type ? parseNumber(*type) : std::nullopt;
+        if (!value) {
+            s.note("SCSI device " + name + ": no readable type");
+            continue;
+        }
+        d.dir = *dir;
+        d.type = static_cast<uint32_t>(*value);
+        devices.push_back(std::move(d));
+    }
+    std::sort(devices.begin(), devices.end(),
+              [](const ScsiDevice &a, const ScsiDevice &b) { return a.hctl < b.hctl; });
+    return devices;
+}
+
+namespace {
+
+std::string hostProtocol(ScanState &s, const std::string &hostDir, const ScanState::Controller &c)
+{
+    if (hostDir.find("/ata") != std::string::npos)
+        return "7";
+    if (auto proc = s.root.readText(hostDir + "/scsi_host/" + std::string(baseName(hostDir)) +
+                                    "/proc_name")) {
+        for (const char *driver : kSasDrivers) {
+            if (*proc == driver)
+                return "8";
+        }
+    }
+    return s.root.attr(c.pciDir, "class").value_or("").starts_with("0x0107") ? "8" : "0";
+}
+
+// The host directory (…/hostN) of a SCSI device directory.
+std::string hostDirOf(std::string_view deviceDir, uint32_t host)
+{
+    const std::string want = "host" + std::to_string(host);
+    std::string_view path = deviceDir;
+    while (path.size() > 1 && baseName(path) != want)
+        path = dirName(path);
+    return std::string(path);
+}
+
+void readHosts(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/class/scsi_host")) {
+        auto classDir = s.root.resolve("/sys/class/scsi_host/" + name);
+        if (!classDir)
+            continue;
+        ScanState::Controller *c = s.controllerOf(*classDir);
+        uint32_t host = 0;
+        if (c == nullptr || std::sscanf(name.c_str(), "host%u", &host) != 1)
+            continue;
+        LiveObject &o = s.scan.objects[c->object];
+        for (const char *fw : {"version_fw", "fw_version", "firmware_revision"}) {
+            if (auto v = s.root.attr(*classDir, fw); v && !cleanValue(*v).empty()) {
+                set(&o.attributes, "FirmwareVer", cleanValue(*v));
+                break;
+            }
+        }
+        if (auto board = s.root.attr(*classDir, "board_name");
+            board && !cleanValue(*board).empty()) {
+            c->name = cleanValue(*board) + " " + c->bdf;
+            set(&o.attributes, "Name", c->name);
+        }
+        const std::string hostDir(dirName(dirName(*classDir)));
+        s.channelOf(*c, host, 0, hostProtocol(s, hostDir, *c));
+    }
+}
+
+void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, size_t channel)
+{
+    LiveObject o;
+    o.type = "enclosures";
+    const std::string &busNexus = s.scan.objects[channel].nexus;
+    const uint32_t number = c.nextEnclosure++;
+    o.nexus = busNexus + "\\" + std::to_string(number);
+    o.parent = channel;
+    auto value = [&](const char *name) {
+        auto text = s.root.attr(d.dir, name);
+        std::string v = text ? cleanValue(*text) : std::string();
+        return v.empty() ? std::string("Not Available") : v;
+    };
+    set(&o.attributes, "EnclosureID", std::to_string(number));
+    set(&o.attributes, "ObjState", std::to_string(kStateReady));
+    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "Vendor", value("vendor"));
+    set(&o.attributes, "ProductID", value("model"));
+    set(&o.attributes, "FirmwareVer", value("rev"));
+    set(&o.attributes, "BusProtocol", attrOf(s.scan.objects[channel], "BusProtocol"));
+    set(&o.attributes, "Channel", std::string(baseName(busNexus)));
+    if (auto sas = s.root.attr(d.dir, "sas_address"))
+        set(&o.attributes, "SASAddress", cleanValue(*sas));
+    auto generic = s.root.listIn(d.dir + "/scsi_generic");
+    if (!generic.empty())
+        set(&o.attributes, "DeviceName", "/dev/" + cleanValue(generic.front()));
+    set(&o.attributes, "SCSIAddress",
+        std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
+            std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]));
+    size_t index = s.add(std::move(o));
+    s.enclosureByDevice.emplace(d.dir, index);
+}
+
+} // namespace
+
+void scanScsi(ScanState &s)
+{
+    readHosts(s);
+    for (const ScsiDevice &d : scsiDevices(s)) {
+        if (d.type != kTypeEnclosure)
+            continue;
+        ScanState::Controller *c = s.controllerOf(d.dir);
+        if (c == nullptr) {
+            s.note("enclosure " + d.dir + ": no controller");
+            continue;
+        }
+        const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
+        size_t channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
+        addEnclosure(s, d, *c, channel);
+    }
+}
+
+// Disks and tape drives on SCSI hosts; see scan_disks.cc for what a disk holds.
+void addScsiDisk(ScanState &s, const std::string &deviceDir, const std::array<uint32_t, 4> &hctl,
+                 ScanState::Controller &c, size_t channel, bool tape);
+
+void scanScsiDisks(ScanState &s)
+{
+    for (const ScsiDevice &d : scsiDevices(s)) {
+        const bool tape = d.type == kTypeTape;
+        if (!tape && d.type != kTypeDisk && d.type != kTypeZonedDisk &&
+            d.type != kTypeOpticalMemory)
+            continue;
+        ScanState::Controller *c = s.controllerOf(d.dir);
+        if (c == nullptr) {
+            s.note("SCSI device " + d.dir + ": no controller");
+            continue;
+        }
+        const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
+        size_t channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
+        addScsiDisk(s, d.dir, d.hctl, *c, channel, tape);
+    }
+}
+
+} // namespace kelp::live

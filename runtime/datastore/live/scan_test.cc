@@ -1,0 +1,333 @@
+// scanMachine on small trees written by the test: what each reader makes of
+// a device, and of files that are missing, empty, garbage, unreadable or
+// gone between listing and reading.
+#include "datastore/live/scan.h"
+
+#include <gtest/gtest.h>
+
+#include "datastore/live/machine_testing.h"
+#include "datastore/live/sysroot.h"
+#include "datastore/live/tree_testing.h"
+
+namespace kelp::live {
+namespace {
+
+using testing::TempTree;
+
+std::string attrOf(const LiveObject &o, const std::string &name)
+{
+    for (const auto &[key, value] : o.attributes) {
+        if (key == name)
+            return value;
+    }
+    return "<none>";
+}
+
+// A virtio-blk disk `name` on PCI function bdf (virtioN below it).
+void addVirtioDisk(const TempTree &t, const std::string &bdf, const std::string &virtio,
+                   const std::string &name, const std::string &sectors)
+{
+    const std::string pci = "sys/devices/pci0000:00/" + bdf;
+    t.file(pci + "/class", "0x018000\n");
+    t.file(pci + "/vendor", "0x1af4\n");
+    t.file(pci + "/device", "0x1042\n");
+    t.dir("sys/bus/pci/drivers/virtio-pci");
+    t.link(pci + "/driver", "../../../bus/pci/drivers/virtio-pci");
+    t.link("sys/bus/pci/devices/" + bdf, "../../../devices/pci0000:00/" + bdf);
+    const std::string block = pci + "/" + virtio + "/block/" + name;
+    t.file(pci + "/" + virtio + "/vendor", "0x1af4\n");
+    t.file(block + "/size", sectors + "\n");
+    t.file(block + "/queue/rotational", "1\n");
+    t.file(block + "/serial", "SER-" + name + "\n");
+    t.link(block + "/device", "../../../" + virtio);
+    t.link("sys/block/" + name, "../devices/pci0000:00/" + bdf + "/" + virtio + "/block/" + name);
+}
+
+// A SCSI disk H:C:T:L named sdX on an AHCI function.
+void addSataDisk(const TempTree &t, const std::string &bdf, unsigned host, const std::string &sd)
+{
+    const std::string pci = "sys/devices/pci0000:00/" + bdf;
+    t.file(pci + "/class", "0x010601\n");
+    t.dir("sys/bus/pci/drivers/ahci");
+    t.link(pci + "/driver", "../../../bus/pci/drivers/ahci");
+    t.link("sys/bus/pci/devices/" + bdf, "../../../devices/pci0000:00/" + bdf);
+    const std::string h = std::to_string(host);
+    const std::string hostDir = pci + "/ata" + std::to_string(host + 1) + "/host" + h;
+    const std::string hctl = h + ":0:0:0";
+    const std::string dev = hostDir + "/target" + h + ":0:0/" + hctl;
+    t.file(hostDir + "/scsi_host/host" + h + "/proc_name", "ahci\n");
+    t.link("sys/class/scsi_host/host" + h, "../../devices/pci0000:00/" + bdf + "/ata" +
+                                               std::to_string(host + 1) + "/host" + h +
+                                               "/scsi_host/host" + h);
+    t.file(dev + "/type", "0\n");
+    t.file(dev + "/vendor", "ATA     \n");
+    t.file(dev + "/model", "KV-SSD480       \n");
+    t.file(dev + "/rev", "1.02\n");
+    t.file(dev + "/state", "running\n");
+    t.file(dev + "/vpd_pg80", std::string("\0\x80\0\x08SN-", 7) + sd + "0");
+    t.file(dev + "/block/" + sd + "/size", "937703088\n");
+    t.file(dev + "/block/" + sd + "/queue/rotational", "0\n");
+    t.link(dev + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+    t.link("sys/class/scsi_device/" + hctl, "../../devices/pci0000:00/" + bdf + "/ata" +
+                                                std::to_string(host + 1) + "/host" + h + "/target" +
+                                                h + ":0:0/" + hctl + "/scsi_device/" + hctl);
+    t.link("sys/block/" + sd, "../devices/pci0000:00/" + bdf + "/ata" + std::to_string(host + 1) +
+                                  "/host" + h + "/target" + h + ":0:0/" + hctl + "/block/" + sd);
+}
+
+LiveScan scanOf(const TempTree &t)
+{
+    SysRoot root;
+    std::string error;
+    EXPECT_TRUE(root.open(t.root(), &error)) << error;
+    LiveScan scan;
+    scanMachine(root, &scan);
+    return scan;
+}
+
+const LiveObject &only(const LiveScan &scan, const std::string &type, const std::string &nexus)
+{
+    static const LiveObject none;
+    auto pos = scan.find(type, nexus);
+    EXPECT_TRUE(pos) << type << " " << nexus << " not found";
+    return pos ? scan.objects[*pos] : none;
+}
+
+TEST(ScanTest, AnEmptyRootServesNothingAndSaysWhy)
+{
+    TempTree t;
+    LiveScan scan = scanOf(t);
+    EXPECT_TRUE(scan.objects.empty());
+    ASSERT_FALSE(scan.notes.empty());
+    EXPECT_NE(scan.notes.front().find("no /sys"), std::string::npos);
+    EXPECT_EQ(attrOf(LiveObject{"", "", {}, scan.storage}, "ready"), "1");
+}
+
+TEST(ScanTest, VirtioDisksAreDisksOfTheirOwnControllers)
+{
+    TempTree t;
+    addVirtioDisk(t, "0000:00:03.0", "virtio2", "vdb", "41943040");
+    addVirtioDisk(t, "0000:00:02.0", "virtio1", "vda", "536870912");
+    LiveScan scan = scanOf(t);
+    // Numbered in PCI address order: 00:02.0 is controller 0.
+    const LiveObject &c0 = only(scan, "adapters", "0");
+    EXPECT_EQ(attrOf(c0, "PCIAddress"), "0000:00:02.0");
+    EXPECT_EQ(attrOf(c0, "DriverName"), "virtio-pci");
+    const LiveObject &vda = only(scan, "arraydisks", "0\\0\\0");
+    EXPECT_EQ(attrOf(vda, "DeviceName"), "/dev/vda");
+    EXPECT_EQ(attrOf(vda, "Length"), "274877906944");
+    EXPECT_EQ(attrOf(vda, "DeviceSerialNumber"), "SER-vda");
+    EXPECT_EQ(attrOf(vda, "MediaType"), "1");
+    const LiveObject &vdb = only(scan, "arraydisks", "1\\0\\0");
+    EXPECT_EQ(attrOf(vdb, "DeviceName"), "/dev/vdb");
+    EXPECT_EQ(attrOf(vdb, "Length"), std::to_string(41943040ull * 512));
+    ASSERT_TRUE(vda.parent);
+    EXPECT_EQ(scan.objects[*vda.parent].type, "bus");
+}
+
+TEST(ScanTest, SataDisksCarryTheirIdentity)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "BusProtocol"), "7");
+    // One channel per port (SCSI host).
+    const LiveObject &sda = only(scan, "arraydisks", "0\\0\\0");
+    const LiveObject &sdb = only(scan, "arraydisks", "0\\1\\0");
+    EXPECT_EQ(attrOf(sda, "DeviceName"), "/dev/sda");
+    EXPECT_EQ(attrOf(sdb, "DeviceName"), "/dev/sdb");
+    EXPECT_EQ(attrOf(sda, "DeviceSerialNumber"), "SN-sda0");
+    EXPECT_EQ(attrOf(sda, "Vendor"), "ATA");
+    EXPECT_EQ(attrOf(sda, "ProductID"), "KV-SSD480");
+    EXPECT_EQ(attrOf(sda, "ModelNumber"), "KV-SSD480");
+    EXPECT_EQ(attrOf(sda, "BusProtocol"), "7");
+    EXPECT_EQ(attrOf(sda, "MediaType"), "2");
+    EXPECT_EQ(attrOf(sda, "ObjStatus"), "2");
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Channels"), "2");
+}
+
+// Each bad file: the object is served with what could be read, or left out,
+// never with another device's values.
+TEST(ScanTest, BadFilesLeaveValuesOutNotRowsMixedUp)
+{
+    struct Case {
+        const char *what;
+        std::function<void(const TempTree &)> spoil;
+        std::function<void(const LiveScan &)> check;
+    };
+    const std::string sdaDir = "sys/devices/pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0";
+    const std::vector<Case> cases = {
+        {"size missing", [&](const TempTree &t) { t.remove(sdaDir + "/block/sda/size"); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "Length"), "<none>");
+         }},
+        {"size garbage", [&](const TempTree &t) { t.file(sdaDir + "/block/sda/size", "12ab\n"); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "Length"), "<none>");
+         }},
+        {"vendor empty", [&](const TempTree &t) { t.file(sdaDir + "/vendor", ""); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "Vendor"), "Not Available");
+         }},
+        {"serial page truncated",
+         [&](const TempTree &t) { t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0", 3)); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"),
+                       "Not Available");
+         }},
+        {"serial length past the page",
+         [&](const TempTree &t) {
+             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\xff\xffSN", 6));
+         },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "SN");
+         }},
+        {"type garbage", [&](const TempTree &t) { t.file(sdaDir + "/type", "disk\n"); },
+         [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
+        {"device gone after listing", [&](const TempTree &t) { t.remove(sdaDir); },
+         [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
+        {"state unknown", [&](const TempTree &t) { t.file(sdaDir + "/state", "weird\n"); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "ObjStatus"), "1");
+         }},
+        {"state offline", [&](const TempTree &t) { t.file(sdaDir + "/state", "offline\n"); },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "ObjState"), "8");
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "ObjStatus"), "4");
+         }},
+        {"control characters",
+         [&](const TempTree &t) {
+             t.file(sdaDir + "/model", "A\x01\xff"
+                                       "B\n");
+         },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "ProductID"), "A??B");
+         }},
+        {"class link loops",
+         [&](const TempTree &t) { t.link("sys/class/scsi_device/0:0:0:0", "0:0:0:0"); },
+         [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
+        {"class link points out of the tree",
+         [&](const TempTree &t) { t.link("sys/class/scsi_device/0:0:0:0", "/../../../../etc"); },
+         [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempTree t;
+        addSataDisk(t, "0000:00:17.0", 0, "sda");
+        addSataDisk(t, "0000:00:17.0", 1, "sdb");
+        c.spoil(t);
+        LiveScan scan = scanOf(t);
+        c.check(scan);
+        // The other disk is always whole and itself.
+        const LiveObject &sdb = only(scan, "arraydisks", "0\\1\\0");
+        EXPECT_EQ(attrOf(sdb, "DeviceName"), "/dev/sdb");
+        EXPECT_EQ(attrOf(sdb, "DeviceSerialNumber"), "SN-sdb0");
+        EXPECT_EQ(attrOf(sdb, "Length"), std::to_string(937703088ull * 512));
+    }
+}
+
+TEST(ScanTest, MdArraysAreVirtualDisksOverTheirMembers)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    const std::string md = "sys/devices/virtual/block/md0";
+    t.link("sys/block/md0", "../devices/virtual/block/md0");
+    t.file(md + "/size", "1000\n");
+    t.file(md + "/md/level", "raid1\n");
+    t.file(md + "/md/raid_disks", "2\n");
+    t.file(md + "/md/chunk_size", "0\n");
+    t.file(md + "/md/array_state", "clean\n");
+    t.file(md + "/md/degraded", "1\n");
+    t.file(md + "/md/sync_action", "recover\n");
+    t.file(md + "/md/sync_completed", "250 / 1000\n");
+    t.file(md + "/md/dev-sda/state", "in_sync\n");
+    t.file(md + "/md/dev-sda/slot", "0\n");
+    t.link(md + "/md/dev-sda/block", "../../../../../../block/sda");
+    t.file(md + "/md/dev-sdb/state", "spare\n");
+    t.file(md + "/md/dev-sdb/slot", "1\n");
+    t.link(md + "/md/dev-sdb/block", "../../../../../../block/sdb");
+    t.file(md + "/md0p1/partition", "1\n");
+    t.file(md + "/md0p1/size", "500\n");
+    LiveScan scan = scanOf(t);
+    const LiveObject &ctrl = only(scan, "adapters", "1");
+    EXPECT_EQ(attrOf(ctrl, "Name"), "Linux software RAID");
+    const LiveObject &vd = only(scan, "vdisks", "1\\128\\0");
+    EXPECT_EQ(attrOf(vd, "Layout"), "4");
+    EXPECT_EQ(attrOf(vd, "ObjState"), std::to_string(kStateRebuilding));
+    EXPECT_EQ(attrOf(vd, "ObjStatus"), "3");
+    EXPECT_EQ(attrOf(vd, "RebuildProgress"), "25");
+    EXPECT_EQ(attrOf(vd, "Length"), "512000");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "ObjState"),
+              std::to_string(kStateOnline));
+    const LiveObject &sdb = only(scan, "arraydisks", "0\\1\\0");
+    EXPECT_EQ(attrOf(sdb, "ObjState"), std::to_string(kStateRebuilding));
+    EXPECT_EQ(attrOf(sdb, "RebuildProgress"), "25");
+    EXPECT_EQ(scan.links.size(), 3u); // two members, one partition
+    const LiveObject &part = only(scan, "VDPartitionNode", "1\\129\\0\\1");
+    EXPECT_EQ(attrOf(part, "PartitionSize"), "256000");
+}
+
+TEST(ScanTest, MdArrayWithGarbageIsServedAsFailedNotDropped)
+{
+    TempTree t;
+    const std::string md = "sys/devices/virtual/block/md5";
+    t.link("sys/block/md5", "../devices/virtual/block/md5");
+    t.file(md + "/md/level", "raid\x01\n");
+    t.file(md + "/md/raid_disks", "many\n");
+    t.file(md + "/md/array_state", "\n");
+    t.link(md + "/md/dev-sdz/block", "../nowhere");
+    LiveScan scan = scanOf(t);
+    const LiveObject &vd = only(scan, "vdisks", "0\\128\\5");
+    EXPECT_EQ(attrOf(vd, "ObjState"), std::to_string(kStateFailed));
+    EXPECT_EQ(attrOf(vd, "Layout"), "0");
+    EXPECT_TRUE(scan.links.empty());
+}
+
+TEST(ScanTest, TreeStatusIsTheWorstBelow)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    t.file("sys/devices/pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0/state", "offline\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "TreeStatus"), "4");
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "ObjStatus"), "2");
+}
+
+} // namespace
+} // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+TEST(ScanTest, DisksInEnclosureSlotsAreNamedBySlot)
+{
+    TempTree t;
+    testing::writeSasServer(t, 30); // two enclosures: 24 and 6 disks
+    LiveScan scan = scanOf(t);
+    const LiveObject &c = only(scan, "adapters", "0");
+    EXPECT_EQ(attrOf(c, "FirmwareVer"), "16.00.12.00");
+    EXPECT_EQ(attrOf(c, "CurrentDriverVersion"), "43.100.00.00");
+    EXPECT_EQ(attrOf(c, "BusProtocol"), "8");
+    const LiveObject &e1 = only(scan, "enclosures", "0\\0\\1");
+    EXPECT_EQ(attrOf(e1, "ProductID"), "HJ2400-12G");
+    EXPECT_EQ(attrOf(e1, "MaxNumOfPDSlots"), "24");
+    // Disk 25 sits in slot 1 of the second enclosure.
+    const LiveObject &d = only(scan, "arraydisks", "0\\0\\1\\1");
+    EXPECT_EQ(attrOf(d, "DeviceName"), "/dev/sd25");
+    EXPECT_EQ(attrOf(d, "DeviceSerialNumber"), "HAL0000025");
+    EXPECT_EQ(attrOf(d, "SASAddress"), "0x5000c50000000019");
+    EXPECT_EQ(attrOf(d, "BusProtocol"), "8");
+    ASSERT_TRUE(d.parent);
+    EXPECT_EQ(scan.objects[*d.parent].nexus, "0\\0\\1");
+    size_t disks = 0;
+    for (const LiveObject &o : scan.objects)
+        disks += o.type == "arraydisks";
+    EXPECT_EQ(disks, 30u);
+    // No SES pages in this tree: the log line says so.
+    EXPECT_NE(scan.components.find("not available"), std::string::npos) << scan.components;
+}
+
+} // namespace
+} // namespace kelp::live
