@@ -155,6 +155,29 @@ constexpr OptionRow kOptions[] = {
          o.rescanTimeout = seconds;
          return true;
      }},
+    {"live", Arg::kNone, nullptr, "serve the storage of this machine (sysfs) instead of a model",
+     [](Options &o, const std::string &, std::string *) { return o.live = true; }},
+    {"live-root", Arg::kRequired, "DIR",
+     "read /sys, /dev and /run/udev below DIR, e.g. a captured tree (/; implies --live)",
+     [](Options &o, const std::string &v, std::string *e) {
+         o.live = true;
+         return setPath(&o.liveRoot, v, "--live-root", e);
+     }},
+    {"live-interval", Arg::kRequired, "SECONDS",
+     "rescan the live storage this often, and at once on udev events (30)",
+     [](Options &o, const std::string &v, std::string *e) {
+         char *end = nullptr;
+         errno = 0;
+         const double seconds = std::strtod(v.c_str(), &end);
+         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
+             seconds <= 0 || seconds > kMaxLiveInterval) {
+             *e = "--live-interval takes a number of seconds above 0 and up to " +
+                  std::to_string(static_cast<int>(kMaxLiveInterval)) + ", not \"" + v + "\"";
+             return false;
+         }
+         o.liveInterval = seconds;
+         return true;
+     }},
     {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
      [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},
     {"debug", Arg::kNone, nullptr,
@@ -244,6 +267,14 @@ bool completeOptions(const DefaultPlaces &places, Options *options, std::string 
     }
     if (options->module.empty()) {
         options->module = places.module;
+    }
+    if (options->live) {
+        if (!options->model.empty()) {
+            *error = "--model and --live exclude each other: the live source serves this "
+                     "machine's storage in place of a model";
+            return false;
+        }
+        return true;
     }
     if (options->model.empty()) {
         for (const std::string &candidate : places.modelCandidates) {

@@ -19,6 +19,10 @@ inline constexpr size_t kMaxCommunity = 255;
 // The longest sysContact, sysName or sysLocation net-snmp keeps.
 inline constexpr size_t kMaxSystemText = 255;
 
+// Seconds between two rescans of the live source, by default and at most.
+inline constexpr double kDefaultLiveInterval = 30;
+inline constexpr double kMaxLiveInterval = 86400;
+
 // The longest --rescan-timeout: a day.
 inline constexpr double kMaxRescanTimeout = 86400;
 
@@ -38,6 +42,9 @@ struct Options {
     std::string sysName; // empty: this host's name
     std::string sysLocation = kDefaultSysLocation;
     double rescanTimeout = 0; // seconds; 0: the runtime's (KELP_RESCAN_TIMEOUT, else 30)
+    bool live = false;        // serve this machine's storage (--live, or --live-root)
+    std::string liveRoot = "/";
+    double liveInterval = kDefaultLiveInterval; // seconds between rescans
     bool syslog = false;
     bool debug = false;
     bool help = false;

@@ -87,11 +87,24 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
 
     char message[1024];
-    if (kelpRuntimeLoadModel(options.model.c_str(), message, sizeof message) != 0) {
-        *error = std::string("the model does not load: ") + message;
-        return false;
+    if (options.live) {
+        if (kelpRuntimeStartLive(options.liveRoot.c_str(), options.liveInterval, message,
+                                 sizeof message) != 0) {
+            *error = std::string("the live source does not start: ") + message;
+            return false;
+        }
+        liveStarted_ = true;
+        char summary[1024];
+        kelpRuntimeLiveSummary(summary, sizeof summary);
+        logLine("serving the storage of this machine: %s (rescan every %g s)", summary,
+                options.liveInterval);
+    } else {
+        if (kelpRuntimeLoadModel(options.model.c_str(), message, sizeof message) != 0) {
+            *error = std::string("the model does not load: ") + message;
+            return false;
+        }
+        logLine("serving the model %s", options.model.c_str());
     }
-    logLine("serving the model %s", options.model.c_str());
     if (kelpRuntimeStartControl(options.control.c_str(), message, sizeof message) != 0) {
         *error = std::string("the control socket does not start: ") + message;
         // A socket that answers is most often a second agent's; any other
@@ -115,6 +128,10 @@ void RuntimeSetup::release()
     if (controlStarted_) {
         kelpRuntimeStopControl();
         controlStarted_ = false;
+    }
+    if (liveStarted_) {
+        kelpRuntimeStopLive();
+        liveStarted_ = false;
     }
     if (debugSet_) {
         kelpRuntimeSetIniOverride(kIniSection, kDebugKey, nullptr);
@@ -170,6 +187,11 @@ void RuntimeSetup::reloadNow()
               message);
     } else {
         logLine("SIGHUP: re-read the alert catalogue");
+    }
+    if (liveStarted_) {
+        kelpRuntimeLiveRescan();
+        logLine("SIGHUP: rescanning the storage of this machine");
+        return;
     }
     // The model served now: the last one kelpctl loaded, else --model.
     char served[4096];

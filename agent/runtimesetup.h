@@ -57,6 +57,7 @@ class RuntimeSetup {
     bool reloadRunning_ = false; // guarded by reloadMutex_
     bool reloadAgain_ = false;   // guarded by reloadMutex_
     bool controlStarted_ = false;
+    bool liveStarted_ = false;
     bool debugSet_ = false;
 };
 

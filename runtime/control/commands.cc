@@ -7,6 +7,7 @@
 #include <array>
 
 #include "control/words.h"
+#include "datastore/live/live_source.h"
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
 
@@ -51,6 +52,22 @@ void runStatus(const Request &, Reply *reply)
 {
     ds::ModelStatus status = ds::modelStatus();
     reply->lines.push_back("model: " + (status.served ? status.origin : std::string("none")));
+    if (const live::LiveStatus l = live::liveStatus(); l.running) {
+        char line[64];
+        std::snprintf(line, sizeof line, "%.1f", l.lastScanMs);
+        reply->lines.push_back("source: live " + l.root + ", " + std::to_string(l.scans) +
+                               " scans, the last in " + line + " ms, udev " +
+                               (l.udev ? "on" : "off"));
+        reply->lines.push_back("components: " + l.components);
+        constexpr size_t kNotesShown = 20;
+        for (size_t i = 0; i < l.notes.size() && i < kNotesShown; ++i)
+            reply->lines.push_back("note: " + l.notes[i]);
+        if (l.notes.size() > kNotesShown)
+            reply->lines.push_back("note: " + std::to_string(l.notes.size() - kNotesShown) +
+                                   " more");
+    } else if (status.served) {
+        reply->lines.push_back("source: model file");
+    }
     reply->lines.push_back(std::string("ready: ") + (status.ready ? "yes" : "no"));
     uint64_t total = 0;
     for (const auto &count : status.counts)
