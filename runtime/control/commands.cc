@@ -52,6 +52,17 @@ void runStatus(const Request &, Reply *reply)
 {
     ds::ModelStatus status = ds::modelStatus();
     reply->lines.push_back("model: " + (status.served ? status.origin : std::string("none")));
+    reply->lines.push_back(std::string("ready: ") + (status.ready ? "yes" : "no"));
+    uint64_t total = 0;
+    for (const auto &count : status.counts)
+        total += count.second;
+    reply->lines.push_back("objects: " + std::to_string(total));
+    for (const auto &[type, count] : status.counts)
+        reply->lines.push_back("  " + type + ": " + std::to_string(count));
+    reply->lines.push_back("events queued: " + std::to_string(ev::queuedEvents()));
+    reply->lines.push_back(std::string("event reader: ") +
+                           (ev::readerSwitchedOn() ? "switched on" : "not yet switched on"));
+    // Lines added later go last: scripts read the ones above by position.
     if (const live::LiveStatus l = live::liveStatus(); l.running) {
         char line[64];
         std::snprintf(line, sizeof line, "%.1f", l.lastScanMs);
@@ -65,19 +76,7 @@ void runStatus(const Request &, Reply *reply)
         if (l.notes.size() > kNotesShown)
             reply->lines.push_back("note: " + std::to_string(l.notes.size() - kNotesShown) +
                                    " more");
-    } else if (status.served) {
-        reply->lines.push_back("source: model file");
     }
-    reply->lines.push_back(std::string("ready: ") + (status.ready ? "yes" : "no"));
-    uint64_t total = 0;
-    for (const auto &count : status.counts)
-        total += count.second;
-    reply->lines.push_back("objects: " + std::to_string(total));
-    for (const auto &[type, count] : status.counts)
-        reply->lines.push_back("  " + type + ": " + std::to_string(count));
-    reply->lines.push_back("events queued: " + std::to_string(ev::queuedEvents()));
-    reply->lines.push_back(std::string("event reader: ") +
-                           (ev::readerSwitchedOn() ? "switched on" : "not yet switched on"));
 }
 
 bool parseReady(Args args, Request *request, std::string *error)

@@ -257,9 +257,12 @@ bool AgentUnderTest::start(const std::string &model, const std::vector<std::stri
     // agent's bind: then try another one.
     for (int attempt = 0; attempt < 3; attempt++) {
         port_ = freeUdpPort();
-        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(),
-                                      "--listen",      listen(port_), "--model",
-                                      model,           "--module",    modulePath()};
+        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(), "--listen",
+                                      listen(port_),   "--module",    modulePath()};
+        if (!model.empty()) {
+            argv.push_back("--model");
+            argv.push_back(model);
+        }
         argv.insert(argv.end(), extra.begin(), extra.end());
         std::vector<std::string> environment = agentEnv();
         environment.insert(environment.end(), env.begin(), env.end());

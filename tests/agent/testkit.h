@@ -116,7 +116,7 @@ class AgentUnderTest {
     ~AgentUnderTest();
 
     // Starts kelpagent --state-dir <dir>/state --listen <listen(port)>
-    // --model <model> --module <module> plus `extra`, with the environment
+    // --model <model> (none when empty) --module <module> plus `extra`, with the environment
     // plus `env`, and waits until it logs that it answers and its first Get
     // is no longer genErr (tables built). False with the reason in *why.
     bool start(const std::string &model, const std::vector<std::string> &extra, std::string *why,

@@ -227,6 +227,16 @@ class Source {
         }
     }
 
+    // What an event's first insert names: the object's numbers as its
+    // display name gives them, without the kind the message already says
+    // ("0:0:4" of "Physical Disk 0:0:4").
+    static std::string insertName(const ds::Model &m, size_t pos)
+    {
+        const std::string name = displayName(m, pos);
+        const size_t blank = name.rfind(' ');
+        return blank == std::string::npos ? name : name.substr(blank + 1);
+    }
+
     static std::string displayName(const ds::Model &m, size_t pos)
     {
         const uint32_t code = ds::objectTypeCode(m.object(pos).type);
@@ -260,7 +270,7 @@ class Source {
                         fields.emplace_back("PreviousStatus", *s);
                 }
             }
-            std::vector<std::string> parms = {displayName(m, c.position)};
+            std::vector<std::string> parms = {insertName(m, c.position)};
             parms.insert(parms.end(), c.parms.begin(), c.parms.end());
             texts.push_back(ctl::eventXml(c.event, fields, parms, {}));
         }
