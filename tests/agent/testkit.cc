@@ -257,7 +257,7 @@ bool AgentUnderTest::start(const std::string &model, const std::vector<std::stri
     // agent's bind: then try another one.
     for (int attempt = 0; attempt < 3; attempt++) {
         port_ = freeUdpPort();
-        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(), "--listen",
+        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(),  "--listen",
                                       listen(port_),   "--module",    modulePath()};
         if (!model.empty()) {
             argv.push_back("--model");
