@@ -39,8 +39,8 @@ std::string vpdSerial(ScanState &s, const std::string &dir)
     auto page = s.root.attrBytes(dir, "vpd_pg80");
     if (!page || page->size() < 4 || static_cast<unsigned char>((*page)[1]) != 0x80)
         return std::string();
-    size_t length =
-        (static_cast<unsigned char>((*page)[2]) << 8) | static_cast<unsigned char>((*page)[3]);
+    const size_t length = static_cast<size_t>(static_cast<unsigned char>((*page)[2])) << 8 |
+                          static_cast<unsigned char>((*page)[3]);
     return cleanValue(page->substr(4, length));
 }
 
