@@ -72,7 +72,9 @@ void changed(const View &was, const View &now, std::vector<Change> *out)
         else if (s1 == kStatusOk && s0 != kStatusOk)
             emit(kArrayOptimal);
     } else if (type == "tempprobes") {
-        if (s1 == s0)
+        // A probe that went away reads nothing: its kept status says so, not
+        // a temperature.
+        if (s1 == s0 || st1 == kStateMissing)
             return;
         const std::string t = now.get("CurrentTemp");
         if (s1 == kStatusCritical)
@@ -97,9 +99,11 @@ void changed(const View &was, const View &now, std::vector<Change> *out)
         for (const Rule &r : kRules) {
             if (type != r.type)
                 continue;
-            if (st1 == kStateMissing && st0 != kStateMissing)
-                emit(r.removed);
-            else if (bad(s1) && !bad(s0))
+            if (st1 == kStateMissing && st0 != kStateMissing) {
+                // "Controller %2 no longer reaches enclosure %1."
+                const std::string nexus = now.get("Nexus");
+                emit(r.removed, {nexus.substr(0, nexus.find('\\'))});
+            } else if (bad(s1) && !bad(s0))
                 emit(r.failed);
             else if (r.normal != 0 && s1 == kStatusOk && s0 != kStatusOk)
                 emit(r.normal);

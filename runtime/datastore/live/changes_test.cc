@@ -205,3 +205,42 @@ TEST_F(ChangesTest, ALinkChangeIsASetChange)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+TEST_F(ChangesTest, AProbeThatGoesAwayRaisesNoTemperatureEvent)
+{
+    LiveScan s = machine();
+    s.objects.erase(s.objects.begin() + 5); // the probe
+    s.links = {{7, 5}, {7, 6}};
+    EXPECT_TRUE(eventsTo(s).empty());
+    auto probe = last->findByNexus("tempprobes", "0\\0\\0\\3\\0");
+    ASSERT_TRUE(probe) << "kept as missing";
+    EXPECT_EQ(*ds::firstAttribute(last->object(*probe), "ObjState"), std::to_string(kStateMissing));
+}
+
+TEST_F(ChangesTest, AnEnclosureThatGoesAwayNamesItsController)
+{
+    LiveScan s = machine();
+    // The enclosure and everything in it go.
+    s.objects.resize(2);
+    s.objects.push_back(
+        object("vdisks", "0\\128\\0", 0, {{"Name", "md0"}, {"ObjState", "2"}, {"ObjStatus", "4"}}));
+    s.links.clear();
+    auto before = last;
+    last = build(s);
+    ChangeSet set = findChanges(*before, *last);
+    bool found = false;
+    for (const Change &c : set.changes) {
+        if (c.event == kEnclosureGone) {
+            found = true;
+            EXPECT_EQ(c.parms, std::vector<std::string>{"0"});
+        }
+    }
+    EXPECT_TRUE(found);
+    EXPECT_TRUE(set.setChanged) << "its disks left";
+}
+
+} // namespace
+} // namespace kelp::live

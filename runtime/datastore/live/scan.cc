@@ -28,6 +28,14 @@ void set(ds::Attributes *attributes, std::string name, std::string value)
     attributes->emplace_back(std::move(name), std::move(value));
 }
 
+std::string maskWithBit(size_t bit)
+{
+    std::string mask = kNoBits;
+    if (bit < mask.size())
+        mask[bit] = '1';
+    return mask;
+}
+
 std::string attrOf(const LiveObject &o, std::string_view name)
 {
     for (const auto &[key, value] : o.attributes) {

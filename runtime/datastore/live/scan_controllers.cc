@@ -125,6 +125,8 @@ void addController(ScanState &s, const std::string &dir)
     set(&o.attributes, "PCIDeviceNum", std::to_string(device));
     set(&o.attributes, "PCIFunctionNum", std::to_string(function));
     set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "CurrentMethodMask", kNoBits);
     set(&o.attributes, "FirmwareVer", "Not Available");
     set(&o.attributes, "CurrentDriverVersion", driverVersion(root, driver));
     set(&o.attributes, "DriverName", driver.empty() ? "none" : driver);

@@ -102,6 +102,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
         }
     }
     addStatus(&o, state, status);
+    set(&o.attributes, "AttributesMask", kNoBits);
     set(&o.attributes, "Vendor", vendor);
     set(&o.attributes, "ProductID", model);
     set(&o.attributes, "ModelNumber", vendor == "ATA" ? model : vendor + " " + model);
@@ -170,6 +171,7 @@ void scanVirtio(ScanState &s)
             continue;
         }
         addStatus(&o, kStateReady, kStatusOk);
+        set(&o.attributes, "AttributesMask", kNoBits);
         set(&o.attributes, "Vendor", "Virtio");
         set(&o.attributes, "ProductID", "Virtio Block Device");
         set(&o.attributes, "ModelNumber", "Virtio Block Device");
@@ -231,6 +233,8 @@ void scanNvme(ScanState &s)
         const std::string model = text(s, *dir, "model");
         const std::string serial = text(s, *dir, "serial");
         const std::string firmware = text(s, *dir, "firmware_rev");
+        // NVMe names no vendor; its model number begins with one.
+        const std::string vendor = model.substr(0, model.find(' '));
         uint64_t state = kStateReady;
         int status = kStatusUnknown;
         const std::string ctrlState = text(s, *dir, "state");
@@ -257,8 +261,10 @@ void scanNvme(ScanState &s)
         addStatus(&adapter, state, status);
         unsigned bus = 0, device = 0, function = 0;
         std::sscanf(c->bdf.c_str(), "%*x:%x:%x.%x", &bus, &device, &function);
-        for (const char *copied : {"VendorID", "DeviceID", "SubVendorID", "CurrentDriverVersion"})
+        for (const char *copied : {"VendorID", "DeviceID", "CurrentDriverVersion"})
             set(&adapter.attributes, copied, attrOf(ctrl, copied));
+        set(&adapter.attributes, "Vendor", vendor);
+        set(&adapter.attributes, "SubVendor", attrOf(ctrl, "SubVendorID"));
         set(&adapter.attributes, "ControllerNum", std::to_string(c->number));
         set(&adapter.attributes, "Channel", "0");
         set(&adapter.attributes, "ModelNumber", model);
@@ -289,7 +295,8 @@ void scanNvme(ScanState &s)
             if (s.taken(disk.type, disk.nexus))
                 continue; // a second path to the same namespace
             addStatus(&disk, state, status);
-            set(&disk.attributes, "Vendor", "NVMe");
+            set(&disk.attributes, "AttributesMask", kNoBits);
+            set(&disk.attributes, "Vendor", vendor);
             set(&disk.attributes, "ProductID", model);
             set(&disk.attributes, "ModelNumber", model);
             set(&disk.attributes, "DeviceSerialNumber", serial);

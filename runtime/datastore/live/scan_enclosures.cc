@@ -127,6 +127,9 @@ void addSesComponent(ScanState &s, size_t enclosure, const SesElement &e, const 
 
 } // namespace
 
+// The bit of an enclosure's "CurrentMethodMask" that says it reports slots.
+constexpr size_t kSlotReportingBit = 22;
+
 void scanEnclosureSlots(ScanState &s)
 {
     for (const std::string &name : s.root.list("/sys/class/enclosure")) {
@@ -143,8 +146,11 @@ void scanEnclosureSlots(ScanState &s)
         }
         const size_t enclosure = found->second;
         LiveObject &o = s.scan.objects[enclosure];
-        if (auto count = s.root.attr(*dir, "components"))
+        if (auto count = s.root.attr(*dir, "components"); count && parseNumber(*count)) {
             set(&o.attributes, "MaxNumOfPDSlots", cleanValue(*count));
+            // The bit that says the enclosure reports its slots.
+            set(&o.attributes, "CurrentMethodMask", maskWithBit(kSlotReportingBit));
+        }
         if (auto id = s.root.attr(*dir, "id"))
             set(&o.attributes, "EnclosureSerialNum", cleanValue(*id));
         const std::string nexus = o.nexus;
@@ -245,12 +251,16 @@ void scanHwmon(ScanState &s)
         const auto highCritical = milli("temp1_crit");
         const auto lowWarning = milli("temp1_min");
         const auto lowCritical = milli("temp1_lcrit");
-        // A disk's probe: its channel and target (or slot) in place of the
-        // enclosure, so every disk has its own.
+        // A disk's probe: in a slot, the enclosure's probe numbered by the
+        // slot (the enclosure gave none of its own); on a channel, the
+        // channel and target in place of an enclosure.
         LiveObject o;
         o.type = "tempprobes";
-        o.nexus = d.nexus + "\\3\\0";
-        o.parent = disk->second;
+        const size_t slash = d.nexus.rfind('\\');
+        const bool inSlot = parentOf && s.scan.objects[*parentOf].type == "enclosures";
+        o.nexus =
+            inSlot ? d.nexus.substr(0, slash) + "\\3" + d.nexus.substr(slash) : d.nexus + "\\3\\0";
+        o.parent = inSlot ? *parentOf : disk->second;
         if (s.taken(o.type, o.nexus))
             continue;
         const int status = temperatureStatus(t, highWarning, highCritical, lowWarning, lowCritical);

@@ -81,6 +81,11 @@ struct ScanState {
 };
 
 void set(ds::Attributes *attributes, std::string name, std::string value);
+// A mask attribute of the model format with no bit set: 40 zeros.
+inline const std::string kNoBits(40, '0');
+// The same with bit `bit` (counted from 0 at the left) set.
+std::string maskWithBit(size_t bit);
+
 // The value of an attribute of a live object, or "" when it has none.
 std::string attrOf(const LiveObject &o, std::string_view name);
 // The SCSI devices under /sys/class/scsi_device, in host:channel:target:lun order.

@@ -77,6 +77,8 @@ size_t addSoftwareController(ScanState &s)
     set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
     set(&o.attributes, "BusProtocol", "0");
     set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "CurrentMethodMask", kNoBits);
     set(&o.attributes, "FirmwareVer", "Not Applicable");
     auto version = s.root.readText("/sys/module/md_mod/version");
     set(&o.attributes, "CurrentDriverVersion",
@@ -166,6 +168,7 @@ void addArray(ScanState &s, const ScanState::Controller &c, size_t controller,
         members.empty() ? "0" : attrOf(s.scan.objects[members.front().disk], "BusProtocol");
     set(&o.attributes, "BusProtocol", protocol);
     set(&o.attributes, "IsSSC", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
     const size_t vdisk = s.add(std::move(o));
 
     for (const Member &m : members) {

@@ -134,6 +134,14 @@ void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, s
     set(&o.attributes, "ObjState", std::to_string(kStateReady));
     set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
     set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    // Type 7: named by its product id, which is what SES enclosures report.
+    set(&o.attributes, "EnclosureType", "7");
+    set(&o.attributes, "EnclosureConfig", "0");
+    set(&o.attributes, "EnclosureAlarm", "0");
+    set(&o.attributes, "ServiceTag", "Not Available");
+    set(&o.attributes, "AssetTag", "Not Available");
+    set(&o.attributes, "AssetName", "Not Available");
+    set(&o.attributes, "CurrentMethodMask", kNoBits);
     set(&o.attributes, "Vendor", value("vendor"));
     set(&o.attributes, "ProductID", value("model"));
     set(&o.attributes, "FirmwareVer", value("rev"));

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 namespace kelp::live::testing {
 
@@ -21,8 +22,16 @@ class TempTree {
         char pattern[] = "/tmp/kelp-live-XXXXXX";
         root_ = ::mkdtemp(pattern);
     }
+    // A tree at `root` (made if missing) that stays when the object goes:
+    // for tools that write a tree for later runs.
+    TempTree(std::string root, bool keep) : root_(std::move(root)), keep_(keep)
+    {
+        std::filesystem::create_directories(root_);
+    }
     ~TempTree()
     {
+        if (keep_)
+            return;
         std::error_code ignored;
         // Unreadable directories made by a test must be opened again to go.
         for (auto it = std::filesystem::recursive_directory_iterator(
@@ -62,6 +71,7 @@ class TempTree {
 
   private:
     std::string root_;
+    bool keep_ = false;
 };
 
 } // namespace kelp::live::testing
