@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "control/commands.h"
+#include "datastore/live/burst.h"
 #include "datastore/live/changes.h"
 #include "datastore/live/live_model.h"
 #include "datastore/live/scan.h"
@@ -216,15 +217,10 @@ class Source {
     // Lets a burst of udev events end before the rescan it causes.
     void waitForQuiet()
     {
-        const auto giveUp = Clock::now() + kLongestBurst;
-        while (Clock::now() < giveUp && !stopping_.load()) {
-            pollfd fd{udev_->fd(), POLLIN, 0};
-            const int quiet = static_cast<int>(
-                std::chrono::duration_cast<std::chrono::milliseconds>(kQuietAfterBurst).count());
-            if (poll(&fd, 1, quiet) <= 0)
-                return;
-            udev_->drain();
-        }
+        live::waitForQuiet(
+            udev_->fd(), [this] { udev_->drain(); },
+            std::chrono::duration_cast<std::chrono::milliseconds>(kQuietAfterBurst),
+            std::chrono::duration_cast<std::chrono::milliseconds>(kLongestBurst), stopping_);
     }
 
     // What an event's first insert names: the object's numbers as its
