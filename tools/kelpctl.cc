@@ -42,6 +42,11 @@ Commands:
   remove [--no-events] ID              removes an object and its links
   load [--no-events] FILE              replaces the whole model (a relative FILE
                                        is taken from kelpctl's directory)
+  save FILE                            writes the served model as a model file
+                                       that load (or kelpagent --model) serves
+                                       the same; the file is replaced as one
+                                       step, mode 0644 (a relative FILE is
+                                       taken from kelpctl's directory)
   event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]...
                                        queues an event: EventID, the object's
                                        ObjType, Nexus, ObjStatus, PreviousStatus,
@@ -99,12 +104,12 @@ std::string defaultSocket()
     return home + "/.local/state/kelp/control.sock";
 }
 
-// The server runs in its own directory; a relative file for `load` is meant
-// from here. The file is the word that is not an option ("--..."); the
-// server checks the rest.
-void absolutizeLoadFile(std::vector<std::string> *words)
+// The server runs in its own directory; a relative file for `load` or
+// `save` is meant from here. The file is the word that is not an option
+// ("--..."); the server checks the rest.
+void absolutizeFileOperand(std::vector<std::string> *words)
 {
-    if (words->empty() || (*words)[0] != "load")
+    if (words->empty() || ((*words)[0] != "load" && (*words)[0] != "save"))
         return;
     for (size_t k = 1; k < words->size(); ++k) {
         std::string &word = (*words)[k];
@@ -213,7 +218,7 @@ int main(int argc, char **argv)
             return usageError("--no-events goes with load, add and remove only");
         words.push_back("--no-events");
     }
-    absolutizeLoadFile(&words);
+    absolutizeFileOperand(&words);
     std::string line;
     for (const std::string &word : words) {
         if (!line.empty())

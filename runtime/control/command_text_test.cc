@@ -231,7 +231,7 @@ TEST(CommandTextTest, TableRowsHaveDistinctNamesAndUsagesThatStartWithTheName)
             EXPECT_NE(n, row.name);
         names.push_back(row.name);
     }
-    EXPECT_EQ(names.size(), 8u);
+    EXPECT_EQ(names.size(), 9u);
 }
 
 } // namespace

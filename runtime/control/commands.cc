@@ -125,7 +125,7 @@ bool parseXmlOption(Args args, Request *request, std::string *error)
 }
 
 // Whether word is written as an option. No file, id or XML text of add,
-// remove and load is taken for one that starts with "--".
+// remove, load and save is taken for one that starts with "--".
 bool isOptionWord(const std::string &word)
 {
     return word.starts_with("--");
@@ -247,6 +247,22 @@ void runLoad(const Request &request, Reply *reply)
     queueRescan(request, reply);
 }
 
+bool parseSave(Args args, Request *request, std::string *error)
+{
+    if (args.size() != 1 || args[0].empty())
+        return usageError(*request, error);
+    if (isOptionWord(args[0]))
+        return unknownOption(*request, args[0], error);
+    request->text = args[0];
+    return true;
+}
+
+void runSave(const Request &request, Reply *reply)
+{
+    std::string error;
+    runOrFail(ds::saveModelFile(request.text, &error), error, reply);
+}
+
 bool parseEvent(Args args, Request *request, std::string *error)
 {
     if (!args.empty() && args[0] == "--xml")
@@ -314,19 +330,20 @@ void runEvent(const Request &request, Reply *reply)
     runOrFail(ev::queueEvent(xml, &error), error, reply);
 }
 
-constexpr bool kChangesModel = true;
+constexpr bool kOnWorker = true;
 constexpr std::array kCommands = {
-    CommandRow{"status", parseNoArgs, runStatus, "status", !kChangesModel},
-    CommandRow{"ready", parseReady, runReady, "ready on|off", kChangesModel},
-    CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE", kChangesModel},
-    CommandRow{"add", parseAdd, runAdd, "add [--no-events] --xml TEXT", kChangesModel},
-    CommandRow{"remove", parseRemove, runRemove, "remove [--no-events] ID", kChangesModel},
-    CommandRow{"load", parseLoad, runLoad, "load [--no-events] FILE", kChangesModel},
+    CommandRow{"status", parseNoArgs, runStatus, "status", !kOnWorker},
+    CommandRow{"ready", parseReady, runReady, "ready on|off", kOnWorker},
+    CommandRow{"set", parseSet, runSet, "set ID ATTR VALUE", kOnWorker},
+    CommandRow{"add", parseAdd, runAdd, "add [--no-events] --xml TEXT", kOnWorker},
+    CommandRow{"remove", parseRemove, runRemove, "remove [--no-events] ID", kOnWorker},
+    CommandRow{"load", parseLoad, runLoad, "load [--no-events] FILE", kOnWorker},
+    CommandRow{"save", parseSave, runSave, "save FILE", kOnWorker},
     CommandRow{"event", parseEvent, runEvent,
                "event EVENTID [--object ID] [--parm TEXT]... [--field NAME=VALUE]..."
                " | event --xml TEXT",
-               !kChangesModel},
-    CommandRow{"help", parseNoArgs, runHelp, "help", !kChangesModel},
+               !kOnWorker},
+    CommandRow{"help", parseNoArgs, runHelp, "help", !kOnWorker},
 };
 
 } // namespace

@@ -23,7 +23,7 @@ struct Request {
     uint32_t id = 0;                // set, remove: the object id; event: the event number
     bool on = false;                // ready
     std::string name;               // set: the attribute
-    std::string text;               // set: the value; add and event --xml: the XML; load: the file
+    std::string text;               // set: the value; add, event --xml: XML; load, save: file
     bool rawXml = false;            // event --xml
     bool noEvents = false;          // add, remove, load: --no-events
     std::optional<uint32_t> object; // event --object
@@ -46,15 +46,17 @@ struct Reply {
 
 // One command: its name, the pure check of its arguments (the words after
 // the name) that fills a Request or answers false with a message, the step
-// that runs it, its usage line, and whether it changes the model. A change
-// may take as long as reading a large model file, so the server runs those
-// on a thread of their own, one at a time in the order they arrived.
+// that runs it, its usage line, and whether it runs on the command worker.
+// The commands that change the model run there, and so does save: each may
+// take as long as reading or writing a large model file, so the server runs
+// them on a thread of their own, one at a time in the order they arrived
+// (a save then writes what the changes sent before it made).
 struct CommandRow {
     const char *name;
     bool (*parse)(std::span<const std::string> args, Request *request, std::string *error);
     void (*run)(const Request &request, Reply *reply);
     const char *usage;
-    bool changesModel;
+    bool onWorker;
 };
 
 // Every command, in the order `help` lists them.

@@ -3,9 +3,16 @@
 // nothing.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "control/commands.h"
 #include "control/control_testing.h"
@@ -18,6 +25,7 @@
 namespace {
 
 using namespace kelp::ctl::testing;
+using kelp::ctl::quoteWord;
 
 class ControlCommandTest : public ::testing::Test {
   protected:
@@ -148,6 +156,81 @@ TEST_F(ControlCommandTest, LoadReplacesTheModelAndABadFileKeepsIt)
     EXPECT_EQ(singleObject(20), "<status 2>");
     EXPECT_TRUE(contains(singleObject(7), "<Nexus>t7</Nexus>"));
     EXPECT_TRUE(contains(ask("status"), dir_.file("other.xml"))) << ask("status");
+}
+
+// Every object's answer and the status lines about the model, but the
+// file it came from.
+std::string servedState(const std::function<std::string(const std::string &)> &ask)
+{
+    std::string state = readyAnswer();
+    for (uint32_t id : {1u, 2u, 20u, 40u, 60u, 90u})
+        state += "\n" + singleObject(id);
+    const std::string status = ask("status");
+    return state + "\n" + status.substr(status.find('\n'));
+}
+
+TEST_F(ControlCommandTest, SaveWritesTheServedModelThatLoadServesTheSame)
+{
+    ASSERT_EQ(ask(R"(set 20 Name " <Disk> \"0\" & \\1\t")"), "ok\n");
+    ASSERT_EQ(
+        ask(R"(add --xml "<object id=\"60\" type=\"fans\" parent=\"90\"><Nexus>9\\f</Nexus></object>")"),
+        "ok\n");
+    ASSERT_EQ(ask("ready off"), "ok\n");
+    kelp::ev::clearEvents();
+    const std::string before = servedState([&](const std::string &line) { return ask(line); });
+    ASSERT_NE(before.find("<Nexus>9\\f</Nexus>"), std::string::npos) << before;
+
+    const std::string file = dir_.file("saved.xml");
+    EXPECT_EQ(ask("save " + kelp::ctl::quoteWord(file)), "ok\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u) << "a save changes nothing";
+    struct stat st {};
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
+
+    kelp::ds::unloadModel();
+    EXPECT_EQ(ask("load --no-events " + kelp::ctl::quoteWord(file)), "ok\n");
+    EXPECT_EQ(servedState([&](const std::string &line) { return ask(line); }), before);
+    EXPECT_TRUE(ask("status").starts_with("model: " + file + "\n"));
+
+    // Saving again over the file gives the same text.
+    std::ifstream first(file, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(first)), {});
+    EXPECT_EQ(ask("save " + kelp::ctl::quoteWord(file)), "ok\n");
+    std::ifstream second(file, std::ios::binary);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(second)), {}), text);
+}
+
+TEST_F(ControlCommandTest, RefusedSaveSaysWhyAndWritesNothing)
+{
+    dir_.write("kept.xml", "kept");
+    std::filesystem::create_directory(dir_.file("sub"));
+    const struct {
+        std::string line, answer;
+    } kCases[] = {
+        {"save", "error: usage: save FILE\n"},
+        {"save \"\"", "error: usage: save FILE\n"},
+        {"save a b", "error: usage: save FILE\n"},
+        {"save --no-events", "error: unknown save option \"--no-events\"; usage: save FILE\n"},
+        {"save " + quoteWord(dir_.file("sub")),
+         "error: " + dir_.file("sub") + ": is a directory\n"},
+        {"save " + quoteWord(dir_.file("missing/m.xml")),
+         "error: " + dir_.file("missing/m.xml") + ": cannot create a file in " +
+             dir_.file("missing") + ": No such file or directory\n"},
+        {"save " + quoteWord(dir_.file("kept.xml/m.xml")),
+         "error: " + dir_.file("kept.xml/m.xml") + ": cannot create a file in " +
+             dir_.file("kept.xml") + ": Not a directory\n"},
+    };
+    for (const auto &c : kCases)
+        EXPECT_EQ(ask(c.line), c.answer) << c.line;
+
+    kelp::ds::unloadModel();
+    EXPECT_EQ(ask("save " + quoteWord(dir_.file("none.xml"))), "error: no model is served\n");
+
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir_.path()))
+        names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"control.sock", "kept.xml", "sub"}));
 }
 
 TEST_F(ControlCommandTest, EventWithObjectQueuesTheObjectsFields)

@@ -111,7 +111,7 @@ void Connection::start()
         Reply reply;
         reply.fail(error);
         answer(formatReply(reply), true);
-    } else if (worker_ != nullptr && request.command->changesModel) {
+    } else if (worker_ != nullptr && request.command->onWorker) {
         pending_ = worker_->submit(std::move(request));
         phase_ = Phase::kRunning;
         line_.clear();

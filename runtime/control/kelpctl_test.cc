@@ -215,6 +215,30 @@ TEST_F(KelpctlTest, LoadTakesARelativeFileFromKelpctlsDirectory)
     EXPECT_NE(singleObject(7).find("<Nexus>t7</Nexus>"), std::string::npos);
 }
 
+TEST_F(KelpctlTest, SaveTakesARelativeFileFromKelpctlsDirectoryAndLoadServesItTheSame)
+{
+    ASSERT_EQ(ctl({"set", "20", "Name", "a\tb \"c\" <d> & \\e "}).exitCode, 0);
+    const std::string before = singleObject(20);
+    CtlRun run = kelpctl({"--control", socket_, "save", "saved.xml"}, {}, dir_, dir_.path());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "ok\n");
+    ASSERT_TRUE(std::filesystem::is_regular_file(dir_.file("saved.xml")));
+
+    ASSERT_EQ(ctl({"set", "20", "Name", "changed"}).exitCode, 0);
+    run = kelpctl({"--control", socket_, "load", "saved.xml"}, {}, dir_, dir_.path());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(singleObject(20), before);
+    EXPECT_NE(ctl({"status"}).out.find("model: " + dir_.file("saved.xml") + "\n"),
+              std::string::npos);
+
+    run = kelpctl({"--control", socket_, "save", "."}, {}, dir_, dir_.path());
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err, "error: " + dir_.path() + "/.: is a directory\n");
+    run = ctl({"--no-events", "save", dir_.file("x.xml")});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("x.xml")));
+}
+
 TEST_F(KelpctlTest, ModelChangesQueueTheRescanPairUnlessNoEvents)
 {
     dir_.write("other.xml", "<storage ready=\"1\"><object id=\"7\" type=\"Tape\">"

@@ -39,6 +39,14 @@ std::string valueTooLong(const std::string &name, const std::string &value)
            std::to_string(kMaxAttributeValueBytes);
 }
 
+// A name a model file can spell: an XML name of UTF-8 text. Names set
+// outside a file are held to it too, so that any model can be written to a
+// file and read back.
+bool isAttributeName(const std::string &name)
+{
+    return xml::isName(name) && xml::isXmlText(name);
+}
+
 } // namespace
 
 int objectTypeIndex(std::string_view name)
@@ -95,7 +103,11 @@ bool Model::index(std::string *error)
     storageIndex_.reserve(data_.storage.size());
     for (size_t i = 0; i < data_.storage.size(); ++i) {
         const auto &[name, value] = data_.storage[i];
-        storageIndex_.emplace(name, i);
+        if (!isAttributeName(name))
+            return fail(data_.storageWhere, "\"" + name + "\" is not an attribute name");
+        // A start tag cannot repeat an attribute.
+        if (!storageIndex_.emplace(name, i).second)
+            return fail(data_.storageWhere, "attribute " + name + " of <storage> repeated");
         if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
             return fail(data_.storageWhere, tooLong);
         if (!xml::isXmlText(value))
@@ -134,7 +146,7 @@ bool Model::index(std::string *error)
         for (const auto &[name, value] : o.attributes) {
             if (name == "ObjID")
                 return fail(o.where, what + "ObjID is no attribute: the id attribute gives it");
-            if (!xml::isName(name))
+            if (!isAttributeName(name))
                 return fail(o.where, what + "\"" + name + "\" is not an attribute name");
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
                 return fail(o.where, what + tooLong);

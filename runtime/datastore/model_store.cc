@@ -24,9 +24,11 @@
 
 #include "datastore/identities.h"
 #include "datastore/model.h"
+#include "datastore/model_writer.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/file_read.h"
+#include "support/file_write.h"
 #include "support/log.h"
 #include "support/text.h"
 
@@ -258,6 +260,27 @@ bool servedModelFile(std::string *file)
 bool loadModelFile(const std::string &path, std::string *error)
 {
     return load(path, path, error, [&] { return modelFromFile(path, error); });
+}
+
+bool saveModelFile(const std::string &path, std::string *error)
+{
+    std::string message;
+    bool saved = false;
+    try {
+        const std::shared_ptr<const Model> model = servedModel();
+        if (model == nullptr)
+            return fail(error, "no model is served");
+        const std::string text = modelText(*model);
+        if (text.size() > kMaxModelFileBytes) {
+            return fail(error, "the model's text is " + std::to_string(text.size()) +
+                                   " bytes, over the limit of a model file (" +
+                                   rt::byteCountText(kMaxModelFileBytes) + ")");
+        }
+        saved = rt::replaceFile(path, text, 0644, &message);
+    } catch (const std::bad_alloc &) {
+        message = "out of memory";
+    }
+    return saved || fail(error, message);
 }
 
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error)

@@ -28,6 +28,15 @@ struct ModelData;
 // here, off the request path. Loads run one at a time.
 bool loadModelFile(const std::string &path, std::string *error);
 
+// Writes the served model as a model file at path (modelText), replacing
+// the file there as one step (rt::replaceFile) with mode 0644; loading that
+// file serves the same model. The model is the one served at the call; the
+// text is made and written holding no lock that queries or changes take,
+// so they go on meanwhile. False with a message when no model is served,
+// when its text would be over the size a model file may have, or when the
+// file cannot be written ("PATH: ..." as replaceFile says).
+bool saveModelFile(const std::string &path, std::string *error);
+
 // Loads a model from text; `origin` names it in error messages.
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error);
 

@@ -303,6 +303,37 @@ TEST(ModelTest, ValuesAndNamesSetOutsideAFileAreCheckedToo)
         << error;
 }
 
+TEST(ModelTest, StorageAttributesSetOutsideAFileMustBeWritableInOne)
+{
+    const struct {
+        kelp::ds::Attributes storage;
+        const char *message;
+    } kCases[] = {
+        {{{"url", "a"}, {"url", "b"}}, "attribute url of <storage> repeated"},
+        {{{"", "x"}}, "\"\" is not an attribute name"},
+        {{{"two words", "x"}}, "\"two words\" is not an attribute name"},
+        {{{"\xC3", "x"}}, "is not an attribute name"},
+    };
+    for (const auto &c : kCases) {
+        ModelData data;
+        data.origins = {"m.xml"};
+        data.storage = c.storage;
+        std::string error;
+        EXPECT_EQ(Model::build(data, &error), nullptr) << c.message;
+        EXPECT_NE(error.find(c.message), std::string::npos) << error;
+    }
+    ModelData data;
+    data.origins = {"m.xml"};
+    kelp::ds::ObjectData o;
+    o.id = 1;
+    o.type = "fans";
+    o.attributes = {{"N\xC3", "x"}};
+    data.objects = {o};
+    std::string error;
+    EXPECT_EQ(Model::build(data, &error), nullptr);
+    EXPECT_NE(error.find("is not an attribute name"), std::string::npos) << error;
+}
+
 TEST(ModelTest, FragmentsAppendUnderTheirOwnOriginOrNotAtAll)
 {
     ModelData data;

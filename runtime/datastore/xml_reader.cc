@@ -61,7 +61,7 @@ class Reader {
     bool fail(size_t pos, std::string message);
     bool fail(uint32_t line, std::string message);
     size_t nameEnd(size_t pos) const;
-    bool decode(std::string_view raw, size_t base, std::string *out);
+    bool decode(std::string_view raw, size_t base, bool blankSpace, std::string *out);
     bool text(size_t end);
     bool startTag(size_t lt, bool document);
     bool endTag(size_t lt);
@@ -112,14 +112,17 @@ size_t Reader::nameEnd(size_t pos) const
 }
 
 // Appends raw with its entity and character references replaced; base is
-// raw's offset in the text, for the line of an error.
-bool Reader::decode(std::string_view raw, size_t base, std::string *out)
+// raw's offset in the text, for the line of an error. blankSpace (attribute
+// values) writes each tab, line feed and carriage return of raw as a blank;
+// one written as a character reference (&#9;) stays what it names, as XML
+// says, so that any value can be written in an attribute and read back.
+bool Reader::decode(std::string_view raw, size_t base, bool blankSpace, std::string *out)
 {
     static constexpr std::pair<std::string_view, char> kNamed[] = {
         {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
     for (size_t i = 0; i < raw.size(); ++i) {
         if (raw[i] != '&') {
-            out->push_back(raw[i]);
+            out->push_back(blankSpace && isSpace(raw[i]) ? ' ' : raw[i]);
             continue;
         }
         size_t semi = raw.find(';', i + 1);
@@ -180,7 +183,7 @@ bool Reader::text(size_t end)
     Element &open = stack_.back();
     if (firstInk < raw.size() && open.textLine == 0)
         open.textLine = lineAt(pos_ + firstInk);
-    if (!decode(raw, pos_, &open.text))
+    if (!decode(raw, pos_, false, &open.text))
         return false;
     pos_ = end;
     return true;
@@ -231,12 +234,8 @@ bool Reader::startTag(size_t lt, bool document)
         std::string_view raw = s_.substr(p + 1, close - p - 1);
         if (size_t bad = raw.find('<'); bad != npos)
             return fail(p + 1 + bad, "'<' in the value of attribute " + a.name);
-        if (!decode(raw, p + 1, &a.value))
+        if (!decode(raw, p + 1, true, &a.value))
             return false;
-        for (char &c : a.value) {
-            if (c == '\t' || c == '\n' || c == '\r')
-                c = ' ';
-        }
         if (!seen.insert(name))
             return fail(p, "attribute " + a.name + " repeated in <" + e.name + ">");
         e.attributes.push_back(std::move(a));

@@ -15,7 +15,9 @@ namespace kelp::ds::xml {
 
 struct Attribute {
     std::string name;
-    std::string value; // entities decoded, white space normalised to blanks
+    // Entities decoded; a tab, line feed or carriage return written as such
+    // reads as a blank, one written as a character reference (&#10;) as itself.
+    std::string value;
 };
 
 struct Element {

@@ -83,6 +83,17 @@ TEST(XmlReaderTest, NormalisesWhiteSpaceInAttributeValues)
     EXPECT_EQ(*root.attribute("w"), "\"'");
 }
 
+TEST(XmlReaderTest, WhiteSpaceWrittenAsReferencesInAttributeValuesIsKept)
+{
+    Element root;
+    Error error;
+    ASSERT_TRUE(
+        kelp::ds::xml::parseDocument("<a v='x&#9;y&#10;z&#xD;\t.' w=' &#32; '/>", &root, &error))
+        << error.message;
+    EXPECT_EQ(*root.attribute("v"), "x\ty\nz\r .");
+    EXPECT_EQ(*root.attribute("w"), "   ");
+}
+
 struct BadCase {
     const char *name;
     std::string xml;
@@ -227,6 +238,8 @@ TEST(XmlReaderTest, NamesEscapesAndTextChecks)
     EXPECT_FALSE(kelp::ds::xml::isName("a b"));
     EXPECT_FALSE(kelp::ds::xml::isName("a>"));
     EXPECT_EQ(kelp::ds::xml::escapeText("a<b>&c\"'"), "a&lt;b&gt;&amp;c\"'");
+    EXPECT_EQ(kelp::ds::xml::escapeValue(" a<b>&c\"'\t\n\r\\ "),
+              " a&lt;b&gt;&amp;c&quot;'&#9;&#10;&#13;\\ ");
     EXPECT_TRUE(kelp::ds::xml::isXmlText("tab\tand\nlines\r"));
     EXPECT_FALSE(kelp::ds::xml::isXmlText(std::string("a\0b", 3)));
     EXPECT_FALSE(kelp::ds::xml::isXmlText("\x7F\x80"));

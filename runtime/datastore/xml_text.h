@@ -37,6 +37,13 @@ bool isName(std::string_view name);
 // same as element content.
 std::string escapeText(std::string_view text);
 
+// text as a model file writes a value: '&', '<', '>' and '"' as entities,
+// tab, line feed and carriage return as character references, everything
+// else as it is. Reads back the same as element content and as a
+// double-quoted attribute value, where a literal tab or line break would
+// read as a blank.
+std::string escapeValue(std::string_view text);
+
 } // namespace kelp::ds::xml
 
 #endif // KELP_RUNTIME_DATASTORE_XML_TEXT_H

@@ -253,17 +253,25 @@ AgentUnderTest::~AgentUnderTest()
 bool AgentUnderTest::start(const std::string &model, const std::vector<std::string> &extra,
                            std::string *why, const std::vector<std::string> &env)
 {
+    std::vector<std::string> args;
+    if (!model.empty()) {
+        args.push_back("--model");
+        args.push_back(model);
+    }
+    args.insert(args.end(), extra.begin(), extra.end());
+    return startWith(args, why, env);
+}
+
+bool AgentUnderTest::startWith(const std::vector<std::string> &args, std::string *why,
+                               const std::vector<std::string> &env)
+{
     // A free port can be taken by another test between the look-up and the
     // agent's bind: then try another one.
     for (int attempt = 0; attempt < 3; attempt++) {
         port_ = freeUdpPort();
         std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(),  "--listen",
                                       listen(port_),   "--module",    modulePath()};
-        if (!model.empty()) {
-            argv.push_back("--model");
-            argv.push_back(model);
-        }
-        argv.insert(argv.end(), extra.begin(), extra.end());
+        argv.insert(argv.end(), args.begin(), args.end());
         std::vector<std::string> environment = agentEnv();
         environment.insert(environment.end(), env.begin(), env.end());
         process_ =

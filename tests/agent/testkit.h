@@ -122,6 +122,12 @@ class AgentUnderTest {
     bool start(const std::string &model, const std::vector<std::string> &extra, std::string *why,
                const std::vector<std::string> &env = {});
 
+    // The same with the data source given by `args` instead of --model
+    // (for example {"--model", FILE} plus options): kelpagent --state-dir
+    // <dir>/state --listen <listen(port)> --module <module> plus args.
+    bool startWith(const std::vector<std::string> &args, std::string *why,
+                   const std::vector<std::string> &env = {});
+
     // The --listen value for a port; udp:127.0.0.1:<port> unless set
     // before start().
     std::function<std::string(int port)> listen = [](int port) {
