@@ -96,7 +96,8 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
         liveStarted_ = true;
         char summary[1024];
         kelpRuntimeLiveSummary(summary, sizeof summary);
-        logLine("serving the storage of this machine: %s (rescan every %g s)", summary,
+        logLine("serving the storage %s: %s (rescan every %g s)",
+                options.liveRoot == "/" ? "of this machine" : "of a captured tree", summary,
                 options.liveInterval);
     } else {
         if (kelpRuntimeLoadModel(options.model.c_str(), message, sizeof message) != 0) {

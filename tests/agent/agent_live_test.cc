@@ -3,6 +3,9 @@
 // trees, changes made to a copy of a tree becoming traps at a private
 // snmptrapd with the tables following, and the errors of a bad start.
 #include <dirent.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +17,7 @@
 #include <vector>
 
 #include "testkit.h"
+#include "walk_after_save.h"
 
 namespace kelp::test {
 namespace {
@@ -23,16 +27,20 @@ const std::string kDisks = std::string(kRoot) + ".130.4.1";
 const std::string kControllers = std::string(kRoot) + ".130.1.1";
 constexpr const char *kTrapPrefix = "1.3.6.1.4.1.61234.20571.1.20.200";
 
-// The rows of a table: the last arc of every name in the walk of its first
-// (index) column.
+// The rows of a table: the instance part (after the column) of every name of
+// the table's entry in the walk.
 std::set<std::string> rowsOf(const std::string &walk, const std::string &table)
 {
     std::set<std::string> rows;
     std::istringstream lines(walk);
-    const std::string prefix = "." + table + ".1.";
+    const std::string prefix = "." + table + ".";
     for (std::string line; std::getline(lines, line);) {
-        if (line.rfind(prefix, 0) == 0)
-            rows.insert(line.substr(prefix.size(), line.find(' ') - prefix.size()));
+        if (line.rfind(prefix, 0) != 0)
+            continue;
+        const std::string name = line.substr(prefix.size(), line.find(' ') - prefix.size());
+        const size_t dot = name.find('.');
+        if (dot != std::string::npos)
+            rows.insert(name.substr(dot + 1));
     }
     return rows;
 }
@@ -139,6 +147,209 @@ TEST(AgentLive, ThisMachinesDisksAreServed)
     const RunResult load = agent.kelpctl({"load", sourcePath("data/models/sample.xml")});
     EXPECT_NE(load.status, 0);
     EXPECT_NE((load.out + load.err).find("live source"), std::string::npos) << load.out << load.err;
+}
+
+} // namespace
+} // namespace kelp::test
+
+namespace kelp::test {
+namespace {
+
+std::string table(const char *arcs)
+{
+    return std::string(kRoot) + "." + arcs + ".1";
+}
+
+std::string binding(int n)
+{
+    return "." + std::string(kTrapPrefix) + "." + std::to_string(n) + ".0 = ";
+}
+
+// A captured machine served from a copy the test may change, with a private
+// snmptrapd; SIGHUP makes the live source rescan at once.
+class AgentLiveFixture : public ::testing::Test {
+  protected:
+    void start(const std::string &machine)
+    {
+        ASSERT_TRUE(receiver.ready());
+        const RunResult copy =
+            run({"/bin/cp", "-a", sourcePath("tests/fixtures/" + machine), dir / "root"}, {}, dir);
+        ASSERT_EQ(copy.status, 0) << copy.err;
+        std::string why;
+        ASSERT_TRUE(agent.start("",
+                                {"--live-root", dir / "root", "--live-interval", "3600",
+                                 "--trap-sink", receiver.sink()},
+                                &why))
+            << why;
+    }
+    std::string walk()
+    {
+        const RunResult r = agent.snmp("snmpwalk", {kRoot});
+        EXPECT_EQ(r.status, 0) << r.err;
+        return r.out;
+    }
+    size_t rows(const char *arcs) { return rowsOf(walk(), table(arcs)).size(); }
+    void rescan() { agent.process()->signal(SIGHUP); }
+    // Waits for a trap whose event number (binding 1) is `event`.
+    bool trapOf(uint32_t event)
+    {
+        return waitFor(
+            [&] {
+                return receiver.log().find(binding(1) + "INTEGER: " + std::to_string(event)) !=
+                       std::string::npos;
+            },
+            30s);
+    }
+    bool rowsBecome(const char *arcs, size_t n)
+    {
+        return waitFor([&] { return rows(arcs) == n; }, 30s);
+    }
+    // Sets byte `offset` of an SES page of the server's enclosure.
+    void patchPage(const std::string &page, size_t offset, unsigned char value)
+    {
+        const std::string path = dir / ("root/dev/sg8.ses/" + page);
+        std::string bytes = readFile(path);
+        ASSERT_LT(offset, bytes.size());
+        bytes[offset] = static_cast<char>(value);
+        writeFile(path, bytes);
+    }
+    void write(const std::string &relative, const std::string &text)
+    {
+        writeFile(dir / ("root/" + relative), text);
+    }
+
+    TempDir dir;
+    TrapReceiver receiver{dir};
+    AgentUnderTest agent;
+};
+
+TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
+{
+    start("server");
+    const std::string w = walk();
+    EXPECT_EQ(rowsOf(w, table("130.1")).size(), 2u) << "SAS HBA and AHCI";
+    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 7u) << "six in the enclosure, the boot disk";
+    EXPECT_EQ(rowsOf(w, table("130.3")).size(), 1u);
+    EXPECT_EQ(rowsOf(w, table("130.7")).size(), 2u) << "fans";
+    EXPECT_EQ(rowsOf(w, table("130.9")).size(), 2u) << "power supplies";
+    EXPECT_EQ(rowsOf(w, table("130.11")).size(), 3u) << "temperature probes";
+    EXPECT_EQ(rowsOf(w, table("130.13")).size(), 2u) << "EMMs";
+    // Every serial of the tree is a disk's, and the enclosure is named by its product.
+    const std::vector<std::string> serials = columnOf(w, table("130.4"), 7);
+    for (const char *serial :
+         {"HZ0A1B2C0000C9270001", "HZ0A1B2C0000C9270004", "KV48A1000123", "KV48A1000124"}) {
+        EXPECT_NE(
+            std::find(serials.begin(), serials.end(), std::string("STRING: \"") + serial + "\""),
+            serials.end())
+            << serial << "\n"
+            << w;
+    }
+    EXPECT_NE(w.find("STRING: \"HJ1200-12G\""), std::string::npos) << w;
+    // The backplane probe's reading from the SES status page.
+    const std::vector<std::string> temps = columnOf(w, table("130.11"), 11);
+    EXPECT_NE(std::find(temps.begin(), temps.end(), "INTEGER: 26"), temps.end()) << w;
+}
+
+TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
+{
+    start("workstation");
+    const std::string w = walk();
+    EXPECT_EQ(rowsOf(w, table("130.1")).size(), 4u) << "two NVMe, AHCI, software RAID";
+    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 6u);
+    EXPECT_EQ(rowsOf(w, table("130.18")).size(), 2u) << "NVMe adapters";
+    EXPECT_EQ(rowsOf(w, table("140.1")).size(), 2u) << "md0 and md1";
+    EXPECT_EQ(rowsOf(w, table("140.3")).size(), 5u) << "2 + 3 members";
+    EXPECT_NE(w.find("STRING: \"Linux software RAID\""), std::string::npos) << w;
+}
+
+TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)
+{
+    start("vm");
+    const std::string w = walk();
+    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 3u);
+    const std::vector<std::string> sizes = columnOf(w, table("130.4"), 11);
+    for (const char *mib : {"INTEGER: 262144", "INTEGER: 20480", "INTEGER: 8192"})
+        EXPECT_NE(std::find(sizes.begin(), sizes.end(), mib), sizes.end()) << mib << "\n" << w;
+}
+
+TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
+{
+    start("server");
+    ASSERT_EQ(rows("130.4"), 7u);
+    ASSERT_EQ(::unlink((dir / "root/sys/class/scsi_device/0:0:2:0").c_str()), 0);
+    rescan();
+    EXPECT_TRUE(trapOf(2049)) << receiver.log() << agent.process()->err();
+    EXPECT_TRUE(rowsBecome("130.4", 6)) << walk();
+}
+
+TEST_F(AgentLiveFixture, APulledPowerSupplyIsATrapAndKeepsItsRow)
+{
+    start("server");
+    // PSU 1 is element 15 of the status page (8-byte header, 4 bytes each):
+    // status code 5, not installed.
+    patchPage("page-02.bin", 8 + 4 * 15, 5);
+    rescan();
+    EXPECT_TRUE(trapOf(2161)) << receiver.log() << agent.process()->err();
+    EXPECT_EQ(rows("130.9"), 2u) << "the row stays, as missing";
+    // Back in: it works normally again.
+    patchPage("page-02.bin", 8 + 4 * 15, 1);
+    rescan();
+    EXPECT_TRUE(trapOf(2162)) << receiver.log();
+}
+
+TEST_F(AgentLiveFixture, AHotProbeIsAWarningTrapAndTheColumnFollows)
+{
+    start("server");
+    // The backplane probe is element 20; byte 2 is the reading plus 20.
+    patchPage("page-02.bin", 8 + 4 * 20 + 2, 55 + 20);
+    rescan();
+    EXPECT_TRUE(trapOf(2156)) << receiver.log() << agent.process()->err();
+    EXPECT_TRUE(waitFor(
+        [&] {
+            const auto temps = columnOf(walk(), table("130.11"), 11);
+            return std::find(temps.begin(), temps.end(), "INTEGER: 55") != temps.end();
+        },
+        10s));
+    patchPage("page-02.bin", 8 + 4 * 20 + 2, 65 + 20); // past the critical 60
+    rescan();
+    EXPECT_TRUE(trapOf(2155)) << receiver.log();
+}
+
+TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
+{
+    start("workstation");
+    const std::string md0 = "sys/devices/virtual/block/md0/md/";
+    write(md0 + "dev-sdb/state", "faulty\n");
+    write(md0 + "degraded", "1\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2048)) << receiver.log() << agent.process()->err();
+    EXPECT_TRUE(trapOf(2056)) << receiver.log();
+
+    write(md0 + "dev-sdb/state", "spare\n");
+    write(md0 + "sync_action", "recover\n");
+    write(md0 + "sync_completed", "100 / 1000\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2070)) << receiver.log();
+    write(md0 + "sync_completed", "550 / 1000\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2077)) << receiver.log();
+
+    write(md0 + "dev-sdb/state", "in_sync\n");
+    write(md0 + "degraded", "0\n");
+    write(md0 + "sync_action", "idle\n");
+    write(md0 + "sync_completed", "none\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2071)) << receiver.log();
+    EXPECT_TRUE(trapOf(2057)) << receiver.log();
+}
+
+TEST(AgentLiveSave, EveryFixtureSavesToAModelThatWalksTheSame)
+{
+    for (const char *machine : {"server", "workstation", "vm"}) {
+        SCOPED_TRACE(machine);
+        expectIdenticalWalkAfterSave(
+            {"--live-root", sourcePath(std::string("tests/fixtures/") + machine)});
+    }
 }
 
 } // namespace
