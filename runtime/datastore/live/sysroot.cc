@@ -40,18 +40,24 @@ void splitInto(std::string_view path, std::vector<std::string> *parts)
     }
 }
 
+// Reads a regular file opened as fd, up to limit bytes.
+bool readOpen(int fd, size_t limit, std::string *out);
+
 bool readWhole(const std::string &hostPath, size_t limit, std::string *out)
 {
     rt::UniqueFd fd(::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-    if (!fd)
-        return false;
+    return fd && readOpen(fd.get(), limit, out);
+}
+
+bool readOpen(int fd, size_t limit, std::string *out)
+{
     struct stat st {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
         return false;
     out->assign(limit, '\0');
     size_t used = 0;
     while (used < limit) {
-        ssize_t n = ::read(fd.get(), out->data() + used, limit - used);
+        ssize_t n = ::read(fd, out->data() + used, limit - used);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -229,11 +235,26 @@ std::optional<std::string> SysRoot::resolveByWalking(std::string_view path) cons
 
 std::optional<std::string> SysRoot::readBytes(std::string_view path) const
 {
-    std::optional<std::string> real = resolve(path);
-    if (!real)
-        return std::nullopt;
     std::string text;
-    if (!readWhole(hostPath(*real), kMaxAttributeFileBytes, &text))
+    if (kernelResolves_) {
+        // Resolved and opened in one call, the root as "/".
+        open_how how{};
+        how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+        how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+        const std::string relative(path);
+        rt::UniqueFd fd(static_cast<int>(
+            syscall(SYS_openat2, rootFd_->get(), relative.c_str(), &how, sizeof how)));
+        if (fd) {
+            if (!readOpen(fd.get(), kMaxAttributeFileBytes, &text))
+                return std::nullopt;
+            return text;
+        }
+        if (errno != ENOSYS && errno != EPERM)
+            return std::nullopt;
+        kernelResolves_ = false;
+    }
+    std::optional<std::string> real = resolveByWalking(path);
+    if (!real || !readWhole(hostPath(*real), kMaxAttributeFileBytes, &text))
         return std::nullopt;
     return text;
 }
