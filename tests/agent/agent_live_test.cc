@@ -234,6 +234,8 @@ TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
     EXPECT_EQ(rowsOf(w, table("130.9")).size(), 2u) << "power supplies";
     EXPECT_EQ(rowsOf(w, table("130.11")).size(), 3u) << "temperature probes";
     EXPECT_EQ(rowsOf(w, table("130.13")).size(), 2u) << "EMMs";
+    EXPECT_EQ(rowsOf(w, table("130.17")).size(), 1u) << "the tape drive";
+    EXPECT_NE(w.find("STRING: \"KLT-9 HH\""), std::string::npos) << w;
     // Every serial of the tree is a disk's, and the enclosure is named by its product.
     const std::vector<std::string> serials = columnOf(w, table("130.4"), 7);
     for (const char *serial :
