@@ -89,60 +89,56 @@ bool isName(std::string_view name)
     return true;
 }
 
-std::string escapeText(std::string_view text)
+namespace {
+
+// The reference that stands for c in element text, or in an attribute value
+// too (where a quote, and white space the reader would turn into blanks, must
+// be written as references); null for a byte written as itself.
+const char *referenceFor(char c, bool inAttribute)
+{
+    switch (c) {
+    case '&':
+        return "&amp;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    case '"':
+        return inAttribute ? "&quot;" : nullptr;
+    case '\t':
+        return inAttribute ? "&#9;" : nullptr;
+    case '\n':
+        return inAttribute ? "&#10;" : nullptr;
+    case '\r':
+        return inAttribute ? "&#13;" : nullptr;
+    default:
+        return nullptr;
+    }
+}
+
+std::string escaped(std::string_view text, bool inAttribute)
 {
     std::string out;
     out.reserve(text.size());
     for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        default:
+        if (const char *reference = referenceFor(c, inAttribute))
+            out += reference;
+        else
             out += c;
-        }
     }
     return out;
 }
 
+} // namespace
+
+std::string escapeText(std::string_view text)
+{
+    return escaped(text, false);
+}
+
 std::string escapeValue(std::string_view text)
 {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        case '\t':
-            out += "&#9;";
-            break;
-        case '\n':
-            out += "&#10;";
-            break;
-        case '\r':
-            out += "&#13;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
+    return escaped(text, true);
 }
 
 bool isXmlText(std::string_view text)

@@ -117,6 +117,20 @@ void readHosts(ScanState &s)
     }
 }
 
+// The controller and channel object of a SCSI device, the channel made on
+// first use; null (with a note) when its controller is not served.
+ScanState::Controller *placeOf(ScanState &s, const ScsiDevice &d, size_t *channel)
+{
+    ScanState::Controller *c = s.controllerOf(d.dir);
+    if (c == nullptr) {
+        s.note("SCSI device " + d.dir + ": no controller");
+        return nullptr;
+    }
+    const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
+    *channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
+    return c;
+}
+
 void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, size_t channel)
 {
     LiveObject o;
@@ -167,14 +181,9 @@ void scanScsi(ScanState &s)
     for (const ScsiDevice &d : scsiDevices(s)) {
         if (d.type != kTypeEnclosure)
             continue;
-        ScanState::Controller *c = s.controllerOf(d.dir);
-        if (c == nullptr) {
-            s.note("enclosure " + d.dir + ": no controller");
-            continue;
-        }
-        const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
-        size_t channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
-        addEnclosure(s, d, *c, channel);
+        size_t channel = 0;
+        if (ScanState::Controller *c = placeOf(s, d, &channel))
+            addEnclosure(s, d, *c, channel);
     }
 }
 
@@ -189,14 +198,9 @@ void scanScsiDisks(ScanState &s)
         if (!tape && d.type != kTypeDisk && d.type != kTypeZonedDisk &&
             d.type != kTypeOpticalMemory)
             continue;
-        ScanState::Controller *c = s.controllerOf(d.dir);
-        if (c == nullptr) {
-            s.note("SCSI device " + d.dir + ": no controller");
-            continue;
-        }
-        const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
-        size_t channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
-        addScsiDisk(s, d.dir, d.hctl, *c, channel, tape);
+        size_t channel = 0;
+        if (ScanState::Controller *c = placeOf(s, d, &channel))
+            addScsiDisk(s, d.dir, d.hctl, *c, channel, tape);
     }
 }
 
