@@ -110,8 +110,18 @@ size_t ScanState::add(LiveObject object)
 
 ScanState::Controller *ScanState::controllerOf(std::string_view deviceDir)
 {
-    auto it = controllerByPci.find(pciAddressIn(deviceDir));
-    return it == controllerByPci.end() ? nullptr : &controllers[it->second];
+    const std::string pci = pciAddressIn(deviceDir);
+    if (!pci.empty()) {
+        auto it = controllerByPci.find(pci);
+        return it == controllerByPci.end() ? nullptr : &controllers[it->second];
+    }
+    // A host on no PCI function: the host directory on the device's path.
+    for (std::string_view path = deviceDir; path.size() > 1; path = dirName(path)) {
+        auto it = controllerByHost.find(std::string(path));
+        if (it != controllerByHost.end())
+            return &controllers[it->second];
+    }
+    return nullptr;
 }
 
 size_t ScanState::channelOf(Controller &c, uint32_t host, uint32_t channel,

@@ -146,6 +146,35 @@ void addController(ScanState &s, const std::string &dir)
     s.controllers.push_back(std::move(c));
 }
 
+// A SCSI host that hangs from no PCI function (iSCSI, Hyper-V's VMBus,
+// scsi_debug): a controller of its own, named by its driver.
+void addHostController(ScanState &s, const std::string &hostDir, const std::string &name)
+{
+    ScanState::Controller c;
+    c.hostDir = hostDir;
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    const std::string driver =
+        cleanValue(s.root.readText(hostDir + "/scsi_host/" + name + "/proc_name").value_or(""));
+    c.name = (driver.empty() ? std::string("SCSI") : driver) + " " + name;
+    LiveObject o;
+    o.type = "adapters";
+    o.nexus = std::to_string(c.number);
+    set(&o.attributes, "Name", c.name);
+    set(&o.attributes, "ObjState", std::to_string(kStateReady));
+    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "BusProtocol", "0");
+    set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "CurrentMethodMask", kNoBits);
+    set(&o.attributes, "FirmwareVer", "Not Available");
+    set(&o.attributes, "CurrentDriverVersion", driverVersion(s.root, driver));
+    set(&o.attributes, "DriverName", driver.empty() ? "none" : driver);
+    c.object = s.add(std::move(o));
+    s.controllerByHost.emplace(hostDir, s.controllers.size());
+    s.controllers.push_back(std::move(c));
+}
+
 } // namespace
 
 void scanControllers(ScanState &s)
@@ -159,6 +188,11 @@ void scanControllers(ScanState &s)
     for (const std::string &dir : dirs) {
         if (s.controllerByPci.count(std::string(baseName(dir))) == 0)
             addController(s, dir);
+    }
+    for (const std::string &name : s.root.list("/sys/class/scsi_host")) {
+        auto classDir = s.root.resolve("/sys/class/scsi_host/" + name);
+        if (classDir && pciAddressIn(*classDir).empty())
+            addHostController(s, std::string(dirName(dirName(*classDir))), name);
     }
 }
 

@@ -34,6 +34,9 @@ struct ScanState {
 
     struct Controller {
         std::string pciDir; // canonical directory of the PCI function ("" for md)
+        // For a SCSI host on no PCI function (iSCSI, VMBus, scsi_debug): its
+        // canonical host directory, which stands for the function.
+        std::string hostDir;
         std::string bdf;
         uint32_t number = 0;
         size_t object = 0;
@@ -43,8 +46,9 @@ struct ScanState {
         uint32_t nextChannel = 0;
         uint32_t nextEnclosure = 0;
     };
-    std::vector<Controller> controllers;           // sorted by PCI address once made
-    std::map<std::string, size_t> controllerByPci; // bdf -> index in controllers
+    std::vector<Controller> controllers;            // sorted by PCI address once made
+    std::map<std::string, size_t> controllerByPci;  // bdf -> index in controllers
+    std::map<std::string, size_t> controllerByHost; // host dir (no PCI) -> index
 
     // SCSI device directory (canonical) -> the enclosure slot a disk sits in
     struct Slot {

@@ -331,3 +331,35 @@ TEST(ScanTest, DisksInEnclosureSlotsAreNamedBySlot)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+TEST(ScanTest, AHostOnNoPciFunctionIsAControllerOfItsOwn)
+{
+    TempTree t;
+    // A VMBus disk: host0 under a VMBus device, no PCI address on the path.
+    const std::string vmbus = "sys/devices/LNXSYSTM:00/LNXSYBUS:00/ACPI0004:00/VMBUS:00/"
+                              "f8b3781b-1e82-4818-a1c3-63d806ec15bb";
+    const std::string host = vmbus + "/host0";
+    const std::string dev = host + "/target0:0:0/0:0:0:0";
+    t.file(host + "/scsi_host/host0/proc_name", "storvsc\n");
+    t.link("sys/class/scsi_host/host0", "../../devices/LNXSYSTM:00/LNXSYBUS:00/ACPI0004:00/"
+                                        "VMBUS:00/f8b3781b-1e82-4818-a1c3-63d806ec15bb/host0/"
+                                        "scsi_host/host0");
+    t.file(dev + "/type", "0\n");
+    t.file(dev + "/vendor", "Msft    \n");
+    t.file(dev + "/model", "Virtual Disk    \n");
+    t.file(dev + "/state", "running\n");
+    t.file(dev + "/block/sda/size", "62914560\n");
+    t.link(dev + "/scsi_device/0:0:0:0/device", "../../../0:0:0:0");
+    t.link("sys/class/scsi_device/0:0:0:0",
+           "../../devices/LNXSYSTM:00/LNXSYBUS:00/ACPI0004:00/VMBUS:00/"
+           "f8b3781b-1e82-4818-a1c3-63d806ec15bb/host0/target0:0:0/0:0:0:0/scsi_device/0:0:0:0");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Name"), "storvsc host0");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "DeviceName"), "/dev/sda");
+}
+
+} // namespace
+} // namespace kelp::live
