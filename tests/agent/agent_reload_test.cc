@@ -227,8 +227,10 @@ TEST(AgentReload, ALargeModelIsReadOffTheMainLoopAndSigtermIsAnsweredMeanwhile)
             const auto start = std::chrono::steady_clock::now();
             const RunResult get = agent.snmp("snmpget", {"1.3.6.1.2.1.1.3.0"});
             EXPECT_EQ(get.status, 0) << get.err;
-            // A load on the main loop would hold this one for the whole read.
-            EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+            // A load on the main loop would hold this one for the whole read,
+            // which takes far longer than this in the sanitizer build CI runs;
+            // the bound leaves room for starting snmpget on a loaded machine.
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
             answered++;
         } while (count(agent.process()->err(), "SIGHUP: re-read the model") == before &&
                  answered < 2000);
