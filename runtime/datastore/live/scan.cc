@@ -139,7 +139,10 @@ size_t ScanState::channelOf(Controller &c, uint32_t host, uint32_t channel,
     set(&bus.attributes, "TreeStatus", std::to_string(kStatusOk));
     set(&bus.attributes, "BusProtocol", protocol);
     set(&bus.attributes, "SCSIHost", std::to_string(host));
-    set(&bus.attributes, "SCSIChannel", std::to_string(channel));
+    if (channel >= kSasPortKey)
+        set(&bus.attributes, "SASPort", std::to_string(channel - kSasPortKey));
+    else
+        set(&bus.attributes, "SCSIChannel", std::to_string(channel));
     size_t index = add(std::move(bus));
     c.channels.emplace(key, index);
     set(&scan.objects[c.object].attributes, "Channels", std::to_string(c.channels.size()));

@@ -26,6 +26,9 @@ struct ScsiDevice {
     uint32_t type = 0;              // SCSI peripheral device type
 };
 
+// Keys of SAS ports among a host's channels: above any SCSI channel number.
+inline constexpr uint32_t kSasPortKey = 0x10000;
+
 struct ScanState {
     ScanState(const SysRoot &r, LiveScan &sc) : root(r), scan(sc) {}
 
@@ -80,7 +83,9 @@ struct ScanState {
     // The controller of a device directory: the nearest PCI function on its
     // path; nullopt when there is none or it was not made a controller.
     Controller *controllerOf(std::string_view deviceDir);
-    // The channel object for (host, channel) of controller c, made on first use.
+    // The channel object for (host, channel) of controller c, made on first
+    // use. `channel` is the SCSI channel, or kSasPortKey plus the number of a
+    // SAS port, which is a channel of a SAS HBA of its own.
     size_t channelOf(Controller &c, uint32_t host, uint32_t channel, const std::string &protocol);
 };
 

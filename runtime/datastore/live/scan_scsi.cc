@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
+#include <vector>
 
 #include "datastore/live/scan_internal.h"
 
@@ -90,6 +92,41 @@ std::string hostDirOf(std::string_view deviceDir, uint32_t host)
     return std::string(path);
 }
 
+// SAS ports of a host (port-H:N directories right below it) are the
+// channels of a SAS HBA: each is a connector of its own.
+// The ports of a host directory, by number; empty for a host without SAS ports.
+std::vector<uint32_t> sasPorts(ScanState &s, const std::string &hostDir, uint32_t host)
+{
+    std::vector<uint32_t> ports;
+    const std::string prefix = "port-" + std::to_string(host) + ":";
+    for (const std::string &entry : s.root.listIn(hostDir)) {
+        unsigned number = 0;
+        char end = 0;
+        if (entry.rfind(prefix, 0) == 0 &&
+            std::sscanf(entry.c_str() + prefix.size(), "%u%c", &number, &end) == 1)
+            ports.push_back(number);
+    }
+    std::sort(ports.begin(), ports.end());
+    return ports;
+}
+
+// The SAS port a device sits behind (the port-H:N right below its host), or
+// nullopt for a device of a host without SAS ports.
+std::optional<uint32_t> sasPortOf(const std::string &deviceDir, const std::string &hostDir,
+                                  uint32_t host)
+{
+    if (deviceDir.size() <= hostDir.size() + 1 || deviceDir.rfind(hostDir + "/", 0) != 0)
+        return std::nullopt;
+    const std::string prefix = "port-" + std::to_string(host) + ":";
+    const std::string rest = deviceDir.substr(hostDir.size() + 1);
+    unsigned number = 0;
+    char next = 0;
+    if (rest.rfind(prefix, 0) != 0 ||
+        std::sscanf(rest.c_str() + prefix.size(), "%u%c", &number, &next) != 2 || next != '/')
+        return std::nullopt;
+    return number;
+}
+
 void readHosts(ScanState &s)
 {
     for (const std::string &name : s.root.list("/sys/class/scsi_host")) {
@@ -113,7 +150,12 @@ void readHosts(ScanState &s)
             set(&o.attributes, "Name", c->name);
         }
         const std::string hostDir(dirName(dirName(*classDir)));
-        s.channelOf(*c, host, 0, hostProtocol(s, hostDir, *c));
+        const std::string protocol = hostProtocol(s, hostDir, *c);
+        const std::vector<uint32_t> ports = sasPorts(s, hostDir, host);
+        if (ports.empty())
+            s.channelOf(*c, host, 0, protocol);
+        for (uint32_t port : ports)
+            s.channelOf(*c, host, kSasPortKey + port, "8");
     }
 }
 
@@ -127,7 +169,10 @@ ScanState::Controller *placeOf(ScanState &s, const ScsiDevice &d, size_t *channe
         return nullptr;
     }
     const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
-    *channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
+    if (const auto port = sasPortOf(d.dir, hostDir, d.hctl[0]))
+        *channel = s.channelOf(*c, d.hctl[0], kSasPortKey + *port, "8");
+    else
+        *channel = s.channelOf(*c, d.hctl[0], d.hctl[1], hostProtocol(s, hostDir, *c));
     return c;
 }
 

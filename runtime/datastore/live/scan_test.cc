@@ -363,3 +363,46 @@ TEST(ScanTest, AHostOnNoPciFunctionIsAControllerOfItsOwn)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+TEST(ScanTest, SasPortsAreChannelsOfTheirOwn)
+{
+    TempTree t;
+    const std::string rel = "pci0000:00/0000:03:00.0";
+    const std::string pci = "sys/devices/" + rel;
+    t.file(pci + "/class", "0x010700\n");
+    t.dir("sys/bus/pci/drivers/mpt3sas");
+    t.link(pci + "/driver", "../../../bus/pci/drivers/mpt3sas");
+    t.link("sys/bus/pci/devices/0000:03:00.0", "../../../devices/" + rel);
+    t.file(pci + "/host0/scsi_host/host0/proc_name", "mpt3sas\n");
+    t.link("sys/class/scsi_host/host0", "../../devices/" + rel + "/host0/scsi_host/host0");
+    // Ports 0 and 1 with a disk each, port 2 empty.
+    t.dir(pci + "/host0/port-0:2");
+    for (unsigned port : {0u, 1u}) {
+        const std::string p = std::to_string(port);
+        const std::string hctl = "0:0:" + p + ":0";
+        const std::string dev =
+            rel + "/host0/port-0:" + p + "/end_device-0:" + p + "/target0:0:" + p + "/" + hctl;
+        const std::string d = "sys/devices/" + dev;
+        t.file(d + "/type", "0\n");
+        t.file(d + "/vendor", "HALDEN\n");
+        t.file(d + "/model", "HS1200S12\n");
+        t.file(d + "/state", "running\n");
+        t.file(d + "/sas_address", "0x5000c5000000000" + p + "\n");
+        t.file(d + "/block/sd" + std::string(1, static_cast<char>('b' + port)) + "/size", "100\n");
+        t.link(d + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+        t.link("sys/class/scsi_device/" + hctl, "../../devices/" + dev + "/scsi_device/" + hctl);
+    }
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Channels"), "3");
+    EXPECT_EQ(attrOf(only(scan, "bus", "0\\0"), "SASPort"), "0");
+    EXPECT_EQ(attrOf(only(scan, "bus", "0\\2"), "SASPort"), "2");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "DeviceName"), "/dev/sdb");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\1\\1"), "DeviceName"), "/dev/sdc");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\1\\1"), "BusProtocol"), "8");
+}
+
+} // namespace
+} // namespace kelp::live
