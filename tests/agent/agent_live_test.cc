@@ -169,7 +169,7 @@ std::string binding(int n)
 // snmptrapd; SIGHUP makes the live source rescan at once.
 class AgentLiveFixture : public ::testing::Test {
   protected:
-    void start(const std::string &machine)
+    void start(const std::string &machine, const std::string &interval = "3600")
     {
         ASSERT_TRUE(receiver.ready());
         const RunResult copy =
@@ -177,7 +177,7 @@ class AgentLiveFixture : public ::testing::Test {
         ASSERT_EQ(copy.status, 0) << copy.err;
         std::string why;
         ASSERT_TRUE(agent.start("",
-                                {"--live-root", dir / "root", "--live-interval", "3600",
+                                {"--live-root", dir / "root", "--live-interval", interval,
                                  "--trap-sink", receiver.sink()},
                                 &why))
             << why;
@@ -282,6 +282,18 @@ TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
     rescan();
     EXPECT_TRUE(trapOf(2049)) << receiver.log() << agent.process()->err();
     EXPECT_TRUE(rowsBecome("130.4", 6)) << walk();
+}
+
+// Without udev (a captured root has none) the period alone finds changes.
+TEST_F(AgentLiveFixture, ThePeriodFindsAChangeWithoutASignal)
+{
+    start("vm", "1");
+    ASSERT_EQ(rows("130.4"), 3u);
+    ASSERT_EQ(::unlink((dir / "root/sys/block/vdb").c_str()), 0);
+    EXPECT_TRUE(trapOf(2049)) << receiver.log() << agent.process()->err();
+    EXPECT_TRUE(rowsBecome("130.4", 2)) << walk();
+    const RunResult status = agent.kelpctl({"status"});
+    EXPECT_NE(status.out.find("udev off"), std::string::npos) << status.out;
 }
 
 TEST_F(AgentLiveFixture, APulledPowerSupplyIsATrapAndKeepsItsRow)
