@@ -56,7 +56,7 @@ void BM_LiveRescan(benchmark::State &state)
     std::string error;
     kelp::live::stopLive();
     kelp::ds::resetForTesting();
-    if (!kelp::live::startLive({t.root(), 3600, false}, &error)) {
+    if (!kelp::live::startLive({t.root(), 3600, false, -1}, &error)) {
         state.SkipWithError(error.c_str());
         return;
     }

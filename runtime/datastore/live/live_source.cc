@@ -43,10 +43,30 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kQuietAfterBurst = std::chrono::milliseconds(250);
 constexpr auto kLongestBurst = std::chrono::seconds(2);
 
-struct UdevMonitor {
+// Where device events come from: udev's netlink monitor, or (tests) any
+// descriptor that becomes readable, drained by reading it.
+struct EventSource {
+    virtual ~EventSource() = default;
+    virtual int fd() const = 0;
+    virtual void drain() = 0;
+};
+
+struct FdEvents : EventSource {
+    explicit FdEvents(int descriptor) : fd_(descriptor) {}
+    int fd() const override { return fd_; }
+    void drain() override
+    {
+        char buffer[4096];
+        while (read(fd_, buffer, sizeof buffer) > 0) {
+        }
+    }
+    int fd_;
+};
+
+struct UdevMonitor : EventSource {
     udev *context = nullptr;
     udev_monitor *monitor = nullptr;
-    ~UdevMonitor()
+    ~UdevMonitor() override
     {
         if (monitor != nullptr)
             udev_monitor_unref(monitor);
@@ -65,16 +85,12 @@ struct UdevMonitor {
             udev_monitor_filter_add_match_subsystem_devtype(monitor, subsystem, nullptr);
         return udev_monitor_enable_receiving(monitor) == 0;
     }
-    int fd() const { return monitor ? udev_monitor_get_fd(monitor) : -1; }
-    // Reads every event waiting; answers how many.
-    int drain()
+    int fd() const override { return monitor ? udev_monitor_get_fd(monitor) : -1; }
+    // Reads every event waiting.
+    void drain() override
     {
-        int n = 0;
-        while (udev_device *d = udev_monitor_receive_device(monitor)) {
+        while (udev_device *d = udev_monitor_receive_device(monitor))
             udev_device_unref(d);
-            ++n;
-        }
-        return n;
     }
 };
 
@@ -94,13 +110,16 @@ class Source {
         }
         if (!rescan(error))
             return false;
-        if (options_.udev && root_.isSystemRoot() && root_.exists("/run/udev/control")) {
-            udev_ = std::make_unique<UdevMonitor>();
-            if (!udev_->open()) {
+        if (options_.eventFdForTesting >= 0) {
+            udev_ = std::make_unique<FdEvents>(options_.eventFdForTesting);
+        } else if (options_.udev && root_.isSystemRoot() && root_.exists("/run/udev/control")) {
+            auto monitor = std::make_unique<UdevMonitor>();
+            if (monitor->open()) {
+                udev_ = std::move(monitor);
+            } else {
                 rt::logWarning("live source: udev events cannot be received; rescanning every "
                                "%g s only",
                                options_.intervalSeconds);
-                udev_.reset();
             }
         }
         thread_ = std::thread([this] { run(); });
@@ -278,7 +297,7 @@ class Source {
     LiveModelMaker maker_;
     std::shared_ptr<const ds::Model> served_; // the model this source served last
     rt::UniqueFd wake_;
-    std::unique_ptr<UdevMonitor> udev_;
+    std::unique_ptr<EventSource> udev_; // null: the period alone
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> rescanAsked_{false};
@@ -351,7 +370,7 @@ extern "C" int kelpRuntimeStartLive(const char *root, double intervalSeconds, ch
         else if (!(intervalSeconds > 0))
             message = "the live interval must be above 0 seconds";
         else
-            ok = kelp::live::startLive({root, intervalSeconds, true}, &message);
+            ok = kelp::live::startLive({root, intervalSeconds, true, -1}, &message);
     } catch (const std::exception &e) {
         message = e.what();
     }

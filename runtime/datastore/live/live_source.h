@@ -15,6 +15,9 @@ struct LiveOptions {
     std::string root = "/";
     double intervalSeconds = 30;
     bool udev = true; // listen to udev where the root is "/" and udev runs
+    // Tests: a descriptor to poll in place of udev's (any root); each time it
+    // becomes readable counts as a burst of device events.
+    int eventFdForTesting = -1;
 };
 
 // Scans once, serves the result and starts the rescan thread. False with

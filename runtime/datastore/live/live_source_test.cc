@@ -1,0 +1,105 @@
+// The live source's thread: a burst of device events, however many, is one
+// rescan; a rescan that finds a disk gone queues the rescan pair and the
+// disk's event in one step; loads are refused while it serves.
+#include "datastore/live/live_source.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "datastore/live/machine_testing.h"
+#include "datastore/model_store.h"
+#include "eventif/event_queue.h"
+
+namespace kelp::live {
+namespace {
+
+using namespace std::chrono_literals;
+
+bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds limit)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+class LiveSourceTest : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        ds::resetForTesting();
+        ev::clearEvents();
+        ASSERT_EQ(pipe2(events, O_NONBLOCK | O_CLOEXEC), 0);
+        testing::writeSasServer(tree, 30);
+        std::string error;
+        ASSERT_TRUE(startLive({tree.root(), 3600, false, events[0]}, &error)) << error;
+    }
+    void TearDown() override
+    {
+        stopLive();
+        ds::resetForTesting();
+        ev::clearEvents();
+        close(events[0]);
+        close(events[1]);
+    }
+    void send(int n)
+    {
+        for (int i = 0; i < n; ++i)
+            ASSERT_EQ(write(events[1], "e", 1), 1);
+    }
+
+    testing::TempTree tree;
+    int events[2] = {-1, -1};
+};
+
+TEST_F(LiveSourceTest, AStormOfDeviceEventsIsOneRescan)
+{
+    ASSERT_EQ(liveStatus().scans, 1u);
+    for (int wave = 0; wave < 10; ++wave) {
+        send(500);
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_TRUE(waitUntil([] { return liveStatus().scans >= 2; }, 10s));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(liveStatus().scans, 2u) << "5,000 events in one burst";
+    send(1);
+    EXPECT_TRUE(waitUntil([] { return liveStatus().scans == 3; }, 10s)) << "a later event";
+}
+
+TEST_F(LiveSourceTest, AGoneDiskQueuesThePairThenItsEvent)
+{
+    ASSERT_EQ(ev::queuedEvents(), 0u);
+    ASSERT_EQ(::unlink((tree.root() + "/sys/class/scsi_device/0:0:3:0").c_str()), 0);
+    send(1);
+    ASSERT_TRUE(waitUntil([] { return ev::queuedEvents() >= 3; }, 10s));
+    auto first = ev::takeOldestEvent();
+    auto second = ev::takeOldestEvent();
+    auto third = ev::takeOldestEvent();
+    ASSERT_TRUE(first && second && third);
+    EXPECT_EQ(ev::eventNumber(*first), 3061u);
+    EXPECT_EQ(ev::eventNumber(*second), 3060u);
+    EXPECT_EQ(ev::eventNumber(*third), 2049u);
+    EXPECT_NE(third->find("<Nexus>0\\0\\0\\3</Nexus>"), std::string::npos) << *third;
+    EXPECT_NE(third->find("<Parm01>0:0:3</Parm01>"), std::string::npos) << *third;
+    EXPECT_NE(third->find("<ObjType>772</ObjType>"), std::string::npos) << *third;
+}
+
+TEST_F(LiveSourceTest, LoadsAndChangesAreRefusedWhileLive)
+{
+    std::string error;
+    EXPECT_FALSE(ds::loadModelText("<storage ready=\"1\"/>", "test", &error));
+    EXPECT_NE(error.find("live source"), std::string::npos) << error;
+    EXPECT_FALSE(ds::setReady(false, &error));
+    EXPECT_TRUE(ds::liveServed());
+    EXPECT_FALSE(startLive({tree.root(), 1, false, -1}, &error)) << "one at a time";
+}
+
+} // namespace
+} // namespace kelp::live
