@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -222,6 +223,72 @@ class AgentLiveFixture : public ::testing::Test {
     TrapReceiver receiver{dir};
     AgentUnderTest agent;
 };
+
+// The rows of every one of the 24 tables, for each captured machine: what its
+// tree holds (tests/fixtures/README.md), a table not named having none.
+TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
+{
+    struct Machine {
+        const char *name;
+        std::map<std::string, size_t> rows;
+    };
+    const Machine machines[] = {
+        // SAS HBA (one port to the expander) and AHCI (three ports); six disks in
+        // the enclosure's slots and the boot disk on a port; the SES enclosure's
+        // fans, power supplies, probes and EMMs with their connection rows; the tape.
+        {"server",
+         {{"130.1", 2},
+          {"130.2", 4},
+          {"130.3", 1},
+          {"130.4", 7},
+          {"130.5", 6},
+          {"130.6", 1},
+          {"130.7", 2},
+          {"130.8", 2},
+          {"130.9", 2},
+          {"130.10", 2},
+          {"130.11", 3},
+          {"130.12", 3},
+          {"130.13", 2},
+          {"130.14", 2},
+          {"130.17", 1}}},
+        // Two NVMe controllers, AHCI, md; NVMe namespaces and SATA disks on
+        // channels; nvme0's hwmon probe; md0 (2 members) and md1 (3) with md1's
+        // two partitions.
+        {"workstation",
+         {{"130.1", 4},
+          {"130.2", 6},
+          {"130.4", 6},
+          {"130.6", 6},
+          {"130.11", 1},
+          {"130.12", 1},
+          {"130.18", 2},
+          {"140.1", 2},
+          {"140.2", 2},
+          {"140.3", 5}}},
+        // vda, vdb and the virtio-scsi disk, each on its own controller.
+        {"vm", {{"130.1", 3}, {"130.2", 3}, {"130.4", 3}, {"130.6", 3}}},
+    };
+    const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
+                                  "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
+                                  "130.13", "130.14", "130.15", "130.16", "130.17", "130.18",
+                                  "140.1",  "140.2",  "140.3",  "140.4",  "140.5",  "140.6"};
+    for (const Machine &m : machines) {
+        SCOPED_TRACE(m.name);
+        AgentUnderTest one;
+        std::string why;
+        ASSERT_TRUE(one.start(
+            "", {"--live-root", sourcePath(std::string("tests/fixtures/") + m.name)}, &why))
+            << why;
+        const RunResult r = one.snmp("snmpwalk", {kRoot});
+        ASSERT_EQ(r.status, 0) << r.err;
+        for (const char *t : tables) {
+            const auto want = m.rows.find(t);
+            EXPECT_EQ(rowsOf(r.out, table(t)).size(), want == m.rows.end() ? 0 : want->second)
+                << "table " << t;
+        }
+    }
+}
 
 TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
 {
