@@ -101,6 +101,47 @@ std::string cleanValue(std::string_view text)
     return out;
 }
 
+std::string textOr(const SysRoot &root, const std::string &dir, const char *name)
+{
+    auto value = root.attr(dir, name);
+    std::string v = value ? cleanValue(*value) : std::string();
+    return v.empty() ? std::string("Not Available") : v;
+}
+
+std::string driverVersion(const SysRoot &root, std::string module)
+{
+    for (char &c : module) {
+        if (c == '-')
+            c = '_';
+    }
+    return module.empty() ? std::string("Not Available")
+                          : textOr(root, "/sys/module/" + module, "version");
+}
+
+size_t addPlainController(ScanState &s, ScanState::Controller c, const std::string &driver,
+                          const std::string &firmware, const std::string &version)
+{
+    LiveObject o;
+    o.type = "adapters";
+    o.nexus = std::to_string(c.number);
+    set(&o.attributes, "Name", c.name);
+    set(&o.attributes, "ObjState", std::to_string(kStateReady));
+    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
+    set(&o.attributes, "BusProtocol", "0");
+    set(&o.attributes, "Channels", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "CurrentMethodMask", kNoBits);
+    set(&o.attributes, "FirmwareVer", firmware);
+    set(&o.attributes, "CurrentDriverVersion", version);
+    set(&o.attributes, "DriverName", driver.empty() ? "none" : driver);
+    c.object = s.add(std::move(o));
+    if (!c.hostDir.empty())
+        s.controllerByHost.emplace(c.hostDir, s.controllers.size());
+    s.controllers.push_back(std::move(c));
+    return s.controllers.back().object;
+}
+
 size_t ScanState::add(LiveObject object)
 {
     keys.emplace(object.type, object.nexus);

@@ -48,18 +48,6 @@ std::string driverOf(const SysRoot &root, const std::string &dir)
     return target ? std::string(baseName(*target)) : std::string();
 }
 
-std::string driverVersion(const SysRoot &root, std::string driver)
-{
-    for (char &c : driver) {
-        if (c == '-')
-            c = '_';
-    }
-    if (driver.empty())
-        return "Not Available";
-    auto version = root.readText("/sys/module/" + driver + "/version");
-    return version && !cleanValue(*version).empty() ? cleanValue(*version) : "Not Available";
-}
-
 // The PCI functions scanMachine serves as controllers: storage by class, and
 // the parents of SCSI hosts and NVMe controllers whatever their class.
 std::set<std::string> controllerFunctions(ScanState &s)
@@ -156,23 +144,7 @@ void addHostController(ScanState &s, const std::string &hostDir, const std::stri
     const std::string driver =
         cleanValue(s.root.readText(hostDir + "/scsi_host/" + name + "/proc_name").value_or(""));
     c.name = (driver.empty() ? std::string("SCSI") : driver) + " " + name;
-    LiveObject o;
-    o.type = "adapters";
-    o.nexus = std::to_string(c.number);
-    set(&o.attributes, "Name", c.name);
-    set(&o.attributes, "ObjState", std::to_string(kStateReady));
-    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
-    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
-    set(&o.attributes, "BusProtocol", "0");
-    set(&o.attributes, "Channels", "0");
-    set(&o.attributes, "AttributesMask", kNoBits);
-    set(&o.attributes, "CurrentMethodMask", kNoBits);
-    set(&o.attributes, "FirmwareVer", "Not Available");
-    set(&o.attributes, "CurrentDriverVersion", driverVersion(s.root, driver));
-    set(&o.attributes, "DriverName", driver.empty() ? "none" : driver);
-    c.object = s.add(std::move(o));
-    s.controllerByHost.emplace(hostDir, s.controllers.size());
-    s.controllers.push_back(std::move(c));
+    addPlainController(s, std::move(c), driver, "Not Available", driverVersion(s.root, driver));
 }
 
 } // namespace

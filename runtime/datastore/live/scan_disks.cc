@@ -26,13 +26,6 @@ constexpr StateRow kScsiStates[] = {
     {"deleted", kStateFailed, kStatusCritical},
 };
 
-std::string text(ScanState &s, const std::string &dir, const char *name)
-{
-    auto value = s.root.attr(dir, name);
-    std::string v = value ? cleanValue(*value) : std::string();
-    return v.empty() ? std::string("Not Available") : v;
-}
-
 // The unit serial number of VPD page 0x80: a 4-byte header, then ASCII.
 std::string vpdSerial(ScanState &s, const std::string &dir)
 {
@@ -72,7 +65,7 @@ void addStatus(LiveObject *o, uint64_t state, int status)
 } // namespace
 
 void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
-                 ScanState::Controller &c, size_t channel, bool tape)
+                 size_t channel, bool tape)
 {
     LiveObject o;
     o.type = tape ? "Tape" : "arraydisks";
@@ -90,11 +83,11 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
         s.note("SCSI device " + dir + ": a second device at " + o.nexus + ", left out");
         return;
     }
-    const std::string vendor = text(s, dir, "vendor");
-    const std::string model = text(s, dir, "model");
+    const std::string vendor = textOr(s.root, dir, "vendor");
+    const std::string model = textOr(s.root, dir, "model");
     uint64_t state = kStateReady;
     int status = kStatusUnknown;
-    const std::string sdevState = text(s, dir, "state");
+    const std::string sdevState = textOr(s.root, dir, "state");
     for (const StateRow &row : kScsiStates) {
         if (sdevState == row.text) {
             state = row.state;
@@ -106,7 +99,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     set(&o.attributes, "Vendor", vendor);
     set(&o.attributes, "ProductID", model);
     set(&o.attributes, "ModelNumber", vendor == "ATA" ? model : vendor + " " + model);
-    set(&o.attributes, "Revision", text(s, dir, "rev"));
+    set(&o.attributes, "Revision", textOr(s.root, dir, "rev"));
     std::string serial = vpdSerial(s, dir);
     set(&o.attributes, "DeviceSerialNumber", serial.empty() ? "Not Available" : serial);
     std::string protocol = attrOf(s.scan.objects[channel], "BusProtocol");
@@ -140,7 +133,6 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
             s.note("SCSI disk " + o.nexus + ": no block device");
         }
     }
-    (void)c;
     size_t index = s.add(std::move(o));
     s.diskByDevice.emplace(dir, index);
     if (!blockName.empty())
@@ -230,14 +222,14 @@ void scanNvme(ScanState &s)
             s.note("NVMe controller " + name + ": no PCI function");
             continue;
         }
-        const std::string model = text(s, *dir, "model");
-        const std::string serial = text(s, *dir, "serial");
-        const std::string firmware = text(s, *dir, "firmware_rev");
+        const std::string model = textOr(s.root, *dir, "model");
+        const std::string serial = textOr(s.root, *dir, "serial");
+        const std::string firmware = textOr(s.root, *dir, "firmware_rev");
         // NVMe names no vendor; its model number begins with one.
         const std::string vendor = model.substr(0, model.find(' '));
         uint64_t state = kStateReady;
         int status = kStatusUnknown;
-        const std::string ctrlState = text(s, *dir, "state");
+        const std::string ctrlState = textOr(s.root, *dir, "state");
         for (const StateRow &row : kNvmeStates) {
             if (ctrlState == row.text) {
                 state = row.state;

@@ -195,7 +195,7 @@ void scanEnclosureComponents(ScanState &s)
             continue;
         }
         ++fromSes;
-        s.enclosureHasSesProbes[enclosure] = true;
+        s.sesEnclosures.insert(enclosure);
         LiveObject &o = s.scan.objects[enclosure];
         if (!ses.logicalId.empty())
             set(&o.attributes, "EnclosureSerialNum", ses.logicalId);
@@ -234,7 +234,7 @@ void scanHwmon(ScanState &s)
         }
         const LiveObject &d = s.scan.objects[disk->second];
         auto parentOf = d.parent;
-        if (parentOf && s.enclosureHasSesProbes.count(*parentOf))
+        if (parentOf && s.sesEnclosures.count(*parentOf))
             continue; // its enclosure's own probes stand for it
         auto milli = [&](const char *file) -> std::optional<int> {
             auto text = s.root.attr(*dir, file);

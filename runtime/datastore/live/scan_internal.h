@@ -66,8 +66,9 @@ struct ScanState {
     std::map<std::string, size_t> diskByBlock;
     // SCSI device directory or NVMe controller directory -> disk object index
     std::map<std::string, size_t> diskByDevice;
-    // disk objects whose enclosure gave temperature probes from SES
-    std::map<size_t, bool> enclosureHasSesProbes;
+    // enclosure objects whose SES pages were read (their probes stand for
+    // their disks' hwmon probes)
+    std::set<size_t> sesEnclosures;
 
     std::optional<std::vector<ScsiDevice>> scsi;        // read once, by scsiDevices()
     std::set<std::pair<std::string, std::string>> keys; // (type, nexus) of every object
@@ -106,6 +107,22 @@ bool isPciAddress(std::string_view name);
 std::optional<uint64_t> parseNumber(std::string_view text);
 // Text fit for a model value: printable ASCII, blanks trimmed, at most 159 bytes.
 std::string cleanValue(std::string_view text);
+
+// The text of dir/name fit for a model value, or "Not Available" when it is
+// missing, unreadable or blank.
+std::string textOr(const SysRoot &root, const std::string &dir, const char *name);
+// The version of a kernel module (/sys/module/NAME/version, '-' read as
+// '_'), or "Not Available".
+std::string driverVersion(const SysRoot &root, std::string module);
+// Adds controller c (its number, name and hostDir set) as an "adapters"
+// object of no PCI function, with the driver, firmware and driver version
+// given; answers its object index.
+size_t addPlainController(ScanState &s, ScanState::Controller c, const std::string &driver,
+                          const std::string &firmware, const std::string &version);
+// A disk or tape drive at SCSI address hctl, device directory dir, on the
+// channel object `channel` (scan_disks.cc).
+void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
+                 size_t channel, bool tape);
 
 // The readers, in the order scanMachine calls them.
 void scanControllers(ScanState &s);

@@ -68,25 +68,8 @@ size_t addSoftwareController(ScanState &s)
     ScanState::Controller c;
     c.number = static_cast<uint32_t>(s.controllers.size());
     c.name = "Linux software RAID";
-    LiveObject o;
-    o.type = "adapters";
-    o.nexus = std::to_string(c.number);
-    set(&o.attributes, "Name", c.name);
-    set(&o.attributes, "ObjState", std::to_string(kStateReady));
-    set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
-    set(&o.attributes, "TreeStatus", std::to_string(kStatusOk));
-    set(&o.attributes, "BusProtocol", "0");
-    set(&o.attributes, "Channels", "0");
-    set(&o.attributes, "AttributesMask", kNoBits);
-    set(&o.attributes, "CurrentMethodMask", kNoBits);
-    set(&o.attributes, "FirmwareVer", "Not Applicable");
-    auto version = s.root.readText("/sys/module/md_mod/version");
-    set(&o.attributes, "CurrentDriverVersion",
-        version && !cleanValue(*version).empty() ? cleanValue(*version) : "Not Available");
-    set(&o.attributes, "DriverName", "md");
-    c.object = s.add(std::move(o));
-    s.controllers.push_back(std::move(c));
-    return s.controllers.back().object;
+    return addPlainController(s, std::move(c), "md", "Not Applicable",
+                              driverVersion(s.root, "md_mod"));
 }
 
 void addArray(ScanState &s, const ScanState::Controller &c, size_t controller,

@@ -184,11 +184,7 @@ void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, s
     const uint32_t number = c.nextEnclosure++;
     o.nexus = busNexus + "\\" + std::to_string(number);
     o.parent = channel;
-    auto value = [&](const char *name) {
-        auto text = s.root.attr(d.dir, name);
-        std::string v = text ? cleanValue(*text) : std::string();
-        return v.empty() ? std::string("Not Available") : v;
-    };
+    auto value = [&](const char *name) { return textOr(s.root, d.dir, name); };
     set(&o.attributes, "EnclosureID", std::to_string(number));
     set(&o.attributes, "ObjState", std::to_string(kStateReady));
     set(&o.attributes, "ObjStatus", std::to_string(kStatusOk));
@@ -232,10 +228,6 @@ void scanScsi(ScanState &s)
     }
 }
 
-// Disks and tape drives on SCSI hosts; see scan_disks.cc for what a disk holds.
-void addScsiDisk(ScanState &s, const std::string &deviceDir, const std::array<uint32_t, 4> &hctl,
-                 ScanState::Controller &c, size_t channel, bool tape);
-
 void scanScsiDisks(ScanState &s)
 {
     for (const ScsiDevice &d : scsiDevices(s)) {
@@ -244,8 +236,8 @@ void scanScsiDisks(ScanState &s)
             d.type != kTypeOpticalMemory)
             continue;
         size_t channel = 0;
-        if (ScanState::Controller *c = placeOf(s, d, &channel))
-            addScsiDisk(s, d.dir, d.hctl, *c, channel, tape);
+        if (placeOf(s, d, &channel) != nullptr)
+            addScsiDisk(s, d.dir, d.hctl, channel, tape);
     }
 }
 
