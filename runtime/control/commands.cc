@@ -68,7 +68,7 @@ void runStatus(const Request &, Reply *reply)
         std::snprintf(line, sizeof line, "%.1f", l.lastScanMs);
         reply->lines.push_back("source: live " + l.root + ", " + std::to_string(l.scans) +
                                " scans, the last in " + line + " ms, udev " +
-                               (l.udev ? "on" : "off"));
+                               (l.udev ? "on (" + l.events + " events)" : "off"));
         reply->lines.push_back("components: " + l.components);
         constexpr size_t kNotesShown = 20;
         for (size_t i = 0; i < l.notes.size() && i < kNotesShown; ++i)

@@ -128,6 +128,11 @@ TEST(AgentLive, ThisMachinesDisksAreServed)
     EXPECT_EQ(status.status, 0) << status.err;
     EXPECT_NE(status.out.find("source: live /"), std::string::npos) << status.out;
     EXPECT_NE(status.out.find("model: live /"), std::string::npos) << status.out;
+    // At the system root device events are heard: udevd's, or the kernel's where no
+    // udevd runs.
+    EXPECT_TRUE(status.out.find("udev on (udev events)") != std::string::npos ||
+                status.out.find("udev on (kernel events)") != std::string::npos)
+        << status.out;
 
     const RunResult walk = agent.snmp("snmpwalk", {kRoot});
     ASSERT_EQ(walk.status, 0) << walk.err;

@@ -63,6 +63,10 @@ struct FdEvents : EventSource {
     int fd_;
 };
 
+// udev's monitor of the events udevd passes on once its rules ran ("udev"),
+// or, where no udevd runs (containers, minimal systems), of the kernel's own
+// uevents ("kernel"): sysfs is complete when the kernel sends them, and a
+// rescan reads nothing else. Listening needs no privilege either way.
 struct UdevMonitor : EventSource {
     udev *context = nullptr;
     udev_monitor *monitor = nullptr;
@@ -73,12 +77,12 @@ struct UdevMonitor : EventSource {
         if (context != nullptr)
             udev_unref(context);
     }
-    bool open()
+    bool open(const char *source)
     {
         context = udev_new();
         if (context == nullptr)
             return false;
-        monitor = udev_monitor_new_from_netlink(context, "udev");
+        monitor = udev_monitor_new_from_netlink(context, source);
         if (monitor == nullptr)
             return false;
         for (const char *subsystem : {"block", "scsi", "nvme", "enclosure"})
@@ -112,10 +116,13 @@ class Source {
             return false;
         if (options_.eventFdForTesting >= 0) {
             udev_ = std::make_unique<FdEvents>(options_.eventFdForTesting);
-        } else if (options_.udev && root_.isSystemRoot() && root_.exists("/run/udev/control")) {
+            events_ = "test";
+        } else if (options_.udev && root_.isSystemRoot()) {
+            const char *source = root_.exists("/run/udev/control") ? "udev" : "kernel";
             auto monitor = std::make_unique<UdevMonitor>();
-            if (monitor->open()) {
+            if (monitor->open(source)) {
                 udev_ = std::move(monitor);
+                events_ = source;
             } else {
                 rt::logWarning("live source: udev events cannot be received; rescanning every "
                                "%g s only",
@@ -184,6 +191,7 @@ class Source {
             status_.root = root_.root();
             status_.components = scan.components;
             status_.udev = udev_ != nullptr;
+            status_.events = events_;
             status_.scans++;
             status_.lastScanMs = ms;
             status_.notes = scan.notes;
@@ -196,6 +204,7 @@ class Source {
         std::lock_guard lock(statusMutex_);
         LiveStatus s = status_;
         s.udev = udev_ != nullptr;
+        s.events = events_;
         return s;
     }
 
@@ -298,6 +307,7 @@ class Source {
     std::shared_ptr<const ds::Model> served_; // the model this source served last
     rt::UniqueFd wake_;
     std::unique_ptr<EventSource> udev_; // null: the period alone
+    std::string events_;                // what udev_ listens to: "udev", "kernel", "test"
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> rescanAsked_{false};
@@ -405,7 +415,7 @@ extern "C" void kelpRuntimeLiveSummary(char *summary, unsigned size)
             if (line.back() == ',')
                 line.pop_back();
             line += "; " + live.components + "; " + std::to_string(live.notes.size()) +
-                    " notes; udev " + (live.udev ? "on" : "off");
+                    " notes; udev " + (live.udev ? "on (" + live.events + " events)" : "off");
         }
     } catch (const std::exception &) {
         line = "out of memory";

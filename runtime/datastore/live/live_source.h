@@ -14,7 +14,7 @@ namespace kelp::live {
 struct LiveOptions {
     std::string root = "/";
     double intervalSeconds = 30;
-    bool udev = true; // listen to udev where the root is "/" and udev runs
+    bool udev = true; // listen to device events where the root is "/"
     // Tests: a descriptor to poll in place of udev's (any root); each time it
     // becomes readable counts as a burst of device events.
     int eventFdForTesting = -1;
@@ -36,7 +36,8 @@ struct LiveStatus {
     bool running = false;
     std::string root;
     std::string components; // where enclosure components came from
-    bool udev = false;
+    bool udev = false;      // device events start rescans
+    std::string events;     // their source: "udev" (udevd), "kernel" (no udevd), "test"
     uint64_t scans = 0;
     double lastScanMs = 0;
     std::vector<std::string> notes; // of the last scan
