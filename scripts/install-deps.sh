@@ -11,6 +11,12 @@ packages=(
   libbenchmark-dev
   clang-format git
   python3
+  # The MIB is checked with smilint; install and service with systemd-analyze,
+  # dpkg and man; the monitoring recipes with the exporter and check_snmp.
+  smitools
+  libsystemd-dev systemd
+  dpkg-dev file man-db groff-base
+  prometheus-snmp-exporter monitoring-plugins-standard
 )
 
 missing=()
