@@ -22,6 +22,30 @@ constexpr std::string_view kBlanks = " \t";
 // file, or asking for help, is a mistake worth reporting.
 constexpr std::string_view kCommandLineOnly[] = {"config", "help", "version"};
 
+// Options that choose the same thing in different ways: the first named on
+// the command line sets the file's second aside too, so that a file serving
+// the live storage gives way to --model, and the other way round.
+constexpr std::pair<std::string_view, std::string_view> kSetsAside[] = {
+    {"model", "live"},
+    {"model", "live-root"},
+    {"live", "model"},
+    {"live-root", "model"},
+};
+
+// True when the command line (`given`) names `key` or an option that sets it
+// aside.
+bool commandLineOverrides(const std::vector<std::string> &given, std::string_view key)
+{
+    for (const std::string &name : given) {
+        if (name == key ||
+            std::ranges::find(kSetsAside, std::pair<std::string_view, std::string_view>(
+                                              name, key)) != std::end(kSetsAside)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::optional<OptionShape> findShape(std::string_view key)
 {
     for (const OptionShape &shape : optionShapes()) {
@@ -224,7 +248,7 @@ bool applyConfigFile(const std::string &defaultFile, int argc, const char *const
     Options merged;
     for (const ConfigSetting &setting : settings) {
         // parseConfig applied each setting once already: this cannot fail.
-        if (std::ranges::find(given, setting.key) == given.end() &&
+        if (!commandLineOverrides(given, setting.key) &&
             !applyOption(setting.key, setting.value, &merged, error)) {
             *error = path + ":" + std::to_string(setting.line) + ": " + *error;
             return false;

@@ -50,7 +50,9 @@ bool readConfig(const std::string &path, bool mustExist, std::vector<ConfigSetti
 // set (it must exist) and otherwise `defaultFile` (skipped when empty or
 // missing). On success *options is the defaults, then the file's settings of
 // every option the command line does not name, then the command line: a
-// repeatable option on the command line replaces the file's list.
+// repeatable option on the command line replaces the file's list, and
+// --model on the command line sets aside the file's live and live-root
+// (--live and --live-root its model).
 // options->config then names the file read (empty when none was). False
 // with readConfig's message; *options is unchanged then.
 bool applyConfigFile(const std::string &defaultFile, int argc, const char *const *argv,

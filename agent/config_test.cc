@@ -311,6 +311,25 @@ TEST_F(ConfigFiles, TheCommandLineWinsOverTheFile)
     EXPECT_EQ(replaced.config, file) << "the default file is read when it exists";
 }
 
+TEST_F(ConfigFiles, TheDataSourceOnTheCommandLineSetsAsideTheFilesOther)
+{
+    const std::string live = write("live.conf", "live-root /captured\nlive-interval 5\n");
+    Options model;
+    std::string error;
+    ASSERT_TRUE(apply(live, {"--model", "m.xml"}, &model, &error)) << error;
+    EXPECT_FALSE(model.live);
+    EXPECT_EQ(model.liveRoot, "/");
+    EXPECT_EQ(model.model, "m.xml");
+    EXPECT_EQ(model.liveInterval, 5) << "only the choice of source is set aside";
+
+    const std::string modelFile = write("model.conf", "model m.xml\ncommunity c\n");
+    Options liveOptions;
+    ASSERT_TRUE(apply(modelFile, {"--live"}, &liveOptions, &error)) << error;
+    EXPECT_TRUE(liveOptions.live);
+    EXPECT_EQ(liveOptions.model, "");
+    EXPECT_EQ(liveOptions.community, "c");
+}
+
 TEST_F(ConfigFiles, OnlyANamedFileMustExist)
 {
     const std::string missing = dir_ + "/missing.conf";
