@@ -1,5 +1,7 @@
 // Command-line parsing over a table of option rows. Adding an option is
-// adding a row (and a field of Options).
+// adding a row (and a field of Options); the row is a key of the
+// configuration file too (config.cc), and docs/man/kelpagent.8 and
+// kelpagent.conf.5 must name it (the man_ tests check).
 #include "options.h"
 
 #include <sys/stat.h>
@@ -14,7 +16,9 @@
 namespace kelp::agent {
 namespace {
 
-// kRepeated takes a value like kRequired, and each use adds one to a list.
+// kRepeated takes a value like kRequired, and each use adds one to a list
+// (its help says "repeatable"); the configuration file lets only these
+// repeat.
 enum class Arg { kNone, kRequired, kOptional, kRepeated };
 
 struct OptionRow {
