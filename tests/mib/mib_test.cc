@@ -27,11 +27,12 @@ RunResult smilint(const TempDir &dir, const std::string &file)
 }
 
 // The one kind of line smilint -l 6 may print: an index column that is
-// read-only. SMIv2 prefers index columns not-accessible, but then snmptable
-// does not ask for column 1, which the agent serves, and warns "More columns
-// on agent than in MIB" for every table, and the column has no name a
-// manager may read. Read-only indexes are what agents of read-only tables
-// commonly do; smilint rates it a warning of level 5.
+// read-only. SMIv2 prefers index columns not-accessible, but the agent
+// serves column 1 of every table: not-accessible, it would be a column a
+// manager may not read by name, and snmptable, which leaves it out, warns
+// "More columns on agent than in MIB" for every table. Read-only indexes are
+// what agents of read-only tables commonly do; smilint rates it a warning of
+// level 5.
 const std::regex kIndexAccessible(
     R"(^.*KELP-STORAGE-MIB\.txt:[0-9]+: \[5\] \{index-element-accessible\} warning: index element `([A-Za-z0-9]+)Index' of row `([A-Za-z0-9]+)Entry' should be not-accessible in SMIv2 MIB$)");
 
