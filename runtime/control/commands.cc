@@ -6,10 +6,12 @@
 
 #include <array>
 
+#include "control/activity.h"
 #include "control/words.h"
 #include "datastore/live/live_source.h"
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
+#include "support/log.h"
 
 namespace kelp::ctl {
 namespace {
@@ -381,6 +383,9 @@ Reply runCommand(const Request &request)
 {
     Reply reply;
     request.command->run(request, &reply);
+    // One line in the host's log for each change, whoever asked for it.
+    if (const std::string line = activityLine(request, reply); !line.empty())
+        rt::logNotice("%s", line.c_str());
     return reply;
 }
 

@@ -22,6 +22,16 @@ extern "C" {
 typedef void (*KelpRuntimeLogFn)(int level, const char *line);
 void kelpRuntimeSetLog(KelpRuntimeLogFn log);
 
+/* Where lines on what the runtime did go: one line for each control socket
+ * command that changed the model or queued an event, and one for each live
+ * rescan (how long it took, what changed). Level KELP_RUNTIME_LOG_NOTICE for
+ * a change, KELP_RUNTIME_LOG_INFO for a rescan that found nothing new. The
+ * same rules as for kelpRuntimeSetLog's function; null (the default) drops
+ * them. */
+#define KELP_RUNTIME_LOG_NOTICE 3
+#define KELP_RUNTIME_LOG_INFO 4
+void kelpRuntimeSetActivityLog(KelpRuntimeLogFn log);
+
 /* Lock waits of the calling thread. From now on every SMMutexLock on this
  * thread waits at most `ms` milliseconds, whatever time-out its caller gives
  * (0: it takes only a free mutex); a negative value lifts the bound. A host
