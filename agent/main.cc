@@ -172,7 +172,10 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "kelpagent: %s\n", error.c_str());
         return 1;
     }
-    logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo);
+    if (!logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo,
+                 options.logPriorities, &error)) {
+        return fail(error);
+    }
     if (!options.config.empty()) {
         logLine("options read from %s", options.config.c_str());
     }

@@ -48,6 +48,7 @@ struct Options {
     std::string liveRoot = "/";
     double liveInterval = kDefaultLiveInterval; // seconds between rescans
     bool syslog = false;
+    bool logPriorities = false; // "<N>" before every stderr line (always under journald)
     bool debug = false;
     bool help = false;
     bool version = false;

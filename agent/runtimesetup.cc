@@ -43,6 +43,13 @@ bool checkIni(std::string *error)
     return true;
 }
 
+// What the runtime did (control commands that changed the model, live
+// rescans), in the agent's log.
+void logRuntimeActivity(int level, const char *line)
+{
+    logAt(level == KELP_RUNTIME_LOG_NOTICE ? LogLevel::kNotice : LogLevel::kInfo, "%s", line);
+}
+
 } // namespace
 
 RuntimeSetup::~RuntimeSetup()
@@ -54,6 +61,7 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
 {
     options_ = options;
     kelpRuntimeSetLog(logRuntimeLine);
+    kelpRuntimeSetActivityLog(logRuntimeActivity);
     kelpRuntimeSetIniPath(options.ini.c_str());
     if (!checkIni(error)) {
         return false;
@@ -143,6 +151,7 @@ void RuntimeSetup::release()
         blockedPinned_ = false;
     }
     kelpRuntimeSetLog(nullptr);
+    kelpRuntimeSetActivityLog(nullptr);
 }
 
 void RuntimeSetup::reload()
