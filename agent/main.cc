@@ -20,6 +20,7 @@
 #include "snmp/handler.h"
 #include "snmpagent.h"
 #include "snmpconf.h"
+#include "startup.h"
 #include "traps/trap.h"
 #include "traps/trapsend.h"
 
@@ -126,8 +127,8 @@ int run(const Options &options)
                                              ? "the default master socket"
                                              : options.agentxSocket.c_str());
     } else {
-        logLine("answering on %s, community \"%s\" (read-only)", options.listen.c_str(),
-                options.community.c_str());
+        logLine("%s",
+                answeringLine(options.listen, snmp.boundAddresses(), options.community).c_str());
     }
     snmp.sendColdStart();
 

@@ -24,6 +24,7 @@
 #include "refusals.h"
 #include "snmpaddress.h"
 #include "snmpconf.h"
+#include "startup.h"
 #include "stdgroups.h"
 #include "traps/trapmessage.h"
 #include "traps/trapsinks.h"
@@ -140,6 +141,34 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
 
 } // namespace
 
+// net-snmp's list of open sessions: exported by libnetsnmp and laid out in
+// its public snmp_api.h (struct session_list), but declared in no header.
+extern "C" struct session_list *Sessions;
+
+namespace {
+
+// The addresses of net-snmp's open sessions' sockets, as bound (a port 0 or
+// a name resolved), in the order net-snmp opened them.
+std::vector<std::string> sessionAddresses()
+{
+    std::vector<std::string> addresses;
+    for (const session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
+        if (slp->transport == nullptr) {
+            continue;
+        }
+        std::string text = boundSocketText(slp->transport->sock);
+        if (!text.empty() &&
+            std::find(addresses.begin(), addresses.end(), text) == addresses.end()) {
+            addresses.push_back(std::move(text));
+        }
+    }
+    // The list holds the newest session first.
+    std::reverse(addresses.begin(), addresses.end());
+    return addresses;
+}
+
+} // namespace
+
 SnmpAgent::SnmpAgent() = default;
 
 SnmpAgent::~SnmpAgent()
@@ -231,6 +260,7 @@ bool SnmpAgent::open(std::string *error)
         return false;
     }
     logRefusedCommunities();
+    bound_ = sessionAddresses();
     return true;
 }
 

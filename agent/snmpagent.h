@@ -63,6 +63,10 @@ class SnmpAgent {
     // Any thread: makes run() call its onWake soon.
     static void wake();
 
+    // A master after open(): the addresses it answers on as bound
+    // ("udp:0.0.0.0:1161" for --listen 1161), in --listen's order.
+    const std::vector<std::string> &boundAddresses() const { return bound_; }
+
     // True when traps have somewhere to go: a sink, or the AgentX master.
     bool hasTrapDestination() const;
 
@@ -73,6 +77,7 @@ class SnmpAgent {
   private:
     AgentSettings settings_;
     bool initialised_ = false;
+    std::vector<std::string> bound_;
     std::unique_ptr<TrapSinks> traps_; // kelp's own sinks, open from open() to shutdown()
 };
 
