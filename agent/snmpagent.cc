@@ -8,6 +8,8 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <net-snmp/agent/agent_callbacks.h>
+
 #include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -15,10 +17,12 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "agentxlog.h"
 #include "log.h"
 #include "paths.h"
 #include "refusals.h"
@@ -121,6 +125,36 @@ LogLevel levelOf(int priority)
 // Only the agent's thread runs net-snmp.
 std::string g_pendingLog;
 
+// A subagent's connection lines; null for a master. Only the agent's thread
+// runs net-snmp.
+std::unique_ptr<AgentxLog> g_agentxLog;
+
+int onAgentxClosed(int, int, void *, void *)
+{
+    if (g_agentxLog) {
+        g_agentxLog->onClosed(AgentxLog::Clock::now());
+    }
+    return SNMPERR_SUCCESS;
+}
+
+int onAgentxOpened(int, int, void *, void *)
+{
+    if (g_agentxLog) {
+        g_agentxLog->onOpened(AgentxLog::Clock::now());
+    }
+    return SNMPERR_SUCCESS;
+}
+
+// Logs what changed on the AgentX connection since the last call.
+void flushAgentxLog()
+{
+    if (g_agentxLog) {
+        for (const auto &[level, line] : g_agentxLog->flush(AgentxLog::Clock::now())) {
+            logText(level, line);
+        }
+    }
+}
+
 int onNetsnmpLog(int, int, void *serverArg, void *)
 {
     const auto *message = static_cast<const snmp_log_message *>(serverArg);
@@ -132,7 +166,8 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
     while ((end = g_pendingLog.find('\n')) != std::string::npos) {
         const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
         if (end > 0) {
-            logText(levelOf(message->priority), line);
+            const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
+            logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
         }
         g_pendingLog.erase(0, end + 1);
     }
@@ -225,6 +260,13 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
         // tried by init_snmp, the retries on this period.
         netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
                            kAgentxPingSeconds);
+        // net-snmp's subagent calls these whenever it closes the session to
+        // the master (a disconnect, an unanswered ping) and opens one.
+        g_agentxLog = std::make_unique<AgentxLog>(settings.agentxSocket, kAgentxPingSeconds);
+        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, onAgentxClosed,
+                               nullptr);
+        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START,
+                               onAgentxOpened, nullptr);
     }
     initialised_ = true;
     return true;
@@ -242,6 +284,7 @@ bool SnmpAgent::open(std::string *error)
         rememberAll(systemLines(settings_.identity));
     }
     init_snmp(kAppName);
+    flushAgentxLog();
     if (!settings_.trapSinks.empty()) {
         traps_ =
             std::make_unique<TrapSinks>(settings_.trapSinks, settings_.trapV1, settings_.community);
@@ -291,6 +334,7 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
         agent_check_and_process(1);
+        flushAgentxLog();
         onWake();
         if (g_reloadRequested != 0 && g_stopRequested == 0) {
             g_reloadRequested = 0;
@@ -323,6 +367,7 @@ void SnmpAgent::shutdown()
         snmp_shutdown(kAppName);
         initialised_ = false;
     }
+    g_agentxLog.reset();
     // Nothing wakes the loop any more: the trap queue is closed and the
     // plug-in's threads have ended before the caller shuts down.
     for (std::atomic<int> *fd : {&g_wakeWrite, &g_wakeRead}) {
