@@ -137,7 +137,7 @@ int run(const Options &options)
             traps.pump();
             requests->completeDelegated();
         },
-        [&runtime] { runtime.reload(); });
+        [&runtime] { runtime.reload(); }, [&runtime] { runtime.reopenDebugFile("SIGUSR1"); });
 
     stopAll();
     logLine("stopped");

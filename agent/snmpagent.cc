@@ -46,6 +46,7 @@ std::atomic<int> g_wakeRead{-1};
 std::atomic<int> g_wakeWrite{-1};
 volatile std::sig_atomic_t g_stopRequested = 0;
 volatile std::sig_atomic_t g_reloadRequested = 0;
+volatile std::sig_atomic_t g_reopenRequested = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
 
 void writeWakeByte()
@@ -62,6 +63,8 @@ void onSignal(int sig)
 {
     if (sig == SIGHUP) {
         g_reloadRequested = 1;
+    } else if (sig == SIGUSR1) {
+        g_reopenRequested = 1;
     } else {
         g_stopRequested = 1;
     }
@@ -324,12 +327,14 @@ void SnmpAgent::catchStopSignals()
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
+    sigaction(SIGUSR1, &action, nullptr);
     // A closed AgentX or control connection is an error return, not a
     // reason to die.
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload)
+void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload,
+                    const std::function<void()> &onReopen)
 {
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
@@ -340,6 +345,12 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
             g_reloadRequested = 0;
             onReload();
         }
+        if (g_reopenRequested != 0 && g_stopRequested == 0) {
+            g_reopenRequested = 0;
+            if (onReopen) {
+                onReopen();
+            }
+        }
     }
     logLine("stopping on a signal");
 
@@ -347,6 +358,7 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
     std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGUSR1, SIG_IGN);
     unregister_readfd(g_wakeRead);
 }
 

@@ -50,15 +50,18 @@ class SnmpAgent {
     // announces its own start).
     void sendColdStart();
 
-    // Catches SIGINT, SIGTERM and SIGHUP from now on (and ignores SIGPIPE),
+    // Catches SIGINT, SIGTERM, SIGHUP and SIGUSR1 from now on (and ignores
+    // SIGPIPE),
     // so that a stop request during start-up ends run() at once instead of
     // the process. Call first thing, before any thread is started.
     static void catchStopSignals();
 
     // Runs the agent until SIGINT or SIGTERM (also one caught before);
     // `onWake` runs on this thread after every wake(), `onReload` after a
-    // SIGHUP (several SIGHUPs before it runs count once).
-    void run(const std::function<void()> &onWake, const std::function<void()> &onReload);
+    // SIGHUP and `onReopen` (when set) after a SIGUSR1 (several signals
+    // before it runs count once).
+    void run(const std::function<void()> &onWake, const std::function<void()> &onReload,
+             const std::function<void()> &onReopen = {});
 
     // Any thread: makes run() call its onWake soon.
     static void wake();
