@@ -1,6 +1,13 @@
 // AgentX connection lines.
 #include "agentxlog.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 namespace kelp::agent {
 namespace {
 
@@ -13,9 +20,47 @@ bool contains(std::string_view text, std::string_view part)
 
 } // namespace
 
-AgentxLog::AgentxLog(std::string master, int retrySeconds)
-    : master_(std::move(master)), retrySeconds_(retrySeconds)
+AgentxLog::AgentxLog(std::string master, int retrySeconds, std::function<std::string()> probe)
+    : master_(std::move(master)), retrySeconds_(retrySeconds), probe_(std::move(probe))
 {
+}
+
+std::string AgentxLog::probeUnixSocket(const std::string &spec)
+{
+    std::string path = spec;
+    if (path.rfind("unix:", 0) == 0) {
+        path = path.substr(5);
+    }
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path[0] != '/' || path.size() >= sizeof addr.sun_path) {
+        return "";
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return "";
+    }
+    std::string reason;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        reason = "connect(" + path + "): " + std::strerror(errno);
+    }
+    close(fd);
+    return reason;
+}
+
+std::string AgentxLog::reasonText()
+{
+    if (!reason_.empty()) {
+        return reason_;
+    }
+    if (probe_) {
+        if (std::string probed = probe_(); !probed.empty()) {
+            return probed;
+        }
+    }
+    return reasonSeen_ ? "net-snmp gives no reason"
+                       : "net-snmp closed the session without a reason";
 }
 
 std::optional<std::string> AgentxLog::reasonOf(std::string_view line)
@@ -32,7 +77,7 @@ std::optional<std::string> AgentxLog::reasonOf(std::string_view line)
         if (colon != std::string_view::npos && colon + 3 < line.size()) {
             return std::string(line.substr(colon + 3));
         }
-        return "the master cannot be reached";
+        return std::string(kNoReason);
     }
     if (contains(line, "AgentX") || contains(line, "agentx")) {
         return std::string(line);
@@ -49,8 +94,9 @@ bool AgentxLog::onLibraryLine(std::string_view line)
     // The first reason of a turn is the cause; a failed reconnect that
     // follows at once (after a ping went unanswered) is its consequence.
     // "subagent connected" says nothing the callback did not.
-    if (reason_.empty() && !contains(line, "subagent connected")) {
+    if (!reasonSeen_ && !contains(line, "subagent connected")) {
         reason_ = std::move(*reason);
+        reasonSeen_ = true;
     }
     return true;
 }
@@ -80,14 +126,10 @@ std::vector<AgentxLog::Line> AgentxLog::flush(Clock::time_point now)
     std::vector<Line> lines;
     const std::string retry = "; trying again every " + std::to_string(retrySeconds_) + " s";
     if (closedPending_ && state_ == State::kConnected) {
-        lines.emplace_back(
-            LogLevel::kWarning,
-            "AgentX: connection to " + masterText() + " lost: " +
-                (reason_.empty() ? "net-snmp closed the session without a reason" : reason_) +
-                retry);
+        lines.emplace_back(LogLevel::kWarning, "AgentX: connection to " + masterText() +
+                                                   " lost: " + reasonText() + retry);
         state_ = State::kLost;
         failureReported_ = true;
-        reason_.clear();
     }
     closedPending_ = false;
     if (openedPending_) {
@@ -104,16 +146,18 @@ std::vector<AgentxLog::Line> AgentxLog::flush(Clock::time_point now)
         openedPending_ = false;
         failureReported_ = false;
         reason_.clear();
+        reasonSeen_ = false;
         return lines;
     }
     // A failed attempt to reach a master never reached (the first only; the
     // retries say the same every few seconds).
-    if (state_ == State::kNever && !reason_.empty() && !failureReported_) {
-        lines.emplace_back(LogLevel::kWarning,
-                           "AgentX: cannot connect to " + masterText() + ": " + reason_ + retry);
+    if (state_ == State::kNever && reasonSeen_ && !failureReported_) {
+        lines.emplace_back(LogLevel::kWarning, "AgentX: cannot connect to " + masterText() + ": " +
+                                                   reasonText() + retry);
         failureReported_ = true;
     }
     reason_.clear();
+    reasonSeen_ = false;
     return lines;
 }
 

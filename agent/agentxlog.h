@@ -8,6 +8,7 @@
 #define KELP_AGENT_AGENTXLOG_H
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +25,10 @@ class AgentxLog {
     using Line = std::pair<LogLevel, std::string>;
 
     // `master`: the socket as the user named it (empty: net-snmp's
-    // default); `retrySeconds`: net-snmp's reconnect period.
-    AgentxLog(std::string master, int retrySeconds);
+    // default); `retrySeconds`: net-snmp's reconnect period; `probe`, when
+    // set, finds a reason of its own where net-snmp gives none (it says
+    // "Failed to connect" without why when the socket is missing).
+    AgentxLog(std::string master, int retrySeconds, std::function<std::string()> probe = nullptr);
 
     // One line net-snmp logged. True when it is about the AgentX connection:
     // its reason is kept for the next line here, and the caller logs the
@@ -43,14 +46,25 @@ class AgentxLog {
     std::vector<Line> flush(Clock::time_point now);
 
     // The reason in words for one of net-snmp's lines, or nullopt when the
-    // line is not about the AgentX connection.
+    // line is not about the AgentX connection; kNoReason when the line is
+    // about it but says no more than that the connection failed.
     static std::optional<std::string> reasonOf(std::string_view line);
+    static constexpr const char *kNoReason = "";
+
+    // Why a stream connection to the Unix socket `path` fails now:
+    // "connect(PATH): <errno text>", or empty when it succeeds or `path` is
+    // not a Unix socket path ("tcp:...", too long).
+    static std::string probeUnixSocket(const std::string &path);
 
   private:
     std::string masterText() const;
+    // reason_, or the probe's, or a last resort: never empty.
+    std::string reasonText();
 
     std::string master_;
     int retrySeconds_;
+    std::function<std::string()> probe_;
+    bool reasonSeen_ = false; // a line about the connection came this turn
     enum class State { kNever, kConnected, kLost } state_ = State::kNever;
     bool closedPending_ = false;
     bool openedPending_ = false;

@@ -3,6 +3,12 @@
 // a master that stays away costs one line, not one every retry.
 #include "agentxlog.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
 #include <gtest/gtest.h>
 
 namespace kelp::agent {
@@ -26,8 +32,8 @@ TEST(AgentxLog, ReasonsInWords)
         {"AgentX master agent failed to respond to ping.  Attempting to re-register.",
          "the master did not answer a ping"},
         {kRefused, "Unknown host (/s/ax) (Connection refused)"},
-        {"Warning: Failed to connect to the agentx master agent (/s/ax)",
-         "the master cannot be reached"},
+        {"Warning: Failed to connect to the agentx master agent (/s/ax)", ""},
+        {"Warning: Failed to connect to the agentx master agent (/s/ax): ", ""},
         {"AgentX session to master agent attempted to be re-opened.",
          "AgentX session to master agent attempted to be re-opened."},
         {"Created directory: /x/snmp", std::nullopt},
@@ -103,6 +109,49 @@ TEST(AgentxLog, AMasterNeverReachedIsOneWarningUntilItComes)
     log.onOpened(t0 + 10s);
     EXPECT_EQ(log.flush(t0 + 10s),
               (Lines{{LogLevel::kNotice, "AgentX: connected to the master at /s/ax"}}));
+}
+
+TEST(AgentxLog, WhereNetSnmpGivesNoReasonTheProbeOrALastResortDoes)
+{
+    const char *bare = "Warning: Failed to connect to the agentx master agent (/s/ax): ";
+    AgentxLog probed("/s/ax", 5, [] { return std::string("connect(/s/ax): Connection refused"); });
+    EXPECT_TRUE(probed.onLibraryLine(bare));
+    EXPECT_EQ(probed.flush(t0),
+              (Lines{{LogLevel::kWarning, "AgentX: cannot connect to the master at /s/ax: "
+                                          "connect(/s/ax): Connection refused; trying again "
+                                          "every 5 s"}}));
+
+    AgentxLog unprobed("/s/ax", 5, [] { return std::string(); });
+    EXPECT_TRUE(unprobed.onLibraryLine(bare));
+    const Lines lines = unprobed.flush(t0);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].second, "AgentX: cannot connect to the master at /s/ax: net-snmp gives no "
+                               "reason; trying again every 5 s");
+}
+
+TEST(AgentxLog, TheProbeSaysWhyAUnixSocketCannotBeReached)
+{
+    char dir[] = "/tmp/kelp-probe-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/master";
+    EXPECT_EQ(AgentxLog::probeUnixSocket(path), "connect(" + path + "): No such file or directory");
+    EXPECT_EQ(AgentxLog::probeUnixSocket("unix:" + path),
+              "connect(" + path + "): No such file or directory");
+    // Bound but not listening: refused.
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    EXPECT_EQ(AgentxLog::probeUnixSocket(path), "connect(" + path + "): Connection refused");
+    ASSERT_EQ(listen(fd, 1), 0);
+    EXPECT_EQ(AgentxLog::probeUnixSocket(path), "") << "a master that listens";
+    close(fd);
+    unlink(path.c_str());
+    rmdir(dir);
+    EXPECT_EQ(AgentxLog::probeUnixSocket("tcp:localhost:705"), "");
+    EXPECT_EQ(AgentxLog::probeUnixSocket("/" + std::string(300, 'x')), "");
+    EXPECT_EQ(AgentxLog::probeUnixSocket(""), "");
 }
 
 TEST(AgentxLog, OtherLinesAreNotTaken)

@@ -265,7 +265,12 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
                            kAgentxPingSeconds);
         // net-snmp's subagent calls these whenever it closes the session to
         // the master (a disconnect, an unanswered ping) and opens one.
-        g_agentxLog = std::make_unique<AgentxLog>(settings.agentxSocket, kAgentxPingSeconds);
+        const std::string master = settings.agentxSocket.empty()
+                                       ? std::string(NETSNMP_AGENTX_SOCKET)
+                                       : settings.agentxSocket;
+        g_agentxLog =
+            std::make_unique<AgentxLog>(settings.agentxSocket, kAgentxPingSeconds,
+                                        [master] { return AgentxLog::probeUnixSocket(master); });
         snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, onAgentxClosed,
                                nullptr);
         snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START,
