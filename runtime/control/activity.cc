@@ -94,7 +94,8 @@ std::string activityLine(const Request &request, const Reply &reply)
                ": the data store now reports " + (request.on ? "ready" : "not ready");
     if (name == "set")
         return "kelpctl set: object " + std::to_string(request.id) + " attribute " + request.name +
-               " = " + quoted(request.text);
+               " " + (reply.previous ? quoted(*reply.previous) + " -> " : std::string("(new) = ")) +
+               quoted(request.text);
     if (name == "add") {
         const std::vector<uint32_t> ids = objectIdsIn(request.text);
         const std::string what =

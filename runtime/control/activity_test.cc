@@ -35,7 +35,8 @@ TEST(ActivityLine, EachChangeNamesWhatItChanged)
     const Case cases[] = {
         {{"ready", "on"}, "kelpctl ready on: the data store now reports ready"},
         {{"ready", "off"}, "kelpctl ready off: the data store now reports not ready"},
-        {{"set", "12", "ObjStatus", "4"}, "kelpctl set: object 12 attribute ObjStatus = \"4\""},
+        {{"set", "12", "ObjStatus", "4"},
+         "kelpctl set: object 12 attribute ObjStatus (new) = \"4\""},
         {{"add", "--xml", "<object id=\"40\" type=\"arraydisks\"><Nexus>1</Nexus></object>"},
          "kelpctl add: added object 40; rescan events 3061, 3060 queued"},
         {{"add", "--no-events", "--xml",
@@ -61,6 +62,17 @@ TEST(ActivityLine, EachChangeNamesWhatItChanged)
     for (const Case &c : cases) {
         EXPECT_EQ(activityLine(parsed(c.words), Reply{}), c.line) << c.words[0];
     }
+}
+
+TEST(ActivityLine, SetShowsTheValueBeforeWhenThereWasOne)
+{
+    Reply reply;
+    reply.previous = "2";
+    EXPECT_EQ(activityLine(parsed({"set", "12", "ObjStatus", "4"}), reply),
+              "kelpctl set: object 12 attribute ObjStatus \"2\" -> \"4\"");
+    reply.previous = "";
+    EXPECT_EQ(activityLine(parsed({"set", "12", "Name", "x"}), reply),
+              "kelpctl set: object 12 attribute Name \"\" -> \"x\"");
 }
 
 TEST(ActivityLine, AFailedCommandChangedNothingAndLogsNothing)

@@ -456,7 +456,7 @@ TEST_F(ControlCommandTest, EachChangeThroughTheSocketIsOneActivityLineAndARefusa
     kelpRuntimeSetActivityLog(nullptr);
     EXPECT_EQ(g_activity,
               (std::vector<std::string>{
-                  "kelpctl set: object 20 attribute ObjStatus = \"4\"",
+                  "kelpctl set: object 20 attribute ObjStatus \"2\" -> \"4\"",
                   "kelpctl remove: removed object 40 and its links; no rescan events (--no-events)",
                   "kelpctl event: queued event 2049 for object 20"}));
 }

@@ -82,7 +82,8 @@ TEST(AgentOpLog, EveryChangeThroughKelpctlIsOneLineAndARefusalNone)
     std::string why;
     ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
     const std::vector<std::pair<std::vector<std::string>, std::string>> steps = {
-        {{"set", "300", "ObjStatus", "4"}, "kelpctl set: object 300 attribute ObjStatus = \"4\""},
+        {{"set", "300", "ObjStatus", "4"},
+         "kelpctl set: object 300 attribute ObjStatus \"2\" -> \"4\""},
         {{"add", "--xml",
           "<object id=\"302\" type=\"arraydisks\" parent=\"20\"><Nexus>0\\0\\9"
           "</Nexus></object>"},
