@@ -168,6 +168,33 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
         << receiver->log();
 }
 
+TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
+{
+    const auto listed = [&](RunResult *walk) {
+        *walk = viaMaster("snmpwalk", {"1.3.6.1.2.1.1.9"});
+        return walk->out.find("= OID: ." + std::string(kRoot) + "\n") != std::string::npos;
+    };
+    RunResult walk;
+    EXPECT_FALSE(listed(&walk)) << "not before the subagent connects\n" << walk.out;
+    startSubagent();
+    ASSERT_TRUE(waitFor([&] { return listed(&walk); }, 20s)) << walk.out << walk.err << kelp->err();
+    // Its sysORDescr is in the same row: the index of the sysORID line.
+    const size_t id = walk.out.find("= OID: ." + std::string(kRoot) + "\n");
+    const size_t lineStart = walk.out.rfind('\n', id) + 1;
+    const std::string idName =
+        walk.out.substr(lineStart, walk.out.find(' ', lineStart) - lineStart);
+    const std::string row = idName.substr(idName.rfind('.'));
+    EXPECT_NE(walk.out.find(".1.3.6.1.2.1.1.9.1.3" + row +
+                            " = STRING: \"KELP-STORAGE-MIB: storage controllers, disks, "
+                            "enclosures and events\""),
+              std::string::npos)
+        << walk.out;
+    // The row goes with the subagent.
+    kelp->signal(SIGTERM);
+    ASSERT_EQ(kelp->wait(15s), 0) << kelp->err();
+    EXPECT_TRUE(waitFor([&] { return !listed(&walk); }, 10s)) << walk.out;
+}
+
 TEST_F(AgentX, WhileARescanHoldsTheTablesEveryAnswerComesWithinTheMastersTimeOut)
 {
     startSubagent(sourcePath("data/models/sample.xml"));

@@ -440,8 +440,10 @@ TEST_F(TrapSinkStall, AV2cNotificationCarriesUptimeFirstAndTheEnterpriseLast)
     EXPECT_NE(line.find("vbs=.1.3.6.1.2.1.1.3.0 = Timeticks: "), std::string::npos) << line;
     EXPECT_TRUE(line.ends_with("\t.1.3.6.1.6.3.1.1.4.3.0 = OID: " + std::string(kTrapPrefix)))
         << line;
-    // coldStart names net-snmp's enterprise for this system, as net-snmp does.
-    EXPECT_NE(healthy.log().find(".1.3.6.1.6.3.1.1.4.3.0 = OID: .1.3.6.1.4.1.8072.3.2.10"),
+    // coldStart names kelp's trap enterprise, as the storage traps do.
+    EXPECT_NE(healthy.log().find(".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.1\t"
+                                 ".1.3.6.1.6.3.1.1.4.3.0 = OID: " +
+                                 std::string(kTrapPrefix) + "\n"),
               std::string::npos)
         << healthy.log();
 }
