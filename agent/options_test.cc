@@ -195,8 +195,10 @@ TEST(Options, CompletionFillsThePlacesUnderTheStateDir)
     EXPECT_EQ(o.model, model);
 
     const std::string usage = usageText(places);
-    for (const char *text : {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug",
-                             "--help", "--version", "udp:127.0.0.1:1161", "(found)"}) {
+    for (const char *text :
+         {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug", "--help", "--version",
+          "udp:127.0.0.1:1161", "(found)", "--trap-version 1|2c|2c-inform", "--trap-community NAME",
+          "--inform-timeout SECONDS", "--inform-retries N", "inform:ADDR"}) {
         EXPECT_NE(usage.find(text), std::string::npos) << text;
     }
 

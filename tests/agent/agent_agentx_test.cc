@@ -166,6 +166,13 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
     EXPECT_NE(receiver->log().find(".1.3.6.1.4.1.61234.20571.1.20.200.1.0 = INTEGER: 2048"),
               std::string::npos)
         << receiver->log();
+    // The subagent's log says where the trap went: to its master.
+    const std::string log = kelp->err();
+    const size_t line = log.find("trap 904 (event 2048: ");
+    ASSERT_NE(line, std::string::npos) << log;
+    EXPECT_TRUE(
+        log.substr(line, log.find('\n', line) - line).ends_with(" sent to the AgentX master"))
+        << log;
 }
 
 TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
