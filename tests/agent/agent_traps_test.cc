@@ -248,6 +248,25 @@ TEST_F(AgentTraps, AnUnreachableInformSinkIsRetriedAndGivenUpWithoutStallingAnyt
     EXPECT_EQ(countOf(live.log(), trapOid(904)), 1u) << live.log();
 }
 
+TEST_F(AgentTraps, AnInformWhoseCommunityTheReceiverRefusesIsRetried)
+{
+    Trapd strict(dir, "strict", "alarms");
+    ASSERT_TRUE(strict.ready());
+    start({"--trap-sink", "inform:" + strict.sink(), "--inform-timeout", "0.2", "--inform-retries",
+           "1"});
+    const std::string givenUp = "trap sink inform:" + strict.sink() +
+                                ": 1 trap dropped since the last report: 1 inform given up "
+                                "unacknowledged after 2 sends";
+    EXPECT_TRUE(waitFor([&] { return agentLog().find(givenUp) != std::string::npos; }, 10s))
+        << agentLog();
+    EXPECT_NE(agentLog().find("trap sink inform:" + strict.sink() +
+                              ": an inform was not acknowledged within 0.2 s; sent again (retry "
+                              "1 of 1)"),
+              std::string::npos)
+        << agentLog();
+    EXPECT_EQ(strict.log().find(kColdStartOid), std::string::npos) << strict.log();
+}
+
 TEST_F(AgentTraps, AnInformSinkOverTcpIsRefusedAndTheOthersServe)
 {
     Trapd live(dir, "live", "public");
