@@ -16,6 +16,7 @@ namespace kelp::agent {
 // SNMPv2c InformRequest-PDU (the notification's bindings, acknowledged by
 // the receiver with a Response carrying the same request-id).
 enum class TrapForm { kV1Trap, kV2cTrap, kV2cInform };
+inline constexpr size_t kTrapForms = 3;
 
 // The largest message any sink takes: the largest UDP payload over IPv4.
 inline constexpr size_t kMaxTrapMessageBytes = 65507;

@@ -9,6 +9,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -75,7 +76,6 @@ TrapSinks::TrapSinks(const TrapSinkSettings &settings)
             continue;
         }
         sinks_.push_back(std::move(sink));
-        informs_.push_back(inform);
     }
     g_active = this;
 }
@@ -108,12 +108,13 @@ uint32_t TrapSinks::send(const Trap &trap, std::vector<std::string> *took)
     // One encoding per form, made when the first sink of that form needs it
     // (and shared by the sinks of that form: an inform's request-id only
     // has to be unique on each sink's own socket).
-    SinkMessage encoded[3];
-    bool failed[3] = {};
+    std::array<SinkMessage, kTrapForms> encoded;
+    std::array<bool, kTrapForms> failed{};
     bool taken = false;
     for (size_t i = 0; i < sinks_.size(); i++) {
-        const TrapForm form =
-            informs_[i] ? TrapForm::kV2cInform : (v1_ ? TrapForm::kV1Trap : TrapForm::kV2cTrap);
+        const TrapForm form = sinks_[i]->address().inform
+                                  ? TrapForm::kV2cInform
+                                  : (v1_ ? TrapForm::kV1Trap : TrapForm::kV2cTrap);
         const auto slot = static_cast<size_t>(form);
         if (!encoded[slot] && !failed[slot]) {
             std::string bytes;
