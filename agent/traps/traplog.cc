@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "traps/trapnames.h"
+
 namespace kelp::agent {
 namespace {
 
@@ -76,6 +78,9 @@ std::string trapLogLine(const Trap &trap, const std::vector<std::string> &destin
         line += kGenericNames[trap.generic];
     } else if (ours && trap.generic == 6) {
         line += std::to_string(trap.specific);
+        if (const char *name = trapName(trap.specific)) {
+            line += std::string(" ") + name;
+        }
     } else {
         line += "enterprise " + dotted(trap.enterprise) + " generic " +
                 std::to_string(trap.generic) + " specific " + std::to_string(trap.specific);

@@ -1,4 +1,4 @@
-// A trap's log line: its number, event and message, object and nexus, and
+// A trap's log line: its number and name, event and message, object and nexus, and
 // the sinks it went to; generic traps by name, other enterprises by number,
 // missing bindings left out, control characters kept off the line.
 #include "traps/traplog.h"
@@ -52,7 +52,8 @@ TEST(TrapLogLine, AStorageTrapNamesItsEventObjectAndSinks)
                      number(7, 3),
                      number(8, 2)};
     EXPECT_EQ(trapLogLine(trap, {"udp:127.0.0.1:162", "inform:udp:[::1]:162"}),
-              "trap 904 (event 2048: Physical disk 0:0:2 has failed.) object 0\\0\\0\\2 row "
+              "trap 904 arrayDiskCriticalAlert (event 2048: Physical disk 0:0:2 has failed.) "
+              "object 0\\0\\0\\2 row "
               "1.3.6.1.4.1.61234.20571.1.20.130.4.1.1.3 at \"Controller 0 (Vorn RX-240)\", "
               "\"Enclosure 0\" sent to udp:127.0.0.1:162, inform:udp:[::1]:162");
 }
@@ -73,7 +74,8 @@ TEST(TrapLogLine, EachFormOfTrapHasItsLine)
     foreign.enterprise = {1, 3, 6, 1, 4, 1, 99};
     foreign.generic = 6;
     foreign.specific = 5;
-    Trap unnamed = storageTrap(953);
+    // A number the MIB does not declare has no name.
+    Trap unnamed = storageTrap(999);
     unnamed.bindings = {binding(2, "Enclosure alarm.")};
     Trap unknown = storageTrap(903);
     unknown.bindings = {number(1, 2049),       binding(2, "Removed."), binding(3, "Controller 1"),
@@ -82,17 +84,19 @@ TEST(TrapLogLine, EachFormOfTrapHasItsLine)
         {"a short event has no object",
          shortEvent,
          {"udp:h:162"},
-         "trap 101 (event 2135: Battery learn?cycle started.) sent to udp:h:162"},
+         "trap 101 versionUnsupportedAlert (event 2135: Battery learn?cycle started.) sent to "
+         "udp:h:162"},
         {"coldStart by name", coldStart, {"a", "b"}, "trap coldStart sent to a, b"},
         {"another enterprise by numbers",
          foreign,
          {"the AgentX master"},
          "trap enterprise 1.3.6.1.4.1.99 generic 6 specific 5 sent to the AgentX master"},
-        {"no event number", unnamed, {}, "trap 953 (Enclosure alarm.) sent nowhere"},
+        {"no event number", unnamed, {}, "trap 999 (Enclosure alarm.) sent nowhere"},
         {"UNKNOWN texts left out",
          unknown,
          {"s"},
-         "trap 903 (event 2049: Removed.) object 0?x at \"Controller 1\" sent to s"},
+         "trap 903 arrayDiskWarningAlert (event 2049: Removed.) object 0?x at \"Controller 1\" "
+         "sent to s"},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(trapLogLine(c.trap, c.sinks), c.line) << c.what;

@@ -168,7 +168,7 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
         << receiver->log();
     // The subagent's log says where the trap went: to its master.
     const std::string log = kelp->err();
-    const size_t line = log.find("trap 904 (event 2048: ");
+    const size_t line = log.find("trap 904 arrayDiskCriticalAlert (event 2048: ");
     ASSERT_NE(line, std::string::npos) << log;
     EXPECT_TRUE(
         log.substr(line, log.find('\n', line) - line).ends_with(" sent to the AgentX master"))

@@ -196,7 +196,7 @@ TEST_F(AgentTraps, AnAcknowledgedInformIsDoneAndEachTrapHasOneLogLine)
     EXPECT_EQ(log.find("not acknowledged"), std::string::npos) << log;
     EXPECT_EQ(log.find("given up"), std::string::npos) << log;
     // One line for the trap: number, event and message, object, sinks.
-    const std::string line = "trap 904 (event 2048: Physical disk ";
+    const std::string line = "trap 904 arrayDiskCriticalAlert (event 2048: Physical disk ";
     ASSERT_EQ(countOf(log, line), 1u) << log;
     const std::string rest = log.substr(log.find(line) + line.size());
     const std::string tail = rest.substr(0, rest.find('\n'));
