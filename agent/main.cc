@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "config.h"
 #include "log.h"
 #include "module.h"
 #include "options.h"
@@ -169,7 +170,16 @@ int main(int argc, char **argv)
         std::printf("kelpagent %s\n", KELP_VERSION);
         return 0;
     }
+    // Before the log opens: the file may ask for syslog. A bad file is no
+    // usage error (status 1, not 2) and --help does not read it.
+    if (!applyConfigFile(places.config, argc, argv, &options, &error)) {
+        std::fprintf(stderr, "kelpagent: %s\n", error.c_str());
+        return 1;
+    }
     logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo);
+    if (!options.config.empty()) {
+        logLine("options read from %s", options.config.c_str());
+    }
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }

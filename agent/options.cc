@@ -1,5 +1,7 @@
 // Command-line parsing over a table of option rows. Adding an option is
-// adding a row (and a field of Options).
+// adding a row (and a field of Options); the row is a key of the
+// configuration file too (config.cc), and docs/man/kelpagent.8 and
+// kelpagent.conf.5 must name it (the man_ tests check).
 #include "options.h"
 
 #include <sys/stat.h>
@@ -14,7 +16,10 @@
 namespace kelp::agent {
 namespace {
 
-enum class Arg { kNone, kRequired, kOptional };
+// kRepeated takes a value like kRequired, and each use adds one to a list
+// (its help says "repeatable"); the configuration file lets only these
+// repeat.
+enum class Arg { kNone, kRequired, kOptional, kRepeated };
 
 struct OptionRow {
     const char *name; // without the leading "--"
@@ -101,6 +106,10 @@ bool setSeconds(double *field, const std::string &value, double min, double max,
 }
 
 constexpr OptionRow kOptions[] = {
+    {"config", Arg::kRequired, "FILE", "read options from FILE; the command line wins",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.config, v, "--config", e);
+     }},
     {"model", Arg::kRequired, "FILE", "storage model the data store serves",
      [](Options &o, const std::string &v, std::string *e) {
          return setPath(&o.model, v, "--model", e);
@@ -119,7 +128,7 @@ constexpr OptionRow kOptions[] = {
          o.agentx = true;
          return v.empty() || setWord(&o.agentxSocket, v, "--agentx", e);
      }},
-    {"trap-sink", Arg::kRequired, "ADDR",
+    {"trap-sink", Arg::kRepeated, "ADDR",
      "send traps there (repeatable; e.g. udp:127.0.0.1:162; inform:ADDR for an "
      "acknowledged SNMPv2c inform)",
      [](Options &o, const std::string &v, std::string *e) {
@@ -267,7 +276,8 @@ const std::string &trapCommunityOf(const Options &options)
     return options.trapCommunity.empty() ? options.community : options.trapCommunity;
 }
 
-bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error)
+bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error,
+                  std::vector<std::string> *given)
 {
     for (int i = 1; i < argc; i++) {
         std::string_view word = argv[i];
@@ -293,7 +303,7 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
                 return false;
             }
             value = std::string(word.substr(equals + 1));
-        } else if (row->arg == Arg::kRequired) {
+        } else if (row->arg == Arg::kRequired || row->arg == Arg::kRepeated) {
             if (i + 1 >= argc) {
                 *error = "--" + std::string(name) + " needs " + row->valueName;
                 return false;
@@ -306,8 +316,35 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
         if (!row->apply(*options, value, error)) {
             return false;
         }
+        if (given != nullptr) {
+            given->emplace_back(row->name);
+        }
     }
     return true;
+}
+
+std::vector<OptionShape> optionShapes()
+{
+    std::vector<OptionShape> shapes;
+    for (const OptionRow &row : kOptions) {
+        const OptionArg arg = row.arg == Arg::kNone       ? OptionArg::kNone
+                              : row.arg == Arg::kOptional ? OptionArg::kOptional
+                                                          : OptionArg::kRequired;
+        shapes.push_back({row.name, arg, row.arg == Arg::kRepeated,
+                          row.valueName == nullptr ? "" : row.valueName, row.help});
+    }
+    return shapes;
+}
+
+bool applyOption(std::string_view name, const std::string &value, Options *options,
+                 std::string *error)
+{
+    const OptionRow *row = findOption(name);
+    if (row == nullptr) {
+        *error = "unknown option --" + std::string(name);
+        return false;
+    }
+    return row->apply(*options, value, error);
 }
 
 bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error)
@@ -358,7 +395,7 @@ std::string usageText(const DefaultPlaces &places)
             "options:\n";
     for (const OptionRow &row : kOptions) {
         std::string left = std::string("--") + row.name;
-        if (row.arg == Arg::kRequired) {
+        if (row.arg == Arg::kRequired || row.arg == Arg::kRepeated) {
             left += std::string(" ") + row.valueName;
         } else if (row.arg == Arg::kOptional) {
             left += std::string(" [") + row.valueName + "]";
@@ -367,6 +404,10 @@ std::string usageText(const DefaultPlaces &places)
              << row.help << "\n";
     }
     text << "\ndefaults:\n"
+         << "  --config "
+         << (places.config.empty() ? "none (a kelpagent in its build tree reads no file)"
+                                   : places.config + " when it exists")
+         << "\n"
          << "  --listen " << kDefaultListen << ", --community " << kDefaultCommunity
          << " (read-only), no trap sink, --trap-version 2c,\n"
          << "  --trap-community: the read community\n"
