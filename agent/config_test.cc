@@ -68,6 +68,9 @@ TEST(Config, EveryKeySetsItsFieldAndValuesKeepTheirInnerBlanks)
                               "trap-sink udp:127.0.0.1:7\n"
                               "trap-sink udp:127.0.0.1:8\n"
                               "trap-version 1\n"
+                              "trap-community alarms\n"
+                              "inform-timeout 0.5\n"
+                              "inform-retries 2\n"
                               "ini i.ini\n"
                               "state-dir /s\n"
                               "control c.sock\n"
@@ -88,6 +91,9 @@ TEST(Config, EveryKeySetsItsFieldAndValuesKeepTheirInnerBlanks)
     EXPECT_EQ(o.community, "c");
     EXPECT_EQ(o.trapSinks, (std::vector<std::string>{"udp:127.0.0.1:7", "udp:127.0.0.1:8"}));
     EXPECT_TRUE(o.trapV1);
+    EXPECT_EQ(o.trapCommunity, "alarms");
+    EXPECT_EQ(o.informTimeout, 0.5);
+    EXPECT_EQ(o.informRetries, 2);
     EXPECT_EQ(o.ini, "i.ini");
     EXPECT_EQ(o.stateDir, "/s");
     EXPECT_EQ(o.control, "c.sock");
@@ -194,8 +200,10 @@ TEST(Config, BadFilesAreRefusedNamingFileAndLine)
         {"community\n", "f.conf:1: 'community' needs a value (NAME)"},
         {"community " + std::string(kMaxCommunity + 1, 'c'),
          "f.conf:1: bad value for 'community': --community takes at most 255 bytes"},
-        {"trap-version 3\n", "f.conf:1: bad value for 'trap-version': --trap-version takes 1 or "
-                             "2c, not \"3\""},
+        {"trap-version 3\n", "f.conf:1: bad value for 'trap-version': --trap-version takes 1, "
+                             "2c or 2c-inform, not \"3\""},
+        {"trap-community a b\n", "f.conf:1: bad value for 'trap-community'"},
+        {"inform-retries 21\n", "f.conf:1: bad value for 'inform-retries'"},
         {"trap-sink udp:127.0.0.1:7\ntrap-sink a\"b\n", "f.conf:2: bad value for 'trap-sink'"},
         {"rescan-timeout 0\n", "f.conf:1: bad value for 'rescan-timeout'"},
         {"rescan-timeout 86401\n", "f.conf:1: bad value for 'rescan-timeout'"},

@@ -77,6 +77,10 @@ int run(const Options &options)
     settings.community = options.community;
     settings.trapSinks = options.trapSinks;
     settings.trapV1 = options.trapV1;
+    settings.trapInform = options.trapInform;
+    settings.trapCommunity = trapCommunityOf(options);
+    settings.informTimeout = options.informTimeout;
+    settings.informRetries = options.informRetries;
     settings.persistentDir = options.stateDir + "/snmp";
     settings.identity = identityOf(options);
     SnmpAgent snmp;

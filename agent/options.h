@@ -27,6 +27,15 @@ inline constexpr double kMaxLiveInterval = 86400;
 // The longest --rescan-timeout: a day.
 inline constexpr double kMaxRescanTimeout = 86400;
 
+// An inform unacknowledged after this many seconds is sent again, at most
+// this many times more (net-snmp's own defaults for its sessions); the
+// bounds of --inform-timeout and --inform-retries.
+inline constexpr double kDefaultInformTimeout = 1;
+inline constexpr double kMinInformTimeout = 0.01;
+inline constexpr double kMaxInformTimeout = 60;
+inline constexpr int kDefaultInformRetries = 5;
+inline constexpr int kMaxInformRetries = 20;
+
 struct Options {
     std::string config; // --config; empty: DefaultPlaces::config when that file exists
     std::string model;  // empty: the first sample model found (modelCandidates)
@@ -35,7 +44,11 @@ struct Options {
     bool agentx = false;
     std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
     std::vector<std::string> trapSinks;
-    bool trapV1 = false;  // --trap-version 1; 2c otherwise
+    bool trapV1 = false;       // --trap-version 1; 2c otherwise
+    bool trapInform = false;   // --trap-version 2c-inform: every sink is an inform sink
+    std::string trapCommunity; // empty: the read community (trapCommunityOf)
+    double informTimeout = kDefaultInformTimeout; // seconds
+    int informRetries = kDefaultInformRetries;
     std::string ini;      // empty: <state-dir>/kelp.ini
     std::string stateDir; // empty: $XDG_STATE_HOME/kelp or ~/.local/state/kelp
     std::string control;  // empty: <state-dir>/control.sock
@@ -53,6 +66,10 @@ struct Options {
     bool help = false;
     bool version = false;
 };
+
+// The community traps and informs carry: --trap-community, or the read
+// community when none is given.
+const std::string &trapCommunityOf(const Options &options);
 
 // Parses argv into *options (starting from the defaults above). Accepts
 // "--name value" and "--name=value"; --agentx takes a socket only when the

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <string>
@@ -31,6 +32,7 @@
 #include "startup.h"
 #include "stdgroups.h"
 #include "traps/trapmessage.h"
+#include "traps/trapsend.h"
 #include "traps/trapsinks.h"
 
 namespace kelp::agent {
@@ -288,14 +290,24 @@ bool SnmpAgent::open(std::string *error)
     remember("mibs :");
     if (!settings_.subagent) {
         initStandardGroups();
+    }
+    registerStorageMib();
+    if (!settings_.subagent) {
         rememberAll(accessLines(settings_.community));
         rememberAll(systemLines(settings_.identity));
     }
     init_snmp(kAppName);
     flushAgentxLog();
     if (!settings_.trapSinks.empty()) {
-        traps_ =
-            std::make_unique<TrapSinks>(settings_.trapSinks, settings_.trapV1, settings_.community);
+        TrapSinkSettings sinks;
+        sinks.addresses = settings_.trapSinks;
+        sinks.v1 = settings_.trapV1;
+        sinks.informAll = settings_.trapInform;
+        sinks.community = settings_.trapCommunity;
+        sinks.inform.timeout = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::duration<double>(settings_.informTimeout));
+        sinks.inform.retries = settings_.informRetries;
+        traps_ = std::make_unique<TrapSinks>(sinks);
     }
     if (settings_.subagent) {
         return true;
@@ -317,10 +329,8 @@ bool SnmpAgent::open(std::string *error)
 
 void SnmpAgent::sendColdStart()
 {
-    const size_t sinks = traps_ ? traps_->count() : 0;
-    if (!settings_.subagent && sinks > 0) {
-        traps_->send(coldStartTrap());
-        logLine("coldStart sent to %zu trap sink%s", sinks, sinks == 1 ? "" : "s");
+    if (!settings_.subagent && traps_ && traps_->count() > 0) {
+        sendTrapNow(coldStartTrap());
     }
 }
 

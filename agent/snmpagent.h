@@ -18,11 +18,15 @@ class TrapSinks;
 
 struct AgentSettings {
     bool subagent = false;
-    std::string agentxSocket; // subagent: empty for net-snmp's default
-    std::string listen;       // master: the address to answer on
-    std::string community;    // master: the read-only community
-    std::vector<std::string> trapSinks;
+    std::string agentxSocket;           // subagent: empty for net-snmp's default
+    std::string listen;                 // master: the address to answer on
+    std::string community;              // master: the read-only community
+    std::vector<std::string> trapSinks; // "inform:ADDR" for an inform sink
     bool trapV1 = false;
+    bool trapInform = false;   // every sink an inform sink
+    std::string trapCommunity; // the community of traps and informs
+    double informTimeout = 1;  // seconds before an inform is sent again
+    int informRetries = 5;
     std::string persistentDir; // created 0700 when missing
     SystemIdentity identity;   // master: the system group's values
 };
@@ -46,8 +50,8 @@ class SnmpAgent {
     // (in use, or not this host's).
     bool open(std::string *error);
 
-    // A master with trap sinks sends coldStart to each (a subagent's master
-    // announces its own start).
+    // A master with trap sinks sends coldStart to each, logged as every
+    // trap is (a subagent's master announces its own start).
     void sendColdStart();
 
     // Catches SIGINT, SIGTERM, SIGHUP and SIGUSR1 from now on (and ignores
