@@ -244,5 +244,28 @@ TEST(ContribTrapHandlerInput, ExtendedTrapNumbersAndUnknownNumbersStillGiveALine
     EXPECT_EQ(handle(dir, head + "904" + tail, {"--frobnicate"}).status, 2);
 }
 
+TEST(ContribTrapHandlerInput, NamesOfAFullMibSetGiveTheSameLine)
+{
+    // snmptrapd with SNMPv2-MIB and KELP-STORAGE-MIB loaded, strings unquoted.
+    TempDir dir;
+    const RunResult result =
+        handle(dir, "storage1\nUDP: [10.0.0.5]:1->[10.0.0.1]:162\n"
+                    "DISMAN-EVENT-MIB::sysUpTimeInstance 0:0:00:01.00\n"
+                    "SNMPv2-MIB::snmpTrapOID.0 KELP-STORAGE-MIB::virtualDiskWarningAlertExt\n"
+                    "KELP-STORAGE-MIB::alertEventNumber.0 2058\n"
+                    "KELP-STORAGE-MIB::alertMessage.0 Virtual disk 0:1 is degraded.\n"
+                    "KELP-STORAGE-MIB::alertLocation.0 Controller 0 (Vorn RX-240)\n"
+                    "KELP-STORAGE-MIB::alertSubLocation.0 UNKNOWN\n"
+                    "KELP-STORAGE-MIB::alertObjectRow.0 1.3.6.1.4.1.61234.20571.1.20.140.1.1.1.2\n"
+                    "KELP-STORAGE-MIB::alertObjectNexus.0 0\\128\\1\n"
+                    "KELP-STORAGE-MIB::alertCurrentStatus.0 nonCritical\n"
+                    "KELP-STORAGE-MIB::alertMessageId.0 KLP2058\n");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "storage1 virtualDiskWarningAlertExt event=2058 severity=warning "
+                          "object=\"virtualDiskEntry.2\" nexus=\"0\\128\\1\" "
+                          "location=\"Controller 0 (Vorn RX-240)\" "
+                          "message=\"Virtual disk 0:1 is degraded.\"\n");
+}
+
 } // namespace
 } // namespace kelp::test
