@@ -242,6 +242,12 @@ TEST(ContribTrapHandlerInput, ExtendedTrapNumbersAndUnknownNumbersStillGiveALine
     const std::string logged = readFile(dir / "kelp.log");
     EXPECT_NE(logged.find(" host arrayDiskCriticalAlert event=2048 "), std::string::npos) << logged;
     EXPECT_EQ(handle(dir, head + "904" + tail, {"--frobnicate"}).status, 2);
+    // A log that cannot be written loses no line without a word.
+    result = handle(dir, head + "904" + tail, {"--log", dir / "no/such/dir/kelp.log"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("cannot append to"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("arrayDiskCriticalAlert event=2048"), std::string::npos)
+        << result.err;
 }
 
 TEST(ContribTrapHandlerInput, NamesOfAFullMibSetGiveTheSameLine)
