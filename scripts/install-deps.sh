@@ -17,6 +17,8 @@ packages=(
   libsystemd-dev systemd
   dpkg-dev file man-db groff-base
   prometheus-snmp-exporter monitoring-plugins-standard
+  # contrib's dashboard check reads the exporter's snmp.yml.
+  python3-yaml
 )
 
 missing=()
