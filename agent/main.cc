@@ -13,6 +13,7 @@
 
 #include "log.h"
 #include "module.h"
+#include "notify.h"
 #include "options.h"
 #include "paths.h"
 #include "runtimesetup.h"
@@ -58,6 +59,14 @@ SystemIdentity identityOf(const Options &options)
     identity.name = options.sysName.empty() ? std::string(host.nodename) : options.sysName;
     identity.location = options.sysLocation;
     return identity;
+}
+
+// The service manager's status line while the agent serves.
+std::string servedStatus(const Options &options)
+{
+    const std::string source = options.live ? "this machine's storage" : options.model;
+    return "serving " + source +
+           (options.agentx ? " as an AgentX subagent" : " on " + options.listen);
 }
 
 int run(const Options &options)
@@ -128,6 +137,8 @@ int run(const Options &options)
         logLine("answering on %s, community \"%s\" (read-only)", options.listen.c_str(),
                 options.community.c_str());
     }
+    logLine("%s", mibHint(binaryDir()).c_str());
+    notifyReady(servedStatus(options));
     snmp.sendColdStart();
 
     snmp.run(
@@ -137,6 +148,7 @@ int run(const Options &options)
         },
         [&runtime] { runtime.reload(); });
 
+    notifyStopping();
     stopAll();
     logLine("stopped");
     return 0;
