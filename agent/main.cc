@@ -61,14 +61,6 @@ SystemIdentity identityOf(const Options &options)
     return identity;
 }
 
-// The service manager's status line while the agent serves.
-std::string servedStatus(const Options &options)
-{
-    const std::string source = options.live ? "this machine's storage" : options.model;
-    return "serving " + source +
-           (options.agentx ? " as an AgentX subagent" : " on " + options.listen);
-}
-
 int run(const Options &options)
 {
     std::string error;
@@ -138,7 +130,7 @@ int run(const Options &options)
                 options.community.c_str());
     }
     logLine("%s", mibHint(binaryDir()).c_str());
-    notifyReady(servedStatus(options));
+    notifyReady(servingStatus(options));
     snmp.sendColdStart();
 
     snmp.run(

@@ -35,6 +35,13 @@ unsigned long long monotonicMicroseconds()
 
 } // namespace
 
+std::string servingStatus(const Options &options)
+{
+    const std::string source = options.live ? "this machine's storage" : options.model;
+    return "serving " + source +
+           (options.agentx ? " as an AgentX subagent" : " on " + options.listen);
+}
+
 void notifyReady(const std::string &status)
 {
     {

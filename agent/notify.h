@@ -7,7 +7,13 @@
 
 #include <string>
 
+#include "options.h"
+
 namespace kelp::agent {
+
+// The status line while the agent serves: "serving MODEL on ADDR" (or this
+// machine's storage, or as an AgentX subagent).
+std::string servingStatus(const Options &options);
 
 // READY=1 with STATUS=`status`: the agent answers requests.
 void notifyReady(const std::string &status);
