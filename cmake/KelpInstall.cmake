@@ -39,9 +39,12 @@ install(CODE "
 
 # The unit names the agent where this install puts it: the prefix is the
 # install's (cmake --install --prefix, CPack), not only the configured one.
+# Each prefix gets its own generated copy, so that installs to different
+# prefixes running at once (the tests) do not take each other's.
 install(CODE "
   set(KELP_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
-  configure_file(\"${CMAKE_SOURCE_DIR}/packaging/kelpagent.service.in\"
-                 \"${CMAKE_BINARY_DIR}/packaging/kelpagent.service\" @ONLY)
+  string(MD5 kelp_unit_key \"\${CMAKE_INSTALL_PREFIX}\")
+  set(kelp_unit \"${CMAKE_BINARY_DIR}/packaging/unit-\${kelp_unit_key}/kelpagent.service\")
+  configure_file(\"${CMAKE_SOURCE_DIR}/packaging/kelpagent.service.in\" \"\${kelp_unit}\" @ONLY)
   file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_UNITDIR}\" TYPE FILE
-       FILES \"${CMAKE_BINARY_DIR}/packaging/kelpagent.service\")")
+       FILES \"\${kelp_unit}\")")
