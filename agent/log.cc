@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +26,7 @@ struct Logger {
     std::mutex mutex;
     LogSink sink = LogSink::kStderrStamped; // guarded by mutex
     LogLevel threshold = LogLevel::kInfo;   // guarded by mutex
+    bool priorities = false;                // guarded by mutex
     int syslogFd = -1;                      // guarded by mutex; -1: not connected
 };
 
@@ -42,6 +44,28 @@ void writeStderr(const std::string &line)
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
+// A socket connected to the syslog socket, or -1 with the reason in *why.
+int openSyslog(std::string *why)
+{
+    const std::string path = syslogSocketPath();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        *why = "the path is too long for a socket";
+        return -1;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        *why = std::strerror(errno);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    return fd;
+}
+
 // Connects the syslog socket when it is not; false when it cannot be.
 // Requires the logger's mutex.
 bool connectSyslog(Logger &log)
@@ -49,26 +73,9 @@ bool connectSyslog(Logger &log)
     if (log.syslogFd >= 0) {
         return true;
     }
-    const char *path = std::getenv("KELP_SYSLOG_SOCKET");
-    if (path == nullptr || path[0] == '\0') {
-        path = kDefaultSyslogSocket;
-    }
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (std::strlen(path) >= sizeof addr.sun_path) {
-        return false;
-    }
-    std::strcpy(addr.sun_path, path);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return false;
-    }
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return false;
-    }
-    log.syslogFd = fd;
-    return true;
+    std::string why;
+    log.syslogFd = openSyslog(&why);
+    return log.syslogFd >= 0;
 }
 
 // Sends one datagram, reconnecting once (the syslog daemon may have been
@@ -119,12 +126,36 @@ LogSink chooseLogSink(bool syslog)
                                                                          : LogSink::kStderrStamped;
 }
 
-void logOpen(LogSink sink, LogLevel threshold)
+std::string syslogSocketPath()
 {
+    const char *path = std::getenv("KELP_SYSLOG_SOCKET");
+    return path == nullptr || path[0] == '\0' ? kDefaultSyslogSocket : path;
+}
+
+bool logOpen(LogSink sink, LogLevel threshold, bool priorities, std::string *error)
+{
+    int syslogFd = -1;
+    if (sink == LogSink::kSyslog) {
+        std::string why;
+        syslogFd = openSyslog(&why);
+        if (syslogFd < 0) {
+            if (error != nullptr) {
+                *error = "--syslog: cannot reach the syslog socket " + syslogSocketPath() + ": " +
+                         why + " (is a syslog daemon or journald running?)";
+            }
+            return false;
+        }
+    }
     Logger &log = logger();
     std::lock_guard lock(log.mutex);
+    if (log.syslogFd >= 0) {
+        close(log.syslogFd);
+    }
+    log.syslogFd = syslogFd;
     log.sink = sink;
     log.threshold = threshold;
+    log.priorities = priorities;
+    return true;
 }
 
 void logLine(const char *format, ...)
@@ -156,14 +187,15 @@ void logText(LogLevel level, std::string_view text)
         if (sendSyslog(log, syslogDatagram(level, now, getpid(), text))) {
             return;
         }
-        // No syslog daemon: the line still goes somewhere a user can see.
-        writeStderr(stampedLine(now, text));
+        // The syslog daemon went away: the line still goes somewhere a user
+        // can see.
+        writeStderr(stderrLine(level, now, text, true, log.priorities));
         return;
     case LogSink::kStderrPlain:
-        writeStderr("kelpagent: " + std::string(text) + "\n");
+        writeStderr(stderrLine(level, now, text, false, true));
         return;
     case LogSink::kStderrStamped:
-        writeStderr(stampedLine(now, text));
+        writeStderr(stderrLine(level, now, text, true, log.priorities));
         return;
     }
 }
@@ -180,6 +212,21 @@ std::string stampedLine(std::chrono::system_clock::time_point when, std::string_
     const size_t length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
     std::snprintf(stamp + length, sizeof stamp - length, ".%03d", static_cast<int>(millis));
     return std::string(stamp) + " kelpagent: " + std::string(body) + "\n";
+}
+
+std::string priorityPrefix(LogLevel level)
+{
+    return "<" + std::to_string(static_cast<int>(level)) + ">";
+}
+
+std::string stderrLine(LogLevel level, std::chrono::system_clock::time_point when,
+                       std::string_view body, bool stamped, bool priorities)
+{
+    std::string line = priorities ? priorityPrefix(level) : std::string();
+    if (stamped) {
+        return line + stampedLine(when, body);
+    }
+    return line + "kelpagent: " + std::string(body) + "\n";
 }
 
 std::string syslogDatagram(LogLevel level, std::chrono::system_clock::time_point when, pid_t pid,

@@ -1,7 +1,9 @@
 // The agent's log: one whole line per event, from any thread, to one of
 // three places chosen at start. On a terminal or in a file each line starts
 // with the local time; under systemd (stderr is the journal's stream)
-// journald stamps lines itself; with --syslog lines go to the syslog socket.
+// journald stamps lines itself and takes each line's severity from its
+// "<N>" prefix (also written on request, --log-priorities); with --syslog
+// lines go to the syslog socket.
 // net-snmp's own messages come here too (snmpagent.cc), so they share the
 // format and the place.
 #ifndef KELP_AGENT_LOG_H
@@ -22,7 +24,7 @@ enum class LogLevel { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6, kDebug =
 
 enum class LogSink {
     kStderrStamped, // "2026-11-23 13:45:01.123 kelpagent: text"
-    kStderrPlain,   // "kelpagent: text" (journald adds time and severity)
+    kStderrPlain,   // "<5>kelpagent: text" (journald adds the time, reads the severity)
     kSyslog,        // datagrams to the syslog socket, facility daemon
 };
 
@@ -34,11 +36,20 @@ bool isJournalStream(const char *journalStream, int fd);
 // journal's stream, else kStderrStamped.
 LogSink chooseLogSink(bool syslog);
 
-// From now on lines go to `sink`; kSyslog sends to `syslogSocket` (a Unix
-// datagram socket; /dev/log unless KELP_SYSLOG_SOCKET names another). Lines
-// below `threshold` are dropped. Before the first call: kStderrStamped,
-// threshold kInfo.
-void logOpen(LogSink sink, LogLevel threshold);
+// The syslog socket kSyslog sends to: KELP_SYSLOG_SOCKET when set and not
+// empty, else /dev/log.
+std::string syslogSocketPath();
+
+// From now on lines go to `sink`; kSyslog sends to syslogSocketPath() (a
+// Unix datagram socket). Lines below `threshold` are dropped;
+// `priorities` puts the "<N>" prefix before kStderrStamped lines too.
+// Before the first call: kStderrStamped, threshold kInfo, no prefix.
+// kSyslog connects at once: false with a message naming the socket and the
+// reason when it cannot (the sink is then left as it was), so that a
+// daemon asked to log to syslog does not start logging nowhere. A syslog
+// daemon that goes away later costs lines to stderr, not the agent.
+bool logOpen(LogSink sink, LogLevel threshold, bool priorities = false,
+             std::string *error = nullptr);
 
 // printf-style, at kNotice; the line feed is added.
 void logLine(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -50,6 +61,15 @@ void logText(LogLevel level, std::string_view text);
 // The line kStderrStamped writes for `body` at `when` (local time), with
 // its line feed.
 std::string stampedLine(std::chrono::system_clock::time_point when, std::string_view body);
+
+// "<N>": the prefix by which journald (and sd-daemon(3) readers) take a
+// stderr line's severity.
+std::string priorityPrefix(LogLevel level);
+
+// The stderr line for `body` at `level` and `when`: stamped or not, with the
+// priority prefix or not, with its line feed.
+std::string stderrLine(LogLevel level, std::chrono::system_clock::time_point when,
+                       std::string_view body, bool stamped, bool priorities);
 
 // The datagram kSyslog sends: "<PRI>Mmm dd hh:mm:ss kelpagent[pid]: body",
 // PRI = facility daemon + level (RFC 3164, as syslog(3) writes it).

@@ -73,7 +73,7 @@ TEST(Log, TheSyslogSinkSendsOneDatagramPerLineToTheSocket)
     setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 
     setenv("KELP_SYSLOG_SOCKET", path.c_str(), 1);
-    logOpen(LogSink::kSyslog, LogLevel::kInfo);
+    ASSERT_TRUE(logOpen(LogSink::kSyslog, LogLevel::kInfo));
     logLine("serving the model %s", "sample.xml");
     logAt(LogLevel::kDebug, "below the threshold");
     logAt(LogLevel::kWarning, "refused");
@@ -97,6 +97,55 @@ TEST(Log, TheSyslogSinkSendsOneDatagramPerLineToTheSocket)
     close(sock);
     unlink(path.c_str());
     rmdir(dir);
+}
+
+TEST(Log, StderrLinesCarryThePriorityPrefixWhenAsked)
+{
+    const auto when = std::chrono::system_clock::from_time_t(1795000000) + 7ms;
+    struct Case {
+        LogLevel level;
+        bool stamped, priorities;
+        std::string pattern;
+    };
+    const Case cases[] = {
+        {LogLevel::kNotice, false, true, R"(<5>kelpagent: body\n)"},
+        {LogLevel::kError, false, true, R"(<3>kelpagent: body\n)"},
+        {LogLevel::kWarning, false, true, R"(<4>kelpagent: body\n)"},
+        {LogLevel::kInfo, false, true, R"(<6>kelpagent: body\n)"},
+        {LogLevel::kDebug, false, true, R"(<7>kelpagent: body\n)"},
+        {LogLevel::kNotice, false, false, R"(kelpagent: body\n)"},
+        {LogLevel::kWarning, true, true,
+         R"(<4>\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.007 kelpagent: body\n)"},
+        {LogLevel::kWarning, true, false,
+         R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.007 kelpagent: body\n)"},
+    };
+    for (const Case &c : cases) {
+        const std::string line = stderrLine(c.level, when, "body", c.stamped, c.priorities);
+        EXPECT_TRUE(std::regex_match(line, std::regex(c.pattern))) << line;
+    }
+    EXPECT_EQ(priorityPrefix(LogLevel::kError), "<3>");
+}
+
+TEST(Log, SyslogWithoutItsSocketIsRefusedAndTheSinkStays)
+{
+    setenv("KELP_SYSLOG_SOCKET", "/nonexistent-kelp-dir/log", 1);
+    EXPECT_EQ(syslogSocketPath(), "/nonexistent-kelp-dir/log");
+    std::string error;
+    EXPECT_FALSE(logOpen(LogSink::kSyslog, LogLevel::kInfo, false, &error));
+    EXPECT_NE(error.find("/nonexistent-kelp-dir/log"), std::string::npos) << error;
+    EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
+    // A path too long for a socket address is a reason too, not an overrun.
+    setenv("KELP_SYSLOG_SOCKET", ("/tmp/" + std::string(200, 'x')).c_str(), 1);
+    error.clear();
+    EXPECT_FALSE(logOpen(LogSink::kSyslog, LogLevel::kInfo, false, &error));
+    EXPECT_NE(error.find("too long"), std::string::npos) << error;
+    unsetenv("KELP_SYSLOG_SOCKET");
+    EXPECT_EQ(syslogSocketPath(), "/dev/log");
+
+    testing::internal::CaptureStderr();
+    logLine("still on stderr");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("kelpagent: still on stderr\n"),
+              std::string::npos);
 }
 
 TEST(Log, ARateLimitLetsOneEventPerKeyThroughEachInterval)

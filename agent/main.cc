@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "config.h"
 #include "log.h"
 #include "module.h"
 #include "notify.h"
@@ -20,6 +21,7 @@
 #include "snmp/handler.h"
 #include "snmpagent.h"
 #include "snmpconf.h"
+#include "startup.h"
 #include "traps/trap.h"
 #include "traps/trapsend.h"
 
@@ -76,6 +78,10 @@ int run(const Options &options)
     settings.community = options.community;
     settings.trapSinks = options.trapSinks;
     settings.trapV1 = options.trapV1;
+    settings.trapInform = options.trapInform;
+    settings.trapCommunity = trapCommunityOf(options);
+    settings.informTimeout = options.informTimeout;
+    settings.informRetries = options.informRetries;
     settings.persistentDir = options.stateDir + "/snmp";
     settings.identity = identityOf(options);
     SnmpAgent snmp;
@@ -126,8 +132,8 @@ int run(const Options &options)
                                              ? "the default master socket"
                                              : options.agentxSocket.c_str());
     } else {
-        logLine("answering on %s, community \"%s\" (read-only)", options.listen.c_str(),
-                options.community.c_str());
+        logLine("%s",
+                answeringLine(options.listen, snmp.boundAddresses(), options.community).c_str());
     }
     logLine("%s", mibHint(binaryDir()).c_str());
     notifyReady(servingStatus(options));
@@ -138,7 +144,7 @@ int run(const Options &options)
             traps.pump();
             requests->completeDelegated();
         },
-        [&runtime] { runtime.reload(); });
+        [&runtime] { runtime.reload(); }, [&runtime] { runtime.reopenDebugFile("SIGUSR1"); });
 
     notifyStopping();
     stopAll();
@@ -169,7 +175,19 @@ int main(int argc, char **argv)
         std::printf("kelpagent %s\n", KELP_VERSION);
         return 0;
     }
-    logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo);
+    // Before the log opens: the file may ask for syslog. A bad file is no
+    // usage error (status 1, not 2) and --help does not read it.
+    if (!applyConfigFile(places.config, argc, argv, &options, &error)) {
+        std::fprintf(stderr, "kelpagent: %s\n", error.c_str());
+        return 1;
+    }
+    if (!logOpen(chooseLogSink(options.syslog), options.debug ? LogLevel::kDebug : LogLevel::kInfo,
+                 options.logPriorities, &error)) {
+        return fail(error);
+    }
+    if (!options.config.empty()) {
+        logLine("options read from %s", options.config.c_str());
+    }
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }

@@ -1,9 +1,11 @@
 // Driving the plug-in's lifetime through its dispatch.
 #include "module.h"
 
+#include <array>
 #include <vector>
 
 #include "log.h"
+#include "startup.h"
 
 namespace kelp::agent {
 
@@ -22,17 +24,17 @@ bool ModuleHost::open(const std::string &path, std::string *error)
                        uint32_t *outUsed) {
         return host_.call(command, in, inSize, out, outSize, outUsed);
     };
-    logLine("module %s", path.c_str());
+    path_ = path;
     return true;
 }
 
 bool ModuleHost::load(void *const *services, uint64_t handle, std::string *error)
 {
+    std::array<uint32_t, 3> statuses{}, answers{};
     for (uint32_t command = SM_CMD_INFO1; command <= SM_CMD_INFO3; command++) {
-        uint32_t answer = 0;
-        const uint32_t status = host_.info(command, &answer);
-        logLine("command %u: status %u, answer %u", command, status, answer);
+        statuses[command - SM_CMD_INFO1] = host_.info(command, &answers[command - SM_CMD_INFO1]);
     }
+    logLine("%s", pluginInfoLine(path_, statuses, answers).c_str());
     const uint32_t loadStatus = host_.load(services, handle);
     if (loadStatus != SM_SNMP_NOERROR) {
         *error =
@@ -47,15 +49,25 @@ bool ModuleHost::load(void *const *services, uint64_t handle, std::string *error
         *error = "the module lists no MIB (command 6: status " + std::to_string(listStatus) + ")";
         return false;
     }
-    logLine("MIB definition: %zu groups, served as one subtree %s", groups.size(),
-            dottedOid(kMibRoot, std::size(kMibRoot)).c_str());
+    std::vector<DefinedGroup> defined;
     for (const SMMibGroupDef *group : groups) {
-        const std::string oid = dottedOid(group->arcs, group->arcCount);
-        const bool inside = group->arcs != nullptr && insideRoot({group->arcs, group->arcCount});
-        logLine("  %-40s %-7s %3u columns%s", oid.c_str(),
-                group->indexCount == 0 ? "scalars" : "table", group->columnCount,
-                inside ? "" : "  (outside the served subtree: not answered)");
+        DefinedGroup d;
+        if (group->arcs != nullptr) {
+            d.arcs.assign(group->arcs, group->arcs + group->arcCount);
+        }
+        d.table = group->indexCount != 0;
+        d.columns = group->columnCount;
+        defined.push_back(std::move(d));
     }
+    const MibSummary summary = summariseMib(defined);
+    logLine("%s", summary.definition.c_str());
+    for (const std::string &line : summary.details) {
+        logAt(LogLevel::kDebug, "%s", line.c_str());
+    }
+    for (const std::string &line : summary.outside) {
+        logAt(LogLevel::kWarning, "%s", line.c_str());
+    }
+    logLine("%s", summary.served.c_str());
     return true;
 }
 

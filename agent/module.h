@@ -26,7 +26,8 @@ class ModuleHost {
 
     // Commands 1-3 (answers logged), 4 with `services` (SM_SERVICE_COUNT
     // entries, kept by the plug-in until command 5) and `handle`, then 6,
-    // logging every group of the MIB definition. False with a message when
+    // logging what the MIB definition registers and what is served (each
+    // group with --debug). False with a message when
     // command 4 or 6 fails.
     bool load(void *const *services, uint64_t handle, std::string *error);
 
@@ -42,6 +43,7 @@ class ModuleHost {
 
   private:
     PluginHost host_;
+    std::string path_;
     Dispatch dispatch_;
     bool loaded_ = false;
     bool monitoring_ = false;

@@ -1,5 +1,7 @@
 // Command-line parsing over a table of option rows. Adding an option is
-// adding a row (and a field of Options).
+// adding a row (and a field of Options); the row is a key of the
+// configuration file too (config.cc), and docs/man/kelpagent.8 and
+// kelpagent.conf.5 must name it (the man_ tests check).
 #include "options.h"
 
 #include <sys/stat.h>
@@ -14,7 +16,10 @@
 namespace kelp::agent {
 namespace {
 
-enum class Arg { kNone, kRequired, kOptional };
+// kRepeated takes a value like kRequired, and each use adds one to a list
+// (its help says "repeatable"); the configuration file lets only these
+// repeat.
+enum class Arg { kNone, kRequired, kOptional, kRepeated };
 
 struct OptionRow {
     const char *name; // without the leading "--"
@@ -67,7 +72,44 @@ bool setText(std::string *field, const std::string &value, const char *what, std
     return true;
 }
 
+// A community net-snmp can match: a word of at most kMaxCommunity bytes
+// (its fields hold 256 bytes; a longer one would be accepted here and then
+// never match).
+bool setCommunity(std::string *field, const std::string &value, const char *what,
+                  std::string *error)
+{
+    if (value.size() > kMaxCommunity) {
+        *error = std::string(what) + " takes at most " + std::to_string(kMaxCommunity) +
+                 " bytes, not " + std::to_string(value.size());
+        return false;
+    }
+    return setWord(field, value, what, error);
+}
+
+// A number of seconds in (0, max] (at least `min`), finite.
+bool setSeconds(double *field, const std::string &value, double min, double max, const char *what,
+                std::string *error)
+{
+    char *end = nullptr;
+    errno = 0;
+    const double seconds = std::strtod(value.c_str(), &end);
+    if (value.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
+        seconds <= 0 || seconds < min || seconds > max) {
+        std::ostringstream bounds;
+        bounds << what << " takes a number of seconds from " << min << " to " << max << ", not \""
+               << value << "\"";
+        *error = bounds.str();
+        return false;
+    }
+    *field = seconds;
+    return true;
+}
+
 constexpr OptionRow kOptions[] = {
+    {"config", Arg::kRequired, "FILE", "read options from FILE; the command line wins",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.config, v, "--config", e);
+     }},
     {"model", Arg::kRequired, "FILE", "storage model the data store serves",
      [](Options &o, const std::string &v, std::string *e) {
          return setPath(&o.model, v, "--model", e);
@@ -78,14 +120,7 @@ constexpr OptionRow kOptions[] = {
      }},
     {"community", Arg::kRequired, "NAME", "the read-only community",
      [](Options &o, const std::string &v, std::string *e) {
-         // net-snmp keeps communities in 256-byte fields: a longer one would
-         // be accepted here and then never match a request.
-         if (v.size() > kMaxCommunity) {
-             *e = "--community takes at most " + std::to_string(kMaxCommunity) + " bytes, not " +
-                  std::to_string(v.size());
-             return false;
-         }
-         return setWord(&o.community, v, "--community", e);
+         return setCommunity(&o.community, v, "--community", e);
      }},
     {"agentx", Arg::kOptional, "SOCKET",
      "run as an AgentX subagent of a running snmpd (socket: /var/agentx/master)",
@@ -93,7 +128,9 @@ constexpr OptionRow kOptions[] = {
          o.agentx = true;
          return v.empty() || setWord(&o.agentxSocket, v, "--agentx", e);
      }},
-    {"trap-sink", Arg::kRequired, "ADDR", "send traps there (repeatable; e.g. udp:127.0.0.1:162)",
+    {"trap-sink", Arg::kRepeated, "ADDR",
+     "send traps there (repeatable; e.g. udp:127.0.0.1:162; inform:ADDR for an "
+     "acknowledged SNMPv2c inform)",
      [](Options &o, const std::string &v, std::string *e) {
          std::string sink;
          if (!setWord(&sink, v, "--trap-sink", e)) {
@@ -102,13 +139,40 @@ constexpr OptionRow kOptions[] = {
          o.trapSinks.push_back(sink);
          return true;
      }},
-    {"trap-version", Arg::kRequired, "1|2c", "SNMPv1 traps or SNMPv2c notifications (2c)",
+    {"trap-version", Arg::kRequired, "1|2c|2c-inform",
+     "SNMPv1 traps, SNMPv2c notifications or SNMPv2c informs to every sink (2c)",
      [](Options &o, const std::string &v, std::string *e) {
-         if (v != "1" && v != "2c") {
-             *e = "--trap-version takes 1 or 2c, not \"" + v + "\"";
+         if (v != "1" && v != "2c" && v != "2c-inform") {
+             *e = "--trap-version takes 1, 2c or 2c-inform, not \"" + v + "\"";
              return false;
          }
          o.trapV1 = v == "1";
+         o.trapInform = v == "2c-inform";
+         return true;
+     }},
+    {"trap-community", Arg::kRequired, "NAME", "the community traps carry (the read community)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setCommunity(&o.trapCommunity, v, "--trap-community", e);
+     }},
+    {"inform-timeout", Arg::kRequired, "SECONDS",
+     "send an unacknowledged inform again after this long (1)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setSeconds(&o.informTimeout, v, kMinInformTimeout, kMaxInformTimeout,
+                           "--inform-timeout", e);
+     }},
+    {"inform-retries", Arg::kRequired, "N",
+     "times an unacknowledged inform is sent again before it is given up (5)",
+     [](Options &o, const std::string &v, std::string *e) {
+         char *end = nullptr;
+         errno = 0;
+         const long retries = std::strtol(v.c_str(), &end, 10);
+         if (v.empty() || errno != 0 || *end != '\0' || retries < 0 ||
+             retries > kMaxInformRetries) {
+             *e = "--inform-retries takes a whole number from 0 to " +
+                  std::to_string(kMaxInformRetries) + ", not \"" + v + "\"";
+             return false;
+         }
+         o.informRetries = static_cast<int>(retries);
          return true;
      }},
     {"ini", Arg::kRequired, "FILE", "the private ini store",
@@ -180,6 +244,9 @@ constexpr OptionRow kOptions[] = {
      }},
     {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
      [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},
+    {"log-priorities", Arg::kNone, nullptr,
+     "start every stderr line with its syslog priority, <3> to <7> (always under journald)",
+     [](Options &o, const std::string &, std::string *) { return o.logPriorities = true; }},
     {"debug", Arg::kNone, nullptr,
      "debug printing of the plug-in into <state-dir>/debug.log (the ini file is not changed)",
      [](Options &o, const std::string &, std::string *) { return o.debug = true; }},
@@ -207,7 +274,13 @@ bool isFile(const std::string &path)
 
 } // namespace
 
-bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error)
+const std::string &trapCommunityOf(const Options &options)
+{
+    return options.trapCommunity.empty() ? options.community : options.trapCommunity;
+}
+
+bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error,
+                  std::vector<std::string> *given)
 {
     for (int i = 1; i < argc; i++) {
         std::string_view word = argv[i];
@@ -233,7 +306,7 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
                 return false;
             }
             value = std::string(word.substr(equals + 1));
-        } else if (row->arg == Arg::kRequired) {
+        } else if (row->arg == Arg::kRequired || row->arg == Arg::kRepeated) {
             if (i + 1 >= argc) {
                 *error = "--" + std::string(name) + " needs " + row->valueName;
                 return false;
@@ -246,8 +319,35 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
         if (!row->apply(*options, value, error)) {
             return false;
         }
+        if (given != nullptr) {
+            given->emplace_back(row->name);
+        }
     }
     return true;
+}
+
+std::vector<OptionShape> optionShapes()
+{
+    std::vector<OptionShape> shapes;
+    for (const OptionRow &row : kOptions) {
+        const OptionArg arg = row.arg == Arg::kNone       ? OptionArg::kNone
+                              : row.arg == Arg::kOptional ? OptionArg::kOptional
+                                                          : OptionArg::kRequired;
+        shapes.push_back({row.name, arg, row.arg == Arg::kRepeated,
+                          row.valueName == nullptr ? "" : row.valueName, row.help});
+    }
+    return shapes;
+}
+
+bool applyOption(std::string_view name, const std::string &value, Options *options,
+                 std::string *error)
+{
+    const OptionRow *row = findOption(name);
+    if (row == nullptr) {
+        *error = "unknown option --" + std::string(name);
+        return false;
+    }
+    return row->apply(*options, value, error);
 }
 
 bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error)
@@ -298,7 +398,7 @@ std::string usageText(const DefaultPlaces &places)
             "options:\n";
     for (const OptionRow &row : kOptions) {
         std::string left = std::string("--") + row.name;
-        if (row.arg == Arg::kRequired) {
+        if (row.arg == Arg::kRequired || row.arg == Arg::kRepeated) {
             left += std::string(" ") + row.valueName;
         } else if (row.arg == Arg::kOptional) {
             left += std::string(" [") + row.valueName + "]";
@@ -307,8 +407,13 @@ std::string usageText(const DefaultPlaces &places)
              << row.help << "\n";
     }
     text << "\ndefaults:\n"
+         << "  --config "
+         << (places.config.empty() ? "none (a kelpagent in its build tree reads no file)"
+                                   : places.config + " when it exists")
+         << "\n"
          << "  --listen " << kDefaultListen << ", --community " << kDefaultCommunity
-         << " (read-only), no trap sink, --trap-version 2c\n"
+         << " (read-only), no trap sink, --trap-version 2c,\n"
+         << "  --trap-community: the read community\n"
          << "  --state-dir "
          << (places.stateDir.empty() ? "$XDG_STATE_HOME/kelp or ~/.local/state/kelp"
                                      : places.stateDir)

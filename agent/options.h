@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelp::agent {
@@ -26,14 +27,28 @@ inline constexpr double kMaxLiveInterval = 86400;
 // The longest --rescan-timeout: a day.
 inline constexpr double kMaxRescanTimeout = 86400;
 
+// An inform unacknowledged after this many seconds is sent again, at most
+// this many times more (net-snmp's own defaults for its sessions); the
+// bounds of --inform-timeout and --inform-retries.
+inline constexpr double kDefaultInformTimeout = 1;
+inline constexpr double kMinInformTimeout = 0.01;
+inline constexpr double kMaxInformTimeout = 60;
+inline constexpr int kDefaultInformRetries = 5;
+inline constexpr int kMaxInformRetries = 20;
+
 struct Options {
-    std::string model; // empty: the first sample model found (modelCandidates)
+    std::string config; // --config; empty: DefaultPlaces::config when that file exists
+    std::string model;  // empty: the first sample model found (modelCandidates)
     std::string listen = kDefaultListen;
     std::string community = kDefaultCommunity;
     bool agentx = false;
     std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
     std::vector<std::string> trapSinks;
-    bool trapV1 = false;  // --trap-version 1; 2c otherwise
+    bool trapV1 = false;       // --trap-version 1; 2c otherwise
+    bool trapInform = false;   // --trap-version 2c-inform: every sink is an inform sink
+    std::string trapCommunity; // empty: the read community (trapCommunityOf)
+    double informTimeout = kDefaultInformTimeout; // seconds
+    int informRetries = kDefaultInformRetries;
     std::string ini;      // empty: <state-dir>/kelp.ini
     std::string stateDir; // empty: $XDG_STATE_HOME/kelp or ~/.local/state/kelp
     std::string control;  // empty: <state-dir>/control.sock
@@ -46,21 +61,53 @@ struct Options {
     std::string liveRoot = "/";
     double liveInterval = kDefaultLiveInterval; // seconds between rescans
     bool syslog = false;
+    bool logPriorities = false; // "<N>" before every stderr line (always under journald)
     bool debug = false;
     bool help = false;
     bool version = false;
 };
 
+// The community traps and informs carry: --trap-community, or the read
+// community when none is given.
+const std::string &trapCommunityOf(const Options &options);
+
 // Parses argv into *options (starting from the defaults above). Accepts
 // "--name value" and "--name=value"; --agentx takes a socket only when the
-// next word is not an option. False with a message for a usage error.
-bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error);
+// next word is not an option. When `given` is not null it receives the
+// names of the options on the command line (without dashes), in order.
+// False with a message for a usage error.
+bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error,
+                  std::vector<std::string> *given = nullptr);
+
+// What an option takes: nothing (a flag), a value, or a value only when one
+// follows (--agentx).
+enum class OptionArg { kNone, kRequired, kOptional };
+
+// One row of the option table as the configuration file sees it.
+struct OptionShape {
+    std::string_view name; // without the leading "--"
+    OptionArg arg;
+    bool repeatable; // each use adds to a list (--trap-sink); otherwise the last use wins
+    std::string_view valueName;
+    std::string_view help;
+};
+
+// Every option, in the order --help lists them.
+std::vector<OptionShape> optionShapes();
+
+// Applies option `name` (without dashes) with `value` to *options exactly
+// as the command line does; `value` is ignored for a flag and empty means
+// "no value" for an optional one. False with a message for an unknown name
+// or a bad value.
+bool applyOption(std::string_view name, const std::string &value, Options *options,
+                 std::string *error);
 
 // Where the defaults of the empty fields come from, for --help and startup.
 struct DefaultPlaces {
     std::string stateDir;                     // may be empty when HOME is unknown
     std::vector<std::string> modelCandidates; // in the order tried
     std::string module;
+    std::string config; // the configuration file read without --config; empty: none
 };
 
 // Fills the empty fields from `places`. False with a message when no model

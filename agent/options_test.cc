@@ -96,10 +96,47 @@ TEST(Options, DefaultsAreTheDocumentedOnes)
     EXPECT_FALSE(o.trapV1);
     EXPECT_FALSE(o.agentx);
     EXPECT_TRUE(o.trapSinks.empty());
+    EXPECT_FALSE(o.trapInform);
+    EXPECT_EQ(o.trapCommunity, "");
+    EXPECT_EQ(o.informTimeout, 1.0);
+    EXPECT_EQ(o.informRetries, 5);
+}
+
+TEST(Options, TrapsCarryTheReadCommunityUnlessTheirOwnIsGiven)
+{
+    Options same, own;
+    std::string error;
+    ASSERT_TRUE(parse({"--community", "reader"}, &same, &error)) << error;
+    EXPECT_EQ(trapCommunityOf(same), "reader");
+    ASSERT_TRUE(parse({"--community", "reader", "--trap-community=alarms"}, &own, &error)) << error;
+    EXPECT_EQ(trapCommunityOf(own), "alarms");
+    EXPECT_EQ(own.community, "reader");
+}
+
+TEST(Options, TrapVersionChoosesTrapsOrInforms)
+{
+    struct Case {
+        const char *version;
+        bool v1, inform;
+    };
+    for (const Case &c :
+         {Case{"1", true, false}, Case{"2c", false, false}, Case{"2c-inform", false, true}}) {
+        Options o;
+        std::string error;
+        ASSERT_TRUE(parse({"--trap-version", c.version}, &o, &error)) << error;
+        EXPECT_EQ(o.trapV1, c.v1) << c.version;
+        EXPECT_EQ(o.trapInform, c.inform) << c.version;
+    }
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"--inform-timeout", "0.25", "--inform-retries=0"}, &o, &error)) << error;
+    EXPECT_EQ(o.informTimeout, 0.25);
+    EXPECT_EQ(o.informRetries, 0);
 }
 
 TEST(Options, UsageErrorsAreRefusedWithAMessage)
 {
+    const std::string longCommunity(256, 'c');
     const std::vector<std::vector<const char *>> bad{
         {"--nope"},
         {"model.xml"},
@@ -115,6 +152,19 @@ TEST(Options, UsageErrorsAreRefusedWithAMessage)
         {"--rescan-timeout", "inf"},
         {"--rescan-timeout", "86401"},
         {"--rescan-timeout", ""},
+        {"--trap-version", "2c-informs"},
+        {"--trap-version", "1-inform"},
+        {"--trap-community", ""},
+        {"--trap-community", "a b"},
+        {"--trap-community", longCommunity.c_str()},
+        {"--inform-timeout", "0"},
+        {"--inform-timeout", "0.001"},
+        {"--inform-timeout", "61"},
+        {"--inform-timeout", "nan"},
+        {"--inform-retries", "-1"},
+        {"--inform-retries", "21"},
+        {"--inform-retries", "2x"},
+        {"--inform-retries", ""},
     };
     for (const auto &words : bad) {
         Options o;
@@ -145,8 +195,10 @@ TEST(Options, CompletionFillsThePlacesUnderTheStateDir)
     EXPECT_EQ(o.model, model);
 
     const std::string usage = usageText(places);
-    for (const char *text : {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug",
-                             "--help", "--version", "udp:127.0.0.1:1161", "(found)"}) {
+    for (const char *text :
+         {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug", "--help", "--version",
+          "udp:127.0.0.1:1161", "(found)", "--trap-version 1|2c|2c-inform", "--trap-community NAME",
+          "--inform-timeout SECONDS", "--inform-retries N", "inform:ADDR"}) {
         EXPECT_NE(usage.find(text), std::string::npos) << text;
     }
 

@@ -15,6 +15,11 @@
 #define KELP_SOURCE_DIR ""
 #endif
 
+// The install's configuration dir (the build defines it from its sysconfdir).
+#ifndef KELP_SYSCONFDIR
+#define KELP_SYSCONFDIR "/etc"
+#endif
+
 namespace kelp::agent {
 
 std::string binaryDir()
@@ -47,6 +52,12 @@ DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome,
     places.modelCandidates.push_back(binDir + "/../../data/models/sample.xml");
     if (KELP_SOURCE_DIR[0] != '\0') {
         places.modelCandidates.push_back(std::string(KELP_SOURCE_DIR) + "/data/models/sample.xml");
+    }
+    // A developer's agent in its build tree, and every test that starts it,
+    // must not pick up the machine's configuration.
+    struct stat st {};
+    if (stat((binDir + "/../CMakeCache.txt").c_str(), &st) != 0) {
+        places.config = KELP_SYSCONFDIR "/kelp/kelpagent.conf";
     }
     return places;
 }

@@ -20,6 +20,8 @@ std::string binaryDir();
 //   model      <bin>/../share/kelp/models/sample.xml   (installed)
 //              <bin>/../../data/models/sample.xml      (build tree in the checkout)
 //              <source dir>/data/models/sample.xml     (the checkout it was built from)
+//   config     <sysconfdir>/kelp/kelpagent.conf (KELP_SYSCONFDIR, else /etc);
+//              none for a binary in its build tree (<bin>/../CMakeCache.txt)
 DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome, const char *home);
 
 // One line on where kelp's MIB is for a program in `binDir` and the -M/-m

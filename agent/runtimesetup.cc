@@ -7,6 +7,7 @@
 #include "kelp/runtime.h"
 #include "log.h"
 #include "notify.h"
+#include "platform/queue.h"
 
 namespace kelp::agent {
 namespace {
@@ -44,6 +45,30 @@ bool checkIni(std::string *error)
     return true;
 }
 
+// What the runtime did (control commands that changed the model, live
+// rescans), in the agent's log.
+void logRuntimeActivity(int level, const char *line)
+{
+    logAt(level == KELP_RUNTIME_LOG_NOTICE ? LogLevel::kNotice : LogLevel::kInfo, "%s", line);
+}
+
+// Whether the store's "DebugSNMP" switches printing on, compared as the
+// plug-in compares it at load: "On" in any letter case. A missing key is
+// off (the plug-in writes it back as "Off" at load; a reload writes nothing).
+bool debugSnmpOn(std::string *value)
+{
+    char buffer[260] = "";
+    uint32_t size = sizeof buffer;
+    if (SSGetPrivateIniValue(kIniSection, kDebugKey, buffer, &size) != 0) {
+        *value = "(not set)";
+        return false;
+    }
+    buffer[sizeof buffer - 1] = '\0';
+    *value = buffer;
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    return lower(buffer[0]) == 'o' && lower(buffer[1]) == 'n' && buffer[2] == '\0';
+}
+
 } // namespace
 
 RuntimeSetup::~RuntimeSetup()
@@ -55,6 +80,7 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
 {
     options_ = options;
     kelpRuntimeSetLog(logRuntimeLine);
+    kelpRuntimeSetActivityLog(logRuntimeActivity);
     kelpRuntimeSetIniPath(options.ini.c_str());
     if (!checkIni(error)) {
         return false;
@@ -74,7 +100,8 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
     // Always the state dir, so that debug lines switched on in the ini file
     // land there too rather than in the module's DebugPath.
-    const std::string debugFile = options.stateDir + "/debug.log";
+    debugFile_ = options.stateDir + "/debug.log";
+    const std::string &debugFile = debugFile_;
     kelpRuntimeSetDebugFile(debugFile.c_str());
     if (options.debug) {
         // The store answers On for the run without writing the file, so a
@@ -144,6 +171,7 @@ void RuntimeSetup::release()
         blockedPinned_ = false;
     }
     kelpRuntimeSetLog(nullptr);
+    kelpRuntimeSetActivityLog(nullptr);
 }
 
 void RuntimeSetup::reload()
@@ -180,9 +208,11 @@ void RuntimeSetup::reloadNow()
     if (checkIni(&error)) {
         logLine("SIGHUP: re-read the ini file %s", options_.ini.c_str());
         checkBlockedAlerts();
+        applyDebugSnmp();
     } else {
         logAt(LogLevel::kError, "SIGHUP: %s", error.c_str());
     }
+    reopenDebugFile("SIGHUP");
     char message[1024];
     if (kelpRuntimeReloadCatalogue(message, sizeof message) != 0) {
         logAt(LogLevel::kError,
@@ -213,6 +243,36 @@ void RuntimeSetup::reloadNow()
         return;
     }
     logLine("SIGHUP: re-read the model %s and queued the rescan events", model.c_str());
+}
+
+void RuntimeSetup::applyDebugSnmp()
+{
+    std::string value;
+    const bool on = debugSnmpOn(&value);
+    const bool printing = kelpRuntimeDebugPrinting() != 0;
+    if (on == printing) {
+        return;
+    }
+    // The plug-in reads DebugSNMP only at load, where it switches the
+    // runtime's printer; switching the printer now is what a restart would
+    // do, and the plug-in itself is not touched.
+    kelpRuntimeSetDebugPrinting(on ? 1 : 0);
+    logLine("SIGHUP: DebugSNMP is \"%s\" now: debug printing %s%s", value.c_str(),
+            on ? "on, into " : "off", on ? debugFile_.c_str() : "");
+}
+
+void RuntimeSetup::reopenDebugFile(const char *why)
+{
+    if (kelpRuntimeDebugPrinting() == 0) {
+        logAt(LogLevel::kInfo, "%s: debug printing is off; no debug file to reopen", why);
+        return;
+    }
+    char message[1024];
+    if (kelpRuntimeReopenDebugFile(message, sizeof message) != 0) {
+        logAt(LogLevel::kError, "%s: %s", why, message);
+        return;
+    }
+    logAt(LogLevel::kInfo, "%s: reopened the debug file %s", why, debugFile_.c_str());
 }
 
 void RuntimeSetup::checkBlockedAlerts()

@@ -30,13 +30,18 @@ class RuntimeSetup {
 
     // On SIGHUP, from the main loop: starts reading the configuration again
     // on a thread of its own and returns at once. The thread checks the ini
-    // file (a blocked alert list naming a rescan event is refused), reads
+    // file (a blocked alert list naming a rescan event is refused; a changed
+    // DebugSNMP switches debug printing), reopens the debug file, reads
     // the alert catalogue again (a broken one is logged and the served one
     // stays), and reads the model served now (the last kelpctl load, else
     // --model) again, then queues the rescan pair as kelpctl load does. A
     // model that does not validate is logged and the one served stays.
     // SIGHUPs during a reload make one more reload after it.
     void reload();
+
+    // On SIGUSR1 (and at every SIGHUP): opens the debug file again at its
+    // path, so that logrotate can move it away; logs what it did.
+    void reopenDebugFile(const char *why);
 
     // Waits for a reload under way, then undoes apply(); the destructor
     // calls it.
@@ -45,11 +50,15 @@ class RuntimeSetup {
   private:
     // One reload, on the reload thread.
     void reloadNow();
+    // SIGHUP: a DebugSNMP that now says otherwise than the printer's state
+    // switches printing (the plug-in reads it only at load); logged.
+    void applyDebugSnmp();
     // SIGHUP: a blocked alert list that blocks a rescan event is refused,
     // and the store goes on answering the list in force.
     void checkBlockedAlerts();
 
     Options options_;
+    std::string debugFile_;
     std::string blockedAlerts_; // the list in force
     bool blockedPinned_ = false;
     std::thread reloadThread_;

@@ -8,24 +8,31 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <net-snmp/agent/agent_callbacks.h>
+
 #include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "agentxlog.h"
 #include "log.h"
 #include "paths.h"
 #include "refusals.h"
 #include "snmpaddress.h"
 #include "snmpconf.h"
+#include "startup.h"
 #include "stdgroups.h"
 #include "traps/trapmessage.h"
+#include "traps/trapsend.h"
 #include "traps/trapsinks.h"
 
 namespace kelp::agent {
@@ -41,6 +48,7 @@ std::atomic<int> g_wakeRead{-1};
 std::atomic<int> g_wakeWrite{-1};
 volatile std::sig_atomic_t g_stopRequested = 0;
 volatile std::sig_atomic_t g_reloadRequested = 0;
+volatile std::sig_atomic_t g_reopenRequested = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
 
 void writeWakeByte()
@@ -57,6 +65,8 @@ void onSignal(int sig)
 {
     if (sig == SIGHUP) {
         g_reloadRequested = 1;
+    } else if (sig == SIGUSR1) {
+        g_reopenRequested = 1;
     } else {
         g_stopRequested = 1;
     }
@@ -120,6 +130,36 @@ LogLevel levelOf(int priority)
 // Only the agent's thread runs net-snmp.
 std::string g_pendingLog;
 
+// A subagent's connection lines; null for a master. Only the agent's thread
+// runs net-snmp.
+std::unique_ptr<AgentxLog> g_agentxLog;
+
+int onAgentxClosed(int, int, void *, void *)
+{
+    if (g_agentxLog) {
+        g_agentxLog->onClosed(AgentxLog::Clock::now());
+    }
+    return SNMPERR_SUCCESS;
+}
+
+int onAgentxOpened(int, int, void *, void *)
+{
+    if (g_agentxLog) {
+        g_agentxLog->onOpened(AgentxLog::Clock::now());
+    }
+    return SNMPERR_SUCCESS;
+}
+
+// Logs what changed on the AgentX connection since the last call.
+void flushAgentxLog()
+{
+    if (g_agentxLog) {
+        for (const auto &[level, line] : g_agentxLog->flush(AgentxLog::Clock::now())) {
+            logText(level, line);
+        }
+    }
+}
+
 int onNetsnmpLog(int, int, void *serverArg, void *)
 {
     const auto *message = static_cast<const snmp_log_message *>(serverArg);
@@ -131,11 +171,40 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
     while ((end = g_pendingLog.find('\n')) != std::string::npos) {
         const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
         if (end > 0) {
-            logText(levelOf(message->priority), line);
+            const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
+            logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
         }
         g_pendingLog.erase(0, end + 1);
     }
     return SNMPERR_SUCCESS;
+}
+
+} // namespace
+
+// net-snmp's list of open sessions: exported by libnetsnmp and laid out in
+// its public snmp_api.h (struct session_list), but declared in no header.
+extern "C" struct session_list *Sessions;
+
+namespace {
+
+// The addresses of net-snmp's open sessions' sockets, as bound (a port 0 or
+// a name resolved), in the order net-snmp opened them.
+std::vector<std::string> sessionAddresses()
+{
+    std::vector<std::string> addresses;
+    for (const session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
+        if (slp->transport == nullptr) {
+            continue;
+        }
+        std::string text = boundSocketText(slp->transport->sock);
+        if (!text.empty() &&
+            std::find(addresses.begin(), addresses.end(), text) == addresses.end()) {
+            addresses.push_back(std::move(text));
+        }
+    }
+    // The list holds the newest session first.
+    std::reverse(addresses.begin(), addresses.end());
+    return addresses;
 }
 
 } // namespace
@@ -196,6 +265,18 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
         // tried by init_snmp, the retries on this period.
         netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
                            kAgentxPingSeconds);
+        // net-snmp's subagent calls these whenever it closes the session to
+        // the master (a disconnect, an unanswered ping) and opens one.
+        const std::string master = settings.agentxSocket.empty()
+                                       ? std::string(NETSNMP_AGENTX_SOCKET)
+                                       : settings.agentxSocket;
+        g_agentxLog =
+            std::make_unique<AgentxLog>(settings.agentxSocket, kAgentxPingSeconds,
+                                        [master] { return AgentxLog::probeUnixSocket(master); });
+        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, onAgentxClosed,
+                               nullptr);
+        snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START,
+                               onAgentxOpened, nullptr);
     }
     initialised_ = true;
     return true;
@@ -209,13 +290,24 @@ bool SnmpAgent::open(std::string *error)
     remember("mibs :");
     if (!settings_.subagent) {
         initStandardGroups();
+    }
+    registerStorageMib();
+    if (!settings_.subagent) {
         rememberAll(accessLines(settings_.community));
         rememberAll(systemLines(settings_.identity));
     }
     init_snmp(kAppName);
+    flushAgentxLog();
     if (!settings_.trapSinks.empty()) {
-        traps_ =
-            std::make_unique<TrapSinks>(settings_.trapSinks, settings_.trapV1, settings_.community);
+        TrapSinkSettings sinks;
+        sinks.addresses = settings_.trapSinks;
+        sinks.v1 = settings_.trapV1;
+        sinks.informAll = settings_.trapInform;
+        sinks.community = settings_.trapCommunity;
+        sinks.inform.timeout = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::duration<double>(settings_.informTimeout));
+        sinks.inform.retries = settings_.informRetries;
+        traps_ = std::make_unique<TrapSinks>(sinks);
     }
     if (settings_.subagent) {
         return true;
@@ -231,15 +323,14 @@ bool SnmpAgent::open(std::string *error)
         return false;
     }
     logRefusedCommunities();
+    bound_ = sessionAddresses();
     return true;
 }
 
 void SnmpAgent::sendColdStart()
 {
-    const size_t sinks = traps_ ? traps_->count() : 0;
-    if (!settings_.subagent && sinks > 0) {
-        traps_->send(coldStartTrap());
-        logLine("coldStart sent to %zu trap sink%s", sinks, sinks == 1 ? "" : "s");
+    if (!settings_.subagent && traps_ && traps_->count() > 0) {
+        sendTrapNow(coldStartTrap());
     }
 }
 
@@ -251,20 +342,29 @@ void SnmpAgent::catchStopSignals()
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
+    sigaction(SIGUSR1, &action, nullptr);
     // A closed AgentX or control connection is an error return, not a
     // reason to die.
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload)
+void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload,
+                    const std::function<void()> &onReopen)
 {
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
         agent_check_and_process(1);
+        flushAgentxLog();
         onWake();
         if (g_reloadRequested != 0 && g_stopRequested == 0) {
             g_reloadRequested = 0;
             onReload();
+        }
+        if (g_reopenRequested != 0 && g_stopRequested == 0) {
+            g_reopenRequested = 0;
+            if (onReopen) {
+                onReopen();
+            }
         }
     }
     logLine("stopping on a signal");
@@ -273,6 +373,7 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
     std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGUSR1, SIG_IGN);
     unregister_readfd(g_wakeRead);
 }
 
@@ -293,6 +394,7 @@ void SnmpAgent::shutdown()
         snmp_shutdown(kAppName);
         initialised_ = false;
     }
+    g_agentxLog.reset();
     // Nothing wakes the loop any more: the trap queue is closed and the
     // plug-in's threads have ended before the caller shuts down.
     for (std::atomic<int> *fd : {&g_wakeWrite, &g_wakeRead}) {

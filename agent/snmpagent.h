@@ -18,11 +18,15 @@ class TrapSinks;
 
 struct AgentSettings {
     bool subagent = false;
-    std::string agentxSocket; // subagent: empty for net-snmp's default
-    std::string listen;       // master: the address to answer on
-    std::string community;    // master: the read-only community
-    std::vector<std::string> trapSinks;
+    std::string agentxSocket;           // subagent: empty for net-snmp's default
+    std::string listen;                 // master: the address to answer on
+    std::string community;              // master: the read-only community
+    std::vector<std::string> trapSinks; // "inform:ADDR" for an inform sink
     bool trapV1 = false;
+    bool trapInform = false;   // every sink an inform sink
+    std::string trapCommunity; // the community of traps and informs
+    double informTimeout = 1;  // seconds before an inform is sent again
+    int informRetries = 5;
     std::string persistentDir; // created 0700 when missing
     SystemIdentity identity;   // master: the system group's values
 };
@@ -46,22 +50,29 @@ class SnmpAgent {
     // (in use, or not this host's).
     bool open(std::string *error);
 
-    // A master with trap sinks sends coldStart to each (a subagent's master
-    // announces its own start).
+    // A master with trap sinks sends coldStart to each, logged as every
+    // trap is (a subagent's master announces its own start).
     void sendColdStart();
 
-    // Catches SIGINT, SIGTERM and SIGHUP from now on (and ignores SIGPIPE),
+    // Catches SIGINT, SIGTERM, SIGHUP and SIGUSR1 from now on (and ignores
+    // SIGPIPE),
     // so that a stop request during start-up ends run() at once instead of
     // the process. Call first thing, before any thread is started.
     static void catchStopSignals();
 
     // Runs the agent until SIGINT or SIGTERM (also one caught before);
     // `onWake` runs on this thread after every wake(), `onReload` after a
-    // SIGHUP (several SIGHUPs before it runs count once).
-    void run(const std::function<void()> &onWake, const std::function<void()> &onReload);
+    // SIGHUP and `onReopen` (when set) after a SIGUSR1 (several signals
+    // before it runs count once).
+    void run(const std::function<void()> &onWake, const std::function<void()> &onReload,
+             const std::function<void()> &onReopen = {});
 
     // Any thread: makes run() call its onWake soon.
     static void wake();
+
+    // A master after open(): the addresses it answers on as bound
+    // ("udp:0.0.0.0:1161" for --listen 1161), in --listen's order.
+    const std::vector<std::string> &boundAddresses() const { return bound_; }
 
     // True when traps have somewhere to go: a sink, or the AgentX master.
     bool hasTrapDestination() const;
@@ -73,6 +84,7 @@ class SnmpAgent {
   private:
     AgentSettings settings_;
     bool initialised_ = false;
+    std::vector<std::string> bound_;
     std::unique_ptr<TrapSinks> traps_; // kelp's own sinks, open from open() to shutdown()
 };
 

@@ -11,8 +11,8 @@
 
 namespace kelp::agent {
 
-// The object identifier kelpagent answers as sysObjectID and lists in
-// sysORTable for the storage MIB: the MIB's root under the enterprise.
+// The object identifier kelpagent answers as sysObjectID: the storage MIB's
+// root under the enterprise (sysORTable's row is stdgroups.h's).
 inline constexpr const char *kAgentObjectId = ".1.3.6.1.4.1.61234.20571.1.20";
 
 // Read access to everything the agent serves for `community` from any IPv4

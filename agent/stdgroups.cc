@@ -10,9 +10,10 @@
 
 #include <net-snmp/agent/agent_sysORTable.h>
 
+#include <algorithm>
 #include <iterator>
 
-#include "snmp/tree.h"
+#include "log.h"
 
 // The modules' init entries; libnetsnmpmibs installs no header for them.
 extern "C" {
@@ -30,11 +31,17 @@ void initStandardGroups()
     init_sysORTable();
     init_snmp_mib();
     init_snmpEngine();
-    static oid storageMib[std::size(kMibRoot)];
-    std::copy(std::begin(kMibRoot), std::end(kMibRoot), storageMib);
-    register_sysORTable(storageMib, std::size(storageMib),
-                        "The storage-management MIB: controllers, enclosures, disks, virtual "
-                        "disks and their components, served by kelp");
+}
+
+void registerStorageMib()
+{
+    // net-snmp keeps the pointers of the row: both live as long as the
+    // process.
+    static oid identity[std::size(kStorageMibIdentity)];
+    std::copy(std::begin(kStorageMibIdentity), std::end(kStorageMibIdentity), identity);
+    if (register_sysORTable(identity, std::size(identity), kStorageMibDescr) != 0) {
+        logAt(LogLevel::kWarning, "sysORTable: the storage MIB could not be listed");
+    }
 }
 
 } // namespace kelp::agent

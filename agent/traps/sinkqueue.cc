@@ -19,7 +19,8 @@ std::string plural(uint64_t count, const char *word)
 
 std::string dropLine(const std::string &sink, const DropReport &report, SinkLimits limits)
 {
-    std::string line = "trap sink " + sink + ": " + plural(report.full + report.refused, "trap") +
+    std::string line = "trap sink " + sink + ": " +
+                       plural(report.full + report.refused + report.unacknowledged, "trap") +
                        " dropped since the last report:";
     if (report.full > 0) {
         line += " " + std::to_string(report.full) + " with the queue full (" +
@@ -30,6 +31,11 @@ std::string dropLine(const std::string &sink, const DropReport &report, SinkLimi
         line += std::string(report.full > 0 ? "," : "") + " " + std::to_string(report.refused) +
                 " refused by the system (" +
                 std::generic_category().message(report.lastRefusalError) + ")";
+    }
+    if (report.unacknowledged > 0) {
+        line += std::string(report.full + report.refused > 0 ? "," : "") + " " +
+                plural(report.unacknowledged, "inform") + " given up unacknowledged after " +
+                plural(static_cast<uint64_t>(report.informSends), "send");
     }
     return line;
 }
@@ -81,17 +87,15 @@ SinkWrite SinkQueue::writeStream(int fd, int *error)
     return SinkWrite::kDrained;
 }
 
-SinkWrite SinkQueue::writeDatagrams(int fd, const sockaddr *to, socklen_t toLength)
+DatagramSend sendDatagram(int fd, const std::string &message, const sockaddr *to,
+                          socklen_t toLength, int *error)
 {
     bool retried = false;
-    while (!queue_.empty()) {
-        const std::string &message = *queue_.front();
+    for (;;) {
         const ssize_t sent = sendto(fd, message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                                     to, to != nullptr ? toLength : 0);
         if (sent >= 0) {
-            pop();
-            retried = false;
-            continue;
+            return DatagramSend::kSent;
         }
         if (errno == EINTR) {
             continue;
@@ -103,15 +107,44 @@ SinkWrite SinkQueue::writeDatagrams(int fd, const sockaddr *to, socklen_t toLeng
             continue;
         }
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return DatagramSend::kBlocked;
+        }
+        *error = errno;
+        return DatagramSend::kRefused;
+    }
+}
+
+SinkWrite SinkQueue::writeDatagrams(int fd, const sockaddr *to, socklen_t toLength)
+{
+    while (!queue_.empty()) {
+        int error = 0;
+        const DatagramSend result = sendDatagram(fd, *queue_.front(), to, toLength, &error);
+        if (result == DatagramSend::kBlocked) {
             return SinkWrite::kBlocked;
         }
-        pending_.refused++;
-        pending_.lastRefusalError = errno;
-        droppedTotal_++;
+        if (result == DatagramSend::kRefused) {
+            noteRefused(error);
+        }
         pop();
-        retried = false;
     }
     return SinkWrite::kDrained;
+}
+
+void SinkQueue::noteRefused(int error)
+{
+    pending_.refused++;
+    pending_.lastRefusalError = error;
+    droppedTotal_++;
+}
+
+void SinkQueue::noteUnacknowledged(uint64_t count, int sends)
+{
+    if (count == 0) {
+        return;
+    }
+    pending_.unacknowledged += count;
+    pending_.informSends = sends;
+    droppedTotal_ += count;
 }
 
 void SinkQueue::restartPartial()
@@ -131,7 +164,7 @@ std::optional<DropReport> SinkQueue::takeDropReport(SinkClock::time_point now)
 
 std::optional<SinkClock::time_point> SinkQueue::nextDropReport() const
 {
-    if (pending_.full == 0 && pending_.refused == 0) {
+    if (pending_.full == 0 && pending_.refused == 0 && pending_.unacknowledged == 0) {
         return std::nullopt;
     }
     // The first drop is reported at once.

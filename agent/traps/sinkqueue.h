@@ -44,13 +44,25 @@ enum class SinkWrite {
 
 // The drops since the last report.
 struct DropReport {
-    uint64_t full = 0;        // the queue was at a bound
-    uint64_t refused = 0;     // the system refused the datagram
-    int lastRefusalError = 0; // errno of the last refusal
+    uint64_t full = 0;           // the queue was at a bound
+    uint64_t refused = 0;        // the system refused the datagram
+    int lastRefusalError = 0;    // errno of the last refusal
+    uint64_t unacknowledged = 0; // informs given up after their last retry
+    int informSends = 0;         // how often each of those was sent
 };
 
 // The log line for `report` of the sink named `sink`.
 std::string dropLine(const std::string &sink, const DropReport &report, SinkLimits limits);
+
+// What sending one datagram came to.
+enum class DatagramSend { kSent, kBlocked, kRefused };
+
+// Sends `message` as one datagram to `to` (the socket's peer when null),
+// without waiting. ECONNREFUSED, which may report an earlier datagram's
+// fate (an ICMP answer), gets one more try. kRefused with errno in *error
+// for any failure but EAGAIN.
+DatagramSend sendDatagram(int fd, const std::string &message, const sockaddr *to,
+                          socklen_t toLength, int *error);
 
 class SinkQueue {
   public:
@@ -71,6 +83,16 @@ class SinkQueue {
     // route, not permitted) is dropped and counted; the next one still goes.
     // Never kBroken.
     SinkWrite writeDatagrams(int fd, const sockaddr *to, socklen_t toLength);
+
+    // An inform sink takes its messages one by one: the first one queued
+    // (the queue must not be empty), and its removal once it is sent.
+    const SinkMessage &front() const { return queue_.front(); }
+    void popFront() { pop(); }
+
+    // Counts a message the system refused outright (errno `error`), and
+    // `count` informs given up after `sends` sends each, as drops.
+    void noteRefused(int error);
+    void noteUnacknowledged(uint64_t count, int sends);
 
     // After a lost connection: the message written in part goes again whole
     // on the next one, since the receiver dropped its beginning.

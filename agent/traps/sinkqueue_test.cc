@@ -281,6 +281,29 @@ TEST(SinkQueue, TheDropLineNamesTheSinkTheCountsAndTheReasons)
               "trap sink x: 5 traps dropped since the last report: 2 with the queue full (1000 "
               "traps or 1048576 bytes waiting), 3 refused by the system (Network is "
               "unreachable)");
+    EXPECT_EQ(dropLine("inform:udp:192.0.2.1:162", DropReport{0, 0, 0, 1, 6}, limits),
+              "trap sink inform:udp:192.0.2.1:162: 1 trap dropped since the last report: 1 "
+              "inform given up unacknowledged after 6 sends");
+    EXPECT_EQ(dropLine("y", DropReport{1, 0, 0, 4, 1}, limits),
+              "trap sink y: 5 traps dropped since the last report: 1 with the queue full (1000 "
+              "traps or 1048576 bytes waiting), 4 informs given up unacknowledged after 1 send");
+}
+
+TEST(SinkQueue, GivenUpInformsAreReportedLikeOtherDrops)
+{
+    SinkQueue queue;
+    const SinkClock::time_point start{std::chrono::hours(1)};
+    queue.noteUnacknowledged(0, 3);
+    EXPECT_FALSE(queue.nextDropReport().has_value()) << "nothing given up, nothing to report";
+    queue.noteUnacknowledged(2, 3);
+    EXPECT_EQ(queue.droppedTotal(), 2u);
+    const std::optional<DropReport> report = queue.takeDropReport(start);
+    ASSERT_TRUE(report.has_value()) << "the first drop is reported at once";
+    EXPECT_EQ(report->unacknowledged, 2u);
+    EXPECT_EQ(report->informSends, 3);
+    queue.noteUnacknowledged(1, 3);
+    EXPECT_FALSE(queue.takeDropReport(start + std::chrono::seconds(59)).has_value());
+    EXPECT_EQ(queue.takeDropReport(start + std::chrono::seconds(60))->unacknowledged, 1u);
 }
 
 } // namespace

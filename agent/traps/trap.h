@@ -21,6 +21,10 @@
 
 namespace kelp::agent {
 
+// The enterprise of every kelp trap: the storage MIB's trap group, root.200.
+// A storage trap's v2c snmpTrapOID is this, 0 and its specific number.
+inline constexpr uint32_t kTrapEnterprise[] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 200};
+
 struct TrapBinding {
     std::vector<uint32_t> name;
     Value value;

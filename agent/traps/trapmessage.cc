@@ -12,17 +12,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <vector>
 
 #include "snmpvalue.h"
-
-// The enterprise net-snmp's agent library gives its generic traps (its
-// system OID as the library was built); it installs no header for it.
-extern "C" {
-extern const oid trap_version_id[];
-extern const int trap_version_id_len;
-}
 
 namespace kelp::agent {
 namespace {
@@ -115,14 +109,14 @@ bool encodePdu(netsnmp_pdu *pdu, long version, const std::string &community, std
 
 } // namespace
 
-bool encodeTrap(const Trap &trap, bool v1, const std::string &community, std::string *message,
+bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, std::string *message,
                 std::string *why)
 {
     PduPtr pdu = v1Pdu(trap, why);
     if (!pdu) {
         return false;
     }
-    if (v1) {
+    if (form == TrapForm::kV1Trap) {
         setAgentAddress(pdu.get());
         return encodePdu(pdu.get(), SNMP_VERSION_1, community, message, why);
     }
@@ -133,13 +127,17 @@ bool encodeTrap(const Trap &trap, bool v1, const std::string &community, std::st
         *why = "net-snmp cannot make the SNMPv2c form of the trap";
         return false;
     }
+    if (form == TrapForm::kV2cInform) {
+        v2->command = SNMP_MSG_INFORM;
+        v2->reqid = snmp_get_next_reqid();
+    }
     return encodePdu(v2.get(), SNMP_VERSION_2c, community, message, why);
 }
 
 Trap coldStartTrap()
 {
     Trap trap;
-    trap.enterprise.assign(trap_version_id, trap_version_id + trap_version_id_len);
+    trap.enterprise.assign(std::begin(kTrapEnterprise), std::end(kTrapEnterprise));
     trap.generic = SNMP_TRAP_COLDSTART;
     trap.specific = 0;
     return trap;

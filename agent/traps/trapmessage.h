@@ -12,22 +12,29 @@
 
 namespace kelp::agent {
 
+// What a sink sends: an SNMPv1 Trap-PDU, an SNMPv2c SNMPv2-Trap-PDU, or an
+// SNMPv2c InformRequest-PDU (the notification's bindings, acknowledged by
+// the receiver with a Response carrying the same request-id).
+enum class TrapForm { kV1Trap, kV2cTrap, kV2cInform };
+inline constexpr size_t kTrapForms = 3;
+
 // The largest message any sink takes: the largest UDP payload over IPv4.
 inline constexpr size_t kMaxTrapMessageBytes = 65507;
 
-// Encodes `trap` for a sink of version 1 (`v1`) or 2c with `community`.
-// v1: enterprise, agent address (net-snmp's choice of this host's IPv4
-// address), generic and specific numbers, sysUpTime, the bindings. v2c:
-// sysUpTime.0, snmpTrapOID.0 (enterprise.0.specific, or the standard trap's
-// name for a generic one), the bindings, snmpTrapEnterprise.0. True with the
-// message in *message; false with the reason in *why (a binding net-snmp
-// refuses, a message over kMaxTrapMessageBytes). Only on the thread that
-// runs net-snmp.
-bool encodeTrap(const Trap &trap, bool v1, const std::string &community, std::string *message,
+// Encodes `trap` in `form` with `community`. v1: enterprise, agent address
+// (net-snmp's choice of this host's IPv4 address), generic and specific
+// numbers, sysUpTime, the bindings. v2c trap and inform: sysUpTime.0,
+// snmpTrapOID.0 (enterprise.0.specific, or the standard trap's name for a
+// generic one), the bindings, snmpTrapEnterprise.0; an inform has a request-id
+// of its own from net-snmp's sequence. True with the message in *message;
+// false with the reason in *why (a binding net-snmp refuses, a message over
+// kMaxTrapMessageBytes). Only on the thread that runs net-snmp.
+bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, std::string *message,
                 std::string *why);
 
-// coldStart as net-snmp sends it at an agent's start: generic 0, specific 0,
-// enterprise net-snmp's agent OID for this system, no bindings.
+// coldStart at the agent's start: generic 0, specific 0, no bindings, and
+// kelp's own trap enterprise (kTrapEnterprise), so that a receiver files it
+// with the storage traps of the same agent rather than under net-snmp's.
 Trap coldStartTrap();
 
 } // namespace kelp::agent

@@ -2,8 +2,9 @@
 // SNMPv2c notification is sysUpTime.0, snmpTrapOID.0 = enterprise.0.specific,
 // the bindings and snmpTrapEnterprise.0; an SNMPv1 trap carries enterprise,
 // agent address, generic and specific numbers and the bindings; both carry
-// the community. coldStart names net-snmp's enterprise for this system; a
-// trap too large for a datagram is refused.
+// the community; an inform is the notification as an InformRequest with a
+// request-id of its own. coldStart names kelp's trap enterprise; a trap too
+// large for a datagram is refused.
 #include "traps/trapmessage.h"
 
 // net-snmp's headers in the order they need: configuration, library.
@@ -14,6 +15,7 @@
 #include <net-snmp/library/snmp_impl.h>
 
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -81,7 +83,7 @@ TEST(TrapMessage, AV2cNotificationIsUptimeTrapOidBindingsAndEnterprise)
 {
     std::string message;
     std::string why;
-    ASSERT_TRUE(encodeTrap(diskTrap(), false, "private", &message, &why)) << why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV2cTrap, "private", &message, &why)) << why;
     Decoded decoded;
     ASSERT_TRUE(decode(message, &decoded));
     EXPECT_EQ(decoded.version, SNMP_VERSION_2c);
@@ -113,7 +115,7 @@ TEST(TrapMessage, AV1TrapCarriesEnterpriseAgentAddressAndNumbers)
 {
     std::string message;
     std::string why;
-    ASSERT_TRUE(encodeTrap(diskTrap(), true, "public", &message, &why)) << why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV1Trap, "public", &message, &why)) << why;
     Decoded decoded;
     ASSERT_TRUE(decode(message, &decoded));
     EXPECT_EQ(decoded.version, SNMP_VERSION_1);
@@ -135,19 +137,72 @@ TEST(TrapMessage, AV1TrapCarriesEnterpriseAgentAddressAndNumbers)
     EXPECT_EQ(count, 2) << "the bindings alone";
 }
 
-TEST(TrapMessage, ColdStartNamesNetSnmpsEnterpriseForThisSystem)
+TEST(TrapMessage, AnInformIsTheNotificationWithARequestIdOfItsOwn)
+{
+    std::string first, second, trap;
+    std::string why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV2cInform, "alarms", &first, &why)) << why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV2cInform, "alarms", &second, &why)) << why;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV2cTrap, "alarms", &trap, &why)) << why;
+    Decoded a, b, t;
+    ASSERT_TRUE(decode(first, &a));
+    ASSERT_TRUE(decode(second, &b));
+    ASSERT_TRUE(decode(trap, &t));
+    EXPECT_EQ(a.version, SNMP_VERSION_2c);
+    EXPECT_EQ(a.community, "alarms");
+    EXPECT_EQ(a.pdu->command, SNMP_MSG_INFORM);
+    EXPECT_NE(a.pdu->reqid, b.pdu->reqid) << "each inform is acknowledged on its own";
+    std::vector<std::vector<oid>> informNames, trapNames;
+    for (const netsnmp_variable_list *var = a.pdu->variables; var; var = var->next_variable) {
+        informNames.push_back(nameOf(var));
+    }
+    for (const netsnmp_variable_list *var = t.pdu->variables; var; var = var->next_variable) {
+        trapNames.push_back(nameOf(var));
+    }
+    EXPECT_EQ(informNames, trapNames);
+}
+
+struct ColdStartCase {
+    TrapForm form;
+    long version;
+};
+
+TEST(TrapMessage, ColdStartNamesKelpsTrapEnterpriseInEveryForm)
 {
     const Trap trap = coldStartTrap();
-    EXPECT_EQ(trap.enterprise, (std::vector<uint32_t>{1, 3, 6, 1, 4, 1, 8072, 3, 2, 10}));
+    const std::vector<uint32_t> enterprise(std::begin(kTrapEnterprise), std::end(kTrapEnterprise));
+    EXPECT_EQ(trap.enterprise, kEnterprise);
+    EXPECT_EQ(trap.enterprise, enterprise);
     EXPECT_EQ(trap.generic, 0u);
+    EXPECT_EQ(trap.specific, 0u);
     EXPECT_TRUE(trap.bindings.empty());
-    std::string message;
-    std::string why;
-    ASSERT_TRUE(encodeTrap(trap, false, "public", &message, &why)) << why;
-    Decoded decoded;
-    ASSERT_TRUE(decode(message, &decoded));
-    const netsnmp_variable_list *trapOid = decoded.pdu->variables->next_variable;
-    EXPECT_EQ(oidValue(trapOid), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 5, 1}));
+    const std::vector<oid> expected(kEnterprise.begin(), kEnterprise.end());
+    for (const ColdStartCase c : {ColdStartCase{TrapForm::kV1Trap, SNMP_VERSION_1},
+                                  ColdStartCase{TrapForm::kV2cTrap, SNMP_VERSION_2c},
+                                  ColdStartCase{TrapForm::kV2cInform, SNMP_VERSION_2c}}) {
+        std::string message;
+        std::string why;
+        ASSERT_TRUE(encodeTrap(trap, c.form, "public", &message, &why)) << why;
+        Decoded decoded;
+        ASSERT_TRUE(decode(message, &decoded));
+        EXPECT_EQ(decoded.version, c.version);
+        if (c.form == TrapForm::kV1Trap) {
+            EXPECT_EQ(std::vector<oid>(decoded.pdu->enterprise,
+                                       decoded.pdu->enterprise + decoded.pdu->enterprise_length),
+                      expected);
+            EXPECT_EQ(decoded.pdu->trap_type, 0);
+            EXPECT_EQ(decoded.pdu->specific_type, 0);
+            continue;
+        }
+        // sysUpTime.0, snmpTrapOID.0 = coldStart, snmpTrapEnterprise.0.
+        const netsnmp_variable_list *trapOid = decoded.pdu->variables->next_variable;
+        EXPECT_EQ(oidValue(trapOid), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 5, 1}));
+        const netsnmp_variable_list *last = trapOid->next_variable;
+        ASSERT_NE(last, nullptr);
+        EXPECT_EQ(nameOf(last), (std::vector<oid>{1, 3, 6, 1, 6, 3, 1, 1, 4, 3, 0}));
+        EXPECT_EQ(oidValue(last), expected);
+        EXPECT_EQ(last->next_variable, nullptr);
+    }
 }
 
 TEST(TrapMessage, ATrapLargerThanADatagramIsRefusedWithTheReason)
@@ -156,10 +211,10 @@ TEST(TrapMessage, ATrapLargerThanADatagramIsRefusedWithTheReason)
     trap.bindings[1].value.bytes.assign(kMaxTrapMessageBytes, 'x');
     std::string message;
     std::string why;
-    EXPECT_FALSE(encodeTrap(trap, false, "public", &message, &why));
+    EXPECT_FALSE(encodeTrap(trap, TrapForm::kV2cTrap, "public", &message, &why));
     EXPECT_NE(why.find("over 65507"), std::string::npos) << why;
     trap.bindings[1].value.bytes.assign(60000, 'x');
-    EXPECT_TRUE(encodeTrap(trap, false, "public", &message, &why)) << why;
+    EXPECT_TRUE(encodeTrap(trap, TrapForm::kV2cTrap, "public", &message, &why)) << why;
     EXPECT_GT(message.size(), 60000u);
 }
 

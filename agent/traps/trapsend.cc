@@ -13,6 +13,7 @@
 
 #include "log.h"
 #include "snmpvalue.h"
+#include "traps/traplog.h"
 #include "traps/trapsinks.h"
 
 namespace kelp::agent {
@@ -43,13 +44,17 @@ uint32_t sendToMaster(const Trap &trap)
 uint32_t sendTrapNow(const Trap &trap)
 {
     uint32_t status = SM_SNMP_GENERR;
+    std::vector<std::string> took;
     if (TrapSinks *sinks = TrapSinks::active()) {
-        status = sinks->send(trap);
+        status = sinks->send(trap, &took);
     }
     if (netsnmp_ds_get_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE) != 0 &&
         sendToMaster(trap) == SM_SNMP_NOERROR) {
         status = SM_SNMP_NOERROR;
+        took.emplace_back("the AgentX master");
     }
+    logAt(took.empty() ? LogLevel::kWarning : LogLevel::kInfo, "%s",
+          trapLogLine(trap, took).c_str());
     return status;
 }
 

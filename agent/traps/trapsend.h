@@ -12,9 +12,10 @@ namespace kelp::agent {
 // Sends `trap`: an SNMPv1 trap or an SNMPv2c notification with snmpTrapOID
 // enterprise.0.specific, as the sinks are configured, queued for every
 // active sink without waiting for any; a subagent also hands it to net-snmp
-// for its master. Bindings keep their names and types. 0 when a sink took
-// it or net-snmp sent it to the master, 5 otherwise. Only on the thread
-// that runs net-snmp.
+// for its master. Bindings keep their names and types. Logs one line naming
+// the trap, its event and object and where it went (traps/traplog.h). 0
+// when a sink took it or net-snmp sent it to the master, 5 otherwise. Only
+// on the thread that runs net-snmp.
 uint32_t sendTrapNow(const Trap &trap);
 
 // Service table entry 7 (SMTrapSendFn). `handle` is the address of the

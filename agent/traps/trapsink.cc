@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "log.h"
+#include "traps/pduhead.h"
 
 namespace kelp::agent {
 namespace {
@@ -28,8 +29,8 @@ std::chrono::seconds Backoff::next()
     return delay;
 }
 
-TrapSink::TrapSink(SinkAddress address, SinkLoop *loop, SinkLimits limits)
-    : address_(std::move(address)), loop_(loop), queue_(limits)
+TrapSink::TrapSink(SinkAddress address, SinkLoop *loop, SinkLimits limits, InformPolicy policy)
+    : address_(std::move(address)), loop_(loop), queue_(limits), window_(policy)
 {
 }
 
@@ -49,7 +50,17 @@ bool TrapSink::open(SinkClock::time_point now, std::string *error)
         *error = errorText(errno);
         return false;
     }
+    if (address_.inform && ::connect(fd_, reinterpret_cast<const sockaddr *>(&address_.address),
+                                     address_.length) != 0) {
+        *error = errorText(errno);
+        closeSocket();
+        return false;
+    }
     state_ = State::kReady;
+    if (address_.inform) {
+        // Responses may come at any time: the socket is read from now on.
+        update();
+    }
     return true;
 }
 
@@ -70,6 +81,10 @@ bool TrapSink::send(SinkMessage message, SinkClock::time_point now)
 
 void TrapSink::onReadable(SinkClock::time_point now)
 {
+    if (state_ == State::kReady && address_.inform) {
+        readResponses(now);
+        return;
+    }
     if (state_ != State::kConnected) {
         return;
     }
@@ -122,6 +137,7 @@ void TrapSink::onWritable(SinkClock::time_point now)
         }
         return;
     }
+    sendBlocked_ = false;
     flush(now);
 }
 
@@ -134,6 +150,8 @@ void TrapSink::onTimer(SinkClock::time_point now)
     } else if (state_ == State::kConnecting && now >= connectDeadline_) {
         fail(now, "no connection within " + std::to_string(kConnectTimeout.count()) + " seconds",
              0);
+    } else if (state_ == State::kReady && address_.inform) {
+        retryInforms(now);
     }
     reportDrops(now);
     update();
@@ -145,8 +163,10 @@ void TrapSink::close()
         int ignored = 0;
         queue_.writeStream(fd_, &ignored);
     } else if (state_ == State::kReady) {
-        queue_.writeDatagrams(fd_, reinterpret_cast<const sockaddr *>(&address_.address),
-                              address_.length);
+        // An inform sink's socket is connected: its peer is the receiver.
+        queue_.writeDatagrams(
+            fd_, address_.inform ? nullptr : reinterpret_cast<const sockaddr *>(&address_.address),
+            address_.inform ? 0 : address_.length);
     }
     closeSocket();
     state_ = State::kClosed;
@@ -222,12 +242,99 @@ void TrapSink::flush(SinkClock::time_point now)
             fail(now, "connection lost", error);
             return;
         }
+    } else if (state_ == State::kReady && address_.inform) {
+        sendInforms(now);
     } else if (state_ == State::kReady) {
         queue_.writeDatagrams(fd_, reinterpret_cast<const sockaddr *>(&address_.address),
                               address_.length);
         reportDrops(now);
     }
     update();
+}
+
+void TrapSink::sendInforms(SinkClock::time_point now)
+{
+    while (!window_.full() && !queue_.empty() && !sendBlocked_) {
+        const SinkMessage message = queue_.front();
+        PduHead head;
+        if (!peekPdu(*message, &head) || head.type != kInformPduTag) {
+            // Only an encoding fault could queue one: it is counted, not sent.
+            queue_.noteRefused(EINVAL);
+            queue_.popFront();
+            continue;
+        }
+        int error = 0;
+        const DatagramSend result = sendDatagram(fd_, *message, nullptr, 0, &error);
+        if (result == DatagramSend::kBlocked) {
+            sendBlocked_ = true;
+            break;
+        }
+        queue_.popFront();
+        if (result == DatagramSend::kRefused) {
+            queue_.noteRefused(error);
+            continue;
+        }
+        window_.sent(message, head.requestId, now);
+    }
+    reportDrops(now);
+}
+
+void TrapSink::readResponses(SinkClock::time_point now)
+{
+    // A Response echoes the inform's bindings: as large as any datagram.
+    std::string &datagram = received_;
+    datagram.resize(65536);
+    size_t acknowledged = 0;
+    for (;;) {
+        const ssize_t got = recv(fd_, datagram.data(), datagram.size(), MSG_DONTWAIT);
+        if (got < 0 && (errno == EINTR || errno == ECONNREFUSED)) {
+            // ECONNREFUSED: the receiver's port was closed when an earlier
+            // inform arrived; that inform's timeout deals with it.
+            continue;
+        }
+        if (got < 0) {
+            break;
+        }
+        PduHead head;
+        if (peekPdu(std::string_view(datagram.data(), static_cast<size_t>(got)), &head) &&
+            head.type == kResponsePduTag && window_.acknowledge(head.requestId)) {
+            acknowledged++;
+        } else {
+            logAt(LogLevel::kDebug, "trap sink %s: ignored a datagram that acknowledges no inform",
+                  address_.name.c_str());
+        }
+    }
+    if (acknowledged > 0 && reportedUnacknowledged_) {
+        reportedUnacknowledged_ = false;
+        logAt(LogLevel::kNotice, "trap sink %s: informs are acknowledged again",
+              address_.name.c_str());
+    }
+    flush(now);
+}
+
+void TrapSink::retryInforms(SinkClock::time_point now)
+{
+    const InformWindow::Due due = window_.takeDue(now);
+    const double timeout = std::chrono::duration<double>(window_.policy().timeout).count();
+    for (size_t i = 0; i < due.resend.size(); i++) {
+        int error = 0;
+        // Blocked or refused, the next timeout tries again.
+        sendDatagram(fd_, *due.resend[i], nullptr, 0, &error);
+        // The first retry of a series is worth a warning; the ones that
+        // follow it, until an inform is acknowledged, are not.
+        const LogLevel level = reportedUnacknowledged_ ? LogLevel::kDebug : LogLevel::kWarning;
+        logAt(level,
+              "trap sink %s: an inform was not acknowledged within %g s; sent again "
+              "(retry %d of %d)",
+              address_.name.c_str(), timeout, due.retry[i], window_.policy().retries);
+        reportedUnacknowledged_ = true;
+    }
+    queue_.noteUnacknowledged(due.givenUp, window_.policy().retries + 1);
+    if (due.givenUp > 0 && !reportedUnacknowledged_) {
+        // With no retries at all the give-up is the first sign of trouble.
+        reportedUnacknowledged_ = true;
+    }
+    sendInforms(now);
 }
 
 void TrapSink::reportDrops(SinkClock::time_point now)
@@ -261,7 +368,15 @@ void TrapSink::update()
     };
     switch (state_) {
     case State::kReady:
-        writable = !queue_.empty();
+        if (address_.inform) {
+            readable = true;
+            writable = sendBlocked_;
+            if (const auto deadline = window_.nextDeadline()) {
+                earlier(*deadline);
+            }
+        } else {
+            writable = !queue_.empty();
+        }
         break;
     case State::kConnected:
         readable = true;

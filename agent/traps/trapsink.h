@@ -3,11 +3,12 @@
 // stream sink (TCP, or a Unix stream socket) connects without blocking,
 // writes the messages back to back and, when the receiver refuses, closes or
 // never answers, connects again after a back-off while its queue keeps the
-// traps. Nothing here ever waits: the loop that runs the sink (SinkLoop) says
-// when its socket is ready and when its time has come. Informs are not sent
-// yet; one would stay at the head of the queue until its response arrives on
-// the sink's read side (where a stream sink now only watches for the close)
-// and go again on the sink's timer.
+// traps. An inform sink (UDP only) keeps up to a window of informs under way
+// (traps/informwindow.h): each is sent again on the sink's timer until the
+// receiver's Response arrives on the socket's read side, and given up after
+// its last retry; the rest wait in the queue. Nothing here ever waits: the
+// loop that runs the sink (SinkLoop) says when its socket is ready and when
+// its time has come.
 #ifndef KELP_AGENT_TRAPS_TRAPSINK_H
 #define KELP_AGENT_TRAPS_TRAPSINK_H
 
@@ -17,6 +18,7 @@
 #include <optional>
 #include <string>
 
+#include "traps/informwindow.h"
 #include "traps/sinkqueue.h"
 
 namespace kelp::agent {
@@ -53,6 +55,7 @@ class Backoff {
 struct SinkAddress {
     std::string name; // as the user gave it, for the log
     bool stream = false;
+    bool inform = false; // informs, acknowledged by the receiver (UDP only)
     sockaddr_storage address{};
     socklen_t length = 0;
 };
@@ -77,20 +80,22 @@ class TrapSink {
   public:
     enum class State {
         kClosed,     // not opened, or closed
-        kReady,      // UDP: messages go as they come
+        kReady,      // UDP: messages go as they come (informs as the window allows)
         kConnecting, // stream: connect() under way
         kConnected,  // stream
         kWaiting,    // stream: the next connection attempt is due at retryAt()
     };
 
-    // `loop` outlives the sink.
-    TrapSink(SinkAddress address, SinkLoop *loop, SinkLimits limits = kSinkLimits);
+    // `loop` outlives the sink. `policy` applies to an inform sink.
+    TrapSink(SinkAddress address, SinkLoop *loop, SinkLimits limits = kSinkLimits,
+             InformPolicy policy = InformPolicy{});
     ~TrapSink();
     TrapSink(const TrapSink &) = delete;
     TrapSink &operator=(const TrapSink &) = delete;
 
-    // A UDP sink makes its socket; false, with the reason in *error, when it
-    // cannot (the sink is then of no use). A stream sink starts its first
+    // A UDP sink makes its socket (an inform sink's is connected to the
+    // receiver, so that only its Responses are read); false, with the reason
+    // in *error, when it cannot (the sink is then of no use). A stream sink starts its first
     // connection attempt and is true: a failure is retried.
     bool open(SinkClock::time_point now, std::string *error);
 
@@ -105,12 +110,14 @@ class TrapSink {
     void onWritable(SinkClock::time_point now);
     void onTimer(SinkClock::time_point now);
 
-    // Writes what the socket takes without waiting, then closes the socket;
-    // what is still queued is lost. The destructor does this.
+    // Writes what the socket takes without waiting (queued informs once,
+    // unacknowledged), then closes the socket; what is still queued is lost.
+    // The destructor does this.
     void close();
 
     const SinkAddress &address() const { return address_; }
     const SinkQueue &queue() const { return queue_; }
+    const InformWindow &informs() const { return window_; }
     State state() const { return state_; }
     // kWaiting: when the next connection attempt is due.
     SinkClock::time_point retryAt() const { return retryAt_; }
@@ -121,6 +128,11 @@ class TrapSink {
     void connected(SinkClock::time_point now);
     void fail(SinkClock::time_point now, const std::string &what, int error);
     void flush(SinkClock::time_point now);
+    // Inform sinks: sends queued informs while the window has room, reads
+    // the receiver's Responses, sends again or gives up what timed out.
+    void sendInforms(SinkClock::time_point now);
+    void readResponses(SinkClock::time_point now);
+    void retryInforms(SinkClock::time_point now);
     void reportDrops(SinkClock::time_point now);
     void closeSocket();
     // Tells the loop what this sink now waits for.
@@ -129,6 +141,12 @@ class TrapSink {
     SinkAddress address_;
     SinkLoop *loop_;
     SinkQueue queue_;
+    InformWindow window_;
+    // The socket took no datagram at the last try: wait until it is writable.
+    bool sendBlocked_ = false;
+    // A retry was logged as a warning and no inform was acknowledged since.
+    bool reportedUnacknowledged_ = false;
+    std::string received_; // the last datagram read (an inform sink's)
     State state_ = State::kClosed;
     int fd_ = -1;
     Backoff backoff_;

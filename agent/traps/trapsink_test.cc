@@ -5,6 +5,9 @@
 // own; the sockets are real.
 #include "traps/trapsink.h"
 
+#include "traps/pduhead.h"
+#include "traps/pduhead_testing.h"
+
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -432,6 +435,128 @@ TEST(OneTrapSink, AUnixStreamSinkWorksLikeTcp)
     close(server);
     unlink(path.c_str());
     rmdir(dir);
+}
+
+} // namespace
+} // namespace kelp::agent
+
+namespace kelp::agent {
+namespace {
+
+// An inform sink on a UDP receiver the test plays: it reads the informs and
+// answers each with a Response of the inform's request-id, or does not.
+class InformSink : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        receiver = boundSocket(SOCK_DGRAM);
+        ASSERT_GE(receiver, 0);
+        SinkAddress address = addressOf(portOf(receiver), false);
+        address.name = "inform:" + address.name;
+        address.inform = true;
+        sink = std::make_unique<TrapSink>(address, &loop, kSinkLimits, InformPolicy{1s, 2, 2});
+        std::string error;
+        ASSERT_TRUE(sink->open(kStart, &error)) << error;
+        EXPECT_TRUE(loop.readable) << "Responses are read from the start";
+    }
+    void TearDown() override
+    {
+        sink.reset();
+        close(receiver);
+    }
+
+    // The request-ids of the informs that reached the receiver by now.
+    std::vector<int32_t> received()
+    {
+        std::vector<int32_t> ids;
+        char buffer[65536];
+        for (;;) {
+            pollfd entry{receiver, POLLIN, 0};
+            if (poll(&entry, 1, 200) <= 0) {
+                return ids;
+            }
+            const ssize_t n = recvfrom(receiver, buffer, sizeof buffer, 0,
+                                       reinterpret_cast<sockaddr *>(&from), &fromLength);
+            PduHead head;
+            if (n > 0 && peekPdu(std::string_view(buffer, static_cast<size_t>(n)), &head)) {
+                ids.push_back(head.requestId);
+            }
+        }
+    }
+
+    void answer(const std::string &datagram)
+    {
+        ASSERT_EQ(sendto(receiver, datagram.data(), datagram.size(), 0,
+                         reinterpret_cast<const sockaddr *>(&from), fromLength),
+                  static_cast<ssize_t>(datagram.size()));
+    }
+
+    bool acknowledged(size_t stillFlying)
+    {
+        return runUntil(*sink, loop, kStart, [&] { return sink->informs().size() == stillFlying; });
+    }
+
+    int receiver = -1;
+    FakeLoop loop;
+    std::unique_ptr<TrapSink> sink;
+    sockaddr_storage from{};
+    socklen_t fromLength = sizeof from;
+};
+
+TEST_F(InformSink, InformsWithinTheWindowGoAtOnceAndEachResponseLetsTheNextOneGo)
+{
+    for (const int32_t id : {501, 502, 503}) {
+        ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, id)), kStart));
+    }
+    EXPECT_EQ(received(), (std::vector<int32_t>{501, 502})) << "a window of two";
+    EXPECT_EQ(sink->queue().messages(), 1u);
+    // A stray Response, garbage and an inform are no acknowledgement.
+    answer(testing::snmpMessage(kResponsePduTag, 999));
+    answer("garbage");
+    answer(testing::snmpMessage(kInformPduTag, 501));
+    answer(testing::snmpMessage(kResponsePduTag, 502));
+    // 502 is done, and 503 takes its place in the window.
+    ASSERT_TRUE(runUntil(*sink, loop, kStart, [&] { return sink->queue().empty(); }));
+    EXPECT_EQ(sink->informs().size(), 2u);
+    EXPECT_EQ(received(), (std::vector<int32_t>{503}));
+    answer(testing::snmpMessage(kResponsePduTag, 501));
+    answer(testing::snmpMessage(kResponsePduTag, 503));
+    ASSERT_TRUE(acknowledged(0));
+    EXPECT_FALSE(loop.wake.has_value()) << "nothing left to time";
+    EXPECT_EQ(sink->queue().droppedTotal(), 0u);
+}
+
+TEST_F(InformSink, AnUnacknowledgedInformIsSentAgainAndGivenUpAfterItsLastRetry)
+{
+    ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, 7)), kStart));
+    EXPECT_EQ(received(), (std::vector<int32_t>{7}));
+    ASSERT_EQ(loop.wake, kStart + 1s);
+    sink->onTimer(kStart + 1s);
+    EXPECT_EQ(received(), (std::vector<int32_t>{7})) << "retry 1";
+    ASSERT_EQ(loop.wake, kStart + 2s);
+    sink->onTimer(kStart + 2s);
+    EXPECT_EQ(received(), (std::vector<int32_t>{7})) << "retry 2";
+    sink->onTimer(kStart + 3s);
+    EXPECT_TRUE(received().empty()) << "given up: no third retry";
+    EXPECT_TRUE(sink->informs().empty());
+    EXPECT_EQ(sink->queue().droppedTotal(), 1u);
+    // A late Response changes nothing; the sink still sends.
+    answer(testing::snmpMessage(kResponsePduTag, 7));
+    ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, 8)), kStart + 4s));
+    EXPECT_EQ(received(), (std::vector<int32_t>{8}));
+}
+
+TEST_F(InformSink, ARetriedInformThatIsThenAcknowledgedIsDone)
+{
+    ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, 21)), kStart));
+    EXPECT_EQ(received(), (std::vector<int32_t>{21}));
+    sink->onTimer(kStart + 1s);
+    EXPECT_EQ(received(), (std::vector<int32_t>{21}));
+    answer(testing::snmpMessage(kResponsePduTag, 21));
+    ASSERT_TRUE(acknowledged(0));
+    sink->onTimer(kStart + 5s);
+    EXPECT_TRUE(received().empty());
+    EXPECT_EQ(sink->queue().droppedTotal(), 0u);
 }
 
 } // namespace

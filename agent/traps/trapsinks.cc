@@ -9,7 +9,9 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "log.h"
@@ -24,6 +26,9 @@ namespace {
 // runs net-snmp.
 TrapSinks *g_active = nullptr;
 
+// The prefix that makes a --trap-sink an inform sink.
+constexpr const char *kInformPrefix = "inform:";
+
 void logUnusable(const std::string &address, const char *why)
 {
     logAt(LogLevel::kWarning, "trap sink %s cannot be used (%s); no trap goes there",
@@ -32,14 +37,23 @@ void logUnusable(const std::string &address, const char *why)
 
 } // namespace
 
-TrapSinks::TrapSinks(const std::vector<std::string> &addresses, bool v1, std::string community)
-    : v1_(v1), community_(std::move(community))
+TrapSinks::TrapSinks(const TrapSinkSettings &settings)
+    : v1_(settings.v1), community_(settings.community)
 {
     const SinkClock::time_point now = SinkClock::now();
-    for (const std::string &text : addresses) {
+    for (const std::string &text : settings.addresses) {
+        std::string_view target = text;
+        const bool inform = target.starts_with(kInformPrefix) || settings.informAll;
+        if (target.starts_with(kInformPrefix)) {
+            target.remove_prefix(std::strlen(kInformPrefix));
+        }
         SnmpAddress parsed;
-        if (!parseSnmpAddress(text, ":162", true, &parsed)) {
+        if (!parseSnmpAddress(std::string(target), ":162", true, &parsed)) {
             logUnusable(text, "not a reachable address");
+            continue;
+        }
+        if (inform && parsed.transport != SnmpTransport::kUdp) {
+            logUnusable(text, "informs go over UDP only");
             continue;
         }
         if (sinks_.size() == kMaxTrapSinks) {
@@ -50,9 +64,11 @@ TrapSinks::TrapSinks(const std::vector<std::string> &addresses, bool v1, std::st
         SinkAddress address;
         address.name = text;
         address.stream = parsed.transport != SnmpTransport::kUdp;
+        address.inform = inform;
         address.address = parsed.address;
         address.length = parsed.length;
-        auto sink = std::make_unique<TrapSink>(std::move(address), static_cast<SinkLoop *>(this));
+        auto sink = std::make_unique<TrapSink>(std::move(address), static_cast<SinkLoop *>(this),
+                                               kSinkLimits, settings.inform);
         std::string error;
         if (!sink->open(now, &error)) {
             logUnusable(text, "not a reachable address");
@@ -83,23 +99,38 @@ TrapSinks *TrapSinks::active()
     return g_active;
 }
 
-uint32_t TrapSinks::send(const Trap &trap)
+uint32_t TrapSinks::send(const Trap &trap, std::vector<std::string> *took)
 {
     if (sinks_.empty()) {
         return SM_SNMP_GENERR;
     }
-    std::string bytes;
-    std::string why;
-    if (!encodeTrap(trap, v1_, community_, &bytes, &why)) {
-        logAt(LogLevel::kWarning, "trap (generic %u, specific %u) not sent: %s", trap.generic,
-              trap.specific, why.c_str());
-        return SM_SNMP_GENERR;
-    }
-    const auto message = std::make_shared<const std::string>(std::move(bytes));
     const SinkClock::time_point now = SinkClock::now();
+    // One encoding per form, made when the first sink of that form needs it
+    // (and shared by the sinks of that form: an inform's request-id only
+    // has to be unique on each sink's own socket).
+    std::array<SinkMessage, kTrapForms> encoded;
+    std::array<bool, kTrapForms> failed{};
     bool taken = false;
-    for (const std::unique_ptr<TrapSink> &sink : sinks_) {
-        taken = sink->send(message, now) || taken;
+    for (size_t i = 0; i < sinks_.size(); i++) {
+        const TrapForm form = sinks_[i]->address().inform
+                                  ? TrapForm::kV2cInform
+                                  : (v1_ ? TrapForm::kV1Trap : TrapForm::kV2cTrap);
+        const auto slot = static_cast<size_t>(form);
+        if (!encoded[slot] && !failed[slot]) {
+            std::string bytes;
+            std::string why;
+            if (!encodeTrap(trap, form, community_, &bytes, &why)) {
+                logAt(LogLevel::kWarning, "trap (generic %u, specific %u) not sent: %s",
+                      trap.generic, trap.specific, why.c_str());
+                failed[slot] = true;
+                continue;
+            }
+            encoded[slot] = std::make_shared<const std::string>(std::move(bytes));
+        }
+        if (encoded[slot] && sinks_[i]->send(encoded[slot], now)) {
+            taken = true;
+            took->push_back(sinks_[i]->address().name);
+        }
     }
     return taken ? SM_SNMP_NOERROR : SM_SNMP_GENERR;
 }

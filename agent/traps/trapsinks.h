@@ -23,16 +23,27 @@ namespace kelp::agent {
 // net-snmp watches at most 32 sockets of each kind besides its own.
 inline constexpr size_t kMaxTrapSinks = 16;
 
+// What the sinks send, from the command line.
+struct TrapSinkSettings {
+    // net-snmp's syntax (udp:, udp6:, tcp:, tcp6:, unix:, or none for UDP;
+    // port 162 unless named), each optionally after "inform:".
+    std::vector<std::string> addresses;
+    bool v1 = false;        // SNMPv1 traps to the trap sinks; SNMPv2c otherwise
+    bool informAll = false; // every sink an inform sink
+    std::string community;
+    InformPolicy inform;
+};
+
 class TrapSinks final : private SinkLoop {
   public:
-    // Opens one sink per address of net-snmp's syntax (udp:, udp6:, tcp:,
-    // tcp6:, unix:, or none for UDP; port 162 unless named), for SNMPv1
-    // traps (`v1`) or SNMPv2c notifications, sent with `community`. An
-    // address that does not resolve, or whose socket cannot be made, is
-    // logged ("trap sink ADDR cannot be used (not a reachable address); no
-    // trap goes there") and left out; so are the addresses past
-    // kMaxTrapSinks. These become the active sinks.
-    TrapSinks(const std::vector<std::string> &addresses, bool v1, std::string community);
+    // Opens one sink per address: an inform sink for "inform:ADDR" (or any
+    // address with informAll), which sends SNMPv2c informs whatever `v1`
+    // says; a trap sink otherwise. An address that does not resolve, or
+    // whose socket cannot be made, is logged ("trap sink ADDR cannot be used
+    // (not a reachable address); no trap goes there") and left out; so are
+    // informs over a stream transport and the addresses past kMaxTrapSinks.
+    // These become the active sinks.
+    explicit TrapSinks(const TrapSinkSettings &settings);
     // Closes every sink (what their sockets take at once is still written).
     ~TrapSinks() override;
     TrapSinks(const TrapSinks &) = delete;
@@ -41,11 +52,12 @@ class TrapSinks final : private SinkLoop {
     // The sinks that were opened.
     size_t count() const { return sinks_.size(); }
 
-    // Encodes `trap` and queues it for every sink. 0 when at least one sink
-    // took it (sent, or queued behind others); 5 when there is no sink, the
-    // trap cannot be encoded (logged) or every queue is full (each sink
-    // counts its drop).
-    uint32_t send(const Trap &trap);
+    // Encodes `trap` once per form the sinks need and queues it for every
+    // sink; the names of the sinks that took it (sent, or queued behind
+    // others) are appended to *took. 0 when at least one sink took it; 5
+    // when there is no sink, the trap cannot be encoded (logged) or every
+    // queue is full (each sink counts its drop).
+    uint32_t send(const Trap &trap, std::vector<std::string> *took);
 
     // The sinks opened last and not yet closed, or null.
     static TrapSinks *active();
@@ -70,6 +82,7 @@ class TrapSinks final : private SinkLoop {
     bool v1_;
     std::string community_;
     std::vector<std::unique_ptr<TrapSink>> sinks_;
+    std::vector<bool> informs_;                           // parallel to sinks_: an inform sink
     std::map<int, Watch> watched_;                        // by socket
     std::map<TrapSink *, std::unique_ptr<Alarm>> alarms_; // stable addresses for net-snmp
 };

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "events/trap.h"
+#include "events/trapnumbers.h"
 #include "events/workers.h"
 #include "frame/state.h"
 #include "platform/evtmsg.h"
@@ -88,98 +89,20 @@ void readBlockedAlerts(int32_t (&alertID)[kBlockedSlots])
     SMFreeMem(buffer);
 }
 
-// The main trap of event 2121 (a state change) by object type.
-std::optional<uint32_t> stateChangeTrap(uint32_t objType)
-{
-    switch (objType) {
-    case 769:
-        return 752;
-    case 770:
-        return 802;
-    case 771:
-        return 1152;
-    case 772:
-        return 902;
-    case 773:
-        return 1202;
-    case 776:
-        return 852;
-    case 777:
-        return 1102;
-    case 778:
-        return 1052;
-    case 779:
-        return 1002;
-    case 780:
-        return 952;
-    default:
-        return std::nullopt;
-    }
-}
-
-// The first trap number of an object type's block; none for types without
-// traps.
-std::optional<uint32_t> trapBase(uint32_t objType)
-{
-    switch (objType) {
-    case 769:
-        return 750;
-    case 770:
-        return 800;
-    case 771:
-        return 1150;
-    case 772:
-    case 785:
-    case 793:
-        return 900;
-    case 773:
-        return 1200;
-    case 776:
-        return 850;
-    case 777:
-        return 1100;
-    case 778:
-        return 1050;
-    case 779:
-        return 1000;
-    case 780:
-        return 950;
-    case 786:
-        return 1600;
-    case 787:
-        return 1700;
-    case 788:
-        return 1400;
-    case 791:
-        return 1500;
-    default:
-        return std::nullopt;
-    }
-}
-
 // The main trap of an event without a fixed number: the type's base plus the
-// offset of the event's severity level (1 critical, 2 warning, 4 info).
+// offset of the event's severity level.
 std::optional<uint32_t> severityTrap(uint32_t eventId, uint32_t objType)
 {
     char level[EVTMSG_TEXT_SIZE] = {};
     char message[EVTMSG_MESSAGE_SIZE] = {};
     evtmsg_getAlertMsg(eventId, level, message, 0, nullptr);
     VscilDebugPrint("MonitorEvents: warningLevelStr= %s", level);
-    const uint32_t severity = leadingNumber(level);
-    const std::optional<uint32_t> base = trapBase(objType);
-    if (!base) {
+    const std::optional<uint32_t> base = events::typeTrap(events::kTrapBases, objType);
+    const std::optional<uint32_t> offset = events::severityOffset(leadingNumber(level));
+    if (!base || !offset) {
         return std::nullopt;
     }
-    switch (severity) {
-    case 1:
-        return *base + 4;
-    case 2:
-        return *base + 3;
-    case 4:
-        return *base + 1;
-    default:
-        return std::nullopt;
-    }
+    return *base + *offset;
 }
 
 // Events after which a virtual disk's row is new or changed: their trap waits
@@ -244,22 +167,8 @@ void handleEvent(char *xml, const int32_t (&alertID)[kBlockedSlots])
         SMEventSet(rescanDoneEvent);
     }
 
-    switch (eventId) {
-    case 2262:
-    case 2263:
-    case 2287:
-    case 2448:
-    case 2449:
-    case 2164:
-        KelpmibSendTrap(101, eventId, xml, 0);
-        break;
-    case 2135:
-    case 2167:
-    case 2168:
-        KelpmibSendTrap(103, eventId, xml, 0);
-        break;
-    default:
-        break;
+    if (const std::optional<uint32_t> extra = events::eventTrap(events::kExtraTraps, eventId)) {
+        KelpmibSendTrap(*extra, eventId, xml, 0);
     }
 
     HeapText objTypeText(getValFromXML(xml, "ObjType", 0));
@@ -271,23 +180,11 @@ void handleEvent(char *xml, const int32_t (&alertID)[kBlockedSlots])
         VscilDebugPrint("MonitorEvents: objectTypeString is NULL.\n");
     }
 
-    std::optional<uint32_t> trap;
-    switch (eventId) {
-    case 2121:
-        trap = stateChangeTrap(objType);
-        break;
-    case 2122:
-        trap = 1305;
-        break;
-    case 2123:
-        trap = 1306;
-        break;
-    case 2124:
-        trap = 1304;
-        break;
-    default:
+    std::optional<uint32_t> trap = events::eventTrap(events::kFixedTraps, eventId);
+    if (eventId == events::kStateChangeEvent) {
+        trap = events::typeTrap(events::kStateChangeTraps, objType);
+    } else if (!trap) {
         trap = severityTrap(eventId, objType);
-        break;
     }
 
     if (trap) {

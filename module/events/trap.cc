@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "events/trapnumbers.h"
 #include "events/workers.h"
 #include "frame/frame.h"
 #include "frame/state.h"
@@ -470,7 +471,7 @@ uint32_t KelpmibSendTrap(uint32_t trapNumber, uint32_t eventId, const char *even
     if (status == 0 && extended != 0) {
         status = setExtendedBindings(items, shortEvent ? kShortBindings : kOrdinaryBindings,
                                      objType, eventId, &inserts);
-        specific = trapNumber * 100;
+        specific = trapNumber * events::kExtendedTrapFactor;
     }
 
     if (status == 0) {

@@ -5,11 +5,15 @@
 #include "control/commands.h"
 
 #include <array>
+#include <memory>
 
+#include "control/activity.h"
 #include "control/words.h"
 #include "datastore/live/live_source.h"
+#include "datastore/model.h"
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
+#include "support/log.h"
 
 namespace kelp::ctl {
 namespace {
@@ -110,6 +114,14 @@ bool parseSet(Args args, Request *request, std::string *error)
 
 void runSet(const Request &request, Reply *reply)
 {
+    // Changes run one at a time on the worker, so nothing comes between
+    // this read and the change.
+    if (const std::shared_ptr<const ds::Model> model = ds::servedModel()) {
+        if (const std::optional<size_t> pos = model->find(request.id)) {
+            if (const std::string *value = ds::firstAttribute(model->object(*pos), request.name))
+                reply->previous = *value;
+        }
+    }
     std::string error;
     runOrFail(ds::setAttribute(request.id, request.name, request.text, &error), error, reply);
 }
@@ -381,6 +393,9 @@ Reply runCommand(const Request &request)
 {
     Reply reply;
     request.command->run(request, &reply);
+    // One line in the host's log for each change, whoever asked for it.
+    if (const std::string line = activityLine(request, reply); !line.empty())
+        rt::logNotice("%s", line.c_str());
     return reply;
 }
 

@@ -36,6 +36,9 @@ struct Reply {
     std::vector<std::string> lines;
     bool ok = true;
     std::string error;
+    // Not sent: for the log line of set, the attribute's value before the
+    // change (nullopt when the object had no such attribute).
+    std::optional<std::string> previous;
 
     void fail(std::string message)
     {

@@ -436,4 +436,29 @@ TEST_F(ControlCommandTest, UnknownCommandIsAnErrorAndHelpListsEveryCommand)
     EXPECT_TRUE(help.ends_with("\nok\n"));
 }
 
+std::vector<std::string> g_activity;
+
+void collectActivity(int level, const char *line)
+{
+    if (level == KELP_RUNTIME_LOG_NOTICE)
+        g_activity.push_back(line);
+}
+
+TEST_F(ControlCommandTest, EachChangeThroughTheSocketIsOneActivityLineAndARefusalNone)
+{
+    g_activity.clear();
+    kelpRuntimeSetActivityLog(collectActivity);
+    EXPECT_TRUE(ask("set 20 ObjStatus 4").ends_with("ok\n"));
+    EXPECT_TRUE(ask("set 999 ObjStatus 4").find("error:") != std::string::npos);
+    EXPECT_TRUE(ask("status").ends_with("ok\n"));
+    EXPECT_TRUE(ask("remove --no-events 40").ends_with("ok\n"));
+    EXPECT_TRUE(ask("event 2049 --object 20").ends_with("ok\n"));
+    kelpRuntimeSetActivityLog(nullptr);
+    EXPECT_EQ(g_activity,
+              (std::vector<std::string>{
+                  "kelpctl set: object 20 attribute ObjStatus \"2\" -> \"4\"",
+                  "kelpctl remove: removed object 40 and its links; no rescan events (--no-events)",
+                  "kelpctl event: queued event 2049 for object 20"}));
+}
+
 } // namespace

@@ -11,10 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/errno_text.h"
 #include "support/export_context.h"
 #include "support/log.h"
+#include "support/text.h"
 #include "vscil.h"
 
 namespace {
@@ -158,6 +160,42 @@ void VscilDebugPrint(const char *format, ...)
     }
     std::fwrite(text, 1, static_cast<size_t>(n), stderr);
     std::fflush(stderr);
+}
+
+int kelpRuntimeDebugPrinting(void)
+{
+    return g_on.load() ? 1 : 0;
+}
+
+// Toggles only when the state differs, so the printer ends where a Toggle
+// at load would have left it.
+void kelpRuntimeSetDebugPrinting(int on)
+{
+    if ((on != 0) != g_on.load())
+        VscilDebugToggle();
+}
+
+// The new file is opened before the old one is closed: a path that cannot be
+// opened now leaves printing where it was.
+int kelpRuntimeReopenDebugFile(char *error, unsigned errorSize)
+{
+    std::string message;
+    {
+        std::lock_guard lock(g_printerMutex);
+        if (g_printer.file != nullptr) {
+            std::FILE *fresh = std::fopen(g_printer.target.c_str(), "ae");
+            if (fresh == nullptr) {
+                message = kelp::rt::errnoMessage("cannot open debug file", g_printer.target) +
+                          "; printing goes on into the file open before";
+            } else {
+                std::setvbuf(fresh, nullptr, _IONBF, 0);
+                closeTarget();
+                g_printer.file = fresh;
+            }
+        }
+    }
+    kelp::rt::copyToBuffer(message, error, errorSize);
+    return message.empty() ? 0 : 1;
 }
 
 void VscilDebugExit(void)

@@ -169,6 +169,56 @@ TEST_F(DebugPrinterTest, LinesFromManyThreadsStayWhole)
     EXPECT_EQ(count, kThreads * kLines);
 }
 
+TEST_F(DebugPrinterTest, TheHostSwitchesPrintingToAStateNotByToggling)
+{
+    VscilDebugInit(nullptr);
+    EXPECT_EQ(kelpRuntimeDebugPrinting(), 0);
+    kelpRuntimeSetDebugPrinting(1);
+    kelpRuntimeSetDebugPrinting(1);
+    EXPECT_EQ(kelpRuntimeDebugPrinting(), 1);
+    VscilDebugPrint("on\n");
+    kelpRuntimeSetDebugPrinting(0);
+    kelpRuntimeSetDebugPrinting(0);
+    EXPECT_EQ(kelpRuntimeDebugPrinting(), 0);
+    VscilDebugPrint("off\n");
+    EXPECT_EQ(read(file_), "on\n");
+}
+
+TEST_F(DebugPrinterTest, AReopenAfterARenameWritesANewFileAtTheOldPath)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("before\n");
+    const std::string rotated = file_ + ".1";
+    fs::rename(file_, rotated);
+    VscilDebugPrint("still into the renamed file\n");
+    char error[256] = "untouched";
+    EXPECT_EQ(kelpRuntimeReopenDebugFile(error, sizeof error), 0);
+    EXPECT_STREQ(error, "");
+    VscilDebugPrint("after\n");
+    EXPECT_EQ(read(rotated), "before\nstill into the renamed file\n");
+    EXPECT_EQ(read(file_), "after\n");
+}
+
+TEST_F(DebugPrinterTest, AReopenThatCannotOpenKeepsTheOldFile)
+{
+    const std::string sub = dir_ + "/sub";
+    fs::create_directory(sub);
+    kelpRuntimeSetDebugFile((sub + "/debug.log").c_str());
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("one\n");
+    fs::rename(sub, dir_ + "/moved");
+    char error[256] = "";
+    EXPECT_NE(kelpRuntimeReopenDebugFile(error, sizeof error), 0);
+    EXPECT_NE(std::string(error).find(sub + "/debug.log"), std::string::npos) << error;
+    VscilDebugPrint("two\n");
+    EXPECT_EQ(read(dir_ + "/moved/debug.log"), "one\ntwo\n");
+    // Nothing to reopen while printing is off.
+    VscilDebugToggle();
+    EXPECT_EQ(kelpRuntimeReopenDebugFile(nullptr, 0), 0);
+}
+
 class DebugFileFailureTest : public DebugPrinterTest {
   protected:
     void SetUp() override

@@ -11,6 +11,7 @@ namespace kelp::rt {
 namespace {
 
 std::atomic<KelpRuntimeLogFn> g_hostLog{nullptr};
+std::atomic<KelpRuntimeLogFn> g_activityLog{nullptr};
 
 void logV(int level, const char *format, va_list args)
 {
@@ -22,6 +23,16 @@ void logV(int level, const char *format, va_list args)
         return;
     }
     std::fprintf(stderr, "kelp: %s\n", line);
+}
+
+void activityV(int level, const char *format, va_list args)
+{
+    const KelpRuntimeLogFn host = g_activityLog.load();
+    if (host == nullptr)
+        return;
+    char line[1024];
+    std::vsnprintf(line, sizeof line, format, args);
+    host(level, line);
 }
 
 } // namespace
@@ -42,9 +53,30 @@ void logError(const char *format, ...)
     va_end(args);
 }
 
+void logNotice(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    activityV(KELP_RUNTIME_LOG_NOTICE, format, args);
+    va_end(args);
+}
+
+void logInfo(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    activityV(KELP_RUNTIME_LOG_INFO, format, args);
+    va_end(args);
+}
+
 } // namespace kelp::rt
 
 extern "C" void kelpRuntimeSetLog(KelpRuntimeLogFn log)
 {
     kelp::rt::g_hostLog.store(log);
+}
+
+extern "C" void kelpRuntimeSetActivityLog(KelpRuntimeLogFn log)
+{
+    kelp::rt::g_activityLog.store(log);
 }

@@ -22,7 +22,11 @@ void collect(int level, const char *line)
 class RuntimeLogTest : public ::testing::Test {
   protected:
     void SetUp() override { g_lines.clear(); }
-    void TearDown() override { kelpRuntimeSetLog(nullptr); }
+    void TearDown() override
+    {
+        kelpRuntimeSetLog(nullptr);
+        kelpRuntimeSetActivityLog(nullptr);
+    }
 };
 
 TEST_F(RuntimeLogTest, WarningsAndErrorsGoToTheHostsLogWithTheirLevel)
@@ -51,6 +55,32 @@ TEST_F(RuntimeLogTest, ALongLineIsCutNotOverrun)
     kelp::rt::logWarning("%s", longText.c_str());
     ASSERT_EQ(g_lines.size(), 1u);
     EXPECT_EQ(g_lines[0].second, std::string(1023, 'x'));
+}
+
+TEST_F(RuntimeLogTest, ActivityGoesToTheActivityLogOnlyWithItsLevel)
+{
+    kelpRuntimeSetLog(collect);
+    kelp::rt::logNotice("dropped: no activity log");
+    EXPECT_TRUE(g_lines.empty());
+    kelpRuntimeSetLog(nullptr);
+    kelpRuntimeSetActivityLog(collect);
+    testing::internal::CaptureStderr();
+    kelp::rt::logNotice("kelpctl set: object %u", 12u);
+    kelp::rt::logInfo("live rescan: nothing changed");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    ASSERT_EQ(g_lines.size(), 2u);
+    EXPECT_EQ(g_lines[0],
+              std::make_pair(KELP_RUNTIME_LOG_NOTICE, std::string("kelpctl set: object 12")));
+    EXPECT_EQ(g_lines[1],
+              std::make_pair(KELP_RUNTIME_LOG_INFO, std::string("live rescan: nothing changed")));
+}
+
+TEST_F(RuntimeLogTest, WithoutAnActivityLogActivityIsDroppedNotPrinted)
+{
+    testing::internal::CaptureStderr();
+    kelp::rt::logNotice("kelpctl ready on");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(g_lines.empty());
 }
 
 } // namespace

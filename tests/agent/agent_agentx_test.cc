@@ -166,6 +166,40 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
     EXPECT_NE(receiver->log().find(".1.3.6.1.4.1.61234.20571.1.20.200.1.0 = INTEGER: 2048"),
               std::string::npos)
         << receiver->log();
+    // The subagent's log says where the trap went: to its master.
+    const std::string log = kelp->err();
+    const size_t line = log.find("trap 904 arrayDiskCriticalAlert (event 2048: ");
+    ASSERT_NE(line, std::string::npos) << log;
+    EXPECT_TRUE(
+        log.substr(line, log.find('\n', line) - line).ends_with(" sent to the AgentX master"))
+        << log;
+}
+
+TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
+{
+    const auto listed = [&](RunResult *walk) {
+        *walk = viaMaster("snmpwalk", {"1.3.6.1.2.1.1.9"});
+        return walk->out.find("= OID: ." + std::string(kRoot) + "\n") != std::string::npos;
+    };
+    RunResult walk;
+    EXPECT_FALSE(listed(&walk)) << "not before the subagent connects\n" << walk.out;
+    startSubagent();
+    ASSERT_TRUE(waitFor([&] { return listed(&walk); }, 20s)) << walk.out << walk.err << kelp->err();
+    // Its sysORDescr is in the same row: the index of the sysORID line.
+    const size_t id = walk.out.find("= OID: ." + std::string(kRoot) + "\n");
+    const size_t lineStart = walk.out.rfind('\n', id) + 1;
+    const std::string idName =
+        walk.out.substr(lineStart, walk.out.find(' ', lineStart) - lineStart);
+    const std::string row = idName.substr(idName.rfind('.'));
+    EXPECT_NE(walk.out.find(".1.3.6.1.2.1.1.9.1.3" + row +
+                            " = STRING: \"KELP-STORAGE-MIB: storage controllers, disks, "
+                            "enclosures and events\""),
+              std::string::npos)
+        << walk.out;
+    // The row goes with the subagent.
+    kelp->signal(SIGTERM);
+    ASSERT_EQ(kelp->wait(15s), 0) << kelp->err();
+    EXPECT_TRUE(waitFor([&] { return !listed(&walk); }, 10s)) << walk.out;
 }
 
 TEST_F(AgentX, WhileARescanHoldsTheTablesEveryAnswerComesWithinTheMastersTimeOut)

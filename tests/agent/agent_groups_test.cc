@@ -119,7 +119,10 @@ TEST(AgentGroups, SysORTableListsTheStorageMib)
     EXPECT_NE(walk.out.find("= OID: .1.3.6.1.4.1.61234.20571.1.20\n"), std::string::npos)
         << walk.out;
     const RunResult descr = agent.snmp("snmpwalk", {"1.3.6.1.2.1.1.9.1.3"});
-    EXPECT_NE(descr.out.find("storage-management MIB"), std::string::npos) << descr.out;
+    EXPECT_NE(descr.out.find("= STRING: \"KELP-STORAGE-MIB: storage controllers, disks, "
+                             "enclosures and events\""),
+              std::string::npos)
+        << descr.out;
 }
 
 TEST(AgentGroups, TheSnmpGroupCountsPacketsAndBadCommunities)
@@ -196,7 +199,10 @@ TEST(AgentGroups, ColdStartGoesToEveryTrapSinkAsV2cNotification)
             << receiver->log();
         EXPECT_NE(receiver->log().find("v=1 "), std::string::npos) << receiver->log();
     }
-    EXPECT_NE(agent.process()->err().find("coldStart sent to 2 trap sinks"), std::string::npos);
+    EXPECT_NE(agent.process()->err().find("trap coldStart sent to " + first.sink() + ", " +
+                                          second.sink() + "\n"),
+              std::string::npos)
+        << agent.process()->err();
 }
 
 TEST(AgentGroups, ASinkThatCannotBeUsedIsLoggedAndTheOthersStillServe)
@@ -220,7 +226,8 @@ TEST(AgentGroups, ASinkThatCannotBeUsedIsLoggedAndTheOthersStillServe)
                        "no trap goes there"),
               std::string::npos)
         << log;
-    EXPECT_NE(log.find("coldStart sent to 1 trap sink\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("trap coldStart sent to " + receiver.sink() + "\n"), std::string::npos)
+        << log;
     EXPECT_EQ(log.find("cannot create sink"), std::string::npos) << log;
 }
 
@@ -270,7 +277,7 @@ TEST(AgentGroups, UnderSystemdJournaldStampsTheLines)
     EXPECT_EQ(agent.stop(), 0);
     std::istringstream lines(agent.process()->err());
     for (std::string line; std::getline(lines, line);) {
-        EXPECT_EQ(line.rfind("kelpagent: ", 0), 0u) << line;
+        EXPECT_TRUE(std::regex_match(line, std::regex("<[3-7]>kelpagent: .*"))) << line;
     }
 }
 

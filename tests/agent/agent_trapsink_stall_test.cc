@@ -1,7 +1,8 @@
 // Trap receivers that misbehave never hold up the agent: a TCP receiver that
 // accepts and never reads, one whose connection never completes, one that
 // refuses. Each gets thousands of traps (storage events queued on the
-// control socket, the monitor's clock run fast) while a Get of sysUpTime and
+// control socket, the monitor's clock run fast), and so does an inform
+// receiver that never acknowledges, while a Get of sysUpTime and
 // of a storage object is measured request by request, and a healthy UDP
 // receiver beside them still gets its traps. Also: a refused TCP sink gets
 // the traps that waited once its receiver comes up, and the messages carry
@@ -370,6 +371,24 @@ TEST_F(TrapSinkStall, AReceiverThatNeverAnswersStallsNothing)
     expectDropsReported(sink);
 }
 
+TEST_F(TrapSinkStall, AnInformReceiverThatNeverAnswersStallsNothing)
+{
+    // A UDP port that takes the informs and never acknowledges one: every
+    // inform waits out its retries while the burst fills the sink's queue.
+    int port = 0;
+    held.push_back(boundSocket(SOCK_DGRAM, &port));
+    const std::string sink = "inform:udp:127.0.0.1:" + std::to_string(port);
+    start({sink});
+    burstWhileMeasuring(2000);
+    expectHealthySinkServed();
+    expectDropsReported(sink);
+    EXPECT_NE(agent.process()->err().find("trap sink " + sink +
+                                          ": an inform was not acknowledged within 1 s; sent "
+                                          "again (retry 1 of 5)"),
+              std::string::npos)
+        << agent.process()->err();
+}
+
 TEST_F(TrapSinkStall, AReceiverThatRefusesStallsNothing)
 {
     int port = 0;
@@ -440,8 +459,10 @@ TEST_F(TrapSinkStall, AV2cNotificationCarriesUptimeFirstAndTheEnterpriseLast)
     EXPECT_NE(line.find("vbs=.1.3.6.1.2.1.1.3.0 = Timeticks: "), std::string::npos) << line;
     EXPECT_TRUE(line.ends_with("\t.1.3.6.1.6.3.1.1.4.3.0 = OID: " + std::string(kTrapPrefix)))
         << line;
-    // coldStart names net-snmp's enterprise for this system, as net-snmp does.
-    EXPECT_NE(healthy.log().find(".1.3.6.1.6.3.1.1.4.3.0 = OID: .1.3.6.1.4.1.8072.3.2.10"),
+    // coldStart names kelp's trap enterprise, as the storage traps do.
+    EXPECT_NE(healthy.log().find(".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.1\t"
+                                 ".1.3.6.1.6.3.1.1.4.3.0 = OID: " +
+                                 std::string(kTrapPrefix) + "\n"),
               std::string::npos)
         << healthy.log();
 }

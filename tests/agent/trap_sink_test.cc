@@ -56,6 +56,7 @@ class TrapSink : public ::testing::Test {
         settings.community = "public";
         settings.trapSinks = {"udp:127.0.0.1:" + std::to_string(sinkPort)};
         settings.trapV1 = v1;
+        settings.trapCommunity = "public";
         settings.persistentDir = dir / "persist";
         std::string error;
         ASSERT_TRUE(snmp.init(settings, &error)) << error;

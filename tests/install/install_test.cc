@@ -118,6 +118,24 @@ TEST_F(Installed, PutsEveryFileInItsPlace)
 TEST_F(Installed, TheConfigurationShowsTheDefaultsAllCommentedOut)
 {
     const std::string conf = readFile(at("etc/kelp/kelpagent.conf"));
+    // Every option of the agent (but those of the command line only) is
+    // shown as a key, so that an option added later is added here too.
+    const RunResult help = run(clean("usr/sbin/kelpagent", {"--help"}), {}, *dir_);
+    ASSERT_EQ(help.status, 0) << help.err;
+    size_t keys = 0;
+    for (size_t at = help.out.find("\n  --"); at != std::string::npos;
+         at = help.out.find("\n  --", at + 1)) {
+        const size_t start = at + 5;
+        const size_t end = help.out.find_first_of(" ,=:\n", start);
+        const std::string key = help.out.substr(start, end - start);
+        if (key == "config" || key == "help" || key == "version")
+            continue;
+        ++keys;
+        EXPECT_TRUE(conf.find("\n#" + key + " ") != std::string::npos ||
+                    conf.find("\n#" + key + "\n") != std::string::npos)
+            << "the configuration does not show the key " << key;
+    }
+    EXPECT_GT(keys, 20u) << help.out;
     for (const char *line : {"#listen udp:127.0.0.1:1161\n", "#community public\n",
                              "#trap-version 2c\n", "#state-dir /var/lib/kelp\n"}) {
         EXPECT_NE(conf.find(line), std::string::npos) << line;
@@ -174,12 +192,10 @@ TEST_F(Installed, TheInstalledAgentServesTheInstalledSampleAndNamesTheMib)
     ASSERT_TRUE(answered && agent.running()) << answer << agent.err();
 
     const std::string log = agent.err();
-    EXPECT_NE(log.find("serving the model " + *root_ + "/usr/sbin/../share/kelp/models/sample.xml"),
-              std::string::npos)
+    // The model and the plug-in the log names are those of the staging root.
+    EXPECT_NE(log.find(*root_ + "/usr/sbin/../share/kelp/models/sample.xml"), std::string::npos)
         << log;
-    EXPECT_NE(log.find("module " + *root_ + "/usr/sbin/../lib/kelp/libkelpimp64.so"),
-              std::string::npos)
-        << log;
+    EXPECT_NE(log.find(*root_ + "/usr/sbin/../lib/kelp/libkelpimp64.so"), std::string::npos) << log;
     const std::string mibDir = fs::canonical(fs::path(mib).parent_path()).string();
     EXPECT_NE(log.find("the MIB " + mibDir + "/KELP-STORAGE-MIB.txt is not on net-snmp's MIB path"),
               std::string::npos)

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,7 @@
 #include "datastore/live/burst.h"
 #include "datastore/live/changes.h"
 #include "datastore/live/live_model.h"
+#include "datastore/live/rescan_line.h"
 #include "datastore/live/scan.h"
 #include "datastore/live/sysroot.h"
 #include "datastore/model_store.h"
@@ -154,9 +156,10 @@ class Source {
         poke();
     }
 
-    // One scan, compare, swap and queue. Thread: the live source's, or the
-    // starting thread before it runs.
-    bool rescan(std::string *error)
+    // One scan, compare, swap and queue; every scan after the first is one
+    // line in the host's log, saying `cause`. Thread: the live source's, or
+    // the starting thread before it runs.
+    bool rescan(std::string *error, const std::string &cause = "asked")
     {
         std::lock_guard serial(rescanMutex_);
         const auto begin = Clock::now();
@@ -173,18 +176,39 @@ class Source {
         // The events are made while both models are at hand; the old one is
         // let go before the swap, which frees it.
         std::vector<std::string> events;
-        if (served_)
+        RescanReport report;
+        const bool reported = served_ != nullptr;
+        if (served_) {
             events = changeEvents(*served_, *next);
+            report.before = countTypes(*served_);
+            report.after = countTypes(*next);
+        }
         served_.reset();
         ds::serveLiveModel(next);
         served_ = std::move(next);
         if (!events.empty()) {
             std::string queueError;
-            if (!ev::queueEvents(events, &queueError))
+            if (!ev::queueEvents(events, &queueError)) {
                 rt::logWarning("live source: %zu events not queued: %s", events.size(),
                                queueError.c_str());
+                report.queueError = queueError;
+            }
         }
         const double ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+        if (reported) {
+            for (const std::string &text : events) {
+                uint32_t id = 0;
+                if (eventIdOf(text, &id))
+                    report.events.push_back(id);
+            }
+            report.cause = cause;
+            report.ms = ms;
+            const std::string line = rescanLine(report);
+            if (rescanChanged(report))
+                rt::logNotice("%s", line.c_str());
+            else
+                rt::logInfo("%s", line.c_str());
+        }
         {
             std::lock_guard lock(statusMutex_);
             status_.running = true;
@@ -223,23 +247,34 @@ class Source {
             if (stopping_.load())
                 break;
             bool now = ready == 0 || Clock::now() >= due;
+            std::string cause = now ? periodCause() : "";
             if (ready > 0 && (fds[0].revents & POLLIN)) {
                 uint64_t count = 0;
                 [[maybe_unused]] ssize_t n = read(wake_.get(), &count, sizeof count);
-                if (rescanAsked_.exchange(false))
+                if (rescanAsked_.exchange(false)) {
                     now = true;
+                    cause = "asked";
+                }
             }
             if (ready > 0 && udev_ && (fds[1].revents & POLLIN)) {
                 udev_->drain();
                 waitForQuiet();
                 now = true;
+                cause = events_ + " device events";
             }
             if (!now || stopping_.load())
                 continue;
             std::string error;
-            rescan(&error);
+            rescan(&error, cause);
             due = Clock::now() + interval;
         }
+    }
+
+    std::string periodCause() const
+    {
+        char text[48];
+        std::snprintf(text, sizeof text, "every %g s", options_.intervalSeconds);
+        return text;
     }
 
     // Lets a burst of udev events end before the rescan it causes.

@@ -9,11 +9,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <mutex>
+#include <regex>
 #include <thread>
 
 #include "datastore/live/machine_testing.h"
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
+#include "kelp/runtime.h"
 
 namespace kelp::live {
 namespace {
@@ -90,6 +93,44 @@ TEST_F(LiveSourceTest, AGoneDiskQueuesThePairThenItsEvent)
     EXPECT_NE(third->find("<Nexus>0\\0\\0\\3</Nexus>"), std::string::npos) << *third;
     EXPECT_NE(third->find("<Parm01>0:0:3</Parm01>"), std::string::npos) << *third;
     EXPECT_NE(third->find("<ObjType>772</ObjType>"), std::string::npos) << *third;
+}
+
+std::vector<std::pair<int, std::string>> g_activity;
+std::mutex g_activityMutex;
+
+void collectActivity(int level, const char *line)
+{
+    std::lock_guard lock(g_activityMutex);
+    g_activity.emplace_back(level, line);
+}
+
+std::vector<std::pair<int, std::string>> activity()
+{
+    std::lock_guard lock(g_activityMutex);
+    return g_activity;
+}
+
+TEST_F(LiveSourceTest, EachRescanIsOneLineSayingWhyHowLongAndWhatChanged)
+{
+    g_activity.clear();
+    kelpRuntimeSetActivityLog(collectActivity);
+    send(1);
+    ASSERT_TRUE(waitUntil([] { return activity().size() == 1; }, 10s));
+    ASSERT_EQ(::unlink((tree.root() + "/sys/class/scsi_device/0:0:3:0").c_str()), 0);
+    ASSERT_TRUE(requestLiveRescan());
+    ASSERT_TRUE(waitUntil([] { return activity().size() == 2; }, 10s));
+    kelpRuntimeSetActivityLog(nullptr);
+    const auto lines = activity();
+    EXPECT_EQ(lines[0].first, KELP_RUNTIME_LOG_INFO);
+    EXPECT_TRUE(std::regex_match(
+        lines[0].second,
+        std::regex(R"(live rescan \(test device events\): \d+\.\d ms; nothing changed)")))
+        << lines[0].second;
+    EXPECT_EQ(lines[1].first, KELP_RUNTIME_LOG_NOTICE);
+    EXPECT_TRUE(std::regex_match(lines[1].second,
+                                 std::regex(R"(live rescan \(asked\): \d+\.\d ms; arraydisks )"
+                                            R"((\d+) -> (\d+); events 3061, 3060, 2049 queued)")))
+        << lines[1].second;
 }
 
 TEST_F(LiveSourceTest, LoadsAndChangesAreRefusedWhileLive)

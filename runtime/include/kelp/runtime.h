@@ -22,6 +22,16 @@ extern "C" {
 typedef void (*KelpRuntimeLogFn)(int level, const char *line);
 void kelpRuntimeSetLog(KelpRuntimeLogFn log);
 
+/* Where lines on what the runtime did go: one line for each control socket
+ * command that changed the model or queued an event, and one for each live
+ * rescan (how long it took, what changed). Level KELP_RUNTIME_LOG_NOTICE for
+ * a change, KELP_RUNTIME_LOG_INFO for a rescan that found nothing new. The
+ * same rules as for kelpRuntimeSetLog's function; null (the default) drops
+ * them. */
+#define KELP_RUNTIME_LOG_NOTICE 3
+#define KELP_RUNTIME_LOG_INFO 4
+void kelpRuntimeSetActivityLog(KelpRuntimeLogFn log);
+
 /* Lock waits of the calling thread. From now on every SMMutexLock on this
  * thread waits at most `ms` milliseconds, whatever time-out its caller gives
  * (0: it takes only a free mutex); a negative value lifts the bound. A host
@@ -64,6 +74,22 @@ int kelpRuntimeCheckIni(char *error, unsigned errorSize);
  * again); "" means no such file, so the printer names its file after the
  * module or writes to stderr, whatever KELP_DEBUG_FILE says. */
 void kelpRuntimeSetDebugFile(const char *path);
+
+/* The debug printer's switch, as the plug-in's VscilDebugToggle at load left
+ * it from "DebugSNMP": kelpRuntimeDebugPrinting answers 1 while printing is
+ * on, else 0; kelpRuntimeSetDebugPrinting(1 or 0) switches it on or off
+ * (nothing when it already is), printing where VscilDebugInit chose. A host
+ * uses them to apply a changed "DebugSNMP" without a restart. */
+int kelpRuntimeDebugPrinting(void);
+void kelpRuntimeSetDebugPrinting(int on);
+
+/* Opens the debug file again at its path and closes the one open, so that
+ * once logrotate has moved the file new lines go to a new file at the old
+ * path. 0 also when there is nothing to reopen (printing is off or goes to
+ * stderr). When the path cannot be opened, printing goes on into the file
+ * open before and the call answers non-zero with a message in error (cut to
+ * errorSize, when error is not null). */
+int kelpRuntimeReopenDebugFile(char *error, unsigned errorSize);
 
 /* The divisor of every Sleep and finite SMEventWait. A positive finite value
  * is set; anything else forgets the set value (KELP_TIME_SCALE applies
