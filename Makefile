@@ -4,10 +4,12 @@ BUILD      ?= build
 BUILD_ASAN ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
-# The development build (make run, make test) is unoptimised: it compiles
-# three times faster than -O2, so that `make run` answers within a minute of
-# a fresh clone. make bench and make package build optimised.
-BUILD_TYPE ?= Debug
+# The development build (make run, make test) is unoptimised with line
+# tables only (CMakeLists.txt, Dev), and precompiles the standard headers
+# unless ccache is the compiler launcher (cmake/KelpPch.cmake): a fresh
+# `make run` answers within about a minute on two cores. BUILD_TYPE=Debug
+# for full debug information; make bench and make package build optimised.
+BUILD_TYPE ?= Dev
 # Options for the agent that make run starts, e.g. ARGS='--listen udp:127.0.0.1:1162'.
 ARGS       ?=
 # make install: the prefix (fixed when configuring: changing it reconfigures
