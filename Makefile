@@ -4,40 +4,79 @@ BUILD      ?= build
 BUILD_ASAN ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
+# The development build (make run, make test) is unoptimised with line
+# tables only (CMakeLists.txt, Dev), and precompiles the standard headers
+# unless ccache is the compiler launcher (cmake/KelpPch.cmake): a fresh
+# `make run` answers within about a minute on two cores. BUILD_TYPE=Debug
+# for full debug information; make bench and make package build optimised.
+BUILD_TYPE ?= Dev
+# Options for the agent that make run starts, e.g. ARGS='--listen udp:127.0.0.1:1162'.
+ARGS       ?=
+# make install: the prefix (fixed when configuring: changing it reconfigures
+# $(BUILD)) and a staging root.
+PREFIX     ?= /usr/local
+DESTDIR    ?=
+BUILD_PACKAGE ?= $(BUILD)-package
+# What the agent needs, and what is installed.
+RUN_TARGETS     = kelpagent kelpimp64 kelpruntime kelpctl
+INSTALL_TARGETS = $(RUN_TARGETS) kelpgen
 
-.PHONY: all deps build run test asan bench format format-check clean
+.PHONY: all deps configure build run install package test asan bench format format-check clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
 
-build: deps
-	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+configure: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS)
+
+build: configure
 	cmake --build $(BUILD) -j$(JOBS)
 
 # The SNMP agent on the sample model, in the foreground until Ctrl-C, with
 # its defaults: udp:127.0.0.1:1161, community public, state (control socket,
-# ini, debug log) in $$XDG_STATE_HOME/kelp or ~/.local/state/kelp.
-run: build
-	@echo "kelpagent: serving data/models/sample.xml on udp:127.0.0.1:1161 (Ctrl-C stops it)."
-	@echo "In another terminal, try:"
+# ini, debug log) in $$XDG_STATE_HOME/kelp or ~/.local/state/kelp. Builds only
+# what the agent needs; make test builds the rest.
+run: configure
+	cmake --build $(BUILD) -j$(JOBS) --target $(RUN_TARGETS)
+	@echo "kelpagent: serving the sample model (data/models/sample.xml) on udp:127.0.0.1:1161"
+	@echo "unless ARGS says otherwise (Ctrl-C stops it). In another terminal, try:"
 	@echo "  snmpwalk -v2c -c public 127.0.0.1:1161 1.3.6.1.4.1.61234.20571.1.20"
 	@echo "  snmpget -v2c -c public 127.0.0.1:1161 1.3.6.1.4.1.61234.20571.1.20.130.1.1.2.1"
 	@echo "  $(BUILD)/bin/kelpctl set 1 Name 'Vorn RX-240 (renamed)'"
-	$(BUILD)/bin/kelpagent --model data/models/sample.xml
+	@echo "  $(BUILD)/bin/kelpctl mib      (the -M/-m options for names instead of numbers)"
+	$(BUILD)/bin/kelpagent $(ARGS)
+
+# Installs the programs, libraries, sample model, catalogue, MIB, manual
+# pages, configuration and systemd unit under $(PREFIX) (staged in $(DESTDIR)
+# when given).
+install: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j$(JOBS) --target $(INSTALL_TARGETS)
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD)
+
+# A Debian package for /usr (CPack's DEB generator), from an optimised build
+# of its own: $(BUILD_PACKAGE)/package/kelp_VERSION_ARCH.deb.
+package: deps
+	cmake -S . -B $(BUILD_PACKAGE) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_ARGS)
+	cmake --build $(BUILD_PACKAGE) -j$(JOBS) --target $(INSTALL_TARGETS)
+	cd $(BUILD_PACKAGE) && cpack -G DEB
+	@ls $(BUILD_PACKAGE)/package/*.deb
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
 
 # The whole test suite again, built with AddressSanitizer (leak checking on)
-# and UndefinedBehaviorSanitizer.
+# and UndefinedBehaviorSanitizer; the packaging test (a .deb of this build)
+# checks nothing a sanitizer sees, so it is left out.
+ASAN_CTEST_ARGS ?= -LE packaging
 asan: deps
 	cmake -S . -B $(BUILD_ASAN) -DCMAKE_BUILD_TYPE=Debug -DKELP_SANITIZE=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD_ASAN) -j$(JOBS)
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  ctest --output-on-failure -j$(JOBS)
+	  ctest --output-on-failure -j$(JOBS) $(ASAN_CTEST_ARGS)
 
 # Release build of the benchmarks (bench/), run once.
 bench: deps
@@ -54,4 +93,4 @@ format-check: deps
 	@scripts/check-format.sh
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE)

@@ -14,6 +14,7 @@
 #include "config.h"
 #include "log.h"
 #include "module.h"
+#include "notify.h"
 #include "options.h"
 #include "paths.h"
 #include "runtimesetup.h"
@@ -134,6 +135,8 @@ int run(const Options &options)
         logLine("%s",
                 answeringLine(options.listen, snmp.boundAddresses(), options.community).c_str());
     }
+    logLine("%s", mibHint(binaryDir()).c_str());
+    notifyReady(servingStatus(options));
     snmp.sendColdStart();
 
     snmp.run(
@@ -143,6 +146,7 @@ int run(const Options &options)
         },
         [&runtime] { runtime.reload(); }, [&runtime] { runtime.reopenDebugFile("SIGUSR1"); });
 
+    notifyStopping();
     stopAll();
     logLine("stopped");
     return 0;

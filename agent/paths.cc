@@ -6,7 +6,10 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+
+#include "mibpath.h"
 
 #ifndef KELP_SOURCE_DIR
 #define KELP_SOURCE_DIR ""
@@ -40,7 +43,11 @@ DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome,
     } else if (home != nullptr && home[0] != '\0') {
         places.stateDir = std::string(home) + "/.local/state/kelp";
     }
-    places.module = binDir + "/../lib/libkelpimp64.so";
+    // Installed, the plug-in is a private library in lib/kelp; in the build
+    // tree it sits in lib/ beside bin/.
+    const std::string installedModule = binDir + "/../lib/kelp/libkelpimp64.so";
+    places.module = access(installedModule.c_str(), F_OK) == 0 ? installedModule
+                                                               : binDir + "/../lib/libkelpimp64.so";
     places.modelCandidates.push_back(binDir + "/../share/kelp/models/sample.xml");
     places.modelCandidates.push_back(binDir + "/../../data/models/sample.xml");
     if (KELP_SOURCE_DIR[0] != '\0') {
@@ -53,6 +60,14 @@ DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome,
         places.config = KELP_SYSCONFDIR "/kelp/kelpagent.conf";
     }
     return places;
+}
+
+std::string mibHint(const std::string &binDir)
+{
+    const std::vector<std::string> kelpDirs = mib::kelpMibDirs(binDir);
+    const std::vector<std::string> netsnmpDirs = mib::netsnmpMibDirs(
+        std::getenv("MIBDIRS"), std::getenv("HOME"), mib::netsnmpDefaultMibDirs());
+    return mib::mibHint(mib::findMib(kelpDirs, netsnmpDirs), kelpDirs, netsnmpDirs);
 }
 
 bool makeStateDir(const std::string &dir, std::string *error)

@@ -15,13 +15,19 @@ std::string binaryDir();
 // The default places for a binary in `binDir`, with the state dir taken
 // from xdgStateHome, else home (either may be null or empty):
 //   state dir  $XDG_STATE_HOME/kelp, else $HOME/.local/state/kelp
-//   module     <bin>/../lib/libkelpimp64.so
+//   module     <bin>/../lib/kelp/libkelpimp64.so when it exists (installed),
+//              else <bin>/../lib/libkelpimp64.so (build tree)
 //   model      <bin>/../share/kelp/models/sample.xml   (installed)
 //              <bin>/../../data/models/sample.xml      (build tree in the checkout)
 //              <source dir>/data/models/sample.xml     (the checkout it was built from)
 //   config     <sysconfdir>/kelp/kelpagent.conf (KELP_SYSCONFDIR, else /etc);
 //              none for a binary in its build tree (<bin>/../CMakeCache.txt)
 DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome, const char *home);
+
+// One line on where kelp's MIB is for a program in `binDir` and the -M/-m
+// options net-snmp's tools need to read it (tools/mibpath.h), with net-snmp's
+// MIB path from $MIBDIRS and $HOME.
+std::string mibHint(const std::string &binDir);
 
 // Creates `dir` and its missing parents with mode 0700 (an existing dir is
 // left as it is). False with a message naming the path on failure.

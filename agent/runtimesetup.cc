@@ -6,6 +6,7 @@
 #include "blockedalerts.h"
 #include "kelp/runtime.h"
 #include "log.h"
+#include "notify.h"
 #include "platform/queue.h"
 
 namespace kelp::agent {
@@ -185,11 +186,13 @@ void RuntimeSetup::reload()
     }
     reloadRunning_ = true;
     reloadThread_ = std::thread([this] {
+        notifyReloading("reloading the configuration");
         for (;;) {
             reloadNow();
             std::lock_guard again(reloadMutex_);
             if (!reloadAgain_) {
                 reloadRunning_ = false;
+                notifyReloaded();
                 return;
             }
             reloadAgain_ = false;

@@ -13,10 +13,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "control/words.h"
+#include "mibpath.h"
 
 namespace {
 
@@ -56,6 +58,10 @@ Commands:
                                        already there replaces its value)
   event --xml TEXT                     queues an event given as XML
   help                                 lists the commands the server knows
+  mib                                  (no socket) prints where kelp's MIB is,
+                                       whether net-snmp's MIB path ($MIBDIRS,
+                                       else its default) finds it, and the
+                                       -M/-m options its tools need
 
 add, remove and load change the model and then queue the events a storage
 service raises when its configuration changes: 3061 (rescan started), then
@@ -182,6 +188,47 @@ bool readAnswer(int fd, std::string *answer)
     }
 }
 
+// The directory of this program (from /proc/self/exe); "." when unknown.
+std::string programDir()
+{
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return ".";
+    const std::string path(self, size_t(length));
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// `kelpctl mib`: answered here, without the control socket. Exit status 1
+// when kelp's MIB file is not found.
+int printMibPlace()
+{
+    namespace mib = kelp::mib;
+    const std::vector<std::string> kelpDirs = mib::kelpMibDirs(programDir());
+    const std::vector<std::string> netsnmpDirs = mib::netsnmpMibDirs(
+        std::getenv("MIBDIRS"), std::getenv("HOME"), mib::netsnmpDefaultMibDirs());
+    const std::optional<mib::MibPlace> place = mib::findMib(kelpDirs, netsnmpDirs);
+    if (!place) {
+        std::fprintf(stderr, "kelpctl: %s\n", mib::mibHint(place, kelpDirs, netsnmpDirs).c_str());
+        return kExitCommandError;
+    }
+    std::string searched;
+    for (const std::string &dir : netsnmpDirs)
+        searched += (searched.empty() ? "" : ":") + dir;
+    std::printf("MIB file: %s\n", place->file.c_str());
+    std::printf("net-snmp's MIB path: %s\n", searched.c_str());
+    if (place->foundIn.empty())
+        std::printf("found on that path: no\n");
+    else
+        std::printf("found on that path: yes, in %s\n", place->foundIn.c_str());
+    std::printf("options: %s\n", place->options.c_str());
+    std::printf("example: snmpwalk -v2c -c public %s 127.0.0.1:1161 "
+                "1.3.6.1.4.1.61234.20571.1.20\n",
+                place->options.c_str());
+    return kExitOk;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -213,6 +260,11 @@ int main(int argc, char **argv)
         socketPath = defaultSocket();
 
     std::vector<std::string> words(argv + i, argv + argc);
+    if (words[0] == "mib") {
+        if (words.size() != 1 || noEvents)
+            return usageError("mib takes no arguments");
+        return printMibPlace();
+    }
     if (noEvents) {
         if (words[0] != "load" && words[0] != "add" && words[0] != "remove")
             return usageError("--no-events goes with load, add and remove only");

@@ -322,6 +322,7 @@ std::vector<std::string> catalogueCandidates(const std::string &runtimeDir)
     if (!runtimeDir.empty()) {
         places.push_back(runtimeDir + "/../share/kelp/alerts.txt");
         places.push_back(runtimeDir + "/../../data/alerts.txt");
+        places.push_back(runtimeDir + "/../../share/kelp/alerts.txt");
     }
     if (KELP_SOURCE_DIR[0] != '\0')
         places.push_back(std::string(KELP_SOURCE_DIR) + "/data/alerts.txt");

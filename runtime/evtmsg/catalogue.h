@@ -47,6 +47,7 @@ std::shared_ptr<const Catalogue> loadCatalogueFile(const std::string &path, std:
 // The files tried, in order, when KELP_CATALOGUE is not set:
 //   <runtime dir>/../share/kelp/alerts.txt   (installed)
 //   <runtime dir>/../../data/alerts.txt      (build tree in the checkout)
+//   <runtime dir>/../../share/kelp/alerts.txt (installed in lib/kelp)
 //   <source dir>/data/alerts.txt             (the checkout it was built from)
 // where <runtime dir> is the directory of libkelpruntime.so.
 std::vector<std::string> catalogueCandidates(const std::string &runtimeDir);

@@ -1,0 +1,50 @@
+# What `make install` (cmake --install) puts where; the layout is
+# cmake/KelpLayout.cmake's. Files that other work adds later (mibs/*.txt,
+# docs/man/*.[1-8]) are globbed when installing, so that a new one is
+# installed without reconfiguring and a missing one is no error.
+install(TARGETS kelpagent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS kelpctl kelpgen RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kelpimp64 kelpruntime LIBRARY DESTINATION ${KELP_INSTALL_PKGLIBDIR})
+
+install(FILES data/models/sample.xml DESTINATION ${KELP_INSTALL_PKGDATADIR}/models)
+install(FILES data/alerts.txt DESTINATION ${KELP_INSTALL_PKGDATADIR})
+# The configuration goes where GNUInstallDirs puts the prefix's etc: /etc
+# for the prefix /usr, <prefix>/etc otherwise; decided when installing, so
+# that `cmake --install --prefix /usr` and the package put it in /etc.
+install(CODE "
+  if(IS_ABSOLUTE \"${CMAKE_INSTALL_SYSCONFDIR}\")
+    set(kelp_confdir \"${CMAKE_INSTALL_SYSCONFDIR}/kelp\")
+  elseif(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+    set(kelp_confdir /etc/kelp)
+  else()
+    set(kelp_confdir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}/kelp\")
+  endif()
+  file(INSTALL DESTINATION \"\${kelp_confdir}\" TYPE FILE
+       FILES \"${CMAKE_SOURCE_DIR}/packaging/kelpagent.conf\")")
+install(FILES packaging/kelp.sysusers DESTINATION ${KELP_INSTALL_SYSUSERSDIR} RENAME kelp.conf)
+
+install(CODE "
+  file(GLOB kelp_mibs \"${CMAKE_SOURCE_DIR}/mibs/*.txt\")
+  if(kelp_mibs)
+    file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_MIBDIR}\" TYPE FILE
+         FILES \${kelp_mibs})
+  endif()
+  foreach(section 1 2 3 4 5 6 7 8)
+    file(GLOB kelp_pages \"${CMAKE_SOURCE_DIR}/docs/man/*.\${section}\")
+    if(kelp_pages)
+      file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man\${section}\"
+           TYPE FILE FILES \${kelp_pages})
+    endif()
+  endforeach()")
+
+# The unit names the agent where this install puts it: the prefix is the
+# install's (cmake --install --prefix, CPack), not only the configured one.
+# Each prefix gets its own generated copy, so that installs to different
+# prefixes running at once (the tests) do not take each other's.
+install(CODE "
+  set(KELP_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+  string(MD5 kelp_unit_key \"\${CMAKE_INSTALL_PREFIX}\")
+  set(kelp_unit \"${CMAKE_BINARY_DIR}/packaging/unit-\${kelp_unit_key}/kelpagent.service\")
+  configure_file(\"${CMAKE_SOURCE_DIR}/packaging/kelpagent.service.in\" \"\${kelp_unit}\" @ONLY)
+  file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_UNITDIR}\" TYPE FILE
+       FILES \"\${kelp_unit}\")")

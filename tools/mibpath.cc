@@ -1,0 +1,136 @@
+// The MIB's place and net-snmp's search path (mibpath.h).
+#include "mibpath.h"
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdlib>
+
+#ifndef KELP_SOURCE_DIR
+#define KELP_SOURCE_DIR ""
+#endif
+#ifndef KELP_NETSNMP_MIBDIRS
+#define KELP_NETSNMP_MIBDIRS "$HOME/.snmp/mibs:/usr/share/snmp/mibs"
+#endif
+
+namespace kelp::mib {
+namespace {
+
+std::vector<std::string> splitPath(const std::string &text)
+{
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find(':', start);
+        if (end == std::string::npos)
+            end = text.size();
+        if (end > start)
+            parts.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return parts;
+}
+
+bool isRegularFile(const std::string &path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// The path without symbolic links, "." and ".."; the path itself when it
+// cannot be resolved.
+std::string canonical(const std::string &path)
+{
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+}
+
+std::string joined(const std::vector<std::string> &dirs)
+{
+    std::string text;
+    for (const std::string &dir : dirs)
+        text += (text.empty() ? "" : ":") + dir;
+    return text;
+}
+
+} // namespace
+
+std::string moduleFile()
+{
+    return std::string(kModule) + ".txt";
+}
+
+std::vector<std::string> kelpMibDirs(const std::string &binDir)
+{
+    std::vector<std::string> dirs = {binDir + "/../share/snmp/mibs", binDir + "/../../mibs"};
+    if (KELP_SOURCE_DIR[0] != '\0')
+        dirs.push_back(std::string(KELP_SOURCE_DIR) + "/mibs");
+    return dirs;
+}
+
+std::string netsnmpDefaultMibDirs()
+{
+    return KELP_NETSNMP_MIBDIRS;
+}
+
+std::vector<std::string> netsnmpMibDirs(const char *mibdirs, const char *home,
+                                        const std::string &defaults)
+{
+    std::string path = defaults;
+    if (mibdirs != nullptr && mibdirs[0] == '+')
+        path = std::string(mibdirs + 1) + ":" + defaults;
+    else if (mibdirs != nullptr && mibdirs[0] == '-')
+        path = defaults + ":" + std::string(mibdirs + 1);
+    else if (mibdirs != nullptr)
+        path = mibdirs;
+
+    std::vector<std::string> dirs;
+    const std::string homeVariable = "$HOME";
+    for (std::string dir : splitPath(path)) {
+        if (const size_t at = dir.find(homeVariable); at != std::string::npos) {
+            if (home == nullptr || home[0] == '\0')
+                continue;
+            dir.replace(at, homeVariable.size(), home);
+        }
+        dirs.push_back(dir);
+    }
+    return dirs;
+}
+
+std::optional<MibPlace> findMib(const std::vector<std::string> &kelpDirs,
+                                const std::vector<std::string> &netsnmpDirs)
+{
+    for (const std::string &candidate : kelpDirs) {
+        if (!isRegularFile(candidate + "/" + moduleFile()))
+            continue;
+        MibPlace place;
+        place.dir = canonical(candidate);
+        place.file = place.dir + "/" + moduleFile();
+        for (const std::string &dir : netsnmpDirs) {
+            if (isRegularFile(dir + "/" + moduleFile())) {
+                place.foundIn = dir;
+                break;
+            }
+        }
+        // Debian's snmp.conf loads no MIB modules by default: -m is always
+        // needed, -M only when the search path misses the file.
+        place.options =
+            (place.foundIn.empty() ? "-M +" + place.dir + " " : std::string()) + "-m +" + kModule;
+        return place;
+    }
+    return std::nullopt;
+}
+
+std::string mibHint(const std::optional<MibPlace> &place, const std::vector<std::string> &kelpDirs,
+                    const std::vector<std::string> &netsnmpDirs)
+{
+    if (!place)
+        return std::string("no ") + moduleFile() + " found in " + joined(kelpDirs);
+    if (!place->foundIn.empty())
+        return std::string("the MIB ") + place->file + " is on net-snmp's MIB path (in " +
+               place->foundIn + "): give its tools " + place->options;
+    return std::string("the MIB ") + place->file + " is not on net-snmp's MIB path (" +
+           joined(netsnmpDirs) + "): give its tools " + place->options;
+}
+
+} // namespace kelp::mib
