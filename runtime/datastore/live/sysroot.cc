@@ -126,6 +126,26 @@ bool SysRoot::open(const std::string &root, std::string *error)
     return true;
 }
 
+namespace {
+
+// openat2 below the root. The kernel answers EAGAIN to a lookup through ".."
+// when a rename or mount happened anywhere on the system meanwhile, which on
+// a busy machine is frequent: asked again it resolves. After kOpenAttempts
+// the caller resolves that one path by walking it.
+constexpr int kOpenAttempts = 64;
+
+int openInRoot(int rootFd, const std::string &relative, open_how *how)
+{
+    for (int attempt = 0;; ++attempt) {
+        const int fd =
+            static_cast<int>(syscall(SYS_openat2, rootFd, relative.c_str(), how, sizeof *how));
+        if (fd >= 0 || errno != EAGAIN || attempt + 1 == kOpenAttempts)
+            return fd;
+    }
+}
+
+} // namespace
+
 std::optional<std::string> SysRoot::resolveInKernel(std::string_view path, bool *unsupported) const
 {
     *unsupported = false;
@@ -135,11 +155,11 @@ std::optional<std::string> SysRoot::resolveInKernel(std::string_view path, bool 
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    rt::UniqueFd fd(
-        static_cast<int>(syscall(SYS_openat2, rootFd_->get(), relative.c_str(), &how, sizeof how)));
+    rt::UniqueFd fd(openInRoot(rootFd_->get(), relative, &how));
     if (!fd) {
         // ENOSYS: an older kernel; EPERM, EACCES on the call itself: a seccomp filter.
-        *unsupported = errno == ENOSYS || errno == EPERM;
+        // EAGAIN: renames elsewhere outran every attempt; walking takes no such lock.
+        *unsupported = errno == ENOSYS || errno == EPERM || errno == EAGAIN;
         return std::nullopt;
     }
     char proc[64], target[PATH_MAX];
@@ -166,7 +186,8 @@ std::optional<std::string> SysRoot::resolve(std::string_view path) const
         std::optional<std::string> real = resolveInKernel(path, &unsupported);
         if (!unsupported)
             return real;
-        kernelResolves_ = false;
+        if (errno != EAGAIN)
+            kernelResolves_ = false;
     }
     return resolveByWalking(path);
 }
@@ -242,16 +263,16 @@ std::optional<std::string> SysRoot::readBytes(std::string_view path) const
         how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
         const std::string relative(path);
-        rt::UniqueFd fd(static_cast<int>(
-            syscall(SYS_openat2, rootFd_->get(), relative.c_str(), &how, sizeof how)));
+        rt::UniqueFd fd(openInRoot(rootFd_->get(), relative, &how));
         if (fd) {
             if (!readOpen(fd.get(), kMaxAttributeFileBytes, &text))
                 return std::nullopt;
             return text;
         }
-        if (errno != ENOSYS && errno != EPERM)
+        if (errno != ENOSYS && errno != EPERM && errno != EAGAIN)
             return std::nullopt;
-        kernelResolves_ = false;
+        if (errno != EAGAIN)
+            kernelResolves_ = false;
     }
     std::optional<std::string> real = resolveByWalking(path);
     if (!real || !readWhole(hostPath(*real), kMaxAttributeFileBytes, &text))

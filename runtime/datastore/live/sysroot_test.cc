@@ -3,8 +3,12 @@
 #include "datastore/live/sysroot.h"
 
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "datastore/live/tree_testing.h"
 
@@ -130,6 +134,39 @@ TEST_P(SysRootTest, ListIsSortedAndSkipsDots)
 
 INSTANTIATE_TEST_SUITE_P(Resolution, SysRootTest, ::testing::Bool(),
                          [](const auto &param) { return param.param ? "Walking" : "Kernel"; });
+
+// The kernel refuses a lookup through ".." with EAGAIN when a rename or
+// mount happened anywhere on the system meanwhile; under a busy machine (a
+// package install, a parallel test run) that is most lookups of a sysfs
+// link. Every read must still succeed.
+TEST(SysRootRaces, RenamesElsewhereNeverFailALookupThroughDotDot)
+{
+    TempTree tree;
+    tree.file("sys/devices/pci0000:00/host0/target0:0:0/0:0:0:0/block/sda/size", "128\n");
+    tree.link("sys/block/sda", "../devices/pci0000:00/host0/target0:0:0/0:0:0:0/block/sda");
+    tree.file("renamed/a", "x");
+    SysRoot root;
+    std::string error;
+    ASSERT_TRUE(root.open(tree.root(), &error)) << error;
+    std::atomic<bool> stop{false};
+    const std::string a = tree.root() + "/renamed/a", b = tree.root() + "/renamed/b";
+    std::thread renamer([&] {
+        while (!stop.load()) {
+            ::rename(a.c_str(), b.c_str());
+            ::rename(b.c_str(), a.c_str());
+        }
+    });
+    int failed = 0;
+    for (int i = 0; i < 20000; ++i) {
+        if (root.readText("/sys/block/sda/size") != "128")
+            ++failed;
+        if (!root.resolve("/sys/block/sda"))
+            ++failed;
+    }
+    stop = true;
+    renamer.join();
+    EXPECT_EQ(failed, 0) << "of 40,000 lookups";
+}
 
 TEST(SysRootOpen, MissingRootOrFileIsAnError)
 {
