@@ -35,16 +35,6 @@ std::string trapOid(int specific)
            std::to_string(specific);
 }
 
-size_t countOf(const std::string &text, const std::string &needle)
-{
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos;
-         at = text.find(needle, at + needle.size())) {
-        count++;
-    }
-    return count;
-}
-
 // A snmptrapd on a free loopback port that accepts (and so acknowledges
 // the informs of) `community` only, one line per notification with its PDU
 // kind and community (%P), enterprise and numbers.

@@ -46,16 +46,6 @@ std::string trapOid(int n)
     return ".1.3.6.1.6.3.1.1.4.1.0 = OID: " + std::string(kTrapPrefix) + ".0." + std::to_string(n);
 }
 
-size_t countOf(const std::string &text, const std::string &needle)
-{
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos;
-         at = text.find(needle, at + needle.size())) {
-        count++;
-    }
-    return count;
-}
-
 // One command on the agent's control socket, as kelpctl sends it (each word
 // double-quoted on one line); the whole answer.
 std::string control(const AgentUnderTest &agent, const std::vector<std::string> &words)

@@ -35,9 +35,11 @@ TempDir::~TempDir()
     }
 }
 
-int freeUdpPort()
+namespace {
+
+int freeLoopbackPort(int type)
 {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -51,6 +53,28 @@ int freeUdpPort()
         close(fd);
     }
     return port;
+}
+
+} // namespace
+
+size_t countOf(const std::string &text, const std::string &needle)
+{
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos;
+         at = text.find(needle, at + needle.size())) {
+        count++;
+    }
+    return count;
+}
+
+int freeUdpPort()
+{
+    return freeLoopbackPort(SOCK_DGRAM);
+}
+
+int freeTcpPort()
+{
+    return freeLoopbackPort(SOCK_STREAM);
 }
 
 std::string readFile(const std::string &path)

@@ -35,10 +35,14 @@ class TempDir {
     std::string path_;
 };
 
-// A UDP port on 127.0.0.1 that nobody had bound a moment ago.
+// A UDP or TCP port on 127.0.0.1 that nobody had bound a moment ago.
 int freeUdpPort();
+int freeTcpPort();
 
 std::string readFile(const std::string &path);
+
+// How many times `needle` stands in `text`, not overlapping.
+size_t countOf(const std::string &text, const std::string &needle);
 void writeFile(const std::string &path, const std::string &text);
 
 // Polls `done` every 50 ms until it holds or `limit` passes.

@@ -34,24 +34,6 @@ bool executable(const std::string &path)
     return access(path.c_str(), X_OK) == 0;
 }
 
-int freeTcpPort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof addr;
-    int port = 0;
-    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &length) == 0) {
-        port = ntohs(addr.sin_port);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    return port;
-}
-
 namespace {
 
 // Closes a descriptor when the scope ends.

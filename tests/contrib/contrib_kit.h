@@ -25,9 +25,6 @@ std::vector<std::string> mibEnv(const TempDir &dir);
 // True when `path` names an executable file.
 bool executable(const std::string &path);
 
-// A TCP port on 127.0.0.1 that nobody had bound a moment ago.
-int freeTcpPort();
-
 struct HttpAnswer {
     int status = 0; // the HTTP status code; 0 when nothing answered
     std::string body;
