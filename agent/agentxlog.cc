@@ -25,9 +25,9 @@ AgentxLog::AgentxLog(std::string master, int retrySeconds, std::function<std::st
 {
 }
 
-std::string AgentxLog::probeUnixSocket(const std::string &spec)
+std::string AgentxLog::probeUnixSocket(const std::string &master)
 {
-    std::string path = spec;
+    std::string path = master;
     if (path.rfind("unix:", 0) == 0) {
         path = path.substr(5);
     }

@@ -47,7 +47,7 @@ class Trapd {
         process_ = std::make_unique<Process>(
             std::vector<std::string>{"snmptrapd", "-f", "-Lf", dir / (name + ".log"), "-On", "-C",
                                      "-c", dir / (name + ".conf"), "-F",
-                                     "pdu=%P ent=%N gen=%w spec=%q vbs=%v\n",
+                                     "pdu=%P ent=%N gen=%w specific=%q vbs=%v\n",
                                      "udp:127.0.0.1:" + std::to_string(port_)},
             snmpEnv(dir), dir / (name + ".out"), dir / (name + ".err"));
         ready_ = waitFor([&] { return log().find("NET-SNMP version") != std::string::npos; }, 20s);
@@ -155,7 +155,8 @@ TEST_F(AgentTraps, ColdStartNamesKelpsEnterpriseAsV1TrapAndAsInform)
     start({"--trap-version", "1", "--trap-sink", v1.sink(), "--trap-sink",
            "inform:" + informs.sink()});
     const std::string trap = v1.lineWith("pdu=TRAP, SNMP v1");
-    EXPECT_NE(trap.find(std::string("ent=") + kEnterprise + " gen=0 spec=0 "), std::string::npos)
+    EXPECT_NE(trap.find(std::string("ent=") + kEnterprise + " gen=0 specific=0 "),
+              std::string::npos)
         << v1.log() << agentLog();
     const std::string inform = informs.lineWith(kColdStartOid);
     EXPECT_NE(inform.find("pdu=INFORM, SNMP v2c, community public "), std::string::npos)
