@@ -264,16 +264,8 @@ TEST(AgentGroups, EveryLogLineStartsWithTheTime)
 TEST(AgentGroups, UnderSystemdJournaldStampsTheLines)
 {
     AgentUnderTest agent;
-    // The stream systemd would hand over: JOURNAL_STREAM names stderr's file.
-    const std::string err = agent.dir() / "agent.err";
-    writeFile(err, "");
-    struct stat st {};
-    ASSERT_EQ(stat(err.c_str(), &st), 0);
     std::string why;
-    ASSERT_TRUE(agent.start(
-        minimalModel(), {}, &why,
-        {"JOURNAL_STREAM=" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)}))
-        << why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why, {journalStream(agent)})) << why;
     EXPECT_EQ(agent.stop(), 0);
     std::istringstream lines(agent.process()->err());
     for (std::string line; std::getline(lines, line);) {

@@ -129,15 +129,8 @@ TEST(AgentOpLog, ALiveRescanIsOneLineWithItsCauseAndTime)
 TEST(AgentOpLog, UnderJournaldEveryStderrLineCarriesItsPriority)
 {
     AgentUnderTest agent;
-    const std::string err = agent.dir() / "agent.err";
-    writeFile(err, "");
-    struct stat st {};
-    ASSERT_EQ(stat(err.c_str(), &st), 0);
     std::string why;
-    ASSERT_TRUE(agent.start(
-        minimalModel(), {}, &why,
-        {"JOURNAL_STREAM=" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)}))
-        << why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why, {journalStream(agent)})) << why;
     agent.process()->signal(SIGUSR1);
     EXPECT_TRUE(logShows(agent, "no debug file to reopen"));
     EXPECT_EQ(agent.stop(), 0);

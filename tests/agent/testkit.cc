@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -378,6 +379,16 @@ bool AgentUnderTest::moduleAnswersValues()
 {
     return snmp("snmpget", {std::string(kRoot) + ".3.0"}).out.find("\"Vorn Inc.\"") !=
            std::string::npos;
+}
+
+std::string journalStream(const AgentUnderTest &agent)
+{
+    const std::string err = agent.dir() / "agent.err";
+    writeFile(err, "");
+    struct stat st {};
+    if (stat(err.c_str(), &st) != 0)
+        return "JOURNAL_STREAM=";
+    return "JOURNAL_STREAM=" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
 }
 
 } // namespace kelp::test

@@ -190,6 +190,11 @@ class TrapReceiver {
     ASSERT_TRUE((agent).moduleAnswersValues())                                                     \
         << "the plug-in does not answer " << kRoot << ".3.0 with \"Vorn Inc.\""
 
+// The JOURNAL_STREAM setting systemd would hand `agent` when its stderr is
+// the journal's stream: the device and inode of the file start() sends its
+// stderr to, created here so that it has them.
+std::string journalStream(const AgentUnderTest &agent);
+
 } // namespace kelp::test
 
 #endif // KELP_TESTS_AGENT_TESTKIT_H
