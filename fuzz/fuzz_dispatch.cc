@@ -6,46 +6,22 @@
 // and Set with any value. Load, unload and the monitor's start and stop are
 // not in the sequence: the host runs them once, around everything else, and
 // a monitor started per input would make each run take seconds.
-#include <unistd.h>
-
-#include <chrono>
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "fuzz_common.h"
 #include "platform/vcsupt.h"
-#include "pluginhost.h"
+#include "plugin_session.h"
 
 namespace {
 
-PluginHost g_host;
-void *g_services[SM_SERVICE_COUNT] = {};
-
-// The MIB root: most interesting names start with it.
-constexpr uint32_t kRoot[] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20};
-constexpr uint32_t kRootArcs = sizeof kRoot / sizeof kRoot[0];
-// What the agent's reply record holds (agent/records.h).
-constexpr uint32_t kReplyArcs = 128;
-constexpr uint32_t kReplyBytes = 1024;
-
-uint32_t ignoreTrap(uint64_t, const SMSnmpOID *, uint32_t, uint32_t, uint32_t, SMSnmpValue *)
-{
-    return 0;
-}
-
-void stopMonitor()
-{
-    uint32_t used = 0;
-    g_host.call(SM_CMD_STOP_MONITOR, nullptr, 0, nullptr, 0, &used);
-    g_host.unload();
-    g_host.close();
-}
+using fuzzplugin::kReplyArcs;
+using fuzzplugin::kReplyBytes;
+using fuzzplugin::kRoot;
+using fuzzplugin::kRootArcs;
 
 // The input read from the front, one field after another; past the end
 // every field reads as zero. docs/FUZZING.md gives the layout, and
@@ -150,7 +126,7 @@ void oneCall(Reader &in)
     std::vector<unsigned char> inBuffer = recordBuffer(request, inSize);
     std::vector<unsigned char> outBuffer = recordBuffer(reply, outSize);
     uint32_t used = 0xDEAD;
-    const uint32_t status = g_host.call(
+    const uint32_t status = fuzzplugin::host().call(
         command, inSize == 0 && (flags & kNullIn) != 0 ? nullptr : inBuffer.data(), inSize,
         outSize == 0 && (flags & kNullOut) != 0 ? nullptr : outBuffer.data(), outSize, &used);
     if (outSize < sizeof reply) {
@@ -180,43 +156,7 @@ void oneCall(Reader &in)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    const std::string dir = fuzzcommon::tempDir();
-    std::filesystem::copy_file(std::string(KELP_SOURCE_DIR) + "/data/models/sample.xml",
-                               dir + "/model.xml");
-    std::ofstream(dir + "/kelp.ini") << "[general]\nDebugSNMP=Off\n";
-    setenv("KELP_MODEL", (dir + "/model.xml").c_str(), 1);
-    setenv("KELP_INI", (dir + "/kelp.ini").c_str(), 1);
-    setenv("KELP_TIME_SCALE", "100", 1);
-    unsetenv("KELP_DEBUG_FILE");
-    if (!g_host.open(defaultPluginPath())) {
-        fuzzcommon::fail("cannot open the plug-in: " + g_host.error());
-    }
-    g_services[SM_SERVICE_TRAP_SEND] = reinterpret_cast<void *>(ignoreTrap);
-    FUZZ_CHECK(g_host.load(g_services, 1) == 0);
-    uint32_t used = 0;
-    FUZZ_CHECK(g_host.call(SM_CMD_START_MONITOR, nullptr, 0, nullptr, 0, &used) == 0);
-    // The refresh thread builds the tables; until then every Get is genErr.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    for (;;) {
-        uint32_t arcs[kRootArcs];
-        std::memcpy(arcs, kRoot, sizeof arcs);
-        uint32_t replyArcs[kReplyArcs];
-        unsigned char bytes[kReplyBytes];
-        SMSnmpValue request{}, reply{};
-        request.name = SMSnmpOID{kRootArcs, 0, arcs};
-        reply.name = SMSnmpOID{0, 0, replyArcs};
-        reply.value = kReplyBytes;
-        reply.buffer = bytes;
-        if (g_host.call(SM_CMD_GETNEXT, &request, sizeof request, &reply, sizeof reply, &used) ==
-            0) {
-            break;
-        }
-        if (std::chrono::steady_clock::now() > deadline) {
-            fuzzcommon::fail("the plug-in's tables were not built within a minute");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    std::atexit(stopMonitor);
+    fuzzplugin::start();
     return 0;
 }
 

@@ -17,37 +17,13 @@
 #include "kelp/runtime.h"
 #include "platform/queue.h"
 #include "platform/smsnmp.h"
+#include "plugin_session.h"
 #include "store/build.h"
 
 namespace {
 
 void *g_services[SM_SERVICE_COUNT];
 std::string g_dir;
-
-// What the agent does with a binding: read its name and its value.
-uint32_t readTrap(uint64_t, const SMSnmpOID *enterprise, uint32_t, uint32_t, uint32_t count,
-                  SMSnmpValue *bindings)
-{
-    volatile uint32_t sum = 0;
-    for (uint32_t i = 0; i < enterprise->count; i++) {
-        sum = sum + enterprise->arcs[i];
-    }
-    for (uint32_t i = 0; i < count; i++) {
-        const SMSnmpValue &b = bindings[i];
-        FUZZ_CHECK(b.name.count <= 128);
-        for (uint32_t a = 0; a < b.name.count; a++) {
-            sum = sum + b.name.arcs[a];
-        }
-        if (b.type == SM_ASN_OCTET_STRING || b.type == SM_ASN_OPAQUE) {
-            FUZZ_CHECK(b.value <= 1024);
-            const auto *bytes = static_cast<const unsigned char *>(b.buffer);
-            for (uint32_t c = 0; c < b.value; c++) {
-                sum = sum + bytes[c];
-            }
-        }
-    }
-    return 0;
-}
 
 std::string_view nextLine(std::string_view *text)
 {
@@ -69,7 +45,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         fuzzcommon::fail(error);
     }
     FUZZ_CHECK(buildAll() == 0);
-    g_services[SM_SERVICE_TRAP_SEND] = reinterpret_cast<void *>(readTrap);
+    g_services[SM_SERVICE_TRAP_SEND] = reinterpret_cast<void *>(fuzzplugin::readTrap);
     g_FrameworkServices = g_services;
     g_FrameworkHandle = 1;
     return 0;
