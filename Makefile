@@ -106,4 +106,4 @@ format-check: deps
 	@scripts/check-format.sh
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE) $(BUILD_FUZZ)
