@@ -5,6 +5,7 @@
 // SECTION, KEY and VALUE of a change. The same file is also read through
 // the plug-in's ini call (SSGetPrivateIniValue) into buffers of exactly the
 // size it asks for and one byte less.
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <optional>
@@ -51,9 +52,12 @@ void readThroughCall(std::string_view text, const std::string &section, const st
     uint32_t capacity = size;
     FUZZ_CHECK(SSGetPrivateIniValue(section.c_str(), key.c_str(), exact.data(), &capacity) == 0);
     FUZZ_CHECK(capacity == size && std::string(exact.data()) == *expected);
-    std::vector<char> short_(size - 1);
+    // One byte less; a capacity of 0 still gets a buffer (a null one is a
+    // bad argument), which must stay untouched.
+    std::vector<char> shorter(std::max<uint32_t>(size - 1, 1), '#');
     capacity = size - 1;
-    FUZZ_CHECK(SSGetPrivateIniValue(section.c_str(), key.c_str(), short_.data(), &capacity) == 16);
+    FUZZ_CHECK(SSGetPrivateIniValue(section.c_str(), key.c_str(), shorter.data(), &capacity) == 16);
+    FUZZ_CHECK(size > 1 || shorter[0] == '#');
 }
 
 } // namespace
