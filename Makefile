@@ -21,7 +21,8 @@ BUILD_PACKAGE ?= $(BUILD)-package
 RUN_TARGETS     = kelpagent kelpimp64 kelpruntime kelpctl
 INSTALL_TARGETS = $(RUN_TARGETS) kelpgen
 
-.PHONY: all deps configure build run install package test asan bench format format-check clean
+.PHONY: all deps configure build run install package test asan bench format format-check clean \
+        fuzz fuzz-smoke
 
 all: build
 
@@ -79,6 +80,18 @@ asan: deps
 	  ctest --output-on-failure -j$(JOBS) $(ASAN_CTEST_ARGS)
 
 # Release build of the benchmarks (bench/), run once.
+# The libFuzzer targets (docs/FUZZING.md), built with clang, ASan and UBSan
+# in a build directory of their own; fuzz-smoke runs each for FUZZ_RUNS
+# inputs from its seed corpus.
+BUILD_FUZZ ?= build-fuzz
+FUZZ_RUNS  ?= 2000
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=Dev -DKELP_FUZZ=ON $(CMAKE_ARGS)
+	cmake --build $(BUILD_FUZZ) -j$(JOBS) --target fuzz_all
+
+fuzz-smoke: fuzz
+	scripts/fuzz-smoke.sh $(BUILD_FUZZ) $(FUZZ_RUNS)
+
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table
@@ -93,4 +106,4 @@ format-check: deps
 	@scripts/check-format.sh
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE) $(BUILD_FUZZ)

@@ -19,6 +19,8 @@ packages=(
   prometheus-snmp-exporter monitoring-plugins-standard
   # contrib's dashboard check reads the exporter's snmp.yml.
   python3-yaml
+  # make fuzz: clang, and libFuzzer with clang's sanitizer runtimes.
+  clang libclang-rt-14-dev
 )
 
 missing=()
