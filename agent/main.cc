@@ -75,7 +75,12 @@ int run(const Options &options)
     settings.subagent = options.agentx;
     settings.agentxSocket = options.agentxSocket;
     settings.listen = options.listen;
-    settings.community = options.community;
+    settings.community = options.noV1v2c ? std::string() : options.community;
+    settings.allow = options.allow;
+    if (!options.v3Users.empty() &&
+        !readV3Keys(options.v3Keys, options.v3Users, &settings.v3Keys, &error)) {
+        return fail(error);
+    }
     settings.trapSinks = options.trapSinks;
     settings.trapV1 = options.trapV1;
     settings.trapInform = options.trapInform;
@@ -85,7 +90,9 @@ int run(const Options &options)
     settings.persistentDir = options.stateDir + "/snmp";
     settings.identity = identityOf(options);
     SnmpAgent snmp;
-    if (!snmp.init(settings, &error)) {
+    const bool initialised = snmp.init(settings, &error);
+    wipeV3Keys(&settings.v3Keys);
+    if (!initialised) {
         return fail(error);
     }
 
@@ -133,7 +140,9 @@ int run(const Options &options)
                                              : options.agentxSocket.c_str());
     } else {
         logLine("%s",
-                answeringLine(options.listen, snmp.boundAddresses(), options.community).c_str());
+                answeringLine(options.listen, snmp.boundAddresses(),
+                              accessSummary(!options.noV1v2c, options.v3Users, options.allowText))
+                    .c_str());
     }
     logLine("%s", mibHint(binaryDir()).c_str());
     notifyReady(servingStatus(options));

@@ -122,6 +122,39 @@ constexpr OptionRow kOptions[] = {
      [](Options &o, const std::string &v, std::string *e) {
          return setCommunity(&o.community, v, "--community", e);
      }},
+    {"no-v1v2c", Arg::kNone, nullptr, "answer no SNMPv1 or SNMPv2c request (SNMPv3 users only)",
+     [](Options &o, const std::string &, std::string *) { return o.noV1v2c = true; }},
+    {"v3-user", Arg::kRepeated, "NAME",
+     "an SNMPv3 user with read access, SHA-512 authentication and AES-256 privacy "
+     "(repeatable; its pass phrases are in --v3-keys)",
+     [](Options &o, const std::string &v, std::string *e) {
+         std::string user;
+         if (!setWord(&user, v, "--v3-user", e)) {
+             return false;
+         }
+         if (user.size() > 32 || user.find('\\') != std::string::npos) {
+             *e = "--v3-user takes a name of 1 to 32 bytes without backslashes";
+             return false;
+         }
+         o.v3Users.push_back(user);
+         return true;
+     }},
+    {"v3-keys", Arg::kRequired, "FILE",
+     "the SNMPv3 users' pass phrases, one \"NAME AUTHPASS PRIVPASS\" a line; mode 0600",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.v3Keys, v, "--v3-keys", e);
+     }},
+    {"allow", Arg::kRepeated, "NETWORK/PREFIX",
+     "answer only requests from this IPv4 or IPv6 network (repeatable; default: any source)",
+     [](Options &o, const std::string &v, std::string *e) {
+         Network network;
+         if (!parseNetwork(v, &network, e)) {
+             return false;
+         }
+         o.allow.push_back(network);
+         o.allowText.push_back(v);
+         return true;
+     }},
     {"agentx", Arg::kOptional, "SOCKET",
      "run as an AgentX subagent of a running snmpd (socket: /var/agentx/master)",
      [](Options &o, const std::string &v, std::string *e) {
@@ -242,6 +275,13 @@ constexpr OptionRow kOptions[] = {
          o.liveInterval = seconds;
          return true;
      }},
+    {"allow-root", Arg::kNone, nullptr, "run as root (refused otherwise; see --user)",
+     [](Options &o, const std::string &, std::string *) { return o.allowRoot = true; }},
+    {"user", Arg::kRequired, "NAME",
+     "started as root: run as this user once the SNMP port is bound",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.user, v, "--user", e);
+     }},
     {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
      [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},
     {"log-priorities", Arg::kNone, nullptr,
@@ -352,6 +392,24 @@ bool applyOption(std::string_view name, const std::string &value, Options *optio
 
 bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error)
 {
+    if (!options->v3Users.empty() && options->v3Keys.empty()) {
+        *error = "--v3-user needs --v3-keys FILE with the user's pass phrases";
+        return false;
+    }
+    if (options->v3Users.empty() && !options->v3Keys.empty()) {
+        *error = "--v3-keys names no user: give --v3-user NAME for each user to serve";
+        return false;
+    }
+    if (options->noV1v2c && options->v3Users.empty() && !options->agentx) {
+        *error = "--no-v1v2c without --v3-user would answer nobody";
+        return false;
+    }
+    if (options->agentx &&
+        (options->noV1v2c || !options->v3Users.empty() || !options->allow.empty())) {
+        *error = "--no-v1v2c, --v3-user and --allow apply to the agent's own address; an AgentX "
+                 "subagent is reached through its master, whose access control applies";
+        return false;
+    }
     if (options->stateDir.empty()) {
         if (places.stateDir.empty()) {
             *error = "no state dir: set XDG_STATE_HOME or HOME, or give --state-dir";

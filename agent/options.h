@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "access.h"
+
 namespace kelp::agent {
 
 inline constexpr const char *kDefaultListen = "udp:127.0.0.1:1161";
@@ -41,6 +43,13 @@ struct Options {
     std::string model;  // empty: the first sample model found (modelCandidates)
     std::string listen = kDefaultListen;
     std::string community = kDefaultCommunity;
+    bool noV1v2c = false;               // --no-v1v2c: no community answers
+    std::vector<std::string> v3Users;   // --v3-user, in order
+    std::string v3Keys;                 // --v3-keys: the users' pass phrases
+    std::vector<Network> allow;         // --allow; empty: every source
+    std::vector<std::string> allowText; // --allow as given, for the log
+    bool allowRoot = false;             // --allow-root
+    std::string user;                   // --user: run as this user once the ports are bound
     bool agentx = false;
     std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
     std::vector<std::string> trapSinks;

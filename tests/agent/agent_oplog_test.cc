@@ -52,7 +52,7 @@ TEST(AgentOpLog, TheStartUpLinesSayInWordsWhatIsServedAndWhere)
                          "same: 130.17, 130.18, 140.2, 140.4, 140.5, 140.6)\n"))
         << log;
     EXPECT_TRUE(has(log, "kelpagent: answering on udp:127.0.0.1:" + std::to_string(agent.port()) +
-                             ", community \"public\" (read-only)\n"))
+                             ", community (SNMPv1/v2c, read-only) from any source\n"))
         << log;
     EXPECT_FALSE(has(log, "command 1:")) << log;
     EXPECT_FALSE(has(log, "status 0, answer")) << log;
