@@ -17,6 +17,7 @@
 #include "notify.h"
 #include "options.h"
 #include "paths.h"
+#include "privileges.h"
 #include "runtimesetup.h"
 #include "snmp/handler.h"
 #include "snmpagent.h"
@@ -63,7 +64,7 @@ SystemIdentity identityOf(const Options &options)
     return identity;
 }
 
-int run(const Options &options)
+int run(const Options &options, const RunAs &runAs)
 {
     std::string error;
     RuntimeSetup runtime;
@@ -134,6 +135,19 @@ int run(const Options &options)
         stopAll();
         return status;
     }
+    // The ports are bound: root is needed no more. What was made as root
+    // so far (the state dir's files, the control socket) goes to the user.
+    if (!options.user.empty() && geteuid() == 0) {
+        if (!handOver({options.stateDir, options.control, options.ini, options.ini + ".lock"},
+                      runAs, &error) ||
+            !dropPrivileges(runAs, &error)) {
+            const int status = fail(error);
+            stopAll();
+            return status;
+        }
+        logLine("running as user %s (uid %u)", runAs.name.c_str(),
+                static_cast<unsigned>(runAs.uid));
+    }
     if (options.agentx) {
         logLine("AgentX subagent of %s", options.agentxSocket.empty()
                                              ? "the default master socket"
@@ -200,5 +214,14 @@ int main(int argc, char **argv)
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }
-    return run(options);
+    RunAs runAs;
+    if (!options.user.empty() && !lookUpUser(options.user, &runAs, &error)) {
+        return fail(error);
+    }
+    if (const std::string refusal =
+            startRefusal(geteuid(), options.allowRoot, options.user, runAs.uid);
+        !refusal.empty()) {
+        return fail(refusal);
+    }
+    return run(options, runAs);
 }

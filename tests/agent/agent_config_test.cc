@@ -37,9 +37,10 @@ TEST(AgentConfig, TheFileSetsListenAndCommunityAndTheCommandLineWins)
                             "\n"
                             "sys-contact Storage team <storage@example.net>\n"
                             "sys-location Rack 4, row B\n");
-        agent = std::make_unique<Process>(
-            std::vector<std::string>{kelpagentPath(), "--config", file, "--sys-location", "Hall 2"},
-            agentEnv(), dir / "agent.out", dir / "agent.err");
+        agent = std::make_unique<Process>(std::vector<std::string>{kelpagentPath(), "--allow-root",
+                                                                   "--config", file,
+                                                                   "--sys-location", "Hall 2"},
+                                          agentEnv(), dir / "agent.out", dir / "agent.err");
         const bool up = waitFor(
             [&] {
                 return !agent->running() ||
@@ -79,20 +80,21 @@ TEST(AgentConfig, ABadFileStopsTheAgentWithStatusOneNamingFileAndLine)
                         "\n"
                         "\n"
                         "comunity public\n");
-    const RunResult bad = run(
-        {kelpagentPath(), "--config", file, "--model", sourcePath("data/models/test/minimal.xml")},
-        agentEnv(), dir);
+    const RunResult bad = run({kelpagentPath(), "--allow-root", "--config", file, "--model",
+                               sourcePath("data/models/test/minimal.xml")},
+                              agentEnv(), dir);
     EXPECT_EQ(bad.status, 1);
     EXPECT_EQ(bad.err, "kelpagent: " + file + ":3: unknown key 'comunity'\n");
 
     const RunResult missing =
-        run({kelpagentPath(), "--config", dir / "none.conf"}, agentEnv(), dir);
+        run({kelpagentPath(), "--allow-root", "--config", dir / "none.conf"}, agentEnv(), dir);
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.err,
               "kelpagent: " + (dir / "none.conf") + ": cannot open: No such file or directory\n");
 
     // --help still answers: it reads no file.
-    const RunResult help = run({kelpagentPath(), "--config", file, "--help"}, agentEnv(), dir);
+    const RunResult help =
+        run({kelpagentPath(), "--allow-root", "--config", file, "--help"}, agentEnv(), dir);
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("--config FILE"), std::string::npos) << help.out;
 }

@@ -64,7 +64,7 @@ TEST(AgentGroups, TheSystemGroupNamesKelpAndTheStorageEnterprise)
     AgentUnderTest agent;
     std::string why;
     ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
-    const RunResult version = run({kelpagentPath(), "--version"}, {}, agent.dir());
+    const RunResult version = run({kelpagentPath(), "--allow-root", "--version"}, {}, agent.dir());
     const std::string kelpVersion = version.out.substr(10, version.out.find('\n') - 10);
     ASSERT_FALSE(kelpVersion.empty()) << version.out;
 
@@ -316,9 +316,9 @@ TEST(AgentGroups, SyslogGetsTheLinesInsteadOfStderr)
 
     std::vector<std::string> env = agentEnv();
     env.push_back("KELP_SYSLOG_SOCKET=" + path);
-    Process agent({kelpagentPath(), "--syslog", "--state-dir", dir / "state", "--listen",
-                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model", minimalModel(),
-                   "--module", modulePath()},
+    Process agent({kelpagentPath(), "--allow-root", "--syslog", "--state-dir", dir / "state",
+                   "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                   minimalModel(), "--module", modulePath()},
                   env, dir / "out", dir / "err");
     std::string received;
     const bool answering = waitFor(
