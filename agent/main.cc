@@ -214,6 +214,10 @@ int main(int argc, char **argv)
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }
+    if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {
+        logAt(LogLevel::kWarning, "the state dir %s was mode %04o, open to other users: now 0700",
+              options.stateDir.c_str(), was);
+    }
     RunAs runAs;
     if (!options.user.empty() && !lookUpUser(options.user, &runAs, &error)) {
         return fail(error);

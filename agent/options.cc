@@ -472,6 +472,8 @@ std::string usageText(const DefaultPlaces &places)
          << "  --listen " << kDefaultListen << ", --community " << kDefaultCommunity
          << " (read-only), no trap sink, --trap-version 2c,\n"
          << "  --trap-community: the read community\n"
+         << "  no SNMPv3 user, every source may query (no --allow); root is refused\n"
+         << "  without --allow-root or --user\n"
          << "  --state-dir "
          << (places.stateDir.empty() ? "$XDG_STATE_HOME/kelp or ~/.local/state/kelp"
                                      : places.stateDir)

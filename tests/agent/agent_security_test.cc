@@ -347,6 +347,24 @@ TEST(AgentSecurity, ACommunityBeyondLoopbackFromAnySourceIsWarnedAbout)
     }
 }
 
+TEST(AgentSecurity, TheControlSocketIs0600InAStateDirClosedToOthers)
+{
+    TempDir dir;
+    // A state dir made by hand, open to everyone.
+    std::filesystem::create_directories(dir / "state");
+    chmod((dir / "state").c_str(), 0755);
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_TRUE(has(agent.err(), "was mode 0755, open to other users: now 0700")) << agent.err();
+    ASSERT_EQ(lstat((dir / "state/control.sock").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
 TEST(AgentSecurity, GetBulkAnswersAreBounded)
 {
     TempDir dir;
