@@ -86,6 +86,7 @@ int run(const Options &options, const RunAs &runAs)
     settings.trapV1 = options.trapV1;
     settings.trapInform = options.trapInform;
     settings.trapCommunity = trapCommunityOf(options);
+    settings.trapV3User = options.trapV3User;
     settings.informTimeout = options.informTimeout;
     settings.informRetries = options.informRetries;
     settings.persistentDir = options.stateDir + "/snmp";

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -186,6 +187,12 @@ constexpr OptionRow kOptions[] = {
     {"trap-community", Arg::kRequired, "NAME", "the community traps carry (the read community)",
      [](Options &o, const std::string &v, std::string *e) {
          return setCommunity(&o.trapCommunity, v, "--trap-community", e);
+     }},
+    {"trap-v3-user", Arg::kRequired, "NAME",
+     "send SNMPv3 traps (authPriv) as this --v3-user instead of SNMPv2c ones (informs stay "
+     "SNMPv2c)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.trapV3User, v, "--trap-v3-user", e);
      }},
     {"inform-timeout", Arg::kRequired, "SECONDS",
      "send an unacknowledged inform again after this long (1)",
@@ -402,6 +409,15 @@ bool completeOptions(const DefaultPlaces &places, Options *options, std::string 
     }
     if (options->noV1v2c && options->v3Users.empty() && !options->agentx) {
         *error = "--no-v1v2c without --v3-user would answer nobody";
+        return false;
+    }
+    if (!options->trapV3User.empty() && std::find(options->v3Users.begin(), options->v3Users.end(),
+                                                  options->trapV3User) == options->v3Users.end()) {
+        *error = "--trap-v3-user " + options->trapV3User + " is not one of the --v3-user users";
+        return false;
+    }
+    if (!options->trapV3User.empty() && options->trapV1) {
+        *error = "--trap-v3-user sends SNMPv3 traps: it does not go with --trap-version 1";
         return false;
     }
     if (options->agentx &&

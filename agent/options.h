@@ -56,6 +56,7 @@ struct Options {
     bool trapV1 = false;       // --trap-version 1; 2c otherwise
     bool trapInform = false;   // --trap-version 2c-inform: every sink is an inform sink
     std::string trapCommunity; // empty: the read community (trapCommunityOf)
+    std::string trapV3User;    // --trap-v3-user: SNMPv3 traps as this --v3-user
     double informTimeout = kDefaultInformTimeout; // seconds
     int informRetries = kDefaultInformRetries;
     std::string ini;      // empty: <state-dir>/kelp.ini

@@ -425,6 +425,7 @@ bool SnmpAgent::open(std::string *error)
         sinks.v1 = settings_.trapV1;
         sinks.informAll = settings_.trapInform;
         sinks.community = settings_.trapCommunity;
+        sinks.v3User = settings_.trapV3User;
         sinks.inform.timeout = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::duration<double>(settings_.informTimeout));
         sinks.inform.retries = settings_.informRetries;

@@ -365,6 +365,63 @@ TEST(AgentSecurity, TheControlSocketIs0600InAStateDirClosedToOthers)
     EXPECT_EQ(agent.stop(), 0);
 }
 
+TEST(AgentSecurity, TrapsGoOutAsAnSnmpV3UserTheReceiverAuthenticates)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    // A first start makes the engine ID the receiver must know the user's
+    // keys for (a notification's sender is its authoritative engine).
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    std::smatch m;
+    const std::string persistent = readFile(dir / "state/snmp/kelpagent.conf");
+    ASSERT_TRUE(std::regex_search(persistent, m, std::regex(R"(\noldEngineID (0x[0-9a-f]+))")))
+        << persistent;
+    const std::string engineId = m[1];
+
+    // snmptrapd logs only what user ann sent, authenticated and encrypted.
+    const std::string conf = dir / "trapconf";
+    std::filesystem::create_directories(conf);
+    writeFile(conf + "/snmptrapd.conf", "createUser -e " + engineId + " ann SHA-512 " + kAuthPass +
+                                            " AES-256 " + kPrivPass + "\nauthUser log ann priv\n");
+    const int trapPort = freeUdpPort();
+    Process receiver(
+        {"/usr/sbin/snmptrapd", "-f", "-C", "-c", conf + "/snmptrapd.conf", "-Lf",
+         dir / "traps.log", "-On", "-m", "", "-F", "%P %v\n",
+         "udp:127.0.0.1:" + std::to_string(trapPort)},
+        {"SNMPCONFPATH=" + conf, "SNMP_PERSISTENT_DIR=" + (dir / "trappersist"), "MIBS="},
+        dir / "trapd.out", dir / "trapd.err");
+    ASSERT_TRUE(waitFor([&] { return has(readFile(dir / "traps.log"), "NET-SNMP version"); }, 10s))
+        << receiver.err();
+
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", "udp:127.0.0.1:" + std::to_string(trapPort),
+                             "--trap-v3-user", "ann"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    // coldStart at the start.
+    EXPECT_TRUE(
+        waitFor([&] { return has(readFile(dir / "traps.log"), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+        << readFile(dir / "traps.log") << agent.err();
+    const std::string log = readFile(dir / "traps.log");
+    EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
+    EXPECT_EQ(agent.stop(), 0);
+
+    // Only a --v3-user may send them, and not as SNMPv1 traps.
+    for (const std::vector<std::string> &bad :
+         {std::vector<std::string>{"--trap-v3-user", "bob"},
+          std::vector<std::string>{"--trap-v3-user", "ann", "--trap-version", "1"}}) {
+        std::vector<std::string> argv{kelpagentPath(), "--allow-root",
+                                      "--state-dir",   dir / "state",
+                                      "--model",       sourcePath("data/models/test/minimal.xml")};
+        std::vector<std::string> v3 = v3Args(dir);
+        argv.insert(argv.end(), v3.begin(), v3.end());
+        argv.insert(argv.end(), bad.begin(), bad.end());
+        const RunResult r = run(argv, agentEnv(), dir);
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(has(r.err, "--trap-v3-user")) << r.err;
+    }
+}
+
 TEST(AgentSecurity, GetBulkAnswersAreBounded)
 {
     TempDir dir;
