@@ -151,8 +151,12 @@ bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string 
         std::string fault;
         if (!plainWord(key.name) || !plainWord(key.authPass) || !plainWord(key.privPass)) {
             fault = "names and pass phrases are printable words without quotes or backslashes";
-        } else if (key.authPass.size() < kMinPassPhrase || key.privPass.size() < kMinPassPhrase) {
-            fault = "a pass phrase has at least " + std::to_string(kMinPassPhrase) + " characters";
+        } else if (key.authPass.size() < kMinPassPhrase || key.privPass.size() < kMinPassPhrase ||
+                   key.authPass.size() > kMaxPassPhrase || key.privPass.size() > kMaxPassPhrase) {
+            fault = "a pass phrase has " + std::to_string(kMinPassPhrase) + " to " +
+                    std::to_string(kMaxPassPhrase) + " characters";
+        } else if (key.name.size() > 32) {
+            fault = "a user name has at most 32 characters";
         } else if (std::any_of(parsed.begin(), parsed.end(),
                                [&](const V3Key &k) { return k.name == key.name; })) {
             fault = "user " + key.name + " is given twice";
@@ -194,8 +198,16 @@ bool readV3Keys(const std::string &path, const std::vector<std::string> &users,
     std::string text;
     char buffer[4096];
     ssize_t got;
-    while ((got = read(fd, buffer, sizeof buffer)) > 0) {
+    while ((got = read(fd, buffer, sizeof buffer)) > 0 && text.size() <= kMaxKeyFileBytes) {
         text.append(buffer, static_cast<size_t>(got));
+    }
+    if (text.size() > kMaxKeyFileBytes) {
+        std::memset(buffer, 0, sizeof buffer);
+        close(fd);
+        wipe(&text);
+        *error =
+            "--v3-keys " + path + " is larger than " + std::to_string(kMaxKeyFileBytes) + " bytes";
+        return false;
     }
     std::memset(buffer, 0, sizeof buffer);
     close(fd);

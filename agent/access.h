@@ -42,13 +42,18 @@ struct V3Key {
     std::string privPass;
 };
 
-// net-snmp's shortest pass phrase (USM_LENGTH_P_MIN).
+// net-snmp's shortest pass phrase (USM_LENGTH_P_MIN), and the longest the
+// agent takes (net-snmp's line parser would cut a much longer one silently).
 inline constexpr size_t kMinPassPhrase = 8;
+inline constexpr size_t kMaxPassPhrase = 256;
+// The largest key file read.
+inline constexpr size_t kMaxKeyFileBytes = 1 << 20;
 
 // Parses the key file's text: one user a line as "NAME AUTHPASS PRIVPASS",
 // blank lines and "#" comments skipped. Names and pass phrases are words of
 // printable characters without quotes or backslashes (they reach net-snmp's
-// line parser); a pass phrase has at least kMinPassPhrase bytes. Messages
+// line parser); a pass phrase has kMinPassPhrase to kMaxPassPhrase bytes, a
+// name at most 32. Messages
 // name the line, never a pass phrase. False with a message for a bad line or
 // a name given twice.
 bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string *error);

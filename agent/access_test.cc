@@ -109,7 +109,11 @@ TEST(Access, KeyFileLinesAreParsedAndBadOnesNameTheLineButNoPassPhrase)
     } cases[] = {
         {"ann secretpass1\n", "line 1: expected NAME AUTHPASS PRIVPASS"},
         {"ann secretpass1 secretpass2 more\n", "line 1: expected NAME AUTHPASS PRIVPASS"},
-        {"\nann short secretpass2\n", "line 2: a pass phrase has at least 8 characters"},
+        {"\nann short secretpass2\n", "line 2: a pass phrase has 8 to 256 characters"},
+        {"ann " + std::string(257, 's') + " secretpass2\n",
+         "line 1: a pass phrase has 8 to 256 characters"},
+        {std::string(33, 'n') + " secretpass1 secretpass2\n",
+         "line 1: a user name has at most 32 characters"},
         {"ann secretpass1 secret\"pass2\n", "line 1: names and pass phrases are printable"},
         {"ann secretpass1 secret\\pass2\n", "line 1: names and pass phrases are printable"},
         {"ann secretpass1 secretpass2\nann secretpass3 secretpass4\n",
@@ -143,6 +147,10 @@ TEST(Access, KeyFileReadableByOthersOrMissingAUserIsRefused)
     EXPECT_NE(error.find("no line for --v3-user bob"), std::string::npos) << error;
     EXPECT_FALSE(readV3Keys(std::string(dir) + "/none", {"ann"}, &keys, &error));
     EXPECT_FALSE(readV3Keys(dir, {"ann"}, &keys, &error));
+    // Garbage too large to be a key file is refused before it is parsed.
+    std::ofstream(path) << std::string(kMaxKeyFileBytes + 1, 'x');
+    EXPECT_FALSE(readV3Keys(path, {"ann"}, &keys, &error));
+    EXPECT_NE(error.find("larger than"), std::string::npos) << error;
     std::remove(path.c_str());
     rmdir(dir);
 }
