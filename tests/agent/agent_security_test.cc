@@ -304,6 +304,28 @@ TEST(AgentSecurity, AllowLimitsTheSourcesOfEveryVersion)
     EXPECT_EQ(inside.stop(), 0);
 }
 
+TEST(AgentSecurity, AllowTakesIpv6Networks)
+{
+    if (!haveIpv6Loopback()) {
+        GTEST_SKIP() << "no IPv6 loopback";
+    }
+    const struct {
+        const char *network;
+        bool answered;
+    } cases[] = {{"::1/128", true}, {"2001:db8::/32", false}, {"127.0.0.0/8", false}};
+    for (const auto &c : cases) {
+        TempDir dir;
+        SecureAgent agent(dir);
+        const std::string target = "udp6:[::1]:" + std::to_string(agent.port());
+        ASSERT_TRUE(agent.start({"--allow-root", "--allow", c.network}, target)) << agent.err();
+        const RunResult get = run(
+            {"snmpget", "-v2c", "-c", "public", "-On", "-t", "0.5", "-r", "0", target, kSysName},
+            snmpEnv(dir), dir);
+        EXPECT_EQ(get.status == 0, c.answered) << c.network << ": " << get.out << get.err;
+        EXPECT_EQ(agent.stop(), 0);
+    }
+}
+
 TEST(AgentSecurity, AWrongCommunityIsLoggedWithoutTheCommunity)
 {
     TempDir dir;
