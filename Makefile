@@ -47,7 +47,7 @@ run: configure
 	@echo "  snmpget -v2c -c public 127.0.0.1:1161 1.3.6.1.4.1.61234.20571.1.20.130.1.1.2.1"
 	@echo "  $(BUILD)/bin/kelpctl set 1 Name 'Vorn RX-240 (renamed)'"
 	@echo "  $(BUILD)/bin/kelpctl mib      (the -M/-m options for names instead of numbers)"
-	$(BUILD)/bin/kelpagent $(ARGS)
+	$(BUILD)/bin/kelpagent $$([ "$$(id -u)" = 0 ] && echo --allow-root) $(ARGS)
 
 # Installs the programs, libraries, sample model, catalogue, MIB, manual
 # pages, configuration and systemd unit under $(PREFIX) (staged in $(DESTDIR)

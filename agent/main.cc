@@ -17,6 +17,7 @@
 #include "notify.h"
 #include "options.h"
 #include "paths.h"
+#include "privileges.h"
 #include "runtimesetup.h"
 #include "snmp/handler.h"
 #include "snmpagent.h"
@@ -63,7 +64,7 @@ SystemIdentity identityOf(const Options &options)
     return identity;
 }
 
-int run(const Options &options)
+int run(const Options &options, const RunAs &runAs)
 {
     std::string error;
     RuntimeSetup runtime;
@@ -75,17 +76,25 @@ int run(const Options &options)
     settings.subagent = options.agentx;
     settings.agentxSocket = options.agentxSocket;
     settings.listen = options.listen;
-    settings.community = options.community;
+    settings.community = options.noV1v2c ? std::string() : options.community;
+    settings.allow = options.allow;
+    if (!options.v3Users.empty() &&
+        !readV3Keys(options.v3Keys, options.v3Users, &settings.v3Keys, &error)) {
+        return fail(error);
+    }
     settings.trapSinks = options.trapSinks;
     settings.trapV1 = options.trapV1;
     settings.trapInform = options.trapInform;
     settings.trapCommunity = trapCommunityOf(options);
+    settings.trapV3User = options.trapV3User;
     settings.informTimeout = options.informTimeout;
     settings.informRetries = options.informRetries;
     settings.persistentDir = options.stateDir + "/snmp";
     settings.identity = identityOf(options);
     SnmpAgent snmp;
-    if (!snmp.init(settings, &error)) {
+    const bool initialised = snmp.init(settings, &error);
+    wipeV3Keys(&settings.v3Keys);
+    if (!initialised) {
         return fail(error);
     }
 
@@ -127,13 +136,28 @@ int run(const Options &options)
         stopAll();
         return status;
     }
+    // The ports are bound: root is needed no more. What was made as root
+    // so far (the state dir's files, the control socket) goes to the user.
+    if (!options.user.empty() && geteuid() == 0) {
+        if (!handOver({options.stateDir, options.control, options.ini, options.ini + ".lock"},
+                      runAs, &error) ||
+            !dropPrivileges(runAs, &error)) {
+            const int status = fail(error);
+            stopAll();
+            return status;
+        }
+        logLine("running as user %s (uid %u)", runAs.name.c_str(),
+                static_cast<unsigned>(runAs.uid));
+    }
     if (options.agentx) {
         logLine("AgentX subagent of %s", options.agentxSocket.empty()
                                              ? "the default master socket"
                                              : options.agentxSocket.c_str());
     } else {
         logLine("%s",
-                answeringLine(options.listen, snmp.boundAddresses(), options.community).c_str());
+                answeringLine(options.listen, snmp.boundAddresses(),
+                              accessSummary(!options.noV1v2c, options.v3Users, options.allowText))
+                    .c_str());
     }
     logLine("%s", mibHint(binaryDir()).c_str());
     notifyReady(servingStatus(options));
@@ -191,5 +215,18 @@ int main(int argc, char **argv)
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }
-    return run(options);
+    if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {
+        logAt(LogLevel::kWarning, "the state dir %s was mode %04o, open to other users: now 0700",
+              options.stateDir.c_str(), was);
+    }
+    RunAs runAs;
+    if (!options.user.empty() && !lookUpUser(options.user, &runAs, &error)) {
+        return fail(error);
+    }
+    if (const std::string refusal =
+            startRefusal(geteuid(), options.allowRoot, options.user, runAs.uid);
+        !refusal.empty()) {
+        return fail(refusal);
+    }
+    return run(options, runAs);
 }

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -122,6 +123,39 @@ constexpr OptionRow kOptions[] = {
      [](Options &o, const std::string &v, std::string *e) {
          return setCommunity(&o.community, v, "--community", e);
      }},
+    {"no-v1v2c", Arg::kNone, nullptr, "answer no SNMPv1 or SNMPv2c request (SNMPv3 users only)",
+     [](Options &o, const std::string &, std::string *) { return o.noV1v2c = true; }},
+    {"v3-user", Arg::kRepeated, "NAME",
+     "an SNMPv3 user with read access, SHA-512 authentication and AES-256 privacy "
+     "(repeatable; its pass phrases are in --v3-keys)",
+     [](Options &o, const std::string &v, std::string *e) {
+         std::string user;
+         if (!setWord(&user, v, "--v3-user", e)) {
+             return false;
+         }
+         if (user.size() > 32 || user.find('\\') != std::string::npos) {
+             *e = "--v3-user takes a name of 1 to 32 bytes without backslashes";
+             return false;
+         }
+         o.v3Users.push_back(user);
+         return true;
+     }},
+    {"v3-keys", Arg::kRequired, "FILE",
+     "the SNMPv3 users' pass phrases, one \"NAME AUTHPASS PRIVPASS\" a line; mode 0600",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setPath(&o.v3Keys, v, "--v3-keys", e);
+     }},
+    {"allow", Arg::kRepeated, "NETWORK/PREFIX",
+     "answer only requests from this IPv4 or IPv6 network (repeatable; default: any source)",
+     [](Options &o, const std::string &v, std::string *e) {
+         Network network;
+         if (!parseNetwork(v, &network, e)) {
+             return false;
+         }
+         o.allow.push_back(network);
+         o.allowText.push_back(v);
+         return true;
+     }},
     {"agentx", Arg::kOptional, "SOCKET",
      "run as an AgentX subagent of a running snmpd (socket: /var/agentx/master)",
      [](Options &o, const std::string &v, std::string *e) {
@@ -153,6 +187,12 @@ constexpr OptionRow kOptions[] = {
     {"trap-community", Arg::kRequired, "NAME", "the community traps carry (the read community)",
      [](Options &o, const std::string &v, std::string *e) {
          return setCommunity(&o.trapCommunity, v, "--trap-community", e);
+     }},
+    {"trap-v3-user", Arg::kRequired, "NAME",
+     "send SNMPv3 traps (authPriv) as this --v3-user instead of SNMPv2c ones (informs stay "
+     "SNMPv2c)",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.trapV3User, v, "--trap-v3-user", e);
      }},
     {"inform-timeout", Arg::kRequired, "SECONDS",
      "send an unacknowledged inform again after this long (1)",
@@ -241,6 +281,13 @@ constexpr OptionRow kOptions[] = {
          }
          o.liveInterval = seconds;
          return true;
+     }},
+    {"allow-root", Arg::kNone, nullptr, "run as root (refused otherwise; see --user)",
+     [](Options &o, const std::string &, std::string *) { return o.allowRoot = true; }},
+    {"user", Arg::kRequired, "NAME",
+     "started as root: run as this user once the SNMP port is bound",
+     [](Options &o, const std::string &v, std::string *e) {
+         return setWord(&o.user, v, "--user", e);
      }},
     {"syslog", Arg::kNone, nullptr, "log to syslog (facility daemon) instead of stderr",
      [](Options &o, const std::string &, std::string *) { return o.syslog = true; }},
@@ -352,6 +399,33 @@ bool applyOption(std::string_view name, const std::string &value, Options *optio
 
 bool completeOptions(const DefaultPlaces &places, Options *options, std::string *error)
 {
+    if (!options->v3Users.empty() && options->v3Keys.empty()) {
+        *error = "--v3-user needs --v3-keys FILE with the user's pass phrases";
+        return false;
+    }
+    if (options->v3Users.empty() && !options->v3Keys.empty()) {
+        *error = "--v3-keys names no user: give --v3-user NAME for each user to serve";
+        return false;
+    }
+    if (options->noV1v2c && options->v3Users.empty() && !options->agentx) {
+        *error = "--no-v1v2c without --v3-user would answer nobody";
+        return false;
+    }
+    if (!options->trapV3User.empty() && std::find(options->v3Users.begin(), options->v3Users.end(),
+                                                  options->trapV3User) == options->v3Users.end()) {
+        *error = "--trap-v3-user " + options->trapV3User + " is not one of the --v3-user users";
+        return false;
+    }
+    if (!options->trapV3User.empty() && options->trapV1) {
+        *error = "--trap-v3-user sends SNMPv3 traps: it does not go with --trap-version 1";
+        return false;
+    }
+    if (options->agentx &&
+        (options->noV1v2c || !options->v3Users.empty() || !options->allow.empty())) {
+        *error = "--no-v1v2c, --v3-user and --allow apply to the agent's own address; an AgentX "
+                 "subagent is reached through its master, whose access control applies";
+        return false;
+    }
     if (options->stateDir.empty()) {
         if (places.stateDir.empty()) {
             *error = "no state dir: set XDG_STATE_HOME or HOME, or give --state-dir";
@@ -414,6 +488,8 @@ std::string usageText(const DefaultPlaces &places)
          << "  --listen " << kDefaultListen << ", --community " << kDefaultCommunity
          << " (read-only), no trap sink, --trap-version 2c,\n"
          << "  --trap-community: the read community\n"
+         << "  no SNMPv3 user, every source may query (no --allow); root is refused\n"
+         << "  without --allow-root or --user\n"
          << "  --state-dir "
          << (places.stateDir.empty() ? "$XDG_STATE_HOME/kelp or ~/.local/state/kelp"
                                      : places.stateDir)

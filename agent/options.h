@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "access.h"
+
 namespace kelp::agent {
 
 inline constexpr const char *kDefaultListen = "udp:127.0.0.1:1161";
@@ -41,12 +43,20 @@ struct Options {
     std::string model;  // empty: the first sample model found (modelCandidates)
     std::string listen = kDefaultListen;
     std::string community = kDefaultCommunity;
+    bool noV1v2c = false;               // --no-v1v2c: no community answers
+    std::vector<std::string> v3Users;   // --v3-user, in order
+    std::string v3Keys;                 // --v3-keys: the users' pass phrases
+    std::vector<Network> allow;         // --allow; empty: every source
+    std::vector<std::string> allowText; // --allow as given, for the log
+    bool allowRoot = false;             // --allow-root
+    std::string user;                   // --user: run as this user once the ports are bound
     bool agentx = false;
     std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
     std::vector<std::string> trapSinks;
     bool trapV1 = false;       // --trap-version 1; 2c otherwise
     bool trapInform = false;   // --trap-version 2c-inform: every sink is an inform sink
     std::string trapCommunity; // empty: the read community (trapCommunityOf)
+    std::string trapV3User;    // --trap-v3-user: SNMPv3 traps as this --v3-user
     double informTimeout = kDefaultInformTimeout; // seconds
     int informRetries = kDefaultInformRetries;
     std::string ini;      // empty: <state-dir>/kelp.ini

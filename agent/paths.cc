@@ -91,3 +91,17 @@ bool makeStateDir(const std::string &dir, std::string *error)
 }
 
 } // namespace kelp::agent
+
+namespace kelp::agent {
+
+unsigned tightenStateDir(const std::string &dir)
+{
+    struct stat st {};
+    if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || (st.st_mode & 077) == 0 ||
+        st.st_uid != geteuid() || chmod(dir.c_str(), 0700) != 0) {
+        return 0;
+    }
+    return static_cast<unsigned>(st.st_mode & 07777);
+}
+
+} // namespace kelp::agent

@@ -33,6 +33,12 @@ std::string mibHint(const std::string &binDir);
 // left as it is). False with a message naming the path on failure.
 bool makeStateDir(const std::string &dir, std::string *error);
 
+// Makes `dir` (the state dir, which holds the control socket and net-snmp's
+// persistent file) mode 0700 when others may enter or read it and it is this
+// process's user's. Answers the mode it had when it was changed, 0 when it
+// was not (also when it is another user's, left to its owner).
+unsigned tightenStateDir(const std::string &dir);
+
 } // namespace kelp::agent
 
 #endif // KELP_AGENT_PATHS_H

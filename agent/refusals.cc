@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "kelp/runtime.h"
 #include "log.h"
@@ -28,8 +29,9 @@ namespace {
 constexpr auto kInterval = std::chrono::minutes(1);
 // Sources remembered at once; more (a spoofed flood) forget the oldest.
 constexpr size_t kMaxSources = 1024;
-// The longest part of a refused community put into the log.
-constexpr size_t kMaxShownCommunity = 64;
+// The networks of --allow; empty: every source. Written once by
+// watchAccess before the first request, read by the agent's thread only.
+std::vector<Network> g_allow;
 
 // The source's address without its port (a manager uses a new port for
 // each request), from the transport data net-snmp keeps with the request:
@@ -50,31 +52,37 @@ std::string sourceOf(const netsnmp_pdu *pdu)
     return text[0] != '\0' ? text : "an unknown source";
 }
 
-// The community as printable text: other bytes as \xNN, cut after
-// kMaxShownCommunity bytes.
-std::string shownCommunity(const netsnmp_pdu *pdu)
+const char *versionName(long version)
 {
-    std::string shown;
-    const size_t length = std::min(pdu->community_len, kMaxShownCommunity);
-    for (size_t i = 0; i < length; i++) {
-        const unsigned char c = pdu->community[i];
-        if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
-            shown += static_cast<char>(c);
-        } else {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            shown += escaped;
-        }
+    switch (version) {
+    case SNMP_VERSION_1:
+        return "SNMPv1";
+    case SNMP_VERSION_2c:
+        return "SNMPv2c";
+    case SNMP_VERSION_3:
+        return "SNMPv3";
+    default:
+        return "an unknown version";
     }
-    return pdu->community_len > length ? shown + "..." : shown;
 }
 
 int onAccessChecked(int, int, void *serverArg, void *)
 {
-    const auto *check = static_cast<const view_parameters *>(serverArg);
+    auto *check = static_cast<view_parameters *>(serverArg);
     const netsnmp_pdu *pdu = check != nullptr ? check->pdu : nullptr;
-    if (pdu == nullptr || check->errorcode != VACM_NOSECNAME ||
-        (pdu->version != SNMP_VERSION_1 && pdu->version != SNMP_VERSION_2c)) {
+    if (pdu == nullptr) {
+        return SNMPERR_SUCCESS;
+    }
+    const char *reason = nullptr;
+    const auto *address = static_cast<const sockaddr *>(pdu->transport_data);
+    const size_t length = pdu->transport_data_length > 0 ? size_t(pdu->transport_data_length) : 0;
+    if (!sourceAllowed(g_allow, address, length)) {
+        check->errorcode = VACM_NOACCESS;
+        reason = "its source is not in --allow";
+    } else if (check->errorcode == VACM_NOSECNAME &&
+               (pdu->version == SNMP_VERSION_1 || pdu->version == SNMP_VERSION_2c)) {
+        reason = "wrong community";
+    } else {
         return SNMPERR_SUCCESS;
     }
     const std::string source = sourceOf(pdu);
@@ -85,17 +93,17 @@ int onAccessChecked(int, int, void *serverArg, void *)
         kMaxSources);
     if (limit.allow(source, LogRateLimit::Clock::now())) {
         logAt(LogLevel::kWarning,
-              "refused a request from %s: community \"%s\" is not this agent's (logged once a "
-              "minute per source)",
-              source.c_str(), shownCommunity(pdu).c_str());
+              "refused a %s request from %s: %s (logged once a minute per source)",
+              versionName(pdu->version), source.c_str(), reason);
     }
     return SNMPERR_SUCCESS;
 }
 
 } // namespace
 
-void logRefusedCommunities()
+void watchAccess(const std::vector<Network> &allow)
 {
+    g_allow = allow;
     // After every other check, so that errorcode holds the verdict.
     netsnmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_ACM_CHECK_INITIAL,
                               onAccessChecked, nullptr, NETSNMP_CALLBACK_LOWEST_PRIORITY);

@@ -10,7 +10,10 @@
 
 #include <net-snmp/agent/agent_callbacks.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -41,6 +44,11 @@ namespace {
 constexpr const char *kAppName = "kelpagent";
 // A subagent pings its master this often and reconnects after a restart.
 constexpr int kAgentxPingSeconds = 5;
+// The most varbinds one GETBULK answer holds, whatever max-repetitions
+// asks (net-snmp's own default is 100, and it also keeps an answer within
+// the manager's message size). Bounds the work and the answer one small
+// request can cause; managers walk on with further requests.
+constexpr int kMaxBulkVarbinds = 64;
 
 // The self-pipe that signals and wake() write to, open from init() to
 // shutdown(); -1 otherwise. Lock-free, hence usable in a signal handler.
@@ -181,11 +189,37 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
 
 } // namespace
 
+// Reads one configuration file for one pass (PREMIB_CONFIG or
+// NORMAL_CONFIG) with the handlers of one application type: exported by
+// libnetsnmp and used by its own read_configs_optional, but declared in no
+// header.
+extern "C" int read_config_with_type_when(const char *filename, const char *type, int when);
+
 // net-snmp's list of open sessions: exported by libnetsnmp and laid out in
 // its public snmp_api.h (struct session_list), but declared in no header.
 extern "C" struct session_list *Sessions;
 
 namespace {
+
+// The persistent file net-snmp writes at every stop (and the agent at
+// every start): <persistent dir>/kelpagent.conf. The library reads no
+// configuration file here, so the agent reads this one itself, in both of
+// the library's passes: the engine ID in the first (before the engine is
+// set up from it), the boot counter in the second. Without it every start
+// would make a new engine ID and count boots from 1 again, and SNMPv3
+// managers would have to rediscover the agent.
+std::string g_persistentFile;
+
+int readPersistentFile(int, int minor, void *, void *)
+{
+    struct stat st {};
+    if (!g_persistentFile.empty() && stat(g_persistentFile.c_str(), &st) == 0) {
+        read_config_with_type_when(g_persistentFile.c_str(), kAppName,
+                                   minor == SNMP_CALLBACK_PRE_PREMIB_READ_CONFIG ? PREMIB_CONFIG
+                                                                                 : NORMAL_CONFIG);
+    }
+    return SNMPERR_SUCCESS;
+}
 
 // The addresses of net-snmp's open sessions' sockets, as bound (a port 0 or
 // a name resolved), in the order net-snmp opened them.
@@ -205,6 +239,69 @@ std::vector<std::string> sessionAddresses()
     // The list holds the newest session first.
     std::reverse(addresses.begin(), addresses.end());
     return addresses;
+}
+
+// True when one of net-snmp's open sessions listens on an address other
+// than a loopback one (the wildcard address included).
+bool listensBeyondLoopback()
+{
+    for (const session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
+        if (slp->transport == nullptr || slp->transport->sock < 0) {
+            continue;
+        }
+        sockaddr_storage address{};
+        socklen_t length = sizeof address;
+        if (getsockname(slp->transport->sock, reinterpret_cast<sockaddr *>(&address), &length) !=
+            0) {
+            continue;
+        }
+        if (address.ss_family == AF_INET) {
+            const auto *in = reinterpret_cast<const sockaddr_in *>(&address);
+            if ((ntohl(in->sin_addr.s_addr) >> 24) != 127) {
+                return true;
+            }
+        } else if (address.ss_family == AF_INET6) {
+            const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&address);
+            if (!IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// Creates each user in net-snmp's USM, in memory, and makes the USM hold
+// these users alone. net-snmp would write a created user's localized keys to
+// its persistent file and read them back at the next start, keeping a user
+// after its --v3-user is gone; read-only storage is never written, and the
+// users read from an older file are removed. The line with the pass phrases
+// goes through no file and no log.
+bool createV3Users(const std::vector<V3Key> &keys, std::string *error)
+{
+    // The keys of a user read back from an older file may be stale.
+    while (usmUser *user = usm_get_userList()) {
+        usm_free_user(usm_remove_user(user));
+    }
+    u_char engineId[SNMP_MAXBUF_SMALL];
+    const size_t engineIdLength = snmpv3_get_engineID(engineId, sizeof engineId);
+    for (const V3Key &key : keys) {
+        std::string arguments = createUserArguments(key.name, key.authPass, key.privPass);
+        std::vector<char> line(arguments.begin(), arguments.end());
+        line.push_back('\0');
+        usm_parse_create_usmUser(nullptr, line.data());
+        std::fill(line.begin(), line.end(), '\0');
+        std::fill(arguments.begin(), arguments.end(), '\0');
+        std::vector<char> name(key.name.begin(), key.name.end());
+        name.push_back('\0');
+        usmUser *user =
+            engineIdLength == 0 ? nullptr : usm_get_user(engineId, engineIdLength, name.data());
+        if (user == nullptr) {
+            *error = "cannot create the SNMPv3 user " + key.name;
+            return false;
+        }
+        user->userStorageType = ST_READONLY;
+    }
+    return true;
 }
 
 } // namespace
@@ -235,6 +332,11 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR,
                           settings.persistentDir.c_str());
+    g_persistentFile = settings.persistentDir + "/" + kAppName + ".conf";
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_PRE_PREMIB_READ_CONFIG,
+                           readPersistentFile, nullptr);
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_PRE_READ_CONFIG, readPersistentFile,
+                           nullptr);
     // Timers (AgentX pings and reconnects) run from the main loop, not
     // from a SIGALRM handler in the middle of whatever the loop was doing.
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
@@ -260,6 +362,8 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
         *error = "net-snmp's agent library does not start";
         return false;
     }
+    netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES,
+                       kMaxBulkVarbinds);
     if (settings.subagent) {
         // init_agent sets its own default (15 s); the first connection is
         // tried by init_snmp, the retries on this period.
@@ -294,9 +398,26 @@ bool SnmpAgent::open(std::string *error)
     registerStorageMib();
     if (!settings_.subagent) {
         rememberAll(accessLines(settings_.community));
+        std::vector<std::string> users;
+        for (const V3Key &key : settings_.v3Keys) {
+            users.push_back(key.name);
+        }
+        rememberAll(v3AccessLines(users));
         rememberAll(systemLines(settings_.identity));
     }
     init_snmp(kAppName);
+    if (!settings_.subagent) {
+        // After init_snmp, which reads the engine ID the users' keys are
+        // localized to.
+        const bool created = createV3Users(settings_.v3Keys, error);
+        wipeV3Keys(&settings_.v3Keys);
+        if (!created) {
+            return false;
+        }
+        // engineBoots (already counting this start) and the engine ID on
+        // disk now, so that a start that later crashes still counts.
+        snmp_store(kAppName);
+    }
     flushAgentxLog();
     if (!settings_.trapSinks.empty()) {
         TrapSinkSettings sinks;
@@ -304,6 +425,7 @@ bool SnmpAgent::open(std::string *error)
         sinks.v1 = settings_.trapV1;
         sinks.informAll = settings_.trapInform;
         sinks.community = settings_.trapCommunity;
+        sinks.v3User = settings_.trapV3User;
         sinks.inform.timeout = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::duration<double>(settings_.informTimeout));
         sinks.inform.retries = settings_.informRetries;
@@ -322,8 +444,13 @@ bool SnmpAgent::open(std::string *error)
                  " (the port is in use, or the address is not this host's)";
         return false;
     }
-    logRefusedCommunities();
+    watchAccess(settings_.allow);
     bound_ = sessionAddresses();
+    if (!settings_.community.empty() && settings_.allow.empty() && listensBeyondLoopback()) {
+        logAt(LogLevel::kWarning,
+              "SNMPv1/v2c requests are answered beyond loopback from any source: give --allow "
+              "NETWORK/PREFIX to limit who may query (a community travels in clear text)");
+    }
     return true;
 }
 

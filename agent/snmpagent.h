@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "access.h"
 #include "snmpconf.h"
 
 namespace kelp::agent {
@@ -20,11 +21,14 @@ struct AgentSettings {
     bool subagent = false;
     std::string agentxSocket;           // subagent: empty for net-snmp's default
     std::string listen;                 // master: the address to answer on
-    std::string community;              // master: the read-only community
+    std::string community;              // master: the read-only community; empty: none
+    std::vector<V3Key> v3Keys;          // master: the SNMPv3 users (wiped once created)
+    std::vector<Network> allow;         // master: the sources that may query; empty: any
     std::vector<std::string> trapSinks; // "inform:ADDR" for an inform sink
     bool trapV1 = false;
     bool trapInform = false;   // every sink an inform sink
     std::string trapCommunity; // the community of traps and informs
+    std::string trapV3User;    // non-empty: traps (not informs) as this SNMPv3 user
     double informTimeout = 1;  // seconds before an inform is sent again
     int informRetries = 5;
     std::string persistentDir; // created 0700 when missing
@@ -45,7 +49,11 @@ class SnmpAgent {
 
     // After the registrations: init_snmp, the trap sinks, and for a master
     // the standard groups, the community's access from IPv4 and IPv6
-    // sources, the listening addresses and the log of refused communities.
+    // sources, the SNMPv3 users (created in memory, never written to the
+    // persistent files), the engine's boot count stored at once, the
+    // listening addresses, the check of --allow's sources and the log of
+    // refused requests. Warns when a community answers beyond loopback to
+    // any source.
     // False with a message when an address is not valid or cannot be bound
     // (in use, or not this host's).
     bool open(std::string *error);

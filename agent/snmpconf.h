@@ -19,7 +19,25 @@ inline constexpr const char *kAgentObjectId = ".1.3.6.1.4.1.61234.20571.1.20";
 // or IPv6 source, v1 and v2c. Write access covers the storage subtree alone:
 // it only lets a Set through to the handler, which refuses it as
 // notWritable (read-only access would answer noAccess instead).
+// The views; with an empty `community` nothing more (no SNMPv1 or v2c
+// access).
 std::vector<std::string> accessLines(const std::string &community);
+
+// net-snmp's names of the protocols every SNMPv3 user of the agent has:
+// Debian 12's net-snmp 5.9.3 is built with SHA-512 (usmHMAC384SHA512) and
+// AES-256 (the Blumenthal draft's key extension, usmAES256PrivProtocol).
+inline constexpr const char *kV3AuthProtocol = "SHA-512";
+inline constexpr const char *kV3PrivProtocol = "AES-256";
+
+// Read access, as for the community, for each SNMPv3 user of `users` that
+// authenticates (authNoPriv or authPriv); noAuthNoPriv is refused.
+std::vector<std::string> v3AccessLines(const std::vector<std::string> &users);
+
+// The arguments of net-snmp's createUser for one user:
+// "NAME SHA-512 AUTHPASS AES-256 PRIVPASS". Holds the pass phrases: the
+// caller hands it to the USM in memory only and wipes it.
+std::string createUserArguments(const std::string &name, const std::string &authPass,
+                                const std::string &privPass);
 
 struct SystemIdentity {
     std::string descr;    // sysDescr

@@ -124,8 +124,27 @@ std::string pluginInfoLine(const std::string &path, const std::array<uint32_t, 3
            failures;
 }
 
+std::string accessSummary(bool community, const std::vector<std::string> &v3Users,
+                          const std::vector<std::string> &allow)
+{
+    const auto joined = [](const std::vector<std::string> &words) {
+        std::string text;
+        for (const std::string &word : words) {
+            text += (text.empty() ? "" : ", ") + word;
+        }
+        return text;
+    };
+    std::string summary = community ? "community (SNMPv1/v2c, read-only)" : "";
+    if (!v3Users.empty()) {
+        summary += std::string(summary.empty() ? "" : " and ") +
+                   (v3Users.size() == 1 ? "SNMPv3 user " : "SNMPv3 users ") + joined(v3Users) +
+                   " (read-only)";
+    }
+    return summary + (allow.empty() ? " from any source" : " from " + joined(allow));
+}
+
 std::string answeringLine(const std::string &listen, const std::vector<std::string> &bound,
-                          const std::string &community)
+                          const std::string &access)
 {
     std::string addresses;
     for (const std::string &address : bound) {
@@ -140,7 +159,7 @@ std::string answeringLine(const std::string &listen, const std::vector<std::stri
             line += " (--listen " + listen + ")";
         }
     }
-    return line + ", community \"" + community + "\" (read-only)";
+    return line + ", " + access;
 }
 
 std::string boundSocketText(int fd)

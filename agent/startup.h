@@ -39,11 +39,18 @@ MibSummary summariseMib(const std::vector<DefinedGroup> &groups);
 std::string pluginInfoLine(const std::string &path, const std::array<uint32_t, 3> &status,
                            const std::array<uint32_t, 3> &answer);
 
-// "answering on udp:0.0.0.0:1161 (--listen 1161), community "public"
-// (read-only)": the bound addresses, and the --listen text when it says
-// something else; the --listen text alone when none is known.
+// Who the agent answers, for the start-up line, naming no secret:
+// "community (SNMPv1/v2c, read-only)" when `community` is set, "SNMPv3
+// users a, b (read-only)" for `v3Users`, joined by " and ", then " from any
+// source" or " from " and the --allow networks.
+std::string accessSummary(bool community, const std::vector<std::string> &v3Users,
+                          const std::vector<std::string> &allow);
+
+// "answering on udp:0.0.0.0:1161 (--listen 1161), ACCESS": the bound
+// addresses, and the --listen text when it says something else; the
+// --listen text alone when none is known; `access` (accessSummary) last.
 std::string answeringLine(const std::string &listen, const std::vector<std::string> &bound,
-                          const std::string &community);
+                          const std::string &access);
 
 // The address a socket is bound to, in net-snmp's transport syntax:
 // "udp:127.0.0.1:1161", "udp6:[::1]:1161", "tcp:0.0.0.0:1161",

@@ -80,16 +80,37 @@ TEST(PluginInfoLine, SaysTheAnswersAndAnyFailure)
 
 TEST(AnsweringLine, NamesTheBoundAddressesAndTheListenTextWhenItDiffers)
 {
-    EXPECT_EQ(answeringLine("1161", {"udp:0.0.0.0:1161"}, "public"),
-              "answering on udp:0.0.0.0:1161 (--listen 1161), community \"public\" (read-only)");
-    EXPECT_EQ(answeringLine("udp:127.0.0.1:1161", {"udp:127.0.0.1:1161"}, "c"),
-              "answering on udp:127.0.0.1:1161, community \"c\" (read-only)");
-    EXPECT_EQ(answeringLine("udp:localhost:9,udp6:[::1]:9", {"udp:127.0.0.1:9", "udp6:[::1]:9"},
-                            "public"),
-              "answering on udp:127.0.0.1:9, udp6:[::1]:9 (--listen udp:localhost:9,udp6:[::1]:9), "
-              "community \"public\" (read-only)");
-    EXPECT_EQ(answeringLine("udp:1.2.3.4:5", {}, "public"),
-              "answering on udp:1.2.3.4:5, community \"public\" (read-only)");
+    EXPECT_EQ(answeringLine("1161", {"udp:0.0.0.0:1161"}, "A"),
+              "answering on udp:0.0.0.0:1161 (--listen 1161), A");
+    EXPECT_EQ(answeringLine("udp:127.0.0.1:1161", {"udp:127.0.0.1:1161"}, "A"),
+              "answering on udp:127.0.0.1:1161, A");
+    EXPECT_EQ(
+        answeringLine("udp:localhost:9,udp6:[::1]:9", {"udp:127.0.0.1:9", "udp6:[::1]:9"}, "A"),
+        "answering on udp:127.0.0.1:9, udp6:[::1]:9 (--listen udp:localhost:9,udp6:[::1]:9), "
+        "A");
+    EXPECT_EQ(answeringLine("udp:1.2.3.4:5", {}, "A"), "answering on udp:1.2.3.4:5, A");
+}
+
+TEST(AccessSummary, NamesVersionsUsersAndSourcesButNoSecret)
+{
+    const struct {
+        bool community;
+        std::vector<std::string> users, allow;
+        std::string expected;
+    } cases[] = {
+        {true, {}, {}, "community (SNMPv1/v2c, read-only) from any source"},
+        {true,
+         {"ann"},
+         {"10.0.0.0/8"},
+         "community (SNMPv1/v2c, read-only) and SNMPv3 user ann (read-only) from 10.0.0.0/8"},
+        {false,
+         {"ann", "bob"},
+         {"10.0.0.0/8", "::1"},
+         "SNMPv3 users ann, bob (read-only) from 10.0.0.0/8, ::1"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(accessSummary(c.community, c.users, c.allow), c.expected);
+    }
 }
 
 TEST(BoundSocketText, NamesWhatTheKernelBound)

@@ -32,7 +32,7 @@ count() {
   local port dir pid answered=0
   port=$(free_port)
   dir=$(mktemp -d -p "$work")
-  valgrind --tool=callgrind --callgrind-out-file="$dir/out" "$1/bin/kelpagent" \
+  valgrind --tool=callgrind --callgrind-out-file="$dir/out" "$1/bin/kelpagent" --allow-root \
     --model "$model" --listen "udp:127.0.0.1:$port" --state-dir "$dir/state" \
     >"$dir/log" 2>&1 &
   pid=$!

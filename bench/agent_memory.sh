@@ -34,7 +34,7 @@ for disks in "${sizes[@]}"; do
   "$build/bin/kelpgen" --disks "$disks" --disks-per-controller 128 --out "$work/model.xml"
   objects=$(grep -c '<object ' "$work/model.xml" || true)
   port=$(free_port)
-  "$build/bin/kelpagent" --model "$work/model.xml" --listen "udp:127.0.0.1:$port" \
+  "$build/bin/kelpagent" --allow-root --model "$work/model.xml" --listen "udp:127.0.0.1:$port" \
     --state-dir "$work/state-$disks" >"$work/agent.log" 2>&1 &
   pid=$!
   for _ in $(seq 1 300); do

@@ -119,7 +119,7 @@ kelp_root=1.3.6.1.4.1.61234.20571.1.20
 memory=()
 for model in "${models[@]}"; do
   aport=$(free_port)
-  "$build/bin/kelpagent" --model "$model" --listen "udp:127.0.0.1:$aport" \
+  "$build/bin/kelpagent" --allow-root --model "$model" --listen "udp:127.0.0.1:$aport" \
     --state-dir "$work/agent-$aport" >"$work/agent-$aport.log" 2>&1 &
   apid=$!
   pids+=($apid)
@@ -148,7 +148,7 @@ wait_for "127.0.0.1:$xport" 1.3.6.1.2.1.1.1.0
 table_root=1.3.6.1.4.1.61234.99
 table_columns=10
 for model in "${models[@]}"; do
-  "$build/bin/kelpagent" --agentx "$work/agentx" --model "$model" \
+  "$build/bin/kelpagent" --allow-root --agentx "$work/agentx" --model "$model" \
     --state-dir "$work/subagent-$(basename "$model")" >"$work/subagent.log" 2>&1 &
   kpid=$!
   wait_value "127.0.0.1:$xport" $kelp_root.130.1.1.1.1

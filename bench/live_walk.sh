@@ -26,7 +26,7 @@ table=1.3.6.1.4.1.61234.20571.1.20.130.4
 
 walks() { # interval
   local port=$((20000 + RANDOM % 20000))
-  "$build/bin/kelpagent" --live-root "$work/tree" --live-interval "$1" \
+  "$build/bin/kelpagent" --allow-root --live-root "$work/tree" --live-interval "$1" \
     --listen "udp:127.0.0.1:$port" --state-dir "$work/state-$1" 2>"$work/agent-$1.log" &
   pid=$!
   for _ in $(seq 100); do

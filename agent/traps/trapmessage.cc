@@ -71,7 +71,7 @@ void setAgentAddress(netsnmp_pdu *pdu)
 }
 
 bool encodePdu(netsnmp_pdu *pdu, long version, const std::string &community, std::string *message,
-               std::string *why)
+               std::string *why, const std::string &v3User = "")
 {
     netsnmp_session session;
     snmp_sess_init(&session);
@@ -79,6 +79,29 @@ bool encodePdu(netsnmp_pdu *pdu, long version, const std::string &community, std
     std::vector<u_char> name(community.begin(), community.end());
     session.community = name.data();
     session.community_len = name.size();
+    // A notification originator is the authoritative engine of its traps:
+    // the user's keys are those localized to this engine's ID.
+    u_char engineId[SNMP_MAXBUF_SMALL];
+    char emptyContext[] = "";
+    std::vector<char> user(v3User.begin(), v3User.end());
+    user.push_back('\0');
+    if (version == SNMP_VERSION_3) {
+        const size_t engineIdLength = snmpv3_get_engineID(engineId, sizeof engineId);
+        if (engineIdLength == 0 || usm_get_user(engineId, engineIdLength, user.data()) == nullptr) {
+            *why = "no SNMPv3 user " + v3User + " to send it as";
+            return false;
+        }
+        session.securityModel = SNMP_SEC_MODEL_USM;
+        session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+        session.securityName = user.data();
+        session.securityNameLen = v3User.size();
+        session.securityEngineID = engineId;
+        session.securityEngineIDLen = engineIdLength;
+        session.contextEngineID = engineId;
+        session.contextEngineIDLen = engineIdLength;
+        session.contextName = emptyContext;
+        session.contextNameLen = 0;
+    }
     pdu->version = version;
 
     const bool reverse =
@@ -110,7 +133,7 @@ bool encodePdu(netsnmp_pdu *pdu, long version, const std::string &community, std
 } // namespace
 
 bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, std::string *message,
-                std::string *why)
+                std::string *why, const std::string &v3User)
 {
     PduPtr pdu = v1Pdu(trap, why);
     if (!pdu) {
@@ -130,6 +153,9 @@ bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, s
     if (form == TrapForm::kV2cInform) {
         v2->command = SNMP_MSG_INFORM;
         v2->reqid = snmp_get_next_reqid();
+    }
+    if (form == TrapForm::kV2cTrap && !v3User.empty()) {
+        return encodePdu(v2.get(), SNMP_VERSION_3, community, message, why, v3User);
     }
     return encodePdu(v2.get(), SNMP_VERSION_2c, community, message, why);
 }

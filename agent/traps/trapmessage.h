@@ -29,8 +29,11 @@ inline constexpr size_t kMaxTrapMessageBytes = 65507;
 // of its own from net-snmp's sequence. True with the message in *message;
 // false with the reason in *why (a binding net-snmp refuses, a message over
 // kMaxTrapMessageBytes). Only on the thread that runs net-snmp.
+// With a `v3User`, a kV2cTrap is encoded as an SNMPv3 trap of that user
+// instead (authPriv, this engine as the authoritative one, the keys the USM
+// holds for the user and this engine's ID); the other forms ignore it.
 bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, std::string *message,
-                std::string *why);
+                std::string *why, const std::string &v3User = "");
 
 // coldStart at the agent's start: generic 0, specific 0, no bindings, and
 // kelp's own trap enterprise (kTrapEnterprise), so that a receiver files it

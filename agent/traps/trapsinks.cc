@@ -38,7 +38,7 @@ void logUnusable(const std::string &address, const char *why)
 } // namespace
 
 TrapSinks::TrapSinks(const TrapSinkSettings &settings)
-    : v1_(settings.v1), community_(settings.community)
+    : v1_(settings.v1), community_(settings.community), v3User_(settings.v3User)
 {
     const SinkClock::time_point now = SinkClock::now();
     for (const std::string &text : settings.addresses) {
@@ -119,7 +119,7 @@ uint32_t TrapSinks::send(const Trap &trap, std::vector<std::string> *took)
         if (!encoded[slot] && !failed[slot]) {
             std::string bytes;
             std::string why;
-            if (!encodeTrap(trap, form, community_, &bytes, &why)) {
+            if (!encodeTrap(trap, form, community_, &bytes, &why, v3User_)) {
                 logAt(LogLevel::kWarning, "trap (generic %u, specific %u) not sent: %s",
                       trap.generic, trap.specific, why.c_str());
                 failed[slot] = true;

@@ -31,6 +31,7 @@ struct TrapSinkSettings {
     bool v1 = false;        // SNMPv1 traps to the trap sinks; SNMPv2c otherwise
     bool informAll = false; // every sink an inform sink
     std::string community;
+    std::string v3User; // non-empty: the trap sinks get SNMPv3 traps of this user
     InformPolicy inform;
 };
 
@@ -81,6 +82,7 @@ class TrapSinks final : private SinkLoop {
 
     bool v1_;
     std::string community_;
+    std::string v3User_;
     std::vector<std::unique_ptr<TrapSink>> sinks_;
     std::vector<bool> informs_;                           // parallel to sinks_: an inform sink
     std::map<int, Watch> watched_;                        // by socket

@@ -64,6 +64,24 @@ int pollTimeout(Clock::time_point at, Clock::time_point now)
     return static_cast<int>(std::clamp<int64_t>(left, 0, 60000));
 }
 
+// True when the peer of `conn` runs as this process's user or as root. The
+// socket file's mode 0600 already keeps other users out; this holds when
+// the file's mode or its directory's were loosened by someone else.
+bool peerMayControl(int conn)
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        return false;
+    }
+    if (peer.uid == 0 || peer.uid == geteuid()) {
+        return true;
+    }
+    kelp::rt::logWarning("control socket: refused a client running as uid %u (pid %d)",
+                         static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
+    return false;
+}
+
 // Accepts the clients waiting, as long as there is room for them. Answers
 // when accepting may go on: now, or after a pause.
 Clock::time_point acceptWaiting(int listenFd, std::chrono::milliseconds timeout,
@@ -76,6 +94,8 @@ Clock::time_point acceptWaiting(int listenFd, std::chrono::milliseconds timeout,
                 return Clock::now() + kAcceptPause;
             return Clock::time_point::min(); // none waiting, or one that gave up
         }
+        if (!peerMayControl(conn.get()))
+            continue; // closed unanswered
         connections->emplace_back(std::move(conn), timeout, Clock::now(), worker);
     }
     return Clock::time_point::min();

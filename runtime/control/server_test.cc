@@ -5,9 +5,14 @@
 // prompt stopping, and the start from KELP_CONTROL when the runtime loads.
 #include "control/server.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -67,6 +72,60 @@ TEST_F(ControlServerTest, SocketFileHasMode0600WhateverTheUmask)
     ASSERT_EQ(lstat(socket_.c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+// What a client running as `uid` gets for "status": 0 when the server
+// closes without an answer, 1 when it answers, 2 when the client cannot
+// connect at all. The client is a forked child that becomes `uid`.
+int askAsUser(const std::string &path, uid_t uid)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        // Only async-signal-safe calls from here: the parent has threads.
+        if (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0)
+            _exit(3);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+            _exit(2);
+        const char line[] = "status\n";
+        [[maybe_unused]] const ssize_t sent = write(fd, line, sizeof line - 1);
+        char answer[64];
+        _exit(read(fd, answer, sizeof answer) > 0 ? 1 : 0);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+TEST_F(ControlServerTest, APeerOfAnotherUserIsRefusedEvenWhenTheFileLetsItIn)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run a client as another user";
+    const passwd *nobody = getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    ASSERT_EQ(start(socket_), "");
+    // Someone loosened the modes: the file no longer keeps other users out.
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(socket_.c_str(), 0666), 0);
+    EXPECT_EQ(askAsUser(socket_, nobody->pw_uid), 0);
+    // Root and this process's own user are served.
+    EXPECT_EQ(askAsUser(socket_, 0), 1);
+    EXPECT_TRUE(ask(socket_, "status").ends_with("\nok\n"));
+}
+
+TEST_F(ControlServerTest, AnotherUserCannotEvenConnectThroughTheFileMode)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run a client as another user";
+    const passwd *nobody = getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    ASSERT_EQ(start(socket_), "");
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+    EXPECT_EQ(askAsUser(socket_, nobody->pw_uid), 2);
 }
 
 TEST_F(ControlServerTest, StopIsPromptAndRemovesTheSocketFile)

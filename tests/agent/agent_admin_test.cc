@@ -177,10 +177,11 @@ TEST(AgentAdmin, AnIniFileThatIsNotARegularFileIsAClearErrorAtStart)
     const std::string fifo = dir / "kelp.ini";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string &ini : {fifo, std::string("/dev/zero")}) {
-        const RunResult result = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
-                                      "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
-                                      minimalModel(), "--module", modulePath(), "--ini", ini},
-                                     agentEnv(), dir, 20s);
+        const RunResult result =
+            run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
+                 "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model", minimalModel(),
+                 "--module", modulePath(), "--ini", ini},
+                agentEnv(), dir, 20s);
         EXPECT_EQ(result.status, 1) << ini << ": " << result.err;
         EXPECT_NE(result.err.find("the ini file cannot be used: " + ini), std::string::npos)
             << result.err;
@@ -234,9 +235,9 @@ TEST(AgentAdmin, OverlongStorageAttributesAreRefusedNamingTheLine)
     writeFile(model, "<storage ready=\"1\"\n         url=\"https://" + std::string(10 << 20, 'u') +
                          "\">\n  <object id=\"1\" type=\"adapters\"><Nexus>0</Nexus></object>\n"
                          "</storage>\n");
-    const RunResult result = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
-                                  "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
-                                  model, "--module", modulePath()},
+    const RunResult result = run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state",
+                                  "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                                  "--model", model, "--module", modulePath()},
                                  agentEnv(), dir, 20s);
     EXPECT_EQ(result.status, 1) << result.err.substr(0, 500);
     // The line of the <storage> start tag.
@@ -249,11 +250,11 @@ TEST(AgentAdmin, BadOptionsAreClearErrorsWithStatusTwo)
 {
     TempDir dir;
     const RunResult community =
-        run({kelpagentPath(), "--community", std::string(256, 'c')}, {}, dir);
+        run({kelpagentPath(), "--allow-root", "--community", std::string(256, 'c')}, {}, dir);
     EXPECT_EQ(community.status, 2);
     EXPECT_NE(community.err.find("--community takes at most 255 bytes, not 256"), std::string::npos)
         << community.err;
-    const RunResult help = run({kelpagentPath(), "-h"}, {}, dir);
+    const RunResult help = run({kelpagentPath(), "--allow-root", "-h"}, {}, dir);
     EXPECT_EQ(help.status, 0) << help.err;
     EXPECT_NE(help.out.find("usage: kelpagent"), std::string::npos);
 }
@@ -273,9 +274,10 @@ TEST(AgentAdmin, AnInvalidListenAddressIsNotReportedAsAPortInUse)
 {
     TempDir dir;
     for (const char *listen : {"foo:bar", "udp:127.0.0.1:1161,udp:nowhere.invalid:9"}) {
-        const RunResult result = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
-                                      listen, "--model", minimalModel(), "--module", modulePath()},
-                                     agentEnv(), dir, 20s);
+        const RunResult result =
+            run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen", listen,
+                 "--model", minimalModel(), "--module", modulePath()},
+                agentEnv(), dir, 20s);
         EXPECT_EQ(result.status, 1) << result.err;
         EXPECT_NE(result.err.find("is not a valid address"), std::string::npos) << result.err;
         EXPECT_EQ(result.err.find("in use"), std::string::npos) << result.err;
@@ -287,9 +289,9 @@ TEST(AgentAdmin, ASecondAgentOnTheSameStateDirNamesTheWayOut)
     AgentUnderTest agent;
     std::string why;
     ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
-    const RunResult second = run({kelpagentPath(), "--state-dir", agent.stateDir(), "--listen",
-                                  "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
-                                  minimalModel(), "--module", modulePath()},
+    const RunResult second = run({kelpagentPath(), "--allow-root", "--state-dir", agent.stateDir(),
+                                  "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                                  "--model", minimalModel(), "--module", modulePath()},
                                  agentEnv(), agent.dir(), 20s);
     EXPECT_EQ(second.status, 1) << second.err;
     EXPECT_NE(second.err.find("give each agent its own --state-dir"), std::string::npos)

@@ -58,10 +58,11 @@ class AgentX : public ::testing::Test {
     {
         std::vector<std::string> environment = agentEnv();
         environment.insert(environment.end(), env.begin(), env.end());
-        kelp = std::make_unique<Process>(
-            std::vector<std::string>{kelpagentPath(), "--agentx", socket, "--state-dir",
-                                     dir / "state", "--model", model, "--module", modulePath()},
-            environment, dir / "kelp.out", dir / "kelp.err");
+        kelp = std::make_unique<Process>(std::vector<std::string>{kelpagentPath(), "--allow-root",
+                                                                  "--agentx", socket, "--state-dir",
+                                                                  dir / "state", "--model", model,
+                                                                  "--module", modulePath()},
+                                         environment, dir / "kelp.out", dir / "kelp.err");
     }
 
     RunResult viaMaster(const std::string &tool, const std::vector<std::string> &args)

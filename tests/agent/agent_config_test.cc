@@ -26,6 +26,8 @@ TEST(AgentConfig, TheFileSetsListenAndCommunityAndTheCommandLineWins)
                             std::to_string(port) +
                             "\n"
                             "community fromfile\n"
+                            "allow 127.0.0.0/8\n"
+                            "allow ::1\n"
                             "state-dir " +
                             (dir / "state") +
                             "\n"
@@ -37,9 +39,10 @@ TEST(AgentConfig, TheFileSetsListenAndCommunityAndTheCommandLineWins)
                             "\n"
                             "sys-contact Storage team <storage@example.net>\n"
                             "sys-location Rack 4, row B\n");
-        agent = std::make_unique<Process>(
-            std::vector<std::string>{kelpagentPath(), "--config", file, "--sys-location", "Hall 2"},
-            agentEnv(), dir / "agent.out", dir / "agent.err");
+        agent = std::make_unique<Process>(std::vector<std::string>{kelpagentPath(), "--allow-root",
+                                                                   "--config", file,
+                                                                   "--sys-location", "Hall 2"},
+                                          agentEnv(), dir / "agent.out", dir / "agent.err");
         const bool up = waitFor(
             [&] {
                 return !agent->running() ||
@@ -54,7 +57,11 @@ TEST(AgentConfig, TheFileSetsListenAndCommunityAndTheCommandLineWins)
     }
     EXPECT_NE(agent->err().find("kelpagent: options read from " + file), std::string::npos)
         << agent->err();
-    EXPECT_NE(agent->err().find("community \"fromfile\""), std::string::npos) << agent->err();
+    // The log names no community; the Get below shows the file's is in effect.
+    EXPECT_EQ(agent->err().find("fromfile"), std::string::npos) << agent->err();
+    // A repeatable key adds on every line.
+    EXPECT_NE(agent->err().find("read-only) from 127.0.0.0/8, ::1\n"), std::string::npos)
+        << agent->err();
 
     const RunResult get = snmp(dir, "snmpget", "2c", "fromfile", port, {kSysContact, kSysLocation});
     EXPECT_EQ(get.status, 0) << get.err;
@@ -79,20 +86,21 @@ TEST(AgentConfig, ABadFileStopsTheAgentWithStatusOneNamingFileAndLine)
                         "\n"
                         "\n"
                         "comunity public\n");
-    const RunResult bad = run(
-        {kelpagentPath(), "--config", file, "--model", sourcePath("data/models/test/minimal.xml")},
-        agentEnv(), dir);
+    const RunResult bad = run({kelpagentPath(), "--allow-root", "--config", file, "--model",
+                               sourcePath("data/models/test/minimal.xml")},
+                              agentEnv(), dir);
     EXPECT_EQ(bad.status, 1);
     EXPECT_EQ(bad.err, "kelpagent: " + file + ":3: unknown key 'comunity'\n");
 
     const RunResult missing =
-        run({kelpagentPath(), "--config", dir / "none.conf"}, agentEnv(), dir);
+        run({kelpagentPath(), "--allow-root", "--config", dir / "none.conf"}, agentEnv(), dir);
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.err,
               "kelpagent: " + (dir / "none.conf") + ": cannot open: No such file or directory\n");
 
     // --help still answers: it reads no file.
-    const RunResult help = run({kelpagentPath(), "--config", file, "--help"}, agentEnv(), dir);
+    const RunResult help =
+        run({kelpagentPath(), "--allow-root", "--config", file, "--help"}, agentEnv(), dir);
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("--config FILE"), std::string::npos) << help.out;
 }

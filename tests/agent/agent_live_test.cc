@@ -83,10 +83,11 @@ std::set<std::string> machineDisks()
 TEST(AgentLiveStart, AMissingLiveRootIsExit1WithItsName)
 {
     TempDir dir;
-    const RunResult r = run(
-        {kelpagentPath(), "--live-root", dir / "nowhere", "--state-dir", dir / "state", "--listen",
-         "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--module", modulePath()},
-        agentEnv(), dir);
+    const RunResult r =
+        run({kelpagentPath(), "--allow-root", "--live-root", dir / "nowhere", "--state-dir",
+             dir / "state", "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+             "--module", modulePath()},
+            agentEnv(), dir);
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.err.find("the live source does not start"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find(dir / "nowhere"), std::string::npos) << r.err;
@@ -95,10 +96,10 @@ TEST(AgentLiveStart, AMissingLiveRootIsExit1WithItsName)
 TEST(AgentLiveStart, ModelAndLiveExcludeEachOther)
 {
     TempDir dir;
-    const RunResult r =
-        run({kelpagentPath(), "--live", "--model", sourcePath("data/models/sample.xml"),
-             "--state-dir", dir / "state", "--module", modulePath()},
-            agentEnv(), dir);
+    const RunResult r = run({kelpagentPath(), "--allow-root", "--live", "--model",
+                             sourcePath("data/models/sample.xml"), "--state-dir", dir / "state",
+                             "--module", modulePath()},
+                            agentEnv(), dir);
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.err.find("exclude each other"), std::string::npos) << r.err;
 }
@@ -107,8 +108,8 @@ TEST(AgentLiveStart, BadIntervalsAreRefused)
 {
     TempDir dir;
     for (const char *bad : {"0", "-1", "abc", "1e9", ""}) {
-        const RunResult r = run({kelpagentPath(), "--live", "--live-interval", bad, "--state-dir",
-                                 dir / "state", "--module", modulePath()},
+        const RunResult r = run({kelpagentPath(), "--allow-root", "--live", "--live-interval", bad,
+                                 "--state-dir", dir / "state", "--module", modulePath()},
                                 agentEnv(), dir);
         EXPECT_NE(r.status, 0) << bad;
         EXPECT_NE(r.err.find("--live-interval"), std::string::npos) << bad << ": " << r.err;

@@ -71,15 +71,11 @@ class NotifySocket {
 std::vector<std::string> agentArgs(const TempDir &dir, int port,
                                    const std::string &model = sourcePath("data/models/sample.xml"))
 {
-    return {kelpagentPath(),
-            "--state-dir",
-            dir / "state",
-            "--listen",
-            "udp:127.0.0.1:" + std::to_string(port),
-            "--module",
-            modulePath(),
-            "--model",
-            model};
+    return {kelpagentPath(), "--allow-root",
+            "--state-dir",   dir / "state",
+            "--listen",      "udp:127.0.0.1:" + std::to_string(port),
+            "--module",      modulePath(),
+            "--model",       model};
 }
 
 std::vector<std::string> withEnv(std::vector<std::string> env, const std::string &more)

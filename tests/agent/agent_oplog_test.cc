@@ -52,7 +52,7 @@ TEST(AgentOpLog, TheStartUpLinesSayInWordsWhatIsServedAndWhere)
                          "same: 130.17, 130.18, 140.2, 140.4, 140.5, 140.6)\n"))
         << log;
     EXPECT_TRUE(has(log, "kelpagent: answering on udp:127.0.0.1:" + std::to_string(agent.port()) +
-                             ", community \"public\" (read-only)\n"))
+                             ", community (SNMPv1/v2c, read-only) from any source\n"))
         << log;
     EXPECT_FALSE(has(log, "command 1:")) << log;
     EXPECT_FALSE(has(log, "status 0, answer")) << log;
@@ -65,8 +65,8 @@ TEST(AgentOpLog, AListenPortAloneSaysTheAddressNetSnmpBound)
 {
     TempDir dir;
     const int port = freeUdpPort();
-    Process agent({kelpagentPath(), "--listen", std::to_string(port), "--state-dir", dir / "state",
-                   "--model", minimalModel(), "--module", modulePath()},
+    Process agent({kelpagentPath(), "--allow-root", "--listen", std::to_string(port), "--state-dir",
+                   dir / "state", "--model", minimalModel(), "--module", modulePath()},
                   agentEnv(), dir / "out", dir / "err");
     const std::string expected = "kelpagent: answering on udp:0.0.0.0:" + std::to_string(port) +
                                  " (--listen " + std::to_string(port) + "), community";
@@ -165,10 +165,11 @@ TEST(AgentOpLog, SyslogWithoutASyslogSocketIsAnErrorAtStart)
     TempDir dir;
     std::vector<std::string> env = agentEnv();
     env.push_back("KELP_SYSLOG_SOCKET=" + (dir / "no-such-socket"));
-    const RunResult r = run({kelpagentPath(), "--syslog", "--state-dir", dir / "state", "--listen",
-                             "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
-                             minimalModel(), "--module", modulePath()},
-                            env, dir, 15s);
+    const RunResult r =
+        run({kelpagentPath(), "--allow-root", "--syslog", "--state-dir", dir / "state", "--listen",
+             "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model", minimalModel(),
+             "--module", modulePath()},
+            env, dir, 15s);
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_TRUE(has(r.err, "--syslog: cannot reach the syslog socket " + (dir / "no-such-socket") +
                                ": No such file or directory"))
@@ -267,8 +268,8 @@ TEST(AgentOpLog, AgentxConnectionLostAndRegainedAreOneLineEachWithTheReason)
 {
     TempDir dir;
     Master master(dir);
-    Process kelp({kelpagentPath(), "--agentx", master.socket(), "--state-dir", dir / "state",
-                  "--model", minimalModel(), "--module", modulePath()},
+    Process kelp({kelpagentPath(), "--allow-root", "--agentx", master.socket(), "--state-dir",
+                  dir / "state", "--model", minimalModel(), "--module", modulePath()},
                  agentEnv(), dir / "kelp.out", dir / "kelp.err");
     const auto shows = [&](const std::string &part) {
         return waitFor([&] { return has(kelp.err(), part) || !kelp.running(); }, 20s) &&

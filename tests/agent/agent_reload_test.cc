@@ -36,13 +36,10 @@ std::vector<std::string> withEnv(const std::string &setting)
 
 RunResult startAndFail(const TempDir &dir, const std::vector<std::string> &extra)
 {
-    std::vector<std::string> argv{kelpagentPath(),
-                                  "--state-dir",
-                                  dir / "state",
-                                  "--listen",
-                                  "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
-                                  "--model",
-                                  sourcePath("data/models/sample.xml")};
+    std::vector<std::string> argv{kelpagentPath(), "--allow-root",
+                                  "--state-dir",   dir / "state",
+                                  "--listen",      "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                                  "--model",       sourcePath("data/models/sample.xml")};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return run(argv, agentEnv(), dir, 20s);
 }
@@ -64,7 +61,7 @@ TEST(AgentConfig, AStateDirTheControlSocketCannotUseNamesTheCause)
     TempDir dir;
     // Longer than a Unix socket's path may be.
     const std::string deep = dir / std::string(120, 'd');
-    const RunResult started = run({kelpagentPath(), "--state-dir", deep, "--listen",
+    const RunResult started = run({kelpagentPath(), "--allow-root", "--state-dir", deep, "--listen",
                                    "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
                                    sourcePath("data/models/sample.xml")},
                                   agentEnv(), dir, 20s);
@@ -78,9 +75,9 @@ TEST(AgentConfig, AMissingOrBrokenAlertCatalogueIsAnErrorAtStartNamingFileAndLin
 {
     TempDir dir;
     const std::string missing = dir / "no-such-alerts.txt";
-    RunResult started = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
-                             "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
-                             sourcePath("data/models/sample.xml")},
+    RunResult started = run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state",
+                             "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                             "--model", sourcePath("data/models/sample.xml")},
                             withEnv("KELP_CATALOGUE=" + missing), dir, 20s);
     EXPECT_EQ(started.status, 1) << started.err;
     EXPECT_NE(started.err.find("alert catalogue"), std::string::npos) << started.err;
@@ -89,7 +86,7 @@ TEST(AgentConfig, AMissingOrBrokenAlertCatalogueIsAnErrorAtStartNamingFileAndLin
     const std::string broken = dir / "alerts.txt";
     writeFile(broken, readFile(sourcePath("data/alerts.txt")) + "2048 | not a level\n");
     const size_t lines = count(readFile(broken), "\n");
-    started = run({kelpagentPath(), "--state-dir", dir / "state", "--listen",
+    started = run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
                    "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
                    sourcePath("data/models/sample.xml")},
                   withEnv("KELP_CATALOGUE=" + broken), dir, 20s);

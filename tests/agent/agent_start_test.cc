@@ -18,8 +18,9 @@ namespace {
 // kelpagent with a private state dir on a free port, plus `extra`.
 RunResult startAndFail(const TempDir &dir, const std::vector<std::string> &extra)
 {
-    std::vector<std::string> argv{kelpagentPath(), "--state-dir", dir / "state", "--listen",
-                                  "udp:127.0.0.1:" + std::to_string(freeUdpPort())};
+    std::vector<std::string> argv{
+        kelpagentPath(), "--allow-root", "--state-dir",
+        dir / "state",   "--listen",     "udp:127.0.0.1:" + std::to_string(freeUdpPort())};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return run(argv, agentEnv(), dir, 20s);
 }
@@ -27,7 +28,7 @@ RunResult startAndFail(const TempDir &dir, const std::vector<std::string> &extra
 TEST(AgentStart, HelpNamesEveryOptionAndTheDefaults)
 {
     TempDir dir;
-    const RunResult help = run({kelpagentPath(), "--help"}, agentEnv(), dir);
+    const RunResult help = run({kelpagentPath(), "--allow-root", "--help"}, agentEnv(), dir);
     EXPECT_EQ(help.status, 0);
     for (const char *text :
          {"--model FILE", "--listen ADDR", "--community NAME", "--agentx [SOCKET]",
@@ -36,10 +37,10 @@ TEST(AgentStart, HelpNamesEveryOptionAndTheDefaults)
           "data/models/sample.xml", "(found)", "libkelpimp64.so"}) {
         EXPECT_NE(help.out.find(text), std::string::npos) << text;
     }
-    const RunResult version = run({kelpagentPath(), "--version"}, {}, dir);
+    const RunResult version = run({kelpagentPath(), "--allow-root", "--version"}, {}, dir);
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out.rfind("kelpagent ", 0), 0u) << version.out;
-    const RunResult bad = run({kelpagentPath(), "--port", "9"}, {}, dir);
+    const RunResult bad = run({kelpagentPath(), "--allow-root", "--port", "9"}, {}, dir);
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.err.find("unknown option --port"), std::string::npos) << bad.err;
 }
@@ -96,8 +97,8 @@ TEST(AgentStart, APortInUseIsAClearError)
     const std::string listen = "udp:127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
 
     const RunResult result =
-        run({kelpagentPath(), "--state-dir", dir / "state", "--listen", listen, "--model",
-             sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+        run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen", listen,
+             "--model", sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
             agentEnv(), dir, 20s);
     close(taken);
     EXPECT_EQ(result.status, 1) << result.err;
@@ -110,8 +111,9 @@ TEST(AgentStart, APortInUseIsAClearError)
 TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
 {
     TempDir dir;
-    Process agent({kelpagentPath(), "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
-                   "--model", sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+    Process agent({kelpagentPath(), "--allow-root", "--listen",
+                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                   sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
                   {"XDG_STATE_HOME=" + (dir / "xdg"), agentEnv()[0]}, dir / "out", dir / "err");
     const std::string state = dir / "xdg/kelp";
     EXPECT_TRUE(waitFor([&] { return std::filesystem::exists(state + "/control.sock"); }, 20s))
@@ -119,8 +121,9 @@ TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
     // A stop request in the middle of start-up is a clean stop too.
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.wait(15s), 0) << agent.err();
-    Process again({kelpagentPath(), "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
-                   "--model", sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+    Process again({kelpagentPath(), "--allow-root", "--listen",
+                   "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model",
+                   sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
                   {"XDG_STATE_HOME=" + (dir / "xdg"), agentEnv()[0]}, dir / "out", dir / "err");
     EXPECT_TRUE(waitFor([&] { return again.err().find("answering on") != std::string::npos; }, 20s))
         << again.err();

@@ -294,8 +294,8 @@ bool AgentUnderTest::startWith(const std::vector<std::string> &args, std::string
     // agent's bind: then try another one.
     for (int attempt = 0; attempt < 3; attempt++) {
         port_ = freeUdpPort();
-        std::vector<std::string> argv{kelpagentPath(), "--state-dir", stateDir(),  "--listen",
-                                      listen(port_),   "--module",    modulePath()};
+        std::vector<std::string> argv{kelpagentPath(), "--allow-root", "--state-dir", stateDir(),
+                                      "--listen",      listen(port_),  "--module",    modulePath()};
         argv.insert(argv.end(), args.begin(), args.end());
         std::vector<std::string> environment = agentEnv();
         environment.insert(environment.end(), env.begin(), env.end());

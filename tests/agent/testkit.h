@@ -119,7 +119,9 @@ class AgentUnderTest {
     AgentUnderTest() = default;
     ~AgentUnderTest();
 
-    // Starts kelpagent --state-dir <dir>/state --listen <listen(port)>
+    // Every test passes --allow-root: CI runs as root, and the option
+    // changes nothing for another user.
+    // Starts kelpagent --allow-root --state-dir <dir>/state --listen <listen(port)>
     // --model <model> (none when empty) --module <module> plus `extra`, with the environment
     // plus `env`, and waits until it logs that it answers and its first Get
     // is no longer genErr (tables built). False with the reason in *why.

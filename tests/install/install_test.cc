@@ -176,9 +176,10 @@ TEST_F(Installed, TheInstalledAgentServesTheInstalledSampleAndNamesTheMib)
     const std::string mib = mibFile();
     const int port = freeUdpPort();
     std::vector<std::string> env = agentEnv();
-    Process agent(clean("usr/sbin/kelpagent", {"--state-dir", *dir_ / "state", "--listen",
-                                               "udp:127.0.0.1:" + std::to_string(port)}),
-                  env, *dir_ / "agent.out", *dir_ / "agent.err");
+    Process agent(
+        clean("usr/sbin/kelpagent", {"--allow-root", "--state-dir", *dir_ / "state", "--listen",
+                                     "udp:127.0.0.1:" + std::to_string(port)}),
+        env, *dir_ / "agent.out", *dir_ / "agent.err");
     std::string answer;
     const bool answered = waitFor(
         [&] {

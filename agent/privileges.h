@@ -1,0 +1,44 @@
+// Who kelpagent runs as: it refuses root unless told (--allow-root), and
+// started as root with --user it hands its files to that user and becomes
+// it once its ports are bound.
+#ifndef KELP_AGENT_PRIVILEGES_H
+#define KELP_AGENT_PRIVILEGES_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kelp::agent {
+
+// The user --user names, as the system's user database has it.
+struct RunAs {
+    std::string name;
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+// Why an agent with effective user `euid` may not start with these options,
+// or "" when it may: root needs --user or --allow-root; --user needs root
+// (or to name the user the agent already is).
+std::string startRefusal(uid_t euid, bool allowRoot, const std::string &user, uid_t userUid);
+
+// Looks `name` up in the user database. False with a message when there is
+// no such user.
+bool lookUpUser(const std::string &name, RunAs *user, std::string *error);
+
+// Gives `user` every file under each of `paths` (each a file or a directory
+// walked without following links) that belongs to root: what the agent made
+// before it dropped root. A missing path is skipped. False with a message
+// when a chown fails.
+bool handOver(const std::vector<std::string> &paths, const RunAs &user, std::string *error);
+
+// Becomes `user` for good: setgroups to its primary group alone, setgid,
+// setuid (every thread of the process changes with it); checks that root
+// cannot be regained. False with a message otherwise (the caller must
+// stop).
+bool dropPrivileges(const RunAs &user, std::string *error);
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_PRIVILEGES_H

@@ -1,0 +1,518 @@
+// Who may query kelpagent and what it gives away: SNMPv3 users with their
+// pass phrases from a private key file (never written to the state dir or
+// the log), the engine ID and boot counter kept across restarts, --allow
+// source networks, --no-v1v2c, refusals logged without the community, root
+// refused or left for --user, and GETBULK answers kept bounded. net-snmp's
+// own tools are the managers.
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "testkit.h"
+
+namespace kelp::test {
+namespace {
+
+constexpr const char *kAuthPass = "auth-Phrase-7391";
+constexpr const char *kPrivPass = "priv-Phrase-5528";
+constexpr const char *kSysName = "1.3.6.1.2.1.1.5.0";
+constexpr const char *kEngineId = "1.3.6.1.6.3.10.2.1.1.0";
+constexpr const char *kEngineBoots = "1.3.6.1.6.3.10.2.1.2.0";
+
+bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+// Every byte of every file under `dir`, for looking for a secret.
+std::string everythingUnder(const std::string &dir)
+{
+    std::string all;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir)) {
+        if (entry.is_regular_file()) {
+            all += readFile(entry.path().string());
+        }
+    }
+    return all;
+}
+
+// A kelpagent whose start this test watches itself (it may answer no
+// community, so AgentUnderTest's first Get would not do).
+class SecureAgent {
+  public:
+    explicit SecureAgent(const TempDir &dir) : dir_(dir), port_(freeUdpPort()) {}
+
+    // Starts kelpagent with `args` after the state dir, listen address,
+    // model and module; true once it logs that it answers. The log of every
+    // start is kept (err()).
+    bool start(const std::vector<std::string> &args, const std::string &listen = "")
+    {
+        std::vector<std::string> argv{kelpagentPath(),
+                                      "--state-dir",
+                                      dir_ / "state",
+                                      "--listen",
+                                      listen.empty() ? "udp:127.0.0.1:" + std::to_string(port_)
+                                                     : listen,
+                                      "--model",
+                                      sourcePath("data/models/test/minimal.xml"),
+                                      "--module",
+                                      modulePath()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const std::string err = dir_ / ("agent" + std::to_string(starts_++) + ".err");
+        process_ = std::make_unique<Process>(argv, agentEnv(), dir_ / "agent.out", err);
+        return waitFor([&] { return has(process_->err(), "answering on") || !process_->running(); },
+                       20s) &&
+               process_->running();
+    }
+
+    // SIGTERM and the exit status.
+    int stop()
+    {
+        process_->signal(SIGTERM);
+        return process_->wait(15s).value_or(-1);
+    }
+
+    Process &process() { return *process_; }
+    std::string err() const { return process_->err(); }
+    int port() const { return port_; }
+
+    // One of net-snmp's tools as SNMPv3 user `user` at `level`, with the
+    // given pass phrases (empty: not given).
+    RunResult v3(const std::string &tool, const std::string &user, const std::string &level,
+                 const std::string &authPass, const std::string &privPass,
+                 const std::vector<std::string> &args) const
+    {
+        std::vector<std::string> argv{tool,  "-v3", "-l", level, "-u", user,
+                                      "-On", "-t",  "1",  "-r",  "0"};
+        if (!authPass.empty()) {
+            argv.insert(argv.end(), {"-a", "SHA-512", "-A", authPass});
+        }
+        if (!privPass.empty()) {
+            argv.insert(argv.end(), {"-x", "AES-256", "-X", privPass});
+        }
+        argv.push_back("udp:127.0.0.1:" + std::to_string(port_));
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv, snmpEnv(dir_), dir_, 15s);
+    }
+
+    RunResult v2c(const std::string &community, const std::vector<std::string> &args) const
+    {
+        std::vector<std::string> argv{
+            "snmpget", "-v2c", "-c", community, "-On",
+            "-t",      "1",    "-r", "0",       "udp:127.0.0.1:" + std::to_string(port_)};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv, snmpEnv(dir_), dir_, 15s);
+    }
+
+  private:
+    const TempDir &dir_;
+    int port_;
+    int starts_ = 0;
+    std::unique_ptr<Process> process_;
+};
+
+// A key file of mode 0600 with ann's line (and a second user's).
+std::string keyFile(const TempDir &dir)
+{
+    const std::string path = dir / "v3keys";
+    writeFile(path, std::string("# user auth priv\nann ") + kAuthPass + " " + kPrivPass +
+                        "\nbob other-auth-1 other-priv-1\n");
+    chmod(path.c_str(), 0600);
+    return path;
+}
+
+std::vector<std::string> v3Args(const TempDir &dir)
+{
+    return {"--allow-root", "--v3-user", "ann", "--v3-keys", keyFile(dir)};
+}
+
+TEST(AgentSecurity, SnmpV3UsersAuthenticateAndAnythingElseIsRefused)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+
+    const RunResult priv = agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName});
+    EXPECT_EQ(priv.status, 0) << priv.err;
+    EXPECT_TRUE(has(priv.out, "." + std::string(kSysName) + " = STRING:")) << priv.out;
+    const RunResult auth = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kSysName});
+    EXPECT_EQ(auth.status, 0) << auth.err;
+    EXPECT_TRUE(has(auth.out, "STRING:")) << auth.out;
+    // The storage tree answers SNMPv3 as it answers the community.
+    const RunResult walk = agent.v3("snmpbulkwalk", "ann", "authPriv", kAuthPass, kPrivPass,
+                                    {std::string(kRoot) + ".3"});
+    EXPECT_EQ(walk.status, 0) << walk.err;
+    EXPECT_TRUE(has(walk.out, "." + std::string(kRoot) + ".3.")) << walk.out;
+
+    const struct {
+        const char *what, *user, *level, *auth, *priv;
+    } refused[] = {
+        {"noAuthNoPriv", "ann", "noAuthNoPriv", "", ""},
+        {"a wrong authentication pass phrase", "ann", "authNoPriv", "auth-Phrase-7392", ""},
+        {"a wrong privacy pass phrase", "ann", "authPriv", kAuthPass, "priv-Phrase-5529"},
+        {"an unknown user", "eve", "authPriv", kAuthPass, kPrivPass},
+        // bob is in the key file but not a --v3-user.
+        {"a user of the file the agent was not told to serve", "bob", "authNoPriv", "other-auth-1",
+         ""},
+    };
+    for (const auto &r : refused) {
+        const RunResult get = agent.v3("snmpget", r.user, r.level, r.auth, r.priv, {kSysName});
+        EXPECT_NE(get.status, 0) << r.what;
+        EXPECT_FALSE(has(get.out, "STRING:")) << r.what << ": " << get.out;
+    }
+    // The community still answers alongside.
+    EXPECT_EQ(agent.v2c("public", {kSysName}).status, 0);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, NoPassPhraseReachesTheStateDirOrTheLog)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_EQ(agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status, 0);
+    agent.v3("snmpget", "ann", "authPriv", kAuthPass, "priv-Phrase-wrong", {kSysName});
+    EXPECT_EQ(agent.stop(), 0);
+    const std::string state = everythingUnder(dir / "state");
+    const std::string log = agent.err();
+    for (const char *secret : {kAuthPass, kPrivPass}) {
+        EXPECT_FALSE(has(state, secret)) << secret;
+        EXPECT_FALSE(has(log, secret)) << log;
+    }
+    // Not even a user line with its localized keys: the users live in memory.
+    EXPECT_FALSE(has(state, "\nusmUser")) << state;
+    EXPECT_FALSE(has(state, "\ncreateUser")) << state;
+    EXPECT_TRUE(has(log, "SNMPv3 user ann (read-only)")) << log;
+}
+
+TEST(AgentSecurity, EngineBootsCountEveryStartWithTheSameEngineId)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    std::vector<long> boots;
+    std::vector<std::string> ids;
+    for (int start = 0; start < 3; start++) {
+        ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+        const RunResult get =
+            agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kEngineBoots, kEngineId});
+        ASSERT_EQ(get.status, 0) << get.err;
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(get.out, m, std::regex(R"(INTEGER: (\d+))"))) << get.out;
+        boots.push_back(std::stol(m[1]));
+        ASSERT_TRUE(std::regex_search(get.out, m, std::regex(R"(Hex-STRING: ([0-9A-F \n]+))")))
+            << get.out;
+        ids.push_back(m[1]);
+        // The last start is killed: its boot counts all the same.
+        if (start < 2) {
+            EXPECT_EQ(agent.stop(), 0);
+        } else {
+            agent.process().signal(SIGKILL);
+            agent.process().wait(15s);
+        }
+    }
+    EXPECT_EQ(boots[1], boots[0] + 1);
+    EXPECT_EQ(boots[2], boots[1] + 1);
+    EXPECT_EQ(ids[0], ids[1]);
+    EXPECT_EQ(ids[1], ids[2]);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    const RunResult get = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kEngineBoots});
+    EXPECT_TRUE(has(get.out, "INTEGER: " + std::to_string(boots[2] + 1))) << get.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, AKeyFileOthersCanReadIsRefused)
+{
+    TempDir dir;
+    const std::string keys = keyFile(dir);
+    for (const mode_t mode : {0640u, 0604u, 0660u}) {
+        chmod(keys.c_str(), mode);
+        const RunResult r = run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state",
+                                 "--listen", "udp:127.0.0.1:" + std::to_string(freeUdpPort()),
+                                 "--model", sourcePath("data/models/test/minimal.xml"), "--module",
+                                 modulePath(), "--v3-user", "ann", "--v3-keys", keys},
+                                agentEnv(), dir);
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(has(r.err, "must be readable by its owner alone")) << r.err;
+        EXPECT_FALSE(has(r.err, kAuthPass)) << r.err;
+    }
+    // A user without a line, and a missing file, are refused too.
+    chmod(keys.c_str(), 0600);
+    for (const std::vector<std::string> &bad :
+         {std::vector<std::string>{"--v3-user", "carl", "--v3-keys", keys},
+          std::vector<std::string>{"--v3-user", "ann", "--v3-keys", dir / "none"}}) {
+        std::vector<std::string> argv{kelpagentPath(), "--allow-root",
+                                      "--state-dir",   dir / "state",
+                                      "--model",       sourcePath("data/models/test/minimal.xml")};
+        argv.insert(argv.end(), bad.begin(), bad.end());
+        const RunResult r = run(argv, agentEnv(), dir);
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(has(r.err, "--v3-keys")) << r.err;
+    }
+}
+
+TEST(AgentSecurity, NoV1v2cLeavesSnmpV3Alone)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.push_back("--no-v1v2c");
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    EXPECT_NE(agent.v2c("public", {kSysName}).status, 0);
+    EXPECT_EQ(agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status, 0);
+    EXPECT_TRUE(has(agent.err(), "answering on udp:127.0.0.1:" + std::to_string(agent.port()) +
+                                     ", SNMPv3 user ann (read-only) from any source"))
+        << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, AllowLimitsTheSourcesOfEveryVersion)
+{
+    TempDir dir;
+    SecureAgent outside(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--allow", "10.0.0.0/8", "--allow", "2001:db8::/32"});
+    ASSERT_TRUE(outside.start(args)) << outside.err();
+    EXPECT_NE(outside.v2c("public", {kSysName}).status, 0);
+    const RunResult v3 = outside.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName});
+    EXPECT_NE(v3.status, 0);
+    EXPECT_FALSE(has(v3.out, "STRING:")) << v3.out;
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(outside.err(),
+                       "refused a SNMPv2c request from 127.0.0.1: its source is not in --allow");
+        },
+        5s))
+        << outside.err();
+    EXPECT_EQ(outside.stop(), 0);
+
+    TempDir dir2;
+    SecureAgent inside(dir2);
+    args = v3Args(dir2);
+    args.insert(args.end(), {"--allow", "10.0.0.0/8", "--allow", "127.0.0.0/8"});
+    ASSERT_TRUE(inside.start(args)) << inside.err();
+    EXPECT_EQ(inside.v2c("public", {kSysName}).status, 0);
+    EXPECT_EQ(inside.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status, 0);
+    EXPECT_TRUE(has(inside.err(), "from 10.0.0.0/8, 127.0.0.0/8")) << inside.err();
+    EXPECT_EQ(inside.stop(), 0);
+}
+
+TEST(AgentSecurity, AllowTakesIpv6Networks)
+{
+    if (!haveIpv6Loopback()) {
+        GTEST_SKIP() << "no IPv6 loopback";
+    }
+    const struct {
+        const char *network;
+        bool answered;
+    } cases[] = {{"::1/128", true}, {"2001:db8::/32", false}, {"127.0.0.0/8", false}};
+    for (const auto &c : cases) {
+        TempDir dir;
+        SecureAgent agent(dir);
+        const std::string target = "udp6:[::1]:" + std::to_string(agent.port());
+        ASSERT_TRUE(agent.start({"--allow-root", "--allow", c.network}, target)) << agent.err();
+        const RunResult get = run(
+            {"snmpget", "-v2c", "-c", "public", "-On", "-t", "0.5", "-r", "0", target, kSysName},
+            snmpEnv(dir), dir);
+        EXPECT_EQ(get.status == 0, c.answered) << c.network << ": " << get.out << get.err;
+        EXPECT_EQ(agent.stop(), 0);
+    }
+}
+
+TEST(AgentSecurity, AWrongCommunityIsLoggedWithoutTheCommunity)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    EXPECT_NE(agent.v2c("Guessed-Secret-42", {kSysName}).status, 0);
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(agent.err(),
+                       "refused a SNMPv2c request from 127.0.0.1: wrong community (logged once");
+        },
+        5s))
+        << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_FALSE(has(agent.err(), "Guessed-Secret")) << agent.err();
+    // Nor the agent's own community.
+    EXPECT_FALSE(has(agent.err(), "\"public\"")) << agent.err();
+}
+
+TEST(AgentSecurity, ACommunityBeyondLoopbackFromAnySourceIsWarnedAbout)
+{
+    const std::string warning = "answered beyond loopback from any source: give --allow";
+    const struct {
+        std::vector<std::string> args;
+        bool wildcard, warned;
+    } cases[] = {
+        {{}, true, true},
+        {{"--allow", "127.0.0.0/8"}, true, false},
+        {{}, false, false},
+    };
+    for (const auto &c : cases) {
+        TempDir dir;
+        SecureAgent agent(dir);
+        std::vector<std::string> args{"--allow-root"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        ASSERT_TRUE(
+            agent.start(args, c.wildcard ? "udp:0.0.0.0:" + std::to_string(agent.port()) : ""))
+            << agent.err();
+        EXPECT_EQ(agent.stop(), 0);
+        EXPECT_EQ(has(agent.err(), warning), c.warned) << agent.err();
+    }
+}
+
+TEST(AgentSecurity, TheControlSocketIs0600InAStateDirClosedToOthers)
+{
+    TempDir dir;
+    // A state dir made by hand, open to everyone.
+    std::filesystem::create_directories(dir / "state");
+    chmod((dir / "state").c_str(), 0755);
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_TRUE(has(agent.err(), "was mode 0755, open to other users: now 0700")) << agent.err();
+    ASSERT_EQ(lstat((dir / "state/control.sock").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, TrapsGoOutAsAnSnmpV3UserTheReceiverAuthenticates)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    // A first start makes the engine ID the receiver must know the user's
+    // keys for (a notification's sender is its authoritative engine).
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    std::smatch m;
+    const std::string persistent = readFile(dir / "state/snmp/kelpagent.conf");
+    ASSERT_TRUE(std::regex_search(persistent, m, std::regex(R"(\noldEngineID (0x[0-9a-f]+))")))
+        << persistent;
+    const std::string engineId = m[1];
+
+    // snmptrapd logs only what user ann sent, authenticated and encrypted.
+    const std::string conf = dir / "trapconf";
+    std::filesystem::create_directories(conf);
+    writeFile(conf + "/snmptrapd.conf", "createUser -e " + engineId + " ann SHA-512 " + kAuthPass +
+                                            " AES-256 " + kPrivPass + "\nauthUser log ann priv\n");
+    const int trapPort = freeUdpPort();
+    Process receiver(
+        {"/usr/sbin/snmptrapd", "-f", "-C", "-c", conf + "/snmptrapd.conf", "-Lf",
+         dir / "traps.log", "-On", "-m", "", "-F", "%P %v\n",
+         "udp:127.0.0.1:" + std::to_string(trapPort)},
+        {"SNMPCONFPATH=" + conf, "SNMP_PERSISTENT_DIR=" + (dir / "trappersist"), "MIBS="},
+        dir / "trapd.out", dir / "trapd.err");
+    ASSERT_TRUE(waitFor([&] { return has(readFile(dir / "traps.log"), "NET-SNMP version"); }, 10s))
+        << receiver.err();
+
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", "udp:127.0.0.1:" + std::to_string(trapPort),
+                             "--trap-v3-user", "ann"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    // coldStart at the start.
+    EXPECT_TRUE(
+        waitFor([&] { return has(readFile(dir / "traps.log"), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+        << readFile(dir / "traps.log") << agent.err();
+    const std::string log = readFile(dir / "traps.log");
+    EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
+    EXPECT_EQ(agent.stop(), 0);
+
+    // Only a --v3-user may send them, and not as SNMPv1 traps.
+    for (const std::vector<std::string> &bad :
+         {std::vector<std::string>{"--trap-v3-user", "bob"},
+          std::vector<std::string>{"--trap-v3-user", "ann", "--trap-version", "1"}}) {
+        std::vector<std::string> argv{kelpagentPath(), "--allow-root",
+                                      "--state-dir",   dir / "state",
+                                      "--model",       sourcePath("data/models/test/minimal.xml")};
+        std::vector<std::string> v3 = v3Args(dir);
+        argv.insert(argv.end(), v3.begin(), v3.end());
+        argv.insert(argv.end(), bad.begin(), bad.end());
+        const RunResult r = run(argv, agentEnv(), dir);
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(has(r.err, "--trap-v3-user")) << r.err;
+    }
+}
+
+TEST(AgentSecurity, GetBulkAnswersAreBounded)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    // A manager asking for ten thousand repetitions of three columns gets
+    // at most the agent's cap, in one datagram.
+    const RunResult bulk = run({"snmpbulkget", "-v2c", "-c", "public", "-On", "-t", "2", "-r", "0",
+                                "-Cn0", "-Cr10000", "udp:127.0.0.1:" + std::to_string(agent.port()),
+                                "1.3.6.1.2.1.1", "1.3.6.1.2.1.1", "1.3.6.1.2.1.1"},
+                               snmpEnv(dir), dir);
+    ASSERT_EQ(bulk.status, 0) << bulk.err;
+    size_t lines = 0;
+    for (size_t at = bulk.out.find("\n.1."); at != std::string::npos;
+         at = bulk.out.find("\n.1.", at + 1)) {
+        lines++;
+    }
+    lines += bulk.out.rfind(".1.", 0) == 0 ? 1u : 0u;
+    EXPECT_GT(lines, 10u) << bulk.out;
+    EXPECT_LE(lines, 64u) << bulk.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, RootIsRefusedWithoutAllowRootOrUser)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "runs as root only";
+    }
+    TempDir dir;
+    const RunResult r = run({kelpagentPath(), "--state-dir", dir / "state", "--model",
+                             sourcePath("data/models/test/minimal.xml"), "--module", modulePath()},
+                            agentEnv(), dir);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_TRUE(has(r.err, "refusing to run as root")) << r.err;
+}
+
+TEST(AgentSecurity, StartedAsRootWithUserItRunsAsThatUserOnceBound)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "runs as root only";
+    }
+    const passwd *nobody = getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    TempDir dir;
+    // The user must reach its state dir below the test's own.
+    chmod(dir.path().c_str(), 0755);
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--user", "nobody"})) << agent.err();
+    EXPECT_TRUE(has(agent.err(), "running as user nobody")) << agent.err();
+    const std::string status =
+        readFile("/proc/" + std::to_string(agent.process().pid()) + "/status");
+    const std::string uid = std::to_string(nobody->pw_uid);
+    EXPECT_TRUE(has(status, "\nUid:\t" + uid + "\t" + uid + "\t" + uid + "\t" + uid + "\n"))
+        << status;
+    EXPECT_TRUE(has(status, "\nGroups:\t" + std::to_string(nobody->pw_gid) + " \n")) << status;
+    EXPECT_EQ(agent.v2c("public", {kSysName}).status, 0);
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state/control.sock").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, nobody->pw_uid);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    // The control socket serves root and its own user.
+    const RunResult ctl =
+        run({kelpctlPath(), "--control", dir / "state/control.sock", "status"}, {}, dir);
+    EXPECT_EQ(ctl.status, 0) << ctl.err;
+    EXPECT_EQ(agent.stop(), 0);
+    // The persistent file was written by the user at the stop.
+    ASSERT_EQ(stat((dir / "state/snmp/kelpagent.conf").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, nobody->pw_uid);
+}
+
+} // namespace
+} // namespace kelp::test
