@@ -90,8 +90,9 @@ int askAsUser(const std::string &path, uid_t uid)
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
         if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
             _exit(2);
+        // The server may close before the line is sent: no SIGPIPE then.
         const char line[] = "status\n";
-        [[maybe_unused]] const ssize_t sent = write(fd, line, sizeof line - 1);
+        [[maybe_unused]] const ssize_t sent = send(fd, line, sizeof line - 1, MSG_NOSIGNAL);
         char answer[64];
         _exit(read(fd, answer, sizeof answer) > 0 ? 1 : 0);
     }
