@@ -79,7 +79,6 @@ asan: deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j$(JOBS) $(ASAN_CTEST_ARGS)
 
-# Release build of the benchmarks (bench/), run once.
 # The libFuzzer targets (docs/FUZZING.md), built with clang, ASan and UBSan
 # in a build directory of their own; fuzz-smoke runs each for FUZZ_RUNS
 # inputs from its seed corpus.
@@ -92,6 +91,7 @@ fuzz: deps
 fuzz-smoke: fuzz
 	scripts/fuzz-smoke.sh $(BUILD_FUZZ) $(FUZZ_RUNS)
 
+# Release build of the benchmarks (bench/), run once.
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table
