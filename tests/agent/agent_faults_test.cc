@@ -6,9 +6,12 @@
 // Root ignores file modes, so a read-only or full state dir is a small
 // tmpfs mounted for the test; a test that cannot mount one (not root, no
 // CAP_SYS_ADMIN) is skipped and says why.
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -309,6 +312,49 @@ TEST(AgentFaults, SigtermUnderLoadExitsZeroWithinFiveSeconds)
     EXPECT_EQ(*status, 0) << agent.process()->err();
     EXPECT_LT(seconds, 5.0);
     EXPECT_NE(agent.process()->err().find("kelpagent: stopped"), std::string::npos);
+}
+
+TEST(AgentFaults, SigtermWithInformsPendingOnASilentReceiverExitsZeroWithinFiveSeconds)
+{
+    // A UDP port that takes informs and never acknowledges one, and a TCP
+    // port nobody listens on.
+    const int silent = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(silent, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(getsockname(silent, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    const std::string inform = "inform:udp:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    const std::string refused = "tcp:127.0.0.1:" + std::to_string(freeTcpPort());
+
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"),
+                            {"--trap-sink", inform, "--trap-sink", refused, "--inform-timeout", "1",
+                             "--inform-retries", "20"},
+                            &why))
+        << why;
+    for (int i = 0; i < 20; i++) {
+        ASSERT_EQ(agent.kelpctl({"event", "2049", "--object", "303"}).status, 0);
+    }
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("trap sink " + inform +
+                                               ": an inform was not acknowledged") !=
+                   std::string::npos;
+        },
+        10s))
+        << agent.process()->err();
+    const Clock::time_point signalled = Clock::now();
+    agent.process()->signal(SIGTERM);
+    const std::optional<int> status = agent.process()->wait(15s);
+    const double seconds = secondsSince(signalled);
+    close(silent);
+    std::cout << "SIGTERM with informs pending: exit after " << seconds << " s\n";
+    ASSERT_TRUE(status.has_value()) << agent.process()->err();
+    EXPECT_EQ(*status, 0) << agent.process()->err();
+    EXPECT_LT(seconds, 5.0);
 }
 
 TEST(AgentFaults, ARestartAfterSigkillReplacesTheStaleControlSocket)
