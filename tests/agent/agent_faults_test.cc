@@ -363,6 +363,8 @@ TEST(AgentFaults, ARestartAfterSigkillReplacesTheStaleControlSocket)
     std::string why;
     ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
     const std::string socket = agent.stateDir() + "/control.sock";
+    const std::string engineId = engineIdLine(agent.stateDir());
+    ASSERT_FALSE(engineId.empty());
     ASSERT_EQ(agent.stop(SIGKILL), 128 + SIGKILL);
     struct stat st {};
     ASSERT_EQ(lstat(socket.c_str(), &st), 0) << "the killed agent left no socket to replace";
@@ -372,6 +374,8 @@ TEST(AgentFaults, ARestartAfterSigkillReplacesTheStaleControlSocket)
     EXPECT_NE(agent.snmp("snmpget", {kVendor}).out.find("\"Vorn Inc.\""), std::string::npos);
     const RunResult status = agent.kelpctl({"status"});
     EXPECT_EQ(status.status, 0) << status.out << status.err;
+    // The engine state saved at the first start outlived the kill.
+    EXPECT_EQ(engineIdLine(agent.stateDir()), engineId);
     EXPECT_EQ(agent.stop(), 0) << agent.process()->err();
 }
 
