@@ -212,7 +212,8 @@ int main(int argc, char **argv)
     if (!options.config.empty()) {
         logLine("options read from %s", options.config.c_str());
     }
-    if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
+    if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
+        !checkStateDirWritable(options.stateDir, &error)) {
         return fail(error);
     }
     if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {

@@ -1,6 +1,7 @@
 // Default places and the state dir.
 #include "paths.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,6 +86,38 @@ bool makeStateDir(const std::string &dir, std::string *error)
     struct stat st {};
     if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         *error = dir + " is not a directory";
+        return false;
+    }
+    return true;
+}
+
+bool checkStateDirWritable(const std::string &dir, std::string *error)
+{
+    // One page: a full tmpfs still creates an empty file, but refuses data.
+    const std::string page(4096, '\n');
+    std::string path = dir + "/.write-check.XXXXXX";
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    int err = fd < 0 ? errno : 0;
+    size_t done = 0;
+    while (err == 0 && done < page.size()) {
+        const ssize_t n = write(fd, page.data() + done, page.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n == 0 || errno != EINTR) {
+            err = n == 0 ? ENOSPC : errno;
+        }
+    }
+    if (err == 0 && fsync(fd) != 0) {
+        err = errno;
+    }
+    if (fd >= 0) {
+        if (close(fd) != 0 && err == 0) {
+            err = errno;
+        }
+        unlink(path.c_str());
+    }
+    if (err != 0) {
+        *error = "the state dir " + dir + " cannot be written: " + std::strerror(err);
         return false;
     }
     return true;

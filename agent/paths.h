@@ -33,6 +33,12 @@ std::string mibHint(const std::string &binDir);
 // left as it is). False with a message naming the path on failure.
 bool makeStateDir(const std::string &dir, std::string *error);
 
+// Writes, syncs and removes a small file in `dir`, so that a state dir on a
+// read-only or full file system stops the agent at start rather than losing
+// its persistent file at the first save. False with "the state dir DIR
+// cannot be written: <errno text>" on failure.
+bool checkStateDirWritable(const std::string &dir, std::string *error);
+
 // Makes `dir` (the state dir, which holds the control socket and net-snmp's
 // persistent file) mode 0700 when others may enter or read it and it is this
 // process's user's. Answers the mode it had when it was changed, 0 when it

@@ -82,8 +82,11 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     kelpRuntimeSetLog(logRuntimeLine);
     kelpRuntimeSetActivityLog(logRuntimeActivity);
     kelpRuntimeSetIniPath(options.ini.c_str());
-    if (!checkIni(error)) {
-        return false;
+    // The store answers nothing from a file it cannot read, and never
+    // replaces it: the plug-in runs on its defaults, as with no file.
+    if (std::string unreadable; !checkIni(&unreadable)) {
+        logAt(LogLevel::kWarning, "%s; the plug-in's defaults apply until it can be read",
+              unreadable.c_str());
     }
     if (options.rescanTimeout > 0) {
         kelpRuntimeSetRescanTimeout(options.rescanTimeout);

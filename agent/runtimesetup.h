@@ -20,8 +20,9 @@ class RuntimeSetup {
     RuntimeSetup(const RuntimeSetup &) = delete;
     RuntimeSetup &operator=(const RuntimeSetup &) = delete;
 
-    // Points the runtime at options.ini (which must be usable: a regular
-    // file within the size limit, or none) and <state-dir>/debug.log, makes
+    // Points the runtime at options.ini (one that cannot be read, or is not
+    // a regular file within the size limit, is logged as a warning and the
+    // plug-in runs on its defaults) and <state-dir>/debug.log, makes
     // the ini store answer DebugSNMP=On for the run when options.debug
     // (without writing the file), loads and validates options.model, starts
     // the control socket. False with a message (naming the file, and the

@@ -14,13 +14,16 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -219,6 +222,39 @@ int readPersistentFile(int, int minor, void *, void *)
                                                                                  : NORMAL_CONFIG);
     }
     return SNMPERR_SUCCESS;
+}
+
+enum class PersistentState { kMissing, kIncomplete, kComplete };
+
+// Whether net-snmp's persistent file holds the engine's ID and boot count
+// on whole lines: what a later start needs to stay the same engine.
+PersistentState persistentStateOf(const std::string &path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return PersistentState::kMissing;
+    }
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while (text.size() < (1u << 20) && (n = read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    const bool complete = !text.empty() && text.back() == '\n' &&
+                          text.find("\nengineBoots ") != std::string::npos &&
+                          text.find("\noldEngineID ") != std::string::npos;
+    return complete ? PersistentState::kComplete : PersistentState::kIncomplete;
+}
+
+// Why a file in `dir` may have been written short, for the log.
+std::string spaceLeftText(const std::string &dir)
+{
+    struct statvfs fs {};
+    if (statvfs(dir.c_str(), &fs) == 0 && fs.f_bavail == 0) {
+        return "no space left on the file system";
+    }
+    return "written incomplete";
 }
 
 // The addresses of net-snmp's open sessions' sockets, as bound (a port 0 or
@@ -518,8 +554,31 @@ void SnmpAgent::shutdown()
 {
     traps_.reset();
     if (initialised_) {
+        // net-snmp rewrites the file line by line without checking a write:
+        // on a full disk it would leave it empty, and the next start would
+        // make a new engine ID and count boots from 1.
+        const std::string kept = g_persistentFile + ".kept";
+        unlink(kept.c_str());
+        const bool keeping = !g_persistentFile.empty() &&
+                             persistentStateOf(g_persistentFile) == PersistentState::kComplete &&
+                             link(g_persistentFile.c_str(), kept.c_str()) == 0;
         snmp_shutdown(kAppName);
         initialised_ = false;
+        if (keeping) {
+            if (persistentStateOf(g_persistentFile) == PersistentState::kComplete) {
+                unlink(kept.c_str());
+            } else if (rename(kept.c_str(), g_persistentFile.c_str()) == 0) {
+                logAt(LogLevel::kError,
+                      "cannot save the SNMP engine state to %s (%s): kept the one saved at start",
+                      g_persistentFile.c_str(), spaceLeftText(settings_.persistentDir).c_str());
+            } else {
+                logAt(LogLevel::kError,
+                      "cannot save the SNMP engine state to %s (%s), nor put back the one saved "
+                      "at start (%s): %s",
+                      g_persistentFile.c_str(), spaceLeftText(settings_.persistentDir).c_str(),
+                      kept.c_str(), std::strerror(errno));
+            }
+        }
     }
     g_agentxLog.reset();
     // Nothing wakes the loop any more: the trap queue is closed and the

@@ -272,7 +272,12 @@ bool parseSave(Args args, Request *request, std::string *error)
 void runSave(const Request &request, Reply *reply)
 {
     std::string error;
-    runOrFail(ds::saveModelFile(request.text, &error), error, reply);
+    const bool saved = ds::saveModelFile(request.text, &error);
+    // A failed save (a full disk, a read-only dir) changes nothing but is
+    // the host's concern too, not only the client's that asked.
+    if (!saved)
+        rt::logWarning("kelpctl save: %s", printableLine(error.substr(0, 1024)).c_str());
+    runOrFail(saved, error, reply);
 }
 
 bool parseEvent(Args args, Request *request, std::string *error)

@@ -10,8 +10,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "control/commands.h"
@@ -231,6 +233,45 @@ TEST_F(ControlCommandTest, RefusedSaveSaysWhyAndWritesNothing)
         names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"control.sock", "kept.xml", "sub"}));
+}
+
+// The host's log lines, from whichever thread ran the command.
+std::mutex g_loggedMutex;
+std::vector<std::pair<int, std::string>> g_logged;
+
+void collectLogged(int level, const char *line)
+{
+    std::lock_guard lock(g_loggedMutex);
+    g_logged.emplace_back(level, line);
+}
+
+TEST_F(ControlCommandTest, AFailedSaveIsAWarningInTheHostsLog)
+{
+    std::filesystem::create_directory(dir_.file("sub"));
+    std::filesystem::create_directory(dir_.file("a\nb"));
+    g_logged.clear();
+    kelpRuntimeSetLog(collectLogged);
+    const struct {
+        std::string file;
+        std::string logged; // "" for a save that works
+    } kCases[] = {
+        {dir_.file("saved.xml"), ""},
+        {dir_.file("sub"), "kelpctl save: " + dir_.file("sub") + ": is a directory"},
+        // A client's line break stays inside the one log line.
+        {dir_.file("a\nb"), "kelpctl save: " + dir_.file("a\\nb") + ": is a directory"},
+    };
+    for (const auto &c : kCases) {
+        ask("save " + quoteWord(c.file));
+        std::lock_guard lock(g_loggedMutex);
+        if (c.logged.empty()) {
+            EXPECT_TRUE(g_logged.empty()) << c.file << ": " << g_logged.front().second;
+        } else {
+            ASSERT_EQ(g_logged.size(), 1u) << c.file;
+            EXPECT_EQ(g_logged[0], std::make_pair(KELP_RUNTIME_LOG_WARNING, c.logged));
+        }
+        g_logged.clear();
+    }
+    kelpRuntimeSetLog(nullptr);
 }
 
 TEST_F(ControlCommandTest, EventWithObjectQueuesTheObjectsFields)

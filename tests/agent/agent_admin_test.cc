@@ -171,23 +171,6 @@ TEST(AgentAdmin, DebugNeverWritesTheIniFileEvenWhenTheAgentIsKilled)
         << readFile(again.stateDir() + "/debug.log").substr(0, 500);
 }
 
-TEST(AgentAdmin, AnIniFileThatIsNotARegularFileIsAClearErrorAtStart)
-{
-    TempDir dir;
-    const std::string fifo = dir / "kelp.ini";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string &ini : {fifo, std::string("/dev/zero")}) {
-        const RunResult result =
-            run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
-                 "udp:127.0.0.1:" + std::to_string(freeUdpPort()), "--model", minimalModel(),
-                 "--module", modulePath(), "--ini", ini},
-                agentEnv(), dir, 20s);
-        EXPECT_EQ(result.status, 1) << ini << ": " << result.err;
-        EXPECT_NE(result.err.find("the ini file cannot be used: " + ini), std::string::npos)
-            << result.err;
-    }
-}
-
 TEST(AgentAdmin, LoadingAFifoIsRefusedAndTheAgentStillStops)
 {
     AgentUnderTest agent;
