@@ -139,8 +139,9 @@ int run(const Options &options, const RunAs &runAs)
     // The ports are bound: root is needed no more. What was made as root
     // so far (the state dir's files, the control socket) goes to the user.
     if (!options.user.empty() && geteuid() == 0) {
-        if (!handOver({options.stateDir, options.control, options.ini, options.ini + ".lock"},
-                      runAs, &error) ||
+        // The control socket may be outside the state dir; an ini file
+        // elsewhere stays its owner's (the user must be able to write it).
+        if (!handOver(options.stateDir, {options.control}, runAs, &error) ||
             !dropPrivileges(runAs, &error)) {
             const int status = fail(error);
             stopAll();

@@ -57,23 +57,32 @@ bool lookUpUser(const std::string &name, RunAs *user, std::string *error)
     return true;
 }
 
-bool handOver(const std::vector<std::string> &paths, const RunAs &user, std::string *error)
+bool handOver(const std::string &stateDir, const std::vector<std::string> &files, const RunAs &user,
+              std::string *error)
 {
-    g_handTo = &user;
-    for (const std::string &path : paths) {
-        struct stat st {};
-        if (path.empty() || lstat(path.c_str(), &st) != 0) {
-            continue;
-        }
+    struct stat st {};
+    if (!stateDir.empty() && lstat(stateDir.c_str(), &st) == 0) {
+        g_handTo = &user;
         g_handError = 0;
-        if (nftw(path.c_str(), handOne, 16, FTW_PHYS) != 0) {
-            *error = "cannot hand " + (g_handFailed.empty() ? path : g_handFailed) + " to " +
+        g_handFailed.clear();
+        const int walked = nftw(stateDir.c_str(), handOne, 16, FTW_PHYS);
+        g_handTo = nullptr;
+        if (walked != 0) {
+            *error = "cannot hand " + (g_handFailed.empty() ? stateDir : g_handFailed) + " to " +
                      user.name + ": " + std::strerror(g_handError != 0 ? g_handError : errno);
-            g_handTo = nullptr;
             return false;
         }
     }
-    g_handTo = nullptr;
+    for (const std::string &file : files) {
+        if (file.empty() || lstat(file.c_str(), &st) != 0 || S_ISDIR(st.st_mode) ||
+            st.st_uid != 0) {
+            continue;
+        }
+        if (lchown(file.c_str(), user.uid, user.gid) != 0) {
+            *error = "cannot hand " + file + " to " + user.name + ": " + std::strerror(errno);
+            return false;
+        }
+    }
     return true;
 }
 

@@ -27,11 +27,14 @@ std::string startRefusal(uid_t euid, bool allowRoot, const std::string &user, ui
 // no such user.
 bool lookUpUser(const std::string &name, RunAs *user, std::string *error);
 
-// Gives `user` every file under each of `paths` (each a file or a directory
-// walked without following links) that belongs to root: what the agent made
-// before it dropped root. A missing path is skipped. False with a message
-// when a chown fails.
-bool handOver(const std::vector<std::string> &paths, const RunAs &user, std::string *error);
+// Gives `user` what the agent made as root before it dropped root: every
+// root-owned entry under `stateDir` (walked without following links) and
+// each of `files` that is root-owned and not a directory (never walked: a
+// path outside the state dir given by mistake as a directory must not hand
+// that tree over). Missing paths are skipped. False with a message when a
+// chown fails.
+bool handOver(const std::string &stateDir, const std::vector<std::string> &files, const RunAs &user,
+              std::string *error);
 
 // Becomes `user` for good: setgroups to its primary group alone, setgid,
 // setuid (every thread of the process changes with it); checks that root

@@ -1,6 +1,12 @@
 #include "privileges.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 namespace kelp::agent {
 namespace {
@@ -39,6 +45,41 @@ TEST(Privileges, AnUnknownUserIsRefused)
     EXPECT_EQ(error, "--user no-such-user-kelp: no such user");
     ASSERT_TRUE(lookUpUser("root", &user, &error)) << error;
     EXPECT_EQ(user.uid, 0u);
+}
+
+uid_t ownerOf(const std::filesystem::path &path)
+{
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
+}
+
+TEST(Privileges, TheStateDirIsHandedOverWholeAndOtherPathsOnlyAsFiles)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to give files away";
+    char pattern[] = "/tmp/kelp-handover-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::filesystem::path root = pattern;
+    const std::filesystem::path state = root / "state", other = root / "elsewhere";
+    std::filesystem::create_directories(state / "snmp");
+    std::filesystem::create_directories(other / "inner");
+    for (const auto &file : {state / "snmp/kelpagent.conf", state / "kelp.ini",
+                             other / "control.sock", other / "inner/kept"}) {
+        std::ofstream(file) << "x";
+    }
+    RunAs user{"nobody", 65534, 65534};
+    std::string error;
+    ASSERT_TRUE(handOver(state, {other / "control.sock", other, root / "missing"}, user, &error))
+        << error;
+    EXPECT_EQ(ownerOf(state), 65534u);
+    EXPECT_EQ(ownerOf(state / "snmp"), 65534u);
+    EXPECT_EQ(ownerOf(state / "snmp/kelpagent.conf"), 65534u);
+    EXPECT_EQ(ownerOf(state / "kelp.ini"), 65534u);
+    EXPECT_EQ(ownerOf(other / "control.sock"), 65534u);
+    // A directory among the files is neither handed over nor walked.
+    EXPECT_EQ(ownerOf(other), 0u);
+    EXPECT_EQ(ownerOf(other / "inner/kept"), 0u);
+    std::filesystem::remove_all(root);
 }
 
 } // namespace
