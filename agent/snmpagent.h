@@ -24,6 +24,7 @@ struct AgentSettings {
     std::string community;              // master: the read-only community; empty: none
     std::vector<V3Key> v3Keys;          // master: the SNMPv3 users (wiped once created)
     std::vector<Network> allow;         // master: the sources that may query; empty: any
+    size_t maxWaiting = 256;            // master: requests read and not yet answered; 0: no turns
     std::vector<std::string> trapSinks; // "inform:ADDR" for an inform sink
     bool trapV1 = false;
     bool trapInform = false;   // every sink an inform sink

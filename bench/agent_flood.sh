@@ -35,4 +35,7 @@ for _ in $(seq 1 100); do
 done
 echo "kelpagent $* on 127.0.0.1:$port"
 "$build/bin/agent_flood" "$port"
-grep -i -e flood -e "dropped" "$work/agent.log" || true
+# The datagrams the kernel dropped because the agent's socket was full.
+hex=$(printf '%04X' "$port")
+awk -v p=":$hex" '$2 ~ p"$" { print "kernel drops on the agent'"'"'s socket: " $NF }' /proc/net/udp
+grep -i -e "dropping" "$work/agent.log" || true
