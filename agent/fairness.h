@@ -16,10 +16,6 @@
 
 namespace kelp::agent {
 
-// The default of --max-waiting: requests read from the master's sockets and
-// not yet answered, over all sources.
-inline constexpr size_t kDefaultMaxWaiting = 256;
-
 // A mark in net-snmp's session list, before opening the master's sockets.
 struct SessionMark {
     const void *newest = nullptr;
