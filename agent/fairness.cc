@@ -1,6 +1,6 @@
-// A wrapper around the receive function of net-snmp's UDP transports: it
-// drains the socket into a FairQueue and gives net-snmp the next datagram
-// in turn.
+// A thread reading net-snmp's UDP sockets with their own receive functions
+// into FairQueues, and a receive function in their place that hands
+// net-snmp the next datagram in turn.
 #include "fairness.h"
 
 // net-snmp's headers in the order they need: configuration, library, agent.
@@ -13,14 +13,20 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fairqueue.h"
@@ -39,12 +45,17 @@ constexpr auto kLogInterval = std::chrono::minutes(1);
 constexpr size_t kMaxLoggedSources = 1024;
 // net-snmp's receive buffer for one datagram (SNMP_MAX_RCV_MSG_SIZE).
 constexpr size_t kMaxDatagram = 65536;
-// The receive buffer asked for each shared socket.
-constexpr size_t kReceiveBuffer = 4 << 20;
+// The receive buffer asked for each shared socket: room for what arrives
+// while the reading thread waits for a processor, which the kernel would
+// drop before any source's turn counts. Without CAP_NET_ADMIN the kernel
+// caps it at net.core.rmem_max.
+constexpr int kReceiveBuffer = 4 << 20;
+
+using ReceiveFunction = int (*)(netsnmp_transport *, void *, int, void **, int *);
 
 // One datagram as the transport's receive function gave it: its bytes and
 // the transport data (the sender's address, malloc'd by net-snmp, owned by
-// whoever ends up with the datagram).
+// whoever holds the datagram).
 struct Datagram {
     std::vector<uint8_t> bytes;
     void *opaque = nullptr;
@@ -58,24 +69,30 @@ void release(Datagram *datagram)
 }
 
 struct Socket {
+    Socket(netsnmp_transport *t, size_t maxWaiting)
+        : transport(t), receive(t->f_recv), waiting(maxWaiting)
+    {
+    }
     netsnmp_transport *transport;
-    int (*receive)(netsnmp_transport *, void *, int, void **, int *);
-    FairQueue<Datagram> waiting;
+    ReceiveFunction receive;     // net-snmp's own; only the reading thread calls it
+    FairQueue<Datagram> waiting; // guarded by Sharing::mutex
 };
 
-// The shared sockets, set up once before the first request; the agent's
-// thread only.
-std::vector<std::unique_ptr<Socket>> g_sockets;
+struct Sharing {
+    std::mutex mutex;
+    // Fixed once the thread runs.
+    std::vector<std::unique_ptr<Socket>> sockets;
+    std::atomic<size_t> waiting{0}; // over all sockets
+    std::function<void()> wake;
+    int stopFd = -1; // an eventfd the thread polls beside the sockets
+    std::thread thread;
+    LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
+                             std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
+                         kMaxLoggedSources}; // the reading thread's only
+};
 
-Socket *socketOf(const netsnmp_transport *transport)
-{
-    for (const auto &socket : g_sockets) {
-        if (socket->transport == transport) {
-            return socket.get();
-        }
-    }
-    return nullptr;
-}
+// Set up and torn down by the agent's thread, while no request is read.
+Sharing *g_sharing = nullptr;
 
 // The sender's address (without its port: a manager may use a new port for
 // each request) as raw bytes, from the transport data, which for UDP over
@@ -106,64 +123,91 @@ std::string sourceText(const std::string &key)
     return text[0] != '\0' ? text : "an unknown source";
 }
 
-void logDrop(const std::string &key)
+// Reads what `socket` holds now, up to one queue's worth, into its queue.
+void drain(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
 {
-    static LogRateLimit limit(
-        std::chrono::duration_cast<LogRateLimit::Clock::duration>(
-            std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
-        kMaxLoggedSources);
-    if (limit.allow(key, LogRateLimit::Clock::now())) {
-        logAt(LogLevel::kWarning,
-              "dropping requests from %s: it sends more than its share while other sources wait "
-              "(--max-waiting %zu; logged once a minute per source)",
-              sourceText(key).c_str(),
-              g_sockets.empty() ? size_t(0) : g_sockets.front()->waiting.capacity());
-    }
-}
-
-// Reads what the socket holds now, up to one queue's worth, into the queue.
-void drain(Socket *socket)
-{
-    static std::vector<uint8_t> buffer(kMaxDatagram);
     for (size_t i = 0; i < socket->waiting.capacity(); i++) {
         Datagram datagram;
-        const int length = socket->receive(socket->transport, buffer.data(), int(buffer.size()),
+        const int length = socket->receive(socket->transport, buffer->data(), int(buffer->size()),
                                            &datagram.opaque, &datagram.opaqueLength);
         if (length <= 0) {
             release(&datagram);
-            // An empty socket (EAGAIN) or an error net-snmp would only have
-            // dropped the datagram for.
+            // An empty socket (EAGAIN), an error, or an empty datagram, which
+            // net-snmp would have dropped.
             if (length < 0) {
                 return;
             }
             continue;
         }
-        datagram.bytes.assign(buffer.begin(), buffer.begin() + length);
+        datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
         const std::string key = sourceKey(datagram);
-        if (auto dropped = socket->waiting.push(key, std::move(datagram))) {
+        std::optional<std::pair<std::string, Datagram>> dropped;
+        {
+            std::lock_guard lock(sharing->mutex);
+            dropped = socket->waiting.push(key, std::move(datagram));
+        }
+        if (dropped) {
             release(&dropped->second);
-            logDrop(dropped->first);
+            if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
+                logAt(LogLevel::kWarning,
+                      "dropping requests from %s: it sends more than its share while other "
+                      "sources wait (--max-waiting %zu; logged once a minute per source)",
+                      sourceText(dropped->first).c_str(), socket->waiting.capacity());
+            }
+        } else if (sharing->waiting.fetch_add(1) == 0) {
+            sharing->wake();
         }
     }
 }
 
-// In place of the transport's receive function: the next waiting datagram
-// in turn, after reading every one the socket holds; -1 with EAGAIN when
-// none waits.
+void readSockets(Sharing *sharing)
+{
+    std::vector<uint8_t> buffer(kMaxDatagram);
+    std::vector<pollfd> fds;
+    for (const auto &socket : sharing->sockets) {
+        fds.push_back(pollfd{socket->transport->sock, POLLIN, 0});
+    }
+    fds.push_back(pollfd{sharing->stopFd, POLLIN, 0});
+    for (;;) {
+        if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            logAt(LogLevel::kError, "cannot wait for requests: %s", std::strerror(errno));
+            return;
+        }
+        if (fds.back().revents != 0) {
+            return;
+        }
+        for (size_t i = 0; i < sharing->sockets.size(); i++) {
+            if (fds[i].revents != 0) {
+                drain(sharing, sharing->sockets[i].get(), &buffer);
+            }
+        }
+    }
+}
+
+// In place of the transport's receive function, on the agent's thread: the
+// next waiting datagram in turn; -1 with EAGAIN when none waits.
 int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **opaque,
                   int *opaqueLength)
 {
-    Socket *socket = socketOf(transport);
-    if (socket == nullptr) {
-        errno = EBADF;
-        return -1;
+    Sharing *sharing = g_sharing;
+    std::optional<std::pair<std::string, Datagram>> next;
+    if (sharing != nullptr) {
+        std::lock_guard lock(sharing->mutex);
+        for (const auto &socket : sharing->sockets) {
+            if (socket->transport == transport) {
+                next = socket->waiting.pop();
+                break;
+            }
+        }
     }
-    drain(socket);
-    auto next = socket->waiting.pop();
     if (!next) {
         errno = EAGAIN;
         return -1;
     }
+    sharing->waiting.fetch_sub(1);
     Datagram &datagram = next->second;
     if (size < 0 || datagram.bytes.size() > size_t(size)) {
         release(&datagram);
@@ -194,61 +238,95 @@ SessionMark markSessions()
     return SessionMark{Sessions};
 }
 
-void shareBetweenSources(SessionMark mark, size_t maxWaiting)
+void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
 {
-    if (maxWaiting == 0) {
+    if (maxWaiting == 0 || g_sharing != nullptr) {
         return;
     }
+    auto sharing = std::make_unique<Sharing>();
+    sharing->wake = std::move(wake);
     // net-snmp adds a session at the head of its list.
     for (session_list *slp = Sessions; slp != nullptr && slp != mark.newest; slp = slp->next) {
         netsnmp_transport *transport = slp->transport;
         if (transport == nullptr || transport->sock < 0 || transport->f_recv == nullptr ||
             (transport->flags & (NETSNMP_TRANSPORT_FLAG_STREAM | NETSNMP_TRANSPORT_FLAG_LISTEN)) ||
-            !isUdp(transport->sock) || socketOf(transport) != nullptr) {
+            !isUdp(transport->sock)) {
             continue;
         }
-        // Draining must stop at an empty socket. A reply that finds the
-        // socket's send buffer full is dropped rather than waited for, as
-        // the network would drop it; the manager asks again.
-        // Room for the datagrams that arrive while the agent answers one or
-        // waits for a processor: what overflows it, the kernel drops
-        // before any source's turn can be taken into account. The kernel
-        // caps it at net.core.rmem_max.
-        const int bytes = int(kReceiveBuffer);
-        setsockopt(transport->sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+        if (setsockopt(transport->sock, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
+                       sizeof kReceiveBuffer) != 0) {
+            setsockopt(transport->sock, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer,
+                       sizeof kReceiveBuffer);
+        }
+        // The reading thread drains a socket until it is empty. A reply
+        // that finds the socket's send buffer full is then dropped rather
+        // than waited for, as the network would drop it; the manager asks
+        // again.
         const int flags = fcntl(transport->sock, F_GETFL);
         if (flags < 0 || fcntl(transport->sock, F_SETFL, flags | O_NONBLOCK) != 0) {
             continue;
         }
-        g_sockets.push_back(std::make_unique<Socket>(
-            Socket{transport, transport->f_recv, FairQueue<Datagram>(maxWaiting)}));
-        transport->f_recv = receiveInTurn;
+        sharing->sockets.push_back(std::make_unique<Socket>(transport, maxWaiting));
     }
+    if (sharing->sockets.empty()) {
+        return;
+    }
+    sharing->stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (sharing->stopFd < 0) {
+        logAt(LogLevel::kWarning, "requests are answered in order of arrival: no eventfd (%s)",
+              std::strerror(errno));
+        return;
+    }
+    for (const auto &socket : sharing->sockets) {
+        socket->transport->f_recv = receiveInTurn;
+    }
+    g_sharing = sharing.release();
+    g_sharing->thread = std::thread(readSockets, g_sharing);
 }
 
 bool requestsWaiting()
 {
-    for (const auto &socket : g_sockets) {
-        if (!socket->waiting.empty()) {
-            return true;
-        }
-    }
-    return false;
+    return g_sharing != nullptr && g_sharing->waiting.load() > 0;
 }
 
 void answerWaiting()
 {
+    if (!requestsWaiting()) {
+        return;
+    }
     fd_set ready;
     FD_ZERO(&ready);
     bool any = false;
-    for (const auto &socket : g_sockets) {
-        if (!socket->waiting.empty() && socket->transport->sock < FD_SETSIZE) {
-            FD_SET(socket->transport->sock, &ready);
-            any = true;
+    {
+        std::lock_guard lock(g_sharing->mutex);
+        for (const auto &socket : g_sharing->sockets) {
+            if (!socket->waiting.empty() && socket->transport->sock < FD_SETSIZE) {
+                FD_SET(socket->transport->sock, &ready);
+                any = true;
+            }
         }
     }
     if (any) {
         snmp_read(&ready);
+    }
+}
+
+void stopSharing()
+{
+    std::unique_ptr<Sharing> sharing(g_sharing);
+    if (!sharing) {
+        return;
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(sharing->stopFd, &one, sizeof one);
+    sharing->thread.join();
+    close(sharing->stopFd);
+    g_sharing = nullptr;
+    for (const auto &socket : sharing->sockets) {
+        socket->transport->f_recv = socket->receive;
+        while (auto left = socket->waiting.pop()) {
+            release(&left->second);
+        }
     }
 }
 

@@ -1,18 +1,18 @@
-// Managers served in turn on the master's UDP sockets: the agent reads every
-// datagram waiting on a socket before it answers one, and answers them one
-// source at a time (FairQueue), so that a source flooding the agent costs
-// any other source at most one request's wait per request of its own, and
-// loses its excess, rather than filling the socket's buffer and leaving
-// everyone else's requests to the kernel's drops. A source's dropped
-// requests are logged once a minute per source (KELP_TIME_SCALE runs that
-// clock fast), with the source's address alone. TCP connections, each read
-// on its own, are left as they are.
+// Managers served in turn on the master's UDP sockets. A thread of its own
+// reads every datagram as soon as it arrives into a FairQueue per socket,
+// and net-snmp, in place of reading the socket, takes the next datagram in
+// turn: the sources with requests waiting are answered one request each in
+// turn. A source flooding the agent then costs any other source at most
+// about one request's wait per request of its own, and loses its excess,
+// where otherwise it would fill the socket's buffer and leave the others'
+// requests to the kernel's drops. A source's dropped requests are logged
+// once a minute per source (KELP_TIME_SCALE runs that clock fast), with
+// the source's address alone. TCP connections are left as they are.
 #ifndef KELP_AGENT_FAIRNESS_H
 #define KELP_AGENT_FAIRNESS_H
 
 #include <cstddef>
-
-#include <sys/select.h>
+#include <functional>
 
 namespace kelp::agent {
 
@@ -24,9 +24,10 @@ SessionMark markSessions();
 
 // Serves the UDP sockets of the sessions opened since `mark` in turn, each
 // holding at most `maxWaiting` requests (0: leaves them to net-snmp as they
-// are). Makes those sockets non-blocking. Call once, on the agent's
-// thread, after init_master_agent.
-void shareBetweenSources(SessionMark mark, size_t maxWaiting);
+// are), and starts the reading thread, which calls `wake` (any thread) when
+// requests wait where none did. Call once, on the agent's thread, after
+// init_master_agent.
+void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake);
 
 // True when requests read from a socket wait to be answered: the main loop
 // must not block in select, which cannot see them.
@@ -35,6 +36,11 @@ bool requestsWaiting();
 // Answers one waiting request of each socket that holds one (net-snmp's
 // snmp_read on those sockets).
 void answerWaiting();
+
+// Ends the reading thread, drops what waits and gives the sockets back to
+// net-snmp. Call before snmp_shutdown, which closes them; safe to call
+// more than once.
+void stopSharing();
 
 } // namespace kelp::agent
 

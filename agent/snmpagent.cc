@@ -447,7 +447,7 @@ bool SnmpAgent::open(std::string *error)
         return false;
     }
     watchAccess(settings_.allow);
-    shareBetweenSources(beforeListening, settings_.maxWaiting);
+    shareBetweenSources(beforeListening, settings_.maxWaiting, writeWakeByte);
     bound_ = sessionAddresses();
     if (!settings_.community.empty() && settings_.allow.empty() && listensBeyondLoopback()) {
         logAt(LogLevel::kWarning,
@@ -523,6 +523,7 @@ bool SnmpAgent::hasTrapDestination() const
 void SnmpAgent::shutdown()
 {
     traps_.reset();
+    stopSharing();
     if (initialised_) {
         snmp_shutdown(kAppName);
         initialised_ = false;

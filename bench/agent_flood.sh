@@ -34,7 +34,7 @@ for _ in $(seq 1 100); do
   sleep 0.1
 done
 echo "kelpagent $* on 127.0.0.1:$port"
-"$build/bin/agent_flood" "$port"
+"$build/bin/agent_flood" "$port" public "${GETS:-400}"
 # The datagrams the kernel dropped because the agent's socket was full.
 hex=$(printf '%04X' "$port")
 awk -v p=":$hex" '$2 ~ p"$" { print "kernel drops on the agent'"'"'s socket: " $NF }' /proc/net/udp

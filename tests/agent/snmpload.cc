@@ -175,15 +175,21 @@ std::optional<int32_t> responseId(const uint8_t *data, size_t size)
     return id;
 }
 
-Flooder::Flooder(const std::string &source, int port, const std::string &community)
+Flooder::Flooder(const std::string &source, int port, const std::string &community, int perSecond)
     : fd_(connectedSocket(source, port))
 {
     if (fd_ < 0) {
         return;
     }
-    thread_ = std::thread([this, community] {
+    thread_ = std::thread([this, community, perSecond] {
         int32_t id = 1;
+        const int burst = perSecond > 0 ? std::max(1, perSecond / 1000) : 0;
+        auto tick = Clock::now();
         while (!stop_.load(std::memory_order_relaxed)) {
+            if (burst > 0 && id % burst == 0) {
+                tick += std::chrono::milliseconds(1);
+                std::this_thread::sleep_until(tick);
+            }
             const Bytes request = v2cRequest(0xA5, id++, community, kRoot, 64);
             // A full socket buffer or a refused port only costs this try.
             if (send(fd_, request.data(), request.size(), 0) > 0) {

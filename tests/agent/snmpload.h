@@ -29,11 +29,12 @@ std::optional<int32_t> responseId(const uint8_t *data, size_t size);
 
 // A thread sending GETBULK requests (max-repetitions 64) for the MIB root
 // from `source` (an IPv4 loopback address such as 127.0.0.2) to
-// 127.0.0.1:port, one after another as fast as it can, reading nothing,
-// until stop() or destruction.
+// 127.0.0.1:port, reading nothing, until stop() or destruction: one after
+// another as fast as it can, or `perSecond` a second in bursts every
+// millisecond, which leaves the processors to others when there are few.
 class Flooder {
   public:
-    Flooder(const std::string &source, int port, const std::string &community);
+    Flooder(const std::string &source, int port, const std::string &community, int perSecond = 0);
     // stop()
     ~Flooder();
     Flooder(const Flooder &) = delete;
