@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # A polite manager's latency while another source floods kelpagent: starts
-# kelpagent on the sample model on a free loopback port and runs
-# bench's agent_flood against it (see bench/agent_flood.cc), then once more
-# with any extra kelpagent options given, for example to compare settings
-# of the per-source fairness:
+# kelpagent on the sample model on a free loopback port, with any options
+# given after "--" (--max-waiting 0, say, to compare answering in order of
+# arrival), and runs bench's agent_flood against it (see
+# bench/agent_flood.cc):
 #
+#   cmake --build BUILD_DIR --target kelpagent kelpimp64 agent_flood
 #   bench/agent_flood.sh BUILD_DIR [-- KELPAGENT_OPTION...]
 #
+# GETS=N in the environment sets the Gets per phase (400).
 # Everything runs on 127.0.0.1 and 127.0.0.2 and is stopped at the end.
 set -euo pipefail
 
