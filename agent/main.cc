@@ -78,6 +78,7 @@ int run(const Options &options, const RunAs &runAs)
     settings.listen = options.listen;
     settings.community = options.noV1v2c ? std::string() : options.community;
     settings.allow = options.allow;
+    settings.maxWaiting = options.maxWaiting;
     if (!options.v3Users.empty() &&
         !readV3Keys(options.v3Keys, options.v3Users, &settings.v3Keys, &error)) {
         return fail(error);

@@ -156,6 +156,22 @@ constexpr OptionRow kOptions[] = {
          o.allowText.push_back(v);
          return true;
      }},
+    {"max-waiting", Arg::kRequired, "N",
+     "requests held read but unanswered, served one source at a time; a flooding source "
+     "loses its excess (256; 0: answered in order of arrival)",
+     [](Options &o, const std::string &v, std::string *e) {
+         char *end = nullptr;
+         errno = 0;
+         const long long waiting = std::strtoll(v.c_str(), &end, 10);
+         if (v.empty() || errno != 0 || *end != '\0' || waiting < 0 ||
+             waiting > static_cast<long long>(kMaxMaxWaiting)) {
+             *e = "--max-waiting takes a whole number from 0 to " + std::to_string(kMaxMaxWaiting) +
+                  ", not \"" + v + "\"";
+             return false;
+         }
+         o.maxWaiting = static_cast<size_t>(waiting);
+         return true;
+     }},
     {"agentx", Arg::kOptional, "SOCKET",
      "run as an AgentX subagent of a running snmpd (socket: /var/agentx/master)",
      [](Options &o, const std::string &v, std::string *e) {

@@ -38,18 +38,24 @@ inline constexpr double kMaxInformTimeout = 60;
 inline constexpr int kDefaultInformRetries = 5;
 inline constexpr int kMaxInformRetries = 20;
 
+// Requests a master holds read from its sockets and not yet answered, by
+// default and at most (--max-waiting; 0 answers in order of arrival).
+inline constexpr size_t kDefaultMaxWaiting = 256;
+inline constexpr size_t kMaxMaxWaiting = 65536;
+
 struct Options {
     std::string config; // --config; empty: DefaultPlaces::config when that file exists
     std::string model;  // empty: the first sample model found (modelCandidates)
     std::string listen = kDefaultListen;
     std::string community = kDefaultCommunity;
-    bool noV1v2c = false;               // --no-v1v2c: no community answers
-    std::vector<std::string> v3Users;   // --v3-user, in order
-    std::string v3Keys;                 // --v3-keys: the users' pass phrases
-    std::vector<Network> allow;         // --allow; empty: every source
-    std::vector<std::string> allowText; // --allow as given, for the log
-    bool allowRoot = false;             // --allow-root
-    std::string user;                   // --user: run as this user once the ports are bound
+    bool noV1v2c = false;                   // --no-v1v2c: no community answers
+    std::vector<std::string> v3Users;       // --v3-user, in order
+    std::string v3Keys;                     // --v3-keys: the users' pass phrases
+    std::vector<Network> allow;             // --allow; empty: every source
+    std::vector<std::string> allowText;     // --allow as given, for the log
+    size_t maxWaiting = kDefaultMaxWaiting; // --max-waiting
+    bool allowRoot = false;                 // --allow-root
+    std::string user;                       // --user: run as this user once the ports are bound
     bool agentx = false;
     std::string agentxSocket; // empty: net-snmp's default, /var/agentx/master
     std::vector<std::string> trapSinks;

@@ -51,6 +51,7 @@ TEST(Options, EveryOptionSetsItsField)
                        "--syslog",
                        "--rescan-timeout",
                        "2.5",
+                       "--max-waiting=0",
                        "--agentx"},
                       &o, &error))
         << error;
@@ -69,6 +70,7 @@ TEST(Options, EveryOptionSetsItsField)
     EXPECT_EQ(o.sysLocation, "Rack 4, row B");
     EXPECT_TRUE(o.syslog);
     EXPECT_EQ(o.rescanTimeout, 2.5);
+    EXPECT_EQ(o.maxWaiting, 0u);
     EXPECT_TRUE(o.agentx);
     EXPECT_EQ(o.agentxSocket, "");
 }
@@ -100,6 +102,7 @@ TEST(Options, DefaultsAreTheDocumentedOnes)
     EXPECT_EQ(o.trapCommunity, "");
     EXPECT_EQ(o.informTimeout, 1.0);
     EXPECT_EQ(o.informRetries, 5);
+    EXPECT_EQ(o.maxWaiting, 256u);
 }
 
 TEST(Options, TrapsCarryTheReadCommunityUnlessTheirOwnIsGiven)
@@ -165,6 +168,11 @@ TEST(Options, UsageErrorsAreRefusedWithAMessage)
         {"--inform-retries", "21"},
         {"--inform-retries", "2x"},
         {"--inform-retries", ""},
+        {"--max-waiting", "-1"},
+        {"--max-waiting", "65537"},
+        {"--max-waiting", "many"},
+        {"--max-waiting", "99999999999999999999"},
+        {"--max-waiting", ""},
     };
     for (const auto &words : bad) {
         Options o;
@@ -198,7 +206,7 @@ TEST(Options, CompletionFillsThePlacesUnderTheStateDir)
     for (const char *text :
          {"--model FILE", "--agentx [SOCKET]", "--trap-sink ADDR", "--debug", "--help", "--version",
           "udp:127.0.0.1:1161", "(found)", "--trap-version 1|2c|2c-inform", "--trap-community NAME",
-          "--inform-timeout SECONDS", "--inform-retries N", "inform:ADDR"}) {
+          "--inform-timeout SECONDS", "--inform-retries N", "inform:ADDR", "--max-waiting N"}) {
         EXPECT_NE(usage.find(text), std::string::npos) << text;
     }
 

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "agentxlog.h"
+#include "fairness.h"
 #include "log.h"
 #include "paths.h"
 #include "refusals.h"
@@ -475,12 +476,14 @@ bool SnmpAgent::open(std::string *error)
             "cannot listen on " + settings_.listen + ": \"" + invalid + "\" is not a valid address";
         return false;
     }
+    const SessionMark beforeListening = markSessions();
     if (init_master_agent() != 0) {
         *error = "cannot listen on " + settings_.listen +
                  " (the port is in use, or the address is not this host's)";
         return false;
     }
     watchAccess(settings_.allow);
+    shareBetweenSources(beforeListening, settings_.maxWaiting, writeWakeByte);
     bound_ = sessionAddresses();
     if (!settings_.community.empty() && settings_.allow.empty() && listensBeyondLoopback()) {
         logAt(LogLevel::kWarning,
@@ -516,7 +519,10 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
 {
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
-        agent_check_and_process(1);
+        // Requests already read from a socket wait where select cannot
+        // see them.
+        agent_check_and_process(requestsWaiting() ? 0 : 1);
+        answerWaiting();
         flushAgentxLog();
         onWake();
         if (g_reloadRequested != 0 && g_stopRequested == 0) {
@@ -553,6 +559,7 @@ bool SnmpAgent::hasTrapDestination() const
 void SnmpAgent::shutdown()
 {
     traps_.reset();
+    stopSharing();
     if (initialised_) {
         // net-snmp rewrites the file line by line without checking a write:
         // on a full disk it would leave it empty, and the next start would

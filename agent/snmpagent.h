@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "access.h"
+#include "options.h"
 #include "snmpconf.h"
 
 namespace kelp::agent {
@@ -19,12 +20,13 @@ class TrapSinks;
 
 struct AgentSettings {
     bool subagent = false;
-    std::string agentxSocket;           // subagent: empty for net-snmp's default
-    std::string listen;                 // master: the address to answer on
-    std::string community;              // master: the read-only community; empty: none
-    std::vector<V3Key> v3Keys;          // master: the SNMPv3 users (wiped once created)
-    std::vector<Network> allow;         // master: the sources that may query; empty: any
-    std::vector<std::string> trapSinks; // "inform:ADDR" for an inform sink
+    std::string agentxSocket;               // subagent: empty for net-snmp's default
+    std::string listen;                     // master: the address to answer on
+    std::string community;                  // master: the read-only community; empty: none
+    std::vector<V3Key> v3Keys;              // master: the SNMPv3 users (wiped once created)
+    std::vector<Network> allow;             // master: the sources that may query; empty: any
+    size_t maxWaiting = kDefaultMaxWaiting; // master: requests read, unanswered; 0: no turns
+    std::vector<std::string> trapSinks;     // "inform:ADDR" for an inform sink
     bool trapV1 = false;
     bool trapInform = false;   // every sink an inform sink
     std::string trapCommunity; // the community of traps and informs

@@ -1,0 +1,333 @@
+// A thread reading net-snmp's UDP sockets with their own receive functions
+// into FairQueues, and a receive function in their place that hands
+// net-snmp the next datagram in turn.
+#include "fairness.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fairqueue.h"
+#include "kelp/runtime.h"
+#include "log.h"
+
+// net-snmp's list of open sessions: exported by libnetsnmp and laid out in
+// its public snmp_api.h (struct session_list), but declared in no header.
+extern "C" struct session_list *Sessions;
+
+namespace kelp::agent {
+namespace {
+
+constexpr auto kLogInterval = std::chrono::minutes(1);
+// Sources remembered by the log's rate limit; more forget the oldest.
+constexpr size_t kMaxLoggedSources = 1024;
+// net-snmp's receive buffer for one datagram (SNMP_MAX_RCV_MSG_SIZE).
+constexpr size_t kMaxDatagram = 65536;
+// The receive buffer asked for each shared socket: room for what arrives
+// while the reading thread waits for a processor, which the kernel would
+// drop before any source's turn counts. Without CAP_NET_ADMIN the kernel
+// caps it at net.core.rmem_max.
+constexpr int kReceiveBuffer = 4 << 20;
+
+using ReceiveFunction = int (*)(netsnmp_transport *, void *, int, void **, int *);
+
+// One datagram as the transport's receive function gave it: its bytes and
+// the transport data (the sender's address, malloc'd by net-snmp, owned by
+// whoever holds the datagram).
+struct Datagram {
+    std::vector<uint8_t> bytes;
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+};
+
+void release(Datagram *datagram)
+{
+    std::free(datagram->opaque);
+    datagram->opaque = nullptr;
+}
+
+struct Socket {
+    Socket(netsnmp_transport *t, size_t maxWaiting)
+        : transport(t), receive(t->f_recv), waiting(maxWaiting)
+    {
+    }
+    netsnmp_transport *transport;
+    ReceiveFunction receive;     // net-snmp's own; only the reading thread calls it
+    FairQueue<Datagram> waiting; // guarded by Sharing::mutex
+};
+
+struct Sharing {
+    std::mutex mutex;
+    // Fixed once the thread runs.
+    std::vector<std::unique_ptr<Socket>> sockets;
+    std::atomic<size_t> waiting{0}; // over all sockets
+    std::function<void()> wake;
+    int stopFd = -1; // an eventfd the thread polls beside the sockets
+    std::thread thread;
+    LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
+                             std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
+                         kMaxLoggedSources}; // the reading thread's only
+};
+
+// Set up and torn down by the agent's thread, while no request is read.
+Sharing *g_sharing = nullptr;
+
+// The sender's address (without its port: a manager may use a new port for
+// each request) as raw bytes, from the transport data, which for UDP over
+// IPv4 and IPv6 starts with the sender's socket address.
+std::string sourceKey(const Datagram &datagram)
+{
+    const auto *address = static_cast<const sockaddr *>(datagram.opaque);
+    const size_t length = datagram.opaqueLength > 0 ? size_t(datagram.opaqueLength) : 0;
+    if (address != nullptr && length >= sizeof(sockaddr_in) && address->sa_family == AF_INET) {
+        const auto &in = reinterpret_cast<const sockaddr_in *>(address)->sin_addr;
+        return std::string(reinterpret_cast<const char *>(&in), sizeof in);
+    }
+    if (address != nullptr && length >= sizeof(sockaddr_in6) && address->sa_family == AF_INET6) {
+        const auto &in6 = reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr;
+        return std::string(reinterpret_cast<const char *>(&in6), sizeof in6);
+    }
+    return "";
+}
+
+std::string sourceText(const std::string &key)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    if (key.size() == sizeof(in_addr)) {
+        inet_ntop(AF_INET, key.data(), text, sizeof text);
+    } else if (key.size() == sizeof(in6_addr)) {
+        inet_ntop(AF_INET6, key.data(), text, sizeof text);
+    }
+    return text[0] != '\0' ? text : "an unknown source";
+}
+
+// Reads what `socket` holds now, up to one queue's worth, into its queue.
+void drain(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
+{
+    for (size_t i = 0; i < socket->waiting.capacity(); i++) {
+        Datagram datagram;
+        const int length = socket->receive(socket->transport, buffer->data(), int(buffer->size()),
+                                           &datagram.opaque, &datagram.opaqueLength);
+        if (length <= 0) {
+            release(&datagram);
+            // An empty socket (EAGAIN), an error, or an empty datagram, which
+            // net-snmp would have dropped.
+            if (length < 0) {
+                return;
+            }
+            continue;
+        }
+        datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
+        const std::string key = sourceKey(datagram);
+        std::optional<std::pair<std::string, Datagram>> dropped;
+        {
+            std::lock_guard lock(sharing->mutex);
+            dropped = socket->waiting.push(key, std::move(datagram));
+        }
+        if (dropped) {
+            release(&dropped->second);
+            if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
+                logAt(LogLevel::kWarning,
+                      "dropping requests from %s: it sends more than its share while other "
+                      "sources wait (--max-waiting %zu; logged once a minute per source)",
+                      sourceText(dropped->first).c_str(), socket->waiting.capacity());
+            }
+        } else if (sharing->waiting.fetch_add(1) == 0) {
+            sharing->wake();
+        }
+    }
+}
+
+void readSockets(Sharing *sharing)
+{
+    std::vector<uint8_t> buffer(kMaxDatagram);
+    std::vector<pollfd> fds;
+    for (const auto &socket : sharing->sockets) {
+        fds.push_back(pollfd{socket->transport->sock, POLLIN, 0});
+    }
+    fds.push_back(pollfd{sharing->stopFd, POLLIN, 0});
+    for (;;) {
+        if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            logAt(LogLevel::kError, "cannot wait for requests: %s", std::strerror(errno));
+            return;
+        }
+        if (fds.back().revents != 0) {
+            return;
+        }
+        for (size_t i = 0; i < sharing->sockets.size(); i++) {
+            if (fds[i].revents != 0) {
+                drain(sharing, sharing->sockets[i].get(), &buffer);
+            }
+        }
+    }
+}
+
+// In place of the transport's receive function, on the agent's thread: the
+// next waiting datagram in turn; -1 with EAGAIN when none waits.
+int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **opaque,
+                  int *opaqueLength)
+{
+    Sharing *sharing = g_sharing;
+    std::optional<std::pair<std::string, Datagram>> next;
+    if (sharing != nullptr) {
+        std::lock_guard lock(sharing->mutex);
+        for (const auto &socket : sharing->sockets) {
+            if (socket->transport == transport) {
+                next = socket->waiting.pop();
+                break;
+            }
+        }
+    }
+    if (!next) {
+        errno = EAGAIN;
+        return -1;
+    }
+    sharing->waiting.fetch_sub(1);
+    Datagram &datagram = next->second;
+    if (size < 0 || datagram.bytes.size() > size_t(size)) {
+        release(&datagram);
+        errno = EMSGSIZE;
+        return -1;
+    }
+    std::memcpy(buffer, datagram.bytes.data(), datagram.bytes.size());
+    *opaque = datagram.opaque;
+    *opaqueLength = datagram.opaqueLength;
+    return int(datagram.bytes.size());
+}
+
+bool isUdp(int fd)
+{
+    int type = 0;
+    socklen_t typeLength = sizeof type;
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLength) == 0 && type == SOCK_DGRAM &&
+           getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0 &&
+           (address.ss_family == AF_INET || address.ss_family == AF_INET6);
+}
+
+} // namespace
+
+SessionMark markSessions()
+{
+    return SessionMark{Sessions};
+}
+
+void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
+{
+    if (maxWaiting == 0 || g_sharing != nullptr) {
+        return;
+    }
+    auto sharing = std::make_unique<Sharing>();
+    sharing->wake = std::move(wake);
+    // net-snmp adds a session at the head of its list.
+    for (session_list *slp = Sessions; slp != nullptr && slp != mark.newest; slp = slp->next) {
+        netsnmp_transport *transport = slp->transport;
+        if (transport == nullptr || transport->sock < 0 || transport->f_recv == nullptr ||
+            (transport->flags & (NETSNMP_TRANSPORT_FLAG_STREAM | NETSNMP_TRANSPORT_FLAG_LISTEN)) ||
+            !isUdp(transport->sock)) {
+            continue;
+        }
+        if (setsockopt(transport->sock, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
+                       sizeof kReceiveBuffer) != 0) {
+            setsockopt(transport->sock, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer,
+                       sizeof kReceiveBuffer);
+        }
+        // The reading thread drains a socket until it is empty. A reply
+        // that finds the socket's send buffer full is then dropped rather
+        // than waited for, as the network would drop it; the manager asks
+        // again.
+        const int flags = fcntl(transport->sock, F_GETFL);
+        if (flags < 0 || fcntl(transport->sock, F_SETFL, flags | O_NONBLOCK) != 0) {
+            continue;
+        }
+        sharing->sockets.push_back(std::make_unique<Socket>(transport, maxWaiting));
+    }
+    if (sharing->sockets.empty()) {
+        return;
+    }
+    sharing->stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (sharing->stopFd < 0) {
+        logAt(LogLevel::kWarning, "requests are answered in order of arrival: no eventfd (%s)",
+              std::strerror(errno));
+        return;
+    }
+    for (const auto &socket : sharing->sockets) {
+        socket->transport->f_recv = receiveInTurn;
+    }
+    g_sharing = sharing.release();
+    g_sharing->thread = std::thread(readSockets, g_sharing);
+}
+
+bool requestsWaiting()
+{
+    return g_sharing != nullptr && g_sharing->waiting.load() > 0;
+}
+
+void answerWaiting()
+{
+    if (!requestsWaiting()) {
+        return;
+    }
+    fd_set ready;
+    FD_ZERO(&ready);
+    bool any = false;
+    {
+        std::lock_guard lock(g_sharing->mutex);
+        for (const auto &socket : g_sharing->sockets) {
+            if (!socket->waiting.empty() && socket->transport->sock < FD_SETSIZE) {
+                FD_SET(socket->transport->sock, &ready);
+                any = true;
+            }
+        }
+    }
+    if (any) {
+        snmp_read(&ready);
+    }
+}
+
+void stopSharing()
+{
+    std::unique_ptr<Sharing> sharing(g_sharing);
+    if (!sharing) {
+        return;
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(sharing->stopFd, &one, sizeof one);
+    sharing->thread.join();
+    close(sharing->stopFd);
+    g_sharing = nullptr;
+    for (const auto &socket : sharing->sockets) {
+        socket->transport->f_recv = socket->receive;
+        while (auto left = socket->waiting.pop()) {
+            release(&left->second);
+        }
+    }
+}
+
+} // namespace kelp::agent

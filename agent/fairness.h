@@ -1,0 +1,47 @@
+// Managers served in turn on the master's UDP sockets. A thread of its own
+// reads every datagram as soon as it arrives into a FairQueue per socket,
+// and net-snmp, in place of reading the socket, takes the next datagram in
+// turn: the sources with requests waiting are answered one request each in
+// turn. A source flooding the agent then costs any other source at most
+// about one request's wait per request of its own, and loses its excess,
+// where otherwise it would fill the socket's buffer and leave the others'
+// requests to the kernel's drops. A source's dropped requests are logged
+// once a minute per source (KELP_TIME_SCALE runs that clock fast), with
+// the source's address alone. TCP connections are left as they are.
+#ifndef KELP_AGENT_FAIRNESS_H
+#define KELP_AGENT_FAIRNESS_H
+
+#include <cstddef>
+#include <functional>
+
+namespace kelp::agent {
+
+// A mark in net-snmp's session list, before opening the master's sockets.
+struct SessionMark {
+    const void *newest = nullptr;
+};
+SessionMark markSessions();
+
+// Serves the UDP sockets of the sessions opened since `mark` in turn, each
+// holding at most `maxWaiting` requests (0: leaves them to net-snmp as they
+// are), and starts the reading thread, which calls `wake` (any thread) when
+// requests wait where none did. Call once, on the agent's thread, after
+// init_master_agent.
+void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake);
+
+// True when requests read from a socket wait to be answered: the main loop
+// must not block in select, which cannot see them.
+bool requestsWaiting();
+
+// Answers one waiting request of each socket that holds one (net-snmp's
+// snmp_read on those sockets).
+void answerWaiting();
+
+// Ends the reading thread, drops what waits and gives the sockets back to
+// net-snmp. Call before snmp_shutdown, which closes them; safe to call
+// more than once.
+void stopSharing();
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_FAIRNESS_H
