@@ -156,6 +156,12 @@ class AgentUnderTest {
     // kelpctl `words` against the agent's control socket.
     RunResult kelpctl(const std::vector<std::string> &words);
 
+    // The same command written to the control socket directly, as kelpctl
+    // sends it (each word double-quoted and escaped, on one line), for tests
+    // that send many: the whole answer (output lines, then "ok" or
+    // "error: ..."), empty when the socket cannot be reached.
+    std::string control(const std::vector<std::string> &words) const;
+
     // True when the plug-in resolves names: root.3.0 answers "Vorn Inc.".
     bool moduleAnswersValues();
 
