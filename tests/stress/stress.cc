@@ -42,6 +42,7 @@ struct Size {
     int getters = 1;
     int events = 100;     // per burst of events
     int highWater = 1000; // a burst is sent while fewer events wait
+    int roundMs = 0;      // pause after each round of the script
     int scale = 20;       // KELP_TIME_SCALE: the plug-in reads 20 events a second
     int repetitions = 25; // GETBULK max-repetitions
     int maxGrowth = 10;   // percent of resident memory over the run
@@ -63,6 +64,7 @@ constexpr Option kOptions[] = {
     {"--getters", &Size::getters, "threads sending Gets of 10 random names"},
     {"--events", &Size::events, "events in a burst"},
     {"--high-water", &Size::highWater, "a round sends a burst while fewer events wait"},
+    {"--round-ms", &Size::roundMs, "pause after each round of the script, milliseconds"},
     {"--scale", &Size::scale, "the agent's KELP_TIME_SCALE (its clocks run that much faster)"},
     {"--repetitions", &Size::repetitions, "GETBULK max-repetitions"},
     {"--max-growth", &Size::maxGrowth, "allowed growth of resident memory, percent"},
@@ -356,6 +358,7 @@ Script runScript(AgentUnderTest &agent, const std::vector<std::string> &models, 
             ok(agent.control({"remove", "900001"}));
         }
         script.removes++;
+        std::this_thread::sleep_for(std::chrono::milliseconds(size.roundMs));
     }
     script.rssAfterAll = residentKiB(agent.process()->pid());
     return script;
