@@ -423,6 +423,11 @@ bool AgentUnderTest::moduleAnswersValues()
            std::string::npos;
 }
 
+bool genErrsWereTheLocks(const std::string &log)
+{
+    return log.find("the plug-in failed to answer") == std::string::npos;
+}
+
 std::string journalStream(const AgentUnderTest &agent)
 {
     const std::string err = agent.dir() / "agent.err";

@@ -198,6 +198,11 @@ class TrapReceiver {
     ASSERT_TRUE((agent).moduleAnswersValues())                                                     \
         << "the plug-in does not answer " << kRoot << ".3.0 with \"Vorn Inc.\""
 
+// True when kelpagent's log `log` reports no genErr but the lock's: the
+// agent logs the cause of every genErr it answers, and one the plug-in
+// caused is never expected while the model changes.
+bool genErrsWereTheLocks(const std::string &log);
+
 // The JOURNAL_STREAM setting systemd would hand `agent` when its stderr is
 // the journal's stream: the device and inode of the file start() sends its
 // stderr to, created here so that it has them.
