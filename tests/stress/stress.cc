@@ -428,6 +428,9 @@ int stressMain(int argc, char **argv)
                 "their own\n",
                 models.size() * 2, reference.names().size(), reference.alwaysServed(),
                 reference.volatileNames());
+    for (const Name &name : reference.volatileSet()) {
+        std::printf("  changes on its own: %s\n", nameText(name).c_str());
+    }
 
     std::atomic<bool> stop{false};
     Tally tally;

@@ -61,6 +61,7 @@ class Reference {
     std::vector<Name> names() const;
     // Names whose values change on their own.
     size_t volatileNames() const { return volatile_.size(); }
+    const std::set<Name> &volatileSet() const { return volatile_; }
 
     // The faults of one answer for `name`: empty when `value` is what some
     // state holds there (for a volatile name: a value of the same type).
