@@ -464,9 +464,9 @@ int stressMain(int argc, char **argv)
                 "%ld commands refused\n",
                 script.loads, script.adds, script.removes, script.rescans, script.events,
                 script.refused);
-    std::printf("walks: %ld complete, %ld ended by genErr (lock time-out), %ld ended otherwise\n",
+    std::printf("walks: %ld complete, %ld ended by genErr, %ld ended otherwise\n",
                 tally.walks, tally.walkLockTimeOuts, tally.walkOthers);
-    std::printf("gets: %ld answered, %ld genErr (lock time-out), %ld otherwise\n", tally.gets,
+    std::printf("gets: %ld answered, %ld genErr, %ld otherwise\n", tally.gets,
                 tally.getLockTimeOuts, tally.getOthers);
     std::printf("varbinds: %ld checked; faults: %ld\n", tally.varbinds, tally.faults);
     std::printf("kelpagent VmRSS: %ld KiB after 10 loads, %ld KiB after %ld loads\n",
