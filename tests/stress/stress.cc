@@ -464,8 +464,8 @@ int stressMain(int argc, char **argv)
                 "%ld commands refused\n",
                 script.loads, script.adds, script.removes, script.rescans, script.events,
                 script.refused);
-    std::printf("walks: %ld complete, %ld ended by genErr, %ld ended otherwise\n",
-                tally.walks, tally.walkLockTimeOuts, tally.walkOthers);
+    std::printf("walks: %ld complete, %ld ended by genErr, %ld ended otherwise\n", tally.walks,
+                tally.walkLockTimeOuts, tally.walkOthers);
     std::printf("gets: %ld answered, %ld genErr, %ld otherwise\n", tally.gets,
                 tally.getLockTimeOuts, tally.getOthers);
     std::printf("varbinds: %ld checked; faults: %ld\n", tally.varbinds, tally.faults);
