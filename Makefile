@@ -79,18 +79,6 @@ asan: deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j$(JOBS) $(ASAN_CTEST_ARGS)
 
-# The stress run at its large size (docs/STRESS.md): 8 walkers and 2
-# getters against kelpagent over 1,000 model loads, a few minutes; fails on
-# a wrong answer or when the agent's resident memory after the last load is
-# more than 10% above that after the 10th. It uses the development build
-# ($(BUILD)) and builds only the driver and what it starts: what it checks
-# does not depend on optimisation, and the build is usually there already.
-STRESS_ARGS ?= --walkers 8 --getters 2 --loads 1000 --seconds 900 --round-ms 150
-stress: configure
-	cmake --build $(BUILD) -j$(JOBS) --target kelp_stress
-	$(BUILD)/tests/kelp_stress $(STRESS_ARGS)
-
-# Release build of the benchmarks (bench/), run once.
 # The libFuzzer targets (docs/FUZZING.md), built with clang, ASan and UBSan
 # in a build directory of their own; fuzz-smoke runs each for FUZZ_RUNS
 # inputs from its seed corpus.
@@ -103,6 +91,7 @@ fuzz: deps
 fuzz-smoke: fuzz
 	scripts/fuzz-smoke.sh $(BUILD_FUZZ) $(FUZZ_RUNS)
 
+# Release build of the benchmarks (bench/), run once.
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
 	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table
@@ -115,6 +104,17 @@ format: deps
 
 format-check: deps
 	@scripts/check-format.sh
+
+# The stress run at its large size (docs/STRESS.md): 8 walkers and 2
+# getters against kelpagent over 1,000 model loads, a few minutes; fails on
+# a wrong answer or when the agent's resident memory after the last load is
+# more than 10% above that after the 10th. It uses the development build
+# ($(BUILD)) and builds only the driver and what it starts: what it checks
+# does not depend on optimisation, and the build is usually there already.
+STRESS_ARGS ?= --walkers 8 --getters 2 --loads 1000 --seconds 900 --round-ms 150
+stress: configure
+	cmake --build $(BUILD) -j$(JOBS) --target kelp_stress
+	$(BUILD)/tests/kelp_stress $(STRESS_ARGS)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE) $(BUILD_FUZZ)
