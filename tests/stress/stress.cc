@@ -312,6 +312,8 @@ void getLoop(Walker &walker, const Reference &reference, unsigned seed,
 struct Script {
     long loads = 0, adds = 0, removes = 0, rescans = 0, events = 0, refused = 0;
     long rssAfter10 = 0, rssAfterAll = 0;
+    // Events waiting at those two moments: the queue's memory is part of both.
+    long queuedAfter10 = 0, queuedAfterAll = 0;
     std::vector<std::string> refusals;
 };
 
@@ -339,6 +341,7 @@ Script runScript(AgentUnderTest &agent, const std::vector<std::string> &models, 
         }
         if (++script.loads == 10) {
             script.rssAfter10 = residentKiB(agent.process()->pid());
+            script.queuedAfter10 = queuedEvents(agent);
         }
         ok(agent.control({"add", "--xml", kAddedObject}));
         script.adds++;
@@ -361,6 +364,7 @@ Script runScript(AgentUnderTest &agent, const std::vector<std::string> &models, 
         std::this_thread::sleep_for(std::chrono::milliseconds(size.roundMs));
     }
     script.rssAfterAll = residentKiB(agent.process()->pid());
+    script.queuedAfterAll = queuedEvents(agent);
     return script;
 }
 
@@ -469,8 +473,10 @@ int stressMain(int argc, char **argv)
     std::printf("gets: %ld answered, %ld genErr, %ld otherwise\n", tally.gets,
                 tally.getLockTimeOuts, tally.getOthers);
     std::printf("varbinds: %ld checked; faults: %ld\n", tally.varbinds, tally.faults);
-    std::printf("kelpagent VmRSS: %ld KiB after 10 loads, %ld KiB after %ld loads\n",
-                script.rssAfter10, script.rssAfterAll, script.loads);
+    std::printf("kelpagent VmRSS: %ld KiB after 10 loads, %ld KiB after %ld loads (%ld and %ld "
+                "events waiting)\n",
+                script.rssAfter10, script.rssAfterAll, script.loads, script.queuedAfter10,
+                script.queuedAfterAll);
     for (const std::string &refusal : script.refusals) {
         std::printf("refused: %s", refusal.c_str());
     }
