@@ -22,7 +22,7 @@ RUN_TARGETS     = kelpagent kelpimp64 kelpruntime kelpctl
 INSTALL_TARGETS = $(RUN_TARGETS) kelpgen
 
 .PHONY: all deps configure build run install package test asan bench format format-check clean \
-        fuzz fuzz-smoke
+        fuzz fuzz-smoke stress
 
 all: build
 
@@ -104,6 +104,17 @@ format: deps
 
 format-check: deps
 	@scripts/check-format.sh
+
+# The stress run at its large size (docs/STRESS.md): 8 walkers and 2
+# getters against kelpagent over 1,000 model loads, a few minutes; fails on
+# a wrong answer or when the agent's resident memory after the last load is
+# more than 10% above that after the 10th. It uses the development build
+# ($(BUILD)) and builds only the driver and what it starts: what it checks
+# does not depend on optimisation, and the build is usually there already.
+STRESS_ARGS ?= --walkers 8 --getters 2 --loads 1000 --seconds 900 --round-ms 150
+stress: configure
+	cmake --build $(BUILD) -j$(JOBS) --target kelp_stress
+	$(BUILD)/tests/kelp_stress $(STRESS_ARGS)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD)-bench $(BUILD_PACKAGE) $(BUILD_FUZZ)

@@ -46,38 +46,6 @@ std::string trapOid(int n)
     return ".1.3.6.1.6.3.1.1.4.1.0 = OID: " + std::string(kTrapPrefix) + ".0." + std::to_string(n);
 }
 
-// One command on the agent's control socket, as kelpctl sends it (each word
-// double-quoted on one line); the whole answer.
-std::string control(const AgentUnderTest &agent, const std::vector<std::string> &words)
-{
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = agent.stateDir() + "/control.sock";
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    std::string answer;
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
-        std::string line;
-        for (const std::string &word : words) {
-            line += (line.empty() ? "\"" : " \"") + word + "\"";
-        }
-        line += "\n";
-        if (write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
-            char buffer[4096];
-            pollfd entry{fd, POLLIN, 0};
-            while (poll(&entry, 1, 10000) > 0) {
-                const ssize_t n = read(fd, buffer, sizeof buffer);
-                if (n <= 0) {
-                    break;
-                }
-                answer.append(buffer, static_cast<size_t>(n));
-            }
-        }
-    }
-    close(fd);
-    return answer;
-}
-
 // Queues `count` events of a failed disk with a long insert (a larger trap),
 // as fast as the control socket takes them.
 void queueBurst(const AgentUnderTest &agent, int count)
@@ -85,14 +53,14 @@ void queueBurst(const AgentUnderTest &agent, int count)
     const std::string insert(200, 'x');
     for (int i = 0; i < count; i++) {
         const std::string answer =
-            control(agent, {"event", "2048", "--object", "302", "--parm", insert});
+            agent.control({"event", "2048", "--object", "302", "--parm", insert});
         ASSERT_TRUE(answer.ends_with("ok\n")) << i << ": " << answer;
     }
 }
 
 bool eventsQueued(const AgentUnderTest &agent)
 {
-    return control(agent, {"status"}).find("events queued: 0\n") == std::string::npos;
+    return agent.control({"status"}).find("events queued: 0\n") == std::string::npos;
 }
 
 // Gets over net-snmp's library, each timed on its own: one request, no
@@ -275,7 +243,7 @@ class TrapSinkStall : public ::testing::Test {
         // again until one arrives, shows the sink still works.
         bool arrived = false;
         for (int attempt = 0; attempt < 15 && !arrived; attempt++) {
-            ASSERT_TRUE(control(agent, {"event", "2049", "--object", "303"}).ends_with("ok\n"));
+            ASSERT_TRUE(agent.control({"event", "2049", "--object", "303"}).ends_with("ok\n"));
             arrived =
                 waitFor([&] { return healthy.log().find(trapOid(903)) != std::string::npos; }, 2s);
         }
@@ -406,7 +374,7 @@ TEST_F(TrapSinkStall, ARefusedTcpSinkGetsTheTrapsThatWaitedOnceItsReceiverIsUp)
     const std::string sink = "tcp:127.0.0.1:" + std::to_string(port);
     start({sink});
     for (int i = 0; i < 3; i++) {
-        ASSERT_TRUE(control(agent, {"event", "2048", "--object", "302"}).ends_with("ok\n"));
+        ASSERT_TRUE(agent.control({"event", "2048", "--object", "302"}).ends_with("ok\n"));
     }
     ASSERT_TRUE(waitFor([&] { return countOf(healthy.log(), trapOid(904)) == 3; }, 20s))
         << healthy.log();
@@ -432,7 +400,7 @@ TEST_F(TrapSinkStall, ARefusedTcpSinkGetsTheTrapsThatWaitedOnceItsReceiverIsUp)
 TEST_F(TrapSinkStall, AV2cNotificationCarriesUptimeFirstAndTheEnterpriseLast)
 {
     start({});
-    ASSERT_TRUE(control(agent, {"event", "2048", "--object", "302"}).ends_with("ok\n"));
+    ASSERT_TRUE(agent.control({"event", "2048", "--object", "302"}).ends_with("ok\n"));
     std::string line;
     ASSERT_TRUE(waitFor(
         [&] {
@@ -475,7 +443,7 @@ TEST_F(TrapSinkStall, AV1TrapCarriesTheAgentAddressNetSnmpChooses)
                     {"--trap-sink", "udp:127.0.0.1:" + std::to_string(port), "--trap-version", "1"},
                     &why, {"KELP_TIME_SCALE=20"}))
         << why;
-    ASSERT_TRUE(control(agent, {"event", "2048", "--object", "302"}).ends_with("ok\n"));
+    ASSERT_TRUE(agent.control({"event", "2048", "--object", "302"}).ends_with("ok\n"));
     ASSERT_TRUE(waitFor(
         [&] { return readFile(v1dir / "traps.log").find("specific=.904") != std::string::npos; },
         20s))

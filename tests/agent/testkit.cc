@@ -3,10 +3,12 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -375,10 +377,55 @@ RunResult AgentUnderTest::kelpctl(const std::vector<std::string> &words)
     return run(argv, {}, dir_, std::chrono::seconds(30));
 }
 
+std::string AgentUnderTest::control(const std::vector<std::string> &words) const
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return {};
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = stateDir() + "/control.sock";
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    std::string answer;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+        std::string line;
+        for (const std::string &word : words) {
+            line += line.empty() ? "\"" : " \"";
+            for (char c : word) {
+                if (c == '"' || c == '\\') {
+                    line += '\\';
+                }
+                line += c == '\n' ? std::string("\\n") : std::string(1, c);
+            }
+            line += "\"";
+        }
+        line += "\n";
+        if (write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
+            char buffer[4096];
+            pollfd entry{fd, POLLIN, 0};
+            while (poll(&entry, 1, 10000) > 0) {
+                const ssize_t n = read(fd, buffer, sizeof buffer);
+                if (n <= 0) {
+                    break;
+                }
+                answer.append(buffer, static_cast<size_t>(n));
+            }
+        }
+    }
+    close(fd);
+    return answer;
+}
+
 bool AgentUnderTest::moduleAnswersValues()
 {
     return snmp("snmpget", {std::string(kRoot) + ".3.0"}).out.find("\"Vorn Inc.\"") !=
            std::string::npos;
+}
+
+bool genErrsWereTheLocks(const std::string &log)
+{
+    return log.find("the plug-in failed to answer") == std::string::npos;
 }
 
 std::string journalStream(const AgentUnderTest &agent)

@@ -156,6 +156,12 @@ class AgentUnderTest {
     // kelpctl `words` against the agent's control socket.
     RunResult kelpctl(const std::vector<std::string> &words);
 
+    // The same command written to the control socket directly, as kelpctl
+    // sends it (each word double-quoted and escaped, on one line), for tests
+    // that send many: the whole answer (output lines, then "ok" or
+    // "error: ..."), empty when the socket cannot be reached.
+    std::string control(const std::vector<std::string> &words) const;
+
     // True when the plug-in resolves names: root.3.0 answers "Vorn Inc.".
     bool moduleAnswersValues();
 
@@ -191,6 +197,11 @@ class TrapReceiver {
 #define KELP_REQUIRE_MODULE_VALUES(agent)                                                          \
     ASSERT_TRUE((agent).moduleAnswersValues())                                                     \
         << "the plug-in does not answer " << kRoot << ".3.0 with \"Vorn Inc.\""
+
+// True when kelpagent's log `log` reports no genErr but the lock's: the
+// agent logs the cause of every genErr it answers, and one the plug-in
+// caused is never expected while the model changes.
+bool genErrsWereTheLocks(const std::string &log);
 
 // The JOURNAL_STREAM setting systemd would hand `agent` when its stderr is
 // the journal's stream: the device and inode of the file start() sends its
