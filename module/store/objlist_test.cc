@@ -300,6 +300,23 @@ TEST_F(ObjListTest, AWalkWithoutTheLockKeepsTheNodesFreedMeanwhileReadable)
     EXPECT_EQ(findByNexus(&list, "n3"), nullptr);
 }
 
+TEST_F(ObjListTest, ANexusAMergeTakesOutStaysReadableUntilTheWalkEnds)
+{
+    fill(&list, 3);
+    ObjNode *second = getNodeByIndex(&list, 2);
+    char *text = second->nexusId;
+    {
+        const UnlockedListRead reading;
+        // A merge makes the node a hole and releases its nexus, as
+        // rebuildTable2 does, while a walk may be comparing that text.
+        second->nexusId = nullptr;
+        releaseNexus(text);
+        EXPECT_STREQ(text, "n2"); // a use after free without the deferral
+        EXPECT_EQ(rowOfNexusUnlocked(reading, &list, "n2"), 0u);
+        EXPECT_EQ(rowOfNexusUnlocked(reading, &list, "n3"), 3u);
+    }
+}
+
 TEST(ObjListConcurrency, WalksWithoutTheLockBesideRebuildsReadNoFreedMemory)
 {
     ObjList live{};
