@@ -22,7 +22,8 @@
 #include "store/xmlvalue.h"
 
 // The aggregation interval in minutes; the aggregation thread reads it from
-// the ini store when it starts.
+// the ini store when it starts. No lock: only the aggregation thread writes
+// and reads it (the trap sender names it in the repeats that thread sends).
 uint32_t EventAggregateInteval = 0;
 
 namespace {
@@ -30,6 +31,7 @@ namespace {
 // The trap variables 1.3.6.1.4.1.61234.20571.1.20.200: binding N is
 // ...200.N.0, its value of the column's type.
 constexpr uint32_t kTrapPrefixLength = 11;
+// Not const only for the type of SMSnmpOID; never written, so no lock.
 uint32_t g_trapPrefixArcs[kTrapPrefixLength] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20, 200};
 
 constexpr uint32_t kTrapVariableCount = 12;
@@ -501,8 +503,8 @@ char *getObjectRowOID(const char *nexus, uint32_t objType)
     }
     // The live lists are read without dataMutex, beside a rebuild.
     const UnlockedListRead unlocked;
-    const ObjNode *node = findByNexus(entry->list, nexus);
-    if (node == nullptr) {
+    const uint32_t row = rowOfNexusUnlocked(unlocked, entry->list, nexus);
+    if (row == 0) {
         return nullptr;
     }
     auto *text = static_cast<char *>(SMAllocMem(kRowNameSize));
@@ -515,7 +517,7 @@ char *getObjectRowOID(const char *nexus, uint32_t objType)
         used += static_cast<size_t>(
             std::snprintf(text + used, kRowNameSize - used, "%d.", static_cast<int>(arc)));
     }
-    std::snprintf(text + used, kRowNameSize - used, "%d", static_cast<int>(node->index));
+    std::snprintf(text + used, kRowNameSize - used, "%d", static_cast<int>(row));
     return text;
 }
 

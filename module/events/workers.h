@@ -19,12 +19,12 @@ void AggregateEventsThread(void *unused);
 // "EventAggregateInteval", read by the aggregation thread when it starts; 0
 // (every wake-up is a pass) when the key is missing or is not a decimal
 // number from 0 to 4294967295. Named in the sentence the trap sender appends
-// to a repeat.
+// to a repeat. Aggregation thread only, so no lock.
 extern "C" uint32_t EventAggregateInteval;
 
 // The clock the aggregation period is measured with, in seconds: the wall
 // clock (time()) unless a test puts a clock of its own here before the
-// thread starts.
+// thread starts. No lock: written only while the thread does not run.
 extern int64_t (*g_aggregateClock)(void);
 
 #endif // KELP_MODULE_EVENTS_WORKERS_H

@@ -7,6 +7,7 @@
 #include "platform/vscil.h"
 #include "store/tablelist.h"
 
+// The module's globals; frame/state.h gives each its writer and its lock.
 SMExportContext g_ModuleExportContext;
 void *const *g_FrameworkServices;
 uint64_t g_FrameworkHandle;

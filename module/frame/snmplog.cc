@@ -18,8 +18,12 @@ namespace {
 constexpr uint32_t kInstallPathSize = 512;
 constexpr char kSNMPLogName[] = "/smsnmp.log";
 
-FILE *g_snmpLogFile = nullptr;          // written by openSNMPLog and closeSNMPLog
-SMMutexHandle g_snmpLogMutex = nullptr; // serialises writeSNMPLog
+// Written by openSNMPLog and closeSNMPLog at load and unload, while no
+// worker thread runs; written through by writeSNMPLog under g_snmpLogMutex.
+FILE *g_snmpLogFile = nullptr;
+// Serialises writeSNMPLog. Created and destroyed with the file, while no
+// worker thread runs.
+SMMutexHandle g_snmpLogMutex = nullptr;
 
 } // namespace
 

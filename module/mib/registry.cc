@@ -96,6 +96,8 @@ uint32_t lastTableOf(uint32_t group)
     return lastTable(group);
 }
 
+// Filled by initWalkTable, which the refresh thread calls under dataMutex
+// before the first request is let in; requests read it under dataMutex.
 WalkDescriptor walkTable[kTableCount + 1];
 
 void initWalkTable(void)

@@ -10,6 +10,7 @@
 #include "platform/vscil.h"
 #include "store/refresh.h"
 
+// Guarded by dataMutex (mib/scalars.h).
 uint32_t g_uGlobalStatus;
 uint32_t g_uPrevGlobalStatus;
 uint32_t g_uLastReportedRefreshTime;

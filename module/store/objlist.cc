@@ -17,9 +17,22 @@ namespace {
 // Threads walking live lists without dataMutex (UnlockedListRead), and the
 // memory taken out of the lists while one of them walked: freed by the last
 // of them to finish, or at once when none walks.
-std::atomic<int> g_unlockedReaders{0};
+//
+// Every access to the count is a read-modify-write, never a plain load and
+// no fence: RMWs of one atomic are totally ordered and each reads the one
+// before, so a reader whose increment comes after a release's RMW has
+// acquired the unlink (and cannot find the memory), and a release whose RMW
+// comes after a reader's decrement has acquired everything that walk read.
+// ThreadSanitizer follows this, where it cannot follow fences.
+std::atomic<int> g_unlockedReaders{0}; // atomic
 std::mutex g_retiredMutex;
 std::vector<void *> g_retired; // guarded by g_retiredMutex
+
+// The number of walks without dataMutex now, read as an RMW (see above).
+int unlockedReaders()
+{
+    return g_unlockedReaders.fetch_add(0, std::memory_order_acq_rel);
+}
 
 // Frees `memory`, which no list reaches any more, once no reader that
 // started before it left the lists can still hold it.
@@ -29,10 +42,9 @@ void releaseUnreachable(void *memory)
         return;
     }
     std::lock_guard lock(g_retiredMutex);
-    // Pairs with the readers' increment: a reader that this load misses
-    // starts after the unlink and cannot find the memory.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (g_unlockedReaders.load(std::memory_order_seq_cst) == 0) {
+    // A reader that this RMW precedes starts after the unlink and cannot
+    // find the memory.
+    if (unlockedReaders() == 0) {
         std::free(memory);
     } else {
         g_retired.push_back(memory);
@@ -40,7 +52,7 @@ void releaseUnreachable(void *memory)
 }
 
 // Moves on every change of any list's nodes: a look-up remembered under an
-// older generation is not trusted. Lists change under dataMutex, which
+// older generation is not trusted. Atomic, no lock. Lists change under dataMutex, which
 // readers hold too; the counter only has to tell a reader that its own
 // memory of a list is out of date.
 std::atomic<uint64_t> g_generation{1};
@@ -61,7 +73,7 @@ struct Cursor {
     uint32_t position = 0;
     ObjNode *node = nullptr;
 };
-thread_local Cursor t_cursor;
+thread_local Cursor t_cursor; // thread-confined
 
 // Lists shorter than this are searched node by node.
 constexpr uint32_t kIndexedLength = 64;
@@ -74,7 +86,7 @@ struct IdIndex {
     uint32_t length = 0;
     std::unordered_map<uint32_t, ObjNode *> nodes;
 };
-thread_local std::vector<IdIndex> t_indexes;
+thread_local std::vector<IdIndex> t_indexes; // thread-confined
 
 ObjNode *scanForObjId(ObjList *list, uint32_t objId)
 {
@@ -130,19 +142,18 @@ void initList(ObjList *list)
 
 UnlockedListRead::UnlockedListRead()
 {
-    g_unlockedReaders.fetch_add(1, std::memory_order_seq_cst);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    g_unlockedReaders.fetch_add(1, std::memory_order_acq_rel);
 }
 
 UnlockedListRead::~UnlockedListRead()
 {
-    if (g_unlockedReaders.fetch_sub(1, std::memory_order_seq_cst) != 1) {
+    if (g_unlockedReaders.fetch_sub(1, std::memory_order_acq_rel) != 1) {
         return;
     }
     std::vector<void *> retired;
     {
         std::lock_guard lock(g_retiredMutex);
-        if (g_unlockedReaders.load(std::memory_order_seq_cst) == 0) {
+        if (unlockedReaders() == 0) {
             retired.swap(g_retired);
         }
     }
@@ -163,6 +174,19 @@ void freeNode(ObjNode *node)
     releaseUnreachable(node);
 }
 
+// Kept out of line, so that a race report always names this function.
+__attribute__((noinline)) uint32_t rowOfNexusUnlocked(const UnlockedListRead & /*reading*/,
+                                                      ObjList *list, const char *nexus)
+{
+    for (const ObjNode *node = list->head; node != nullptr; node = node->next) {
+        const char *text = node->nexusId; // read once: a merge may release it meanwhile
+        if (text != nullptr && std::strcmp(text, nexus) == 0) {
+            return node->index;
+        }
+    }
+    return 0;
+}
+
 void freeList(ObjList *list)
 {
     // Emptied first, so that a walk starting now finds no node being freed.
@@ -178,6 +202,9 @@ void freeList(ObjList *list)
 static void appendNode(ObjList *list, ObjNode *node)
 {
     noteListChange();
+    // The index is set before the node is linked: a walk without the lock
+    // that finds the node must read its index, not what malloc left there.
+    node->index = list->length + 1;
     if (list->length == 0) {
         list->head = node;
     } else {
@@ -185,7 +212,6 @@ static void appendNode(ObjList *list, ObjNode *node)
     }
     list->tail = node;
     list->length++;
-    node->index = list->length;
 }
 
 int32_t InsertList(ObjList *list, uint32_t objId, uint32_t subObjId, char *nexus)

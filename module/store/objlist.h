@@ -93,6 +93,14 @@ class UnlockedListRead {
     UnlockedListRead &operator=(const UnlockedListRead &) = delete;
 };
 
+// The row index of the first node whose nexus is not null and equals
+// `nexus`, or 0: findByNexus for a walk without dataMutex (the trap sender
+// naming an event's row), which `reading` keeps from reading freed memory.
+// Its reads of the list race with the refresh thread's changes by design
+// (taking the lock there would deadlock a rescan); tsan.supp names this
+// function, so every unlocked read of a live list must be made in it.
+uint32_t rowOfNexusUnlocked(const UnlockedListRead &reading, ObjList *list, const char *nexus);
+
 // Says that nodes' ids were changed in place (a rebuild's merge): the
 // look-ups' per-thread positions and id indexes are forgotten. Every
 // function above that links, unlinks or frees a node says so itself.

@@ -300,18 +300,38 @@ TEST_F(ObjListTest, AWalkWithoutTheLockKeepsTheNodesFreedMeanwhileReadable)
     EXPECT_EQ(findByNexus(&list, "n3"), nullptr);
 }
 
+TEST_F(ObjListTest, ANexusAMergeTakesOutStaysReadableUntilTheWalkEnds)
+{
+    fill(&list, 3);
+    ObjNode *second = getNodeByIndex(&list, 2);
+    char *text = second->nexusId;
+    {
+        const UnlockedListRead reading;
+        // A merge makes the node a hole and releases its nexus, as
+        // rebuildTable2 does, while a walk may be comparing that text.
+        second->nexusId = nullptr;
+        releaseNexus(text);
+        EXPECT_STREQ(text, "n2"); // a use after free without the deferral
+        EXPECT_EQ(rowOfNexusUnlocked(reading, &list, "n2"), 0u);
+        EXPECT_EQ(rowOfNexusUnlocked(reading, &list, "n3"), 3u);
+    }
+}
+
 TEST(ObjListConcurrency, WalksWithoutTheLockBesideRebuildsReadNoFreedMemory)
 {
     ObjList live{};
     initList(&live);
     std::atomic<bool> stop{false};
     std::atomic<long> found{0};
+    std::atomic<long> wrongRows{0};
     std::thread reader([&] {
         while (!stop) {
             const UnlockedListRead reading;
-            const ObjNode *node = findByNexus(&live, "0\\0\\7");
-            if (node != nullptr && node->index > 0) {
+            const uint32_t row = rowOfNexusUnlocked(reading, &live, "0\\0\\7");
+            if (row == 8) {
                 found++;
+            } else if (row != 0) {
+                wrongRows++; // a node found before its index was set
             }
         }
     });
@@ -332,6 +352,25 @@ TEST(ObjListConcurrency, WalksWithoutTheLockBesideRebuildsReadNoFreedMemory)
     reader.join();
     freeList(&live);
     EXPECT_GT(found.load(), 0);
+    EXPECT_EQ(wrongRows.load(), 0);
+}
+
+TEST_F(ObjListTest, RowOfNexusUnlockedAnswersTheFirstRowWithTheNexusOrZero)
+{
+    fill(&list, 5);
+    ASSERT_EQ(InsertList(&list, 9, 0, nullptr), 0); // a hole of the disk pairs' table
+    ASSERT_EQ(insertListCopy(&list, 10, 0, "n2"), 0);
+    const UnlockedListRead reading;
+    const struct {
+        const char *nexus;
+        uint32_t row;
+    } cases[] = {{"n1", 1}, {"n2", 2}, {"n5", 5}, {"n6", 0}, {"", 0}, {"n", 0}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(rowOfNexusUnlocked(reading, &list, c.nexus), c.row) << c.nexus;
+    }
+    ObjList empty{};
+    initList(&empty);
+    EXPECT_EQ(rowOfNexusUnlocked(reading, &empty, "n1"), 0u);
 }
 
 } // namespace

@@ -14,9 +14,11 @@
 #include "store/tablelist.h"
 #include "store/xmlvalue.h"
 
+// Atomics, no lock (store/refresh.h).
 std::atomic<uint32_t> rebuildNeeded;
 std::atomic<int32_t> refreshTicks;
 std::atomic<int64_t> lastRefreshTime;
+// No lock: set by the frame before the refresh thread starts.
 void (*g_tablesBuiltHook)(void);
 
 namespace {

@@ -1,6 +1,8 @@
 // The 38 list heads of the table list and the operations over all of them.
 #include "store/tablelist.h"
 
+// Guarded by dataMutex, except for the trap sender's unlocked reads of the
+// live lists (store/tablelist.h, rowOfNexusUnlocked).
 ObjList ctrlList, ctrlListNew;
 ObjList chanList, chanListNew;
 ObjList adList, adListNew;

@@ -1,7 +1,8 @@
 // The table list: one live list per table, which requests and the trap
 // sender read, paired with a staging list that a rebuild fills and merges.
 // Writers: the refresh thread, under dataMutex; readers hold dataMutex,
-// except the trap sender, which reads the live lists without it.
+// except the trap sender, which reads the live lists without it, only
+// through rowOfNexusUnlocked (store/objlist.h).
 #ifndef KELP_MODULE_STORE_TABLELIST_H
 #define KELP_MODULE_STORE_TABLELIST_H
 

@@ -12,6 +12,7 @@
 #include "platform/vscil.h"
 #include "platform/xmlsup.h"
 
+// Guarded by dataMutex (store/xmlvalue.h).
 char cachedObjXML[kCachedObjXMLSize];
 uint32_t cachedObjId;
 

@@ -41,6 +41,7 @@ std::mutex g_loadMutex;
 // Serialises changes and the one attempt to load KELP_MODEL; taken before
 // identityMutex() and g_servedMutex, never after them.
 std::mutex g_changeMutex;
+// Guards g_served and g_servedFile; taken last, held only to copy or swap.
 std::mutex g_servedMutex;
 std::shared_ptr<const Model> g_served; // guarded by g_servedMutex; written under both
 // The file g_served was loaded from, kept through changes; empty when it was
@@ -50,6 +51,7 @@ std::string g_servedFile;
 // then on the environment is not consulted. Written under g_changeMutex.
 std::atomic<bool> g_settled{false};
 // Set while the live source serves the store: loads and changes are refused.
+// Atomic, no lock.
 std::atomic<bool> g_live{false};
 
 constexpr const char *kLiveRefusal =

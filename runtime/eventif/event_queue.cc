@@ -19,7 +19,7 @@ std::mutex g_queueMutex;
 std::deque<std::string> g_events; // guarded by g_queueMutex; front is oldest
 size_t g_queuedBytes = 0;         // guarded by g_queueMutex; the texts' sizes summed
 
-std::atomic<bool> g_readerOn{false};
+std::atomic<bool> g_readerOn{false}; // atomic, no lock
 
 void setError(std::string *error, std::string message)
 {

@@ -25,6 +25,7 @@ std::mutex g_readerMutex;
 RescanWatch g_rescans; // guarded by g_readerMutex
 
 // Its destructor releases the texts still held when the runtime unloads.
+// No lock here: HandedOutTexts locks its own mutex.
 HandedOutTexts g_texts;
 
 double secondsBetween(Clock::time_point from, Clock::time_point to)

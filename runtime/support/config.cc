@@ -24,7 +24,7 @@ std::optional<std::string> g_debugFile; // guarded by g_settingsMutex
 std::string g_lastBadScale;             // guarded by g_settingsMutex; warned once
 std::string g_lastBadRescanTimeout;     // guarded by g_settingsMutex; warned once
 
-// 0 while no host has set a scale.
+// 0 while no host has set a scale. Atomic, no lock (and the two below).
 std::atomic<double> g_timeScale{0.0};
 // 0 while no host has set a rescan time-out.
 std::atomic<double> g_rescanTimeout{0.0};

@@ -10,6 +10,7 @@
 namespace kelp::rt {
 namespace {
 
+// Atomic, no lock: a host sets them, any thread logs through them.
 std::atomic<KelpRuntimeLogFn> g_hostLog{nullptr};
 std::atomic<KelpRuntimeLogFn> g_activityLog{nullptr};
 

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -188,8 +189,10 @@ std::optional<int> Process::wait(std::chrono::milliseconds limit)
 RunResult run(const std::vector<std::string> &argv, const std::vector<std::string> &env,
               const TempDir &dir, std::chrono::milliseconds limit)
 {
-    static int counter = 0;
-    const std::string base = dir / ("run" + std::to_string(counter++));
+    // Atomic: tests run commands from several threads at once, and two runs
+    // given one number would write the same output files.
+    static std::atomic<int> counter{0};
+    const std::string base = dir / ("run" + std::to_string(counter.fetch_add(1)));
     Process process(argv, env, base + ".out", base + ".err");
     RunResult result;
     const std::optional<int> status = process.wait(limit);
