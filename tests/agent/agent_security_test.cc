@@ -4,16 +4,23 @@
 // source networks, --no-v1v2c, refusals logged without the community, root
 // refused or left for --user, and GETBULK answers kept bounded. net-snmp's
 // own tools are the managers.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testkit.h"
@@ -225,6 +232,159 @@ TEST(AgentSecurity, EngineBootsCountEveryStartWithTheSameEngineId)
     ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
     const RunResult get = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kEngineBoots});
     EXPECT_TRUE(has(get.out, "INTEGER: " + std::to_string(boots[2] + 1))) << get.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+// A UDP socket on a free loopback port (0 when none could be had).
+int loopbackSocket(int *port)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+sockaddr_in loopbackAddress(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+// A relay between a manager and the agent on `agentPort` that keeps every
+// datagram the manager sent: what an eavesdropper on the path records.
+class RecordingRelay {
+  public:
+    explicit RecordingRelay(int agentPort) : agent_(loopbackAddress(agentPort))
+    {
+        managerSide_ = loopbackSocket(&port_);
+        int unused = 0;
+        agentSide_ = loopbackSocket(&unused);
+        thread_ = std::thread([this] { relay(); });
+    }
+    ~RecordingRelay()
+    {
+        stop_ = true;
+        thread_.join();
+        close(managerSide_);
+        close(agentSide_);
+    }
+    int port() const { return port_; }
+    // The manager's datagrams so far, in order.
+    std::vector<std::string> sent()
+    {
+        std::lock_guard lock(mutex_);
+        return sent_;
+    }
+
+  private:
+    void relay()
+    {
+        sockaddr_in manager{};
+        char buffer[65536];
+        while (!stop_) {
+            pollfd fds[2] = {{managerSide_, POLLIN, 0}, {agentSide_, POLLIN, 0}};
+            if (poll(fds, 2, 50) <= 0)
+                continue;
+            if (fds[0].revents & POLLIN) {
+                socklen_t length = sizeof manager;
+                const ssize_t n = recvfrom(managerSide_, buffer, sizeof buffer, 0,
+                                           reinterpret_cast<sockaddr *>(&manager), &length);
+                if (n > 0) {
+                    {
+                        std::lock_guard lock(mutex_);
+                        sent_.emplace_back(buffer, size_t(n));
+                    }
+                    sendto(agentSide_, buffer, size_t(n), 0,
+                           reinterpret_cast<const sockaddr *>(&agent_), sizeof agent_);
+                }
+            }
+            if (fds[1].revents & POLLIN) {
+                const ssize_t n = recv(agentSide_, buffer, sizeof buffer, 0);
+                if (n > 0 && manager.sin_port != 0) {
+                    sendto(managerSide_, buffer, size_t(n), 0,
+                           reinterpret_cast<const sockaddr *>(&manager), sizeof manager);
+                }
+            }
+        }
+    }
+
+    sockaddr_in agent_;
+    int port_ = 0;
+    int managerSide_ = -1;
+    int agentSide_ = -1;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::vector<std::string> sent_;
+    std::thread thread_;
+};
+
+// Sends `message` to the agent on `port` from a new socket; its answer, or
+// "" when none came within two seconds.
+std::string replay(const std::string &message, int port)
+{
+    int unused = 0;
+    const int fd = loopbackSocket(&unused);
+    const sockaddr_in agent = loopbackAddress(port);
+    sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&agent),
+           sizeof agent);
+    pollfd pfd{fd, POLLIN, 0};
+    std::string answer;
+    if (poll(&pfd, 1, 2000) == 1) {
+        char buffer[65536];
+        const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        if (n > 0)
+            answer.assign(buffer, size_t(n));
+    }
+    close(fd);
+    return answer;
+}
+
+TEST(AgentSecurity, AMessageReplayedOutsideItsTimeWindowIsRefused)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    RecordingRelay relay(agent.port());
+    // An authPriv Get through the relay: discovery first, then the Get
+    // itself, authenticated and encrypted; the last datagram is the Get.
+    const RunResult get =
+        run({"snmpget", "-v3",     "-l",  "authPriv",
+             "-u",      "ann",     "-a",  "SHA-512",
+             "-A",      kAuthPass, "-x",  "AES-256",
+             "-X",      kPrivPass, "-On", "-t",
+             "1",       "-r",      "0",   "udp:127.0.0.1:" + std::to_string(relay.port()),
+             kSysName},
+            snmpEnv(dir), dir, 15s);
+    ASSERT_EQ(get.status, 0) << get.err;
+    const std::vector<std::string> sent = relay.sent();
+    ASSERT_GE(sent.size(), 2u);
+    const std::string recorded = sent.back();
+    // usmStatsNotInTimeWindows.0 as it stands in a Report's varbind.
+    const std::string notInTimeWindow("\x06\x0a\x2b\x06\x01\x06\x03\x0f\x01\x01\x02\x00", 12);
+    // Within its window the copy is a valid message: answered (encrypted,
+    // so only its arrival and the absence of a Report can be seen).
+    const std::string early = replay(recorded, agent.port());
+    ASSERT_FALSE(early.empty());
+    EXPECT_FALSE(has(early, notInTimeWindow));
+    // A restart on the same state dir counts a boot: the recorded message
+    // now names a past boot and is outside the time window.
+    ASSERT_EQ(agent.stop(), 0);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    const std::string late = replay(recorded, agent.port());
+    ASSERT_FALSE(late.empty());
+    EXPECT_TRUE(has(late, notInTimeWindow));
     EXPECT_EQ(agent.stop(), 0);
 }
 
