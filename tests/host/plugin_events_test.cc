@@ -183,7 +183,8 @@ TEST_F(PluginEventsTest, BlockedEventsAndRescansLeaveNoEventTextBehind)
     // The monitor's next read, of an empty queue, reclaims the last blocked text.
     EXPECT_TRUE(waitFor([] { return kelp::ev::outstandingEventTexts() == 0; }, 30s));
     EXPECT_FALSE(kelp::ev::rescanOpen());
-    EXPECT_EQ(getFirstScalar(), 0u);
+    // The last rebuild may still hold the lock on a loaded machine.
+    EXPECT_TRUE(waitFor([&] { return getFirstScalar() == 0; }, 30s));
     stop();
     EXPECT_EQ(kelp::ev::outstandingEventTexts(), 0u);
     std::lock_guard lock(g_warningsMutex);
