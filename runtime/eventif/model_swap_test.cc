@@ -93,7 +93,7 @@ std::string servedOrigin()
 // The plug-in's two threads, reading every few milliseconds.
 class StandIn {
   public:
-    explicit StandIn(bool locks) : locks_(locks)
+    explicit StandIn(bool locks, std::chrono::milliseconds tick = 5ms) : locks_(locks), tick_(tick)
     {
         monitor_ = std::thread([this] { monitor(); });
         if (locks_)
@@ -151,7 +151,7 @@ class StandIn {
                     SMEventSet(completed_);
                 releaseEventText(text);
             }
-            std::this_thread::sleep_for(5ms);
+            std::this_thread::sleep_for(tick_);
         }
     }
     void rescan()
@@ -172,6 +172,7 @@ class StandIn {
     }
 
     const bool locks_;
+    const std::chrono::milliseconds tick_;
     SMEventHandle started_ = SMEventCreate(0, 0, nullptr);
     SMEventHandle completed_ = SMEventCreate(0, 0, nullptr);
     SMMutexHandle tables_ = SMMutexCreate(0);
@@ -250,6 +251,24 @@ TEST_F(ModelSwap, AnOpenRescanTakesTheSwapWithoutAnotherPair)
     load(kMoved, "after");
     ASSERT_TRUE(plugIn.waitForRescans(1));
     EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "after")));
+    EXPECT_EQ(plugIn.handedOut(),
+              (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+TEST_F(ModelSwap, ASwapBeforeTheLastOnesCompletedEventKeepsThatEventToCome)
+{
+    // The reader reads every 50 ms: the second load comes while the first
+    // one's 3060 waits for the reader's next read.
+    StandIn plugIn(true, 50ms);
+    load(kMoved, "after");
+    load(kBase, "again");
+    const auto loaded = Clock::now();
+    ASSERT_TRUE(plugIn.waitForRescans(1));
+    // Closed by the gate's 3060 at the next read, long before the rescan
+    // time-out would close it (1.5 s here).
+    EXPECT_LT(Clock::now() - loaded, 500ms);
+    EXPECT_FALSE(rescanOpen());
+    EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "again")));
     EXPECT_EQ(plugIn.handedOut(),
               (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
 }

@@ -183,8 +183,12 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
     }
     // Counted before the 3061 is handed out, so the plug-in's wait is not missed.
     const uint64_t waitsBefore = rt::lockedEventWaits();
-    const bool ownRescan = !g_rescans.open();
-    g_gate = ownRescan ? Gate::kArmed : Gate::kHolding;
+    // A rescan open already holds the tables (or is about to): no 3061 of
+    // the gate's own then, and its 3060 comes from whoever opened it, unless
+    // that was the gate of the swap before, whose 3060 is still to come.
+    const bool open = g_rescans.open();
+    const bool closeAfter = !open || g_gate == Gate::kClosing;
+    g_gate = open ? Gate::kHolding : Gate::kArmed;
     const Clock::time_point deadline = start + rt::scaledMs(kGateWaitMs);
     if (!g_gateMoved.wait_until(lock, deadline, [] { return g_gate != Gate::kArmed; })) {
         g_gate = Gate::kIdle;
@@ -203,7 +207,7 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     lock.lock();
     swap();
-    g_gate = ownRescan ? Gate::kClosing : Gate::kIdle;
+    g_gate = closeAfter ? Gate::kClosing : Gate::kIdle;
     if (!locked) {
         rt::logWarning("the model was swapped without the rescan lock: the event reader took "
                        "the rescan started event (%u) but did not lock within %g s",
