@@ -39,6 +39,10 @@ Gate g_gate = Gate::kIdle; // guarded by g_readerMutex
 std::condition_variable g_gateMoved;
 // When the reader last asked for an event; guarded by g_readerMutex.
 std::optional<Clock::time_point> g_lastRead;
+// rt::lockedEventWaits() when the gate's 3061 was handed out: a wait made
+// holding a lock after that is the reader's rescan wait, not the tail of a
+// rescan before. Guarded by g_readerMutex.
+uint64_t g_waitsAtHandOut = 0;
 
 // Its destructor releases the texts still held when the runtime unloads.
 HandedOutTexts g_texts;
@@ -137,6 +141,8 @@ char *readNextEvent()
     }
     g_rescans = watch;
     if (next && (g_gate == Gate::kArmed || g_gate == Gate::kClosing)) {
+        if (g_gate == Gate::kArmed)
+            g_waitsAtHandOut = rt::lockedEventWaits();
         g_gate = g_gate == Gate::kArmed ? Gate::kHolding : Gate::kIdle;
         g_gateMoved.notify_all();
     }
@@ -181,14 +187,15 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
         swap();
         return GateOutcome::kNoReader;
     }
-    // Counted before the 3061 is handed out, so the plug-in's wait is not missed.
-    const uint64_t waitsBefore = rt::lockedEventWaits();
     // A rescan open already holds the tables (or is about to): no 3061 of
     // the gate's own then, and its 3060 comes from whoever opened it, unless
     // that was the gate of the swap before, whose 3060 is still to come.
     const bool open = g_rescans.open();
     const bool closeAfter = !open || g_gate == Gate::kClosing;
     g_gate = open ? Gate::kHolding : Gate::kArmed;
+    // The reader of an open rescan waits holding its lock already, a tick
+    // at a time: its next wait is counted after this.
+    g_waitsAtHandOut = rt::lockedEventWaits();
     const Clock::time_point deadline = start + rt::scaledMs(kGateWaitMs);
     if (!g_gateMoved.wait_until(lock, deadline, [] { return g_gate != Gate::kArmed; })) {
         g_gate = Gate::kIdle;
@@ -199,8 +206,9 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
                        std::chrono::duration<double>(deadline - start).count());
         return GateOutcome::kNotTaken;
     }
-    // The reader asks again only after its next tick, so nothing is handed
-    // out while this waits without the reader lock.
+    // Holding, the reader is handed nothing: the reader lock may be let go
+    // while this waits.
+    const uint64_t waitsBefore = g_waitsAtHandOut;
     lock.unlock();
     bool locked = false;
     while (!(locked = rt::lockedEventWaits() != waitsBefore) && Clock::now() < deadline)
