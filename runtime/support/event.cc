@@ -8,7 +8,6 @@
 #include <new>
 
 #include "support/config.h"
-#include "support/lock_watch.h"
 #include "support/thread_control.h"
 #include "vcsupt.h"
 
@@ -72,7 +71,6 @@ uint32_t SMEventWait(SMEventHandle event, uint32_t timeoutMs)
 {
     if (event == nullptr)
         return SM_STATUS_FAILURE;
-    kelp::rt::noteEventWait();
     if (timeoutMs == SM_WAIT_FOREVER) {
         std::unique_lock lock(event->m);
         event->cv.wait(lock, [event] { return event->set; });
