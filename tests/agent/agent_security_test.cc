@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -601,6 +602,136 @@ TEST(AgentSecurity, TrapsGoOutAsAnSnmpV3UserTheReceiverAuthenticates)
         const RunResult r = run(argv, agentEnv(), dir);
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_TRUE(has(r.err, "--trap-v3-user")) << r.err;
+    }
+}
+
+// A snmptrapd on a free port that logs (and acknowledges) only what user
+// ann sends authenticated and encrypted with these pass phrases. No -e: the
+// receiver of an inform is the authoritative engine, so the user's keys are
+// localized to the receiver's own engine ID, which the sender discovers.
+class InformReceiver {
+  public:
+    InformReceiver(const TempDir &dir, const std::string &name, const std::string &authPass,
+                   const std::string &privPass)
+        : log_(dir / (name + ".log")), port_(freeUdpPort())
+    {
+        const std::string conf = dir / name;
+        std::filesystem::create_directories(conf);
+        writeFile(conf + "/snmptrapd.conf", "createUser ann SHA-512 " + authPass + " AES-256 " +
+                                                privPass + "\nauthUser log ann priv\n");
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{"/usr/sbin/snmptrapd", "-f", "-C", "-c",
+                                     conf + "/snmptrapd.conf", "-Lf", log_, "-On", "-m", "", "-F",
+                                     "%P %v\n", "udp:127.0.0.1:" + std::to_string(port_)},
+            std::vector<std::string>{"SNMPCONFPATH=" + conf,
+                                     "SNMP_PERSISTENT_DIR=" + (dir / (name + "-persist")), "MIBS="},
+            dir / (name + ".out"), dir / (name + ".err"));
+    }
+
+    bool ready() const
+    {
+        return waitFor([&] { return has(readFile(log_), "NET-SNMP version"); }, 10s);
+    }
+    std::string sink() const { return "inform:udp:127.0.0.1:" + std::to_string(port_); }
+    std::string log() const { return readFile(log_); }
+    std::string err() const { return process_->err(); }
+
+  private:
+    std::string log_;
+    int port_;
+    std::unique_ptr<Process> process_;
+};
+
+// How long one SNMPv3 Get of sysName takes the agent to answer.
+std::chrono::milliseconds timedGet(const SecureAgent &agent, int *status)
+{
+    const auto start = std::chrono::steady_clock::now();
+    *status = agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
+TEST(AgentSecurity, InformsGoOutAsAnSnmpV3UserTheReceiverAcknowledges)
+{
+    TempDir dir;
+    InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
+    ASSERT_TRUE(receiver.ready()) << receiver.err();
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", receiver.sink(), "--trap-v3-user", "ann",
+                             "--inform-timeout", "0.5", "--inform-retries", "2"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    // coldStart at the start, as an SNMPv3 inform of ann.
+    ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+        << receiver.log() << agent.err();
+    const std::string log = receiver.log();
+    EXPECT_TRUE(has(log, "INFORM")) << log;
+    EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
+    // Past the last retry's time: an acknowledged inform is sent once.
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(countOf(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"), 1u) << receiver.log();
+    EXPECT_FALSE(has(agent.err(), "sent again")) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "discovery")) << agent.err();
+    EXPECT_TRUE(has(agent.err(), "trap coldStart sent to " + receiver.sink())) << agent.err();
+    // The agent still answers its own users (the receiver's engine did not
+    // replace the agent's own in the USM).
+    int status = -1;
+    timedGet(agent, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, SnmpV3InformsNobodyAcknowledgesAreGivenUpWhileRequestsGoOn)
+{
+    TempDir dir;
+    // A receiver that has ann with other pass phrases: it answers the
+    // discovery but can neither authenticate nor decrypt the informs.
+    const std::string otherAuth = "other-Auth-4410";
+    const std::string otherPriv = "other-Priv-8832";
+    InformReceiver wrong(dir, "wrong", otherAuth, otherPriv);
+    ASSERT_TRUE(wrong.ready()) << wrong.err();
+    // And a port nobody listens on: discovery itself gets no answer.
+    const std::string dead = "inform:udp:127.0.0.1:" + std::to_string(freeUdpPort());
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", wrong.sink(), "--trap-sink", dead, "--trap-v3-user",
+                             "ann", "--inform-timeout", "0.4", "--inform-retries", "2"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    // While the coldStart's informs wait for their retries, requests are
+    // answered at once.
+    for (int i = 0; i < 5; i++) {
+        int status = -1;
+        const std::chrono::milliseconds took = timedGet(agent, &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_LT(took, 700ms);
+    }
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(agent.err(), wrong.sink() +
+                                        ": 1 trap dropped since the last report: 1 inform given "
+                                        "up unacknowledged after 3 sends");
+        },
+        10s))
+        << agent.err();
+    EXPECT_TRUE(has(agent.err(), wrong.sink() +
+                                     ": an inform was not acknowledged within 0.4 s; sent again "
+                                     "(retry 1 of 2)"))
+        << agent.err();
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(agent.err(), dead +
+                                        ": the receiver did not answer SNMPv3 engine ID "
+                                        "discovery after 3 sends 0.4 s apart; 1 inform given up");
+        },
+        10s))
+        << agent.err();
+    EXPECT_FALSE(has(wrong.log(), ".1.3.6.1.6.3.1.1.5.1")) << wrong.log();
+    EXPECT_EQ(agent.stop(), 0);
+    // No pass phrase, of either side, in the agent's log.
+    for (const std::string &secret :
+         {std::string(kAuthPass), std::string(kPrivPass), otherAuth, otherPriv}) {
+        EXPECT_FALSE(has(agent.err(), secret)) << secret;
     }
 }
 
