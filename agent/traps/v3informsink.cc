@@ -277,15 +277,10 @@ bool V3InformSink::localizeUser()
     if (usm_create_user_from_session(session_) != SNMPERR_SUCCESS) {
         return false;
     }
-    usmUser *user = usm_get_user(session_->securityEngineID, session_->securityEngineIDLen,
-                                 session_->securityName);
-    if (user == nullptr) {
-        return false;
-    }
-    // Held in memory only: the keys of a receiver's engine are made again
-    // at the next start, and never written to the agent's persistent file.
-    user->userStorageType = ST_VOLATILE;
-    return true;
+    // net-snmp makes it read-only: it is held in memory only, never written
+    // to the agent's persistent file, and made again at the next start.
+    return usm_get_user(session_->securityEngineID, session_->securityEngineIDLen,
+                        session_->securityName) != nullptr;
 }
 
 void V3InformSink::startDiscovery()
@@ -311,6 +306,7 @@ void V3InformSink::startDiscovery()
         }
         user->name = strdup("");
         user->secName = strdup("");
+        // Not for the persistent file (net-snmp's default for a new user).
         user->userStorageType = ST_VOLATILE;
         usm_add_user(user);
     }

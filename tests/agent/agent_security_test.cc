@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -653,33 +654,45 @@ std::chrono::milliseconds timedGet(const SecureAgent &agent, int *status)
 
 TEST(AgentSecurity, InformsGoOutAsAnSnmpV3UserTheReceiverAcknowledges)
 {
-    TempDir dir;
-    InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
-    ASSERT_TRUE(receiver.ready()) << receiver.err();
-    SecureAgent agent(dir);
-    std::vector<std::string> args = v3Args(dir);
-    args.insert(args.end(), {"--trap-sink", receiver.sink(), "--trap-v3-user", "ann",
-                             "--inform-timeout", "0.5", "--inform-retries", "2"});
-    ASSERT_TRUE(agent.start(args)) << agent.err();
-    // coldStart at the start, as an SNMPv3 inform of ann.
-    ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
-        << receiver.log() << agent.err();
-    const std::string log = receiver.log();
-    EXPECT_TRUE(has(log, "INFORM")) << log;
-    EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
-    // Past the last retry's time: an acknowledged inform is sent once.
-    std::this_thread::sleep_for(2s);
-    EXPECT_EQ(countOf(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"), 1u) << receiver.log();
-    EXPECT_FALSE(has(agent.err(), "sent again")) << agent.err();
-    EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
-    EXPECT_FALSE(has(agent.err(), "discovery")) << agent.err();
-    EXPECT_TRUE(has(agent.err(), "trap coldStart sent to " + receiver.sink())) << agent.err();
-    // The agent still answers its own users (the receiver's engine did not
-    // replace the agent's own in the USM).
-    int status = -1;
-    timedGet(agent, &status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(agent.stop(), 0);
+    // An inform: sink, and a plain sink made an inform sink by --trap-version.
+    for (const bool everySink : {false, true}) {
+        SCOPED_TRACE(everySink ? "--trap-version 2c-inform" : "inform:ADDR");
+        TempDir dir;
+        InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
+        ASSERT_TRUE(receiver.ready()) << receiver.err();
+        SecureAgent agent(dir);
+        std::vector<std::string> args = v3Args(dir);
+        const std::string sink =
+            everySink ? receiver.sink().substr(std::strlen("inform:")) : receiver.sink();
+        args.insert(args.end(), {"--trap-sink", sink, "--trap-v3-user", "ann", "--inform-timeout",
+                                 "0.5", "--inform-retries", "2"});
+        if (everySink) {
+            args.insert(args.end(), {"--trap-version", "2c-inform"});
+        }
+        ASSERT_TRUE(agent.start(args)) << agent.err();
+        // coldStart at the start, as an SNMPv3 inform of ann.
+        ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+            << receiver.log() << agent.err();
+        const std::string log = receiver.log();
+        EXPECT_TRUE(has(log, "INFORM")) << log;
+        EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
+        // Past the first retry's time: an acknowledged inform is sent once.
+        std::this_thread::sleep_for(1200ms);
+        EXPECT_EQ(countOf(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"), 1u) << receiver.log();
+        EXPECT_FALSE(has(agent.err(), "sent again")) << agent.err();
+        EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
+        EXPECT_FALSE(has(agent.err(), "discovery")) << agent.err();
+        EXPECT_TRUE(has(agent.err(), "trap coldStart sent to " + sink)) << agent.err();
+        // The agent still answers its own user: the user localized to the
+        // receiver's engine did not replace the agent's own.
+        int status = -1;
+        timedGet(agent, &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(agent.stop(), 0);
+        // Nor is it written to the agent's persistent file.
+        EXPECT_EQ(countOf(readFile(dir / "state/snmp/kelpagent.conf"), "usmUser"), 0u)
+            << readFile(dir / "state/snmp/kelpagent.conf");
+    }
 }
 
 TEST(AgentSecurity, SnmpV3InformsNobodyAcknowledgesAreGivenUpWhileRequestsGoOn)
