@@ -7,7 +7,9 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -181,11 +183,19 @@ int V3InformSink::onEvent(int operation, snmp_session *, int requestId, snmp_pdu
 bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
 {
     if (probe_ && *probe_ == requestId) {
+        // net-snmp records the engine ID of a Report in the session, before
+        // or after this call depending on its version: recorded here as it
+        // does, so that the informs can go at once.
+        if (!discovered() && pdu.command == SNMP_MSG_REPORT && pdu.securityEngineIDLen > 0 &&
+            !adoptEngineId(pdu)) {
+            return false;
+        }
         if (!discovered()) {
             // A Report without an engine ID: the timeout sends the probe again.
             return false;
         }
         probe_.reset();
+        probeSends_ = 0;
         if (!localizeUser()) {
             logAt(LogLevel::kWarning,
                   "trap sink %s: net-snmp cannot localize the SNMPv3 user's keys to the "
@@ -207,9 +217,11 @@ bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
         return true;
     }
     if (pdu.command != SNMP_MSG_RESPONSE) {
-        // A Report (the receiver does not know the user, or its keys differ):
-        // not an acknowledgement. The inform waits for its timeout and is
-        // sent again, so that a receiver fixed meanwhile still gets it.
+        // A Report (the receiver does not know the user, its keys differ,
+        // or its boots and time moved on): not an acknowledgement. The
+        // inform waits for its timeout and is sent again, so that a receiver
+        // fixed meanwhile still gets it; an authenticated notInTimeWindow
+        // Report has already set the receiver's time the next send uses.
         logAt(LogLevel::kDebug, "trap sink %s: the receiver answered an inform with a Report",
               name_.c_str());
         return false;
@@ -251,8 +263,6 @@ void V3InformSink::timedOut(int requestId)
     if (flying.sends <= policy_.retries) {
         const int retry = flying.sends;
         flying.sends++;
-        // Refused, the next timeout tries again.
-        sendCopy(*flying.pdu, &flying.messageId);
         // The first retry of a series is worth a warning; the ones that
         // follow it, until an inform is acknowledged, are not.
         logAt(reportedUnacknowledged_ ? LogLevel::kDebug : LogLevel::kWarning,
@@ -260,6 +270,14 @@ void V3InformSink::timedOut(int requestId)
               "(retry %d of %d)",
               name_.c_str(), timeout, retry, policy_.retries);
         reportedUnacknowledged_ = true;
+        if (sendCopy(*flying.pdu, &flying.messageId)) {
+            return;
+        }
+        // Refused (and counted): with no request under way no timeout
+        // would ever come for it.
+        flying_.erase(found);
+        reportDrops();
+        sendWaiting();
         return;
     }
     pending_.unacknowledged++;
@@ -268,6 +286,31 @@ void V3InformSink::timedOut(int requestId)
     reportedUnacknowledged_ = true;
     reportDrops();
     sendWaiting();
+}
+
+bool V3InformSink::adoptEngineId(const snmp_pdu &report)
+{
+    const size_t length = report.securityEngineIDLen;
+    auto *security = static_cast<u_char *>(std::malloc(length));
+    auto *context = static_cast<u_char *>(std::malloc(length));
+    if (security == nullptr || context == nullptr) {
+        std::free(security);
+        std::free(context);
+        return false;
+    }
+    std::memcpy(security, report.securityEngineID, length);
+    std::memcpy(context, report.securityEngineID, length);
+    std::free(session_->securityEngineID);
+    session_->securityEngineID = security;
+    session_->securityEngineIDLen = length;
+    if (session_->contextEngineIDLen == 0) {
+        std::free(session_->contextEngineID);
+        session_->contextEngineID = context;
+        session_->contextEngineIDLen = length;
+    } else {
+        std::free(context);
+    }
+    return true;
 }
 
 bool V3InformSink::localizeUser()
@@ -313,8 +356,15 @@ void V3InformSink::startDiscovery()
     const int requestId = static_cast<int>(pdu->reqid);
     probeSends_++;
     if (snmp_async_send(session_, pdu.get(), onEvent, this) == 0) {
-        logAt(LogLevel::kDebug, "trap sink %s: net-snmp cannot send the discovery request: %s",
-              name_.c_str(), snmp_api_errstring(session_->s_snmp_errno));
+        // No timeout would come for it: the informs waiting are given up,
+        // and the next inform tries again.
+        logAt(LogLevel::kWarning,
+              "trap sink %s: net-snmp cannot send the SNMPv3 engine ID discovery request (%s); "
+              "%zu inform%s given up",
+              name_.c_str(), snmp_api_errstring(session_->s_snmp_errno), queue_.size(),
+              queue_.size() == 1 ? "" : "s");
+        queue_.clear();
+        probeSends_ = 0;
         return;
     }
     static_cast<void>(pdu.release()); // net-snmp frees it with the request

@@ -93,6 +93,10 @@ class V3InformSink {
     bool received(int requestId, const snmp_pdu &pdu);
     // `requestId` got no answer within the timeout.
     void timedOut(int requestId);
+    // Makes the engine ID of the Report that answered discovery the
+    // session's (and its context engine ID when it has none). False when
+    // there is no memory for it.
+    bool adoptEngineId(const snmp_pdu &report);
     // After discovery: the USM holds the user with its keys localized to
     // the receiver's engine ID. False when net-snmp cannot make it.
     bool localizeUser();
