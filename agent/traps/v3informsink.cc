@@ -182,6 +182,18 @@ int V3InformSink::onEvent(int operation, snmp_session *, int requestId, snmp_pdu
 
 bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
 {
+    if (probe_ && *probe_ == requestId && recheck_) {
+        probe_.reset();
+        recheck_ = false;
+        if (pdu.command == SNMP_MSG_REPORT && pdu.securityEngineIDLen > 0 && !sameEngine(pdu) &&
+            adoptEngineId(pdu) && localizeUser()) {
+            logAt(LogLevel::kNotice,
+                  "trap sink %s: the receiver's SNMPv3 engine ID changed; informs go to the "
+                  "new one",
+                  name_.c_str());
+        }
+        return true;
+    }
     if (probe_ && *probe_ == requestId) {
         // net-snmp records the engine ID of a Report in the session, before
         // or after this call depending on its version: recorded here as it
@@ -216,6 +228,20 @@ bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
     if (found == flying_.end()) {
         return true;
     }
+    if (pdu.command == SNMP_MSG_REPORT &&
+        snmpv3_get_report_type(const_cast<snmp_pdu *>(&pdu)) == SNMPERR_UNKNOWN_ENG_ID &&
+        pdu.securityEngineIDLen > 0 && !sameEngine(pdu)) {
+        // The receiver restarted with another engine ID (one it did not
+        // keep): its Report names the new one, which the keys are localized
+        // to again; the inform's next send, at its timeout, goes there.
+        if (adoptEngineId(pdu) && localizeUser()) {
+            logAt(LogLevel::kNotice,
+                  "trap sink %s: the receiver's SNMPv3 engine ID changed; informs go to the "
+                  "new one",
+                  name_.c_str());
+        }
+        return false;
+    }
     if (pdu.command != SNMP_MSG_RESPONSE) {
         // A Report (the receiver does not know the user, its keys differ,
         // or its boots and time moved on): not an acknowledgement. The
@@ -238,6 +264,13 @@ bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
 void V3InformSink::timedOut(int requestId)
 {
     const double timeout = std::chrono::duration<double>(policy_.timeout).count();
+    if (probe_ && *probe_ == requestId && recheck_) {
+        // The receiver answers nothing at all: the informs' own retries
+        // and give-ups say so.
+        probe_.reset();
+        recheck_ = false;
+        return;
+    }
     if (probe_ && *probe_ == requestId) {
         probe_.reset();
         if (probeSends_ <= policy_.retries) {
@@ -263,6 +296,14 @@ void V3InformSink::timedOut(int requestId)
     if (flying.sends <= policy_.retries) {
         const int retry = flying.sends;
         flying.sends++;
+        if (retry == 1) {
+            // No answer at all may be a receiver that restarted with another
+            // engine ID: its Reports then name an engine (and keys) this
+            // session does not hold, and net-snmp drops them. The probe's
+            // Report names its engine ID whatever it is; the later retries
+            // go there.
+            recheckEngine();
+        }
         // The first retry of a series is worth a warning; the ones that
         // follow it, until an inform is acknowledged, are not.
         logAt(reportedUnacknowledged_ ? LogLevel::kDebug : LogLevel::kWarning,
@@ -288,6 +329,13 @@ void V3InformSink::timedOut(int requestId)
     sendWaiting();
 }
 
+bool V3InformSink::sameEngine(const snmp_pdu &report) const
+{
+    return report.securityEngineIDLen == session_->securityEngineIDLen &&
+           std::memcmp(report.securityEngineID, session_->securityEngineID,
+                       report.securityEngineIDLen) == 0;
+}
+
 bool V3InformSink::adoptEngineId(const snmp_pdu &report)
 {
     const size_t length = report.securityEngineIDLen;
@@ -303,13 +351,13 @@ bool V3InformSink::adoptEngineId(const snmp_pdu &report)
     std::free(session_->securityEngineID);
     session_->securityEngineID = security;
     session_->securityEngineIDLen = length;
-    if (session_->contextEngineIDLen == 0) {
-        std::free(session_->contextEngineID);
-        session_->contextEngineID = context;
-        session_->contextEngineIDLen = length;
-    } else {
-        std::free(context);
-    }
+    // The informs' context is the receiver's engine as well.
+    std::free(session_->contextEngineID);
+    session_->contextEngineID = context;
+    session_->contextEngineIDLen = length;
+    // net-snmp makes the user for the session's engine ID once per
+    // session: for a new engine ID it makes it again.
+    session_->flags &= ~static_cast<u_long>(SNMP_FLAGS_USER_CREATED);
     return true;
 }
 
@@ -328,11 +376,36 @@ bool V3InformSink::localizeUser()
 
 void V3InformSink::startDiscovery()
 {
+    probeSends_++;
+    if (sendProbe()) {
+        return;
+    }
+    // No timeout would come for it: the informs waiting are given up, and
+    // the next inform tries again.
+    logAt(LogLevel::kWarning,
+          "trap sink %s: net-snmp cannot send the SNMPv3 engine ID discovery request (%s); "
+          "%zu inform%s given up",
+          name_.c_str(), snmp_api_errstring(session_->s_snmp_errno), queue_.size(),
+          queue_.size() == 1 ? "" : "s");
+    queue_.clear();
+    probeSends_ = 0;
+}
+
+void V3InformSink::recheckEngine()
+{
+    if (probe_) {
+        return;
+    }
+    recheck_ = sendProbe();
+}
+
+bool V3InformSink::sendProbe()
+{
     // net-snmp's USM probe: a Get with no user, unauthenticated and
     // reportable, that the receiver answers with a Report from its engine.
     PduPtr pdu(snmp_pdu_create(SNMP_MSG_GET));
     if (!pdu) {
-        return;
+        return false;
     }
     pdu->version = SNMP_VERSION_3;
     pdu->securityName = strdup("");
@@ -345,7 +418,7 @@ void V3InformSink::startDiscovery()
     if (usm_get_user(nullptr, 0, empty) == nullptr) {
         usmUser *user = usm_create_user();
         if (user == nullptr) {
-            return;
+            return false;
         }
         user->name = strdup("");
         user->secName = strdup("");
@@ -354,21 +427,12 @@ void V3InformSink::startDiscovery()
         usm_add_user(user);
     }
     const int requestId = static_cast<int>(pdu->reqid);
-    probeSends_++;
     if (snmp_async_send(session_, pdu.get(), onEvent, this) == 0) {
-        // No timeout would come for it: the informs waiting are given up,
-        // and the next inform tries again.
-        logAt(LogLevel::kWarning,
-              "trap sink %s: net-snmp cannot send the SNMPv3 engine ID discovery request (%s); "
-              "%zu inform%s given up",
-              name_.c_str(), snmp_api_errstring(session_->s_snmp_errno), queue_.size(),
-              queue_.size() == 1 ? "" : "s");
-        queue_.clear();
-        probeSends_ = 0;
-        return;
+        return false;
     }
     static_cast<void>(pdu.release()); // net-snmp frees it with the request
     probe_ = requestId;
+    return true;
 }
 
 void V3InformSink::sendWaiting()

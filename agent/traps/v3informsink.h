@@ -93,14 +93,23 @@ class V3InformSink {
     bool received(int requestId, const snmp_pdu &pdu);
     // `requestId` got no answer within the timeout.
     void timedOut(int requestId);
-    // Makes the engine ID of the Report that answered discovery the
-    // session's (and its context engine ID when it has none). False when
+    // `report` comes from the engine the session sends to.
+    bool sameEngine(const snmp_pdu &report) const;
+    // Makes the engine ID of `report` (which answered discovery, or named a
+    // new engine) the session's security and context engine ID. False when
     // there is no memory for it.
     bool adoptEngineId(const snmp_pdu &report);
     // After discovery: the USM holds the user with its keys localized to
     // the receiver's engine ID. False when net-snmp cannot make it.
     bool localizeUser();
+    // Discovery while the engine ID is unknown: the informs wait for it and
+    // are given up when it gets no answer.
     void startDiscovery();
+    // The same probe while the engine ID is known, when an inform got no
+    // answer: a Report from another engine ID makes that one the session's.
+    void recheckEngine();
+    // Sends the probe; false when net-snmp cannot.
+    bool sendProbe();
     void sendWaiting();
     // Sends a copy of `pdu` in a message of its own, whose message-id goes
     // to *messageId; false (counted as refused) when net-snmp cannot.
@@ -116,6 +125,7 @@ class V3InformSink {
     // The discovery request under way and how often it was sent.
     std::optional<int> probe_;
     int probeSends_ = 0;
+    bool recheck_ = false; // the probe under way rechecks a known engine ID
     DropReport pending_;
     std::optional<SinkClock::time_point> lastReport_;
     // A retry was logged as a warning and no inform was acknowledged since.
