@@ -614,19 +614,25 @@ class InformReceiver {
   public:
     InformReceiver(const TempDir &dir, const std::string &name, const std::string &authPass,
                    const std::string &privPass)
-        : log_(dir / (name + ".log")), port_(freeUdpPort())
+        : dir_(dir), name_(name), log_(dir / (name + ".log")), port_(freeUdpPort())
     {
         const std::string conf = dir / name;
         std::filesystem::create_directories(conf);
         writeFile(conf + "/snmptrapd.conf", "createUser ann SHA-512 " + authPass + " AES-256 " +
                                                 privPass + "\nauthUser log ann priv\n");
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{"/usr/sbin/snmptrapd", "-f", "-C", "-c",
-                                     conf + "/snmptrapd.conf", "-Lf", log_, "-On", "-m", "", "-F",
-                                     "%P %v\n", "udp:127.0.0.1:" + std::to_string(port_)},
-            std::vector<std::string>{"SNMPCONFPATH=" + conf,
-                                     "SNMP_PERSISTENT_DIR=" + (dir / (name + "-persist")), "MIBS="},
-            dir / (name + ".out"), dir / (name + ".err"));
+        launch();
+    }
+
+    // Stops snmptrapd and starts it again on the same port, with a new log.
+    // With -C it reads no persistent file: it comes back with another
+    // engine ID.
+    bool restart()
+    {
+        process_->signal(SIGTERM);
+        process_->wait(15s);
+        std::filesystem::remove(log_);
+        launch();
+        return ready();
     }
 
     bool ready() const
@@ -638,6 +644,21 @@ class InformReceiver {
     std::string err() const { return process_->err(); }
 
   private:
+    void launch()
+    {
+        const std::string conf = dir_ / name_;
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{"/usr/sbin/snmptrapd", "-f", "-C", "-c",
+                                     conf + "/snmptrapd.conf", "-Lf", log_, "-On", "-m", "", "-F",
+                                     "%P %v\n", "udp:127.0.0.1:" + std::to_string(port_)},
+            std::vector<std::string>{"SNMPCONFPATH=" + conf,
+                                     "SNMP_PERSISTENT_DIR=" + (dir_ / (name_ + "-persist")),
+                                     "MIBS="},
+            dir_ / (name_ + ".out"), dir_ / (name_ + ".err"));
+    }
+
+    const TempDir &dir_;
+    std::string name_;
     std::string log_;
     int port_;
     std::unique_ptr<Process> process_;
@@ -693,6 +714,39 @@ TEST(AgentSecurity, InformsGoOutAsAnSnmpV3UserTheReceiverAcknowledges)
         EXPECT_EQ(countOf(readFile(dir / "state/snmp/kelpagent.conf"), "usmUser"), 0u)
             << readFile(dir / "state/snmp/kelpagent.conf");
     }
+}
+
+TEST(AgentSecurity, AnInformReceiverRestartedWithAnotherEngineIdStillGetsTheInform)
+{
+    TempDir dir;
+    InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
+    ASSERT_TRUE(receiver.ready()) << receiver.err();
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", receiver.sink(), "--trap-v3-user", "ann",
+                             "--inform-timeout", "0.5", "--inform-retries", "2"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+        << receiver.log() << agent.err();
+    // The receiver drops what is sent to its old engine ID without a Report
+    // the agent can read: the first retry goes with a new discovery, and
+    // the retry after it to the new engine ID.
+    ASSERT_TRUE(receiver.restart()) << receiver.err();
+    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
+                                 "2048", "--object", "300"},
+                                {}, dir);
+    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    EXPECT_TRUE(waitFor([&] { return has(receiver.log(), "INFORM"); }, 10s))
+        << receiver.log() << agent.err();
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(countOf(receiver.log(), "INFORM"), 1u) << receiver.log();
+    EXPECT_TRUE(has(receiver.log(), "SNMP v3, user ann")) << receiver.log();
+    EXPECT_TRUE(has(agent.err(), "the receiver's SNMPv3 engine ID changed; informs go to the new "
+                                 "one"))
+        << agent.err();
+    EXPECT_TRUE(has(agent.err(), "informs are acknowledged again")) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
 }
 
 TEST(AgentSecurity, SnmpV3InformsNobodyAcknowledgesAreGivenUpWhileRequestsGoOn)
