@@ -13,8 +13,10 @@
 // the timeout, given up after the last retry; the rest wait in a bounded
 // queue, as do the informs that arrive while the engine ID is unknown. When
 // discovery gets no answer after the retries, the informs waiting for it are
-// given up and the next inform starts discovery again. Only the thread that
-// runs net-snmp touches a sink.
+// given up and the next inform starts discovery again. An inform's first
+// retry sends the probe again, so that a receiver restarted with another
+// engine ID (whose Reports net-snmp cannot read) is found again. Only the
+// thread that runs net-snmp touches a sink.
 #ifndef KELP_AGENT_TRAPS_V3INFORMSINK_H
 #define KELP_AGENT_TRAPS_V3INFORMSINK_H
 
