@@ -180,7 +180,7 @@ constexpr OptionRow kOptions[] = {
      }},
     {"trap-sink", Arg::kRepeated, "ADDR",
      "send traps there (repeatable; e.g. udp:127.0.0.1:162; inform:ADDR for an "
-     "acknowledged SNMPv2c inform)",
+     "acknowledged inform: SNMPv2c, or SNMPv3 with --trap-v3-user)",
      [](Options &o, const std::string &v, std::string *e) {
          std::string sink;
          if (!setWord(&sink, v, "--trap-sink", e)) {
@@ -190,7 +190,8 @@ constexpr OptionRow kOptions[] = {
          return true;
      }},
     {"trap-version", Arg::kRequired, "1|2c|2c-inform",
-     "SNMPv1 traps, SNMPv2c notifications or SNMPv2c informs to every sink (2c)",
+     "SNMPv1 traps, SNMPv2c notifications or informs (SNMPv3 with --trap-v3-user) to every "
+     "sink (2c)",
      [](Options &o, const std::string &v, std::string *e) {
          if (v != "1" && v != "2c" && v != "2c-inform") {
              *e = "--trap-version takes 1, 2c or 2c-inform, not \"" + v + "\"";
@@ -205,8 +206,8 @@ constexpr OptionRow kOptions[] = {
          return setCommunity(&o.trapCommunity, v, "--trap-community", e);
      }},
     {"trap-v3-user", Arg::kRequired, "NAME",
-     "send SNMPv3 traps (authPriv) as this --v3-user instead of SNMPv2c ones (informs stay "
-     "SNMPv2c)",
+     "send SNMPv3 traps and informs (authPriv) as this --v3-user instead of SNMPv2c ones "
+     "(informs after discovering each receiver's engine ID)",
      [](Options &o, const std::string &v, std::string *e) {
          return setWord(&o.trapV3User, v, "--trap-v3-user", e);
      }},
@@ -433,7 +434,8 @@ bool completeOptions(const DefaultPlaces &places, Options *options, std::string 
         return false;
     }
     if (!options->trapV3User.empty() && options->trapV1) {
-        *error = "--trap-v3-user sends SNMPv3 traps: it does not go with --trap-version 1";
+        *error = "--trap-v3-user sends SNMPv3 traps and informs: it does not go with "
+                 "--trap-version 1";
         return false;
     }
     if (options->agentx &&

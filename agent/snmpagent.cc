@@ -443,12 +443,22 @@ bool SnmpAgent::open(std::string *error)
         rememberAll(systemLines(settings_.identity));
     }
     init_snmp(kAppName);
+    V3InformUser informUser;
     if (!settings_.subagent) {
         // After init_snmp, which reads the engine ID the users' keys are
         // localized to.
-        const bool created = createV3Users(settings_.v3Keys, error);
+        bool created = createV3Users(settings_.v3Keys, error);
+        // The inform sinks localize the user's keys to each receiver's
+        // engine ID: they get the keys before the pass phrases are wiped.
+        for (const V3Key &key : settings_.v3Keys) {
+            if (created && key.name == settings_.trapV3User) {
+                created =
+                    makeV3InformUser(key.name, key.authPass, key.privPass, &informUser, error);
+            }
+        }
         wipeV3Keys(&settings_.v3Keys);
         if (!created) {
+            informUser.wipe();
             return false;
         }
         // engineBoots (already counting this start) and the engine ID on
@@ -466,8 +476,11 @@ bool SnmpAgent::open(std::string *error)
         sinks.inform.timeout = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::duration<double>(settings_.informTimeout));
         sinks.inform.retries = settings_.informRetries;
+        sinks.v3Keys = informUser;
         traps_ = std::make_unique<TrapSinks>(sinks);
+        sinks.v3Keys.wipe();
     }
+    informUser.wipe();
     if (settings_.subagent) {
         return true;
     }

@@ -30,7 +30,7 @@ struct AgentSettings {
     bool trapV1 = false;
     bool trapInform = false;   // every sink an inform sink
     std::string trapCommunity; // the community of traps and informs
-    std::string trapV3User;    // non-empty: traps (not informs) as this SNMPv3 user
+    std::string trapV3User;    // non-empty: traps and informs as this SNMPv3 user
     double informTimeout = 1;  // seconds before an inform is sent again
     int informRetries = 5;
     std::string persistentDir; // created 0700 when missing

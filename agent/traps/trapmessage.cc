@@ -160,6 +160,22 @@ bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, s
     return encodePdu(v2.get(), SNMP_VERSION_2c, community, message, why);
 }
 
+snmp_pdu *informPdu(const Trap &trap, std::string *why)
+{
+    PduPtr pdu = v1Pdu(trap, why);
+    if (!pdu) {
+        return nullptr;
+    }
+    PduPtr v2(convert_v1pdu_to_v2(pdu.get()));
+    if (!v2) {
+        *why = "net-snmp cannot make the SNMPv2 form of the trap";
+        return nullptr;
+    }
+    v2->command = SNMP_MSG_INFORM;
+    v2->reqid = snmp_get_next_reqid();
+    return v2.release();
+}
+
 Trap coldStartTrap()
 {
     Trap trap;

@@ -10,6 +10,8 @@
 
 #include "traps/trap.h"
 
+struct snmp_pdu;
+
 namespace kelp::agent {
 
 // What a sink sends: an SNMPv1 Trap-PDU, an SNMPv2c SNMPv2-Trap-PDU, or an
@@ -34,6 +36,13 @@ inline constexpr size_t kMaxTrapMessageBytes = 65507;
 // holds for the user and this engine's ID); the other forms ignore it.
 bool encodeTrap(const Trap &trap, TrapForm form, const std::string &community, std::string *message,
                 std::string *why, const std::string &v3User = "");
+
+// The SNMPv2 InformRequest PDU of `trap` (the bindings of a kV2cInform,
+// with a request-id of its own from net-snmp's sequence), for a sink that
+// has net-snmp encode it: the caller frees it with snmp_free_pdu. Null with
+// the reason in *why when net-snmp refuses a binding. Only on the thread
+// that runs net-snmp.
+snmp_pdu *informPdu(const Trap &trap, std::string *why);
 
 // coldStart at the agent's start: generic 0, specific 0, no bindings, and
 // kelp's own trap enterprise (kTrapEnterprise), so that a receiver files it

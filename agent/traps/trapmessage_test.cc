@@ -162,6 +162,32 @@ TEST(TrapMessage, AnInformIsTheNotificationWithARequestIdOfItsOwn)
     EXPECT_EQ(informNames, trapNames);
 }
 
+TEST(TrapMessage, TheInformPduOfAnSnmpV3SinkHasTheInformsBindings)
+{
+    std::string why;
+    netsnmp_pdu *first = informPdu(diskTrap(), &why);
+    netsnmp_pdu *second = informPdu(diskTrap(), &why);
+    ASSERT_NE(first, nullptr) << why;
+    ASSERT_NE(second, nullptr) << why;
+    std::string inform;
+    ASSERT_TRUE(encodeTrap(diskTrap(), TrapForm::kV2cInform, "alarms", &inform, &why)) << why;
+    Decoded encoded;
+    ASSERT_TRUE(decode(inform, &encoded));
+    EXPECT_EQ(first->command, SNMP_MSG_INFORM);
+    EXPECT_NE(first->reqid, 0);
+    EXPECT_NE(first->reqid, second->reqid) << "each inform is acknowledged on its own";
+    std::vector<std::vector<oid>> pduNames, encodedNames;
+    for (const netsnmp_variable_list *var = first->variables; var; var = var->next_variable) {
+        pduNames.push_back(nameOf(var));
+    }
+    for (const netsnmp_variable_list *var = encoded.pdu->variables; var; var = var->next_variable) {
+        encodedNames.push_back(nameOf(var));
+    }
+    EXPECT_EQ(pduNames, encodedNames);
+    snmp_free_pdu(first);
+    snmp_free_pdu(second);
+}
+
 struct ColdStartCase {
     TrapForm form;
     long version;

@@ -56,9 +56,20 @@ TrapSinks::TrapSinks(const TrapSinkSettings &settings)
             logUnusable(text, "informs go over UDP only");
             continue;
         }
-        if (sinks_.size() == kMaxTrapSinks) {
+        if (count() == kMaxTrapSinks) {
             logUnusable(text,
                         ("more than " + std::to_string(kMaxTrapSinks) + " trap sinks").c_str());
+            continue;
+        }
+        if (inform && !settings.v3User.empty()) {
+            auto sink = std::make_unique<V3InformSink>(text, settings.inform);
+            std::string error;
+            if (!sink->open(std::string(target), settings.v3Keys, &error)) {
+                logUnusable(text, "not a reachable address");
+                logAt(LogLevel::kDebug, "trap sink %s: %s", text.c_str(), error.c_str());
+                continue;
+            }
+            v3Informs_.push_back(std::move(sink));
             continue;
         }
         SinkAddress address;
@@ -87,6 +98,7 @@ TrapSinks::~TrapSinks()
     }
     // Each sink forgets its socket and its alarm through this loop.
     sinks_.clear();
+    v3Informs_.clear();
     for (const auto &[sink, alarm] : alarms_) {
         if (alarm->registration != 0) {
             snmp_alarm_unregister(alarm->registration);
@@ -101,7 +113,7 @@ TrapSinks *TrapSinks::active()
 
 uint32_t TrapSinks::send(const Trap &trap, std::vector<std::string> *took)
 {
-    if (sinks_.empty()) {
+    if (count() == 0) {
         return SM_SNMP_GENERR;
     }
     const SinkClock::time_point now = SinkClock::now();
@@ -131,6 +143,23 @@ uint32_t TrapSinks::send(const Trap &trap, std::vector<std::string> *took)
             taken = true;
             took->push_back(sinks_[i]->address().name);
         }
+    }
+    if (!v3Informs_.empty()) {
+        // One PDU for every SNMPv3 inform sink: each encodes its own copy
+        // for its receiver's engine.
+        std::string why;
+        netsnmp_pdu *pdu = informPdu(trap, &why);
+        if (pdu == nullptr) {
+            logAt(LogLevel::kWarning, "trap (generic %u, specific %u) not sent: %s", trap.generic,
+                  trap.specific, why.c_str());
+        }
+        for (const std::unique_ptr<V3InformSink> &sink : v3Informs_) {
+            if (pdu != nullptr && sink->send(*pdu)) {
+                taken = true;
+                took->push_back(sink->name());
+            }
+        }
+        snmp_free_pdu(pdu);
     }
     return taken ? SM_SNMP_NOERROR : SM_SNMP_GENERR;
 }

@@ -17,6 +17,7 @@
 
 #include "traps/trap.h"
 #include "traps/trapsink.h"
+#include "traps/v3informsink.h"
 
 namespace kelp::agent {
 
@@ -31,7 +32,10 @@ struct TrapSinkSettings {
     bool v1 = false;        // SNMPv1 traps to the trap sinks; SNMPv2c otherwise
     bool informAll = false; // every sink an inform sink
     std::string community;
-    std::string v3User; // non-empty: the trap sinks get SNMPv3 traps of this user
+    std::string v3User; // non-empty: the sinks get SNMPv3 traps and informs of this user
+    // The keys of v3User, which its inform sinks localize to each
+    // receiver's engine ID. The caller wipes them once the sinks are open.
+    V3InformUser v3Keys;
     InformPolicy inform;
 };
 
@@ -39,7 +43,8 @@ class TrapSinks final : private SinkLoop {
   public:
     // Opens one sink per address: an inform sink for "inform:ADDR" (or any
     // address with informAll), which sends SNMPv2c informs whatever `v1`
-    // says; a trap sink otherwise. An address that does not resolve, or
+    // says, or SNMPv3 informs of v3User when there is one
+    // (traps/v3informsink.h); a trap sink otherwise. An address that does not resolve, or
     // whose socket cannot be made, is logged ("trap sink ADDR cannot be used
     // (not a reachable address); no trap goes there") and left out; so are
     // informs over a stream transport and the addresses past kMaxTrapSinks.
@@ -51,7 +56,7 @@ class TrapSinks final : private SinkLoop {
     TrapSinks &operator=(const TrapSinks &) = delete;
 
     // The sinks that were opened.
-    size_t count() const { return sinks_.size(); }
+    size_t count() const { return sinks_.size() + v3Informs_.size(); }
 
     // Encodes `trap` once per form the sinks need and queues it for every
     // sink; the names of the sinks that took it (sent, or queued behind
@@ -84,7 +89,7 @@ class TrapSinks final : private SinkLoop {
     std::string community_;
     std::string v3User_;
     std::vector<std::unique_ptr<TrapSink>> sinks_;
-    std::vector<bool> informs_;                           // parallel to sinks_: an inform sink
+    std::vector<std::unique_ptr<V3InformSink>> v3Informs_;
     std::map<int, Watch> watched_;                        // by socket
     std::map<TrapSink *, std::unique_ptr<Alarm>> alarms_; // stable addresses for net-snmp
 };

@@ -14,7 +14,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -601,6 +603,202 @@ TEST(AgentSecurity, TrapsGoOutAsAnSnmpV3UserTheReceiverAuthenticates)
         const RunResult r = run(argv, agentEnv(), dir);
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_TRUE(has(r.err, "--trap-v3-user")) << r.err;
+    }
+}
+
+// A snmptrapd on a free port that logs (and acknowledges) only what user
+// ann sends authenticated and encrypted with these pass phrases. No -e: the
+// receiver of an inform is the authoritative engine, so the user's keys are
+// localized to the receiver's own engine ID, which the sender discovers.
+class InformReceiver {
+  public:
+    InformReceiver(const TempDir &dir, const std::string &name, const std::string &authPass,
+                   const std::string &privPass)
+        : dir_(dir), name_(name), log_(dir / (name + ".log")), port_(freeUdpPort())
+    {
+        const std::string conf = dir / name;
+        std::filesystem::create_directories(conf);
+        writeFile(conf + "/snmptrapd.conf", "createUser ann SHA-512 " + authPass + " AES-256 " +
+                                                privPass + "\nauthUser log ann priv\n");
+        launch();
+    }
+
+    // Stops snmptrapd and starts it again on the same port, with a new log.
+    // With -C it reads no persistent file: it comes back with another
+    // engine ID.
+    bool restart()
+    {
+        process_->signal(SIGTERM);
+        process_->wait(15s);
+        std::filesystem::remove(log_);
+        launch();
+        return ready();
+    }
+
+    bool ready() const
+    {
+        return waitFor([&] { return has(readFile(log_), "NET-SNMP version"); }, 10s);
+    }
+    std::string sink() const { return "inform:udp:127.0.0.1:" + std::to_string(port_); }
+    std::string log() const { return readFile(log_); }
+    std::string err() const { return process_->err(); }
+
+  private:
+    void launch()
+    {
+        const std::string conf = dir_ / name_;
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{"/usr/sbin/snmptrapd", "-f", "-C", "-c",
+                                     conf + "/snmptrapd.conf", "-Lf", log_, "-On", "-m", "", "-F",
+                                     "%P %v\n", "udp:127.0.0.1:" + std::to_string(port_)},
+            std::vector<std::string>{"SNMPCONFPATH=" + conf,
+                                     "SNMP_PERSISTENT_DIR=" + (dir_ / (name_ + "-persist")),
+                                     "MIBS="},
+            dir_ / (name_ + ".out"), dir_ / (name_ + ".err"));
+    }
+
+    const TempDir &dir_;
+    std::string name_;
+    std::string log_;
+    int port_;
+    std::unique_ptr<Process> process_;
+};
+
+// How long one SNMPv3 Get of sysName takes the agent to answer.
+std::chrono::milliseconds timedGet(const SecureAgent &agent, int *status)
+{
+    const auto start = std::chrono::steady_clock::now();
+    *status = agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
+TEST(AgentSecurity, InformsGoOutAsAnSnmpV3UserTheReceiverAcknowledges)
+{
+    // An inform: sink, and a plain sink made an inform sink by --trap-version.
+    for (const bool everySink : {false, true}) {
+        SCOPED_TRACE(everySink ? "--trap-version 2c-inform" : "inform:ADDR");
+        TempDir dir;
+        InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
+        ASSERT_TRUE(receiver.ready()) << receiver.err();
+        SecureAgent agent(dir);
+        std::vector<std::string> args = v3Args(dir);
+        const std::string sink =
+            everySink ? receiver.sink().substr(std::strlen("inform:")) : receiver.sink();
+        args.insert(args.end(), {"--trap-sink", sink, "--trap-v3-user", "ann", "--inform-timeout",
+                                 "0.5", "--inform-retries", "2"});
+        if (everySink) {
+            args.insert(args.end(), {"--trap-version", "2c-inform"});
+        }
+        ASSERT_TRUE(agent.start(args)) << agent.err();
+        // coldStart at the start, as an SNMPv3 inform of ann.
+        ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+            << receiver.log() << agent.err();
+        const std::string log = receiver.log();
+        EXPECT_TRUE(has(log, "INFORM")) << log;
+        EXPECT_TRUE(has(log, "SNMP v3, user ann")) << log;
+        // Past the first retry's time: an acknowledged inform is sent once.
+        std::this_thread::sleep_for(1200ms);
+        EXPECT_EQ(countOf(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"), 1u) << receiver.log();
+        EXPECT_FALSE(has(agent.err(), "sent again")) << agent.err();
+        EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
+        EXPECT_FALSE(has(agent.err(), "discovery")) << agent.err();
+        EXPECT_TRUE(has(agent.err(), "trap coldStart sent to " + sink)) << agent.err();
+        // The agent still answers its own user: the user localized to the
+        // receiver's engine did not replace the agent's own.
+        int status = -1;
+        timedGet(agent, &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(agent.stop(), 0);
+        // Nor is it written to the agent's persistent file.
+        EXPECT_EQ(countOf(readFile(dir / "state/snmp/kelpagent.conf"), "usmUser"), 0u)
+            << readFile(dir / "state/snmp/kelpagent.conf");
+    }
+}
+
+TEST(AgentSecurity, AnInformReceiverRestartedWithAnotherEngineIdStillGetsTheInform)
+{
+    TempDir dir;
+    InformReceiver receiver(dir, "trapd", kAuthPass, kPrivPass);
+    ASSERT_TRUE(receiver.ready()) << receiver.err();
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", receiver.sink(), "--trap-v3-user", "ann",
+                             "--inform-timeout", "0.5", "--inform-retries", "2"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    ASSERT_TRUE(waitFor([&] { return has(receiver.log(), ".1.3.6.1.6.3.1.1.5.1"); }, 10s))
+        << receiver.log() << agent.err();
+    // The receiver drops what is sent to its old engine ID without a Report
+    // the agent can read: the first retry goes with a new discovery, and
+    // the retry after it to the new engine ID.
+    ASSERT_TRUE(receiver.restart()) << receiver.err();
+    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
+                                 "2048", "--object", "300"},
+                                {}, dir);
+    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    EXPECT_TRUE(waitFor([&] { return has(receiver.log(), "INFORM"); }, 10s))
+        << receiver.log() << agent.err();
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(countOf(receiver.log(), "INFORM"), 1u) << receiver.log();
+    EXPECT_TRUE(has(receiver.log(), "SNMP v3, user ann")) << receiver.log();
+    EXPECT_TRUE(has(agent.err(), "the receiver's SNMPv3 engine ID changed; informs go to the new "
+                                 "one"))
+        << agent.err();
+    EXPECT_TRUE(has(agent.err(), "informs are acknowledged again")) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, SnmpV3InformsNobodyAcknowledgesAreGivenUpWhileRequestsGoOn)
+{
+    TempDir dir;
+    // A receiver that has ann with other pass phrases: it answers the
+    // discovery but can neither authenticate nor decrypt the informs.
+    const std::string otherAuth = "other-Auth-4410";
+    const std::string otherPriv = "other-Priv-8832";
+    InformReceiver wrong(dir, "wrong", otherAuth, otherPriv);
+    ASSERT_TRUE(wrong.ready()) << wrong.err();
+    // And a port nobody listens on: discovery itself gets no answer.
+    const std::string dead = "inform:udp:127.0.0.1:" + std::to_string(freeUdpPort());
+    SecureAgent agent(dir);
+    std::vector<std::string> args = v3Args(dir);
+    args.insert(args.end(), {"--trap-sink", wrong.sink(), "--trap-sink", dead, "--trap-v3-user",
+                             "ann", "--inform-timeout", "0.4", "--inform-retries", "2"});
+    ASSERT_TRUE(agent.start(args)) << agent.err();
+    // While the coldStart's informs wait for their retries, requests are
+    // answered at once.
+    for (int i = 0; i < 5; i++) {
+        int status = -1;
+        const std::chrono::milliseconds took = timedGet(agent, &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_LT(took, 700ms);
+    }
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(agent.err(), wrong.sink() +
+                                        ": 1 trap dropped since the last report: 1 inform given "
+                                        "up unacknowledged after 3 sends");
+        },
+        10s))
+        << agent.err();
+    EXPECT_TRUE(has(agent.err(), wrong.sink() +
+                                     ": an inform was not acknowledged within 0.4 s; sent again "
+                                     "(retry 1 of 2)"))
+        << agent.err();
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return has(agent.err(), dead +
+                                        ": the receiver did not answer SNMPv3 engine ID "
+                                        "discovery after 3 sends 0.4 s apart; 1 inform given up");
+        },
+        10s))
+        << agent.err();
+    EXPECT_FALSE(has(wrong.log(), ".1.3.6.1.6.3.1.1.5.1")) << wrong.log();
+    EXPECT_EQ(agent.stop(), 0);
+    // No pass phrase, of either side, in the agent's log.
+    for (const std::string &secret :
+         {std::string(kAuthPass), std::string(kPrivPass), otherAuth, otherPriv}) {
+        EXPECT_FALSE(has(agent.err(), secret)) << secret;
     }
 }
 
