@@ -13,58 +13,16 @@
 
 #include <gtest/gtest.h>
 
+#include "snmpload.h"
 #include "testkit.h"
 
 namespace kelp::test {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes tlv(uint8_t tag, const Bytes &content)
-{
-    Bytes out{tag};
-    const size_t n = content.size();
-    if (n < 0x80) {
-        out.push_back(static_cast<uint8_t>(n));
-    } else {
-        out.push_back(0x82);
-        out.push_back(static_cast<uint8_t>(n >> 8));
-        out.push_back(static_cast<uint8_t>(n));
-    }
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
-
-Bytes concat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &part : parts) {
-        out.insert(out.end(), part.begin(), part.end());
-    }
-    return out;
-}
-
-// BER of an object identifier whose arcs may exceed 32 bits.
-Bytes oid(const std::vector<uint64_t> &arcs)
-{
-    Bytes content{static_cast<uint8_t>(arcs[0] * 40 + arcs[1])};
-    for (size_t i = 2; i < arcs.size(); i++) {
-        Bytes base128;
-        uint64_t arc = arcs[i];
-        do {
-            base128.insert(base128.begin(), static_cast<uint8_t>((arc & 0x7F) | 0x80));
-            arc >>= 7;
-        } while (arc != 0);
-        base128.back() &= 0x7F;
-        content.insert(content.end(), base128.begin(), base128.end());
-    }
-    return tlv(0x06, content);
-}
-
 // An SNMPv2c request (0xA0 Get, 0xA1 GetNext) for one name, community public.
 Bytes request(uint8_t pduTag, const std::vector<uint64_t> &name)
 {
-    const Bytes varbind = tlv(0x30, concat({oid(name), Bytes{0x05, 0x00}}));
+    const Bytes varbind = tlv(0x30, concat({objectIdentifier(name), Bytes{0x05, 0x00}}));
     const Bytes pdu =
         tlv(pduTag,
             concat({tlv(0x02, {0x12, 0x34}), tlv(0x02, {0}), tlv(0x02, {0}), tlv(0x30, varbind)}));

@@ -27,12 +27,52 @@ void appendLength(Bytes *out, size_t n)
     }
 }
 
+} // namespace
+
 Bytes tlv(uint8_t tag, const Bytes &content)
 {
     Bytes out{tag};
     appendLength(&out, content.size());
     out.insert(out.end(), content.begin(), content.end());
     return out;
+}
+
+Bytes concat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes &part : parts) {
+        out.insert(out.end(), part.begin(), part.end());
+    }
+    return out;
+}
+
+Bytes objectIdentifier(const std::vector<uint64_t> &arcs)
+{
+    Bytes content{static_cast<uint8_t>(arcs.at(0) * 40 + arcs.at(1))};
+    for (size_t i = 2; i < arcs.size(); i++) {
+        Bytes base128;
+        uint64_t arc = arcs[i];
+        do {
+            base128.insert(base128.begin(), static_cast<uint8_t>((arc & 0x7F) | 0x80));
+            arc >>= 7;
+        } while (arc != 0);
+        base128.back() &= 0x7F;
+        content.insert(content.end(), base128.begin(), base128.end());
+    }
+    return tlv(0x06, content);
+}
+
+namespace {
+
+Bytes objectId(const std::string &dotted)
+{
+    std::vector<uint64_t> arcs;
+    for (const char *p = dotted.c_str(); *p != '\0';) {
+        char *end = nullptr;
+        arcs.push_back(std::strtoull(p, &end, 10));
+        p = *end == '.' ? end + 1 : end;
+    }
+    return objectIdentifier(arcs);
 }
 
 // BER INTEGER: big-endian two's complement in as few octets as hold it.
@@ -47,37 +87,6 @@ Bytes integer(int32_t value)
         content.erase(content.begin());
     }
     return tlv(0x02, content);
-}
-
-Bytes objectId(const std::string &dotted)
-{
-    std::vector<uint32_t> arcs;
-    for (const char *p = dotted.c_str(); *p != '\0';) {
-        char *end = nullptr;
-        arcs.push_back(static_cast<uint32_t>(std::strtoul(p, &end, 10)));
-        p = *end == '.' ? end + 1 : end;
-    }
-    Bytes content{static_cast<uint8_t>(arcs.at(0) * 40 + arcs.at(1))};
-    for (size_t i = 2; i < arcs.size(); i++) {
-        Bytes base128;
-        uint32_t arc = arcs[i];
-        do {
-            base128.insert(base128.begin(), static_cast<uint8_t>((arc & 0x7F) | 0x80));
-            arc >>= 7;
-        } while (arc != 0);
-        base128.back() &= 0x7F;
-        content.insert(content.end(), base128.begin(), base128.end());
-    }
-    return tlv(0x06, content);
-}
-
-Bytes concat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &part : parts) {
-        out.insert(out.end(), part.begin(), part.end());
-    }
-    return out;
 }
 
 // Reads the tag and length at *at; the content's size, or nullopt when the

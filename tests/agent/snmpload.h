@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <thread>
@@ -17,6 +18,14 @@
 namespace kelp::test {
 
 using Bytes = std::vector<uint8_t>;
+
+// BER: a tag, its length (short form, or 0x82 and two octets) and content.
+Bytes tlv(uint8_t tag, const Bytes &content);
+// The parts one after another.
+Bytes concat(std::initializer_list<Bytes> parts);
+// BER of an object identifier; its arcs may exceed 32 bits (as no valid
+// name does), for requests that test an agent's parser.
+Bytes objectIdentifier(const std::vector<uint64_t> &arcs);
 
 // An SNMPv2c request for one dotted name ("1.3.6.1.2.1.1.1.0"): pduTag 0xA0
 // Get, 0xA1 GetNext or 0xA5 GetBulk (no non-repeaters, `repetitions`
