@@ -25,6 +25,7 @@
 #include "datastore/identities.h"
 #include "datastore/model.h"
 #include "datastore/model_writer.h"
+#include "eventif/model_swap.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/file_read.h"
@@ -77,14 +78,28 @@ struct Served {
     std::optional<std::string> file;
 };
 
+// Whether a swap may leave the plug-in's rows naming other objects: then it
+// is made under the plug-in's rescan lock (eventif/model_swap.h).
+enum class Rows { kMayMove, kStay };
+
 // Swaps `next` in and answers the model it replaced, for the caller to let
 // go of once it holds no lock.
-std::shared_ptr<const Model> publish(Served next) // requires g_changeMutex
+std::shared_ptr<const Model> publish(Served next,
+                                     Rows rows = Rows::kMayMove) // requires g_changeMutex
 {
-    std::lock_guard lock(g_servedMutex);
-    std::swap(g_served, next.model);
-    if (next.file)
-        g_servedFile = std::move(*next.file);
+    auto swap = [&next] {
+        std::lock_guard lock(g_servedMutex);
+        std::swap(g_served, next.model);
+        if (next.file)
+            g_servedFile = std::move(*next.file);
+    };
+    if (rows == Rows::kStay) {
+        swap();
+    } else {
+        const std::shared_ptr<const Model> before = snapshot();
+        const std::shared_ptr<const Model> after = next.model;
+        ev::swapModel(before.get(), after.get(), swap);
+    }
     return std::move(next.model);
 }
 
@@ -169,7 +184,7 @@ bool change(std::string *error, Edit edit, Follow follow = Follow())
         } else {
             std::lock_guard identities(identityMutex());
             follow(*current, *next);
-            replaced = publish(Served{std::move(next), std::nullopt});
+            replaced = publish(Served{std::move(next), std::nullopt}, Rows::kStay);
         }
     } catch (const std::bad_alloc &) {
         return fail(error, "out of memory");
@@ -301,7 +316,8 @@ void unloadModel()
     {
         std::lock_guard lock(g_changeMutex);
         g_settled.store(true);
-        replaced = publish(Served{nullptr, std::string()});
+        // Unloading is the host's stop: no reader is left to take a rescan.
+        replaced = publish(Served{nullptr, std::string()}, Rows::kStay);
     }
     letGo(std::move(replaced));
 }
@@ -336,7 +352,7 @@ void resetForTesting()
     {
         std::lock_guard lock(g_changeMutex);
         g_settled.store(false);
-        replaced = publish(Served{nullptr, std::string()});
+        replaced = publish(Served{nullptr, std::string()}, Rows::kStay);
     }
     letGo(std::move(replaced));
     forgetHandedOut();

@@ -2,17 +2,21 @@
 #include "eventif/reader.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "control/commands.h"
 #include "eventif/event_queue.h"
 #include "eventif/event_texts.h"
+#include "eventif/rescan_gate.h"
 #include "eventif/rescan_watch.h"
 #include "support/config.h"
+#include "support/lock_watch.h"
 #include "support/log.h"
 
 namespace kelp::ev {
@@ -23,6 +27,22 @@ using Clock = RescanWatch::Clock;
 // One reader step at a time: the watch and the queue move together.
 std::mutex g_readerMutex;
 RescanWatch g_rescans; // guarded by g_readerMutex
+
+// Where a model swap under the reader's rescan lock stands (rescan_gate.h).
+enum class Gate {
+    kIdle,    // events are handed out from the queue
+    kArmed,   // the next event handed out is the gate's rescan started event
+    kHolding, // nothing is handed out until the swap is made
+    kClosing, // the next event handed out is the gate's rescan completed event
+};
+Gate g_gate = Gate::kIdle; // guarded by g_readerMutex
+std::condition_variable g_gateMoved;
+// When the reader last asked for an event; guarded by g_readerMutex.
+std::optional<Clock::time_point> g_lastRead;
+// rt::lockedEventWaits() when the gate's 3061 was handed out: a wait made
+// holding a lock after that is the reader's rescan wait, not the tail of a
+// rescan before. Guarded by g_readerMutex.
+uint64_t g_waitsAtHandOut = 0;
 
 // Its destructor releases the texts still held when the runtime unloads.
 // No lock here: HandedOutTexts locks its own mutex.
@@ -84,13 +104,35 @@ std::optional<Next> nextEvent(RescanWatch *watch, Clock::time_point now)
     return std::nullopt;
 }
 
+// The event the gate hands out in its state, or the queue's next one.
+// Requires g_readerMutex.
+std::optional<Next> gatedEvent(RescanWatch *watch, Clock::time_point now)
+{
+    switch (g_gate) {
+    case Gate::kArmed:
+        watch->onEvent(ctl::kRescanStartedEvent, now);
+        return Next{ctl::eventXml(ctl::kRescanStartedEvent, {}, {}, {}), false};
+    case Gate::kHolding:
+        // Not even the watch's own 3060: it would unlock the tables before the swap.
+        return std::nullopt;
+    case Gate::kClosing:
+        watch->onEvent(ctl::kRescanCompletedEvent, now);
+        return Next{ctl::eventXml(ctl::kRescanCompletedEvent, {}, {}, {}), false};
+    case Gate::kIdle:
+        break;
+    }
+    return nextEvent(watch, now);
+}
+
 } // namespace
 
 char *readNextEvent()
 {
     std::lock_guard lock(g_readerMutex);
     RescanWatch watch = g_rescans;
-    std::optional<Next> next = nextEvent(&watch, Clock::now());
+    const Clock::time_point now = Clock::now();
+    g_lastRead = now;
+    std::optional<Next> next = gatedEvent(&watch, now);
     char *copy = next ? heapCopy(next->text) : nullptr;
     if (next && copy == nullptr) {
         // Out of memory: the event, and the watch as it was, stay for the next call.
@@ -99,6 +141,12 @@ char *readNextEvent()
         return nullptr;
     }
     g_rescans = watch;
+    if (next && (g_gate == Gate::kArmed || g_gate == Gate::kClosing)) {
+        if (g_gate == Gate::kArmed)
+            g_waitsAtHandOut = rt::lockedEventWaits();
+        g_gate = g_gate == Gate::kArmed ? Gate::kHolding : Gate::kIdle;
+        g_gateMoved.notify_all();
+    }
     // The reader has finished with the text it had: it reads one event at a
     // time and asks again only when done. Released after the new copy is
     // made, so the new text never lies where the old one did.
@@ -127,6 +175,56 @@ void forgetRescan()
 {
     std::lock_guard lock(g_readerMutex);
     g_rescans = RescanWatch();
+    g_lastRead.reset();
+    if (g_gate == Gate::kClosing)
+        g_gate = Gate::kIdle;
+}
+
+GateOutcome swapUnderRescan(const std::function<void()> &swap)
+{
+    std::unique_lock lock(g_readerMutex);
+    const Clock::time_point start = Clock::now();
+    if (!g_lastRead || start - *g_lastRead > rt::scaledMs(kReaderGoneMs)) {
+        swap();
+        return GateOutcome::kNoReader;
+    }
+    // A rescan open already holds the tables (or is about to): no 3061 of
+    // the gate's own then, and its 3060 comes from whoever opened it, unless
+    // that was the gate of the swap before, whose 3060 is still to come.
+    const bool open = g_rescans.open();
+    const bool closeAfter = !open || g_gate == Gate::kClosing;
+    g_gate = open ? Gate::kHolding : Gate::kArmed;
+    // The reader of an open rescan waits holding its lock already, a tick
+    // at a time: its next wait is counted after this.
+    g_waitsAtHandOut = rt::lockedEventWaits();
+    const Clock::time_point deadline = start + rt::scaledMs(kGateWaitMs);
+    if (!g_gateMoved.wait_until(lock, deadline, [] { return g_gate != Gate::kArmed; })) {
+        g_gate = Gate::kIdle;
+        swap();
+        rt::logWarning("the model was swapped without the rescan lock: the event reader did "
+                       "not take the rescan started event (%u) within %g s",
+                       ctl::kRescanStartedEvent,
+                       std::chrono::duration<double>(deadline - start).count());
+        return GateOutcome::kNotTaken;
+    }
+    // Holding, the reader is handed nothing: the reader lock may be let go
+    // while this waits.
+    const uint64_t waitsBefore = g_waitsAtHandOut;
+    lock.unlock();
+    bool locked = false;
+    while (!(locked = rt::lockedEventWaits() != waitsBefore) && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    lock.lock();
+    swap();
+    g_gate = closeAfter ? Gate::kClosing : Gate::kIdle;
+    if (!locked) {
+        rt::logWarning("the model was swapped without the rescan lock: the event reader took "
+                       "the rescan started event (%u) but did not lock within %g s",
+                       ctl::kRescanStartedEvent,
+                       std::chrono::duration<double>(deadline - start).count());
+        return GateOutcome::kNotLocked;
+    }
+    return GateOutcome::kLocked;
 }
 
 } // namespace kelp::ev

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "support/config.h"
+#include "support/lock_watch.h"
 #include "support/thread_control.h"
 #include "vcsupt.h"
 
@@ -71,6 +72,7 @@ uint32_t SMEventWait(SMEventHandle event, uint32_t timeoutMs)
 {
     if (event == nullptr)
         return SM_STATUS_FAILURE;
+    kelp::rt::noteEventWait();
     if (timeoutMs == SM_WAIT_FOREVER) {
         std::unique_lock lock(event->m);
         event->cv.wait(lock, [event] { return event->set; });

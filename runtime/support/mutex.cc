@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kelp/runtime.h"
+#include "support/lock_watch.h"
 #include "vcsupt.h"
 
 namespace {
@@ -67,6 +68,7 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
     }
     mutex->owner = self;
     mutex->depth = 1;
+    kelp::rt::noteMutexTaken();
     return SM_STATUS_SUCCESS;
 }
 
@@ -79,6 +81,7 @@ uint32_t SMMutexUnLock(SMMutexHandle mutex)
         return SM_STATUS_FAILURE;
     if (--mutex->depth == 0) {
         mutex->owner = std::thread::id();
+        kelp::rt::noteMutexReleased();
         // Under the lock, so that a thread that takes, drops and destroys the
         // mutex next cannot free it under this call.
         mutex->released.notify_one();

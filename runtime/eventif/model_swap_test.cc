@@ -1,0 +1,302 @@
+// Model swaps under the rescan lock, against a stand-in for the plug-in: a
+// monitor thread that reads an event per tick and signals 3061 and 3060, and
+// a rescan thread that takes the tables' lock at 3061 and waits holding it
+// for 3060, as the plug-in's threads do.
+#include "eventif/model_swap.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/commands.h"
+#include "datastore/model.h"
+#include "datastore/model_store.h"
+#include "datastore/model_testing.h"
+#include "eventif/event_queue.h"
+#include "eventif/reader.h"
+#include "eventif/rescan_gate.h"
+#include "vcsupt.h"
+
+namespace kelp::ev {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// The test model with `from` replaced by `to` once.
+std::string edited(const std::string &from, const std::string &to)
+{
+    std::string text = ds::testing::kTestModel;
+    const size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+std::shared_ptr<const ds::Model> build(const std::string &text)
+{
+    ds::ModelData data;
+    std::string error;
+    EXPECT_TRUE(ds::parseModelText(text, "test", &data, &error)) << error;
+    auto model = ds::Model::build(std::move(data), &error);
+    EXPECT_NE(model, nullptr) << error;
+    return model;
+}
+
+const std::string kBase = ds::testing::kTestModel;
+// Id 5 names another enclosure.
+const std::string kMoved =
+    edited("<Nexus>0\\0\\0</Nexus><Name>Backplane", "<Nexus>0\\0\\9</Nexus><Name>Backplane");
+// Only a value differs: every id names the same object.
+const std::string kSame = edited("<Name>Backplane", "<Name>Front bay");
+
+TEST(IdsChangeOwner, ComparesWhatEachIdNames)
+{
+    const auto base = build(kBase);
+    const struct {
+        const char *what;
+        std::shared_ptr<const ds::Model> before, after;
+        bool changes;
+    } cases[] = {
+        {"no model before", nullptr, base, false},
+        {"no model after", base, nullptr, true},
+        {"the same model", base, base, false},
+        {"another value", base, build(kSame), false},
+        {"another nexus under an id", base, build(kMoved), true},
+        {"another type under an id", base,
+         build(edited(R"(<object id="80" type="Tape">)", R"(<object id="80" type="fans">)")), true},
+        {"an object gone", base,
+         build(edited(R"(<object id="70" type="fans" parent="5"><Nexus>0\0\0\f</Nexus></object>)",
+                      "")),
+         true},
+        {"an object come", base,
+         build(edited(
+             "<link a=\"20\"",
+             R"(<object id="71" type="fans" parent="5"><Nexus>0\0\0\g</Nexus></object><link a="20")")),
+         false},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(idsChangeOwner(c.before.get(), c.after.get()), c.changes) << c.what;
+}
+
+std::string servedOrigin()
+{
+    const auto model = ds::servedModel();
+    return model ? model->data().origins.at(0) : std::string("none");
+}
+
+// The plug-in's two threads, reading every few milliseconds.
+class StandIn {
+  public:
+    explicit StandIn(bool locks, std::chrono::milliseconds tick = 5ms) : locks_(locks), tick_(tick)
+    {
+        monitor_ = std::thread([this] { monitor(); });
+        if (locks_)
+            rescan_ = std::thread([this] { rescan(); });
+        while (reads_.load() == 0)
+            std::this_thread::sleep_for(1ms);
+    }
+    ~StandIn()
+    {
+        stop_.store(true);
+        monitor_.join();
+        if (rescan_.joinable())
+            rescan_.join();
+        SMEventDestroy(started_);
+        SMEventDestroy(completed_);
+        SMMutexDestroy(tables_);
+    }
+
+    // Event ids handed out so far.
+    std::vector<uint32_t> handedOut()
+    {
+        std::lock_guard lock(m_);
+        return ids_;
+    }
+    // The model served when the tables were locked, and when rebuilt.
+    std::vector<std::pair<std::string, std::string>> rescans()
+    {
+        std::lock_guard lock(m_);
+        return rescans_;
+    }
+    bool waitForRescans(size_t n)
+    {
+        for (auto end = Clock::now() + 5s; Clock::now() < end; std::this_thread::sleep_for(1ms)) {
+            if (rescans().size() >= n)
+                return true;
+        }
+        return false;
+    }
+
+  private:
+    void monitor()
+    {
+        while (!stop_.load()) {
+            char *text = readNextEvent();
+            reads_.fetch_add(1);
+            if (text != nullptr) {
+                const uint32_t id = eventNumber(text).value_or(0);
+                {
+                    std::lock_guard lock(m_);
+                    ids_.push_back(id);
+                }
+                if (id == ctl::kRescanStartedEvent)
+                    SMEventSet(started_);
+                else if (id == ctl::kRescanCompletedEvent)
+                    SMEventSet(completed_);
+                releaseEventText(text);
+            }
+            std::this_thread::sleep_for(tick_);
+        }
+    }
+    void rescan()
+    {
+        while (!stop_.load()) {
+            if (SMEventWait(started_, 10) != 0)
+                continue;
+            SMMutexLock(tables_, SM_WAIT_FOREVER);
+            const std::string lockedUnder = servedOrigin();
+            while (SMEventWait(completed_, 10) != 0 && !stop_.load()) {
+            }
+            {
+                std::lock_guard lock(m_);
+                rescans_.emplace_back(lockedUnder, servedOrigin());
+            }
+            SMMutexUnLock(tables_);
+        }
+    }
+
+    const bool locks_;
+    const std::chrono::milliseconds tick_;
+    SMEventHandle started_ = SMEventCreate(0, 0, nullptr);
+    SMEventHandle completed_ = SMEventCreate(0, 0, nullptr);
+    SMMutexHandle tables_ = SMMutexCreate(0);
+    std::atomic<bool> stop_{false};
+    std::atomic<int> reads_{0};
+    std::mutex m_;
+    std::vector<uint32_t> ids_;
+    std::vector<std::pair<std::string, std::string>> rescans_;
+    std::thread monitor_, rescan_;
+};
+
+class ModelSwap : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        // The gate's bounds are scaled: 4 s become 200 ms.
+        setenv("KELP_TIME_SCALE", "20", 1);
+        clearEvents();
+        ds::resetForTesting();
+        load(kBase, "before");
+    }
+    void TearDown() override
+    {
+        clearEvents();
+        ds::resetForTesting();
+        unsetenv("KELP_TIME_SCALE");
+    }
+    static void load(const std::string &text, const std::string &origin)
+    {
+        std::string error;
+        ASSERT_TRUE(ds::loadModelText(text, origin, &error)) << error;
+    }
+    static void queueBacklog(int n)
+    {
+        std::string error;
+        for (int i = 0; i < n; ++i)
+            ASSERT_TRUE(queueEvent(ctl::eventXml(2000, {}, {}, {}), &error)) << error;
+    }
+};
+
+TEST_F(ModelSwap, IdsThatMoveAreSwappedUnderTheLockAheadOfTheEventsWaiting)
+{
+    StandIn plugIn(true);
+    queueBacklog(20);
+    load(kMoved, "after");
+    ASSERT_TRUE(plugIn.waitForRescans(1));
+    // Locked while the old model was served, rebuilt from the new one.
+    EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "after")));
+    const std::vector<uint32_t> ids = plugIn.handedOut();
+    ASSERT_GE(ids.size(), 2u);
+    EXPECT_EQ(ids[0], ctl::kRescanStartedEvent);
+    EXPECT_EQ(ids[1], ctl::kRescanCompletedEvent);
+}
+
+TEST_F(ModelSwap, IdsThatStayAreSwappedAtOnce)
+{
+    StandIn plugIn(true);
+    queueBacklog(3);
+    load(kSame, "after");
+    EXPECT_EQ(servedOrigin(), "after");
+    std::this_thread::sleep_for(100ms);
+    for (uint32_t id : plugIn.handedOut())
+        EXPECT_EQ(id, 2000u);
+    EXPECT_TRUE(plugIn.rescans().empty());
+}
+
+TEST_F(ModelSwap, AnOpenRescanTakesTheSwapWithoutAnotherPair)
+{
+    StandIn plugIn(true);
+    std::string error;
+    ASSERT_TRUE(ctl::queueRescanEvents(&error)) << error;
+    // The pair is one event a read apart: wait for the 3061 only.
+    for (auto end = Clock::now() + 2s; !rescanOpen() && Clock::now() < end;)
+        std::this_thread::yield();
+    ASSERT_TRUE(rescanOpen());
+    load(kMoved, "after");
+    ASSERT_TRUE(plugIn.waitForRescans(1));
+    EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "after")));
+    EXPECT_EQ(plugIn.handedOut(),
+              (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+TEST_F(ModelSwap, ASwapBeforeTheLastOnesCompletedEventKeepsThatEventToCome)
+{
+    // The reader reads every 50 ms: the second load comes while the first
+    // one's 3060 waits for the reader's next read.
+    StandIn plugIn(true, 50ms);
+    load(kMoved, "after");
+    load(kBase, "again");
+    const auto loaded = Clock::now();
+    ASSERT_TRUE(plugIn.waitForRescans(1));
+    // Closed by the gate's 3060 at the next read, long before the rescan
+    // time-out would close it (1.5 s here).
+    EXPECT_LT(Clock::now() - loaded, 500ms);
+    EXPECT_FALSE(rescanOpen());
+    EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "again")));
+    EXPECT_EQ(plugIn.handedOut(),
+              (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+TEST_F(ModelSwap, WithoutAReaderTheSwapIsMadeAtOnce)
+{
+    const auto start = Clock::now();
+    load(kMoved, "after");
+    EXPECT_LT(Clock::now() - start, 100ms);
+    EXPECT_EQ(servedOrigin(), "after");
+    EXPECT_EQ(queuedEvents(), 0u);
+}
+
+TEST_F(ModelSwap, AReaderThatNeverLocksHoldsTheSwapForTheBoundOnly)
+{
+    StandIn plugIn(false);
+    const auto start = Clock::now();
+    load(kMoved, "after");
+    const auto took = Clock::now() - start;
+    EXPECT_GE(took, 150ms); // kGateWaitMs / 20
+    EXPECT_LT(took, 2s);
+    EXPECT_EQ(servedOrigin(), "after");
+    // The reader is handed the 3060 that closes the gate's rescan next.
+    for (auto end = Clock::now() + 2s; plugIn.handedOut().size() < 2 && Clock::now() < end;)
+        std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(plugIn.handedOut(),
+              (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+} // namespace
+} // namespace kelp::ev

@@ -1,0 +1,28 @@
+// Which event waits are made holding a mutex of this library. The plug-in
+// takes its tables' lock when it starts a rescan and waits for the rescan
+// completed event holding it; that wait is the one sign the runtime has that
+// the tables are locked, so that a model may be swapped under them
+// (eventif/rescan_gate.h). Runtime-private; thread-safe.
+#ifndef KELP_RUNTIME_SUPPORT_LOCK_WATCH_H
+#define KELP_RUNTIME_SUPPORT_LOCK_WATCH_H
+
+#include <cstdint>
+
+namespace kelp::rt {
+
+// The calling thread took a mutex (SMMutexLock, first level) or let one go
+// (SMMutexUnLock, last level).
+void noteMutexTaken();
+void noteMutexReleased();
+
+// The calling thread starts an event wait (SMEventWait); counted when it
+// holds a mutex.
+void noteEventWait();
+
+// How many event waits were started by a thread holding a mutex since the
+// runtime was loaded.
+uint64_t lockedEventWaits();
+
+} // namespace kelp::rt
+
+#endif // KELP_RUNTIME_SUPPORT_LOCK_WATCH_H
