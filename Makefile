@@ -88,7 +88,7 @@ asan: deps
 # change test runs for TSAN_CHANGE_SECONDS instead of its minute.
 TSAN_TARGETS = agent_integration_test agent_test module_event_threads_test module_store_test \
                module_frame_test support_test control_test eventif_test queue_test datastore_test \
-               agent_flood_test agent_faults_test kelp_stress
+               agent_flood_test agent_faults_test kelp_stress model_swap_test agent_swap_test
 TSAN_CHANGE_SECONDS ?= 20
 tsan: deps
 	cmake -S . -B $(BUILD_TSAN) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DKELP_SANITIZE_THREAD=ON $(CMAKE_ARGS)
