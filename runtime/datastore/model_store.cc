@@ -383,7 +383,7 @@ bool removeObject(uint32_t id, std::string *error)
             return fail(error, noObject(id));
         if (const auto &children = current.childrenOf(*pos); !children.empty()) {
             return fail(error, "object " + std::to_string(id) + " has children (object " +
-                                   std::to_string(current.object(children.front()).id) +
+                                   std::to_string(current.idOf(children.front())) +
                                    " first); remove them first");
         }
         data.objects.erase(data.objects.begin() + static_cast<std::ptrdiff_t>(*pos));
