@@ -48,6 +48,13 @@ bool isAttributeName(const std::string &name)
     return xml::isName(name) && xml::isXmlText(name);
 }
 
+// "origin:line" of a place in a model of these origins (ModelData::place).
+std::string place(const std::vector<std::string> &origins, const Where &where)
+{
+    std::string origin = where.origin < origins.size() ? origins[where.origin] : "model";
+    return origin + ":" + std::to_string(where.line);
+}
+
 } // namespace
 
 int objectTypeIndex(std::string_view name)
@@ -66,18 +73,6 @@ const std::string *firstAttribute(const ObjectData &object, std::string_view nam
             return &value;
     }
     return nullptr;
-}
-
-std::shared_ptr<const Model> Model::build(ModelData data, std::string *error)
-{
-    std::shared_ptr<Model> model(new Model());
-    std::string message;
-    if (!model->index(data, &message)) {
-        if (error != nullptr)
-            *error = std::move(message);
-        return nullptr;
-    }
-    return model;
 }
 
 namespace {
@@ -158,15 +153,55 @@ char *writeEscaped(std::string_view value, char *out)
 
 } // namespace
 
-bool Model::index(ModelData &data, std::string *error)
+// What a build needs only while it runs: the escaped size of each value id,
+// the value ids by text, and the ids of the attribute names (each name and
+// each value is checked once, when first seen).
+struct Model::Builder::Tables {
+    Tables(const std::string &values, const std::vector<uint32_t> &starts)
+        : valueIds(values, starts)
+    {
+    }
+    std::vector<uint32_t> escaped;
+    ValueIds valueIds;
+    std::unordered_map<std::string, uint32_t> nameIds;
+};
+
+Model::Builder::Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere)
+    : model_(new Model())
+{
+    model_->origins_ = std::move(origins);
+    model_->storage_ = std::move(storage);
+    model_->storageWhere_ = storageWhere;
+    model_->byType_.assign(kObjectTypeCount, {});
+    model_->valueStart_.push_back(0);
+    tables_ = std::make_unique<Tables>(model_->values_, model_->valueStart_);
+}
+
+Model::Builder::~Builder() = default;
+
+bool Model::Builder::start(std::string *error)
+{
+    return model_->checkStorage(error);
+}
+
+void Model::Builder::reserve(size_t objects, size_t attributes)
+{
+    model_->objects_.reserve(model_->objects_.size() + objects);
+    model_->attributes_.reserve(model_->attributes_.size() + attributes);
+    model_->byId_.reserve(model_->byId_.size() + objects);
+}
+
+void Model::Builder::addLink(const LinkData &link)
+{
+    model_->links_.push_back(link);
+}
+
+bool Model::checkStorage(std::string *error)
 {
     auto fail = [&](const Where &where, const std::string &message) {
-        *error = data.at(where) + message;
+        *error = place(origins_, where) + ": " + message;
         return false;
     };
-    origins_ = data.origins;
-    storage_ = std::move(data.storage);
-    storageWhere_ = data.storageWhere;
     storageIndex_.reserve(storage_.size());
     for (size_t i = 0; i < storage_.size(); ++i) {
         const auto &[name, value] = storage_[i];
@@ -188,88 +223,119 @@ bool Model::index(ModelData &data, std::string *error)
                         "thermalShutdown=\"" + value + "\" is not a number from 0 to 4294967295");
         }
     }
+    return true;
+}
 
-    const size_t n = data.objects.size();
-    size_t attributeTotal = 0;
-    for (const ObjectData &o : data.objects)
-        attributeTotal += o.attributes.size();
+bool Model::Builder::add(ObjectData &o, std::string *error)
+{
+    Model &m = *model_;
+    const size_t pos = m.objects_.size();
     // Positions, attribute indexes and value offsets are held in 32 bits: a
     // model over that is refused, not wrapped.
-    if (n > UINT32_MAX || attributeTotal > UINT32_MAX)
-        return fail(storageWhere_, "too many objects or attributes");
-    objects_.reserve(n);
-    attributes_.reserve(attributeTotal);
-    byId_.reserve(n);
-    byType_.assign(kObjectTypeCount, {});
-    valueStart_.push_back(0);
-    // Build-time tables: the escaped size of each value id, and the ids of
-    // the attribute names (each checked once, when first seen).
-    std::vector<uint32_t> escaped;
-    ValueIds valueIds(values_, valueStart_);
-    std::unordered_map<std::string, uint32_t> nameIds;
-    for (size_t pos = 0; pos < n; ++pos) {
-        ObjectData &o = data.objects[pos];
-        const std::string what = "object " + std::to_string(o.id) + ": ";
-        if (o.id == 0)
-            return fail(o.where, "object id 0 (ids run from 1 to 4294967295)");
-        int type = objectTypeIndex(o.type);
-        if (type < 0)
-            return fail(o.where,
-                        what + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
-        auto [it, fresh] = byId_.emplace(o.id, static_cast<uint32_t>(pos));
-        if (!fresh) {
-            return fail(o.where, "duplicate object id " + std::to_string(o.id) + " (first at " +
-                                     data.place(data.objects[it->second].where) + ")");
-        }
-        Object stored{};
-        stored.id = o.id;
-        stored.parentId = o.parent;
-        stored.where = o.where;
-        stored.first = static_cast<uint32_t>(attributes_.size());
-        stored.type = static_cast<uint8_t>(type);
-        size_t answerSize = 15 + std::to_string(o.id).size(); // <ObjID>id</ObjID>
-        for (const auto &[name, value] : o.attributes) {
-            auto nameIt = nameIds.find(name);
-            if (nameIt == nameIds.end()) {
-                if (name == "ObjID")
-                    return fail(o.where, what + "ObjID is no attribute: the id attribute gives it");
-                if (!isAttributeName(name))
-                    return fail(o.where, what + "\"" + name + "\" is not an attribute name");
-                nameIt = nameIds.emplace(name, static_cast<uint32_t>(names_.size())).first;
-                names_.push_back(name);
-            }
-            std::optional<uint32_t> valueId = valueIds.find(value);
-            if (!valueId) {
-                if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
-                    return fail(o.where, what + tooLong);
-                if (!xml::isXmlText(value))
-                    return fail(o.where, what + name + " is not UTF-8 text");
-                if (values_.size() + value.size() > UINT32_MAX)
-                    return fail(o.where, what + "the model's values are over 4 GiB");
-                valueId = static_cast<uint32_t>(escaped.size());
-                values_ += value;
-                valueStart_.push_back(static_cast<uint32_t>(values_.size()));
-                escaped.push_back(static_cast<uint32_t>(escapedSize(value)));
-                valueIds.add(*valueId);
-            }
-            answerSize += 2 * name.size() + 5 + escaped[*valueId];
-            attributes_.push_back(Attribute{nameIt->second, *valueId});
-            if (!stored.hasNexus && name == "Nexus") {
-                stored.hasNexus = true;
-                stored.nexus = *valueId;
-            }
-        }
-        if (answerSize + 1 > kMaxObjectAnswerBytes) {
-            return fail(o.where, what + "its text is " + std::to_string(answerSize + 1) +
-                                     " bytes, over the limit of 65536");
-        }
-        stored.answerSize = static_cast<uint32_t>(answerSize);
-        stored.count = static_cast<uint16_t>(o.attributes.size());
-        objects_.push_back(stored);
-        byType_[static_cast<size_t>(type)].push_back(pos);
-        // The model holds them now.
-        Attributes().swap(o.attributes);
+    auto failAt = [&](const std::string &message) {
+        *error = place(m.origins_, o.where) + ": " + message;
+        return false;
+    };
+    if (pos >= UINT32_MAX || m.attributes_.size() + o.attributes.size() > UINT32_MAX)
+        return failAt("too many objects or attributes");
+    const std::string what = "object " + std::to_string(o.id) + ": ";
+    if (o.id == 0)
+        return failAt("object id 0 (ids run from 1 to 4294967295)");
+    int type = objectTypeIndex(o.type);
+    if (type < 0)
+        return failAt(what + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
+    auto [it, fresh] = m.byId_.emplace(o.id, static_cast<uint32_t>(pos));
+    if (!fresh) {
+        return failAt("duplicate object id " + std::to_string(o.id) + " (first at " +
+                      place(m.origins_, m.objects_[it->second].where) + ")");
     }
+    Object stored{};
+    stored.id = o.id;
+    stored.parentId = o.parent;
+    stored.where = o.where;
+    stored.first = static_cast<uint32_t>(m.attributes_.size());
+    stored.type = static_cast<uint8_t>(type);
+    size_t answerSize = 15 + std::to_string(o.id).size(); // <ObjID>id</ObjID>
+    for (const auto &[name, value] : o.attributes) {
+        auto nameIt = tables_->nameIds.find(name);
+        if (nameIt == tables_->nameIds.end()) {
+            if (name == "ObjID")
+                return failAt(what + "ObjID is no attribute: the id attribute gives it");
+            if (!isAttributeName(name))
+                return failAt(what + "\"" + name + "\" is not an attribute name");
+            nameIt = tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
+            m.names_.push_back(name);
+        }
+        std::optional<uint32_t> valueId = tables_->valueIds.find(value);
+        if (!valueId) {
+            if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
+                return failAt(what + tooLong);
+            if (!xml::isXmlText(value))
+                return failAt(what + name + " is not UTF-8 text");
+            if (m.values_.size() + value.size() > UINT32_MAX)
+                return failAt(what + "the model's values are over 4 GiB");
+            valueId = static_cast<uint32_t>(tables_->escaped.size());
+            m.values_ += value;
+            m.valueStart_.push_back(static_cast<uint32_t>(m.values_.size()));
+            tables_->escaped.push_back(static_cast<uint32_t>(escapedSize(value)));
+            tables_->valueIds.add(*valueId);
+        }
+        answerSize += 2 * name.size() + 5 + tables_->escaped[*valueId];
+        m.attributes_.push_back(Attribute{nameIt->second, *valueId});
+        if (!stored.hasNexus && name == "Nexus") {
+            stored.hasNexus = true;
+            stored.nexus = *valueId;
+        }
+    }
+    if (answerSize + 1 > kMaxObjectAnswerBytes) {
+        return failAt(what + "its text is " + std::to_string(answerSize + 1) +
+                      " bytes, over the limit of 65536");
+    }
+    stored.answerSize = static_cast<uint32_t>(answerSize);
+    stored.count = static_cast<uint16_t>(o.attributes.size());
+    m.objects_.push_back(stored);
+    m.byType_[static_cast<size_t>(type)].push_back(pos);
+    // The model holds them now.
+    Attributes().swap(o.attributes);
+    return true;
+}
+
+std::shared_ptr<const Model> Model::Builder::finish(std::string *error)
+{
+    tables_.reset();
+    if (!model_->indexAll(error))
+        return nullptr;
+    return std::move(model_);
+}
+
+std::shared_ptr<const Model> Model::build(ModelData data, std::string *error)
+{
+    std::string message;
+    Builder builder(std::move(data.origins), std::move(data.storage), data.storageWhere);
+    size_t attributes = 0;
+    for (const ObjectData &o : data.objects)
+        attributes += o.attributes.size();
+    builder.reserve(data.objects.size(), attributes);
+    bool ok = builder.start(&message);
+    for (size_t i = 0; ok && i < data.objects.size(); ++i)
+        ok = builder.add(data.objects[i], &message);
+    for (const LinkData &l : data.links)
+        builder.addLink(l);
+    std::shared_ptr<const Model> model = ok ? builder.finish(&message) : nullptr;
+    if (model == nullptr && error != nullptr)
+        *error = std::move(message);
+    return model;
+}
+
+bool Model::indexAll(std::string *error)
+{
+    auto fail = [&](const Where &where, const std::string &message) {
+        *error = place(origins_, where) + ": " + message;
+        return false;
+    };
+    const size_t n = objects_.size();
+    objects_.shrink_to_fit();
+    attributes_.shrink_to_fit();
     values_.shrink_to_fit();
     valueStart_.shrink_to_fit();
     names_.shrink_to_fit();
@@ -317,7 +383,6 @@ bool Model::index(ModelData &data, std::string *error)
     }
 
     linked_.assign(n, {});
-    links_ = std::move(data.links);
     for (const auto &l : links_) {
         auto a = byId_.find(l.a);
         auto b = byId_.find(l.b);

@@ -101,6 +101,34 @@ class Model {
     // model and data never both hold them whole.
     static std::shared_ptr<const Model> build(ModelData data, std::string *error);
 
+    // Builds a model object by object, as a model file is read, with the
+    // checks and the error messages of build(): start, then add each object
+    // in file order and each link, then finish. After a false answer the
+    // builder is spent.
+    class Builder {
+      public:
+        Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere);
+        ~Builder();
+        Builder(const Builder &) = delete;
+        Builder &operator=(const Builder &) = delete;
+        // Checks the attributes of <storage>; before any object is added.
+        bool start(std::string *error);
+        // Room for this many more objects and attributes (a hint).
+        void reserve(size_t objects, size_t attributes);
+        // Checks and stores the next object, taking its attributes out of it.
+        bool add(ObjectData &object, std::string *error);
+        // Keeps a link; finish checks it.
+        void addLink(const LinkData &link);
+        // The checks across objects and the indexes: the model, or null with
+        // *error naming the origin and line of the first problem.
+        std::shared_ptr<const Model> finish(std::string *error);
+
+      private:
+        struct Tables;
+        std::shared_ptr<Model> model_;
+        std::unique_ptr<Tables> tables_;
+    };
+
     // The data the model was built from, made anew: building a model from
     // it gives the same model. For changes (which edit a copy) and writers.
     ModelData data() const;
@@ -196,7 +224,10 @@ class Model {
     // The indexes hold views into the tables.
     Model(const Model &) = delete;
     Model &operator=(const Model &) = delete;
-    bool index(ModelData &data, std::string *error);
+    // The checks of <storage>'s attributes, and those across objects with
+    // the indexes (Builder::start and Builder::finish).
+    bool checkStorage(std::string *error);
+    bool indexAll(std::string *error);
     std::string_view value(uint32_t id) const
     {
         return std::string_view(values_).substr(valueStart_[id],
