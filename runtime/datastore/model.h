@@ -93,6 +93,15 @@ bool parseModelText(std::string_view text, const std::string &origin, ModelData 
 bool parseModelFragment(std::string_view text, const std::string &origin, ModelData *data,
                         std::string *error);
 
+class Model;
+
+// A model file's text read straight into a model: what parseModelText and
+// then Model::build answer, the same messages included, but each object is
+// checked and stored as soon as it is read, so that neither the text's
+// tree nor the model data is ever held whole. Null with *error.
+std::shared_ptr<const Model> readModel(std::string_view text, const std::string &origin,
+                                       std::string *error);
+
 class Model {
   public:
     // Validates data as a model file is validated and indexes it. Null with

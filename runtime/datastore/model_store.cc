@@ -110,10 +110,7 @@ std::shared_ptr<const Model> modelFromFile(const std::string &path, std::string 
         fail(error, message);
         return nullptr;
     }
-    ModelData data;
-    if (!parseModelText(text, path, &data, error))
-        return nullptr;
-    return Model::build(std::move(data), error);
+    return readModel(text, path, error);
 }
 
 // The first access while no host has chosen a model loads KELP_MODEL. No
@@ -285,12 +282,7 @@ bool saveModelFile(const std::string &path, std::string *error)
 
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error)
 {
-    return load(std::string(), origin, error, [&]() -> std::shared_ptr<const Model> {
-        ModelData data;
-        if (!parseModelText(text, origin, &data, error))
-            return nullptr;
-        return Model::build(std::move(data), error);
-    });
+    return load(std::string(), origin, error, [&] { return readModel(text, origin, error); });
 }
 
 void unloadModel()

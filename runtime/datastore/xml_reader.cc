@@ -47,8 +47,8 @@ class SeenNames {
 
 class Reader {
   public:
-    Reader(std::string_view text, uint32_t maxDepth, Error *error)
-        : s_(text), maxDepth_(maxDepth), error_(error)
+    Reader(std::string_view text, uint32_t maxDepth, Error *error, const ChildSink *sink = nullptr)
+        : s_(text), maxDepth_(maxDepth), error_(error), sink_(sink)
     {
     }
 
@@ -65,10 +65,12 @@ class Reader {
     bool text(size_t end);
     bool startTag(size_t lt, bool document);
     bool endTag(size_t lt);
+    void closed(Element &&e);
 
     std::string_view s_;
     uint32_t maxDepth_;
     Error *error_;
+    const ChildSink *sink_; // takes the children of the root, when set
     size_t pos_ = 0;
     size_t countedTo_ = 0; // lines are counted up to here
     uint32_t countedLine_ = 1;
@@ -243,12 +245,23 @@ bool Reader::startTag(size_t lt, bool document)
     }
     if (s_[p] == '/') {
         pos_ = p + 2;
-        stack_.back().children.push_back(std::move(e));
+        closed(std::move(e));
     } else {
         pos_ = p + 1;
         stack_.push_back(std::move(e));
     }
     return true;
+}
+
+// An element just closed goes to its parent, or to the sink when that is
+// the root element (stack_[1]; stack_[0] is the virtual root).
+void Reader::closed(Element &&e)
+{
+    if (sink_ != nullptr && stack_.size() == 2) {
+        (*sink_)(stack_[1], e);
+        return;
+    }
+    stack_.back().children.push_back(std::move(e));
 }
 
 bool Reader::endTag(size_t lt)
@@ -269,7 +282,7 @@ bool Reader::endTag(size_t lt)
     }
     Element done = std::move(stack_.back());
     stack_.pop_back();
-    stack_.back().children.push_back(std::move(done));
+    closed(std::move(done));
     pos_ = p + 1;
     return true;
 }
@@ -353,6 +366,16 @@ bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t 
 {
     std::vector<Element> top;
     if (!Reader(text, maxDepth, error).run(true, &top))
+        return false;
+    *root = std::move(top.front());
+    return true;
+}
+
+bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t maxDepth,
+                   const ChildSink &sink)
+{
+    std::vector<Element> top;
+    if (!Reader(text, maxDepth, error, &sink).run(true, &top))
         return false;
     *root = std::move(top.front());
     return true;
