@@ -238,12 +238,13 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
     };
     if (pos >= UINT32_MAX || m.attributes_.size() + o.attributes.size() > UINT32_MAX)
         return failAt("too many objects or attributes");
-    const std::string what = "object " + std::to_string(o.id) + ": ";
+    // Made for a message only: most objects need none.
+    auto what = [&] { return "object " + std::to_string(o.id) + ": "; };
     if (o.id == 0)
         return failAt("object id 0 (ids run from 1 to 4294967295)");
     int type = objectTypeIndex(o.type);
     if (type < 0)
-        return failAt(what + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
+        return failAt(what() + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
     auto [it, fresh] = m.byId_.emplace(o.id, static_cast<uint32_t>(pos));
     if (!fresh) {
         return failAt("duplicate object id " + std::to_string(o.id) + " (first at " +
@@ -260,20 +261,20 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
         auto nameIt = tables_->nameIds.find(name);
         if (nameIt == tables_->nameIds.end()) {
             if (name == "ObjID")
-                return failAt(what + "ObjID is no attribute: the id attribute gives it");
+                return failAt(what() + "ObjID is no attribute: the id attribute gives it");
             if (!isAttributeName(name))
-                return failAt(what + "\"" + name + "\" is not an attribute name");
+                return failAt(what() + "\"" + name + "\" is not an attribute name");
             nameIt = tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
             m.names_.push_back(name);
         }
         std::optional<uint32_t> valueId = tables_->valueIds.find(value);
         if (!valueId) {
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
-                return failAt(what + tooLong);
+                return failAt(what() + tooLong);
             if (!xml::isXmlText(value))
-                return failAt(what + name + " is not UTF-8 text");
+                return failAt(what() + name + " is not UTF-8 text");
             if (m.values_.size() + value.size() > UINT32_MAX)
-                return failAt(what + "the model's values are over 4 GiB");
+                return failAt(what() + "the model's values are over 4 GiB");
             valueId = static_cast<uint32_t>(tables_->escaped.size());
             m.values_ += value;
             m.valueStart_.push_back(static_cast<uint32_t>(m.values_.size()));
@@ -288,7 +289,7 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
         }
     }
     if (answerSize + 1 > kMaxObjectAnswerBytes) {
-        return failAt(what + "its text is " + std::to_string(answerSize + 1) +
+        return failAt(what() + "its text is " + std::to_string(answerSize + 1) +
                       " bytes, over the limit of 65536");
     }
     stored.answerSize = static_cast<uint32_t>(answerSize);

@@ -4,6 +4,7 @@
 // by the string_view.
 #include "datastore/xml_reader.h"
 
+#include <algorithm>
 #include <array>
 #include <unordered_set>
 
@@ -123,6 +124,13 @@ bool Reader::decode(std::string_view raw, size_t base, bool blankSpace, std::str
     static constexpr std::pair<std::string_view, char> kNamed[] = {
         {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
     for (size_t i = 0; i < raw.size(); ++i) {
+        // Element text up to the next reference is taken as it is, in one go.
+        if (!blankSpace && raw[i] != '&') {
+            const size_t amp = std::min(raw.find('&', i), raw.size());
+            out->append(raw.substr(i, amp - i));
+            i = amp - 1;
+            continue;
+        }
         if (raw[i] != '&') {
             out->push_back(blankSpace && isSpace(raw[i]) ? ' ' : raw[i]);
             continue;

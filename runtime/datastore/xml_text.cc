@@ -6,22 +6,6 @@ namespace kelp::ds::xml {
 
 constexpr size_t npos = std::string_view::npos;
 
-bool isSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-bool isNameStart(char c)
-{
-    auto u = static_cast<unsigned char>(c);
-    return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
-}
-
-bool isNameChar(char c)
-{
-    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
-
 bool isXmlChar(uint32_t cp)
 {
     return cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
@@ -53,6 +37,11 @@ size_t firstBadByte(std::string_view s)
     size_t i = 0;
     while (i < s.size()) {
         auto b = static_cast<unsigned char>(s[i]);
+        // Printable ASCII, most of any model, needs no decoding.
+        if (b >= 0x20 && b < 0x7F) {
+            ++i;
+            continue;
+        }
         if (b < 0x80) {
             if (!isXmlChar(b))
                 return i;

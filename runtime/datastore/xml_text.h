@@ -11,12 +11,23 @@
 
 namespace kelp::ds::xml {
 
-// XML white space: blank, tab, carriage return, line feed.
-bool isSpace(char c);
+// XML white space: blank, tab, carriage return, line feed. Inline, as the
+// reader asks this and the two below of nearly every byte it reads.
+inline bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 // A byte that may start a name (a letter, '_', ':' or any non-ASCII byte),
 // and one that may follow (also digits, '-' and '.').
-bool isNameStart(char c);
-bool isNameChar(char c);
+inline bool isNameStart(char c)
+{
+    auto u = static_cast<unsigned char>(c);
+    return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
+}
+inline bool isNameChar(char c)
+{
+    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
 // A code point XML 1.0 allows in a document.
 bool isXmlChar(uint32_t cp);
 // Appends the UTF-8 form of code point cp (at most U+10FFFF).
