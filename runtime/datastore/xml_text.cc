@@ -2,6 +2,8 @@
 // bytes are text, which are names, and how text is written back.
 #include "datastore/xml_text.h"
 
+#include <cstring>
+
 namespace kelp::ds::xml {
 
 constexpr size_t npos = std::string_view::npos;
@@ -32,13 +34,32 @@ void appendUtf8(std::string *out, uint32_t cp)
     }
 }
 
+namespace {
+
+// Whether the 8 bytes at p are all ASCII from 0x20 up, characters XML
+// allows as they are: none has its high bit set, none is below 0x20.
+bool asciiTextWord(const char *p)
+{
+    constexpr uint64_t kOnes = 0x0101010101010101, kHighs = 0x8080808080808080;
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    const uint64_t below20 = (w - kOnes * 0x20) & ~w & kHighs;
+    return ((w & kHighs) | below20) == 0;
+}
+
+} // namespace
+
 size_t firstBadByte(std::string_view s)
 {
     size_t i = 0;
     while (i < s.size()) {
+        while (i + 8 <= s.size() && asciiTextWord(s.data() + i))
+            i += 8;
+        if (i >= s.size())
+            break;
         auto b = static_cast<unsigned char>(s[i]);
-        // Printable ASCII, most of any model, needs no decoding.
-        if (b >= 0x20 && b < 0x7F) {
+        // ASCII from 0x20 up, most of any model, needs no decoding.
+        if (b >= 0x20 && b < 0x80) {
             ++i;
             continue;
         }
