@@ -164,6 +164,10 @@ struct Model::Builder::Tables {
     std::vector<uint32_t> escaped;
     ValueIds valueIds;
     std::unordered_map<std::string, uint32_t> nameIds;
+    // The name id at each attribute position of the object added last:
+    // objects of a type mostly name their attributes alike, in one order,
+    // and a compare costs less than a look-up.
+    std::vector<uint32_t> lastNames;
 };
 
 Model::Builder::Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere)
@@ -257,15 +261,27 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
     stored.first = static_cast<uint32_t>(m.attributes_.size());
     stored.type = static_cast<uint8_t>(type);
     size_t answerSize = 15 + std::to_string(o.id).size(); // <ObjID>id</ObjID>
-    for (const auto &[name, value] : o.attributes) {
-        auto nameIt = tables_->nameIds.find(name);
-        if (nameIt == tables_->nameIds.end()) {
-            if (name == "ObjID")
-                return failAt(what() + "ObjID is no attribute: the id attribute gives it");
-            if (!isAttributeName(name))
-                return failAt(what() + "\"" + name + "\" is not an attribute name");
-            nameIt = tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
-            m.names_.push_back(name);
+    std::vector<uint32_t> &lastNames = tables_->lastNames;
+    for (size_t i = 0; i < o.attributes.size(); ++i) {
+        const auto &[name, value] = o.attributes[i];
+        uint32_t nameId;
+        if (i < lastNames.size() && m.names_[lastNames[i]] == name) {
+            nameId = lastNames[i];
+        } else {
+            auto nameIt = tables_->nameIds.find(name);
+            if (nameIt == tables_->nameIds.end()) {
+                if (name == "ObjID")
+                    return failAt(what() + "ObjID is no attribute: the id attribute gives it");
+                if (!isAttributeName(name))
+                    return failAt(what() + "\"" + name + "\" is not an attribute name");
+                nameIt =
+                    tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
+                m.names_.push_back(name);
+            }
+            nameId = nameIt->second;
+            if (i >= lastNames.size())
+                lastNames.resize(i + 1);
+            lastNames[i] = nameId;
         }
         std::optional<uint32_t> valueId = tables_->valueIds.find(value);
         if (!valueId) {
@@ -282,7 +298,7 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
             tables_->valueIds.add(*valueId);
         }
         answerSize += 2 * name.size() + 5 + tables_->escaped[*valueId];
-        m.attributes_.push_back(Attribute{nameIt->second, *valueId});
+        m.attributes_.push_back(Attribute{nameId, *valueId});
         if (!stored.hasNexus && name == "Nexus") {
             stored.hasNexus = true;
             stored.nexus = *valueId;
