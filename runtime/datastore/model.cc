@@ -164,10 +164,12 @@ struct Model::Builder::Tables {
     std::vector<uint32_t> escaped;
     ValueIds valueIds;
     std::unordered_map<std::string, uint32_t> nameIds;
-    // The name id at each attribute position of the object added last:
-    // objects of a type mostly name their attributes alike, in one order,
-    // and a compare costs less than a look-up.
+    // The name and value ids at each attribute position of the object added
+    // last: objects of a type mostly name their attributes alike, in one
+    // order, often with the same values, and a compare costs less than a
+    // look-up.
     std::vector<uint32_t> lastNames;
+    std::vector<uint32_t> lastValues;
 };
 
 Model::Builder::Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere)
@@ -279,11 +281,18 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
                 m.names_.push_back(name);
             }
             nameId = nameIt->second;
-            if (i >= lastNames.size())
+            if (i >= lastNames.size()) {
                 lastNames.resize(i + 1);
+                tables_->lastValues.resize(i + 1, UINT32_MAX);
+            }
             lastNames[i] = nameId;
         }
-        std::optional<uint32_t> valueId = tables_->valueIds.find(value);
+        uint32_t &lastValue = tables_->lastValues[i];
+        std::optional<uint32_t> valueId;
+        if (lastValue != UINT32_MAX && m.value(lastValue) == value)
+            valueId = lastValue;
+        else
+            valueId = tables_->valueIds.find(value);
         if (!valueId) {
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
                 return failAt(what() + tooLong);
@@ -297,6 +306,7 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
             tables_->escaped.push_back(static_cast<uint32_t>(escapedSize(value)));
             tables_->valueIds.add(*valueId);
         }
+        lastValue = *valueId;
         answerSize += 2 * name.size() + 5 + tables_->escaped[*valueId];
         m.attributes_.push_back(Attribute{nameId, *valueId});
         if (!stored.hasNexus && name == "Nexus") {
