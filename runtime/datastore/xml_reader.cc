@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <unordered_set>
 
 #include "datastore/xml_text.h"
@@ -73,6 +74,7 @@ class Reader {
     Error *error_;
     const ChildSink *sink_; // takes the children of the root, when set
     size_t pos_ = 0;
+    size_t childHint_ = 0; // children of the element closed last that had any
     size_t countedTo_ = 0; // lines are counted up to here
     uint32_t countedLine_ = 1;
     std::vector<Element> stack_; // [0] is the virtual root
@@ -84,9 +86,16 @@ uint32_t Reader::lineAt(size_t pos)
         countedTo_ = 0;
         countedLine_ = 1;
     }
-    for (; countedTo_ < pos && countedTo_ < s_.size(); ++countedTo_) {
-        if (s_[countedTo_] == '\n')
+    const size_t to = std::min(pos, s_.size());
+    if (countedTo_ < to) {
+        const char *p = s_.data() + countedTo_;
+        const char *end = s_.data() + to;
+        while ((p = static_cast<const char *>(
+                    std::memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
             ++countedLine_;
+            ++p;
+        }
+        countedTo_ = to;
     }
     return countedLine_;
 }
@@ -265,11 +274,18 @@ bool Reader::startTag(size_t lt, bool document)
 // the root element (stack_[1]; stack_[0] is the virtual root).
 void Reader::closed(Element &&e)
 {
+    // Siblings mostly hold as many children as the one before: room for
+    // that many (up to a bound) saves moving elements as a vector grows.
+    if (!e.children.empty())
+        childHint_ = std::min<size_t>(e.children.size(), 64);
     if (sink_ != nullptr && stack_.size() == 2) {
         (*sink_)(stack_[1], e);
         return;
     }
-    stack_.back().children.push_back(std::move(e));
+    std::vector<Element> &siblings = stack_.back().children;
+    if (siblings.empty())
+        siblings.reserve(childHint_);
+    siblings.push_back(std::move(e));
 }
 
 bool Reader::endTag(size_t lt)
