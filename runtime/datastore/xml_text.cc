@@ -36,15 +36,21 @@ void appendUtf8(std::string *out, uint32_t cp)
 
 namespace {
 
-// Whether the 8 bytes at p are all ASCII from 0x20 up, characters XML
-// allows as they are: none has its high bit set, none is below 0x20.
+// Whether the 8 bytes at p are all ASCII characters XML allows as they
+// are: from 0x20 up, or a line feed or a tab (a model has one a line). Each
+// test below is exact per byte: with no high bit set, no sum carries into
+// the next byte.
 bool asciiTextWord(const char *p)
 {
     constexpr uint64_t kOnes = 0x0101010101010101, kHighs = 0x8080808080808080;
     uint64_t w;
     std::memcpy(&w, p, sizeof w);
-    const uint64_t below20 = (w - kOnes * 0x20) & ~w & kHighs;
-    return ((w & kHighs) | below20) == 0;
+    if ((w & kHighs) != 0)
+        return false;
+    const uint64_t from20 = (w + kOnes * 0x60) & kHighs;
+    const uint64_t notLineFeed = ((w ^ (kOnes * '\n')) + kOnes * 0x7F) & kHighs;
+    const uint64_t notTab = ((w ^ (kOnes * '\t')) + kOnes * 0x7F) & kHighs;
+    return (from20 | (notLineFeed ^ kHighs) | (notTab ^ kHighs)) == kHighs;
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #ifndef KELP_RUNTIME_DATASTORE_XML_TEXT_H
 #define KELP_RUNTIME_DATASTORE_XML_TEXT_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,14 +20,24 @@ inline bool isSpace(char c)
 }
 // A byte that may start a name (a letter, '_', ':' or any non-ASCII byte),
 // and one that may follow (also digits, '-' and '.').
+// Per byte: 1 set when it may start a name, 2 when it may be in one.
+inline constexpr auto kNameBytes = [] {
+    std::array<uint8_t, 256> table{};
+    for (unsigned u = 0; u < 256; ++u) {
+        const bool start =
+            (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
+        const bool in = start || (u >= '0' && u <= '9') || u == '-' || u == '.';
+        table[u] = static_cast<uint8_t>((start ? 1 : 0) | (in ? 2 : 0));
+    }
+    return table;
+}();
 inline bool isNameStart(char c)
 {
-    auto u = static_cast<unsigned char>(c);
-    return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
+    return (kNameBytes[static_cast<unsigned char>(c)] & 1) != 0;
 }
 inline bool isNameChar(char c)
 {
-    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+    return (kNameBytes[static_cast<unsigned char>(c)] & 2) != 0;
 }
 // A code point XML 1.0 allows in a document.
 bool isXmlChar(uint32_t cp);
