@@ -148,8 +148,9 @@ class Model {
     // The value of an attribute of <storage>, or nullopt. One hash look-up.
     std::optional<std::string> storageAttribute(std::string_view name) const;
 
-    // Number of objects, and the position of one in file order, or nullopt.
+    // The number of objects.
     size_t size() const { return objects_.size(); }
+    // Position of an object in file order, or nullopt.
     std::optional<size_t> find(uint32_t id) const;
     // Position of the object of `type` whose first "Nexus" attribute is
     // `nexus` exactly (the first such object in file order when the model
