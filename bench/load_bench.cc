@@ -40,7 +40,7 @@ const std::string &modelFile(Shape shape, size_t attributes)
 
 // One object cannot hold 10,000 attributes in the 64 KiB of its answer: that
 // load ends in the size error, which is found only once the whole object has
-// been read and its answer made, so it measures the same work.
+// been read and its answer's size counted, so it measures the same work.
 void BM_LoadModel(benchmark::State &state)
 {
     const auto shape = static_cast<Shape>(state.range(0));
