@@ -28,10 +28,11 @@ void readAnswers()
     for (const kelp::ds::ObjectType &type : kelp::ds::kObjectTypes) {
         freeMem(GetObjectList(&status, std::string(type.name).c_str()));
     }
-    for (const kelp::ds::ObjectData &object : model->data().objects) {
-        freeMem(GetSingleObject(&status, 0, object.id));
-        freeMem(GetAssociated(&status, "arraydisks", object.id));
-        freeMem(GetAssociatedPhyDevCount(&status, "arraydisks", object.id));
+    for (size_t pos = 0; pos < model->size(); ++pos) {
+        const uint32_t id = model->idOf(pos);
+        freeMem(GetSingleObject(&status, 0, id));
+        freeMem(GetAssociated(&status, "arraydisks", id));
+        freeMem(GetAssociatedPhyDevCount(&status, "arraydisks", id));
     }
     freeMem(DataStoreReady(&status));
 }

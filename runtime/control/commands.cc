@@ -118,7 +118,7 @@ void runSet(const Request &request, Reply *reply)
     // this read and the change.
     if (const std::shared_ptr<const ds::Model> model = ds::servedModel()) {
         if (const std::optional<size_t> pos = model->find(request.id)) {
-            if (const std::string *value = ds::firstAttribute(model->object(*pos), request.name))
+            if (std::optional<std::string_view> value = model->attribute(*pos, request.name))
                 reply->previous = *value;
         }
     }

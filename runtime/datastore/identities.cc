@@ -26,17 +26,17 @@ std::unordered_map<uint32_t, Identity> g_handedOut;
 
 bool matches(const Identity &identity, const Model &m, size_t pos)
 {
-    const std::string *nexus = m.nexusOf(pos);
-    return identity.type == m.typeIndexOf(pos) && identity.hasNexus == (nexus != nullptr) &&
-           (nexus == nullptr || identity.nexus == *nexus);
+    const std::optional<std::string_view> nexus = m.nexusOf(pos);
+    return identity.type == m.typeIndexOf(pos) && identity.hasNexus == nexus.has_value() &&
+           (!nexus || identity.nexus == *nexus);
 }
 
 void assign(Identity *identity, const Model &m, size_t pos)
 {
-    const std::string *nexus = m.nexusOf(pos);
+    const std::optional<std::string_view> nexus = m.nexusOf(pos);
     identity->type = m.typeIndexOf(pos);
-    identity->hasNexus = nexus != nullptr;
-    if (nexus != nullptr)
+    identity->hasNexus = nexus.has_value();
+    if (nexus)
         identity->nexus = *nexus;
     else
         identity->nexus.clear();
@@ -52,7 +52,7 @@ std::mutex &identityMutex()
 void rememberHandedOut(const Model &m, const std::vector<size_t> &positions)
 {
     for (size_t pos : positions) {
-        Identity &identity = g_handedOut[m.object(pos).id];
+        Identity &identity = g_handedOut[m.idOf(pos)];
         if (!matches(identity, m, pos))
             assign(&identity, m, pos);
     }
@@ -72,7 +72,7 @@ std::optional<size_t> positionNamedBy(const Model &m, uint32_t id)
 
 void followIdentity(const Model &before, size_t posBefore, const Model &after, size_t posAfter)
 {
-    auto it = g_handedOut.find(before.object(posBefore).id);
+    auto it = g_handedOut.find(before.idOf(posBefore));
     if (it != g_handedOut.end() && matches(it->second, before, posBefore))
         assign(&it->second, after, posAfter);
 }

@@ -4,6 +4,7 @@
 // tree, links, precomputed answers).
 #include <algorithm>
 #include <charconv>
+#include <unordered_set>
 
 #include "datastore/model.h"
 #include "datastore/xml_text.h"
@@ -47,6 +48,13 @@ bool isAttributeName(const std::string &name)
     return xml::isName(name) && xml::isXmlText(name);
 }
 
+// "origin:line" of a place in a model of these origins (ModelData::place).
+std::string place(const std::vector<std::string> &origins, const Where &where)
+{
+    std::string origin = where.origin < origins.size() ? origins[where.origin] : "model";
+    return origin + ":" + std::to_string(where.line);
+}
+
 } // namespace
 
 int objectTypeIndex(std::string_view name)
@@ -58,21 +66,6 @@ int objectTypeIndex(std::string_view name)
     return -1;
 }
 
-std::string objectAnswer(const ObjectData &object)
-{
-    std::string out = "<ObjID>" + std::to_string(object.id) + "</ObjID>";
-    for (const auto &[name, value] : object.attributes) {
-        out += '<';
-        out += name;
-        out += '>';
-        out += xml::escapeText(value);
-        out += "</";
-        out += name;
-        out += '>';
-    }
-    return out;
-}
-
 const std::string *firstAttribute(const ObjectData &object, std::string_view name)
 {
     for (const auto &[key, value] : object.attributes) {
@@ -82,101 +75,315 @@ const std::string *firstAttribute(const ObjectData &object, std::string_view nam
     return nullptr;
 }
 
-std::shared_ptr<const Model> Model::build(ModelData data, std::string *error)
-{
-    std::shared_ptr<Model> model(new Model(std::move(data)));
-    std::string message;
-    if (!model->index(&message)) {
-        if (error != nullptr)
-            *error = std::move(message);
-        return nullptr;
+namespace {
+
+// The value ids of a model being built, found by their text: a set of ids
+// whose hash and equality read the text from the model's value table, so the
+// table may grow (and move) while the set holds them.
+class ValueIds {
+  public:
+    ValueIds(const std::string &values, const std::vector<uint32_t> &starts)
+        : set_(64, Hash{{&values, &starts}}, Equal{{&values, &starts}})
+    {
     }
-    return model;
+    // The id of text, or nullopt when it has none yet.
+    std::optional<uint32_t> find(std::string_view text) const
+    {
+        auto it = set_.find(text);
+        return it == set_.end() ? std::nullopt : std::optional<uint32_t>(*it);
+    }
+    void add(uint32_t id) { set_.insert(id); }
+
+  private:
+    struct Table {
+        const std::string *values;
+        const std::vector<uint32_t> *starts;
+        std::string_view text(uint32_t id) const
+        {
+            return std::string_view(*values).substr((*starts)[id],
+                                                    (*starts)[id + 1] - (*starts)[id]);
+        }
+    };
+    struct Hash : Table {
+        using is_transparent = void;
+        size_t operator()(std::string_view t) const noexcept
+        {
+            return std::hash<std::string_view>{}(t);
+        }
+        size_t operator()(uint32_t id) const noexcept { return (*this)(text(id)); }
+    };
+    struct Equal : Table {
+        using is_transparent = void;
+        bool operator()(uint32_t a, uint32_t b) const { return a == b; }
+        bool operator()(std::string_view t, uint32_t id) const { return t == text(id); }
+        bool operator()(uint32_t id, std::string_view t) const { return t == text(id); }
+    };
+    std::unordered_set<uint32_t, Hash, Equal> set_;
+};
+
+// Bytes of a value written as element content (xml::escapeText).
+size_t escapedSize(std::string_view value)
+{
+    size_t size = value.size();
+    for (char c : value)
+        size += c == '&' ? 4 : (c == '<' || c == '>') ? 3 : 0;
+    return size;
 }
 
-bool Model::index(std::string *error)
+// Writes value as element content (xml::escapeText) at out; answers the end.
+char *writeEscaped(std::string_view value, char *out)
+{
+    for (char c : value) {
+        switch (c) {
+        case '&':
+            out = std::copy_n("&amp;", 5, out);
+            break;
+        case '<':
+            out = std::copy_n("&lt;", 4, out);
+            break;
+        case '>':
+            out = std::copy_n("&gt;", 4, out);
+            break;
+        default:
+            *out++ = c;
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+// What a build needs only while it runs: the escaped size of each value id,
+// the value ids by text, and the ids of the attribute names (each name and
+// each value is checked once, when first seen).
+struct Model::Builder::Tables {
+    Tables(const std::string &values, const std::vector<uint32_t> &starts)
+        : valueIds(values, starts)
+    {
+    }
+    std::vector<uint32_t> escaped;
+    ValueIds valueIds;
+    std::unordered_map<std::string, uint32_t> nameIds;
+    // The name and value ids at each attribute position of the object added
+    // last: objects of a type mostly name their attributes alike, in one
+    // order, often with the same values, and a compare costs less than a
+    // look-up.
+    std::vector<uint32_t> lastNames;
+    std::vector<uint32_t> lastValues;
+};
+
+Model::Builder::Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere)
+    : model_(new Model())
+{
+    model_->origins_ = std::move(origins);
+    model_->storage_ = std::move(storage);
+    model_->storageWhere_ = storageWhere;
+    model_->byType_.assign(kObjectTypeCount, {});
+    model_->valueStart_.push_back(0);
+    tables_ = std::make_unique<Tables>(model_->values_, model_->valueStart_);
+}
+
+Model::Builder::~Builder() = default;
+
+bool Model::Builder::start(std::string *error)
+{
+    return model_->checkStorage(error);
+}
+
+void Model::Builder::reserve(size_t objects, size_t attributes)
+{
+    model_->objects_.reserve(model_->objects_.size() + objects);
+    model_->attributes_.reserve(model_->attributes_.size() + attributes);
+    model_->byId_.reserve(model_->byId_.size() + objects);
+}
+
+void Model::Builder::addLink(const LinkData &link)
+{
+    model_->links_.push_back(link);
+}
+
+bool Model::checkStorage(std::string *error)
 {
     auto fail = [&](const Where &where, const std::string &message) {
-        *error = data_.at(where) + message;
+        *error = place(origins_, where) + ": " + message;
         return false;
     };
-    storageIndex_.reserve(data_.storage.size());
-    for (size_t i = 0; i < data_.storage.size(); ++i) {
-        const auto &[name, value] = data_.storage[i];
+    storageIndex_.reserve(storage_.size());
+    for (size_t i = 0; i < storage_.size(); ++i) {
+        const auto &[name, value] = storage_[i];
         if (!isAttributeName(name))
-            return fail(data_.storageWhere, "\"" + name + "\" is not an attribute name");
+            return fail(storageWhere_, "\"" + name + "\" is not an attribute name");
         // A start tag cannot repeat an attribute.
         if (!storageIndex_.emplace(name, i).second)
-            return fail(data_.storageWhere, "attribute " + name + " of <storage> repeated");
+            return fail(storageWhere_, "attribute " + name + " of <storage> repeated");
         if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
-            return fail(data_.storageWhere, tooLong);
+            return fail(storageWhere_, tooLong);
         if (!xml::isXmlText(value))
-            return fail(data_.storageWhere, name + " is not UTF-8 text");
+            return fail(storageWhere_, name + " is not UTF-8 text");
         if (name == "ready") {
             if (value != "0" && value != "1")
-                return fail(data_.storageWhere, "ready=\"" + value + "\" is neither 0 nor 1");
+                return fail(storageWhere_, "ready=\"" + value + "\" is neither 0 nor 1");
             ready_ = value == "1";
         } else if (name == "thermalShutdown" && !parseUint32(value, &thermalShutdown_)) {
-            return fail(data_.storageWhere,
+            return fail(storageWhere_,
                         "thermalShutdown=\"" + value + "\" is not a number from 0 to 4294967295");
         }
     }
+    return true;
+}
 
-    const size_t n = data_.objects.size();
-    byId_.reserve(n);
-    typeOf_.resize(n);
-    nexus_.assign(n, nullptr);
-    byType_.assign(kObjectTypeCount, {});
-    byNexus_.assign(kObjectTypeCount, {});
-    answers_.reserve(n);
-    for (size_t pos = 0; pos < n; ++pos) {
-        const ObjectData &o = data_.objects[pos];
-        const std::string what = "object " + std::to_string(o.id) + ": ";
-        if (o.id == 0)
-            return fail(o.where, "object id 0 (ids run from 1 to 4294967295)");
-        int type = objectTypeIndex(o.type);
-        if (type < 0)
-            return fail(o.where,
-                        what + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
-        auto [it, fresh] = byId_.emplace(o.id, pos);
-        if (!fresh) {
-            return fail(o.where, "duplicate object id " + std::to_string(o.id) + " (first at " +
-                                     data_.place(data_.objects[it->second].where) + ")");
+bool Model::Builder::add(ObjectData &o, std::string *error)
+{
+    Model &m = *model_;
+    const size_t pos = m.objects_.size();
+    // Positions, attribute indexes and value offsets are held in 32 bits: a
+    // model over that is refused, not wrapped.
+    auto failAt = [&](const std::string &message) {
+        *error = place(m.origins_, o.where) + ": " + message;
+        return false;
+    };
+    if (pos >= UINT32_MAX || m.attributes_.size() + o.attributes.size() > UINT32_MAX)
+        return failAt("too many objects or attributes");
+    // Made for a message only: most objects need none.
+    auto what = [&] { return "object " + std::to_string(o.id) + ": "; };
+    if (o.id == 0)
+        return failAt("object id 0 (ids run from 1 to 4294967295)");
+    int type = objectTypeIndex(o.type);
+    if (type < 0)
+        return failAt(what() + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
+    auto [it, fresh] = m.byId_.emplace(o.id, static_cast<uint32_t>(pos));
+    if (!fresh) {
+        return failAt("duplicate object id " + std::to_string(o.id) + " (first at " +
+                      place(m.origins_, m.objects_[it->second].where) + ")");
+    }
+    Object stored{};
+    stored.id = o.id;
+    stored.parentId = o.parent;
+    stored.where = o.where;
+    stored.first = static_cast<uint32_t>(m.attributes_.size());
+    stored.type = static_cast<uint8_t>(type);
+    size_t answerSize = 15 + std::to_string(o.id).size(); // <ObjID>id</ObjID>
+    std::vector<uint32_t> &lastNames = tables_->lastNames;
+    for (size_t i = 0; i < o.attributes.size(); ++i) {
+        const auto &[name, value] = o.attributes[i];
+        uint32_t nameId;
+        if (i < lastNames.size() && m.names_[lastNames[i]] == name) {
+            nameId = lastNames[i];
+        } else {
+            auto nameIt = tables_->nameIds.find(name);
+            if (nameIt == tables_->nameIds.end()) {
+                if (name == "ObjID")
+                    return failAt(what() + "ObjID is no attribute: the id attribute gives it");
+                if (!isAttributeName(name))
+                    return failAt(what() + "\"" + name + "\" is not an attribute name");
+                nameIt =
+                    tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
+                m.names_.push_back(name);
+            }
+            nameId = nameIt->second;
+            if (i >= lastNames.size()) {
+                lastNames.resize(i + 1);
+                tables_->lastValues.resize(i + 1, UINT32_MAX);
+            }
+            lastNames[i] = nameId;
         }
-        for (const auto &[name, value] : o.attributes) {
-            if (name == "ObjID")
-                return fail(o.where, what + "ObjID is no attribute: the id attribute gives it");
-            if (!isAttributeName(name))
-                return fail(o.where, what + "\"" + name + "\" is not an attribute name");
+        uint32_t &lastValue = tables_->lastValues[i];
+        std::optional<uint32_t> valueId;
+        if (lastValue != UINT32_MAX && m.value(lastValue) == value)
+            valueId = lastValue;
+        else
+            valueId = tables_->valueIds.find(value);
+        if (!valueId) {
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
-                return fail(o.where, what + tooLong);
+                return failAt(what() + tooLong);
             if (!xml::isXmlText(value))
-                return fail(o.where, what + name + " is not UTF-8 text");
+                return failAt(what() + name + " is not UTF-8 text");
+            if (m.values_.size() + value.size() > UINT32_MAX)
+                return failAt(what() + "the model's values are over 4 GiB");
+            valueId = static_cast<uint32_t>(tables_->escaped.size());
+            m.values_ += value;
+            m.valueStart_.push_back(static_cast<uint32_t>(m.values_.size()));
+            tables_->escaped.push_back(static_cast<uint32_t>(escapedSize(value)));
+            tables_->valueIds.add(*valueId);
         }
-        std::string answer = objectAnswer(o);
-        if (answer.size() + 1 > kMaxObjectAnswerBytes) {
-            return fail(o.where, what + "its text is " + std::to_string(answer.size() + 1) +
-                                     " bytes, over the limit of 65536");
+        lastValue = *valueId;
+        answerSize += 2 * name.size() + 5 + tables_->escaped[*valueId];
+        m.attributes_.push_back(Attribute{nameId, *valueId});
+        if (!stored.hasNexus && name == "Nexus") {
+            stored.hasNexus = true;
+            stored.nexus = *valueId;
         }
-        answers_.push_back(std::move(answer));
-        typeOf_[pos] = type;
-        byType_[static_cast<size_t>(type)].push_back(pos);
-        if (const std::string *nexus = firstAttribute(o, "Nexus")) {
-            nexus_[pos] = nexus;
-            byNexus_[static_cast<size_t>(type)].emplace(*nexus, pos);
-        }
+    }
+    if (answerSize + 1 > kMaxObjectAnswerBytes) {
+        return failAt(what() + "its text is " + std::to_string(answerSize + 1) +
+                      " bytes, over the limit of 65536");
+    }
+    stored.answerSize = static_cast<uint32_t>(answerSize);
+    stored.count = static_cast<uint16_t>(o.attributes.size());
+    m.objects_.push_back(stored);
+    m.byType_[static_cast<size_t>(type)].push_back(pos);
+    // The model holds them now.
+    Attributes().swap(o.attributes);
+    return true;
+}
+
+std::shared_ptr<const Model> Model::Builder::finish(std::string *error)
+{
+    tables_.reset();
+    if (!model_->indexAll(error))
+        return nullptr;
+    return std::move(model_);
+}
+
+std::shared_ptr<const Model> Model::build(ModelData data, std::string *error)
+{
+    std::string message;
+    Builder builder(std::move(data.origins), std::move(data.storage), data.storageWhere);
+    size_t attributes = 0;
+    for (const ObjectData &o : data.objects)
+        attributes += o.attributes.size();
+    builder.reserve(data.objects.size(), attributes);
+    bool ok = builder.start(&message);
+    for (size_t i = 0; ok && i < data.objects.size(); ++i)
+        ok = builder.add(data.objects[i], &message);
+    for (const LinkData &l : data.links)
+        builder.addLink(l);
+    std::shared_ptr<const Model> model = ok ? builder.finish(&message) : nullptr;
+    if (model == nullptr && error != nullptr)
+        *error = std::move(message);
+    return model;
+}
+
+bool Model::indexAll(std::string *error)
+{
+    auto fail = [&](const Where &where, const std::string &message) {
+        *error = place(origins_, where) + ": " + message;
+        return false;
+    };
+    const size_t n = objects_.size();
+    objects_.shrink_to_fit();
+    attributes_.shrink_to_fit();
+    values_.shrink_to_fit();
+    valueStart_.shrink_to_fit();
+    names_.shrink_to_fit();
+    // Views into values_ from here on: it does not change again.
+    byNexus_.assign(kObjectTypeCount, {});
+    for (size_t pos = 0; pos < n; ++pos) {
+        const Object &o = objects_[pos];
+        if (o.hasNexus)
+            byNexus_[o.type].emplace(value(o.nexus), static_cast<uint32_t>(pos));
     }
 
     parent_.assign(n, kNone);
     children_.assign(n, {});
     for (size_t pos = 0; pos < n; ++pos) {
-        const ObjectData &o = data_.objects[pos];
-        if (o.parent == 0)
+        const Object &o = objects_[pos];
+        if (o.parentId == 0)
             continue;
-        auto it = byId_.find(o.parent);
+        auto it = byId_.find(o.parentId);
         if (it == byId_.end()) {
             return fail(o.where, "object " + std::to_string(o.id) + ": parent " +
-                                     std::to_string(o.parent) + " is not an object of the model");
+                                     std::to_string(o.parentId) + " is not an object of the model");
         }
         parent_[pos] = it->second;
         children_[it->second].push_back(pos);
@@ -194,7 +401,7 @@ bool Model::index(std::string *error)
             p = parent_[p];
         }
         if (p != kNone && state[p] == 1) {
-            const ObjectData &o = data_.objects[p];
+            const Object &o = objects_[p];
             return fail(o.where, "object " + std::to_string(o.id) +
                                      " is its own ancestor (its parent chain loops)");
         }
@@ -203,7 +410,7 @@ bool Model::index(std::string *error)
     }
 
     linked_.assign(n, {});
-    for (const auto &l : data_.links) {
+    for (const auto &l : links_) {
         auto a = byId_.find(l.a);
         auto b = byId_.find(l.b);
         if (a == byId_.end() || b == byId_.end()) {
@@ -227,7 +434,77 @@ std::optional<std::string> Model::storageAttribute(std::string_view name) const
     auto it = storageIndex_.find(name);
     if (it == storageIndex_.end())
         return std::nullopt;
-    return data_.storage[it->second].second;
+    return storage_[it->second].second;
+}
+
+ModelData Model::data() const
+{
+    ModelData data;
+    data.origins = origins_;
+    data.storage = storage_;
+    data.storageWhere = storageWhere_;
+    data.objects.reserve(objects_.size());
+    for (size_t pos = 0; pos < objects_.size(); ++pos) {
+        const Object &o = objects_[pos];
+        ObjectData &d = data.objects.emplace_back();
+        d.id = o.id;
+        d.type = typeOf(pos);
+        d.parent = o.parentId;
+        d.where = o.where;
+        d.attributes.reserve(o.count);
+        for (size_t i = 0; i < o.count; ++i)
+            d.attributes.emplace_back(attributeName(pos, i), attributeValue(pos, i));
+    }
+    data.links = links_;
+    return data;
+}
+
+std::optional<std::string_view> Model::attribute(size_t pos, std::string_view name) const
+{
+    const Object &o = objects_[pos];
+    for (size_t i = 0; i < o.count; ++i) {
+        const Attribute &a = attributes_[o.first + i];
+        if (names_[a.name] == name)
+            return value(a.value);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string_view> Model::nexusOf(size_t pos) const
+{
+    const Object &o = objects_[pos];
+    if (!o.hasNexus)
+        return std::nullopt;
+    return value(o.nexus);
+}
+
+void Model::writeAnswer(size_t pos, char *out) const
+{
+    const Object &o = objects_[pos];
+    char id[16];
+    const auto idEnd = std::to_chars(id, id + sizeof id, o.id).ptr;
+    out = std::copy_n("<ObjID>", 7, out);
+    out = std::copy(id, idEnd, out);
+    out = std::copy_n("</ObjID>", 8, out);
+    for (size_t i = 0; i < o.count; ++i) {
+        const Attribute &a = attributes_[o.first + i];
+        const std::string &name = names_[a.name];
+        *out++ = '<';
+        out = std::copy(name.begin(), name.end(), out);
+        *out++ = '>';
+        out = writeEscaped(value(a.value), out);
+        *out++ = '<';
+        *out++ = '/';
+        out = std::copy(name.begin(), name.end(), out);
+        *out++ = '>';
+    }
+}
+
+std::string Model::answer(size_t pos) const
+{
+    std::string text(answerSize(pos), '\0');
+    writeAnswer(pos, text.data());
+    return text;
 }
 
 std::optional<size_t> Model::find(uint32_t id) const
@@ -271,7 +548,7 @@ std::vector<size_t> Model::associated(std::string_view kind, size_t pos) const
     if (t < 0)
         return out;
     auto take = [&](size_t p) {
-        if (typeOf_[p] == t)
+        if (objects_[p].type == t)
             out.push_back(p);
     };
     for (size_t p = parent_[pos]; p != kNone; p = parent_[p])

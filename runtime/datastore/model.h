@@ -93,18 +93,63 @@ bool parseModelText(std::string_view text, const std::string &origin, ModelData 
 bool parseModelFragment(std::string_view text, const std::string &origin, ModelData *data,
                         std::string *error);
 
+class Model;
+
+// A model file's text read straight into a model: what parseModelText and
+// then Model::build answer, the same messages included, but each object is
+// checked and stored as soon as it is read, so that neither the text's
+// tree nor the model data is ever held whole. Null with *error.
+std::shared_ptr<const Model> readModel(std::string_view text, const std::string &origin,
+                                       std::string *error);
+
 class Model {
   public:
     // Validates data as a model file is validated and indexes it. Null with
-    // *error naming the origin and line of the first problem.
+    // *error naming the origin and line of the first problem. The objects'
+    // attributes are taken out of data as they are stored, so that the
+    // model and data never both hold them whole.
     static std::shared_ptr<const Model> build(ModelData data, std::string *error);
 
-    const ModelData &data() const { return data_; }
+    // Builds a model object by object, as a model file is read, with the
+    // checks and the error messages of build(): start, then add each object
+    // in file order and each link, then finish. After a false answer the
+    // builder is spent.
+    class Builder {
+      public:
+        Builder(std::vector<std::string> origins, Attributes storage, Where storageWhere);
+        ~Builder();
+        Builder(const Builder &) = delete;
+        Builder &operator=(const Builder &) = delete;
+        // Checks the attributes of <storage>; before any object is added.
+        bool start(std::string *error);
+        // Room for this many more objects and attributes (a hint).
+        void reserve(size_t objects, size_t attributes);
+        // Checks and stores the next object, taking its attributes out of it.
+        bool add(ObjectData &object, std::string *error);
+        // Keeps a link; finish checks it.
+        void addLink(const LinkData &link);
+        // The checks across objects and the indexes: the model, or null with
+        // *error naming the origin and line of the first problem.
+        std::shared_ptr<const Model> finish(std::string *error);
+
+      private:
+        struct Tables;
+        std::shared_ptr<Model> model_;
+        std::unique_ptr<Tables> tables_;
+    };
+
+    // The data the model was built from, made anew: building a model from
+    // it gives the same model. For changes (which edit a copy) and writers.
+    ModelData data() const;
+    // Where the model came from (ModelData::origins[0]).
+    const std::string &origin() const { return origins_.front(); }
     bool ready() const { return ready_; }
     uint32_t thermalShutdown() const { return thermalShutdown_; }
     // The value of an attribute of <storage>, or nullopt. One hash look-up.
     std::optional<std::string> storageAttribute(std::string_view name) const;
 
+    // The number of objects.
+    size_t size() const { return objects_.size(); }
     // Position of an object in file order, or nullopt.
     std::optional<size_t> find(uint32_t id) const;
     // Position of the object of `type` whose first "Nexus" attribute is
@@ -112,14 +157,34 @@ class Model {
     // repeats a nexus), or nullopt; nullopt for a type the model does not
     // know. Indexed when the model is built: one hash look-up, no copy.
     std::optional<size_t> findByNexus(std::string_view type, std::string_view nexus) const;
-    const ObjectData &object(size_t pos) const { return data_.objects[pos]; }
+    // The id and the type name of the object at pos.
+    uint32_t idOf(size_t pos) const { return objects_[pos].id; }
+    std::string_view typeOf(size_t pos) const { return kObjectTypes[objects_[pos].type].name; }
+    // The object's attributes in order, repeats included: count, and the
+    // name and value of the i-th. Views into the model.
+    size_t attributeCount(size_t pos) const { return objects_[pos].count; }
+    std::string_view attributeName(size_t pos, size_t i) const
+    {
+        return names_[attributes_[objects_[pos].first + i].name];
+    }
+    std::string_view attributeValue(size_t pos, size_t i) const
+    {
+        return value(attributes_[objects_[pos].first + i].value);
+    }
+    // The value of the object's first attribute called `name` (the one a
+    // reader of its answer finds), or nullopt. A view into the model.
+    std::optional<std::string_view> attribute(size_t pos, std::string_view name) const;
     // What names an object to the plug-in: the kObjectTypes index of its
-    // type, and the value of its first "Nexus" attribute (null when it has
-    // none, pointing into the model otherwise). Indexed: no scan.
-    int typeIndexOf(size_t pos) const { return typeOf_[pos]; }
-    const std::string *nexusOf(size_t pos) const { return nexus_[pos]; }
-    // The object's answer: <ObjID>id</ObjID> and its attribute elements.
-    const std::string &answer(size_t pos) const { return answers_[pos]; }
+    // type, and the value of its first "Nexus" attribute (nullopt when it
+    // has none). Indexed: no scan.
+    int typeIndexOf(size_t pos) const { return objects_[pos].type; }
+    std::optional<std::string_view> nexusOf(size_t pos) const;
+    // The object's answer: <ObjID>id</ObjID> and its attribute elements,
+    // made on each call. answerSize is its length, known without making it;
+    // writeAnswer writes exactly that many bytes at out.
+    size_t answerSize(size_t pos) const { return objects_[pos].answerSize; }
+    void writeAnswer(size_t pos, char *out) const;
+    std::string answer(size_t pos) const;
     // Positions of the objects of a type, in file order; empty for an unknown type.
     const std::vector<size_t> &ofType(std::string_view type) const;
     // Positions of the objects of type `kind` that are ancestors or
@@ -127,13 +192,15 @@ class Model {
     std::vector<size_t> associated(std::string_view kind, size_t pos) const;
     // Position of the parent, or nullopt.
     std::optional<size_t> parentOf(size_t pos) const;
+    // The links as the model data gives them, repeats included.
+    const std::vector<LinkData> &links() const { return links_; }
     // Positions of the objects linked to pos, in file order.
     const std::vector<size_t> &linkedTo(size_t pos) const { return linked_[pos]; }
     // Positions of the direct children of pos, in file order.
     const std::vector<size_t> &childrenOf(size_t pos) const { return children_[pos]; }
 
   private:
-    // Lets the nexus index be searched with a string_view.
+    // Lets the indexes be searched with a string_view.
     struct TextHash {
         using is_transparent = void;
         size_t operator()(std::string_view text) const noexcept
@@ -141,35 +208,64 @@ class Model {
             return std::hash<std::string_view>{}(text);
         }
     };
-    using NexusIndex = std::unordered_map<std::string, size_t, TextHash, std::equal_to<>>;
+    using NexusIndex = std::unordered_map<std::string_view, uint32_t, TextHash, std::equal_to<>>;
     using NameIndex = std::unordered_map<std::string_view, size_t, TextHash, std::equal_to<>>;
 
-    explicit Model(ModelData data) : data_(std::move(data)) {}
-    // The indexes hold views into data_.
+    // An object as stored: its attributes are attributes_[first, first + count).
+    struct Object {
+        uint32_t id;
+        uint32_t parentId; // 0: none
+        Where where;
+        uint32_t first;
+        uint32_t answerSize;
+        uint16_t count;
+        uint8_t type; // kObjectTypes index
+        bool hasNexus;
+        uint32_t nexus; // value id of the first "Nexus", when hasNexus
+    };
+    // One attribute: an index into names_ and a value id. A name or a value
+    // that many objects share is stored once.
+    struct Attribute {
+        uint32_t name;
+        uint32_t value;
+    };
+
+    Model() = default;
+    // The indexes hold views into the tables.
     Model(const Model &) = delete;
     Model &operator=(const Model &) = delete;
-    bool index(std::string *error);
+    // The checks of <storage>'s attributes, and those across objects with
+    // the indexes (Builder::start and Builder::finish).
+    bool checkStorage(std::string *error);
+    bool indexAll(std::string *error);
+    std::string_view value(uint32_t id) const
+    {
+        return std::string_view(values_).substr(valueStart_[id],
+                                                valueStart_[id + 1] - valueStart_[id]);
+    }
 
-    ModelData data_;
+    std::vector<std::string> origins_;
+    Attributes storage_;
+    Where storageWhere_;
+    std::vector<LinkData> links_;
     bool ready_ = true;
     uint32_t thermalShutdown_ = 0;
-    NameIndex storageIndex_; // name (a view into data_.storage) -> its first position there
-    std::unordered_map<uint32_t, size_t> byId_;
+    NameIndex storageIndex_; // name (a view into storage_) -> its first position there
+    std::vector<Object> objects_;
+    std::vector<Attribute> attributes_;
+    std::vector<std::string> names_;   // each attribute name once
+    std::string values_;               // each distinct value once, end to end
+    std::vector<uint32_t> valueStart_; // value id -> its offset in values_; one more at the end
+    std::unordered_map<uint32_t, uint32_t> byId_;
     std::vector<size_t> parent_; // position of the parent, or kNone
     std::vector<std::vector<size_t>> children_;
     std::vector<std::vector<size_t>> linked_;
     std::vector<std::vector<size_t>> byType_; // per kObjectTypes entry
-    std::vector<int> typeOf_;                 // kObjectTypes index of each object
-    std::vector<const std::string *> nexus_;  // first "Nexus" of each object, or null
     std::vector<NexusIndex> byNexus_;         // per kObjectTypes entry
-    std::vector<std::string> answers_;
 };
 
-// The attribute-element run of an object's answer, <ObjID> first.
-std::string objectAnswer(const ObjectData &object);
-
-// The value of the object's first attribute called `name` (the one a reader
-// of its answer finds), or null. Points into `object`.
+// The value of the object's first attribute called `name`, or null. Points
+// into `object`. For model data before it is built (the live source).
 const std::string *firstAttribute(const ObjectData &object, std::string_view name);
 
 } // namespace kelp::ds

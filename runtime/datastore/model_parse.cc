@@ -2,6 +2,7 @@
 // shape of <storage>, <object> and <link> and the syntax of ids. Checks that
 // span objects (duplicates, parents, links, sizes) belong to Model::build.
 #include <charconv>
+#include <optional>
 
 #include "datastore/model.h"
 #include "datastore/xml_reader.h"
@@ -130,6 +131,18 @@ bool ItemParser::item(xml::Element &e)
     return fail(e.line, "unexpected <" + e.name + "> (a model holds <object> and <link>)");
 }
 
+// About how many objects a model text holds (its "<object" tags, counted
+// in one fast pass), so that the model's tables are sized once instead of
+// growing and rehashing object by object.
+size_t objectsIn(std::string_view text)
+{
+    constexpr std::string_view kTag = "<object";
+    size_t count = 0;
+    for (size_t at = text.find(kTag); at != std::string_view::npos; at = text.find(kTag, at + 1))
+        ++count;
+    return count;
+}
+
 bool xmlFailure(const xml::Error &xmlError, const std::string &origin, std::string *error)
 {
     if (error != nullptr)
@@ -176,6 +189,73 @@ bool parseModelText(std::string_view text, const std::string &origin, ModelData 
     }
     *data = std::move(parsed);
     return true;
+}
+
+std::shared_ptr<const Model> readModel(std::string_view text, const std::string &origin,
+                                       std::string *error)
+{
+    // A problem is reported as parseModelText and build would find it:
+    // one of the XML first, then of the root, then of an item (the first),
+    // then of the model (the first). So the first problem of an item or of
+    // the model is kept, and the text is read to its end regardless.
+    ModelData items;
+    items.origins.push_back(origin);
+    std::string itemError, buildError;
+    bool itemFailed = false, buildFailed = false;
+    ItemParser parser(&items, 0, &itemError);
+    std::optional<Model::Builder> builder;
+    auto startBuilder = [&](const xml::Element &root) {
+        Attributes storage;
+        storage.reserve(root.attributes.size());
+        for (const auto &a : root.attributes)
+            storage.emplace_back(a.name, a.value);
+        builder.emplace(items.origins, std::move(storage), Where{0, root.line});
+        builder->reserve(objectsIn(text), 0);
+        buildFailed = !builder->start(&buildError);
+    };
+    const xml::ChildSink sink = [&](const xml::Element &root, xml::Element &child) {
+        if (itemFailed)
+            return;
+        if (!builder)
+            startBuilder(root);
+        if (!parser.item(child)) {
+            itemFailed = true;
+            return;
+        }
+        for (ObjectData &o : items.objects) {
+            if (!buildFailed && !builder->add(o, &buildError))
+                buildFailed = true;
+        }
+        for (const LinkData &l : items.links)
+            builder->addLink(l);
+        items.objects.clear();
+        items.links.clear();
+    };
+    xml::Element root;
+    xml::Error xmlError;
+    if (!xml::parseDocument(text, &root, &xmlError, kModelDepth, sink)) {
+        xmlFailure(xmlError, origin, error);
+        return nullptr;
+    }
+    auto fail = [&](std::string message) -> std::shared_ptr<const Model> {
+        if (error != nullptr)
+            *error = std::move(message);
+        return nullptr;
+    };
+    if (root.name != "storage")
+        return fail(items.at(Where{0, root.line}) + "the root element is <" + root.name +
+                    ">, not <storage>");
+    if (root.textLine != 0)
+        return fail(items.at(Where{0, root.textLine}) + "text directly inside <storage>");
+    if (itemFailed)
+        return fail(std::move(itemError));
+    if (!builder)
+        startBuilder(root);
+    if (buildFailed)
+        return fail(std::move(buildError));
+    std::string message;
+    std::shared_ptr<const Model> model = builder->finish(&message);
+    return model != nullptr ? model : fail(std::move(message));
 }
 
 bool parseModelFragment(std::string_view text, const std::string &origin, ModelData *data,

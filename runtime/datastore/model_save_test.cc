@@ -63,14 +63,14 @@ TEST_F(ModelSaveTest, ASavedModelLoadsBackAsTheServedOneChangesIncluded)
     ASSERT_NE(after, nullptr);
     EXPECT_FALSE(after->ready());
     EXPECT_EQ(after->data().storage, before->data().storage);
-    ASSERT_EQ(after->data().objects.size(), before->data().objects.size());
-    for (size_t pos = 0; pos < before->data().objects.size(); ++pos) {
-        EXPECT_EQ(after->object(pos).id, before->object(pos).id);
-        EXPECT_EQ(after->object(pos).parent, before->object(pos).parent);
+    ASSERT_EQ(after->size(), before->size());
+    for (size_t pos = 0; pos < before->size(); ++pos) {
+        EXPECT_EQ(after->idOf(pos), before->idOf(pos));
+        EXPECT_EQ(after->parentOf(pos), before->parentOf(pos));
         EXPECT_EQ(after->answer(pos), before->answer(pos));
     }
-    ASSERT_EQ(after->data().links.size(), before->data().links.size());
-    EXPECT_EQ(after->data().links.back().a, 90u);
+    ASSERT_EQ(after->links().size(), before->links().size());
+    EXPECT_EQ(after->links().back().a, 90u);
     EXPECT_EQ(ds::modelStatus().counts, countsBefore);
 }
 

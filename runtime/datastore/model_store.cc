@@ -127,10 +127,7 @@ std::shared_ptr<const Model> modelFromFile(const std::string &path, std::string 
         fail(error, message);
         return nullptr;
     }
-    ModelData data;
-    if (!parseModelText(text, path, &data, error))
-        return nullptr;
-    return Model::build(std::move(data), error);
+    return readModel(text, path, error);
 }
 
 // The first access while no host has chosen a model loads KELP_MODEL. No
@@ -302,12 +299,7 @@ bool saveModelFile(const std::string &path, std::string *error)
 
 bool loadModelText(const std::string &text, const std::string &origin, std::string *error)
 {
-    return load(std::string(), origin, error, [&]() -> std::shared_ptr<const Model> {
-        ModelData data;
-        if (!parseModelText(text, origin, &data, error))
-            return nullptr;
-        return Model::build(std::move(data), error);
-    });
+    return load(std::string(), origin, error, [&] { return readModel(text, origin, error); });
 }
 
 void unloadModel()
@@ -401,7 +393,7 @@ bool removeObject(uint32_t id, std::string *error)
             return fail(error, noObject(id));
         if (const auto &children = current.childrenOf(*pos); !children.empty()) {
             return fail(error, "object " + std::to_string(id) + " has children (object " +
-                                   std::to_string(current.object(children.front()).id) +
+                                   std::to_string(current.idOf(children.front())) +
                                    " first); remove them first");
         }
         data.objects.erase(data.objects.begin() + static_cast<std::ptrdiff_t>(*pos));

@@ -67,6 +67,17 @@ class ModelStoreTest : public ::testing::Test {
         freeMem(xml);
         return text;
     }
+    // The list of a type from the data store, or "<status N>".
+    static std::string list(const char *type)
+    {
+        uint32_t status = 99;
+        char *xml = GetObjectList(&status, type);
+        if (xml == nullptr)
+            return "<status " + std::to_string(status) + ">";
+        std::string text = xml;
+        freeMem(xml);
+        return text;
+    }
 
     std::string dir_;
 };
@@ -533,6 +544,53 @@ TEST_F(ModelStoreTest, ReadersNeverSeeHalfAChange)
     for (auto &t : readers)
         t.join();
     EXPECT_EQ(bad.load(), 0);
+}
+
+// Walkers going through whole lists while loads replace the model: each
+// answer is one model's or the other's, whole; none comes from a model
+// already freed (the sanitizer build would see the read).
+TEST_F(ModelStoreTest, WalksDuringReloadsSeeTheOldModelOrTheNewOne)
+{
+    using kelp::ds::testing::modelWithObjectsOfAttributes;
+    const std::string a = modelWithObjectsOfAttributes(150, 10);
+    std::string b = a;
+    for (size_t at = b.find(">v"); at != std::string::npos; at = b.find(">v", at + 2))
+        b[at + 1] = 'w';
+    std::string error;
+    ASSERT_TRUE(ds::loadModelText(b, "b", &error)) << error;
+    const std::string listB = list("arraydisks");
+    ASSERT_TRUE(ds::loadModelText(a, "a", &error)) << error;
+    const std::string listA = list("arraydisks");
+    ASSERT_NE(listA, listB);
+    ASSERT_EQ(listA.rfind("<ObjList><ObjID>1</ObjID>", 0), 0u) << listA.substr(0, 64);
+    std::atomic<bool> stop{false};
+    std::atomic<int> walks{0}, bad{0};
+    std::vector<std::thread> walkers;
+    for (int w = 0; w < 2; ++w) {
+        walkers.emplace_back([&] {
+            while (!stop.load()) {
+                const std::string got = list("arraydisks");
+                if (got != listA && got != listB)
+                    ++bad;
+                const std::string one = object(100);
+                if (one.find("<A0>v100.0</A0>") == std::string::npos &&
+                    one.find("<A0>w100.0</A0>") == std::string::npos)
+                    ++bad;
+                ++walks;
+                // A gap between walks, as between an agent's requests: a
+                // load frees the model it replaced once no walk holds it
+                // (waiting up to 2 s), which back-to-back walks would delay.
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+    }
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(ds::loadModelText(i % 2 == 0 ? b : a, "reload", &error)) << error;
+    stop.store(true);
+    for (auto &t : walkers)
+        t.join();
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_GT(walks.load(), 0);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "datastore/model.h"
 #include "datastore/model_testing.h"
+#include "datastore/plain_answers_testing.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ std::vector<uint32_t> ids(const Model &m, const std::vector<size_t> &positions)
 {
     std::vector<uint32_t> out;
     for (size_t p : positions)
-        out.push_back(m.object(p).id);
+        out.push_back(m.idOf(p));
     return out;
 }
 
@@ -54,7 +55,8 @@ TEST(ModelTest, AnswersStartWithTheIdAndKeepAttributesInOrder)
               "<PreviousStatus>1</PreviousStatus>"
               "<AttributesMask>0000000000000000000000100</AttributesMask>"
               "<Vendor>R&amp;D</Vendor>");
-    EXPECT_EQ(m->object(*m->find(20)).attributes.back().second, "R&D");
+    const size_t disk = *m->find(20);
+    EXPECT_EQ(m->attributeValue(disk, m->attributeCount(disk) - 1), "R&D");
     EXPECT_FALSE(m->find(3).has_value());
 }
 
@@ -91,7 +93,7 @@ TEST(ModelTest, ObjectsOfATypeComeInFileOrder)
 uint32_t idByNexus(const Model &m, const char *type, const char *nexus)
 {
     std::optional<size_t> pos = m.findByNexus(type, nexus);
-    return pos ? m.object(*pos).id : 0;
+    return pos ? m.idOf(*pos) : 0;
 }
 
 TEST(ModelTest, ObjectsAreFoundByTypeAndExactNexus)
@@ -268,12 +270,12 @@ TEST(ModelTest, AnObjectAnswerMayFill64KiBAndNoMore)
     kelp::ds::ObjectData o;
     o.id = 1;
     o.type = "vdisks";
-    while (kelp::ds::objectAnswer(o).size() + 1 < 65536 - 200)
+    while (kelp::ds::testing::plainObjectAnswer(o).size() + 1 < 65536 - 200)
         o.attributes.emplace_back("Attr", longText(150));
     // Bring the answer with its NUL to exactly 65,536 bytes.
-    size_t size = kelp::ds::objectAnswer(o).size() + 1;
+    size_t size = kelp::ds::testing::plainObjectAnswer(o).size() + 1;
     o.attributes.emplace_back("A", longText(65536 - size - 7));
-    ASSERT_EQ(kelp::ds::objectAnswer(o).size() + 1, 65536u);
+    ASSERT_EQ(kelp::ds::testing::plainObjectAnswer(o).size() + 1, 65536u);
     ModelData data;
     data.origins = {"m.xml"};
     data.objects = {o};
@@ -384,8 +386,8 @@ TEST(ModelTest, SurvivesRandomDamage)
             EXPECT_EQ(error.rfind("m.xml:", 0), 0u) << error;
             continue;
         }
-        for (size_t p = 0; p < m->data().objects.size(); ++p)
-            EXPECT_LE(m->associated("arraydisks", p).size(), m->data().objects.size());
+        for (size_t p = 0; p < m->size(); ++p)
+            EXPECT_LE(m->associated("arraydisks", p).size(), m->size());
     }
 }
 

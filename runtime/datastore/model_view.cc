@@ -18,7 +18,7 @@ bool fail(std::string *error, const std::string &message)
 // ancestor, or the first adapter linked to it.
 std::optional<size_t> owningController(const Model &m, size_t pos)
 {
-    auto isAdapter = [&](size_t p) { return m.object(p).type == "adapters"; };
+    auto isAdapter = [&](size_t p) { return m.typeOf(p) == "adapters"; };
     for (std::optional<size_t> p = pos; p; p = m.parentOf(*p)) {
         if (isAdapter(*p))
             return p;
@@ -39,7 +39,7 @@ ModelStatus modelStatus()
     if (m == nullptr)
         return status;
     status.served = true;
-    status.origin = m->data().origins.front();
+    status.origin = m->origin();
     status.ready = m->ready();
     for (const auto &t : kObjectTypes)
         status.counts.emplace_back(std::string(t.name),
@@ -63,20 +63,19 @@ bool storageAttribute(const std::string &name, std::string *value)
 void eventFieldsIn(const Model &m, size_t pos,
                    std::vector<std::pair<std::string, std::string>> *fields)
 {
-    const ObjectData &o = m.object(pos);
     fields->clear();
-    if (uint32_t code = objectTypeCode(o.type); code != 0)
+    if (uint32_t code = kObjectTypes[m.typeIndexOf(pos)].code; code != 0)
         fields->emplace_back("ObjType", std::to_string(code));
     for (const char *name : {"Nexus", "ObjStatus", "PreviousStatus", "AttributesMask"}) {
-        if (const std::string *v = firstAttribute(o, name))
+        if (std::optional<std::string_view> v = m.attribute(pos, name))
             fields->emplace_back(name, *v);
     }
     if (std::optional<size_t> ctrl = owningController(m, pos)) {
-        if (const std::string *v = firstAttribute(m.object(*ctrl), "Name"))
+        if (std::optional<std::string_view> v = m.attribute(*ctrl, "Name"))
             fields->emplace_back("ControllerName", *v);
     }
-    if (o.type == "vdisks") {
-        if (const std::string *v = firstAttribute(o, "Name"))
+    if (m.typeOf(pos) == "vdisks") {
+        if (std::optional<std::string_view> v = m.attribute(pos, "Name"))
             fields->emplace_back("VirtualDiskName", *v);
     }
 }

@@ -72,7 +72,7 @@ void expectRoundTrip(const Model &model, const std::string &what)
     ASSERT_NE(rebuilt, nullptr) << what << ": " << error;
     EXPECT_EQ(rebuilt->ready(), model.ready()) << what;
     EXPECT_EQ(rebuilt->thermalShutdown(), model.thermalShutdown()) << what;
-    for (size_t pos = 0; pos < model.data().objects.size(); ++pos)
+    for (size_t pos = 0; pos < model.size(); ++pos)
         EXPECT_EQ(rebuilt->answer(pos), model.answer(pos)) << what << " object at " << pos;
     EXPECT_EQ(kelp::ds::modelText(*rebuilt), text) << what;
 }
@@ -124,7 +124,7 @@ TEST(ModelWriterTest, GeneratedModelsReadBackTheSame)
         std::string error;
         auto model = buildText(readFile(file), file.string(), &error);
         ASSERT_NE(model, nullptr) << options << ": " << error;
-        ASSERT_FALSE(model->data().objects.empty()) << options;
+        ASSERT_NE(model->size(), 0u) << options;
         expectRoundTrip(*model, options);
     }
     fs::remove(file);

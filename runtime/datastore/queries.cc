@@ -7,6 +7,7 @@
 // type or nexus answers as for a missing one (identities.h).
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -39,33 +40,50 @@ char *answerWith(uint32_t *status, uint32_t code)
     return nullptr;
 }
 
-// A heap copy of text with its NUL, status 0; status 5 when memory is short.
-char *answer(uint32_t *status, std::string_view text)
+// An answer of `size` bytes that write(block) writes in place, with its
+// NUL, status 0; status 5 when memory is short. The text is made in the
+// block handed out, never copied.
+template <typename Write> char *answerOf(uint32_t *status, size_t size, Write write)
 {
-    auto *block = static_cast<char *>(std::malloc(text.size() + 1));
+    auto *block = static_cast<char *>(std::malloc(size + 1));
     if (block == nullptr)
         return answerWith(status, kFailure);
-    std::memcpy(block, text.data(), text.size());
-    block[text.size()] = '\0';
-    kelp::rt::xml::registerAnswer(block, text.size());
+    write(block);
+    block[size] = '\0';
+    kelp::rt::xml::registerAnswer(block, size);
     if (status != nullptr)
         *status = kOk;
     return block;
 }
 
-// A list answer: the runs of the objects at `positions` inside one root.
-std::string listAnswer(const Model &m, const std::vector<size_t> &positions)
+// A heap copy of text with its NUL (answerOf).
+char *answer(uint32_t *status, std::string_view text)
 {
-    size_t size = 0;
+    return answerOf(status, text.size(),
+                    [&](char *block) { std::memcpy(block, text.data(), text.size()); });
+}
+
+// The answer of the object at pos (answerOf).
+char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
+{
+    return answerOf(status, m.answerSize(pos), [&](char *block) { m.writeAnswer(pos, block); });
+}
+
+// A list answer: the runs of the objects at `positions` inside one root.
+char *listAnswer(uint32_t *status, const Model &m, const std::vector<size_t> &positions)
+{
+    constexpr std::string_view kOpen = "<ObjList>", kClose = "</ObjList>";
+    size_t size = kOpen.size() + kClose.size();
     for (size_t p : positions)
-        size += m.answer(p).size();
-    std::string text;
-    text.reserve(size + 32);
-    text += "<ObjList>";
-    for (size_t p : positions)
-        text += m.answer(p);
-    text += "</ObjList>";
-    return text;
+        size += m.answerSize(p);
+    return answerOf(status, size, [&](char *block) {
+        char *out = std::copy(kOpen.begin(), kOpen.end(), block);
+        for (size_t p : positions) {
+            m.writeAnswer(p, out);
+            out += m.answerSize(p);
+        }
+        std::copy(kClose.begin(), kClose.end(), out);
+    });
 }
 
 // Runs query(model) on the served model; no model answers status 7 and a
@@ -112,7 +130,7 @@ std::optional<size_t> thisObject(const Model &m, uint32_t objId)
 // the answer exists.
 char *handOut(uint32_t *status, const Model &m, const std::vector<size_t> &positions)
 {
-    char *text = answer(status, listAnswer(m, positions));
+    char *text = listAnswer(status, m, positions);
     if (text == nullptr)
         return nullptr;
     try {
@@ -162,7 +180,7 @@ char *GetSingleObject(uint32_t *status, uint32_t reserved, uint32_t objId)
         std::optional<size_t> pos = thisObject(m, objId);
         if (!pos)
             return answerWith(status, kNotFound);
-        return answer(status, m.answer(*pos));
+        return objectAnswer(status, m, *pos);
     });
 }
 

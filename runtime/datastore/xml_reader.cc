@@ -4,7 +4,9 @@
 // by the string_view.
 #include "datastore/xml_reader.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <unordered_set>
 
 #include "datastore/xml_text.h"
@@ -47,8 +49,8 @@ class SeenNames {
 
 class Reader {
   public:
-    Reader(std::string_view text, uint32_t maxDepth, Error *error)
-        : s_(text), maxDepth_(maxDepth), error_(error)
+    Reader(std::string_view text, uint32_t maxDepth, Error *error, const ChildSink *sink = nullptr)
+        : s_(text), maxDepth_(maxDepth), error_(error), sink_(sink)
     {
     }
 
@@ -65,11 +67,14 @@ class Reader {
     bool text(size_t end);
     bool startTag(size_t lt, bool document);
     bool endTag(size_t lt);
+    void closed(Element &&e);
 
     std::string_view s_;
     uint32_t maxDepth_;
     Error *error_;
+    const ChildSink *sink_; // takes the children of the root, when set
     size_t pos_ = 0;
+    size_t childHint_ = 0; // children of the element closed last that had any
     size_t countedTo_ = 0; // lines are counted up to here
     uint32_t countedLine_ = 1;
     std::vector<Element> stack_; // [0] is the virtual root
@@ -81,9 +86,16 @@ uint32_t Reader::lineAt(size_t pos)
         countedTo_ = 0;
         countedLine_ = 1;
     }
-    for (; countedTo_ < pos && countedTo_ < s_.size(); ++countedTo_) {
-        if (s_[countedTo_] == '\n')
+    const size_t to = std::min(pos, s_.size());
+    if (countedTo_ < to) {
+        const char *p = s_.data() + countedTo_;
+        const char *end = s_.data() + to;
+        while ((p = static_cast<const char *>(
+                    std::memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
             ++countedLine_;
+            ++p;
+        }
+        countedTo_ = to;
     }
     return countedLine_;
 }
@@ -121,6 +133,13 @@ bool Reader::decode(std::string_view raw, size_t base, bool blankSpace, std::str
     static constexpr std::pair<std::string_view, char> kNamed[] = {
         {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
     for (size_t i = 0; i < raw.size(); ++i) {
+        // Element text up to the next reference is taken as it is, in one go.
+        if (!blankSpace && raw[i] != '&') {
+            const size_t amp = std::min(raw.find('&', i), raw.size());
+            out->append(raw.substr(i, amp - i));
+            i = amp - 1;
+            continue;
+        }
         if (raw[i] != '&') {
             out->push_back(blankSpace && isSpace(raw[i]) ? ' ' : raw[i]);
             continue;
@@ -243,12 +262,30 @@ bool Reader::startTag(size_t lt, bool document)
     }
     if (s_[p] == '/') {
         pos_ = p + 2;
-        stack_.back().children.push_back(std::move(e));
+        closed(std::move(e));
     } else {
         pos_ = p + 1;
         stack_.push_back(std::move(e));
     }
     return true;
+}
+
+// An element just closed goes to its parent, or to the sink when that is
+// the root element (stack_[1]; stack_[0] is the virtual root).
+void Reader::closed(Element &&e)
+{
+    // Siblings mostly hold as many children as the one before: room for
+    // that many (up to a bound) saves moving elements as a vector grows.
+    if (!e.children.empty())
+        childHint_ = std::min<size_t>(e.children.size(), 64);
+    if (sink_ != nullptr && stack_.size() == 2) {
+        (*sink_)(stack_[1], e);
+        return;
+    }
+    std::vector<Element> &siblings = stack_.back().children;
+    if (siblings.empty())
+        siblings.reserve(childHint_);
+    siblings.push_back(std::move(e));
 }
 
 bool Reader::endTag(size_t lt)
@@ -269,7 +306,7 @@ bool Reader::endTag(size_t lt)
     }
     Element done = std::move(stack_.back());
     stack_.pop_back();
-    stack_.back().children.push_back(std::move(done));
+    closed(std::move(done));
     pos_ = p + 1;
     return true;
 }
@@ -353,6 +390,16 @@ bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t 
 {
     std::vector<Element> top;
     if (!Reader(text, maxDepth, error).run(true, &top))
+        return false;
+    *root = std::move(top.front());
+    return true;
+}
+
+bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t maxDepth,
+                   const ChildSink &sink)
+{
+    std::vector<Element> top;
+    if (!Reader(text, maxDepth, error, &sink).run(true, &top))
         return false;
     *root = std::move(top.front());
     return true;

@@ -6,6 +6,7 @@
 #define KELP_RUNTIME_DATASTORE_XML_READER_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,6 +50,18 @@ constexpr uint32_t kDefaultMaxDepth = 8;
 // maxDepth.
 bool parseDocument(std::string_view text, Element *root, Error *error,
                    uint32_t maxDepth = kDefaultMaxDepth);
+
+// Takes each child of the root element as soon as it is closed, with the
+// root as read so far (its name, line and attributes, no children); the
+// child may be moved from.
+using ChildSink = std::function<void(const Element &root, Element &child)>;
+
+// As parseDocument, but the children of the root element go to `sink` one
+// by one instead of root->children, which stays empty: a long document is
+// never held whole as a tree. The sink is called for children before a
+// later problem of the text is found.
+bool parseDocument(std::string_view text, Element *root, Error *error, uint32_t maxDepth,
+                   const ChildSink &sink);
 
 // Parses a run of content without a root: elements, comments and blank text
 // (other text, a byte order mark included, is an error). An empty text gives

@@ -245,6 +245,48 @@ TEST(XmlReaderTest, NamesEscapesAndTextChecks)
     EXPECT_FALSE(kelp::ds::xml::isXmlText("\x7F\x80"));
 }
 
+// The check reads ASCII eight bytes at a time: a bad byte, or a character of
+// several bytes, is found at every offset, in words and in the tail.
+TEST(XmlReaderTest, TheFirstBadByteIsFoundAtEveryOffset)
+{
+    using kelp::ds::xml::firstBadByte;
+    const struct {
+        std::string inserted;
+        bool bad;
+    } cases[] = {
+        {std::string(1, '\0'), true},
+        {"\x01", true},
+        {"\x1F", true},
+        {"\x80", true},
+        {"\x08", true},
+        {"\x0B", true},
+        {"\x0C", true},
+        {"\r", false},
+        {"\x20", false},
+        {"\xC3", true},
+        {"\xED\xA0\x80", true},
+        {"\xEF\xBF\xBE", true},
+        {"\t", false},
+        {"\n", false},
+        {"\x7F", false},
+        {"\xC3\xA9", false},
+        {"\xE2\x98\x83", false},
+        {"\xF0\x9F\x98\x80", false},
+    };
+    for (const auto &c : cases) {
+        for (size_t at = 0; at < 20; ++at) {
+            for (size_t after : {size_t{0}, size_t{1}, size_t{7}, size_t{8}, size_t{9}}) {
+                const std::string text =
+                    std::string(at, 'a') + c.inserted + std::string(after, 'z');
+                EXPECT_EQ(firstBadByte(text), c.bad ? at : std::string_view::npos)
+                    << "at " << at << ", " << after << " after";
+            }
+        }
+    }
+    EXPECT_EQ(firstBadByte(std::string(64, ' ')), std::string_view::npos);
+    EXPECT_EQ(firstBadByte(""), std::string_view::npos);
+}
+
 // Random damage to a valid text must never read or write out of bounds (the
 // sanitizer build checks that); the answer is simply yes or no.
 TEST(XmlReaderTest, SurvivesRandomDamage)

@@ -2,25 +2,11 @@
 // bytes are text, which are names, and how text is written back.
 #include "datastore/xml_text.h"
 
+#include <cstring>
+
 namespace kelp::ds::xml {
 
 constexpr size_t npos = std::string_view::npos;
-
-bool isSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-bool isNameStart(char c)
-{
-    auto u = static_cast<unsigned char>(c);
-    return (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
-}
-
-bool isNameChar(char c)
-{
-    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
 
 bool isXmlChar(uint32_t cp)
 {
@@ -48,11 +34,41 @@ void appendUtf8(std::string *out, uint32_t cp)
     }
 }
 
+namespace {
+
+// Whether the 8 bytes at p are all ASCII characters XML allows as they
+// are: from 0x20 up, or a line feed or a tab (a model has one a line). Each
+// test below is exact per byte: with no high bit set, no sum carries into
+// the next byte.
+bool asciiTextWord(const char *p)
+{
+    constexpr uint64_t kOnes = 0x0101010101010101, kHighs = 0x8080808080808080;
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    if ((w & kHighs) != 0)
+        return false;
+    const uint64_t from20 = (w + kOnes * 0x60) & kHighs;
+    const uint64_t notLineFeed = ((w ^ (kOnes * '\n')) + kOnes * 0x7F) & kHighs;
+    const uint64_t notTab = ((w ^ (kOnes * '\t')) + kOnes * 0x7F) & kHighs;
+    return (from20 | (notLineFeed ^ kHighs) | (notTab ^ kHighs)) == kHighs;
+}
+
+} // namespace
+
 size_t firstBadByte(std::string_view s)
 {
     size_t i = 0;
     while (i < s.size()) {
+        while (i + 8 <= s.size() && asciiTextWord(s.data() + i))
+            i += 8;
+        if (i >= s.size())
+            break;
         auto b = static_cast<unsigned char>(s[i]);
+        // ASCII from 0x20 up, most of any model, needs no decoding.
+        if (b >= 0x20 && b < 0x80) {
+            ++i;
+            continue;
+        }
         if (b < 0x80) {
             if (!isXmlChar(b))
                 return i;

@@ -4,6 +4,7 @@
 #ifndef KELP_RUNTIME_DATASTORE_XML_TEXT_H
 #define KELP_RUNTIME_DATASTORE_XML_TEXT_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,12 +12,33 @@
 
 namespace kelp::ds::xml {
 
-// XML white space: blank, tab, carriage return, line feed.
-bool isSpace(char c);
+// XML white space: blank, tab, carriage return, line feed. Inline, as the
+// reader asks this and the two below of nearly every byte it reads.
+inline bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 // A byte that may start a name (a letter, '_', ':' or any non-ASCII byte),
 // and one that may follow (also digits, '-' and '.').
-bool isNameStart(char c);
-bool isNameChar(char c);
+// Per byte: 1 set when it may start a name, 2 when it may be in one.
+inline constexpr auto kNameBytes = [] {
+    std::array<uint8_t, 256> table{};
+    for (unsigned u = 0; u < 256; ++u) {
+        const bool start =
+            (u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || u == '_' || u == ':' || u >= 0x80;
+        const bool in = start || (u >= '0' && u <= '9') || u == '-' || u == '.';
+        table[u] = static_cast<uint8_t>((start ? 1 : 0) | (in ? 2 : 0));
+    }
+    return table;
+}();
+inline bool isNameStart(char c)
+{
+    return (kNameBytes[static_cast<unsigned char>(c)] & 1) != 0;
+}
+inline bool isNameChar(char c)
+{
+    return (kNameBytes[static_cast<unsigned char>(c)] & 2) != 0;
+}
 // A code point XML 1.0 allows in a document.
 bool isXmlChar(uint32_t cp);
 // Appends the UTF-8 form of code point cp (at most U+10FFFF).

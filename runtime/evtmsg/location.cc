@@ -313,8 +313,8 @@ std::string topLocation(const Kind &kind, std::string_view first, const ds::Mode
     text += ' ';
     text += shown(first);
     if (pos && kind.topType == kAdapters) {
-        const std::string *name = ds::firstAttribute(model->object(*pos), "Name");
-        if (name != nullptr && !name->empty()) {
+        const std::optional<std::string_view> name = model->attribute(*pos, "Name");
+        if (name && !name->empty()) {
             text += " (";
             text += *name;
             text += ')';

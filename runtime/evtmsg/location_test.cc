@@ -161,8 +161,9 @@ TEST_F(LocationTest, EveryObjectOfTheSampleModelIsFoundUnderItsTypeCode)
     ASSERT_TRUE(ds::loadModelFile(sampleModelPath(), &error)) << error;
     const std::shared_ptr<const ds::Model> model = ds::servedModel();
     ASSERT_NE(model, nullptr);
-    ASSERT_FALSE(model->data().objects.empty());
-    for (const ds::ObjectData &object : model->data().objects) {
+    const ds::ModelData data = model->data();
+    ASSERT_FALSE(data.objects.empty());
+    for (const ds::ObjectData &object : data.objects) {
         const std::string *nexus = ds::firstAttribute(object, "Nexus");
         ASSERT_NE(nexus, nullptr) << "object " << object.id;
         SCOPED_TRACE(object.type + " " + *nexus);

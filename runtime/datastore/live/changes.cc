@@ -18,8 +18,7 @@ struct View {
     size_t pos;
     std::string get(std::string_view name) const
     {
-        const std::string *v = ds::firstAttribute(m.object(pos), name);
-        return v ? *v : std::string();
+        return std::string(m.attribute(pos, name).value_or(std::string_view()));
     }
     uint64_t state() const { return number("ObjState"); }
     uint64_t status() const { return number("ObjStatus"); }
@@ -44,7 +43,7 @@ bool bad(uint64_t status)
 // Events of an object that is in both models.
 void changed(const View &was, const View &now, std::vector<Change> *out)
 {
-    const std::string &type = now.m.object(now.pos).type;
+    const std::string_view type = now.m.typeOf(now.pos);
     auto emit = [&](uint32_t event, std::vector<std::string> parms = {}) {
         out->push_back({event, false, now.pos, std::move(parms)});
     };
@@ -115,11 +114,11 @@ void changed(const View &was, const View &now, std::vector<Change> *out)
 std::vector<std::pair<uint32_t, uint32_t>> associations(const ds::Model &m)
 {
     std::vector<std::pair<uint32_t, uint32_t>> pairs;
-    for (const ds::LinkData &l : m.data().links)
+    for (const ds::LinkData &l : m.links())
         pairs.emplace_back(std::min(l.a, l.b), std::max(l.a, l.b));
-    for (const ds::ObjectData &o : m.data().objects) {
-        if (o.parent != 0)
-            pairs.emplace_back(o.id, o.parent);
+    for (size_t pos = 0; pos < m.size(); ++pos) {
+        if (std::optional<size_t> parent = m.parentOf(pos))
+            pairs.emplace_back(m.idOf(pos), m.idOf(*parent));
     }
     std::sort(pairs.begin(), pairs.end());
     return pairs;
@@ -130,19 +129,18 @@ std::vector<std::pair<uint32_t, uint32_t>> associations(const ds::Model &m)
 ChangeSet findChanges(const ds::Model &before, const ds::Model &after)
 {
     ChangeSet set;
-    const auto &objects = after.data().objects;
-    std::vector<bool> matched(before.data().objects.size(), false);
-    for (size_t pos = 0; pos < objects.size(); ++pos) {
-        const ds::ObjectData &o = objects[pos];
-        const std::string *nexus = after.nexusOf(pos);
-        std::optional<size_t> old = nexus ? before.findByNexus(o.type, *nexus) : std::nullopt;
+    std::vector<bool> matched(before.size(), false);
+    for (size_t pos = 0; pos < after.size(); ++pos) {
+        const std::string_view type = after.typeOf(pos);
+        const std::optional<std::string_view> nexus = after.nexusOf(pos);
+        std::optional<size_t> old = nexus ? before.findByNexus(type, *nexus) : std::nullopt;
         if (!old) {
             set.setChanged = true;
-            if (o.type == "arraydisks")
+            if (type == "arraydisks")
                 set.changes.push_back({kDiskInserted, false, pos, {}});
-            else if (o.type == "vdisks")
+            else if (type == "vdisks")
                 set.changes.push_back({kArrayCreated, false, pos, {}});
-            else if (o.type == "enclosures")
+            else if (type == "enclosures")
                 set.changes.push_back({kEnclosureConnected, false, pos, {}});
             continue;
         }
@@ -153,7 +151,7 @@ ChangeSet findChanges(const ds::Model &before, const ds::Model &after)
         if (matched[pos])
             continue;
         set.setChanged = true;
-        const std::string &type = before.object(pos).type;
+        const std::string_view type = before.typeOf(pos);
         if (type == "arraydisks")
             set.changes.push_back({kDiskRemoved, true, pos, {}});
         else if (type == "vdisks")

@@ -64,7 +64,8 @@ class ChangesTest : public ::testing::Test {
   protected:
     std::shared_ptr<const ds::Model> build(const LiveScan &scan)
     {
-        ds::ModelData data = maker.make(scan, last ? &last->data() : nullptr, "live test");
+        const ds::ModelData before = last ? last->data() : ds::ModelData();
+        ds::ModelData data = maker.make(scan, last ? &before : nullptr, "live test");
         std::string error;
         auto model = ds::Model::build(std::move(data), &error);
         EXPECT_TRUE(model) << error;
@@ -109,11 +110,11 @@ TEST_F(ChangesTest, IdsStayWithTheirObjects)
         auto a = first->findByNexus("arraydisks", nexus);
         auto b = last->findByNexus("arraydisks", nexus);
         ASSERT_TRUE(a && b);
-        EXPECT_EQ(first->object(*a).id, last->object(*b).id) << nexus;
+        EXPECT_EQ(first->idOf(*a), last->idOf(*b)) << nexus;
     }
     auto added = last->findByNexus("arraydisks", "0\\0\\0\\5");
     ASSERT_TRUE(added);
-    EXPECT_GT(last->object(*added).id, 9u);
+    EXPECT_GT(last->idOf(*added), 9u);
 }
 
 TEST_F(ChangesTest, DiskRemovedAndInserted)
@@ -168,8 +169,8 @@ TEST_F(ChangesTest, PulledPowerSupplyStaysAsMissingAndComesBack)
     EXPECT_FALSE(setChanged) << "the row stays";
     auto psu = last->findByNexus("psupplies", "0\\0\\0\\2\\0");
     ASSERT_TRUE(psu);
-    EXPECT_EQ(*ds::firstAttribute(last->object(*psu), "ObjState"), std::to_string(kStateMissing));
-    EXPECT_EQ(*ds::firstAttribute(last->object(*psu), "ObjStatus"), "3");
+    EXPECT_EQ(last->attribute(*psu, "ObjState"), std::to_string(kStateMissing));
+    EXPECT_EQ(last->attribute(*psu, "ObjStatus"), "3");
     EXPECT_TRUE(eventsTo(s).empty()) << "still missing: nothing new";
     EXPECT_EQ(eventsTo(machine()), (std::vector<uint32_t>{kPowerSupplyNormal}));
 }
@@ -217,7 +218,7 @@ TEST_F(ChangesTest, AProbeThatGoesAwayRaisesNoTemperatureEvent)
     EXPECT_TRUE(eventsTo(s).empty());
     auto probe = last->findByNexus("tempprobes", "0\\0\\0\\3\\0");
     ASSERT_TRUE(probe) << "kept as missing";
-    EXPECT_EQ(*ds::firstAttribute(last->object(*probe), "ObjState"), std::to_string(kStateMissing));
+    EXPECT_EQ(last->attribute(*probe, "ObjState"), std::to_string(kStateMissing));
 }
 
 TEST_F(ChangesTest, AnEnclosureThatGoesAwayNamesItsController)

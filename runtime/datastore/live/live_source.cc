@@ -19,6 +19,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "control/commands.h"
@@ -166,7 +167,11 @@ class Source {
         LiveScan scan;
         scanMachine(root_, &scan);
         const std::string origin = "live " + root_.root();
-        ds::ModelData data = maker_.make(scan, served_ ? &served_->data() : nullptr, origin);
+        std::optional<ds::ModelData> before;
+        if (served_)
+            before = served_->data();
+        ds::ModelData data = maker_.make(scan, before ? &*before : nullptr, origin);
+        before.reset();
         std::shared_ptr<const ds::Model> next = ds::Model::build(std::move(data), error);
         if (next == nullptr) {
             rt::logError("live source: the scan of %s makes no valid model: %s",
@@ -298,11 +303,11 @@ class Source {
 
     static std::string displayName(const ds::Model &m, size_t pos)
     {
-        const uint32_t code = ds::objectTypeCode(m.object(pos).type);
-        const std::string *nexus = m.nexusOf(pos);
+        const uint32_t code = ds::objectTypeCode(std::string(m.typeOf(pos)));
+        const std::optional<std::string> nexus(m.nexusOf(pos));
         char location1[EVTMSG_TEXT_SIZE] = "", location2[EVTMSG_TEXT_SIZE] = "";
         char name[EVTMSG_TEXT_SIZE] = "", detail[EVTMSG_TEXT_SIZE] = "";
-        if (code == 0 || nexus == nullptr ||
+        if (code == 0 || !nexus ||
             evtmsg_getObjLocationStrings(code, nexus->c_str(), ",", "en", location1, location2,
                                          name, detail, 0) != 0)
             return nexus ? *nexus : std::string();
@@ -323,9 +328,8 @@ class Source {
             ds::eventFieldsIn(m, c.position, &fields);
             // The status the object had before the change.
             if (!c.fromBefore) {
-                if (auto old =
-                        before.findByNexus(m.object(c.position).type, *m.nexusOf(c.position))) {
-                    if (const std::string *s = ds::firstAttribute(before.object(*old), "ObjStatus"))
+                if (auto old = before.findByNexus(m.typeOf(c.position), *m.nexusOf(c.position))) {
+                    if (auto s = before.attribute(*old, "ObjStatus"))
                         fields.emplace_back("PreviousStatus", *s);
                 }
             }

@@ -1,0 +1,156 @@
+// Every query of the data store, on the sample model, a generated model and
+// models of awkward values, answers byte for byte what the plain reading of
+// the model data (plain_answers_testing.h) answers: the compact model shares
+// names and values between objects and makes answers on demand, and none of
+// that may show in an answer.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "datastore/model.h"
+#include "datastore/model_store.h"
+#include "datastore/model_testing.h"
+#include "datastore/model_writer.h"
+#include "datastore/plain_answers_testing.h"
+#include "vscil.h"
+
+namespace {
+
+namespace ds = kelp::ds;
+using ds::testing::plainAssociated;
+using ds::testing::plainList;
+using ds::testing::plainObjectAnswer;
+using ds::testing::plainOfType;
+
+// A query's answer as text, or "<status N>" when it answers null.
+template <typename Query> std::string text(Query query)
+{
+    uint32_t status = 99;
+    char *answer = query(&status);
+    if (answer == nullptr)
+        return "<status " + std::to_string(status) + ">";
+    std::string out = answer;
+    freeMem(answer);
+    return out;
+}
+
+std::string readFile(const std::filesystem::path &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::filesystem::path sourceDir()
+{
+    const char *dir = std::getenv("KELP_SOURCE_DIR");
+    return dir != nullptr ? dir : KELP_SOURCE_DIR_FALLBACK;
+}
+
+// Serves `model` and compares every answer with the plain reading of it.
+void expectSameAnswers(const std::string &model, const std::string &what)
+{
+    SCOPED_TRACE(what);
+    ds::ModelData data;
+    std::string error;
+    ASSERT_TRUE(ds::parseModelText(model, what, &data, &error)) << error;
+    ds::resetForTesting();
+    ASSERT_TRUE(ds::loadModelText(model, what, &error)) << error;
+
+    EXPECT_EQ(text(DataStoreReady), std::string("<DataStoreReady><Code>") +
+                                        (ds::servedModel()->ready() ? "0" : "1") +
+                                        "</Code></DataStoreReady>");
+    for (const auto &type : ds::kObjectTypes) {
+        const std::string name(type.name);
+        const std::vector<size_t> positions = plainOfType(data, name);
+        EXPECT_EQ(text([&](uint32_t *s) { return GetObjectList(s, name.c_str()); }),
+                  positions.empty() ? "<status 2>" : plainList(data, positions))
+            << name;
+    }
+    EXPECT_EQ(text([](uint32_t *s) { return GetObjectList(s, "nothing"); }), "<status 2>");
+
+    uint32_t largest = 0;
+    for (size_t pos = 0; pos < data.objects.size(); ++pos) {
+        const ds::ObjectData &o = data.objects[pos];
+        largest = std::max(largest, o.id);
+        EXPECT_EQ(text([&](uint32_t *s) { return GetSingleObject(s, 0, o.id); }),
+                  plainObjectAnswer(o))
+            << "object " << o.id;
+        for (const auto &kind : ds::kObjectTypes) {
+            const std::string name(kind.name);
+            const std::vector<size_t> related = plainAssociated(data, name, pos);
+            EXPECT_EQ(text([&](uint32_t *s) { return GetAssociated(s, name.c_str(), o.id); }),
+                      related.empty() ? "<status 2>" : plainList(data, related))
+                << "object " << o.id << ", " << name;
+            EXPECT_EQ(
+                text([&](uint32_t *s) { return GetAssociatedPhyDevCount(s, name.c_str(), o.id); }),
+                "<objectCount>" + std::to_string(related.size()) + "</objectCount>")
+                << "object " << o.id << ", " << name;
+        }
+    }
+    if (largest < UINT32_MAX) {
+        EXPECT_EQ(text([&](uint32_t *s) { return GetSingleObject(s, 0, largest + 1); }),
+                  "<status 2>");
+    }
+    // The model as a writer sees it is the data it was built from.
+    EXPECT_EQ(ds::modelText(*ds::servedModel()), ds::modelText(data));
+    ds::resetForTesting();
+}
+
+TEST(AnswersCompareTest, TheSharedTestModel)
+{
+    expectSameAnswers(ds::testing::kTestModel, "test model");
+}
+
+TEST(AnswersCompareTest, TheSampleModel)
+{
+    const std::string sample = readFile(sourceDir() / "data" / "models" / "sample.xml");
+    ASSERT_FALSE(sample.empty());
+    expectSameAnswers(sample, "sample.xml");
+}
+
+TEST(AnswersCompareTest, AGeneratedModel)
+{
+    const std::string file = ::testing::TempDir() + "kelp-compare-generated.xml";
+    const std::string command =
+        std::string(KELPGEN_PATH) + " --disks 48 --disks-per-controller 16 --out " + file;
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    const std::string model = readFile(file);
+    std::remove(file.c_str());
+    ASSERT_FALSE(model.empty());
+    expectSameAnswers(model, "generated");
+}
+
+// Values that need escaping or are shared between names, objects and types;
+// names repeated in one object; objects without attributes or Nexus; the
+// longest value; text that is not ASCII; links given twice.
+TEST(AnswersCompareTest, AwkwardValuesAndShapes)
+{
+    const std::string longest(159, 'v');
+    const std::string model = R"(<storage ready="0" thermalShutdown="7">
+  <object id="4294967295" type="adapters"><Nexus>0</Nexus><Name>a &amp; b &lt;c&gt; "d" 'e'</Name>
+    <Name>second</Name><Nexus>again</Nexus><Empty></Empty><Empty/></object>
+  <object id="7" type="arraydisks" parent="4294967295"><Nexus>0</Nexus><Name>0</Name>
+    <Vendor>)" + longest + R"(</Vendor><Model>)" +
+                              longest + R"(</Model></object>
+  <object id="8" type="arraydisks" parent="7"/>
+  <object id="9" type="vdisks"><Name>Ünïcödé ☃ &#9;tab&#10;line</Name><Nexus>&gt;</Nexus></object>
+  <object id="10" type="vdisks" parent="9"><Nexus>&gt;</Nexus></object>
+  <object id="11" type="Tidal Cache"><Nexus>x</Nexus><A>&amp;&amp;</A><B>&amp;&amp;</B></object>
+  <link a="7" b="9"/>
+  <link a="9" b="7"/>
+  <link a="11" b="8"/>
+</storage>
+)";
+    expectSameAnswers(model, "awkward");
+}
+
+} // namespace
