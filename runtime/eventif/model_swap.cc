@@ -11,15 +11,12 @@ bool idsChangeOwner(const ds::Model *before, const ds::Model *after)
     if (before == nullptr)
         return false; // no row names anything yet
     if (after == nullptr)
-        return !before->data().objects.empty();
-    const size_t count = before->data().objects.size();
+        return before->size() != 0;
+    const size_t count = before->size();
     for (size_t pos = 0; pos < count; ++pos) {
-        const std::optional<size_t> now = after->find(before->object(pos).id);
-        if (!now || after->typeIndexOf(*now) != before->typeIndexOf(pos))
-            return true;
-        const std::string *was = before->nexusOf(pos);
-        const std::string *is = after->nexusOf(*now);
-        if ((was == nullptr) != (is == nullptr) || (was != nullptr && *was != *is))
+        const std::optional<size_t> now = after->find(before->idOf(pos));
+        if (!now || after->typeIndexOf(*now) != before->typeIndexOf(pos) ||
+            before->nexusOf(pos) != after->nexusOf(*now))
             return true;
     }
     return false;
