@@ -212,11 +212,23 @@ TEST(AgentReload, ALargeModelIsReadOffTheMainLoopAndSigtermIsAnsweredMeanwhile)
     ASSERT_EQ(made.status, 0) << made.err;
     std::string why;
     ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
-    // Served from now on without a rescan: the tables stay the sample's.
+    // The big model's ids name other objects than the sample's, so the
+    // load is made under the plug-in's rescan lock and its tables are
+    // rebuilt from it. The reload below starts once that rebuild is over:
+    // the plug-in's unload waits for a rebuild, and one of 12,000 disks
+    // takes longer than the stop's bound in the sanitizer build.
     const RunResult loaded = run({kelpctlPath(), "--control", agent.stateDir() + "/control.sock",
                                   "load", "--no-events", big},
                                  {}, agent.dir(), 120s);
     ASSERT_EQ(loaded.status, 0) << loaded.err;
+    RunResult last;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            last = agent.snmp("snmpget", {std::string(kRoot) + ".130.4.1.2.12000"});
+            return last.out.find("STRING") != std::string::npos;
+        },
+        180s))
+        << last.out << last.err << agent.process()->err();
     {
         const size_t before = count(agent.process()->err(), "SIGHUP: re-read the model");
         agent.process()->signal(SIGHUP);
