@@ -14,32 +14,15 @@ set -euo pipefail
 
 build=${1:?usage: agent_reload.sh BUILD_DIR [DISKS]}
 disks=${2:-16384}
-work=$(mktemp -d)
-pid=
-cleanup() {
-  [ -z "$pid" ] || kill "$pid" 2>/dev/null || true
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+. "$(dirname "$0")/lib.sh"
+bench_work
 
-free_port() {
-  python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
 kib() { awk -v k="$1" '$1 == k":" { print $2 }' "/proc/$pid/status"; }
 now() { date +%s.%N; }
 
-root=1.3.6.1.4.1.61234.20571.1.20
 "$build/bin/kelpgen" --disks "$disks" --disks-per-controller 128 --out "$work/model.xml"
 port=$(free_port)
-"$build/bin/kelpagent" --allow-root --model "$work/model.xml" --listen "udp:127.0.0.1:$port" \
-  --state-dir "$work/state" >"$work/agent.log" 2>&1 &
-pid=$!
-for _ in $(seq 1 300); do
-  snmpget -v2c -c public -t 1 -r 0 "127.0.0.1:$port" $root.130.1.1.1.1 2>/dev/null |
-    grep -q INTEGER && break
-  sleep 0.1
-done
+start_agent "$build" "$work/model.xml" "$work/state" "$port"
 snmpbulkwalk -v2c -c public -t 10 -r 0 -Cr25 -On "127.0.0.1:$port" $root >/dev/null
 settled=$(kib VmRSS)
 printf 'disks %d: settled VmRSS %d KiB, start VmHWM %d KiB (%.2fx)\n' "$disks" "$settled" \
