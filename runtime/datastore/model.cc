@@ -4,6 +4,7 @@
 // tree, links, precomputed answers).
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <unordered_set>
 
 #include "datastore/model.h"
@@ -128,6 +129,32 @@ size_t escapedSize(std::string_view value)
     for (char c : value)
         size += c == '&' ? 4 : (c == '<' || c == '>') ? 3 : 0;
     return size;
+}
+
+// Copies n bytes from `from` to out and answers the end. Answers are made of
+// many short pieces (tags and values of a few bytes): those are copied with
+// fixed-size moves the compiler inlines, not a call to memcpy each.
+inline char *copySmall(const char *from, size_t n, char *out)
+{
+    if (n >= 8 && n <= 16) {
+        uint64_t head, tail;
+        std::memcpy(&head, from, 8);
+        std::memcpy(&tail, from + n - 8, 8);
+        std::memcpy(out, &head, 8);
+        std::memcpy(out + n - 8, &tail, 8);
+    } else if (n >= 4 && n < 8) {
+        uint32_t head, tail;
+        std::memcpy(&head, from, 4);
+        std::memcpy(&tail, from + n - 4, 4);
+        std::memcpy(out, &head, 4);
+        std::memcpy(out + n - 4, &tail, 4);
+    } else if (n < 4) {
+        for (size_t i = 0; i < n; ++i)
+            out[i] = from[i];
+    } else {
+        std::memcpy(out, from, n);
+    }
+    return out + n;
 }
 
 // Writes value as element content (xml::escapeText) at out; answers the end.
@@ -303,7 +330,9 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
             valueId = static_cast<uint32_t>(tables_->escaped.size());
             m.values_ += value;
             m.valueStart_.push_back(static_cast<uint32_t>(m.values_.size()));
-            tables_->escaped.push_back(static_cast<uint32_t>(escapedSize(value)));
+            const size_t escaped = escapedSize(value);
+            tables_->escaped.push_back(static_cast<uint32_t>(escaped));
+            m.escapes_.push_back(escaped != value.size());
             tables_->valueIds.add(*valueId);
         }
         lastValue = *valueId;
@@ -365,7 +394,14 @@ bool Model::indexAll(std::string *error)
     attributes_.shrink_to_fit();
     values_.shrink_to_fit();
     valueStart_.shrink_to_fit();
+    escapes_.shrink_to_fit();
     names_.shrink_to_fit();
+    tags_.reserve(names_.size());
+    for (const std::string &name : names_) {
+        tags_.push_back(
+            Tag{static_cast<uint32_t>(tagText_.size()), static_cast<uint32_t>(name.size())});
+        tagText_.append("<").append(name).append("></").append(name).append(">");
+    }
     // Views into values_ from here on: it does not change again.
     byNexus_.assign(kObjectTypeCount, {});
     for (size_t pos = 0; pos < n; ++pos) {
@@ -488,15 +524,13 @@ void Model::writeAnswer(size_t pos, char *out) const
     out = std::copy_n("</ObjID>", 8, out);
     for (size_t i = 0; i < o.count; ++i) {
         const Attribute &a = attributes_[o.first + i];
-        const std::string &name = names_[a.name];
-        *out++ = '<';
-        out = std::copy(name.begin(), name.end(), out);
-        *out++ = '>';
-        out = writeEscaped(value(a.value), out);
-        *out++ = '<';
-        *out++ = '/';
-        out = std::copy(name.begin(), name.end(), out);
-        *out++ = '>';
+        const Tag tag = tags_[a.name];
+        const char *open = tagText_.data() + tag.start;
+        out = copySmall(open, tag.nameSize + 2, out);
+        const std::string_view text = value(a.value);
+        out =
+            escapes_[a.value] ? writeEscaped(text, out) : copySmall(text.data(), text.size(), out);
+        out = copySmall(open + tag.nameSize + 2, tag.nameSize + 3, out);
     }
 }
 

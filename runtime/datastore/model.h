@@ -256,6 +256,17 @@ class Model {
     std::vector<std::string> names_;   // each attribute name once
     std::string values_;               // each distinct value once, end to end
     std::vector<uint32_t> valueStart_; // value id -> its offset in values_; one more at the end
+    // Each name's tags, "<Name></Name>", end to end; name id -> where its
+    // tags start and how long the name is. Answers are written from them.
+    struct Tag {
+        uint32_t start;
+        uint32_t nameSize;
+    };
+    std::string tagText_;
+    std::vector<Tag> tags_;
+    // value id -> whether its text holds a character that an answer writes
+    // as an entity; the others are copied into answers as they stand.
+    std::vector<bool> escapes_;
     std::unordered_map<uint32_t, uint32_t> byId_;
     std::vector<size_t> parent_; // position of the parent, or kNone
     std::vector<std::vector<size_t>> children_;
