@@ -64,7 +64,7 @@ kport=$(free_port)
 "$build/bin/kelpagent" --allow-root --model "$work/model.xml" --listen "udp:127.0.0.1:$kport" \
   --state-dir "$work/kelp" >"$work/kelp.log" 2>&1 &
 kpid=$!
-pids+=($kpid)
+pids+=("$kpid")
 kelp=127.0.0.1:$kport
 wait_value "$kelp" $kelp_root.130.1.1.1.1
 
@@ -82,7 +82,7 @@ mport=$(free_port)
 "$build/bin/minagent" --listen "udp:127.0.0.1:$mport" --state-dir "$work/min" \
   "$rows" "$columns" >"$work/min.log" 2>&1 &
 mpid=$!
-pids+=($mpid)
+pids+=("$mpid")
 minagent=127.0.0.1:$mport
 wait_value "$minagent" $table_root.1.1.1.1
 
