@@ -113,7 +113,8 @@ fuzz-smoke: fuzz
 # Release build of the benchmarks (bench/), run once.
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
-	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table
+	cmake --build $(BUILD)-bench -j$(JOBS) --target kelp_bench kelpagent kelpimp64 kelpgen agentx_table \
+	  walker minagent
 	$(BUILD)-bench/bin/kelp_bench
 
 # Formats every tracked C++ source in place (.clang-format); format-check only

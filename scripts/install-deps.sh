@@ -21,6 +21,8 @@ packages=(
   python3-yaml
   # make fuzz: clang, and libFuzzer with clang's sanitizer runtimes.
   clang libclang-rt-14-dev
+  # bench/agent_floor.sh's profile of kelpagent (PERF_DATA=FILE).
+  linux-perf
 )
 
 missing=()
