@@ -477,6 +477,29 @@ TEST_F(ControlCommandTest, UnknownCommandIsAnErrorAndHelpListsEveryCommand)
     EXPECT_TRUE(help.ends_with("\nok\n"));
 }
 
+// A refusal quotes what it refuses: a tab in it stays a tab (values may
+// hold tabs), every other control byte is shown escaped, so the answer is
+// one line. The lines are the control fuzz target's first finding.
+TEST_F(ControlCommandTest, ARefusalQuotingControlBytesIsOneLineWithTabsKept)
+{
+    struct Case {
+        std::string line;
+        std::string answer;
+    } cases[] = {
+        {"\"nt\tname\"", "error: unknown command \"nt\tname\" (\"help\" lists the commands)\n"},
+        {"\x15\x01t on", "error: unknown command \"\\x15\\x01t\" (\"help\" lists the commands)\n"},
+        {"\"a\\nb\" x", "error: unknown command \"a\\nb\" (\"help\" lists the commands)\n"},
+    };
+    for (const Case &c : cases) {
+        const std::string answer = ask(c.line);
+        EXPECT_EQ(answer, c.answer) << c.line;
+        EXPECT_EQ(std::count(answer.begin(), answer.end(), '\n'), 1) << c.line;
+        for (char byte : answer)
+            EXPECT_TRUE(byte == '\n' || byte == '\t' || static_cast<unsigned char>(byte) >= 0x20)
+                << c.line;
+    }
+}
+
 std::vector<std::string> g_activity;
 
 void collectActivity(int level, const char *line)
