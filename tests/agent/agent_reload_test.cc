@@ -138,6 +138,14 @@ TEST(AgentConfig, ASighupThatWouldBlockARescanEventIsRefusedAndTheOldListKept)
         << agent.process()->err();
     EXPECT_NE(agent.process()->err().find("stay \"2048\""), std::string::npos)
         << agent.process()->err();
+    // The same SIGHUP re-reads the model file after the ini file: a removal
+    // made before that would be read back in.
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("SIGHUP: re-read the model") != std::string::npos;
+        },
+        20s))
+        << agent.process()->err();
     // Rescans still end: the third fan's removal is rebuilt into a hole
     // in the fan table, and the tables answer again.
     ASSERT_EQ(agent.kelpctl({"remove", "32"}).status, 0);
@@ -149,9 +157,7 @@ TEST(AgentConfig, ASighupThatWouldBlockARescanEventIsRefusedAndTheOldListKept)
             return get.out.find("No Such Instance") != std::string::npos &&
                    get.out.find("STRING") != std::string::npos;
         },
-        // The rebuild took over 20 s twice in the sanitizer suite on a
-        // loaded machine (never alone): the agent's log says where it was.
-        60s))
+        20s))
         << get.out << get.err << agent.process()->err();
 
     // A list without them is taken again at the next SIGHUP.
