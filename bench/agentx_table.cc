@@ -20,24 +20,21 @@
 #include <string>
 #include <vector>
 
+#include "computed_table.h"
+
 namespace {
 
-constexpr oid kTable[] = {1, 3, 6, 1, 4, 1, 61234, 99, 1};
-constexpr size_t kTableLength = sizeof kTable / sizeof kTable[0];
+using bench::Cell;
+using bench::kTable;
+using bench::kTableLength;
 
 volatile std::sig_atomic_t g_stop = 0;
-unsigned long g_rows = 0;
-unsigned long g_columns = 0;
+bench::ComputedTable g_table;
 
 void onSignal(int)
 {
     g_stop = 1;
 }
-
-struct Cell {
-    unsigned long column = 0;
-    unsigned long row = 0;
-};
 
 // The name of `cell`.
 std::vector<oid> nameOf(const Cell &cell)
@@ -49,46 +46,6 @@ std::vector<oid> nameOf(const Cell &cell)
     return name;
 }
 
-// The cell `name` names exactly, if any.
-bool exactCell(const oid *name, size_t length, Cell *cell)
-{
-    if (length != kTableLength + 3 ||
-        snmp_oid_compare(name, kTableLength, kTable, kTableLength) != 0 ||
-        name[kTableLength] != 1) {
-        return false;
-    }
-    cell->column = name[kTableLength + 1];
-    cell->row = name[kTableLength + 2];
-    return cell->column >= 1 && cell->column <= g_columns && cell->row >= 1 && cell->row <= g_rows;
-}
-
-// The first cell after `name` in column-major order, if any.
-bool nextCell(const oid *name, size_t length, Cell *cell)
-{
-    if (snmp_oid_compare(name, length, kTable, kTableLength) < 0) {
-        *cell = {1, 1};
-        return g_rows > 0 && g_columns > 0;
-    }
-    // Below the table: the arcs after its name.
-    const oid *tail = name + kTableLength;
-    const size_t arcs = length - kTableLength;
-    if (arcs == 0 || tail[0] < 1) {
-        *cell = {1, 1};
-    } else if (tail[0] > 1) {
-        return false;
-    } else if (arcs == 1 || tail[1] < 1) {
-        *cell = {1, 1};
-    } else if (arcs == 2) {
-        *cell = {tail[1], 1};
-    } else {
-        *cell = {tail[1], tail[2] + 1};
-    }
-    if (cell->row > g_rows) {
-        *cell = {cell->column + 1, 1};
-    }
-    return cell->column <= g_columns && g_rows > 0;
-}
-
 int handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
            netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
 {
@@ -97,20 +54,20 @@ int handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
         Cell cell;
         switch (reqinfo->mode) {
         case MODE_GET:
-            if (!exactCell(var->name, var->name_length, &cell)) {
+            if (!g_table.exactCell(var->name, var->name_length, &cell)) {
                 netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
                 break;
             }
             {
-                const long value = static_cast<long>(cell.row * 100 + cell.column);
+                const long value = bench::ComputedTable::valueOf(cell);
                 snmp_set_var_typed_value(var, ASN_INTEGER, &value, sizeof value);
             }
             break;
         case MODE_GETNEXT:
-            if (nextCell(var->name, var->name_length, &cell)) {
+            if (g_table.nextCell(var->name, var->name_length, &cell)) {
                 const std::vector<oid> next = nameOf(cell);
                 snmp_set_var_objid(var, next.data(), next.size());
-                const long value = static_cast<long>(cell.row * 100 + cell.column);
+                const long value = bench::ComputedTable::valueOf(cell);
                 snmp_set_var_typed_value(var, ASN_INTEGER, &value, sizeof value);
             }
             break;
@@ -141,8 +98,8 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: agentx_table SOCKET ROWS COLUMNS\n");
         return 2;
     }
-    g_rows = count(argv[2]);
-    g_columns = count(argv[3]);
+    g_table.rows = count(argv[2]);
+    g_table.columns = count(argv[3]);
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
 

@@ -31,69 +31,22 @@
 #include <vector>
 
 #include "access.h"
+#include "computed_table.h"
 #include "options.h"
 #include "snmpagent.h"
 
 namespace {
 
-constexpr oid kTable[] = {1, 3, 6, 1, 4, 1, 61234, 99, 1};
-constexpr size_t kTableLength = std::size(kTable);
+using bench::Cell;
+using bench::kTable;
+using bench::kTableLength;
 
 // Written once by main before the agent starts; read by the handler.
-unsigned long g_rows = 0;
-unsigned long g_columns = 0;
-
-struct Cell {
-    unsigned long column = 0;
-    unsigned long row = 0;
-};
-
-// The cell `name` names exactly, if any.
-bool exactCell(const oid *name, size_t length, Cell *cell)
-{
-    if (length != kTableLength + 3 ||
-        snmp_oid_compare(name, kTableLength, kTable, kTableLength) != 0 ||
-        name[kTableLength] != 1) {
-        return false;
-    }
-    cell->column = name[kTableLength + 1];
-    cell->row = name[kTableLength + 2];
-    return cell->column >= 1 && cell->column <= g_columns && cell->row >= 1 && cell->row <= g_rows;
-}
-
-// The first cell at or after `name` (after only, unless `inclusive`) in
-// column-major order, if any.
-bool nextCell(const oid *name, size_t length, bool inclusive, Cell *cell)
-{
-    if (inclusive && exactCell(name, length, cell)) {
-        return true;
-    }
-    if (snmp_oid_compare(name, length, kTable, kTableLength) < 0) {
-        *cell = {1, 1};
-        return g_rows > 0 && g_columns > 0;
-    }
-    const oid *tail = name + kTableLength;
-    const size_t arcs = length - kTableLength;
-    if (arcs == 0 || tail[0] < 1) {
-        *cell = {1, 1};
-    } else if (tail[0] > 1) {
-        return false;
-    } else if (arcs == 1 || tail[1] < 1) {
-        *cell = {1, 1};
-    } else if (arcs == 2) {
-        *cell = {tail[1], 1};
-    } else {
-        *cell = {tail[1], tail[2] + 1};
-    }
-    if (cell->row > g_rows) {
-        *cell = {cell->column + 1, 1};
-    }
-    return cell->column <= g_columns && g_rows > 0;
-}
+bench::ComputedTable g_table;
 
 void setValue(netsnmp_variable_list *var, const Cell &cell)
 {
-    const long value = static_cast<long>(cell.row * 100 + cell.column);
+    const long value = bench::ComputedTable::valueOf(cell);
     snmp_set_var_typed_value(var, ASN_INTEGER, &value, sizeof value);
 }
 
@@ -103,7 +56,7 @@ bool answerNext(netsnmp_request_info *request)
 {
     netsnmp_variable_list *var = request->requestvb;
     Cell cell;
-    if (!nextCell(var->name, var->name_length, request->inclusive != 0, &cell)) {
+    if (!g_table.nextCell(var->name, var->name_length, &cell, request->inclusive != 0)) {
         return false;
     }
     oid name[kTableLength + 3];
@@ -158,7 +111,7 @@ int handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
         Cell cell;
         switch (reqinfo->mode) {
         case MODE_GET:
-            if (exactCell(var->name, var->name_length, &cell)) {
+            if (g_table.exactCell(var->name, var->name_length, &cell)) {
                 setValue(var, cell);
             } else {
                 netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
@@ -240,8 +193,8 @@ int main(int argc, char **argv)
     if (operands.size() != 2 || settings.listen.empty() || stateDir.empty()) {
         usage("");
     }
-    g_rows = number(operands[0], 10000000);
-    g_columns = number(operands[1], 10000);
+    g_table.rows = number(operands[0], 10000000);
+    g_table.columns = number(operands[1], 10000);
     // kelpagent's layout of its state dir.
     settings.persistentDir = stateDir + "/snmp";
 
