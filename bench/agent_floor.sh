@@ -17,6 +17,7 @@
 # Everything runs on 127.0.0.1 and is stopped at the end. Run it under
 # nice -n 19 on a shared machine, and note the load average it prints.
 set -euo pipefail
+. "$(dirname "$0")/lib.sh"
 
 build=${1:?usage: agent_floor.sh BUILD_DIR}
 runs=${RUNS:-7}
@@ -34,29 +35,11 @@ kelp_root=1.3.6.1.4.1.61234.20571.1.20
 table_root=1.3.6.1.4.1.61234.99
 columns=10
 
-free_port() {
-  python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
-
-wait_value() { # address oid: until the object answers a value (kelpagent
-  # answers noSuchInstance until its plug-in has built the tables)
-  for _ in $(seq 1 300); do
-    snmpget -v2c -c public -t 1 -r 0 "$1" "$2" 2>/dev/null | grep -q -e INTEGER -e STRING && return 0
-    sleep 0.1
-  done
-  echo "no value from $1 for $2" >&2
-  return 1
-}
-
 # walk ADDRESS ROOT [WALKER OPTION...]: the walker's line for one run.
 walk() {
   local address=$1 root=$2
   shift 2
   "$walker" "$@" "$address" "$root"
-}
-
-median() { # numbers on stdin
-  sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
 "$build/bin/kelpgen" --disks 1024 --disks-per-controller 8 --out "$work/model.xml"

@@ -22,6 +22,7 @@
 # tree is not judged by the tool's start-up.
 # Everything runs on 127.0.0.1 and is stopped at the end.
 set -euo pipefail
+. "$(dirname "$0")/lib.sh"
 
 build=${1:?usage: agent_walk.sh BUILD_DIR [MODEL...]}
 shift || true
@@ -44,26 +45,12 @@ if [ ${#models[@]} -eq 0 ]; then
           "$work/disks-1024-controllers-128.xml")
 fi
 
-free_port() {
-  python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
-
 wait_for() { # address oid
   for _ in $(seq 1 100); do
     snmpget -v2c -c public -t 1 -r 0 "$1" "$2" >/dev/null 2>&1 && return 0
     sleep 0.1
   done
   echo "no answer from $1" >&2
-  return 1
-}
-
-wait_value() { # address oid: until the object answers a value (a master answers
-  # noSuchObject, with exit status 0, while its subagent is not yet connected)
-  for _ in $(seq 1 300); do
-    snmpget -v2c -c public -t 1 -r 0 "$1" "$2" 2>/dev/null | grep -q -e INTEGER -e STRING && return 0
-    sleep 0.1
-  done
-  echo "no value from $1 for $2" >&2
   return 1
 }
 

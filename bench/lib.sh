@@ -8,6 +8,11 @@
 #                            starts BUILD's kelpagent on MODEL in the background
 #                            ($pid; its log is $work/agent.log) and waits, up to
 #                            30 s, until its first controller row answers
+#   wait_value ADDRESS OID   waits, up to 30 s, until OID answers a value (an
+#                            agent answers noSuchInstance until its plug-in has
+#                            built the tables, a master noSuchObject until its
+#                            subagent is connected)
+#   median                   the median of the numbers on stdin
 
 root=1.3.6.1.4.1.61234.20571.1.20
 
@@ -39,4 +44,17 @@ start_agent() { # build model state-dir port
   echo "kelpagent on 127.0.0.1:$4 answers no controller row; its log:" >&2
   cat "$work/agent.log" >&2
   return 1
+}
+
+wait_value() { # address oid
+  for _ in $(seq 1 300); do
+    snmpget -v2c -c public -t 1 -r 0 "$1" "$2" 2>/dev/null | grep -q -e INTEGER -e STRING && return 0
+    sleep 0.1
+  done
+  echo "no value from $1 for $2" >&2
+  return 1
+}
+
+median() { # numbers on stdin
+  sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
