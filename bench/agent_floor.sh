@@ -21,14 +21,7 @@ set -euo pipefail
 
 build=${1:?usage: agent_floor.sh BUILD_DIR}
 runs=${RUNS:-7}
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+bench_work
 
 walker=$build/bin/walker
 kelp_root=1.3.6.1.4.1.61234.20571.1.20

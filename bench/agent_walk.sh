@@ -27,14 +27,7 @@ set -euo pipefail
 build=${1:?usage: agent_walk.sh BUILD_DIR [MODEL...]}
 shift || true
 src=$(cd "$(dirname "$0")/.." && pwd)
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+bench_work
 
 models=("$@")
 if [ ${#models[@]} -eq 0 ]; then

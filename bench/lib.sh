@@ -1,8 +1,8 @@
 # Shell functions the bench scripts share; source it after `set -euo pipefail`.
 #
 #   bench_work               makes $work (a temporary directory) and arranges
-#                            that $work goes, and the agent in $pid is stopped,
-#                            when the script exits
+#                            that $work goes, and the agent in $pid and those in
+#                            the array $pids are stopped, when the script exits
 #   free_port                prints a UDP port free on 127.0.0.1
 #   start_agent BUILD MODEL STATE_DIR PORT
 #                            starts BUILD's kelpagent on MODEL in the background
@@ -19,11 +19,13 @@ root=1.3.6.1.4.1.61234.20571.1.20
 bench_work() {
   work=$(mktemp -d)
   pid=
+  pids=()
   trap bench_cleanup EXIT
 }
 
 bench_cleanup() {
-  [ -z "$pid" ] || kill "$pid" 2>/dev/null || true
+  local p
+  for p in $pid "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
   wait 2>/dev/null || true
   rm -rf "$work"
 }
