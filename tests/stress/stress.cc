@@ -510,6 +510,10 @@ int stressMain(int argc, char **argv)
         std::printf("memory: not checked (%ld loads, fewer than %d)\n", script.loads,
                     size.growthFrom);
     }
+    if (!passed) {
+        // What the agent said about its swaps and rescans says where to look.
+        std::printf("kelpagent's log:\n%s", log.c_str());
+    }
     std::printf("%s\n", passed ? "PASS" : "FAIL");
     return passed ? 0 : 1;
 }
