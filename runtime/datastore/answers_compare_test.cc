@@ -153,4 +153,26 @@ TEST(AnswersCompareTest, AwkwardValuesAndShapes)
     expectSameAnswers(model, "awkward");
 }
 
+// Answers are written in pieces copied by size band (under 4 bytes, 4 to 7,
+// 8 to 16, longer): names and values of every length from 0 to 40, plain
+// and with an entity at either end, each give the plain answer.
+TEST(AnswersCompareTest, NamesAndValuesOfEveryShortLength)
+{
+    std::string model = "<storage>\n";
+    uint32_t id = 1;
+    for (size_t length = 0; length <= 40; ++length) {
+        const std::string name = "N" + std::string(length == 0 ? 0 : length - 1, 'n');
+        const std::string value(length, 'v');
+        model += "<object id=\"" + std::to_string(id++) + "\" type=\"fans\">";
+        if (!name.empty()) {
+            model += "<" + name + ">" + value + "</" + name + ">";
+            model += "<" + name + ">&amp;" + value + "</" + name + ">";
+            model += "<" + name + ">" + value + "&lt;</" + name + ">";
+        }
+        model += "<Value>" + value + "</Value></object>\n";
+    }
+    model += "</storage>\n";
+    expectSameAnswers(model, "short lengths");
+}
+
 } // namespace
