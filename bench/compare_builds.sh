@@ -20,8 +20,8 @@ small=${3:-1024}
 large=${4:-16384}
 rounds=${5:-3}
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$here/lib.sh"
+bench_work
 
 # One round of one build: "name value" lines into $work/NAME.ROUND.
 measure() { # build name round
@@ -49,10 +49,11 @@ for round in $(seq 1 "$rounds"); do
   measure "$after" after "$round"
 done
 
-median() { # name side
-  cat "$work/$2".* 2>/dev/null | awk -v k="$1" '$1 == k { print $2 }' | sort -g |
-    awk '{ v[NR] = $1 } END { if (NR == 0) print "nan"; else if (NR % 2) print v[(NR + 1) / 2];
-                              else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+# The median of figure NAME over SIDE's rounds, "nan" when none has it.
+figure() { # name side
+  local values
+  values=$(cat "$work/$2".[0-9]* | awk -v k="$1" '$1 == k { print $2 }')
+  if [ -z "$values" ]; then echo nan; else echo "$values" | median; fi
 }
 
 echo "before: $before"
@@ -61,7 +62,7 @@ echo "models: kelpgen --disks N --disks-per-controller 128; $rounds rounds, medi
 printf '%-16s %12s %12s %8s\n' figure before after after/before
 for name in empty_rss_kib kib_per_object large_rss_kib start_peak_x load_s load_peak_x \
   sighup_s sighup_peak_x; do
-  b=$(median "$name" before)
-  a=$(median "$name" after)
+  b=$(figure "$name" before)
+  a=$(figure "$name" after)
   printf '%-16s %12s %12s %8.2f\n' "$name" "$b" "$a" "$(echo "$a / $b" | bc -l)"
 done
