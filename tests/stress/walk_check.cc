@@ -12,17 +12,34 @@ bool below(const Name &root, const Name &name)
     return name.size() > root.size() && std::equal(root.begin(), root.end(), name.begin());
 }
 
-// The value's type and its length, for a message (the bytes need not be
-// printable).
+// The value's type, its length and its first bytes (escaped where not
+// printable), for a message.
 std::string valueText(const std::string &value)
 {
     if (value.empty()) {
         return "(none)";
     }
     char text[48];
-    std::snprintf(text, sizeof text, "type 0x%02x, %zu bytes", static_cast<unsigned char>(value[0]),
+    std::snprintf(text, sizeof text,
+                  "type 0x%02x, %zu bytes: ", static_cast<unsigned char>(value[0]),
                   value.size() - 1);
-    return text;
+    std::string shown = text;
+    // Enough of the value to tell one object's from another's.
+    constexpr size_t kShown = 40;
+    for (size_t i = 1; i < value.size() && i <= kShown; i++) {
+        const auto byte = static_cast<unsigned char>(value[i]);
+        if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
+            shown += static_cast<char>(byte);
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            shown += escaped;
+        }
+    }
+    if (value.size() - 1 > kShown) {
+        shown += "...";
+    }
+    return shown;
 }
 
 } // namespace
@@ -36,14 +53,35 @@ std::string nameText(const Name &name)
     return text;
 }
 
-bool Reference::addState(const StateWalk &walk)
+bool Reference::addState(const StateWalk &walk, const StateWalk &hidden)
 {
-    for (size_t i = 0; i < walk.size(); i++) {
-        if (!below(root_, walk[i].name) || (i > 0 && !(walk[i - 1].name < walk[i].name))) {
-            return false;
+    const auto increasing = [this](const StateWalk &bindings) {
+        for (size_t i = 0; i < bindings.size(); i++) {
+            if (!below(root_, bindings[i].name) ||
+                (i > 0 && !(bindings[i - 1].name < bindings[i].name))) {
+                return false;
+            }
+        }
+        return true;
+    };
+    if (!increasing(walk) || !increasing(hidden)) {
+        return false;
+    }
+    std::set<Name> names;
+    for (const StateWalk *bindings : {&walk, &hidden}) {
+        for (const Binding &binding : *bindings) {
+            if (!names.insert(binding.name).second) {
+                return false;
+            }
         }
     }
     for (const Binding &binding : walk) {
+        Served &served = served_[binding.name];
+        served.values.insert(binding.value);
+        served.states++;
+        served.walked++;
+    }
+    for (const Binding &binding : hidden) {
         Served &served = served_[binding.name];
         served.values.insert(binding.value);
         served.states++;
@@ -75,6 +113,13 @@ size_t Reference::alwaysServed() const
                       [this](const auto &entry) { return entry.second.states == states_; }));
 }
 
+size_t Reference::hiddenNames() const
+{
+    return static_cast<size_t>(std::count_if(served_.begin(), served_.end(), [](const auto &entry) {
+        return entry.second.walked < entry.second.states;
+    }));
+}
+
 std::vector<Name> Reference::names() const
 {
     std::vector<Name> names;
@@ -89,7 +134,7 @@ std::string Reference::checkValue(const Binding &binding) const
 {
     const auto found = served_.find(binding.name);
     if (found == served_.end()) {
-        return nameText(binding.name) + " is served by no state";
+        return nameText(binding.name) + " is served by no state (" + valueText(binding.value) + ")";
     }
     const std::set<std::string> &values = found->second.values;
     if (values.count(binding.value) != 0) {
@@ -130,19 +175,19 @@ std::vector<std::string> Reference::checkWalk(const std::vector<Binding> &walk, 
         if (!(*previous < binding.name)) {
             fault(nameText(binding.name) + " follows " + nameText(*previous));
         }
-        previous = &binding.name;
         if (std::string why = checkValue(binding); !why.empty()) {
-            fault(why);
+            fault(why + ", after " + nameText(*previous));
         }
+        previous = &binding.name;
     }
     if (end != WalkEnd::kPastTree) {
         return faults;
     }
-    // A name every state serves existed throughout the walk: a walk that
-    // answered past it must have shown it.
+    // A name every state serves, and shows in its walk, existed throughout
+    // the walk: a walk that answered past it must have shown it.
     auto next = walk.begin();
     for (const auto &[name, served] : served_) {
-        if (served.states != states_) {
+        if (served.walked != states_) {
             continue;
         }
         while (next != walk.end() && next->name < name) {

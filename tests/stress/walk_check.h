@@ -44,9 +44,14 @@ class Reference {
     // `root` is the served tree's root: every name of a state lies below it.
     explicit Reference(Name root) : root_(std::move(root)) {}
 
-    // Adds a state walked at rest. A state whose bindings do not increase
-    // strictly is refused (false): it is no reference.
-    bool addState(const StateWalk &walk);
+    // Adds a state walked at rest, with `hidden`: the bindings a Get answers
+    // at rest that the walk does not show (a table whose first row is a
+    // hole is passed over by the plug-in's walk, while its later rows
+    // answer a Get and a GetNext from within the table). Hidden names are
+    // served, but a walk that passes them over is no fault. A state whose
+    // bindings do not increase strictly, or that names a binding twice, is
+    // refused (false): it is no reference.
+    bool addState(const StateWalk &walk, const StateWalk &hidden = {});
 
     // Adds a second walk of a state already added (after a reload of the
     // same model and a burst of events): names whose values differ between
@@ -57,6 +62,8 @@ class Reference {
     const Name &root() const { return root_; }
     // Names served by every state added so far.
     size_t alwaysServed() const;
+    // Names some state serves that its walk does not show.
+    size_t hiddenNames() const;
     // Every name some state serves, in order.
     std::vector<Name> names() const;
     // Names whose values change on their own.
@@ -81,10 +88,12 @@ class Reference {
   private:
     Name root_;
     size_t states_ = 0;
-    // Per name: the values states hold there, and how many states serve it.
+    // Per name: the values states hold there, how many states serve it,
+    // and how many of them show it in a walk.
     struct Served {
         std::set<std::string> values;
         size_t states = 0;
+        size_t walked = 0;
     };
     std::map<Name, Served> served_;
     std::set<Name> volatile_;

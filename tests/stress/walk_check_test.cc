@@ -80,7 +80,7 @@ TEST(WalkCheck, FindsEveryKindOfFaultAndNothingInACorrectWalk)
         {"name no state serves",
          {bind({2, 1}, "sa"), bind({2, 3}, "sb"), bind({3, 1}, "i1"), bind({9, 0}, "t1")},
          WalkEnd::kPastTree,
-         "served by no state"},
+         "served by no state (type 0x73, 1 bytes: b), after 1.3.9.2.1"},
         {"outside the tree",
          {bind({2, 1}, "sa"), {{1, 3, 10}, "i1"}},
          WalkEnd::kLockTimeOut,
@@ -107,6 +107,41 @@ TEST(WalkCheck, AGetMayFindNoInstanceOnlyWhereSomeStateHasNone)
     EXPECT_NE(reference.checkValue(bind({2, 2}, "sa")), "");
 }
 
+// A table whose first row is a hole: the plug-in's walk passes over it, a
+// Get (or a GetNext from within the table) answers its second row.
+TEST(WalkCheck, AHiddenRowIsServedButAWalkMayPassItOver)
+{
+    Reference reference(kRoot);
+    ASSERT_TRUE(reference.addState({bind({2, 1}, "sa"), bind({3, 1}, "i1")}));
+    ASSERT_TRUE(reference.addState({bind({3, 1}, "i1")}, {bind({2, 2}, "sn")}));
+    EXPECT_EQ(reference.hiddenNames(), 1u);
+    EXPECT_EQ(reference.alwaysServed(), 1u);
+    EXPECT_EQ(reference.checkValue(bind({2, 2}, "sn")), "");
+    EXPECT_NE(reference.checkValue(bind({2, 2}, "sa")), "");
+    EXPECT_TRUE(reference
+                    .checkWalk({bind({2, 1}, "sa"), bind({2, 2}, "sn"), bind({3, 1}, "i1")},
+                               WalkEnd::kPastTree)
+                    .empty());
+    EXPECT_TRUE(reference.checkWalk({bind({3, 1}, "i1")}, WalkEnd::kPastTree).empty());
+
+    // Served by every state, but walked by one only: no walk must show it.
+    Reference always(kRoot);
+    ASSERT_TRUE(always.addState({bind({2, 2}, "sn"), bind({3, 1}, "i1")}));
+    ASSERT_TRUE(always.addState({bind({3, 1}, "i1")}, {bind({2, 2}, "sn")}));
+    EXPECT_EQ(always.alwaysServed(), 2u);
+    EXPECT_TRUE(always.checkWalk({bind({3, 1}, "i1")}, WalkEnd::kPastTree).empty());
+    EXPECT_NE(always.checkAbsent(bind({2, 2}, "").name).find("served by every state"),
+              std::string::npos);
+
+    // Walked by every state: a walk past it must show it.
+    Reference walked(kRoot);
+    ASSERT_TRUE(walked.addState({bind({2, 2}, "sn"), bind({3, 1}, "i1")}));
+    const std::vector<std::string> faults =
+        walked.checkWalk({bind({3, 1}, "i1")}, WalkEnd::kPastTree);
+    ASSERT_EQ(faults.size(), 1u);
+    EXPECT_NE(faults.front().find("skipped"), std::string::npos);
+}
+
 TEST(WalkCheck, RefusesReferencesThatAreNoWalks)
 {
     Reference reference(kRoot);
@@ -115,6 +150,10 @@ TEST(WalkCheck, RefusesReferencesThatAreNoWalks)
     EXPECT_TRUE(reference.addState({}));
     EXPECT_FALSE(reference.addRepeat({bind({2, 1}, "x")}, {bind({2, 2}, "x")}));
     EXPECT_FALSE(reference.addRepeat({bind({2, 1}, "x")}, {}));
+    // Hidden bindings must increase too, and name nothing the walk shows.
+    EXPECT_FALSE(reference.addState({bind({2, 1}, "x")}, {bind({3, 1}, "y"), bind({2, 2}, "z")}));
+    EXPECT_FALSE(reference.addState({bind({2, 1}, "x")}, {bind({2, 1}, "x")}));
+    EXPECT_TRUE(reference.addState({bind({2, 1}, "x")}, {bind({2, 2}, "y")}));
 }
 
 } // namespace
