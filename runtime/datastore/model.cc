@@ -181,6 +181,31 @@ inline char *copySmall(const char *from, size_t n, char *out)
     return out + n;
 }
 
+// Whether a and b are the same text. Names and values are mostly short:
+// those are compared in one or two word loads each, not a call to memcmp.
+inline bool sameText(std::string_view a, std::string_view b)
+{
+    const size_t n = a.size();
+    if (n != b.size())
+        return false;
+    if (n >= 8 && n <= 16) {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, a.data(), 8);
+        std::memcpy(&b0, b.data(), 8);
+        std::memcpy(&a1, a.data() + n - 8, 8);
+        std::memcpy(&b1, b.data() + n - 8, 8);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    if (n < 8) {
+        for (size_t i = 0; i < n; ++i) {
+            if (a[i] != b[i])
+                return false;
+        }
+        return true;
+    }
+    return std::memcmp(a.data(), b.data(), n) == 0;
+}
+
 // Writes value as element content (xml::escapeText) at out; answers the end.
 char *writeEscaped(std::string_view value, char *out)
 {
@@ -334,7 +359,7 @@ template <class Texts> bool Model::Builder::addObject(const Texts &o, std::strin
         const std::string_view name = o.attributes[i].first;
         const std::string_view value = o.attributes[i].second;
         uint32_t nameId;
-        if (i < lastNames.size() && m.names_[lastNames[i]] == name) {
+        if (i < lastNames.size() && sameText(m.names_[lastNames[i]], name)) {
             nameId = lastNames[i];
         } else {
             auto nameIt = tables_->nameIds.find(name);
@@ -359,7 +384,7 @@ template <class Texts> bool Model::Builder::addObject(const Texts &o, std::strin
         uint32_t &lastValue = tables_->lastValues[i];
         std::optional<uint32_t> valueId;
         size_t valueHash = 0;
-        if (lastValue != UINT32_MAX && m.value(lastValue) == value)
+        if (lastValue != UINT32_MAX && sameText(m.value(lastValue), value))
             valueId = lastValue;
         else
             valueId = tables_->valueIds.find(value, valueHash = ValueIds::hash(value));

@@ -56,7 +56,13 @@ class QuickReader {
     };
 
     uint32_t lineAt(size_t pos);
-    bool at(std::string_view what) const { return s_.substr(p_).starts_with(what); }
+    // Whether the text at p_ starts with `what` (a literal: the compare is
+    // inlined).
+    bool at(std::string_view what) const
+    {
+        return s_.size() - p_ >= what.size() &&
+               std::memcmp(s_.data() + p_, what.data(), what.size()) == 0;
+    }
     void skipBlanks();
     size_t nameEnd(size_t pos) const;
     bool skipCommentOrInstruction();
@@ -77,19 +83,32 @@ class QuickReader {
     std::vector<ObjectView::Attribute> attributes_;
 };
 
-// Positions only move forward here, so each byte is counted once.
+// Positions only move forward here, so each byte is counted once, eight at
+// a time: a model has a line feed every 25 bytes or so, too many for a
+// search per line to pay.
 uint32_t QuickReader::lineAt(size_t pos)
 {
-    const char *from = s_.data() + countedTo_;
-    const char *to = s_.data() + pos;
-    while (from < to) {
-        const void *next = std::memchr(from, '\n', static_cast<size_t>(to - from));
-        if (next == nullptr)
-            break;
-        ++countedLine_;
-        from = static_cast<const char *>(next) + 1;
+    constexpr uint64_t kLow7 = 0x7F7F7F7F7F7F7F7F, kFeeds = 0x0A0A0A0A0A0A0A0A;
+    const char *p = s_.data() + countedTo_;
+    const char *end = s_.data() + pos;
+    size_t feeds = 0;
+    for (; end - p >= 8; p += 8) {
+        uint64_t word;
+        std::memcpy(&word, p, sizeof word);
+        // Each byte of x is 0 where a line feed was; the sum sets a byte's
+        // high bit when its low seven bits are not all 0, and no byte
+        // carries into the next, so `zero` has the high bit of exactly the
+        // bytes that were line feeds. The product adds those bits up in
+        // its top byte (at most 8), without a population count
+        // instruction the target may lack.
+        const uint64_t x = word ^ kFeeds;
+        const uint64_t zero = ~(((x & kLow7) + kLow7) | x | kLow7);
+        feeds += static_cast<size_t>(((zero >> 7) * 0x0101010101010101) >> 56);
     }
+    for (; p < end; ++p)
+        feeds += *p == '\n' ? 1 : 0;
     countedTo_ = pos;
+    countedLine_ += static_cast<uint32_t>(feeds);
     return countedLine_;
 }
 
@@ -131,7 +150,8 @@ bool QuickReader::skipMisc()
 {
     for (;;) {
         skipBlanks();
-        if (p_ >= s_.size() || !(at("<!--") || at("<?")))
+        // Most calls meet an element's '<': two bytes tell it apart.
+        if (s_.size() - p_ < 2 || s_[p_] != '<' || (s_[p_ + 1] != '!' && s_[p_ + 1] != '?'))
             return true;
         if (!skipCommentOrInstruction())
             return false;
@@ -189,15 +209,16 @@ bool QuickReader::tagEnd(bool *empty)
 }
 
 // "</name>" at p_, blanks allowed before the '>'. When there is none, p_
-// stays where it was.
+// stays where it was. name is a name (the reader's nameEnd took it), so
+// the end tag's name is name when it starts with it and goes on with no
+// name byte.
 bool QuickReader::endTag(std::string_view name)
 {
-    if (!at("</"))
+    size_t p = p_ + 2 + name.size();
+    if (p >= s_.size() || s_[p_] != '<' || s_[p_ + 1] != '/' ||
+        std::memcmp(s_.data() + p_ + 2, name.data(), name.size()) != 0 || xml::isNameChar(s_[p])) {
         return false;
-    const size_t stop = nameEnd(p_ + 2);
-    if (s_.substr(p_ + 2, stop - p_ - 2) != name)
-        return false;
-    size_t p = stop;
+    }
     while (p < s_.size() && xml::isSpace(s_[p]))
         ++p;
     if (p >= s_.size() || s_[p] != '>')
@@ -236,12 +257,6 @@ bool QuickReader::storage(const std::string &origin, std::optional<Model::Builde
     if (empty) {
         return true;
     }
-    // About how many objects follow (their tags, counted in one fast pass),
-    // so that the model's tables are sized once.
-    size_t objects = 0;
-    for (size_t tag = s_.find("<object", p_); tag != npos; tag = s_.find("<object", tag + 1))
-        ++objects;
-    (*builder)->reserve(objects, 0);
     for (;;) {
         if (!skipMisc() || p_ >= s_.size() || s_[p_] != '<')
             return false;

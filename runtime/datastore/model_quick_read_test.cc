@@ -106,6 +106,19 @@ TEST(ModelQuickReadTest, TakesTheUsualShapesAndReadsThemAsParseThenBuild)
         {"objects that share values",
          storage(disk + R"(<object id="8" type="arraydisks"><Nexus>0\8</Nexus></object>
                  <object id="9" type="arraydisks"><Other>0\7</Other><Nexus>0\8</Nexus></object>)")},
+        {"line feeds at every offset of a word, beside bytes beyond ASCII",
+         [] {
+             std::string items;
+             for (int i = 1; i <= 40; ++i) {
+                 items += std::string(static_cast<size_t>(i % 9), '\n') + "<object id=\"" +
+                          std::to_string(i) + "\" type=\"fans\"><A>\xC3\x8A" +
+                          std::string(static_cast<size_t>(i % 3), '\n') + "\xE2\x80\x8A</A>" +
+                          std::string(static_cast<size_t>(i % 5), ' ') + "</object>";
+                 if (i % 7 == 0)
+                     items += "\n<link a=\"" + std::to_string(i) + "\" b=\"1\"/>";
+             }
+             return storage(items);
+         }()},
     };
     for (const auto &c : cases) {
         const std::string expected = twoSteps(c.text);
