@@ -4,6 +4,7 @@
 // allocation per object. It takes only what it can read with certainty
 // and gives up on anything else, well-formed or not, so that every
 // message comes from the general reader, which then reads the text anew.
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <memory>
@@ -69,6 +70,7 @@ class QuickReader {
     bool skipMisc();
     bool attribute(std::string_view *name, std::string_view *raw);
     bool tagEnd(bool *empty);
+    bool nameAt(size_t pos, std::string_view name) const;
     bool endTag(std::string_view name);
     bool storage(const std::string &origin, std::optional<Model::Builder> *builder);
     bool object(Model::Builder &builder);
@@ -81,6 +83,9 @@ class QuickReader {
     std::string scratch_;
     std::vector<std::pair<std::string_view, Value>> read_;
     std::vector<ObjectView::Attribute> attributes_;
+    // The attribute names of the objects read so far, by position: of the
+    // last object that had one there.
+    std::vector<std::string_view> lastNames_;
 };
 
 // Positions only move forward here, so each byte is counted once, eight at
@@ -208,17 +213,22 @@ bool QuickReader::tagEnd(bool *empty)
     return false;
 }
 
+// Whether the name at pos is `name`, itself a name: the text there starts
+// with it and goes on with no name byte.
+bool QuickReader::nameAt(size_t pos, std::string_view name) const
+{
+    const size_t stop = pos + name.size();
+    return stop < s_.size() && std::memcmp(s_.data() + pos, name.data(), name.size()) == 0 &&
+           !xml::isNameChar(s_[stop]);
+}
+
 // "</name>" at p_, blanks allowed before the '>'. When there is none, p_
-// stays where it was. name is a name (the reader's nameEnd took it), so
-// the end tag's name is name when it starts with it and goes on with no
-// name byte.
+// stays where it was.
 bool QuickReader::endTag(std::string_view name)
 {
-    size_t p = p_ + 2 + name.size();
-    if (p >= s_.size() || s_[p_] != '<' || s_[p_ + 1] != '/' ||
-        std::memcmp(s_.data() + p_ + 2, name.data(), name.size()) != 0 || xml::isNameChar(s_[p])) {
+    if (s_.size() - p_ < 2 || s_[p_] != '<' || s_[p_ + 1] != '/' || !nameAt(p_ + 2, name))
         return false;
-    }
+    size_t p = p_ + 2 + name.size();
     while (p < s_.size() && xml::isSpace(s_[p]))
         ++p;
     if (p >= s_.size() || s_[p] != '>')
@@ -313,12 +323,20 @@ bool QuickReader::object(Model::Builder &builder)
             return false;
         if (endTag("object"))
             break;
-        // An attribute element: <Name>text</Name> or <Name/>.
-        const size_t stop = nameEnd(p_ + 1);
-        if (stop == p_ + 1)
-            return false;
-        name = s_.substr(p_ + 1, stop - p_ - 1);
-        p_ = stop;
+        // An attribute element: <Name>text</Name> or <Name/>. Objects of a
+        // type mostly name their attributes alike and in one order: the
+        // name the last object had here is tried before the name is read
+        // byte by byte.
+        const size_t index = read_.size();
+        if (index < lastNames_.size() && nameAt(p_ + 1, lastNames_[index])) {
+            name = s_.substr(p_ + 1, lastNames_[index].size());
+        } else {
+            const size_t stop = nameEnd(p_ + 1);
+            if (stop == p_ + 1)
+                return false;
+            name = s_.substr(p_ + 1, stop - p_ - 1);
+        }
+        p_ += 1 + name.size();
         bool noText = false;
         if (!tagEnd(&noText))
             return false;
@@ -341,8 +359,10 @@ bool QuickReader::object(Model::Builder &builder)
         }
         read_.emplace_back(name, value);
     }
+    lastNames_.resize(std::max(lastNames_.size(), read_.size()));
     attributes_.clear();
     for (const auto &[attributeName, value] : read_) {
+        lastNames_[attributes_.size()] = attributeName;
         attributes_.emplace_back(attributeName, value.decodedAt == npos
                                                     ? value.raw
                                                     : std::string_view(scratch_).substr(
