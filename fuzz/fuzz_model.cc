@@ -1,8 +1,9 @@
 // The model loader: a model file's text parsed, validated and served (what
 // KELP_MODEL and `kelpctl load` read), then, when it is served, an object
 // fragment added to it (`kelpctl add --xml`), the served model written back
-// as text and that text loaded again. The input is the model's text, and
-// after a line "@@add" the fragment.
+// as text and that text loaded again; and the quick read of the model's
+// text against parse-then-build. The input is the model's text, and after
+// a line "@@add" the fragment.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -37,6 +38,36 @@ void readAnswers()
     freeMem(DataStoreReady(&status));
 }
 
+// The quick read takes a text only when parse-then-build serve it too, as
+// the same model.
+void checkQuickRead(const std::string &text)
+{
+    const std::shared_ptr<const kelp::ds::Model> quick = kelp::ds::readQuickly(text, "fuzz");
+    if (quick == nullptr) {
+        return;
+    }
+    kelp::ds::ModelData data;
+    std::string error;
+    if (!kelp::ds::parseModelText(text, "fuzz", &data, &error)) {
+        fuzzcommon::fail("the quick read took a text parseModelText refuses: " + error);
+    }
+    const std::shared_ptr<const kelp::ds::Model> built = kelp::ds::Model::build(data, &error);
+    if (built == nullptr) {
+        fuzzcommon::fail("the quick read took a text Model::build refuses: " + error);
+    }
+    FUZZ_CHECK(kelp::ds::modelText(*quick) == kelp::ds::modelText(*built));
+    const kelp::ds::ModelData quickData = quick->data();
+    FUZZ_CHECK(quickData.storageWhere.line == data.storageWhere.line);
+    FUZZ_CHECK(quickData.objects.size() == data.objects.size());
+    for (size_t i = 0; i < data.objects.size(); ++i) {
+        FUZZ_CHECK(quickData.objects[i].where.line == data.objects[i].where.line);
+    }
+    FUZZ_CHECK(quickData.links.size() == data.links.size());
+    for (size_t i = 0; i < data.links.size(); ++i) {
+        FUZZ_CHECK(quickData.links[i].where.line == data.links[i].where.line);
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -46,6 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string model(input.substr(0, cut));
     const std::string fragment(cut == std::string_view::npos ? std::string_view()
                                                              : input.substr(cut + kAdd.size()));
+    checkQuickRead(model);
     std::string error;
     if (!kelp::ds::loadModelText(model, "fuzz", &error)) {
         FUZZ_CHECK(!error.empty());

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <unordered_set>
 
 #include "datastore/model.h"
 #include "datastore/xml_text.h"
@@ -23,7 +22,7 @@ std::string knownTypes()
     return out;
 }
 
-bool parseUint32(const std::string &text, uint32_t *out)
+bool parseUint32(std::string_view text, uint32_t *out)
 {
     const char *end = text.data() + text.size();
     auto [stop, ec] = std::from_chars(text.data(), end, *out);
@@ -33,18 +32,18 @@ bool parseUint32(const std::string &text, uint32_t *out)
 // The check shared by the attributes of <storage> and of objects: the
 // plug-in copies every value into buffers sized for the XML library's
 // longest answer. Empty when the value fits, else the message.
-std::string valueTooLong(const std::string &name, const std::string &value)
+std::string valueTooLong(std::string_view name, std::string_view value)
 {
     if (value.size() <= kMaxAttributeValueBytes)
         return std::string();
-    return name + " has " + std::to_string(value.size()) + " bytes, over the limit of " +
-           std::to_string(kMaxAttributeValueBytes);
+    return std::string(name) + " has " + std::to_string(value.size()) +
+           " bytes, over the limit of " + std::to_string(kMaxAttributeValueBytes);
 }
 
 // A name a model file can spell: an XML name of UTF-8 text. Names set
 // outside a file are held to it too, so that any model can be written to a
 // file and read back.
-bool isAttributeName(const std::string &name)
+bool isAttributeName(std::string_view name)
 {
     return xml::isName(name) && xml::isXmlText(name);
 }
@@ -78,48 +77,73 @@ const std::string *firstAttribute(const ObjectData &object, std::string_view nam
 
 namespace {
 
-// The value ids of a model being built, found by their text: a set of ids
-// whose hash and equality read the text from the model's value table, so the
-// table may grow (and move) while the set holds them.
+// The value ids of a model being built, found by their text: an open
+// table of ids with a part of each one's hash, whose texts are read from the
+// model's value table, so that table may grow (and move) while this holds
+// the ids. A model has a value per attribute or so, most of them distinct:
+// a flat table costs no allocation per value and, as the hash is kept, a
+// look-up reads a text only when its hash matches.
 class ValueIds {
   public:
     ValueIds(const std::string &values, const std::vector<uint32_t> &starts)
-        : set_(64, Hash{{&values, &starts}}, Equal{{&values, &starts}})
+        : values_(&values), starts_(&starts), slots_(64)
     {
     }
-    // The id of text, or nullopt when it has none yet.
-    std::optional<uint32_t> find(std::string_view text) const
+    static size_t hash(std::string_view text) { return std::hash<std::string_view>{}(text); }
+    // The id of text, whose hash is h, or nullopt when it has none yet.
+    std::optional<uint32_t> find(std::string_view text, size_t h) const
     {
-        auto it = set_.find(text);
-        return it == set_.end() ? std::nullopt : std::optional<uint32_t>(*it);
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = static_cast<uint32_t>(h) & mask;; i = (i + 1) & mask) {
+            const Slot &slot = slots_[i];
+            if (slot.id == kEmpty)
+                return std::nullopt;
+            if (slot.hash == static_cast<uint32_t>(h) && this->text(slot.id) == text)
+                return slot.id;
+        }
     }
-    void add(uint32_t id) { set_.insert(id); }
+    // Adds id, whose text is not in the table yet and has hash h.
+    void add(uint32_t id, size_t h)
+    {
+        if (2 * (count_ + 1) > slots_.size())
+            grow();
+        place(Slot{id, static_cast<uint32_t>(h)});
+        ++count_;
+    }
 
   private:
-    struct Table {
-        const std::string *values;
-        const std::vector<uint32_t> *starts;
-        std::string_view text(uint32_t id) const
-        {
-            return std::string_view(*values).substr((*starts)[id],
-                                                    (*starts)[id + 1] - (*starts)[id]);
+    static constexpr uint32_t kEmpty = UINT32_MAX;
+    struct Slot {
+        uint32_t id = kEmpty;
+        uint32_t hash = 0; // the hash's low 32 bits, which place a slot
+    };
+    std::string_view text(uint32_t id) const
+    {
+        return std::string_view(*values_).substr((*starts_)[id],
+                                                 (*starts_)[id + 1] - (*starts_)[id]);
+    }
+    void place(Slot slot)
+    {
+        const size_t mask = slots_.size() - 1;
+        size_t i = slot.hash & mask;
+        while (slots_[i].id != kEmpty)
+            i = (i + 1) & mask;
+        slots_[i] = slot;
+    }
+    void grow()
+    {
+        std::vector<Slot> old(slots_.size() * 2);
+        old.swap(slots_);
+        for (const Slot &slot : old) {
+            if (slot.id != kEmpty)
+                place(slot);
         }
-    };
-    struct Hash : Table {
-        using is_transparent = void;
-        size_t operator()(std::string_view t) const noexcept
-        {
-            return std::hash<std::string_view>{}(t);
-        }
-        size_t operator()(uint32_t id) const noexcept { return (*this)(text(id)); }
-    };
-    struct Equal : Table {
-        using is_transparent = void;
-        bool operator()(uint32_t a, uint32_t b) const { return a == b; }
-        bool operator()(std::string_view t, uint32_t id) const { return t == text(id); }
-        bool operator()(uint32_t id, std::string_view t) const { return t == text(id); }
-    };
-    std::unordered_set<uint32_t, Hash, Equal> set_;
+    }
+
+    const std::string *values_;
+    const std::vector<uint32_t> *starts_;
+    std::vector<Slot> slots_; // a power of two of them, at most half used
+    size_t count_ = 0;
 };
 
 // Bytes of a value written as element content (xml::escapeText).
@@ -157,6 +181,31 @@ inline char *copySmall(const char *from, size_t n, char *out)
     return out + n;
 }
 
+// Whether a and b are the same text. Names and values are mostly short:
+// those are compared in one or two word loads each, not a call to memcmp.
+inline bool sameText(std::string_view a, std::string_view b)
+{
+    const size_t n = a.size();
+    if (n != b.size())
+        return false;
+    if (n >= 8 && n <= 16) {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, a.data(), 8);
+        std::memcpy(&b0, b.data(), 8);
+        std::memcpy(&a1, a.data() + n - 8, 8);
+        std::memcpy(&b1, b.data() + n - 8, 8);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    if (n < 8) {
+        for (size_t i = 0; i < n; ++i) {
+            if (a[i] != b[i])
+                return false;
+        }
+        return true;
+    }
+    return std::memcmp(a.data(), b.data(), n) == 0;
+}
+
 // Writes value as element content (xml::escapeText) at out; answers the end.
 char *writeEscaped(std::string_view value, char *out)
 {
@@ -190,7 +239,7 @@ struct Model::Builder::Tables {
     }
     std::vector<uint32_t> escaped;
     ValueIds valueIds;
-    std::unordered_map<std::string, uint32_t> nameIds;
+    std::unordered_map<std::string, uint32_t, TextHash, std::equal_to<>> nameIds;
     // The name and value ids at each attribute position of the object added
     // last: objects of a type mostly name their attributes alike, in one
     // order, often with the same values, and a compare costs less than a
@@ -259,7 +308,21 @@ bool Model::checkStorage(std::string *error)
     return true;
 }
 
-bool Model::Builder::add(ObjectData &o, std::string *error)
+bool Model::Builder::add(ObjectData &object, std::string *error)
+{
+    if (!addObject(object, error))
+        return false;
+    // The model holds them now.
+    Attributes().swap(object.attributes);
+    return true;
+}
+
+bool Model::Builder::add(const ObjectView &object, std::string *error)
+{
+    return addObject(object, error);
+}
+
+template <class Texts> bool Model::Builder::addObject(const Texts &o, std::string *error)
 {
     Model &m = *model_;
     const size_t pos = m.objects_.size();
@@ -277,7 +340,8 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
         return failAt("object id 0 (ids run from 1 to 4294967295)");
     int type = objectTypeIndex(o.type);
     if (type < 0)
-        return failAt(what() + "unknown type \"" + o.type + "\" (known: " + knownTypes() + ")");
+        return failAt(what() + "unknown type \"" + std::string(o.type) +
+                      "\" (known: " + knownTypes() + ")");
     auto [it, fresh] = m.byId_.emplace(o.id, static_cast<uint32_t>(pos));
     if (!fresh) {
         return failAt("duplicate object id " + std::to_string(o.id) + " (first at " +
@@ -292,9 +356,10 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
     size_t answerSize = 15 + std::to_string(o.id).size(); // <ObjID>id</ObjID>
     std::vector<uint32_t> &lastNames = tables_->lastNames;
     for (size_t i = 0; i < o.attributes.size(); ++i) {
-        const auto &[name, value] = o.attributes[i];
+        const std::string_view name = o.attributes[i].first;
+        const std::string_view value = o.attributes[i].second;
         uint32_t nameId;
-        if (i < lastNames.size() && m.names_[lastNames[i]] == name) {
+        if (i < lastNames.size() && sameText(m.names_[lastNames[i]], name)) {
             nameId = lastNames[i];
         } else {
             auto nameIt = tables_->nameIds.find(name);
@@ -302,10 +367,12 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
                 if (name == "ObjID")
                     return failAt(what() + "ObjID is no attribute: the id attribute gives it");
                 if (!isAttributeName(name))
-                    return failAt(what() + "\"" + name + "\" is not an attribute name");
-                nameIt =
-                    tables_->nameIds.emplace(name, static_cast<uint32_t>(m.names_.size())).first;
-                m.names_.push_back(name);
+                    return failAt(what() + "\"" + std::string(name) +
+                                  "\" is not an attribute name");
+                nameIt = tables_->nameIds
+                             .emplace(std::string(name), static_cast<uint32_t>(m.names_.size()))
+                             .first;
+                m.names_.emplace_back(name);
             }
             nameId = nameIt->second;
             if (i >= lastNames.size()) {
@@ -316,15 +383,16 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
         }
         uint32_t &lastValue = tables_->lastValues[i];
         std::optional<uint32_t> valueId;
-        if (lastValue != UINT32_MAX && m.value(lastValue) == value)
+        size_t valueHash = 0;
+        if (lastValue != UINT32_MAX && sameText(m.value(lastValue), value))
             valueId = lastValue;
         else
-            valueId = tables_->valueIds.find(value);
+            valueId = tables_->valueIds.find(value, valueHash = ValueIds::hash(value));
         if (!valueId) {
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
                 return failAt(what() + tooLong);
             if (!xml::isXmlText(value))
-                return failAt(what() + name + " is not UTF-8 text");
+                return failAt(what() + std::string(name) + " is not UTF-8 text");
             if (m.values_.size() + value.size() > UINT32_MAX)
                 return failAt(what() + "the model's values are over 4 GiB");
             valueId = static_cast<uint32_t>(tables_->escaped.size());
@@ -333,7 +401,7 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
             const size_t escaped = escapedSize(value);
             tables_->escaped.push_back(static_cast<uint32_t>(escaped));
             m.escapes_.push_back(escaped != value.size());
-            tables_->valueIds.add(*valueId);
+            tables_->valueIds.add(*valueId, valueHash);
         }
         lastValue = *valueId;
         answerSize += 2 * name.size() + 5 + tables_->escaped[*valueId];
@@ -351,8 +419,6 @@ bool Model::Builder::add(ObjectData &o, std::string *error)
     stored.count = static_cast<uint16_t>(o.attributes.size());
     m.objects_.push_back(stored);
     m.byType_[static_cast<size_t>(type)].push_back(pos);
-    // The model holds them now.
-    Attributes().swap(o.attributes);
     return true;
 }
 

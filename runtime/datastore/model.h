@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -64,6 +65,18 @@ struct ObjectData {
     Where where;
 };
 
+// An object as a reader that keeps the file's text hands it to
+// Model::Builder: the views need to live only until the builder's add
+// returns. The fields mean what ObjectData's do.
+struct ObjectView {
+    using Attribute = std::pair<std::string_view, std::string_view>;
+    uint32_t id = 0;
+    std::string_view type;
+    uint32_t parent = 0;
+    std::span<const Attribute> attributes;
+    Where where;
+};
+
 struct LinkData {
     uint32_t a = 0;
     uint32_t b = 0;
@@ -102,6 +115,15 @@ class Model;
 std::shared_ptr<const Model> readModel(std::string_view text, const std::string &origin,
                                        std::string *error);
 
+// readModel's quick way: the model of a text of the shape model files
+// mostly have (a <storage> of <object>s whose attribute elements hold one
+// run of text each, and <link>s; blanks, comments and processing
+// instructions between them), read straight from views into the text.
+// Null when the text holds anything else or is no good model: then
+// readModel reads it the general way, which names the problem if there is
+// one. What it answers is what the general way would.
+std::shared_ptr<const Model> readQuickly(std::string_view text, const std::string &origin);
+
 class Model {
   public:
     // Validates data as a model file is validated and indexes it. Null with
@@ -126,6 +148,9 @@ class Model {
         void reserve(size_t objects, size_t attributes);
         // Checks and stores the next object, taking its attributes out of it.
         bool add(ObjectData &object, std::string *error);
+        // The same for an object given as views: a name or a value is
+        // copied into the model only the first time it is met.
+        bool add(const ObjectView &object, std::string *error);
         // Keeps a link; finish checks it.
         void addLink(const LinkData &link);
         // The checks across objects and the indexes: the model, or null with
@@ -134,6 +159,8 @@ class Model {
 
       private:
         struct Tables;
+        // add() of either form: Texts is ObjectData or ObjectView.
+        template <class Texts> bool addObject(const Texts &object, std::string *error);
         std::shared_ptr<Model> model_;
         std::unique_ptr<Tables> tables_;
     };

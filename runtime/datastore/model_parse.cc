@@ -194,6 +194,8 @@ bool parseModelText(std::string_view text, const std::string &origin, ModelData 
 std::shared_ptr<const Model> readModel(std::string_view text, const std::string &origin,
                                        std::string *error)
 {
+    if (std::shared_ptr<const Model> model = readQuickly(text, origin))
+        return model;
     // A problem is reported as parseModelText and build would find it:
     // one of the XML first, then of the root, then of an item (the first),
     // then of the model (the first). So the first problem of an item or of

@@ -123,64 +123,13 @@ size_t Reader::nameEnd(size_t pos) const
     return pos;
 }
 
-// Appends raw with its entity and character references replaced; base is
-// raw's offset in the text, for the line of an error. blankSpace (attribute
-// values) writes each tab, line feed and carriage return of raw as a blank;
-// one written as a character reference (&#9;) stays what it names, as XML
-// says, so that any value can be written in an attribute and read back.
+// Appends raw with its references replaced (decodeReferences); base is
+// raw's offset in the text, for the line of an error.
 bool Reader::decode(std::string_view raw, size_t base, bool blankSpace, std::string *out)
 {
-    static constexpr std::pair<std::string_view, char> kNamed[] = {
-        {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
-    for (size_t i = 0; i < raw.size(); ++i) {
-        // Element text up to the next reference is taken as it is, in one go.
-        if (!blankSpace && raw[i] != '&') {
-            const size_t amp = std::min(raw.find('&', i), raw.size());
-            out->append(raw.substr(i, amp - i));
-            i = amp - 1;
-            continue;
-        }
-        if (raw[i] != '&') {
-            out->push_back(blankSpace && isSpace(raw[i]) ? ' ' : raw[i]);
-            continue;
-        }
-        size_t semi = raw.find(';', i + 1);
-        if (semi == npos || semi - i > 12)
-            return fail(base + i, "'&' that does not start an entity (write &amp;)");
-        std::string_view ref = raw.substr(i + 1, semi - i - 1);
-        bool known = false;
-        for (const auto &[name, c] : kNamed) {
-            if (ref == name) {
-                out->push_back(c);
-                known = true;
-            }
-        }
-        if (!known && !ref.empty() && ref[0] == '#') {
-            bool hex = ref.size() > 1 && ref[1] == 'x';
-            std::string_view digits = ref.substr(hex ? 2 : 1);
-            uint32_t cp = 0;
-            bool ok = !digits.empty();
-            for (char c : digits) {
-                int d = c >= '0' && c <= '9'          ? c - '0'
-                        : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
-                        : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                                      : -1;
-                if (d < 0 || cp > 0x10FFFF) {
-                    ok = false;
-                    break;
-                }
-                cp = cp * (hex ? 16 : 10) + static_cast<uint32_t>(d);
-            }
-            if (!ok || !isXmlChar(cp))
-                return fail(base + i, "invalid character reference &" + std::string(ref) + ";");
-            appendUtf8(out, cp);
-            known = true;
-        }
-        if (!known)
-            return fail(base + i, "unknown entity &" + std::string(ref) + ";");
-        i = semi;
-    }
-    return true;
+    std::string problem;
+    const size_t bad = decodeReferences(raw, blankSpace, out, &problem);
+    return bad == npos || fail(base + bad, std::move(problem));
 }
 
 // Character data from pos_ up to end.

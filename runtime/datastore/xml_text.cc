@@ -2,7 +2,9 @@
 // bytes are text, which are names, and how text is written back.
 #include "datastore/xml_text.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace kelp::ds::xml {
 
@@ -32,6 +34,66 @@ void appendUtf8(std::string *out, uint32_t cp)
         byte(0x80 | ((cp >> 6) & 0x3F));
         byte(0x80 | (cp & 0x3F));
     }
+}
+
+size_t decodeReferences(std::string_view raw, bool blankSpace, std::string *out,
+                        std::string *problem)
+{
+    auto bad = [problem](size_t at, std::string message) {
+        *problem = std::move(message);
+        return at;
+    };
+    static constexpr std::pair<std::string_view, char> kNamed[] = {
+        {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
+    for (size_t i = 0; i < raw.size(); ++i) {
+        // Element text up to the next reference is taken as it is, in one go.
+        if (!blankSpace && raw[i] != '&') {
+            const size_t amp = std::min(raw.find('&', i), raw.size());
+            out->append(raw.substr(i, amp - i));
+            i = amp - 1;
+            continue;
+        }
+        if (raw[i] != '&') {
+            out->push_back(blankSpace && isSpace(raw[i]) ? ' ' : raw[i]);
+            continue;
+        }
+        size_t semi = raw.find(';', i + 1);
+        if (semi == npos || semi - i > 12)
+            return bad(i, "'&' that does not start an entity (write &amp;)");
+        std::string_view ref = raw.substr(i + 1, semi - i - 1);
+        bool known = false;
+        for (const auto &[name, c] : kNamed) {
+            if (ref == name) {
+                out->push_back(c);
+                known = true;
+            }
+        }
+        if (!known && !ref.empty() && ref[0] == '#') {
+            bool hex = ref.size() > 1 && ref[1] == 'x';
+            std::string_view digits = ref.substr(hex ? 2 : 1);
+            uint32_t cp = 0;
+            bool ok = !digits.empty();
+            for (char c : digits) {
+                int d = c >= '0' && c <= '9'          ? c - '0'
+                        : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
+                        : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                      : -1;
+                if (d < 0 || cp > 0x10FFFF) {
+                    ok = false;
+                    break;
+                }
+                cp = cp * (hex ? 16 : 10) + static_cast<uint32_t>(d);
+            }
+            if (!ok || !isXmlChar(cp))
+                return bad(i, "invalid character reference &" + std::string(ref) + ";");
+            appendUtf8(out, cp);
+            known = true;
+        }
+        if (!known)
+            return bad(i, "unknown entity &" + std::string(ref) + ";");
+        i = semi;
+    }
+    return npos;
 }
 
 namespace {

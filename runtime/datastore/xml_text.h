@@ -44,6 +44,16 @@ bool isXmlChar(uint32_t cp);
 // Appends the UTF-8 form of code point cp (at most U+10FFFF).
 void appendUtf8(std::string *out, uint32_t cp);
 
+// Appends raw with its entity and character references replaced. blankSpace
+// (attribute values) writes each tab, line feed and carriage return of raw
+// as a blank; one written as a character reference (&#9;) stays what it
+// names, as XML says, so that any value can be written in an attribute and
+// read back. Answers std::string_view::npos, or the offset in raw of the
+// first reference it cannot read with *problem set to why (then out holds
+// part of the text).
+size_t decodeReferences(std::string_view raw, bool blankSpace, std::string *out,
+                        std::string *problem);
+
 // Offset of the first byte of s that is not part of valid UTF-8 or encodes a
 // character XML does not allow (NUL, most control characters, surrogates),
 // or std::string_view::npos when there is none.
