@@ -20,8 +20,14 @@ void vcsif32_yesEventQ(void)
 }
 
 // This library takes no commands from its client, so there is nothing to
-// switch off.
-void vcsif32_noCmdQ(void) {}
+// switch off. The plug-in's event monitor calls it as it starts reading, a
+// read interval before its first read: from here on a swap that moves ids
+// waits for that read (rescan_gate.h) instead of taking the reader for
+// absent, which would leave tables built from the old model unrebuilt.
+void vcsif32_noCmdQ(void)
+{
+    kelp::ev::noteReaderStarting();
+}
 
 // Only single events are handed out; any other count is answered null and
 // leaves the queue, and the text the reader holds, as they are.

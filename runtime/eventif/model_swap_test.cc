@@ -23,6 +23,7 @@
 #include "eventif/event_queue.h"
 #include "eventif/reader.h"
 #include "eventif/rescan_gate.h"
+#include "vcsif.h"
 #include "vcsupt.h"
 
 namespace kelp::ev {
@@ -95,12 +96,22 @@ std::string servedOrigin()
 // The plug-in's two threads, reading every few milliseconds.
 class StandIn {
   public:
-    explicit StandIn(bool locks, std::chrono::milliseconds tick = 5ms) : locks_(locks), tick_(tick)
+    // With `firstReadAfter`, the monitor starts as the plug-in's does: it
+    // says it starts reading (vcsif32_noCmdQ), and reads that long after;
+    // the constructor does not wait for the first read then.
+    explicit StandIn(bool locks, std::chrono::milliseconds tick = 5ms,
+                     std::chrono::milliseconds firstReadAfter = 0ms)
+        : locks_(locks), tick_(tick)
     {
-        monitor_ = std::thread([this] { monitor(); });
+        if (firstReadAfter > 0ms)
+            vcsif32_noCmdQ();
+        monitor_ = std::thread([this, firstReadAfter] {
+            std::this_thread::sleep_for(firstReadAfter);
+            monitor();
+        });
         if (locks_)
             rescan_ = std::thread([this] { rescan(); });
-        while (reads_.load() == 0)
+        while (firstReadAfter == 0ms && reads_.load() == 0)
             std::this_thread::sleep_for(1ms);
     }
     ~StandIn()
@@ -284,6 +295,19 @@ TEST_F(ModelSwap, ASwapBeforeTheLastOnesCompletedEventKeepsThatEventToCome)
     EXPECT_LT(Clock::now() - loaded, 500ms);
     EXPECT_FALSE(rescanOpen());
     EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "again")));
+    EXPECT_EQ(plugIn.handedOut(),
+              (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+// A load right after the plug-in started, before its monitor's first read:
+// swapped at once, the tables it had just built from the old model would
+// answer other objects' values until some later rescan.
+TEST_F(ModelSwap, AReaderThatIsStartingTakesTheSwapAtItsFirstRead)
+{
+    StandIn plugIn(true, 5ms, 60ms);
+    load(kMoved, "after");
+    ASSERT_TRUE(plugIn.waitForRescans(1));
+    EXPECT_EQ(plugIn.rescans().front(), (std::pair<std::string, std::string>("before", "after")));
     EXPECT_EQ(plugIn.handedOut(),
               (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
 }

@@ -155,6 +155,12 @@ char *readNextEvent()
     return copy;
 }
 
+void noteReaderStarting()
+{
+    std::lock_guard lock(g_readerMutex);
+    g_lastRead = Clock::now();
+}
+
 bool releaseEventText(char *text)
 {
     return g_texts.release(text);

@@ -31,6 +31,11 @@ bool releaseEventText(char *text);
 // unloads. Thread-safe.
 size_t outstandingEventTexts();
 
+// A reader is about to ask for events: until it has not asked for
+// kReaderGoneMs (rescan_gate.h) after this, it counts as present, as if it
+// had just read. Thread-safe.
+void noteReaderStarting();
+
 // Whether a rescan started event was handed out and is still open.
 bool rescanOpen();
 
