@@ -526,9 +526,12 @@ void Model::writeAnswer(size_t pos, char *out, std::vector<rt::xml::FlatElement>
     out = std::copy_n("<ObjID>", 7, out);
     out = std::copy(id, idEnd, out);
     out = std::copy_n("</ObjID>", 8, out);
+    // One element per attribute after <ObjID>, written in place.
+    rt::xml::FlatElement *element = nullptr;
     if (elements != nullptr) {
-        elements->clear();
-        elements->push_back({1, 5, 7, static_cast<uint32_t>(idEnd - id)});
+        elements->resize(size_t{o.count} + 1);
+        element = elements->data();
+        *element++ = {1, 5, 7, static_cast<uint32_t>(idEnd - id)};
     }
     for (size_t i = 0; i < o.count; ++i) {
         const Attribute &a = attributes_[o.first + i];
@@ -539,11 +542,11 @@ void Model::writeAnswer(size_t pos, char *out, std::vector<rt::xml::FlatElement>
         const std::string_view text = value(a.value);
         out =
             escapes_[a.value] ? writeEscaped(text, out) : copySmall(text.data(), text.size(), out);
-        if (elements != nullptr) {
+        if (element != nullptr) {
             // An answer is at most kMaxObjectAnswerBytes long.
             const auto at = [begin](const char *p) { return static_cast<uint32_t>(p - begin); };
-            elements->push_back(
-                {at(content) - tag.nameSize - 1, tag.nameSize, at(content), at(out) - at(content)});
+            *element++ = {at(content) - tag.nameSize - 1, tag.nameSize, at(content),
+                          at(out) - at(content)};
         }
         out = copySmall(open + tag.nameSize + 2, tag.nameSize + 3, out);
     }

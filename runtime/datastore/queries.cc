@@ -85,7 +85,7 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
         }
     });
     if (block != nullptr && listed)
-        kelp::rt::xml::rememberFlatAnswer(block, m.answerSize(pos), t_elements);
+        kelp::rt::xml::rememberFlatAnswer(block, m.answerSize(pos), &t_elements);
     else
         kelp::rt::xml::forgetFlatAnswer();
     return block;

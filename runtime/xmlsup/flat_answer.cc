@@ -49,13 +49,13 @@ bool isFlatName(std::string_view name)
     return true;
 }
 
-void rememberFlatAnswer(const char *text, size_t length, const std::vector<FlatElement> &elements)
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements)
 {
     FlatAnswer &flat = t_flat;
     flat.valid = false;
     try {
         flat.text.assign(text, length);
-        flat.elements = elements;
+        flat.elements.swap(*elements);
         flat.valid = true;
     } catch (const std::bad_alloc &) {
         // Look-ups scan, as for any other text.

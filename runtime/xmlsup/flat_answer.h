@@ -35,11 +35,13 @@ struct FlatElement {
 // '=', NUL).
 bool isFlatName(std::string_view name);
 
-// Remembers text[0..length) with `elements`, its elements in order, as the
+// Remembers text[0..length) with *elements, its elements in order, as the
 // calling thread's flat answer, in place of the one before. The caller
-// vouches that the text is flat and that the elements are all of it.
-// Without memory for the copy the thread keeps no flat answer.
-void rememberFlatAnswer(const char *text, size_t length, const std::vector<FlatElement> &elements);
+// vouches that the text is flat and that the elements are all of it. The
+// elements are taken by swapping: *elements holds the earlier answer's
+// afterwards, whose room the caller may reuse. Without memory for the copy
+// of the text the thread keeps no flat answer.
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements);
 
 // Forgets the calling thread's flat answer (a model is replaced, a test).
 void forgetFlatAnswer();

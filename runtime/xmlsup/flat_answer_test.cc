@@ -34,6 +34,12 @@ flatText(const std::vector<std::pair<std::string, std::string>> &elements)
     return {text, table};
 }
 
+// Remembers `text` with `table` (a copy: the call takes its elements).
+void remember(const std::string &text, std::vector<xml::FlatElement> table)
+{
+    xml::rememberFlatAnswer(text.data(), text.size(), &table);
+}
+
 const std::vector<std::pair<std::string, std::string>> kElements = {
     {"ObjID", "17"},
     {"Nexus", "0:1:2"},
@@ -55,7 +61,7 @@ const char *const kTags[] = {"ObjID", "Nexus", "Name",      "NameX", "Nam",     
 TEST(FlatAnswerTest, TheTableAnswersEveryLookUpAsTheScanDoes)
 {
     const auto [text, table] = flatText(kElements);
-    xml::rememberFlatAnswer(text.data(), text.size(), table);
+    remember(text, table);
     const std::string copy = text; // the plug-in reads its own copy too
     for (const std::string *read : {&text, &copy}) {
         for (const char *tag : kTags) {
@@ -83,7 +89,7 @@ TEST(FlatAnswerTest, TheTableAnswersEveryLookUpAsTheScanDoes)
 TEST(FlatAnswerTest, OnlyTheRememberedBytesAreAnsweredFromTheTable)
 {
     const auto [text, table] = flatText(kElements);
-    xml::rememberFlatAnswer(text.data(), text.size(), table);
+    remember(text, table);
     ASSERT_TRUE(xml::findInFlatAnswer(text.data(), text.size(), "Name", 0).indexed);
 
     // One byte changed anywhere: scanned, as the change may move elements.
@@ -107,7 +113,7 @@ TEST(FlatAnswerTest, OnlyTheRememberedBytesAreAnsweredFromTheTable)
 
     // A later answer replaces it; forgetting leaves none.
     const auto [next, nextTable] = flatText({{"ObjID", "18"}, {"Name", "n"}});
-    xml::rememberFlatAnswer(next.data(), next.size(), nextTable);
+    remember(next, nextTable);
     EXPECT_FALSE(xml::findInFlatAnswer(text.data(), text.size(), "Name", 0).indexed);
     EXPECT_TRUE(xml::findInFlatAnswer(next.data(), next.size(), "Name", 0).indexed);
     xml::forgetFlatAnswer();
@@ -133,7 +139,7 @@ TEST(FlatAnswerTest, XmlSupAnswersAlikeWithAndWithoutTheTable)
             for (uint32_t capacity : {1u, 5u, 160u}) {
                 xml::forgetFlatAnswer();
                 const std::string scanned = get(tag, occurrence, capacity);
-                xml::rememberFlatAnswer(text.data(), text.size(), table);
+                remember(text, table);
                 EXPECT_EQ(get(tag, occurrence, capacity), scanned)
                     << tag << " #" << occurrence << ", " << capacity << " bytes";
             }
