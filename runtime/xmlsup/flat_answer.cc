@@ -78,9 +78,13 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
     IndexedLookup result;
     result.indexed = true;
     uint32_t seen = 0;
+    const char first = tag.front();
     for (const FlatElement &e : flat.elements) {
-        if (e.nameSize != tag.size() || std::memcmp(xml + e.nameStart, tag.data(), tag.size()) != 0)
+        // Most names differ in length or in their first letter.
+        if (e.nameSize != tag.size() || xml[e.nameStart] != first ||
+            std::memcmp(xml + e.nameStart, tag.data(), tag.size()) != 0) {
             continue;
+        }
         if (seen++ == occurrence) {
             result.raw = std::string_view(xml + e.contentStart, e.contentSize);
             break;
