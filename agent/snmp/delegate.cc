@@ -1,6 +1,7 @@
 // The worker thread and the hand-over of its jobs.
 #include "snmp/delegate.h"
 
+#include <optional>
 #include <utility>
 
 namespace kelp::agent {
@@ -30,12 +31,17 @@ bool Delegator::submit(Job &&job)
 
 void Delegator::runFinished()
 {
-    std::deque<Job> done;
+    // The main loop calls this on every turn; most turns find nothing, and
+    // a deque allocates even when it is empty.
+    std::optional<std::deque<Job>> done;
     {
         std::lock_guard lock(mutex_);
-        done.swap(finished_);
+        if (finished_.empty()) {
+            return;
+        }
+        done.emplace().swap(finished_);
     }
-    for (Job &job : done) {
+    for (Job &job : *done) {
         job.finish(true);
     }
 }

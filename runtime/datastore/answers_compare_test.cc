@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -20,6 +21,8 @@
 #include "datastore/model_writer.h"
 #include "datastore/plain_answers_testing.h"
 #include "vscil.h"
+#include "xmlsup.h"
+#include "xmlsup/flat_answer.h"
 
 namespace {
 
@@ -55,6 +58,51 @@ std::filesystem::path sourceDir()
     return dir != nullptr ? dir : KELP_SOURCE_DIR_FALLBACK;
 }
 
+// The object's elements read through the XML library as the plug-in reads
+// them, in its answer and in a copy of it: from the element table the
+// answer leaves on this thread, and from a scan once it is forgotten, alike.
+void expectSameLookUps(const ds::ObjectData &o)
+{
+    uint32_t status = 99;
+    char *answer = GetSingleObject(&status, 0, o.id);
+    ASSERT_NE(answer, nullptr) << "object " << o.id;
+    const std::string copy = answer;
+    std::vector<std::string> tags = {"ObjID", "Missing"};
+    for (const auto &attribute : o.attributes)
+        tags.push_back(attribute.first);
+    auto read = [](const char *text, const std::string &tag, uint32_t occurrence) {
+        char out[1024];
+        uint32_t size = sizeof out;
+        const uint32_t code =
+            XMLSupGetXMLMemData(0, tag.c_str(), 1, occurrence, 1, &size, out, 0, nullptr, text,
+                                static_cast<uint32_t>(std::strlen(text)));
+        return code == 0 ? std::string(out) : "<status " + std::to_string(code) + ">";
+    };
+    std::vector<std::string> fromTable;
+    for (const char *text : {static_cast<const char *>(answer), copy.c_str()}) {
+        for (const std::string &tag : tags) {
+            for (uint32_t occurrence = 0; occurrence < 3; occurrence++) {
+                EXPECT_EQ(kelp::rt::xml::findInFlatAnswer(text, std::strlen(text), tag, occurrence)
+                              .indexed,
+                          kelp::rt::xml::isFlatName(tag))
+                    << "object " << o.id << ", " << tag;
+                fromTable.push_back(read(text, tag, occurrence));
+            }
+        }
+    }
+    kelp::rt::xml::forgetFlatAnswer();
+    size_t i = 0;
+    for (const char *text : {static_cast<const char *>(answer), copy.c_str()}) {
+        for (const std::string &tag : tags) {
+            for (uint32_t occurrence = 0; occurrence < 3; occurrence++) {
+                EXPECT_EQ(fromTable[i++], read(text, tag, occurrence))
+                    << "object " << o.id << ", " << tag << " #" << occurrence;
+            }
+        }
+    }
+    freeMem(answer);
+}
+
 // Serves `model` and compares every answer with the plain reading of it.
 void expectSameAnswers(const std::string &model, const std::string &what)
 {
@@ -84,6 +132,7 @@ void expectSameAnswers(const std::string &model, const std::string &what)
         EXPECT_EQ(text([&](uint32_t *s) { return GetSingleObject(s, 0, o.id); }),
                   plainObjectAnswer(o))
             << "object " << o.id;
+        expectSameLookUps(o);
         for (const auto &kind : ds::kObjectTypes) {
             const std::string name(kind.name);
             const std::vector<size_t> related = plainAssociated(data, name, pos);

@@ -8,6 +8,7 @@
 
 #include "datastore/model.h"
 #include "datastore/xml_text.h"
+#include "xmlsup/flat_answer.h"
 
 namespace kelp::ds {
 namespace {
@@ -463,7 +464,9 @@ bool Model::indexAll(std::string *error)
     escapes_.shrink_to_fit();
     names_.shrink_to_fit();
     tags_.reserve(names_.size());
+    flatNames_ = true;
     for (const std::string &name : names_) {
+        flatNames_ = flatNames_ && rt::xml::isFlatName(name);
         tags_.push_back(
             Tag{static_cast<uint32_t>(tagText_.size()), static_cast<uint32_t>(name.size())});
         tagText_.append("<").append(name).append("></").append(name).append(">");
@@ -580,22 +583,37 @@ std::optional<std::string_view> Model::nexusOf(size_t pos) const
     return value(o.nexus);
 }
 
-void Model::writeAnswer(size_t pos, char *out) const
+void Model::writeAnswer(size_t pos, char *out, std::vector<rt::xml::FlatElement> *elements) const
 {
     const Object &o = objects_[pos];
+    char *const begin = out;
     char id[16];
     const auto idEnd = std::to_chars(id, id + sizeof id, o.id).ptr;
     out = std::copy_n("<ObjID>", 7, out);
     out = std::copy(id, idEnd, out);
     out = std::copy_n("</ObjID>", 8, out);
+    // One element per attribute after <ObjID>, written in place.
+    rt::xml::FlatElement *element = nullptr;
+    if (elements != nullptr) {
+        elements->resize(size_t{o.count} + 1);
+        element = elements->data();
+        *element++ = {1, 5, 7, static_cast<uint32_t>(idEnd - id)};
+    }
     for (size_t i = 0; i < o.count; ++i) {
         const Attribute &a = attributes_[o.first + i];
         const Tag tag = tags_[a.name];
         const char *open = tagText_.data() + tag.start;
         out = copySmall(open, tag.nameSize + 2, out);
+        char *const content = out;
         const std::string_view text = value(a.value);
         out =
             escapes_[a.value] ? writeEscaped(text, out) : copySmall(text.data(), text.size(), out);
+        if (element != nullptr) {
+            // An answer is at most kMaxObjectAnswerBytes long.
+            const auto at = [begin](const char *p) { return static_cast<uint32_t>(p - begin); };
+            *element++ = {at(content) - tag.nameSize - 1, tag.nameSize, at(content),
+                          at(out) - at(content)};
+        }
         out = copySmall(open + tag.nameSize + 2, tag.nameSize + 3, out);
     }
 }

@@ -20,6 +20,10 @@
 #include <utility>
 #include <vector>
 
+namespace kelp::rt::xml {
+struct FlatElement;
+} // namespace kelp::rt::xml
+
 namespace kelp::ds {
 
 // Limits of the plug-in's buffers: an object's answer with its NUL, and one
@@ -209,8 +213,15 @@ class Model {
     // The object's answer: <ObjID>id</ObjID> and its attribute elements,
     // made on each call. answerSize is its length, known without making it;
     // writeAnswer writes exactly that many bytes at out.
+    // With `elements`, writeAnswer also puts there the answer's elements
+    // (<ObjID> first), as offsets from out; the answer is a flat text
+    // (xmlsup/flat_answer.h) when hasFlatNames().
     size_t answerSize(size_t pos) const { return objects_[pos].answerSize; }
-    void writeAnswer(size_t pos, char *out) const;
+    void writeAnswer(size_t pos, char *out,
+                     std::vector<rt::xml::FlatElement> *elements = nullptr) const;
+    // True when every attribute name is a flat name (rt::xml::isFlatName):
+    // values are written escaped, so every answer is then a flat text.
+    bool hasFlatNames() const { return flatNames_; }
     std::string answer(size_t pos) const;
     // Positions of the objects of a type, in file order; empty for an unknown type.
     const std::vector<size_t> &ofType(std::string_view type) const;
@@ -291,6 +302,7 @@ class Model {
     };
     std::string tagText_;
     std::vector<Tag> tags_;
+    bool flatNames_ = false; // hasFlatNames()
     // value id -> whether its text holds a character that an answer writes
     // as an entity; the others are copied into answers as they stand.
     std::vector<bool> escapes_;

@@ -23,6 +23,7 @@
 #include "datastore/model_store.h"
 #include "vscil.h"
 #include "xmlsup/answer_index.h"
+#include "xmlsup/flat_answer.h"
 
 namespace {
 
@@ -63,10 +64,31 @@ char *answer(uint32_t *status, std::string_view text)
                     [&](char *block) { std::memcpy(block, text.data(), text.size()); });
 }
 
-// The answer of the object at pos (answerOf).
+// The answer of the object at pos (answerOf). The plug-in reads it, and
+// its copy of it, attribute by attribute: the thread remembers its element
+// table (xmlsup/flat_answer.h) when the model's answers are flat texts.
 char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
 {
-    return answerOf(status, m.answerSize(pos), [&](char *block) { m.writeAnswer(pos, block); });
+    if (!m.hasFlatNames()) {
+        kelp::rt::xml::forgetFlatAnswer();
+        return answerOf(status, m.answerSize(pos), [&](char *block) { m.writeAnswer(pos, block); });
+    }
+    thread_local std::vector<kelp::rt::xml::FlatElement> t_elements;
+    bool listed = true;
+    char *block = answerOf(status, m.answerSize(pos), [&](char *out) {
+        try {
+            m.writeAnswer(pos, out, &t_elements);
+        } catch (const std::bad_alloc &) {
+            // No room for the table: the answer is written without one.
+            listed = false;
+            m.writeAnswer(pos, out);
+        }
+    });
+    if (block != nullptr && listed)
+        kelp::rt::xml::rememberFlatAnswer(block, m.answerSize(pos), &t_elements);
+    else
+        kelp::rt::xml::forgetFlatAnswer();
+    return block;
 }
 
 // A list answer: the runs of the objects at `positions` inside one root.

@@ -100,9 +100,18 @@ uint32_t SMSetExportContext(SMExportContext *saved, const SMExportContext *ctx)
 {
     if (ctx == nullptr)
         return SM_STATUS_FAILURE;
-    const SMExportContext next = *ctx; // ctx and saved may be the same record
-    if (saved != nullptr)
-        *saved = kelp::rt::t_current;
+    // A module calls this around every dispatch: the record is copied
+    // through a temporary only when ctx and saved share memory.
+    const auto *from = reinterpret_cast<const char *>(ctx);
+    const auto *to = reinterpret_cast<const char *>(saved);
+    if (saved == nullptr || to + sizeof *saved <= from || from + sizeof *ctx <= to) {
+        if (saved != nullptr)
+            *saved = kelp::rt::t_current;
+        kelp::rt::install(*ctx);
+        return SM_STATUS_SUCCESS;
+    }
+    const SMExportContext next = *ctx;
+    *saved = kelp::rt::t_current;
     kelp::rt::install(next);
     return SM_STATUS_SUCCESS;
 }

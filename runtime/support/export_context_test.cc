@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -82,6 +83,31 @@ TEST(ExportContextTest, SetAndResetRoundTrip)
     EXPECT_EQ(kelp::rt::currentModuleName(), "alpha");
     ASSERT_EQ(SMResetExportContext(&savedBeforeA), 0u);
     EXPECT_EQ(kelp::rt::currentModuleName(), "");
+}
+
+// The new context is what ctx held at the call, and saved the one before,
+// however the two records share memory: apart, the same record, or
+// overlapping by some bytes either way.
+TEST(ExportContextTest, SetWithTheSavedRecordOverTheNewOne)
+{
+    // -1000: apart; the others: saved that many bytes after ctx.
+    for (const ptrdiff_t shift : {ptrdiff_t{-1000}, ptrdiff_t{0}, ptrdiff_t{8}, ptrdiff_t{-8}}) {
+        SCOPED_TRACE(shift);
+        alignas(SMExportContext) char memory[4 * sizeof(SMExportContext)];
+        char *const middle = memory + 2 * sizeof(SMExportContext);
+        auto *ctx = reinterpret_cast<SMExportContext *>(middle);
+        *ctx = contextNamed("gamma");
+        SMExportContext outer = contextNamed("outer"), beforeOuter;
+        ASSERT_EQ(SMSetExportContext(&beforeOuter, &outer), 0u);
+        auto *saved = reinterpret_cast<SMExportContext *>(
+            shift == -1000 ? memory : reinterpret_cast<char *>(ctx) + shift);
+        ASSERT_EQ(SMSetExportContext(saved, ctx), 0u);
+        EXPECT_EQ(kelp::rt::currentModuleName(), "gamma");
+        EXPECT_STREQ(saved->moduleName, "outer");
+        ASSERT_EQ(SMResetExportContext(saved), 0u);
+        EXPECT_EQ(kelp::rt::currentModuleName(), "outer");
+        SMResetExportContext(&beforeOuter);
+    }
 }
 
 TEST(ExportContextTest, TheContextBelongsToTheThread)

@@ -7,6 +7,7 @@
 
 #include "xmlsup.h"
 #include "xmlsup/answer_index.h"
+#include "xmlsup/flat_answer.h"
 #include "xmlsup/xml_scan.h"
 
 extern "C" {
@@ -21,9 +22,12 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         return 5;
     }
     try {
-        // Answers of the data store carry an index; any other text is scanned.
+        // The thread's last one-object answer (or a copy of it) and long
+        // answers of the data store carry a table; any other text is scanned.
         kelp::rt::xml::IndexedLookup lookup =
-            kelp::rt::xml::findIndexed(xml, xmlLength, tag, occurrence);
+            kelp::rt::xml::findInFlatAnswer(xml, xmlLength, tag, occurrence);
+        if (!lookup.indexed)
+            lookup = kelp::rt::xml::findIndexed(xml, xmlLength, tag, occurrence);
         std::optional<std::string_view> raw =
             lookup.indexed
                 ? lookup.raw

@@ -1,0 +1,96 @@
+// The calling thread's flat answer: a copy of its text and its element table.
+#include "xmlsup/flat_answer.h"
+
+#include <cstring>
+#include <new>
+#include <string>
+
+namespace kelp::rt::xml {
+namespace {
+
+struct FlatAnswer {
+    bool valid = false;
+    std::string text;
+    std::vector<FlatElement> elements;
+};
+
+// Per thread: an answer is read by the thread that asked for it, and no
+// lock is taken on the way. The buffers keep their capacity from one
+// answer to the next.
+thread_local FlatAnswer t_flat;
+
+} // namespace
+
+bool isFlatName(std::string_view name)
+{
+    if (name.empty())
+        return false;
+    for (char c : name) {
+        switch (c) {
+        case ' ':
+        case '\t':
+        case '\r':
+        case '\n':
+        case '/':
+        case '<':
+        case '>':
+        case '!':
+        case '?':
+        case '"':
+        case '\'':
+        case '&':
+        case '=':
+        case '\0':
+            return false;
+        default:
+            break;
+        }
+    }
+    return true;
+}
+
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements)
+{
+    FlatAnswer &flat = t_flat;
+    flat.valid = false;
+    try {
+        flat.text.assign(text, length);
+        flat.elements.swap(*elements);
+        flat.valid = true;
+    } catch (const std::bad_alloc &) {
+        // Look-ups scan, as for any other text.
+    }
+}
+
+void forgetFlatAnswer()
+{
+    t_flat.valid = false;
+}
+
+IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view tag,
+                               uint32_t occurrence)
+{
+    const FlatAnswer &flat = t_flat;
+    if (!flat.valid || flat.text.size() != length || !isFlatName(tag) ||
+        std::memcmp(xml, flat.text.data(), length) != 0) {
+        return {};
+    }
+    IndexedLookup result;
+    result.indexed = true;
+    uint32_t seen = 0;
+    const char first = tag.front();
+    for (const FlatElement &e : flat.elements) {
+        // Most names differ in length or in their first letter.
+        if (e.nameSize != tag.size() || xml[e.nameStart] != first ||
+            std::memcmp(xml + e.nameStart, tag.data(), tag.size()) != 0) {
+            continue;
+        }
+        if (seen++ == occurrence) {
+            result.raw = std::string_view(xml + e.contentStart, e.contentSize);
+            break;
+        }
+    }
+    return result;
+}
+
+} // namespace kelp::rt::xml

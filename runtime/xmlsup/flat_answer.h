@@ -1,0 +1,58 @@
+// The element table of the last one-object answer a thread was handed. The
+// plug-in reads an object's answer, and its own copy of it, attribute by
+// attribute; each read would otherwise scan the text up to the attribute.
+//
+// Only a flat text has a table: elements <N>content</N> end to end, every
+// name flat (isFlatName) and no content holding '<'. In such a text a scan
+// for a flat tag finds exactly the elements of that name, in order, with
+// their content, so the table answers as findElement does. A look-up is
+// answered from the table only when the text it is handed has the same
+// bytes as the remembered one (compared whole), so a copy, a changed text
+// or a freed and reused block can never be answered from a stale table.
+#ifndef KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
+#define KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "xmlsup/answer_index.h"
+
+namespace kelp::rt::xml {
+
+// One element of a flat text, as offsets into it.
+struct FlatElement {
+    uint32_t nameStart;
+    uint32_t nameSize;
+    uint32_t contentStart;
+    uint32_t contentSize;
+};
+
+// Whether `name` may name an element of a flat text and be looked up in
+// one: not empty, and none of the characters that end a name or start
+// other markup for the scan (blanks, '/', '<', '>', '!', '?', quotes, '&',
+// '=', NUL).
+bool isFlatName(std::string_view name);
+
+// Remembers text[0..length) with *elements, its elements in order, as the
+// calling thread's flat answer, in place of the one before. The caller
+// vouches that the text is flat and that the elements are all of it. The
+// elements are taken by swapping: *elements holds the earlier answer's
+// afterwards, whose room the caller may reuse. Without memory for the copy
+// of the text the thread keeps no flat answer.
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements);
+
+// Forgets the calling thread's flat answer (a model is replaced, a test).
+void forgetFlatAnswer();
+
+// The occurrence-th `tag` of xml from the calling thread's flat answer's
+// table, when xml has exactly that answer's bytes and tag is a flat name
+// (indexed true, raw a view into xml, as findElement would answer);
+// indexed false otherwise, and the caller scans.
+IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view tag,
+                               uint32_t occurrence);
+
+} // namespace kelp::rt::xml
+
+#endif // KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H

@@ -1,0 +1,166 @@
+// The flat answer's element table: it answers every look-up as the scan
+// does, in the answer and in any copy of it, and only in texts with the
+// answer's exact bytes, on the thread that remembered it.
+#include "xmlsup/flat_answer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "xmlsup.h"
+#include "xmlsup/xml_scan.h"
+
+namespace {
+
+namespace xml = kelp::rt::xml;
+using namespace std::string_literals;
+
+// A flat text of `elements` (name, content) and its element table.
+std::pair<std::string, std::vector<xml::FlatElement>>
+flatText(const std::vector<std::pair<std::string, std::string>> &elements)
+{
+    std::string text;
+    std::vector<xml::FlatElement> table;
+    for (const auto &[name, content] : elements) {
+        text += "<" + name + ">";
+        table.push_back({static_cast<uint32_t>(text.size() - name.size() - 1),
+                         static_cast<uint32_t>(name.size()), static_cast<uint32_t>(text.size()),
+                         static_cast<uint32_t>(content.size())});
+        text += content + "</" + name + ">";
+    }
+    return {text, table};
+}
+
+// Remembers `text` with `table` (a copy: the call takes its elements).
+void remember(const std::string &text, std::vector<xml::FlatElement> table)
+{
+    xml::rememberFlatAnswer(text.data(), text.size(), &table);
+}
+
+const std::vector<std::pair<std::string, std::string>> kElements = {
+    {"ObjID", "17"},
+    {"Nexus", "0:1:2"},
+    {"Name", "a &amp; b &lt;c&gt;"},
+    {"NameX", "longer name"},
+    {"Nam", "shorter name"},
+    {"Name", "second Name"},
+    {"Empty", ""},
+    {"N", "one letter"},
+    {"Name", ""},
+};
+
+// Tags looked up: every name above, names around them, absent ones, and
+// tags that are no flat name (the scan alone answers those).
+const char *const kTags[] = {"ObjID", "Nexus", "Name",      "NameX", "Nam",      "Empty",
+                             "N",     "Na",    "NameXY",    "Other", "Name>",    "Name ",
+                             "Name/", "!Name", "Nexus>0:1", "/Name", "ObjID>17<"};
+
+TEST(FlatAnswerTest, TheTableAnswersEveryLookUpAsTheScanDoes)
+{
+    const auto [text, table] = flatText(kElements);
+    remember(text, table);
+    const std::string copy = text; // the plug-in reads its own copy too
+    for (const std::string *read : {&text, &copy}) {
+        for (const char *tag : kTags) {
+            for (uint32_t occurrence = 0; occurrence < 5; occurrence++) {
+                SCOPED_TRACE(std::string(tag) + " #" + std::to_string(occurrence) +
+                             (read == &copy ? " in the copy" : " in the answer"));
+                const xml::IndexedLookup lookup =
+                    xml::findInFlatAnswer(read->data(), read->size(), tag, occurrence);
+                EXPECT_EQ(lookup.indexed, xml::isFlatName(tag));
+                if (!lookup.indexed)
+                    continue;
+                const auto scanned = xml::findElement(*read, tag, occurrence);
+                ASSERT_EQ(lookup.raw.has_value(), scanned.has_value());
+                if (scanned) {
+                    EXPECT_EQ(*lookup.raw, *scanned);
+                    // A view into the text handed in, as the scan's.
+                    EXPECT_EQ(lookup.raw->data(), scanned->data());
+                }
+            }
+        }
+    }
+    xml::forgetFlatAnswer();
+}
+
+TEST(FlatAnswerTest, OnlyTheRememberedBytesAreAnsweredFromTheTable)
+{
+    const auto [text, table] = flatText(kElements);
+    remember(text, table);
+    ASSERT_TRUE(xml::findInFlatAnswer(text.data(), text.size(), "Name", 0).indexed);
+
+    // One byte changed anywhere: scanned, as the change may move elements.
+    for (size_t at : {size_t{0}, text.size() / 2, text.size() - 1}) {
+        std::string changed = text;
+        changed[at] = changed[at] == 'x' ? 'y' : 'x';
+        EXPECT_FALSE(xml::findInFlatAnswer(changed.data(), changed.size(), "Name", 0).indexed)
+            << "byte " << at;
+    }
+    // A prefix, or the text with more behind it.
+    EXPECT_FALSE(xml::findInFlatAnswer(text.data(), text.size() - 1, "Name", 0).indexed);
+    const std::string longer = text + "<Name>x</Name>";
+    EXPECT_FALSE(xml::findInFlatAnswer(longer.data(), longer.size(), "Name", 0).indexed);
+
+    // Another thread has a flat answer of its own, none here.
+    bool otherThread = true;
+    std::thread([&] {
+        otherThread = xml::findInFlatAnswer(text.data(), text.size(), "Name", 0).indexed;
+    }).join();
+    EXPECT_FALSE(otherThread);
+
+    // A later answer replaces it; forgetting leaves none.
+    const auto [next, nextTable] = flatText({{"ObjID", "18"}, {"Name", "n"}});
+    remember(next, nextTable);
+    EXPECT_FALSE(xml::findInFlatAnswer(text.data(), text.size(), "Name", 0).indexed);
+    EXPECT_TRUE(xml::findInFlatAnswer(next.data(), next.size(), "Name", 0).indexed);
+    xml::forgetFlatAnswer();
+    EXPECT_FALSE(xml::findInFlatAnswer(next.data(), next.size(), "Name", 0).indexed);
+}
+
+// The library's entry point answers from the table what it answers from a
+// scan: entities decoded, sizes, missing elements.
+TEST(FlatAnswerTest, XmlSupAnswersAlikeWithAndWithoutTheTable)
+{
+    const auto [text, table] = flatText(kElements);
+    auto get = [&](const char *tag, uint32_t occurrence, uint32_t capacity) {
+        std::string out(capacity, '\xff');
+        uint32_t size = capacity;
+        const uint32_t status =
+            XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, out.data(), 0, nullptr,
+                                text.data(), static_cast<uint32_t>(text.size()));
+        return std::to_string(status) + "/" + std::to_string(size) + "/" +
+               (status == 0 ? std::string(out.c_str()) : std::string());
+    };
+    for (const char *tag : kTags) {
+        for (uint32_t occurrence = 0; occurrence < 4; occurrence++) {
+            for (uint32_t capacity : {1u, 5u, 160u}) {
+                xml::forgetFlatAnswer();
+                const std::string scanned = get(tag, occurrence, capacity);
+                remember(text, table);
+                EXPECT_EQ(get(tag, occurrence, capacity), scanned)
+                    << tag << " #" << occurrence << ", " << capacity << " bytes";
+            }
+        }
+    }
+    xml::forgetFlatAnswer();
+}
+
+TEST(FlatAnswerTest, FlatNames)
+{
+    const struct {
+        std::string name;
+        bool flat;
+    } kCases[] = {
+        {"Name", true}, {"N", true},     {"Obj-ID_2.x:y", true}, {"Ünï", true},   {"", false},
+        {"a b", false}, {"a\tb", false}, {"a\nb", false},        {"a\rb", false}, {"a/", false},
+        {"/a", false},  {"a>", false},   {"<a", false},          {"!a", false},   {"?a", false},
+        {"a\"", false}, {"a'", false},   {"a&b", false},         {"a=b", false},  {"a\0b"s, false},
+    };
+    for (const auto &c : kCases)
+        EXPECT_EQ(xml::isFlatName(c.name), c.flat) << c.name;
+}
+
+} // namespace
