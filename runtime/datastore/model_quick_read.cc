@@ -70,6 +70,12 @@ class QuickReader {
     bool skipMisc();
     bool attribute(std::string_view *name, std::string_view *raw);
     bool tagEnd(bool *empty);
+    // Reads a start tag's attributes up to its end (*empty: it closed with
+    // "/>"). Each must be the i-th of `names`, at most once, with a value
+    // take(i, raw) accepts. The names seen as bits (bit i for names[i]),
+    // or -1.
+    template <size_t N, class Take>
+    int tagAttributes(const std::string_view (&names)[N], bool *empty, Take take);
     bool nameAt(size_t pos, std::string_view name) const;
     bool endTag(std::string_view name);
     bool storage(const std::string &origin, std::optional<Model::Builder> *builder);
@@ -286,6 +292,24 @@ bool QuickReader::storage(const std::string &origin, std::optional<Model::Builde
     }
 }
 
+template <size_t N, class Take>
+int QuickReader::tagAttributes(const std::string_view (&names)[N], bool *empty, Take take)
+{
+    std::string_view name, raw;
+    int seen = 0;
+    while (!tagEnd(empty)) {
+        if (!attribute(&name, &raw))
+            return -1;
+        size_t i = 0;
+        while (i < N && names[i] != name)
+            i++;
+        if (i == N || (seen & (1 << i)) != 0 || !take(i, raw))
+            return -1;
+        seen |= 1 << i;
+    }
+    return seen;
+}
+
 bool QuickReader::object(Model::Builder &builder)
 {
     ObjectView o;
@@ -293,29 +317,19 @@ bool QuickReader::object(Model::Builder &builder)
     p_ += 7; // "<object"
     // id and parent are numbers; type is a name of kObjectTypes, which holds
     // neither blanks other than ' ' nor references.
-    std::string_view name, raw;
+    static constexpr std::string_view kNames[] = {"id", "parent", "type"};
     bool empty = false;
-    uint32_t seen = 0;
-    while (!tagEnd(&empty)) {
-        if (!attribute(&name, &raw))
-            return false;
-        uint32_t bit;
-        if (name == "id" && objectId(raw, &o.id))
-            bit = 1;
-        else if (name == "parent" && objectId(raw, &o.parent))
-            bit = 2;
-        else if (name == "type" && objectTypeIndex(raw) >= 0)
-            bit = 4;
-        else
-            return false;
-        if ((seen & bit) != 0)
-            return false;
-        seen |= bit;
-        if (bit == 4)
-            o.type = raw;
-    }
-    if ((seen & 5) != 5)
+    const int seen = tagAttributes(kNames, &empty, [&o](size_t i, std::string_view raw) {
+        if (i == 0)
+            return objectId(raw, &o.id);
+        if (i == 1)
+            return objectId(raw, &o.parent);
+        o.type = raw;
+        return objectTypeIndex(raw) >= 0;
+    });
+    if (seen < 0 || (seen & 5) != 5)
         return false;
+    std::string_view name;
     read_.clear();
     scratch_.clear();
     while (!empty) {
@@ -378,23 +392,11 @@ bool QuickReader::link(Model::Builder &builder)
     LinkData l;
     l.where = Where{0, lineAt(p_)};
     p_ += 5; // "<link"
-    std::string_view name, raw;
+    static constexpr std::string_view kNames[] = {"a", "b"};
     bool empty = false;
-    uint32_t seen = 0;
-    while (!tagEnd(&empty)) {
-        if (!attribute(&name, &raw))
-            return false;
-        uint32_t bit;
-        if (name == "a" && objectId(raw, &l.a))
-            bit = 1;
-        else if (name == "b" && objectId(raw, &l.b))
-            bit = 2;
-        else
-            return false;
-        if ((seen & bit) != 0)
-            return false;
-        seen |= bit;
-    }
+    const int seen = tagAttributes(kNames, &empty, [&l](size_t i, std::string_view raw) {
+        return objectId(raw, i == 0 ? &l.a : &l.b);
+    });
     if (seen != 3)
         return false;
     if (!empty) {
