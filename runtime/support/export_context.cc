@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 
 #include "vcsupt.h"
 
@@ -102,9 +103,11 @@ uint32_t SMSetExportContext(SMExportContext *saved, const SMExportContext *ctx)
         return SM_STATUS_FAILURE;
     // A module calls this around every dispatch: the record is copied
     // through a temporary only when ctx and saved share memory.
+    // std::less: a total order even between pointers into different objects.
+    const std::less<const char *> before;
     const auto *from = reinterpret_cast<const char *>(ctx);
     const auto *to = reinterpret_cast<const char *>(saved);
-    if (saved == nullptr || to + sizeof *saved <= from || from + sizeof *ctx <= to) {
+    if (saved == nullptr || !before(from, to + sizeof *saved) || !before(to, from + sizeof *ctx)) {
         if (saved != nullptr)
             *saved = kelp::rt::t_current;
         kelp::rt::install(*ctx);

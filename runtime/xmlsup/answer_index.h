@@ -16,10 +16,10 @@
 
 namespace kelp::rt::xml {
 
-// Answers shorter than this are not indexed: one object's answer is read once
-// or twice, and a scan that stops at the element costs less than building an
-// index for it. Lists of many objects are longer and read occurrence by
-// occurrence.
+// Answers shorter than this are not indexed here: an object's answer is read
+// attribute by attribute from the table it was written with, kept for the
+// thread that asked (flat_answer.h). Lists of many objects are longer and
+// read occurrence by occurrence.
 inline constexpr size_t kIndexedAnswerSize = 8192;
 
 // Registers text[0..length) (NUL-terminated at length) as a live answer, if it
