@@ -3,6 +3,7 @@
 // location texts need (objects by id, by type and by nexus, the parent
 // tree, links, precomputed answers).
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cstring>
 
@@ -581,6 +582,12 @@ std::optional<std::string_view> Model::nexusOf(size_t pos) const
     if (!o.hasNexus)
         return std::nullopt;
     return value(o.nexus);
+}
+
+uint64_t Model::nextSerial()
+{
+    static std::atomic<uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 void Model::writeAnswer(size_t pos, char *out, std::vector<rt::xml::FlatElement> *elements) const

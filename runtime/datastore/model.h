@@ -172,6 +172,9 @@ class Model {
     // The data the model was built from, made anew: building a model from
     // it gives the same model. For changes (which edit a copy) and writers.
     ModelData data() const;
+    // A number no other model of this process has (the first is 1): what
+    // was made from this model may be kept under it.
+    uint64_t serial() const { return serial_; }
     // Where the model came from (ModelData::origins[0]).
     const std::string &origin() const { return origins_.front(); }
     bool ready() const { return ready_; }
@@ -282,6 +285,9 @@ class Model {
                                                 valueStart_[id + 1] - valueStart_[id]);
     }
 
+    static uint64_t nextSerial();
+
+    const uint64_t serial_ = nextSerial();
     std::vector<std::string> origins_;
     Attributes storage_;
     Where storageWhere_;

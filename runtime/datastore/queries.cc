@@ -21,6 +21,7 @@
 #include "datastore/identities.h"
 #include "datastore/model.h"
 #include "datastore/model_store.h"
+#include "datastore/written_answers.h"
 #include "vscil.h"
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
@@ -64,28 +65,53 @@ char *answer(uint32_t *status, std::string_view text)
                     [&](char *block) { std::memcpy(block, text.data(), text.size()); });
 }
 
+// The single-object answers each thread keeps (written_answers.h): every
+// row of a table of up to 2,048 rows, in at most 4 MiB (an answer with its
+// element table is about 1.5 KB).
+constexpr size_t kKeptAnswers = 2048;
+constexpr size_t kKeptAnswerBytes = size_t{4} << 20;
+
 // The answer of the object at pos (answerOf). The plug-in reads it, and
 // its copy of it, attribute by attribute: the thread remembers its element
 // table (xmlsup/flat_answer.h) when the model's answers are flat texts.
+// The answer is copied from the thread's kept answers when it is there,
+// else written and kept.
 char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
 {
-    if (!m.hasFlatNames()) {
-        kelp::rt::xml::forgetFlatAnswer();
-        return answerOf(status, m.answerSize(pos), [&](char *block) { m.writeAnswer(pos, block); });
-    }
+    thread_local kelp::ds::WrittenAnswers t_kept(kKeptAnswers, kKeptAnswerBytes);
     thread_local std::vector<kelp::rt::xml::FlatElement> t_elements;
-    bool listed = true;
-    char *block = answerOf(status, m.answerSize(pos), [&](char *out) {
-        try {
-            m.writeAnswer(pos, out, &t_elements);
-        } catch (const std::bad_alloc &) {
-            // No room for the table: the answer is written without one.
-            listed = false;
-            m.writeAnswer(pos, out);
-        }
-    });
+    const size_t size = m.answerSize(pos);
+    bool listed = m.hasFlatNames();
+    char *block;
+    if (const kelp::ds::WrittenAnswer *kept = t_kept.find(m, pos); kept != nullptr) {
+        listed = kept->listed;
+        block = answerOf(status, size, [&](char *out) {
+            std::memcpy(out, kept->text.data(), size);
+            if (listed) {
+                try {
+                    t_elements.assign(kept->elements.begin(), kept->elements.end());
+                } catch (const std::bad_alloc &) {
+                    listed = false;
+                }
+            }
+        });
+    } else {
+        block = answerOf(status, size, [&](char *out) {
+            if (listed) {
+                try {
+                    m.writeAnswer(pos, out, &t_elements);
+                } catch (const std::bad_alloc &) {
+                    // No room for the table: the answer is written without one.
+                    listed = false;
+                }
+            }
+            if (!listed)
+                m.writeAnswer(pos, out);
+            t_kept.keep(m, pos, out, size, listed, t_elements);
+        });
+    }
     if (block != nullptr && listed)
-        kelp::rt::xml::rememberFlatAnswer(block, m.answerSize(pos), &t_elements);
+        kelp::rt::xml::rememberFlatAnswer(block, size, &t_elements);
     else
         kelp::rt::xml::forgetFlatAnswer();
     return block;
