@@ -10,6 +10,8 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <net-snmp/library/large_fd_set.h>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -21,6 +23,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -309,6 +312,47 @@ void answerWaiting()
     if (any) {
         snmp_read(&ready);
     }
+}
+
+int checkAndProcess(bool block)
+{
+    netsnmp_large_fd_set readFds, writeFds, exceptFds;
+    netsnmp_large_fd_set_init(&readFds, FD_SETSIZE);
+    netsnmp_large_fd_set_init(&writeFds, FD_SETSIZE);
+    netsnmp_large_fd_set_init(&exceptFds, FD_SETSIZE);
+    int fds = 0;
+    int noAlarm = 0;
+    timeval timeout{LONG_MAX, 0};
+    timeval *wait = &timeout;
+    snmp_select_info2(&fds, &readFds, wait, &noAlarm);
+    if (!block) {
+        timeout = timeval{0, 0};
+    } else if (noAlarm != 0) {
+        wait = nullptr; // no alarm is due: wait for a descriptor alone
+    }
+    netsnmp_external_event_info2(&fds, &readFds, &writeFds, &exceptFds);
+    if (g_sharing != nullptr) {
+        for (const auto &socket : g_sharing->sockets) {
+            NETSNMP_LARGE_FD_CLR(socket->transport->sock, &readFds);
+        }
+    }
+    int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, wait);
+    if (count > 0) {
+        netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
+        snmp_read2(&readFds);
+    } else if (count == 0) {
+        snmp_timeout();
+    } else if (errno != EINTR) {
+        logAt(LogLevel::kError, "cannot wait for requests: %s", std::strerror(errno));
+    }
+    if (count >= 0) {
+        run_alarms();
+        netsnmp_check_outstanding_agent_requests();
+    }
+    netsnmp_large_fd_set_cleanup(&readFds);
+    netsnmp_large_fd_set_cleanup(&writeFds);
+    netsnmp_large_fd_set_cleanup(&exceptFds);
+    return count;
 }
 
 void stopSharing()

@@ -37,6 +37,15 @@ bool requestsWaiting();
 // snmp_read on those sockets).
 void answerWaiting();
 
+// One turn of net-snmp's agent loop, as agent_check_and_process(block)
+// takes it (alarms, select on the sessions' and registered descriptors,
+// reads, timeouts, delegated requests), with the sockets the reading thread
+// serves left out of the select: their datagrams are its to take, and it
+// wakes the loop when one waits. A select that watched them would return
+// at once, again and again, until the reading thread had emptied them.
+// Answers select's count.
+int checkAndProcess(bool block);
+
 // Ends the reading thread, drops what waits and gives the sockets back to
 // net-snmp. Call before snmp_shutdown, which closes them; safe to call
 // more than once.

@@ -534,7 +534,7 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
     while (g_stopRequested == 0) {
         // Requests already read from a socket wait where select cannot
         // see them.
-        agent_check_and_process(requestsWaiting() ? 0 : 1);
+        checkAndProcess(!requestsWaiting());
         answerWaiting();
         flushAgentxLog();
         onWake();
