@@ -65,31 +65,33 @@ char *answer(uint32_t *status, std::string_view text)
                     [&](char *block) { std::memcpy(block, text.data(), text.size()); });
 }
 
-// The single-object answers each thread keeps (written_answers.h): every
-// row of a table of up to 2,048 rows, in at most 4 MiB (an answer with its
-// element table is about 1.5 KB).
+// The single-object answers the data store keeps (written_answers.h):
+// every row of a table of up to 2,048 rows, in a ring of 4 MiB (an answer
+// with its element table is about 1.5 KB). One ring serves every thread.
 constexpr size_t kKeptAnswers = 2048;
 constexpr size_t kKeptAnswerBytes = size_t{4} << 20;
 
 // The answer of the object at pos (answerOf). The plug-in reads it, and
 // its copy of it, attribute by attribute: the thread remembers its element
 // table (xmlsup/flat_answer.h) when the model's answers are flat texts.
-// The answer is copied from the thread's kept answers when it is there,
-// else written and kept.
+// The answer is copied from the kept answers when it is there, else written
+// and kept. Requires identityMutex(), which guards the kept answers: every
+// query that answers an object holds it (withIdentities).
 char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
 {
-    thread_local kelp::ds::WrittenAnswers t_kept(kKeptAnswers, kKeptAnswerBytes);
+    // Never destroyed: a thread may still ask while the process exits.
+    static auto &kept = *new kelp::ds::WrittenAnswers(kKeptAnswers, kKeptAnswerBytes);
     thread_local std::vector<kelp::rt::xml::FlatElement> t_elements;
     const size_t size = m.answerSize(pos);
     bool listed = m.hasFlatNames();
     char *block;
-    if (const kelp::ds::WrittenAnswer *kept = t_kept.find(m, pos); kept != nullptr) {
-        listed = kept->listed;
+    if (const std::optional<kelp::ds::WrittenAnswer> answer = kept.find(m, pos)) {
+        listed = answer->listed;
         block = answerOf(status, size, [&](char *out) {
-            std::memcpy(out, kept->text.data(), size);
+            std::memcpy(out, answer->text.data(), size);
             if (listed) {
                 try {
-                    t_elements.assign(kept->elements.begin(), kept->elements.end());
+                    t_elements.assign(answer->elements.begin(), answer->elements.end());
                 } catch (const std::bad_alloc &) {
                     listed = false;
                 }
@@ -107,7 +109,7 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
             }
             if (!listed)
                 m.writeAnswer(pos, out);
-            t_kept.keep(m, pos, out, size, listed, t_elements);
+            kept.keep(m, pos, out, size, listed, t_elements);
         });
     }
     if (block != nullptr && listed)

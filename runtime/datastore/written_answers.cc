@@ -2,74 +2,85 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <new>
 
 #include "datastore/model.h"
 
 namespace kelp::ds {
 
-const WrittenAnswer *WrittenAnswers::find(const Model &m, size_t pos) const
+using rt::xml::FlatElement;
+
+WrittenAnswers::WrittenAnswers(size_t maxSlots, size_t ringBytes)
+    : maxSlots_(maxSlots), ringBytes_(ringBytes / alignof(FlatElement) * alignof(FlatElement))
 {
-    if (slots_.empty())
-        return nullptr;
-    const Slot &slot = slots_[slotOf(pos)];
-    if (slot.serial != m.serial() || slot.pos != pos)
-        return nullptr;
-    return &slot.answer;
 }
 
-size_t WrittenAnswers::bytesOf(const WrittenAnswer &answer)
+size_t WrittenAnswers::bytesOf(size_t elements, size_t size)
 {
-    return answer.text.capacity() + answer.elements.capacity() * sizeof(rt::xml::FlatElement);
+    const size_t bytes = elements * sizeof(FlatElement) + size;
+    return (bytes + alignof(FlatElement) - 1) / alignof(FlatElement) * alignof(FlatElement);
+}
+
+std::optional<WrittenAnswer> WrittenAnswers::find(const Model &m, size_t pos) const
+{
+    if (slots_.empty())
+        return std::nullopt;
+    const Slot &slot = slots_[slotOf(pos)];
+    // An answer is whole until the ring has come round to where it starts.
+    if (slot.serial != m.serial() || slot.pos != pos || head_ - slot.at > ringBytes_)
+        return std::nullopt;
+    const unsigned char *start = ring_.get() + slot.at % ringBytes_;
+    WrittenAnswer answer;
+    answer.elements = {reinterpret_cast<const FlatElement *>(start), slot.elements};
+    answer.text = {reinterpret_cast<const char *>(start) + slot.elements * sizeof(FlatElement),
+                   slot.size};
+    answer.listed = slot.listed;
+    return answer;
 }
 
 void WrittenAnswers::keep(const Model &m, size_t pos, const char *text, size_t size, bool listed,
-                          const std::vector<rt::xml::FlatElement> &elements) noexcept
+                          const std::vector<FlatElement> &elements) noexcept
 {
-    if (maxSlots_ == 0)
+    if (maxSlots_ == 0 || ringBytes_ == 0)
         return;
     try {
         // As many slots as the model has objects, up to the bound: a small
         // model keeps every answer without paying for a large table.
-        const size_t wanted = std::min(std::bit_ceil(std::max<size_t>(m.size(), 1)),
-                                       std::bit_floor(maxSlots_));
+        const size_t wanted =
+            std::min(std::bit_ceil(std::max<size_t>(m.size(), 1)), std::bit_floor(maxSlots_));
         if (slots_.size() < wanted)
-            slots_.resize(wanted); // the answers kept stay where they are
-        Slot &slot = slots_[slotOf(pos)];
-        slot.serial = 0;
-        bytes_ -= bytesOf(slot.answer);
-        const size_t tableBytes = listed ? elements.size() * sizeof(rt::xml::FlatElement) : 0;
-        if (bytes_ + size + tableBytes > maxBytes_) {
-            // Its room goes back too: what stays kept fits the bound.
-            slot.answer = WrittenAnswer{};
-            return;
+            slots_.resize(wanted); // the answers named stay where they are
+        if (!ring_) {
+            // Pages of the ring become resident only as answers reach them.
+            ring_.reset(new unsigned char[ringBytes_]);
         }
-        slot.answer.text.assign(text, size);
-        if (listed)
-            slot.answer.elements.assign(elements.begin(), elements.end());
-        else
-            slot.answer.elements.clear();
-        bytes_ += bytesOf(slot.answer);
-        if (bytes_ > maxBytes_) {
-            // The buffers kept room from a longer answer.
-            bytes_ -= bytesOf(slot.answer);
-            slot.answer = WrittenAnswer{};
-            return;
-        }
-        slot.answer.listed = listed;
-        slot.pos = pos;
-        slot.serial = m.serial();
     } catch (const std::bad_alloc &) {
-        // Not kept: the next ask writes the answer again. The slot's room
-        // is counted as it stands.
-        if (!slots_.empty()) {
-            Slot &slot = slots_[slotOf(pos)];
-            slot.serial = 0;
-            bytes_ = 0;
-            for (const Slot &s : slots_)
-                bytes_ += bytesOf(s.answer);
-        }
+        if (!ring_)
+            slots_.clear();
+        return;
     }
+    Slot &slot = slots_[slotOf(pos)];
+    slot.serial = 0;
+    const size_t count = listed ? elements.size() : 0;
+    const size_t bytes = bytesOf(count, size);
+    if (bytes > ringBytes_)
+        return;
+    // An answer never wraps: one that does not fit before the ring's end
+    // starts the next lap.
+    if (head_ % ringBytes_ + bytes > ringBytes_)
+        head_ += ringBytes_ - head_ % ringBytes_;
+    unsigned char *start = ring_.get() + head_ % ringBytes_;
+    if (count > 0)
+        std::memcpy(start, elements.data(), count * sizeof(FlatElement));
+    std::memcpy(start + count * sizeof(FlatElement), text, size);
+    slot.at = head_;
+    slot.size = static_cast<uint32_t>(size);
+    slot.elements = static_cast<uint32_t>(count);
+    slot.listed = listed;
+    slot.pos = pos;
+    slot.serial = m.serial();
+    head_ += bytes;
 }
 
 } // namespace kelp::ds

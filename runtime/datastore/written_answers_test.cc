@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,18 +71,18 @@ TEST_F(WrittenAnswersTest, AnAnswerIsFoundForItsModelAndObjectOnly)
     ds::WrittenAnswers kept(16, 1 << 20);
     const std::string text = first->answer(3);
     kept.keep(*first, 3, text.data(), text.size(), false, {});
-    const ds::WrittenAnswer *found = kept.find(*first, 3);
-    ASSERT_NE(found, nullptr);
+    const std::optional<ds::WrittenAnswer> found = kept.find(*first, 3);
+    ASSERT_TRUE(found);
     EXPECT_EQ(found->text, text);
     EXPECT_FALSE(found->listed);
-    EXPECT_EQ(kept.find(*first, 4), nullptr);
+    EXPECT_FALSE(kept.find(*first, 4));
     // The same file loaded again is another model: its answers may differ
     // from what was kept, so nothing is found for it.
     std::shared_ptr<const ds::Model> second = load();
     ASSERT_NE(second, nullptr);
     EXPECT_NE(second->serial(), first->serial());
-    EXPECT_EQ(kept.find(*second, 3), nullptr);
-    EXPECT_NE(kept.find(*first, 3), nullptr);
+    EXPECT_FALSE(kept.find(*second, 3));
+    EXPECT_TRUE(kept.find(*first, 3));
 }
 
 TEST_F(WrittenAnswersTest, PositionsThatShareASlotTakeItInTurn)
@@ -94,12 +95,12 @@ TEST_F(WrittenAnswersTest, PositionsThatShareASlotTakeItInTurn)
     kept.keep(*m, 0, zero.data(), zero.size(), false, {});
     kept.keep(*m, 1, one.data(), one.size(), false, {});
     EXPECT_EQ(kept.slots(), 2u);
-    ASSERT_NE(kept.find(*m, 0), nullptr);
+    ASSERT_TRUE(kept.find(*m, 0));
     kept.keep(*m, 2, two.data(), two.size(), false, {});
-    EXPECT_EQ(kept.find(*m, 0), nullptr);
-    ASSERT_NE(kept.find(*m, 2), nullptr);
+    EXPECT_FALSE(kept.find(*m, 0));
+    ASSERT_TRUE(kept.find(*m, 2));
     EXPECT_EQ(kept.find(*m, 2)->text, two);
-    ASSERT_NE(kept.find(*m, 1), nullptr);
+    ASSERT_TRUE(kept.find(*m, 1));
     EXPECT_EQ(kept.find(*m, 1)->text, one);
 }
 
@@ -115,34 +116,47 @@ TEST_F(WrittenAnswersTest, ASmallModelGetsASlotPerObjectAndNoMore)
     // No answer is kept at all with no slots.
     ds::WrittenAnswers none(0, 1 << 20);
     none.keep(*m, 0, text.data(), text.size(), false, {});
-    EXPECT_EQ(none.find(*m, 0), nullptr);
+    EXPECT_FALSE(none.find(*m, 0));
 }
 
-TEST_F(WrittenAnswersTest, TheKeptBytesStayWithinTheBound)
+TEST_F(WrittenAnswersTest, AnAnswerIsFoundUntilTheRingComesRoundToIt)
 {
     std::shared_ptr<const ds::Model> m = load();
     ASSERT_NE(m, nullptr);
     const std::string text(100, 'x');
-    const std::vector<FlatElement> elements(2, FlatElement{1, 2, 3, 4});
+    const std::vector<FlatElement> elements{{1, 2, 3, 4}, {5, 6, 7, 8}};
+    // Each answer takes 132 bytes of a ring of 300.
     ds::WrittenAnswers kept(16, 300);
+    EXPECT_EQ(kept.ringBytes(), 0u);
     kept.keep(*m, 0, text.data(), text.size(), true, elements);
-    ASSERT_NE(kept.find(*m, 0), nullptr);
-    EXPECT_EQ(kept.find(*m, 0)->elements.size(), 2u);
+    EXPECT_EQ(kept.ringBytes(), 300u);
+    ASSERT_TRUE(kept.find(*m, 0));
+    EXPECT_EQ(kept.find(*m, 0)->text, text);
+    ASSERT_EQ(kept.find(*m, 0)->elements.size(), 2u);
+    EXPECT_EQ(kept.find(*m, 0)->elements[1].contentStart, 7u);
     EXPECT_TRUE(kept.find(*m, 0)->listed);
-    kept.keep(*m, 1, text.data(), text.size(), true, elements);
-    ASSERT_NE(kept.find(*m, 1), nullptr);
-    // A third answer would go over 300 bytes: it is not kept.
-    kept.keep(*m, 2, text.data(), text.size(), true, elements);
-    EXPECT_EQ(kept.find(*m, 2), nullptr);
-    EXPECT_LE(kept.bytes(), 300u);
-    // An answer longer than the whole bound never is, and the one it would
-    // have replaced gives its room back.
-    const std::string longer(400, 'y');
-    kept.keep(*m, 0, longer.data(), longer.size(), false, {});
-    EXPECT_EQ(kept.find(*m, 0), nullptr);
-    EXPECT_LE(kept.bytes(), 300u);
-    kept.keep(*m, 2, text.data(), text.size(), true, elements);
-    EXPECT_NE(kept.find(*m, 2), nullptr);
+    const std::string second(100, 'y');
+    kept.keep(*m, 1, second.data(), second.size(), true, elements);
+    ASSERT_TRUE(kept.find(*m, 1));
+    ASSERT_TRUE(kept.find(*m, 0));
+    // The third does not fit before the ring's end: it is written at its
+    // start, over the first, which is then no longer found.
+    const std::string third(100, 'z');
+    kept.keep(*m, 2, third.data(), third.size(), false, elements);
+    EXPECT_FALSE(kept.find(*m, 0));
+    ASSERT_TRUE(kept.find(*m, 1));
+    EXPECT_EQ(kept.find(*m, 1)->text, second);
+    ASSERT_TRUE(kept.find(*m, 2));
+    EXPECT_EQ(kept.find(*m, 2)->text, third);
+    EXPECT_FALSE(kept.find(*m, 2)->listed);
+    EXPECT_TRUE(kept.find(*m, 2)->elements.empty());
+    // An answer longer than the ring is not kept, and its slot names
+    // nothing afterwards.
+    const std::string longer(400, 'w');
+    kept.keep(*m, 1, longer.data(), longer.size(), false, {});
+    EXPECT_FALSE(kept.find(*m, 1));
+    ASSERT_TRUE(kept.find(*m, 2));
+    EXPECT_EQ(kept.find(*m, 2)->text, third);
 }
 
 TEST_F(WrittenAnswersTest, AnObjectAskedForAgainAnswersTheSameTextAndValues)
