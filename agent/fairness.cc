@@ -314,6 +314,16 @@ void answerWaiting()
     }
 }
 
+void leaveOutSharedSockets(netsnmp_large_fd_set *readFds)
+{
+    if (g_sharing == nullptr) {
+        return;
+    }
+    for (const auto &socket : g_sharing->sockets) {
+        NETSNMP_LARGE_FD_CLR(socket->transport->sock, readFds);
+    }
+}
+
 int checkAndProcess(bool block)
 {
     netsnmp_large_fd_set readFds, writeFds, exceptFds;
@@ -331,11 +341,7 @@ int checkAndProcess(bool block)
         wait = nullptr; // no alarm is due: wait for a descriptor alone
     }
     netsnmp_external_event_info2(&fds, &readFds, &writeFds, &exceptFds);
-    if (g_sharing != nullptr) {
-        for (const auto &socket : g_sharing->sockets) {
-            NETSNMP_LARGE_FD_CLR(socket->transport->sock, &readFds);
-        }
-    }
+    leaveOutSharedSockets(&readFds);
     int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, wait);
     if (count > 0) {
         netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);

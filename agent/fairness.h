@@ -14,6 +14,8 @@
 #include <cstddef>
 #include <functional>
 
+struct netsnmp_large_fd_set_s; // net-snmp/library/large_fd_set.h
+
 namespace kelp::agent {
 
 // A mark in net-snmp's session list, before opening the master's sockets.
@@ -45,6 +47,10 @@ void answerWaiting();
 // at once, again and again, until the reading thread had emptied them.
 // Answers select's count.
 int checkAndProcess(bool block);
+
+// Clears the sockets the reading thread serves from a set of descriptors
+// for select (checkAndProcess; nothing while no thread serves them).
+void leaveOutSharedSockets(netsnmp_large_fd_set_s *readFds);
 
 // Ends the reading thread, drops what waits and gives the sockets back to
 // net-snmp. Call before snmp_shutdown, which closes them; safe to call
