@@ -49,16 +49,16 @@ void WrittenAnswers::keep(const Model &m, size_t pos, const char *text, size_t s
         // model keeps every answer without paying for a large table.
         const size_t wanted =
             std::min(std::bit_ceil(std::max<size_t>(m.size(), 1)), std::bit_floor(maxSlots_));
+        // The table grows only for a model with more objects, which finds
+        // none of the answers of the models before it anyway.
         if (slots_.size() < wanted)
-            slots_.resize(wanted); // the answers named stay where they are
+            slots_.resize(wanted);
         if (!ring_) {
             // Pages of the ring become resident only as answers reach them.
             ring_.reset(new unsigned char[ringBytes_]);
         }
     } catch (const std::bad_alloc &) {
-        if (!ring_)
-            slots_.clear();
-        return;
+        return; // nothing kept: the slots name nothing new
     }
     Slot &slot = slots_[slotOf(pos)];
     slot.serial = 0;
