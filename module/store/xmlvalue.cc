@@ -44,6 +44,18 @@ int32_t convertValue(const char *text, SMSnmpValue *value, uint64_t *slot)
     }
 }
 
+// Puts the text of the occurrence-th element `tag` of `xml` (`length` bytes)
+// into the zeroed kXmlValueSize bytes at `value`; false when there is no
+// such occurrence. A cell's reads use a buffer on the stack: a walk reads
+// several values a cell, and a heap block for each (glibc's calloc never
+// takes one from the thread's cache) cost more than the look-up.
+bool valueInto(const char *xml, uint32_t length, const char *tag, uint32_t occurrence, char *value)
+{
+    uint32_t size = kXmlValueSize;
+    return XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, value, 0, nullptr, xml, length) ==
+           0;
+}
+
 } // namespace
 
 void StoreTextFree::operator()(char *text) const
@@ -82,10 +94,7 @@ char *getValFromXMLOfLength(const char *xml, uint32_t length, const char *tag, u
     if (value == nullptr) {
         return nullptr;
     }
-    uint32_t size = kXmlValueSize;
-    const uint32_t status =
-        XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, value, 0, nullptr, xml, length);
-    if (status != 0) {
+    if (!valueInto(xml, length, tag, occurrence, value)) {
         std::free(value);
         return nullptr;
     }
@@ -111,11 +120,14 @@ int32_t getValFromOID(uint32_t objId, const char *attribute, SMSnmpValue *value,
 int32_t getValFromCachedXML(const char *xml, const char *attribute, SMSnmpValue *value,
                             uint64_t *slot)
 {
-    HeapText text(getValFromXML(xml, attribute, 0));
-    if (text == nullptr) {
+    if (xml == nullptr || attribute == nullptr) {
         return SM_SNMP_NOSUCHNAME;
     }
-    return convertValue(text.get(), value, slot);
+    char text[kXmlValueSize] = {};
+    if (!valueInto(xml, static_cast<uint32_t>(std::strlen(xml)), attribute, 0, text)) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    return convertValue(text, value, slot);
 }
 
 char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t occurrence)
@@ -132,11 +144,12 @@ bool dataStoreIsReady()
     if (answer == nullptr) {
         return false;
     }
-    HeapText code(getValFromXML(answer.get(), "Code", 0));
-    if (code == nullptr) {
+    char code[kXmlValueSize] = {};
+    if (!valueInto(answer.get(), static_cast<uint32_t>(std::strlen(answer.get())), "Code", 0,
+                   code)) {
         return false;
     }
     char *end = nullptr;
-    const long number = std::strtol(code.get(), &end, 10);
-    return end != code.get() && number == 0;
+    const long number = std::strtol(code, &end, 10);
+    return end != code && number == 0;
 }
