@@ -126,40 +126,37 @@ std::string sourceText(const std::string &key)
     return text[0] != '\0' ? text : "an unknown source";
 }
 
-// Reads what `socket` holds now, up to one queue's worth, into its queue.
-void drain(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
+// Reads the datagram `socket` holds first into its queue. One a round:
+// poll, which the thread waits in anyway, tells whether another waits, and
+// a request that arrives alone costs no read that finds the socket empty.
+void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
 {
-    for (size_t i = 0; i < socket->waiting.capacity(); i++) {
-        Datagram datagram;
-        const int length = socket->receive(socket->transport, buffer->data(), int(buffer->size()),
-                                           &datagram.opaque, &datagram.opaqueLength);
-        if (length <= 0) {
-            release(&datagram);
-            // An empty socket (EAGAIN), an error, or an empty datagram, which
-            // net-snmp would have dropped.
-            if (length < 0) {
-                return;
-            }
-            continue;
+    Datagram datagram;
+    const int length = socket->receive(socket->transport, buffer->data(), int(buffer->size()),
+                                       &datagram.opaque, &datagram.opaqueLength);
+    if (length <= 0) {
+        // An empty socket (EAGAIN), an error, or an empty datagram, which
+        // net-snmp would have dropped.
+        release(&datagram);
+        return;
+    }
+    datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
+    const std::string key = sourceKey(datagram);
+    std::optional<std::pair<std::string, Datagram>> dropped;
+    {
+        std::lock_guard lock(sharing->mutex);
+        dropped = socket->waiting.push(key, std::move(datagram));
+    }
+    if (dropped) {
+        release(&dropped->second);
+        if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
+            logAt(LogLevel::kWarning,
+                  "dropping requests from %s: it sends more than its share while other "
+                  "sources wait (--max-waiting %zu; logged once a minute per source)",
+                  sourceText(dropped->first).c_str(), socket->waiting.capacity());
         }
-        datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
-        const std::string key = sourceKey(datagram);
-        std::optional<std::pair<std::string, Datagram>> dropped;
-        {
-            std::lock_guard lock(sharing->mutex);
-            dropped = socket->waiting.push(key, std::move(datagram));
-        }
-        if (dropped) {
-            release(&dropped->second);
-            if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
-                logAt(LogLevel::kWarning,
-                      "dropping requests from %s: it sends more than its share while other "
-                      "sources wait (--max-waiting %zu; logged once a minute per source)",
-                      sourceText(dropped->first).c_str(), socket->waiting.capacity());
-            }
-        } else if (sharing->waiting.fetch_add(1) == 0) {
-            sharing->wake();
-        }
+    } else if (sharing->waiting.fetch_add(1) == 0) {
+        sharing->wake();
     }
 }
 
@@ -184,7 +181,7 @@ void readSockets(Sharing *sharing)
         }
         for (size_t i = 0; i < sharing->sockets.size(); i++) {
             if (fds[i].revents != 0) {
-                drain(sharing, sharing->sockets[i].get(), &buffer);
+                takeOne(sharing, sharing->sockets[i].get(), &buffer);
             }
         }
     }

@@ -1,6 +1,7 @@
 // The main loop's select leaves out the sockets the reading thread serves:
 // that thread takes their datagrams, and a select that watched them would
-// return at once until it had.
+// return at once until it had. The reading thread reads a request that
+// arrives alone once.
 #include "fairness.h"
 
 // net-snmp's headers in the order they need: configuration, library.
@@ -12,8 +13,13 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 namespace {
 
@@ -22,6 +28,19 @@ using namespace kelp::agent;
 int answerNothing(int, netsnmp_session *, int, netsnmp_pdu *, void *)
 {
     return 1;
+}
+
+// The transport's own receive function, and how often it was called
+// through countingReceive, which the reading thread takes for it.
+using ReceiveFunction = int (*)(netsnmp_transport *, void *, int, void **, int *);
+ReceiveFunction g_receive = nullptr;
+std::atomic<int> g_receives{0};
+
+int countingReceive(netsnmp_transport *transport, void *buffer, int size, void **opaque,
+                    int *opaqueLength)
+{
+    g_receives++;
+    return g_receive(transport, buffer, size, opaque, opaqueLength);
 }
 
 TEST(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
@@ -53,6 +72,44 @@ TEST(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
     stopSharing();
     netsnmp_large_fd_set_cleanup(&fds);
     close(other);
+    snmp_close(session);
+}
+
+TEST(Fairness, ARequestThatArrivesAloneIsReadOnce)
+{
+    const SessionMark mark = markSessions();
+    netsnmp_transport *transport = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
+    ASSERT_NE(transport, nullptr);
+    netsnmp_session settings;
+    snmp_sess_init(&settings);
+    settings.callback = answerNothing;
+    netsnmp_session *session = snmp_add(&settings, transport, nullptr, nullptr);
+    ASSERT_NE(session, nullptr);
+    g_receive = transport->f_recv;
+    g_receives = 0;
+    transport->f_recv = countingReceive;
+    shareBetweenSources(mark, 4, [] {});
+
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(transport->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(sender, 0);
+    const char request[] = "a request";
+    ASSERT_EQ(sendto(sender, request, sizeof request, 0, reinterpret_cast<sockaddr *>(&address),
+                     sizeof address),
+              ssize_t(sizeof request));
+    for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(requestsWaiting());
+    // Joins the reading thread: any read it makes after the request's has
+    // been made by then.
+    stopSharing();
+    EXPECT_EQ(g_receives.load(), 1);
+
+    transport->f_recv = g_receive;
+    close(sender);
     snmp_close(session);
 }
 

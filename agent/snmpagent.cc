@@ -85,10 +85,13 @@ void onSignal(int sig)
     writeWakeByte();
 }
 
+// Empties the wake-up pipe. A read takes all a pipe holds up to its size,
+// so a short read leaves it empty without a further read to see EAGAIN; a
+// byte written after it wakes select again.
 void drain(int fd, void *)
 {
     char bytes[64];
-    while (read(fd, bytes, sizeof bytes) > 0) {
+    while (read(fd, bytes, sizeof bytes) == ssize_t(sizeof bytes)) {
     }
 }
 
