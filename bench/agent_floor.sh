@@ -14,6 +14,7 @@
 # rate as a fraction of minagent's. With PERF_DATA=FILE, also records each agent with perf during
 # further GetBulk walks (about 5 s each; FILE and FILE.minagent) and prints
 # the 15 symbols with the most self time.
+# MODES=getnext or MODES=bulk25 measures one mode alone.
 # Everything runs on 127.0.0.1 and is stopped at the end. Run it under
 # nice -n 19 on a shared machine, and note the load average it prints.
 set -euo pipefail
@@ -87,7 +88,7 @@ echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
 printf '%-8s %12s %12s %6s   %s\n' mode "kelpagent/s" "minagent/s" ratio \
   "CPU us/varbind: kelpagent minagent ratio"
 hz=$(getconf CLK_TCK)
-for mode in getnext bulk25; do
+for mode in ${MODES:-getnext bulk25}; do
   options=()
   # A GetBulk walk takes about a second: five of them make one run.
   [ "$mode" = bulk25 ] && options=(--bulk 25 --repeat 5)
