@@ -8,6 +8,7 @@
 #include "xmlsup.h"
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
+#include "xmlsup/last_scan.h"
 #include "xmlsup/xml_scan.h"
 
 extern "C" {
@@ -23,15 +24,19 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
     }
     try {
         // The thread's last one-object answer (or a copy of it) and long
-        // answers of the data store carry a table; any other text is scanned.
+        // answers of the data store carry a table, and the thread's last
+        // scan of a short text is kept; any other text is scanned.
         kelp::rt::xml::IndexedLookup lookup =
             kelp::rt::xml::findInFlatAnswer(xml, xmlLength, tag, occurrence);
         if (!lookup.indexed)
             lookup = kelp::rt::xml::findIndexed(xml, xmlLength, tag, occurrence);
-        std::optional<std::string_view> raw =
-            lookup.indexed
-                ? lookup.raw
-                : kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
+        if (!lookup.indexed)
+            lookup = kelp::rt::xml::findInLastScan(xml, xmlLength, tag, occurrence);
+        std::optional<std::string_view> raw = lookup.raw;
+        if (!lookup.indexed) {
+            raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
+            kelp::rt::xml::rememberScan(xml, xmlLength, tag, occurrence, raw);
+        }
         if (!raw)
             return 2;
         // Most values hold no entity and are copied as they stand; the

@@ -1,0 +1,137 @@
+// The thread's last scan of a short text: asked again in the same bytes (a
+// new copy of the readiness answer, say) it answers as the scan did, and in
+// any other text, for any other tag or occurrence, it answers nothing.
+#include "xmlsup/last_scan.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "xmlsup.h"
+#include "xmlsup/xml_scan.h"
+
+namespace {
+
+namespace xml = kelp::rt::xml;
+
+const std::string kReady = "<DataStoreReady><Code>0</Code></DataStoreReady>";
+
+// Scans `text` for the occurrence-th `tag` and keeps the scan, as
+// XMLSupGetXMLMemData does.
+void scan(const std::string &text, const std::string &tag, uint32_t occurrence)
+{
+    xml::rememberScan(text.data(), text.size(), tag, occurrence,
+                      xml::findElement(text, tag, occurrence));
+}
+
+// XMLSupGetXMLMemData's answer for the occurrence-th `tag` of `text`, or
+// "status N" when it fails.
+std::string lookUp(const std::string &text, const char *tag, uint32_t occurrence)
+{
+    char out[160] = {};
+    uint32_t size = sizeof out;
+    const uint32_t status = XMLSupGetXMLMemData(0, tag, 1, occurrence, 1, &size, out, 0, nullptr,
+                                                text.data(), uint32_t(text.size()));
+    return status == 0 ? std::string(out) : "status " + std::to_string(status);
+}
+
+class LastScanTest : public ::testing::Test {
+protected:
+    void SetUp() override { xml::forgetLastScan(); }
+    void TearDown() override { xml::forgetLastScan(); }
+};
+
+TEST_F(LastScanTest, NothingIsKeptBeforeAScan)
+{
+    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
+}
+
+TEST_F(LastScanTest, ACopyOfTheTextIsAnsweredFromTheScanInTheCopy)
+{
+    scan(kReady, "Code", 0);
+    const std::string copy = kReady;
+    const xml::IndexedLookup found = xml::findInLastScan(copy.data(), copy.size(), "Code", 0);
+    ASSERT_TRUE(found.indexed);
+    ASSERT_TRUE(found.raw.has_value());
+    EXPECT_EQ(*found.raw, "0");
+    EXPECT_EQ(found.raw->data(), copy.data() + kReady.find(">0<") + 1);
+}
+
+TEST_F(LastScanTest, AnotherTagOccurrenceOrTextIsScanned)
+{
+    scan(kReady, "Code", 0);
+    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "DataStoreReady", 0).indexed);
+    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Cod", 0).indexed);
+    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 1).indexed);
+    std::string changed = kReady;
+    changed[changed.find(">0<") + 1] = '1';
+    EXPECT_FALSE(xml::findInLastScan(changed.data(), changed.size(), "Code", 0).indexed);
+    const std::string longer = kReady + " ";
+    EXPECT_FALSE(xml::findInLastScan(longer.data(), longer.size(), "Code", 0).indexed);
+    const std::string shorter = kReady.substr(0, kReady.size() - 1);
+    EXPECT_FALSE(xml::findInLastScan(shorter.data(), shorter.size(), "Code", 0).indexed);
+}
+
+TEST_F(LastScanTest, AMissingElementIsKeptAsMissing)
+{
+    scan(kReady, "Status", 0);
+    const xml::IndexedLookup found = xml::findInLastScan(kReady.data(), kReady.size(), "Status", 0);
+    EXPECT_TRUE(found.indexed);
+    EXPECT_FALSE(found.raw.has_value());
+}
+
+TEST_F(LastScanTest, ASelfClosedElementIsKeptAsEmpty)
+{
+    const std::string text = "<A><B/><B>x</B></A>";
+    scan(text, "B", 0);
+    const std::string copy = text;
+    const xml::IndexedLookup found = xml::findInLastScan(copy.data(), copy.size(), "B", 0);
+    ASSERT_TRUE(found.indexed);
+    ASSERT_TRUE(found.raw.has_value());
+    EXPECT_TRUE(found.raw->empty());
+    EXPECT_EQ(lookUp(copy, "B", 0), "");
+    EXPECT_EQ(lookUp(copy, "B", 1), "x");
+}
+
+TEST_F(LastScanTest, ALongerTextIsNotKept)
+{
+    const std::string atLimit = "<V>" + std::string(xml::kLastScanSize - 8, 'a') + "</V>";
+    ASSERT_EQ(atLimit.size(), xml::kLastScanSize - 1);
+    scan(atLimit, "V", 0);
+    EXPECT_TRUE(xml::findInLastScan(atLimit.data(), atLimit.size(), "V", 0).indexed);
+
+    const std::string over = "<V>" + std::string(xml::kLastScanSize - 6, 'a') + "</V>";
+    ASSERT_EQ(over.size(), xml::kLastScanSize + 1);
+    scan(over, "V", 0);
+    EXPECT_FALSE(xml::findInLastScan(over.data(), over.size(), "V", 0).indexed);
+}
+
+TEST_F(LastScanTest, TheLibraryKeepsItsScanOfAShortTextAndAnswersAsItScans)
+{
+    EXPECT_EQ(lookUp(kReady, "Code", 0), "0");
+    EXPECT_TRUE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
+    EXPECT_EQ(lookUp(std::string(kReady), "Code", 0), "0");
+
+    std::string notReady = kReady;
+    notReady[notReady.find(">0<") + 1] = '1';
+    EXPECT_EQ(lookUp(notReady, "Code", 0), "1");
+    EXPECT_EQ(lookUp(kReady, "Code", 0), "0");
+    EXPECT_EQ(lookUp(kReady, "Code", 1), "status 2");
+    EXPECT_EQ(lookUp(kReady, "Code", 1), "status 2");
+    EXPECT_EQ(lookUp(kReady, "DataStoreReady", 0), "<Code>0</Code>");
+}
+
+TEST_F(LastScanTest, AScanIsKeptForItsThreadOnly)
+{
+    scan(kReady, "Code", 0);
+    bool seen = true;
+    std::thread other([&] {
+        seen = xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed;
+    });
+    other.join();
+    EXPECT_FALSE(seen);
+    EXPECT_TRUE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
+}
+
+} // namespace
