@@ -71,13 +71,12 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
                                uint32_t occurrence)
 {
     const FlatAnswer &flat = t_flat;
-    if (!flat.valid || flat.text.size() != length || !isFlatName(tag) ||
+    if (!flat.valid || flat.text.size() != length || tag.empty() ||
         std::memcmp(xml, flat.text.data(), length) != 0) {
         return {};
     }
-    IndexedLookup result;
-    result.indexed = true;
     uint32_t seen = 0;
+    bool named = false; // tag names an element of the text
     const char first = tag.front();
     for (const FlatElement &e : flat.elements) {
         // Most names differ in length or in their first letter.
@@ -85,11 +84,19 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
             std::memcmp(xml + e.nameStart, tag.data(), tag.size()) != 0) {
             continue;
         }
+        named = true;
         if (seen++ == occurrence) {
+            IndexedLookup result;
+            result.indexed = true;
             result.raw = std::string_view(xml + e.contentStart, e.contentSize);
-            break;
+            return result;
         }
     }
+    // A tag that names an element is flat, as every name in the table is.
+    // Any other tag is answered "none" only when it is flat: the scan may
+    // match a tag holding markup (a blank, '>') in a way the table cannot.
+    IndexedLookup result;
+    result.indexed = named || isFlatName(tag);
     return result;
 }
 
