@@ -56,6 +56,20 @@ bool valueInto(const char *xml, uint32_t length, const char *tag, uint32_t occur
            0;
 }
 
+// getValFromCachedXML for a text whose length the caller knows.
+int32_t valueOfAttribute(const char *xml, uint32_t length, const char *attribute,
+                         SMSnmpValue *value, uint64_t *slot)
+{
+    if (attribute == nullptr) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    char text[kXmlValueSize] = {};
+    if (!valueInto(xml, length, attribute, 0, text)) {
+        return SM_SNMP_NOSUCHNAME;
+    }
+    return convertValue(text, value, slot);
+}
+
 } // namespace
 
 void StoreTextFree::operator()(char *text) const
@@ -110,24 +124,21 @@ int32_t getValFromOID(uint32_t objId, const char *attribute, SMSnmpValue *value,
     }
     // The cache is refreshed even when the attribute turns out missing: the
     // getters' next reads of this request come from it.
-    const size_t length = std::min<size_t>(std::strlen(text.get()), kCachedObjXMLSize - 1);
+    const size_t whole = std::strlen(text.get());
+    const size_t length = std::min<size_t>(whole, kCachedObjXMLSize - 1);
     std::memcpy(cachedObjXML, text.get(), length);
     cachedObjXML[length] = '\0';
     cachedObjId = objId;
-    return getValFromCachedXML(text.get(), attribute, value, slot);
+    return valueOfAttribute(text.get(), static_cast<uint32_t>(whole), attribute, value, slot);
 }
 
 int32_t getValFromCachedXML(const char *xml, const char *attribute, SMSnmpValue *value,
                             uint64_t *slot)
 {
-    if (xml == nullptr || attribute == nullptr) {
+    if (xml == nullptr) {
         return SM_SNMP_NOSUCHNAME;
     }
-    char text[kXmlValueSize] = {};
-    if (!valueInto(xml, static_cast<uint32_t>(std::strlen(xml)), attribute, 0, text)) {
-        return SM_SNMP_NOSUCHNAME;
-    }
-    return convertValue(text, value, slot);
+    return valueOfAttribute(xml, static_cast<uint32_t>(std::strlen(xml)), attribute, value, slot);
 }
 
 char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t occurrence)
