@@ -37,7 +37,7 @@ std::string lookUp(const std::string &text, const char *tag, uint32_t occurrence
 }
 
 class LastScanTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { xml::forgetLastScan(); }
     void TearDown() override { xml::forgetLastScan(); }
 };
@@ -126,9 +126,8 @@ TEST_F(LastScanTest, AScanIsKeptForItsThreadOnly)
 {
     scan(kReady, "Code", 0);
     bool seen = true;
-    std::thread other([&] {
-        seen = xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed;
-    });
+    std::thread other(
+        [&] { seen = xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed; });
     other.join();
     EXPECT_FALSE(seen);
     EXPECT_TRUE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
