@@ -30,6 +30,19 @@ int answerNothing(int, netsnmp_session *, int, netsnmp_pdu *, void *)
     return 1;
 }
 
+// A UDP session on a free loopback port that answers nothing, or null.
+netsnmp_session *openUdpSession()
+{
+    netsnmp_transport *transport = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
+    if (transport == nullptr) {
+        return nullptr;
+    }
+    netsnmp_session settings;
+    snmp_sess_init(&settings);
+    settings.callback = answerNothing;
+    return snmp_add(&settings, transport, nullptr, nullptr);
+}
+
 // The transport's own receive function, and how often it was called
 // through countingReceive, which the reading thread takes for it.
 using ReceiveFunction = int (*)(netsnmp_transport *, void *, int, void **, int *);
@@ -46,13 +59,10 @@ int countingReceive(netsnmp_transport *transport, void *buffer, int size, void *
 TEST(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 {
     const SessionMark mark = markSessions();
-    netsnmp_transport *transport = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
-    ASSERT_NE(transport, nullptr);
-    netsnmp_session settings;
-    snmp_sess_init(&settings);
-    settings.callback = answerNothing;
-    netsnmp_session *session = snmp_add(&settings, transport, nullptr, nullptr);
+    netsnmp_session *session = openUdpSession();
     ASSERT_NE(session, nullptr);
+    netsnmp_transport *transport = snmp_sess_transport(snmp_sess_pointer(session));
+    ASSERT_NE(transport, nullptr);
     const int other = socket(AF_INET, SOCK_DGRAM, 0);
     ASSERT_GE(other, 0);
 
@@ -78,13 +88,10 @@ TEST(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 TEST(Fairness, ARequestThatArrivesAloneIsReadOnce)
 {
     const SessionMark mark = markSessions();
-    netsnmp_transport *transport = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
-    ASSERT_NE(transport, nullptr);
-    netsnmp_session settings;
-    snmp_sess_init(&settings);
-    settings.callback = answerNothing;
-    netsnmp_session *session = snmp_add(&settings, transport, nullptr, nullptr);
+    netsnmp_session *session = openUdpSession();
     ASSERT_NE(session, nullptr);
+    netsnmp_transport *transport = snmp_sess_transport(snmp_sess_pointer(session));
+    ASSERT_NE(transport, nullptr);
     g_receive = transport->f_recv;
     g_receives = 0;
     transport->f_recv = countingReceive;
