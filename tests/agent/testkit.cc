@@ -1,6 +1,8 @@
 // The integration tests' shared helpers.
 #include "testkit.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -277,6 +280,16 @@ AgentUnderTest::~AgentUnderTest()
 {
     if (process_ && process_->running()) {
         stop();
+    }
+    // The agent's log names the cause of a failure its answers only show
+    // (a genErr, a timeout), and the temporary dir that holds it goes
+    // next: print its end with the failed test.
+    if (process_ && ::testing::Test::HasFailure()) {
+        constexpr size_t kLogTail = 8192;
+        const std::string log = process_->err();
+        std::cerr << "kelpagent's log" << (log.size() > kLogTail ? " (its last 8 KiB)" : "")
+                  << ":\n"
+                  << (log.size() > kLogTail ? log.substr(log.size() - kLogTail) : log) << "\n";
     }
 }
 
