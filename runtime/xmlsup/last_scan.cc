@@ -28,10 +28,12 @@ thread_local LastScan t_last;
 void rememberScan(const char *xml, size_t length, std::string_view tag, uint32_t occurrence,
                   std::optional<std::string_view> raw)
 {
-    LastScan &last = t_last;
-    last.valid = false;
+    // A longer text leaves the last short one kept: the readiness answer
+    // stays found across the scans of other answers between its reads.
     if (length > kLastScanSize)
         return;
+    LastScan &last = t_last;
+    last.valid = false;
     try {
         last.text.assign(xml, length);
         last.tag.assign(tag);

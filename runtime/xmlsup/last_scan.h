@@ -23,7 +23,8 @@ inline constexpr size_t kLastScanSize = 256;
 
 // Keeps the scan of xml[0..length) for the occurrence-th `tag` and its
 // answer `raw` (a view into xml, or nullopt: no such element) as the calling
-// thread's last scan. A longer text, or no memory, keeps none.
+// thread's last scan. A longer text is not kept and leaves the last scan as
+// it is; without memory none is kept.
 void rememberScan(const char *xml, size_t length, std::string_view tag, uint32_t occurrence,
                   std::optional<std::string_view> raw);
 
