@@ -30,19 +30,6 @@ int answerNothing(int, netsnmp_session *, int, netsnmp_pdu *, void *)
     return 1;
 }
 
-// A UDP session on a free loopback port that answers nothing, or null.
-netsnmp_session *openUdpSession()
-{
-    netsnmp_transport *transport = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
-    if (transport == nullptr) {
-        return nullptr;
-    }
-    netsnmp_session settings;
-    snmp_sess_init(&settings);
-    settings.callback = answerNothing;
-    return snmp_add(&settings, transport, nullptr, nullptr);
-}
-
 // The transport's own receive function, and how often it was called
 // through countingReceive, which the reading thread takes for it.
 using ReceiveFunction = int (*)(netsnmp_transport *, void *, int, void **, int *);
@@ -56,50 +43,70 @@ int countingReceive(netsnmp_transport *transport, void *buffer, int size, void *
     return g_receive(transport, buffer, size, opaque, opaqueLength);
 }
 
-TEST(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
+// A UDP session on a free loopback port that answers nothing, opened after
+// a mark in the session list; the reading thread, if a test started it,
+// is stopped and the session closed after each test, whatever failed.
+class Fairness : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        mark_ = markSessions();
+        netsnmp_transport *opened = netsnmp_transport_open_server("kelp-test", "udp:127.0.0.1:0");
+        ASSERT_NE(opened, nullptr);
+        netsnmp_session settings;
+        snmp_sess_init(&settings);
+        settings.callback = answerNothing;
+        session_ = snmp_add(&settings, opened, nullptr, nullptr);
+        ASSERT_NE(session_, nullptr);
+        transport_ = snmp_sess_transport(snmp_sess_pointer(session_));
+        ASSERT_NE(transport_, nullptr);
+    }
+
+    void TearDown() override
+    {
+        stopSharing();
+        if (session_ != nullptr) {
+            snmp_close(session_);
+        }
+    }
+
+    SessionMark mark_;
+    netsnmp_session *session_ = nullptr;
+    netsnmp_transport *transport_ = nullptr;
+};
+
+TEST_F(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 {
-    const SessionMark mark = markSessions();
-    netsnmp_session *session = openUdpSession();
-    ASSERT_NE(session, nullptr);
-    netsnmp_transport *transport = snmp_sess_transport(snmp_sess_pointer(session));
-    ASSERT_NE(transport, nullptr);
     const int other = socket(AF_INET, SOCK_DGRAM, 0);
     ASSERT_GE(other, 0);
 
     netsnmp_large_fd_set fds;
     netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
-    NETSNMP_LARGE_FD_SET(transport->sock, &fds);
+    NETSNMP_LARGE_FD_SET(transport_->sock, &fds);
     NETSNMP_LARGE_FD_SET(other, &fds);
     // Nothing is served in turn yet: the set stays as it is.
     leaveOutSharedSockets(&fds);
-    EXPECT_TRUE(NETSNMP_LARGE_FD_ISSET(transport->sock, &fds));
+    EXPECT_TRUE(NETSNMP_LARGE_FD_ISSET(transport_->sock, &fds));
 
-    shareBetweenSources(mark, 4, [] {});
+    shareBetweenSources(mark_, 4, [] {});
     leaveOutSharedSockets(&fds);
-    EXPECT_FALSE(NETSNMP_LARGE_FD_ISSET(transport->sock, &fds));
+    EXPECT_FALSE(NETSNMP_LARGE_FD_ISSET(transport_->sock, &fds));
     EXPECT_TRUE(NETSNMP_LARGE_FD_ISSET(other, &fds));
 
-    stopSharing();
     netsnmp_large_fd_set_cleanup(&fds);
     close(other);
-    snmp_close(session);
 }
 
-TEST(Fairness, ARequestThatArrivesAloneIsReadOnce)
+TEST_F(Fairness, ARequestThatArrivesAloneIsReadOnce)
 {
-    const SessionMark mark = markSessions();
-    netsnmp_session *session = openUdpSession();
-    ASSERT_NE(session, nullptr);
-    netsnmp_transport *transport = snmp_sess_transport(snmp_sess_pointer(session));
-    ASSERT_NE(transport, nullptr);
-    g_receive = transport->f_recv;
+    g_receive = transport_->f_recv;
     g_receives = 0;
-    transport->f_recv = countingReceive;
-    shareBetweenSources(mark, 4, [] {});
+    transport_->f_recv = countingReceive;
+    shareBetweenSources(mark_, 4, [] {});
 
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(transport->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
     const int sender = socket(AF_INET, SOCK_DGRAM, 0);
     ASSERT_GE(sender, 0);
     const char request[] = "a request";
@@ -115,9 +122,8 @@ TEST(Fairness, ARequestThatArrivesAloneIsReadOnce)
     stopSharing();
     EXPECT_EQ(g_receives.load(), 1);
 
-    transport->f_recv = g_receive;
+    transport_->f_recv = g_receive;
     close(sender);
-    snmp_close(session);
 }
 
 } // namespace
