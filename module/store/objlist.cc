@@ -73,7 +73,8 @@ struct Cursor {
     uint32_t position = 0;
     ObjNode *node = nullptr;
 };
-thread_local Cursor t_cursor; // thread-confined
+thread_local Cursor t_cursor;  // thread-confined
+thread_local uint64_t t_steps; // thread-confined: nodes stepped over
 
 // Lists shorter than this are searched node by node.
 constexpr uint32_t kIndexedLength = 64;
@@ -279,6 +280,13 @@ ObjNode *getNodeByIndex(ObjList *list, uint32_t position)
     if (position == 0 || position > list->length) {
         return nullptr;
     }
+    // The head is at hand, and the cursor stays where it is: a table's
+    // first row is looked up between the rows of a walk (the empty-table
+    // probe after every absent cell), and moving the cursor back to it
+    // would start the walk's next look-up from the head.
+    if (position == 1) {
+        return list->head;
+    }
     const uint64_t now = generation();
     Cursor &cursor = t_cursor;
     ObjNode *node = list->head;
@@ -288,6 +296,7 @@ ObjNode *getNodeByIndex(ObjList *list, uint32_t position)
         node = cursor.node;
         step = cursor.position;
     }
+    t_steps += position - step;
     for (; step < position && node != nullptr; step++) {
         node = node->next;
     }
@@ -295,6 +304,11 @@ ObjNode *getNodeByIndex(ObjList *list, uint32_t position)
         cursor = Cursor{list, now, list->head, list->length, position, node};
     }
     return node;
+}
+
+uint64_t nodeStepsWalked()
+{
+    return t_steps;
 }
 
 ObjNode *findByObjId(ObjList *list, int32_t objId)

@@ -50,8 +50,13 @@ ObjNode *removeByNexus(ObjList *list, const char *nexus);
 // The node at 1-based `position`, or null for 0 or a position past length.
 // A walk asks for the rows of a list in order: each thread remembers where
 // its last look-up ended and goes on from there when it can, so a walk of a
-// list costs one step a row rather than one step a row before it.
+// list costs one step a row rather than one step a row before it. A look-up
+// of the first row leaves that memory as it is.
 ObjNode *getNodeByIndex(ObjList *list, uint32_t position);
+
+// The nodes this thread's getNodeByIndex calls have stepped over so far
+// (tests).
+uint64_t nodeStepsWalked();
 
 // The first node with this object id; null for a null list or no match.
 // On long lists each thread keeps an index of ids to first nodes, made

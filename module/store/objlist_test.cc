@@ -256,6 +256,23 @@ TEST_F(ObjListTest, ALookUpAfterAnotherListWasUsedStartsFromItsOwnList)
     freeList(&other);
 }
 
+TEST_F(ObjListTest, AWalkGoesOnWhereItWasAfterEachLookUpOfTheFirstRow)
+{
+    fill(&list, 300);
+    const uint64_t before = nodeStepsWalked();
+    for (uint32_t row = 2; row <= 300; row++) {
+        ASSERT_EQ(getNodeByIndex(&list, row)->objId, 1000 + row);
+        ASSERT_EQ(getNodeByIndex(&list, 1)->objId, 1001u);
+    }
+    // One step a row; going back to the head each time would take about
+    // 45,000.
+    EXPECT_LE(nodeStepsWalked() - before, 300u);
+    // And a walk that starts again from the first row still finds its rows.
+    EXPECT_EQ(getNodeByIndex(&list, 1)->objId, 1001u);
+    EXPECT_EQ(getNodeByIndex(&list, 2)->objId, 1002u);
+    EXPECT_EQ(getNodeByIndex(&list, 150)->objId, 1150u);
+}
+
 TEST_F(ObjListTest, FindByObjIdOnALongListAnswersTheFirstMatch)
 {
     fill(&list, 200);
