@@ -26,16 +26,17 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         // The thread's last one-object answer (or a copy of it) and long
         // answers of the data store carry a table, and the thread's last
         // scan of a short text is kept; any other text is scanned.
+        const std::string_view name(tag);
         kelp::rt::xml::IndexedLookup lookup =
-            kelp::rt::xml::findInFlatAnswer(xml, xmlLength, tag, occurrence);
+            kelp::rt::xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
-            lookup = kelp::rt::xml::findIndexed(xml, xmlLength, tag, occurrence);
+            lookup = kelp::rt::xml::findIndexed(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
-            lookup = kelp::rt::xml::findInLastScan(xml, xmlLength, tag, occurrence);
+            lookup = kelp::rt::xml::findInLastScan(xml, xmlLength, name, occurrence);
         std::optional<std::string_view> raw = lookup.raw;
         if (!lookup.indexed) {
-            raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), tag, occurrence);
-            kelp::rt::xml::rememberScan(xml, xmlLength, tag, occurrence, raw);
+            raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), name, occurrence);
+            kelp::rt::xml::rememberScan(xml, xmlLength, name, occurrence, raw);
         }
         if (!raw)
             return 2;
