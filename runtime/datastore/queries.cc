@@ -285,9 +285,11 @@ void freeMem(char *xml)
 {
     if (xml == nullptr)
         return;
-    // The index goes first: once the memory is free, a new answer may be
-    // handed out at the same address.
+    // The index and the flat answers' trust in their blocks go first: once
+    // the memory is free, a new answer may be handed out at the same
+    // address.
     kelp::rt::xml::forgetAnswer(xml);
+    kelp::rt::xml::noteAnswerFreed();
     // A list answer of a large model runs to megabytes; once it is gone the
     // heap it leaves behind goes back to the system, or a table build would
     // keep its peak for good.

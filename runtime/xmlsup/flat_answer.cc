@@ -1,6 +1,7 @@
 // The calling thread's flat answer: a copy of its text and its element table.
 #include "xmlsup/flat_answer.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <string>
@@ -12,12 +13,18 @@ struct FlatAnswer {
     bool valid = false;
     std::string text;
     std::vector<FlatElement> elements;
+    // The block the answer was handed out in, and g_answersFreed then.
+    const char *block = nullptr;
+    uint64_t freedBefore = 0;
 };
 
 // Per thread: an answer is read by the thread that asked for it, and no
 // lock is taken on the way. The buffers keep their capacity from one
 // answer to the next.
 thread_local FlatAnswer t_flat;
+
+// Answers freed so far, by any thread.
+std::atomic<uint64_t> g_answersFreed{0};
 
 } // namespace
 
@@ -56,6 +63,8 @@ void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement
     try {
         flat.text.assign(text, length);
         flat.elements.swap(*elements);
+        flat.block = text;
+        flat.freedBefore = g_answersFreed.load(std::memory_order_acquire);
         flat.valid = true;
     } catch (const std::bad_alloc &) {
         // Look-ups scan, as for any other text.
@@ -67,12 +76,23 @@ void forgetFlatAnswer()
     t_flat.valid = false;
 }
 
+void noteAnswerFreed()
+{
+    g_answersFreed.fetch_add(1, std::memory_order_acq_rel);
+}
+
 IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view tag,
                                uint32_t occurrence)
 {
     const FlatAnswer &flat = t_flat;
-    if (!flat.valid || flat.text.size() != length || tag.empty() ||
-        std::memcmp(xml, flat.text.data(), length) != 0) {
+    if (!flat.valid || flat.text.size() != length || tag.empty()) {
+        return {};
+    }
+    // The block handed out holds the remembered bytes for as long as no
+    // answer has been freed since; any other text is compared.
+    const bool handedOut =
+        xml == flat.block && flat.freedBefore == g_answersFreed.load(std::memory_order_acquire);
+    if (!handedOut && std::memcmp(xml, flat.text.data(), length) != 0) {
         return {};
     }
     uint32_t seen = 0;

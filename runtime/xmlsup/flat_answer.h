@@ -9,6 +9,10 @@
 // answered from the table only when the text it is handed has the same
 // bytes as the remembered one (compared whole), so a copy, a changed text
 // or a freed and reused block can never be answered from a stale table.
+// The one exception is the block the answer was handed out in, which its
+// holder reads and does not write: it is answered without the compare
+// until any answer is freed (noteAnswerFreed), as the answer index trusts
+// a live answer (answer_index.h).
 #ifndef KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 #define KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 
@@ -45,6 +49,11 @@ void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement
 
 // Forgets the calling thread's flat answer (a model is replaced, a test).
 void forgetFlatAnswer();
+
+// Called by freeMem before an answer's memory is released: from then on
+// every thread compares a look-up of the block its flat answer was handed
+// out in, as the memory may hold another answer.
+void noteAnswerFreed();
 
 // The occurrence-th `tag` of xml from the calling thread's flat answer's
 // table, when xml has exactly that answer's bytes and tag is a flat name

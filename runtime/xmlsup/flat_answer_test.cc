@@ -120,6 +120,30 @@ TEST(FlatAnswerTest, OnlyTheRememberedBytesAreAnsweredFromTheTable)
     EXPECT_FALSE(xml::findInFlatAnswer(next.data(), next.size(), "Name", 0).indexed);
 }
 
+TEST(FlatAnswerTest, TheBlockHandedOutIsNotComparedUntilAnAnswerIsFreed)
+{
+    const auto [text, table] = flatText(kElements);
+    std::string block = text; // the answer as handed out
+    remember(block, table);
+    // Its holder only reads it: a byte changed in it all the same is not
+    // looked at, while the same change in a copy is.
+    const size_t at = block.find("<Name>") + 6;
+    block[at] = block[at] == 'x' ? 'y' : 'x';
+    const std::string copy = block;
+    EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    // Once any answer is freed the block may hold another: it is compared.
+    xml::noteAnswerFreed();
+    EXPECT_FALSE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    block[at] = text[at];
+    EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    // A later remembering trusts its own block again.
+    remember(block, table);
+    block[at] = block[at] == 'x' ? 'y' : 'x';
+    EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    xml::forgetFlatAnswer();
+}
+
 // The library's entry point answers from the table what it answers from a
 // scan: entities decoded, sizes, missing elements.
 TEST(FlatAnswerTest, XmlSupAnswersAlikeWithAndWithoutTheTable)
