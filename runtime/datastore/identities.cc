@@ -12,10 +12,17 @@
 namespace kelp::ds {
 namespace {
 
+constexpr size_t kNoPosition = SIZE_MAX;
+
 struct Identity {
     int type = -1;
     bool hasNexus = false;
     std::string nexus;
+    // What positionNamedBy answered for the model with serial `answeredIn`
+    // (0: none), kNoPosition for no object. A model never changes, so the
+    // answer holds for that model until the identity does.
+    uint64_t answeredIn = 0;
+    size_t answer = kNoPosition;
 };
 
 std::mutex g_identityMutex;
@@ -23,6 +30,9 @@ std::mutex g_identityMutex;
 // g_identityMutex. It grows only with ids that were handed out, so it is
 // bounded by the objects of the models served.
 std::unordered_map<uint32_t, Identity> g_handedOut;
+// Answers positionNamedBy worked out, not taken from an identity's last
+// one; guarded by g_identityMutex.
+uint64_t g_workedOut = 0;
 
 bool matches(const Identity &identity, const Model &m, size_t pos)
 {
@@ -40,6 +50,19 @@ void assign(Identity *identity, const Model &m, size_t pos)
         identity->nexus = *nexus;
     else
         identity->nexus.clear();
+    identity->answeredIn = 0;
+}
+
+// positionNamedBy's answer when the id was handed out as `named`.
+std::optional<size_t> positionOf(const Identity &named, const Model &m, uint32_t id)
+{
+    g_workedOut++;
+    const std::optional<size_t> pos = m.find(id);
+    if (pos && matches(named, m, *pos))
+        return pos;
+    if (named.type < 0 || !named.hasNexus)
+        return std::nullopt;
+    return m.findByNexus(kObjectTypes[static_cast<size_t>(named.type)].name, named.nexus);
 }
 
 } // namespace
@@ -60,14 +83,24 @@ void rememberHandedOut(const Model &m, const std::vector<size_t> &positions)
 
 std::optional<size_t> positionNamedBy(const Model &m, uint32_t id)
 {
-    const std::optional<size_t> pos = m.find(id);
     auto it = g_handedOut.find(id);
-    if (it == g_handedOut.end() || (pos && matches(it->second, m, *pos)))
-        return pos;
-    const Identity &named = it->second;
-    if (named.type < 0 || !named.hasNexus)
+    if (it == g_handedOut.end())
+        return m.find(id);
+    Identity &named = it->second;
+    if (named.answeredIn != m.serial()) {
+        const std::optional<size_t> pos = positionOf(named, m, id);
+        named.answeredIn = m.serial();
+        named.answer = pos.value_or(kNoPosition);
+    }
+    if (named.answer == kNoPosition)
         return std::nullopt;
-    return m.findByNexus(kObjectTypes[static_cast<size_t>(named.type)].name, named.nexus);
+    return named.answer;
+}
+
+uint64_t namedPositionsWorkedOut()
+{
+    std::lock_guard lock(g_identityMutex);
+    return g_workedOut;
 }
 
 void followIdentity(const Model &before, size_t posBefore, const Model &after, size_t posAfter)

@@ -36,9 +36,14 @@ void rememberHandedOut(const Model &m, const std::vector<size_t> &positions);
 // with that id when the id was never handed out or the object is still as
 // handed out; else the object of m with the type and first Nexus the id was
 // handed out with (a load that gave the object another id), or nullopt when
-// m holds no such object. Two hash look-ups at most. Requires
+// m holds no such object. One hash look-up when the id was asked about in
+// m before and its identity has not changed since, three at most. Requires
 // identityMutex().
 std::optional<size_t> positionNamedBy(const Model &m, uint32_t id);
+
+// How many answers of positionNamedBy were worked out from the model rather
+// than taken from the id's last answer in that same model (for tests).
+uint64_t namedPositionsWorkedOut();
 
 // Follows a change of an object's identity made on purpose (a set Nexus):
 // when the object at posBefore of `before` was still as handed out, its id is

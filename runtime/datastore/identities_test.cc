@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "datastore/identities.h"
 #include "datastore/model_store.h"
 #include "vscil.h"
 
@@ -209,6 +210,27 @@ TEST_F(IdentitiesTest, AnIdRemovedAndAddedAsAnotherTypeAnswersNothing)
         ds::addObjects("<object id='21' type='fans'><Nexus>0\\0\\f</Nexus></object>", &error))
         << error;
     EXPECT_TRUE(answers(single(21), 21)) << "the same fan again";
+}
+
+TEST_F(IdentitiesTest, AnIdAskedAboutAgainInTheSameModelIsNotWorkedOutAgain)
+{
+    load(kBefore);
+    list("arraydisks");
+    load(kTypesSwapped);
+    // The first question finds the object the id names in the model.
+    uint64_t before = ds::namedPositionsWorkedOut();
+    EXPECT_TRUE(answers(single(20), 21));
+    EXPECT_GT(ds::namedPositionsWorkedOut(), before);
+    before = ds::namedPositionsWorkedOut();
+    for (int i = 0; i < 50; i++) {
+        ASSERT_TRUE(answers(single(20), 21));
+        ASSERT_TRUE(answers(associated("enclosures", 20), 5));
+    }
+    EXPECT_EQ(ds::namedPositionsWorkedOut(), before);
+    // The answer goes with its model: a reload of the same file asks again.
+    load(kTypesSwapped);
+    EXPECT_TRUE(answers(single(20), 21));
+    EXPECT_GT(ds::namedPositionsWorkedOut(), before);
 }
 
 } // namespace
