@@ -39,6 +39,7 @@ struct SMMutexRec {
     std::condition_variable released;
     std::thread::id owner; // guarded by m; default id = not held
     uint32_t depth = 0;    // guarded by m
+    uint32_t waiting = 0;  // threads waiting for `released`; guarded by m
 };
 
 extern "C" {
@@ -59,12 +60,18 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
         return SM_STATUS_SUCCESS;
     }
     auto isFree = [mutex] { return mutex->owner == std::thread::id(); };
-    const uint32_t waitMs = boundedWait(timeoutMs);
-    if (waitMs == SM_WAIT_FOREVER) {
-        mutex->released.wait(lock, isFree);
-    } else if (!mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree)) {
-        ++t_lockTimeouts;
-        return SM_STATUS_TIMEOUT;
+    if (!isFree()) {
+        const uint32_t waitMs = boundedWait(timeoutMs);
+        ++mutex->waiting;
+        const bool freed =
+            waitMs == SM_WAIT_FOREVER
+                ? (mutex->released.wait(lock, isFree), true)
+                : mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree);
+        --mutex->waiting;
+        if (!freed) {
+            ++t_lockTimeouts;
+            return SM_STATUS_TIMEOUT;
+        }
     }
     mutex->owner = self;
     mutex->depth = 1;
@@ -84,7 +91,8 @@ uint32_t SMMutexUnLock(SMMutexHandle mutex)
         kelp::rt::noteMutexReleased();
         // Under the lock, so that a thread that takes, drops and destroys the
         // mutex next cannot free it under this call.
-        mutex->released.notify_one();
+        if (mutex->waiting > 0)
+            mutex->released.notify_one();
     }
     return SM_STATUS_SUCCESS;
 }
