@@ -45,6 +45,9 @@ std::mutex g_changeMutex;
 // Guards g_served and g_servedFile; taken last, held only to copy or swap.
 std::mutex g_servedMutex;
 std::shared_ptr<const Model> g_served; // guarded by g_servedMutex; written under both
+// g_served's ready flag: kNoModel, 0 or 1. Written with g_served.
+constexpr int kNoModel = -1;
+std::atomic<int> g_servedReady{kNoModel};
 // The file g_served was loaded from, kept through changes; empty when it was
 // not loaded from a file. Guarded and written as g_served.
 std::string g_servedFile;
@@ -90,6 +93,7 @@ std::shared_ptr<const Model> publish(Served next,
     auto swap = [&next] {
         std::lock_guard lock(g_servedMutex);
         std::swap(g_served, next.model);
+        g_servedReady.store(g_served == nullptr ? kNoModel : int{g_served->ready()});
         if (next.file)
             g_servedFile = std::move(*next.file);
     };
@@ -254,6 +258,15 @@ void settleServedModel()
         std::lock_guard lock(g_changeMutex);
         settleLocked();
     }
+}
+
+std::optional<bool> servedModelReady()
+{
+    settleServedModel();
+    const int ready = g_servedReady.load();
+    if (ready == kNoModel)
+        return std::nullopt;
+    return ready != 0;
 }
 
 std::shared_ptr<const Model> currentModel()

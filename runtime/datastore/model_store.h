@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -98,6 +99,10 @@ bool storageAttribute(const std::string &name, std::string *value);
 // (see kelpRuntimeLoadModel). The model stays valid while the caller holds
 // it, whatever changes are made meanwhile.
 std::shared_ptr<const Model> servedModel();
+
+// Whether the model servedModel() would answer is ready (its ready flag), or
+// nullopt when no model is served; one atomic read once KELP_MODEL was tried.
+std::optional<bool> servedModelReady();
 
 // Tries KELP_MODEL as the first reader does, and nothing more: for a reader
 // that then takes identityMutex() (identities.h), a lock that changes take

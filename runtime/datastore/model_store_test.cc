@@ -227,6 +227,21 @@ TEST_F(ModelStoreTest, ReadyOffMakesTheStoreAnswerANonZeroCode)
     freeMem(xml);
     ASSERT_TRUE(ds::setReady(true, &error)) << error;
     EXPECT_TRUE(ds::modelStatus().ready);
+    auto code = [] {
+        uint32_t answered = 99;
+        char *text = DataStoreReady(&answered);
+        std::string answer = text != nullptr ? text : "<status " + std::to_string(answered) + ">";
+        freeMem(text);
+        return answer;
+    };
+    EXPECT_EQ(code(), "<DataStoreReady><Code>0</Code></DataStoreReady>");
+    // The answer follows every model served: one loaded not ready, none.
+    ASSERT_TRUE(ds::loadModelText("<storage ready='0'/>", "host", &error)) << error;
+    EXPECT_EQ(code(), "<DataStoreReady><Code>1</Code></DataStoreReady>");
+    ds::unloadModel();
+    EXPECT_EQ(code(), "<status 7>");
+    ASSERT_TRUE(ds::loadModelText("<storage ready='1'/>", "host", &error)) << error;
+    EXPECT_EQ(code(), "<DataStoreReady><Code>0</Code></DataStoreReady>");
 }
 
 TEST_F(ModelStoreTest, SetAttributeReplacesTheFirstOccurrenceOrAppends)

@@ -200,10 +200,17 @@ extern "C" {
 // Code 1 when it is not; null with status 7 when no model is served.
 char *DataStoreReady(uint32_t *status)
 {
-    return withModel(status, [&](const Model &m) {
-        return answer(status, m.ready() ? "<DataStoreReady><Code>0</Code></DataStoreReady>"
-                                        : "<DataStoreReady><Code>1</Code></DataStoreReady>");
-    });
+    // Asked before every cell: the flag is read without taking the model.
+    std::optional<bool> ready;
+    try {
+        ready = kelp::ds::servedModelReady(); // may load KELP_MODEL
+    } catch (const std::bad_alloc &) {
+        return answerWith(status, kFailure);
+    }
+    if (!ready)
+        return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
+    return answer(status, *ready ? "<DataStoreReady><Code>0</Code></DataStoreReady>"
+                                 : "<DataStoreReady><Code>1</Code></DataStoreReady>");
 }
 
 // <ObjList> with the runs of every object of the type; null with status 2
