@@ -22,6 +22,7 @@
 #include "datastore/model.h"
 #include "datastore/model_store.h"
 #include "datastore/written_answers.h"
+#include "support/short_of_memory.h"
 #include "vscil.h"
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
@@ -42,14 +43,24 @@ char *answerWith(uint32_t *status, uint32_t code)
     return nullptr;
 }
 
+// Status 5 for a query that ran out of memory, logged
+// (support/short_of_memory.h).
+char *shortOfMemory(uint32_t *status)
+{
+    kelp::rt::noteShortOfMemory(0);
+    return answerWith(status, kFailure);
+}
+
 // An answer of `size` bytes that write(block) writes in place, with its
 // NUL, status 0; status 5 when memory is short. The text is made in the
 // block handed out, never copied.
 template <typename Write> char *answerOf(uint32_t *status, size_t size, Write write)
 {
-    auto *block = static_cast<char *>(std::malloc(size + 1));
-    if (block == nullptr)
+    auto *block = static_cast<char *>(kelp::rt::answerBlock(size + 1));
+    if (block == nullptr) {
+        kelp::rt::noteShortOfMemory(size + 1);
         return answerWith(status, kFailure);
+    }
     write(block);
     block[size] = '\0';
     kelp::rt::xml::registerAnswer(block, size);
@@ -146,7 +157,7 @@ template <typename Query> char *withModel(uint32_t *status, Query query)
             return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
         return query(*m);
     } catch (const std::bad_alloc &) {
-        return answerWith(status, kFailure);
+        return shortOfMemory(status);
     }
 }
 
@@ -165,7 +176,7 @@ template <typename Query> char *withIdentities(uint32_t *status, Query query)
             return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
         return query(*m);
     } catch (const std::bad_alloc &) {
-        return answerWith(status, kFailure);
+        return shortOfMemory(status);
     }
 }
 
@@ -205,7 +216,7 @@ char *DataStoreReady(uint32_t *status)
     try {
         ready = kelp::ds::servedModelReady(); // may load KELP_MODEL
     } catch (const std::bad_alloc &) {
-        return answerWith(status, kFailure);
+        return shortOfMemory(status);
     }
     if (!ready)
         return answerWith(status, VSCIL_STATUS_UNAVAILABLE);

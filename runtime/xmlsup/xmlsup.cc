@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "support/short_of_memory.h"
 #include "xmlsup.h"
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
@@ -60,7 +61,9 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         *size = static_cast<uint32_t>(needed);
         return 0;
     } catch (const std::exception &) {
-        return 5; // out of memory for the decoded copy
+        // Out of memory for a decoded copy or for a long answer's table.
+        kelp::rt::noteShortOfMemory(0);
+        return 5;
     }
 }
 
