@@ -62,11 +62,12 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
     auto isFree = [mutex] { return mutex->owner == std::thread::id(); };
     if (!isFree()) {
         const uint32_t waitMs = boundedWait(timeoutMs);
+        bool freed = true;
         ++mutex->waiting;
-        const bool freed =
-            waitMs == SM_WAIT_FOREVER
-                ? (mutex->released.wait(lock, isFree), true)
-                : mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree);
+        if (waitMs == SM_WAIT_FOREVER)
+            mutex->released.wait(lock, isFree);
+        else
+            freed = mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree);
         --mutex->waiting;
         if (!freed) {
             ++t_lockTimeouts;

@@ -29,13 +29,17 @@ void noteShortOfMemory(size_t bytes)
 {
     const uint64_t count = g_short.fetch_add(1) + 1;
     const auto now = std::chrono::steady_clock::now();
-    std::lock_guard lock(g_logMutex);
-    if (g_logged && now - g_lastLine < kLogInterval)
-        return;
-    const uint64_t since = count - g_shortAtLastLine;
-    g_logged = true;
-    g_lastLine = now;
-    g_shortAtLastLine = count;
+    uint64_t since = 0;
+    {
+        std::lock_guard lock(g_logMutex);
+        if (g_logged && now - g_lastLine < kLogInterval)
+            return;
+        since = count - g_shortAtLastLine;
+        g_logged = true;
+        g_lastLine = now;
+        g_shortAtLastLine = count;
+    }
+    // Logged without the lock: the host's log takes its own.
     const auto n = static_cast<unsigned long long>(since);
     const char *plural = since == 1 ? "" : "s";
     if (bytes > 0) {

@@ -17,8 +17,8 @@ namespace kelp::rt {
 void noteShortOfMemory(size_t bytes);
 
 // A block of `bytes` for a data-store answer (malloc), or null. With
-// failAnswerBlocksForTesting(true) every block over `atLeast` bytes is
-// refused as if memory were short.
+// failAnswerBlocksForTesting(true) every block of `atLeast` bytes or more
+// is refused as if memory were short.
 void *answerBlock(size_t bytes);
 void failAnswerBlocksForTesting(bool fail, size_t atLeast = 0);
 
