@@ -11,6 +11,7 @@
 
 #include "datastore/identities.h"
 #include "datastore/model_store.h"
+#include "datastore/model_testing.h"
 #include "vscil.h"
 
 namespace {
@@ -59,14 +60,9 @@ class IdentitiesTest : public ::testing::Test {
         std::string error;
         ASSERT_TRUE(ds::loadModelText(text, "m.xml", &error)) << error;
     }
-    // A query's answer, or "<status N>" for null; the answer is released.
     template <typename Query> static std::string ask(Query query)
     {
-        uint32_t status = 99;
-        char *xml = query(&status);
-        std::string text = xml != nullptr ? xml : "<status " + std::to_string(status) + ">";
-        freeMem(xml);
-        return text;
+        return ds::testing::answerText(query);
     }
     static std::string list(const char *type)
     {

@@ -227,13 +227,7 @@ TEST_F(ModelStoreTest, ReadyOffMakesTheStoreAnswerANonZeroCode)
     freeMem(xml);
     ASSERT_TRUE(ds::setReady(true, &error)) << error;
     EXPECT_TRUE(ds::modelStatus().ready);
-    auto code = [] {
-        uint32_t answered = 99;
-        char *text = DataStoreReady(&answered);
-        std::string answer = text != nullptr ? text : "<status " + std::to_string(answered) + ">";
-        freeMem(text);
-        return answer;
-    };
+    auto code = [] { return ds::testing::answerText(DataStoreReady); };
     EXPECT_EQ(code(), "<DataStoreReady><Code>0</Code></DataStoreReady>");
     // The answer follows every model served: one loaded not ready, none.
     ASSERT_TRUE(ds::loadModelText("<storage ready='0'/>", "host", &error)) << error;

@@ -1,10 +1,27 @@
 // A small storage model shared by the data-store tests: two adapters, a
 // channel, an enclosure with disks and a fan, a disk on the channel itself,
 // a battery, a spanned virtual disk with a child, a partition and a tape.
+// And answerText, which reads a query's answer.
 #ifndef KELP_RUNTIME_DATASTORE_MODEL_TESTING_H
 #define KELP_RUNTIME_DATASTORE_MODEL_TESTING_H
 
+#include <cstdint>
+#include <string>
+
+#include "vscil.h"
+
 namespace kelp::ds::testing {
+
+// What query(&status) answers as text, or "<status N>" when it answers
+// null; the answer is released.
+template <typename Query> std::string answerText(Query query)
+{
+    uint32_t status = 99;
+    char *xml = query(&status);
+    std::string text = xml != nullptr ? xml : "<status " + std::to_string(status) + ">";
+    freeMem(xml);
+    return text;
+}
 
 inline constexpr char kTestModel[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 <storage ready="1" thermalShutdown="3" chassisServiceTag="7XYZ123"

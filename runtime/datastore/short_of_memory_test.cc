@@ -8,6 +8,7 @@
 #include <string>
 
 #include "datastore/model_store.h"
+#include "datastore/model_testing.h"
 #include "vscil.h"
 
 namespace {
@@ -33,14 +34,9 @@ class ShortOfMemoryTest : public ::testing::Test {
         kelp::rt::failAnswerBlocksForTesting(false);
         ds::resetForTesting();
     }
-    // The answer, or "<status N>" for null; the answer is released.
     template <typename Query> static std::string ask(Query query)
     {
-        uint32_t status = 99;
-        char *xml = query(&status);
-        std::string text = xml != nullptr ? xml : "<status " + std::to_string(status) + ">";
-        freeMem(xml);
-        return text;
+        return ds::testing::answerText(query);
     }
     static std::string list()
     {
