@@ -32,17 +32,7 @@ using ds::testing::plainList;
 using ds::testing::plainObjectAnswer;
 using ds::testing::plainOfType;
 
-// A query's answer as text, or "<status N>" when it answers null.
-template <typename Query> std::string text(Query query)
-{
-    uint32_t status = 99;
-    char *answer = query(&status);
-    if (answer == nullptr)
-        return "<status " + std::to_string(status) + ">";
-    std::string out = answer;
-    freeMem(answer);
-    return out;
-}
+using ds::testing::answerText;
 
 std::string readFile(const std::filesystem::path &path)
 {
@@ -113,40 +103,41 @@ void expectSameAnswers(const std::string &model, const std::string &what)
     ds::resetForTesting();
     ASSERT_TRUE(ds::loadModelText(model, what, &error)) << error;
 
-    EXPECT_EQ(text(DataStoreReady), std::string("<DataStoreReady><Code>") +
-                                        (ds::servedModel()->ready() ? "0" : "1") +
-                                        "</Code></DataStoreReady>");
+    EXPECT_EQ(answerText(DataStoreReady), std::string("<DataStoreReady><Code>") +
+                                              (ds::servedModel()->ready() ? "0" : "1") +
+                                              "</Code></DataStoreReady>");
     for (const auto &type : ds::kObjectTypes) {
         const std::string name(type.name);
         const std::vector<size_t> positions = plainOfType(data, name);
-        EXPECT_EQ(text([&](uint32_t *s) { return GetObjectList(s, name.c_str()); }),
+        EXPECT_EQ(answerText([&](uint32_t *s) { return GetObjectList(s, name.c_str()); }),
                   positions.empty() ? "<status 2>" : plainList(data, positions))
             << name;
     }
-    EXPECT_EQ(text([](uint32_t *s) { return GetObjectList(s, "nothing"); }), "<status 2>");
+    EXPECT_EQ(answerText([](uint32_t *s) { return GetObjectList(s, "nothing"); }), "<status 2>");
 
     uint32_t largest = 0;
     for (size_t pos = 0; pos < data.objects.size(); ++pos) {
         const ds::ObjectData &o = data.objects[pos];
         largest = std::max(largest, o.id);
-        EXPECT_EQ(text([&](uint32_t *s) { return GetSingleObject(s, 0, o.id); }),
+        EXPECT_EQ(answerText([&](uint32_t *s) { return GetSingleObject(s, 0, o.id); }),
                   plainObjectAnswer(o))
             << "object " << o.id;
         expectSameLookUps(o);
         for (const auto &kind : ds::kObjectTypes) {
             const std::string name(kind.name);
             const std::vector<size_t> related = plainAssociated(data, name, pos);
-            EXPECT_EQ(text([&](uint32_t *s) { return GetAssociated(s, name.c_str(), o.id); }),
+            EXPECT_EQ(answerText([&](uint32_t *s) { return GetAssociated(s, name.c_str(), o.id); }),
                       related.empty() ? "<status 2>" : plainList(data, related))
                 << "object " << o.id << ", " << name;
-            EXPECT_EQ(
-                text([&](uint32_t *s) { return GetAssociatedPhyDevCount(s, name.c_str(), o.id); }),
-                "<objectCount>" + std::to_string(related.size()) + "</objectCount>")
+            EXPECT_EQ(answerText([&](uint32_t *s) {
+                          return GetAssociatedPhyDevCount(s, name.c_str(), o.id);
+                      }),
+                      "<objectCount>" + std::to_string(related.size()) + "</objectCount>")
                 << "object " << o.id << ", " << name;
         }
     }
     if (largest < UINT32_MAX) {
-        EXPECT_EQ(text([&](uint32_t *s) { return GetSingleObject(s, 0, largest + 1); }),
+        EXPECT_EQ(answerText([&](uint32_t *s) { return GetSingleObject(s, 0, largest + 1); }),
                   "<status 2>");
     }
     // The model as a writer sees it is the data it was built from.

@@ -59,24 +59,12 @@ class ModelStoreTest : public ::testing::Test {
     // The object's answer from the data store, or "<status N>".
     static std::string object(uint32_t id)
     {
-        uint32_t status = 99;
-        char *xml = GetSingleObject(&status, 0, id);
-        if (xml == nullptr)
-            return "<status " + std::to_string(status) + ">";
-        std::string text = xml;
-        freeMem(xml);
-        return text;
+        return ds::testing::answerText([id](uint32_t *s) { return GetSingleObject(s, 0, id); });
     }
     // The list of a type from the data store, or "<status N>".
     static std::string list(const char *type)
     {
-        uint32_t status = 99;
-        char *xml = GetObjectList(&status, type);
-        if (xml == nullptr)
-            return "<status " + std::to_string(status) + ">";
-        std::string text = xml;
-        freeMem(xml);
-        return text;
+        return ds::testing::answerText([type](uint32_t *s) { return GetObjectList(s, type); });
     }
 
     std::string dir_;
