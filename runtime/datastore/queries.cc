@@ -5,10 +5,8 @@
 // The ids a list answer hands out are remembered with what they named; a
 // query about "this object" by an id that now names an object of another
 // type or nexus answers as for a missing one (identities.h).
-#include <malloc.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -22,6 +20,7 @@
 #include "datastore/model.h"
 #include "datastore/model_store.h"
 #include "datastore/written_answers.h"
+#include "support/answer_blocks.h"
 #include "support/short_of_memory.h"
 #include "vscil.h"
 #include "xmlsup/answer_index.h"
@@ -32,9 +31,6 @@ namespace {
 using kelp::ds::Model;
 
 enum : uint32_t { kOk = 0, kNotFound = 2, kFailure = 5 };
-
-// Answers of at least this size give their heap back when freed.
-constexpr size_t kTrimAfterFreeing = size_t{1} << 20;
 
 char *answerWith(uint32_t *status, uint32_t code)
 {
@@ -298,7 +294,8 @@ uint32_t GetSmartThermalShutdownStatus(void)
     }
 }
 
-// Answers are malloc blocks; null is ignored.
+// Answers are malloc blocks, given back to the thread's kept blocks
+// (support/answer_blocks.h); null is ignored.
 void freeMem(char *xml)
 {
     if (xml == nullptr)
@@ -308,13 +305,7 @@ void freeMem(char *xml)
     // address.
     kelp::rt::xml::forgetAnswer(xml);
     kelp::rt::xml::noteAnswerFreed();
-    // A list answer of a large model runs to megabytes; once it is gone the
-    // heap it leaves behind goes back to the system, or a table build would
-    // keep its peak for good.
-    const bool large = malloc_usable_size(xml) >= kTrimAfterFreeing;
-    std::free(xml);
-    if (large)
-        malloc_trim(0);
+    kelp::rt::giveBackAnswerBlock(xml);
 }
 
 } // extern "C"

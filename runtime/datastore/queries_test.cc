@@ -8,6 +8,7 @@
 
 #include "datastore/model_store.h"
 #include "datastore/model_testing.h"
+#include "support/answer_blocks.h"
 #include "vscil.h"
 #include "xmlsup.h"
 
@@ -145,6 +146,23 @@ TEST_F(QueriesTest, NullStatusIsAccepted)
     EXPECT_EQ(GetSingleObject(nullptr, 0, 999), nullptr);
     ds::unloadModel();
     EXPECT_EQ(DataStoreReady(nullptr), nullptr);
+}
+
+TEST_F(QueriesTest, AnAnswerIsMadeInTheBlockTheThreadFreedBefore)
+{
+    load();
+    uint32_t status = 99;
+    char *first = GetSingleObject(&status, 0, 1);
+    ASSERT_NE(first, nullptr);
+    const std::string text = first;
+    freeMem(first);
+    const size_t takenBefore = kelp::rt::answerBlocksTakenAgain();
+    char *second = GetSingleObject(&status, 0, 1);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second, first);
+    EXPECT_EQ(kelp::rt::answerBlocksTakenAgain(), takenBefore + 1);
+    EXPECT_EQ(second, text);
+    freeMem(second);
 }
 
 TEST_F(QueriesTest, FreeMemReleasesHeapBlocksAndIgnoresNull)

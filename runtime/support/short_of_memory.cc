@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "support/answer_blocks.h"
 #include "support/log.h"
 
 namespace kelp::rt {
@@ -58,7 +59,7 @@ void *answerBlock(size_t bytes)
 {
     if (g_failBlocks.load(std::memory_order_relaxed) && bytes >= g_failAtLeast.load())
         return nullptr;
-    return std::malloc(bytes);
+    return takeAnswerBlock(bytes);
 }
 
 void failAnswerBlocksForTesting(bool fail, size_t atLeast)

@@ -16,7 +16,7 @@ namespace kelp::rt {
 // then at most once a minute. Safe from any thread.
 void noteShortOfMemory(size_t bytes);
 
-// A block of `bytes` for a data-store answer (malloc), or null. With
+// A block of `bytes` for a data-store answer (takeAnswerBlock), or null. With
 // failAnswerBlocksForTesting(true) every block of `atLeast` bytes or more
 // is refused as if memory were short.
 void *answerBlock(size_t bytes);
