@@ -295,7 +295,7 @@ uint32_t GetSmartThermalShutdownStatus(void)
 }
 
 // Answers are malloc blocks, given back to the thread's kept blocks
-// (support/answer_blocks.h); null is ignored.
+// (support/answer_blocks.h) or kept by its flat answer; null is ignored.
 void freeMem(char *xml)
 {
     if (xml == nullptr)
@@ -305,7 +305,10 @@ void freeMem(char *xml)
     // address.
     kelp::rt::xml::forgetAnswer(xml);
     kelp::rt::xml::noteAnswerFreed();
-    kelp::rt::giveBackAnswerBlock(xml);
+    // The thread's last one-object answer is kept by its flat answer, which
+    // the plug-in's copy of it is compared with.
+    if (!kelp::rt::xml::keepFlatAnswerBlock(xml))
+        kelp::rt::giveBackAnswerBlock(xml);
 }
 
 } // extern "C"

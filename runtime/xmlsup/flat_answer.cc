@@ -1,26 +1,44 @@
-// The calling thread's flat answer: a copy of its text and its element table.
+// The calling thread's flat answer: its block, and its element table.
 #include "xmlsup/flat_answer.h"
+
+#include <sanitizer/asan_interface.h>
 
 #include <atomic>
 #include <cstring>
-#include <new>
-#include <string>
+
+#include "support/answer_blocks.h"
 
 namespace kelp::rt::xml {
 namespace {
 
 struct FlatAnswer {
     bool valid = false;
-    std::string text;
-    std::vector<FlatElement> elements;
-    // The block the answer was handed out in, and g_answersFreed then.
+    // The block the answer was handed out in, its length without the NUL,
+    // and g_answersFreed then.
     const char *block = nullptr;
+    size_t length = 0;
     uint64_t freedBefore = 0;
+    // The block once this thread freed it: kept as the answer's bytes, which
+    // copies are compared with, and out of bounds to everyone else. Null
+    // while the block is out, and when another thread freed it.
+    char *kept = nullptr;
+    std::vector<FlatElement> elements;
+
+    ~FlatAnswer() { releaseKept(); }
+
+    void releaseKept()
+    {
+        if (kept == nullptr)
+            return;
+        ASAN_UNPOISON_MEMORY_REGION(kept, length + 1);
+        giveBackAnswerBlock(kept);
+        kept = nullptr;
+    }
 };
 
 // Per thread: an answer is read by the thread that asked for it, and no
-// lock is taken on the way. The buffers keep their capacity from one
-// answer to the next.
+// lock is taken on the way. The table keeps its capacity from one answer
+// to the next.
 thread_local FlatAnswer t_flat;
 
 // Answers freed so far, by any thread.
@@ -59,21 +77,28 @@ bool isFlatName(std::string_view name)
 void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements)
 {
     FlatAnswer &flat = t_flat;
-    flat.valid = false;
-    try {
-        flat.text.assign(text, length);
-        flat.elements.swap(*elements);
-        flat.block = text;
-        flat.freedBefore = g_answersFreed.load(std::memory_order_acquire);
-        flat.valid = true;
-    } catch (const std::bad_alloc &) {
-        // Look-ups scan, as for any other text.
-    }
+    flat.releaseKept();
+    flat.elements.swap(*elements);
+    flat.block = text;
+    flat.length = length;
+    flat.freedBefore = g_answersFreed.load(std::memory_order_acquire);
+    flat.valid = true;
 }
 
 void forgetFlatAnswer()
 {
     t_flat.valid = false;
+    t_flat.releaseKept();
+}
+
+bool keepFlatAnswerBlock(char *block)
+{
+    FlatAnswer &flat = t_flat;
+    if (!flat.valid || block != flat.block || flat.kept != nullptr)
+        return false;
+    flat.kept = block;
+    ASAN_POISON_MEMORY_REGION(block, flat.length + 1);
+    return true;
 }
 
 void noteAnswerFreed()
@@ -85,15 +110,26 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
                                uint32_t occurrence)
 {
     const FlatAnswer &flat = t_flat;
-    if (!flat.valid || flat.text.size() != length || tag.empty()) {
+    if (!flat.valid || flat.length != length || tag.empty()) {
         return {};
     }
-    // The block handed out holds the remembered bytes for as long as no
-    // answer has been freed since; any other text is compared.
-    const bool handedOut =
-        xml == flat.block && flat.freedBefore == g_answersFreed.load(std::memory_order_acquire);
-    if (!handedOut && std::memcmp(xml, flat.text.data(), length) != 0) {
-        return {};
+    // The block handed out holds the answer's bytes for as long as no
+    // answer has been freed since: it is read without a compare, and any
+    // other text is compared with it. Once the thread freed it, texts are
+    // compared with the kept block; a block another thread freed may hold
+    // another answer by now, and every text is scanned.
+    const bool noneFreed = flat.freedBefore == g_answersFreed.load(std::memory_order_acquire);
+    if (!(noneFreed && xml == flat.block)) {
+        bool same = false;
+        if (flat.kept != nullptr) {
+            ASAN_UNPOISON_MEMORY_REGION(flat.kept, length);
+            same = std::memcmp(xml, flat.kept, length) == 0;
+            ASAN_POISON_MEMORY_REGION(flat.kept, length);
+        } else if (noneFreed) {
+            same = std::memcmp(xml, flat.block, length) == 0;
+        }
+        if (!same)
+            return {};
     }
     uint32_t seen = 0;
     bool named = false; // tag names an element of the text

@@ -7,12 +7,17 @@
 // for a flat tag finds exactly the elements of that name, in order, with
 // their content, so the table answers as findElement does. A look-up is
 // answered from the table only when the text it is handed has the same
-// bytes as the remembered one (compared whole), so a copy, a changed text
-// or a freed and reused block can never be answered from a stale table.
-// The one exception is the block the answer was handed out in, which its
-// holder reads and does not write: it is answered without the compare
-// until any answer is freed (noteAnswerFreed), as the answer index trusts
-// a live answer (answer_index.h).
+// bytes as the answer (compared whole), so a copy, a changed text or a
+// freed and reused block can never be answered from a stale table.
+//
+// The answer's bytes are those of the block it was handed out in, which
+// its holder reads and does not write: the block itself is read without
+// the compare, and copies are compared with it, until any answer is freed
+// (noteAnswerFreed), as the answer index trusts a live answer
+// (answer_index.h). When the thread frees the block, the flat answer keeps
+// it (keepFlatAnswerBlock) instead of a copy made for every answer, and
+// copies are compared with the kept block until the next answer; a block
+// freed by another thread is not kept, and look-ups scan.
 #ifndef KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 #define KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 
@@ -39,20 +44,26 @@ struct FlatElement {
 // '=', NUL).
 bool isFlatName(std::string_view name);
 
-// Remembers text[0..length) with *elements, its elements in order, as the
-// calling thread's flat answer, in place of the one before. The caller
+// Remembers the block text[0..length) with *elements, its elements in
+// order, as the calling thread's flat answer, in place of the one before
+// (whose kept block goes back, support/answer_blocks.h). The caller
 // vouches that the text is flat and that the elements are all of it. The
 // elements are taken by swapping: *elements holds the earlier answer's
-// afterwards, whose room the caller may reuse. Without memory for the copy
-// of the text the thread keeps no flat answer.
+// afterwards, whose room the caller may reuse.
 void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements);
 
 // Forgets the calling thread's flat answer (a model is replaced, a test).
 void forgetFlatAnswer();
 
-// Called by freeMem before an answer's memory is released: from then on
-// every thread compares a look-up of the block its flat answer was handed
-// out in, as the memory may hold another answer.
+// Called by freeMem for a block it frees, after noteAnswerFreed: true when
+// it is the calling thread's flat answer's block, which the flat answer
+// then owns (out of bounds to any reader under AddressSanitizer), false
+// when the caller frees it.
+bool keepFlatAnswerBlock(char *block);
+
+// Called by freeMem before an answer's memory is released: from then on no
+// thread trusts the block its flat answer was handed out in, as the memory
+// may hold another answer, unless the thread keeps it (keepFlatAnswerBlock).
 void noteAnswerFreed();
 
 // The occurrence-th `tag` of xml from the calling thread's flat answer's

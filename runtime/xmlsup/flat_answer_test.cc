@@ -5,11 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "support/answer_blocks.h"
 #include "xmlsup.h"
 #include "xmlsup/xml_scan.h"
 
@@ -126,21 +131,96 @@ TEST(FlatAnswerTest, TheBlockHandedOutIsNotComparedUntilAnAnswerIsFreed)
     std::string block = text; // the answer as handed out
     remember(block, table);
     // Its holder only reads it: a byte changed in it all the same is not
-    // looked at, while the same change in a copy is.
+    // looked at. A copy is compared with the block, and one that differs
+    // from it is scanned.
     const size_t at = block.find("<Name>") + 6;
     block[at] = block[at] == 'x' ? 'y' : 'x';
-    const std::string copy = block;
     EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    std::string copy = block;
+    EXPECT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    copy[at] = text[at];
     EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
-    // Once any answer is freed the block may hold another: it is compared.
+    // Once any answer is freed the block may hold another, whatever its
+    // bytes, unless this thread freed and kept it: the block and its copies
+    // are scanned.
     xml::noteAnswerFreed();
-    EXPECT_FALSE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
     block[at] = text[at];
-    EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    const std::string restored = block;
+    EXPECT_FALSE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    EXPECT_FALSE(xml::findInFlatAnswer(restored.data(), restored.size(), "Name", 0).indexed);
     // A later remembering trusts its own block again.
     remember(block, table);
     block[at] = block[at] == 'x' ? 'y' : 'x';
     EXPECT_TRUE(xml::findInFlatAnswer(block.data(), block.size(), "Name", 0).indexed);
+    xml::forgetFlatAnswer();
+}
+
+// A block as the data store hands it out, holding text and its NUL.
+char *answerBlockOf(const std::string &text)
+{
+    auto *block = static_cast<char *>(kelp::rt::takeAnswerBlock(text.size() + 1));
+    std::memcpy(block, text.c_str(), text.size() + 1);
+    return block;
+}
+
+TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
+{
+    const auto [text, table] = flatText(kElements);
+    char *block = answerBlockOf(text);
+    std::vector<xml::FlatElement> elements = table;
+    xml::rememberFlatAnswer(block, text.size(), &elements);
+    const std::string copy = text; // the plug-in's copy
+    // freeMem's steps.
+    xml::noteAnswerFreed();
+    ASSERT_TRUE(xml::keepFlatAnswerBlock(block));
+    EXPECT_FALSE(xml::keepFlatAnswerBlock(block)) << "kept once";
+
+    const xml::IndexedLookup lookup = xml::findInFlatAnswer(copy.data(), copy.size(), "Nexus", 0);
+    ASSERT_TRUE(lookup.indexed);
+    EXPECT_EQ(lookup.raw, std::optional<std::string_view>("0:1:2"));
+    EXPECT_EQ(lookup.raw->data(), copy.data() + copy.find("0:1:2")) << "a view into the copy";
+    std::string changed = copy;
+    changed[changed.size() / 2] ^= 1;
+    EXPECT_FALSE(xml::findInFlatAnswer(changed.data(), changed.size(), "Name", 0).indexed);
+    xml::noteAnswerFreed(); // more answers freed: the kept bytes are still the answer's
+    EXPECT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+
+    // Any other block is the caller's to free.
+    char *other = answerBlockOf(text);
+    EXPECT_FALSE(xml::keepFlatAnswerBlock(other));
+    std::free(other);
+
+    // The next answer gives the kept block back to the thread's blocks.
+    const size_t blocksBefore = kelp::rt::answerBlocksKept();
+    const auto [next, nextTable] = flatText({{"ObjID", "18"}, {"Name", "n"}});
+    remember(next, nextTable);
+    EXPECT_EQ(kelp::rt::answerBlocksKept(), blocksBefore + 1);
+    EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    xml::forgetFlatAnswer();
+}
+
+TEST(FlatAnswerTest, ABlockFreedByAnotherThreadIsNotKeptAndItsCopiesAreScanned)
+{
+    const auto [text, table] = flatText(kElements);
+    char *block = answerBlockOf(text);
+    std::vector<xml::FlatElement> elements = table;
+    xml::rememberFlatAnswer(block, text.size(), &elements);
+    const std::string copy = text;
+    ASSERT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    bool keptThere = true;
+    std::thread([&] {
+        xml::noteAnswerFreed();
+        keptThere = xml::keepFlatAnswerBlock(block);
+        kelp::rt::giveBackAnswerBlock(block); // that thread may hand it out again
+    }).join();
+    EXPECT_FALSE(keptThere);
+    EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    char out[160];
+    uint32_t size = sizeof out;
+    ASSERT_EQ(XMLSupGetXMLMemData(0, "Nexus", 1, 0, 1, &size, out, 0, nullptr, copy.data(),
+                                  static_cast<uint32_t>(copy.size())),
+              0u);
+    EXPECT_STREQ(out, "0:1:2");
     xml::forgetFlatAnswer();
 }
 
