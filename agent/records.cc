@@ -2,7 +2,6 @@
 #include "records.h"
 
 #include <limits>
-#include <utility>
 
 #include "vcsupt.h"
 
@@ -10,23 +9,25 @@ namespace kelp::agent {
 
 std::optional<RequestRecord> RequestRecord::fromName(std::span<const uint64_t> name)
 {
-    std::vector<uint32_t> arcs;
-    arcs.reserve(name.size());
+    if (name.size() > PluginName::kCapacity) {
+        return std::nullopt;
+    }
     for (const uint64_t arc : name) {
         if (arc > std::numeric_limits<uint32_t>::max()) {
             return std::nullopt;
         }
-        arcs.push_back(static_cast<uint32_t>(arc));
     }
-    return RequestRecord(std::move(arcs));
+    PluginName arcs;
+    arcs.assign(name);
+    return RequestRecord(arcs);
 }
 
-RequestRecord::RequestRecord(std::vector<uint32_t> arcs) : arcs_(std::move(arcs))
+RequestRecord::RequestRecord(const PluginName &arcs) : arcs_(arcs)
 {
     pointAtArcs();
 }
 
-RequestRecord::RequestRecord(RequestRecord &&other) noexcept : arcs_(std::move(other.arcs_))
+RequestRecord::RequestRecord(RequestRecord &&other) noexcept : arcs_(other.arcs_)
 {
     pointAtArcs();
     other.pointAtArcs();
@@ -34,7 +35,7 @@ RequestRecord::RequestRecord(RequestRecord &&other) noexcept : arcs_(std::move(o
 
 RequestRecord &RequestRecord::operator=(RequestRecord &&other) noexcept
 {
-    arcs_ = std::move(other.arcs_);
+    arcs_ = other.arcs_;
     pointAtArcs();
     other.pointAtArcs();
     return *this;

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <vector>
 
+#include "fixed_name.h"
 #include "platform/smsnmp.h"
 #include "value.h"
 
@@ -18,22 +18,22 @@ namespace kelp::agent {
 // A request record naming one object. The arcs are the record's own.
 class RequestRecord {
   public:
-    // nullopt when an arc does not fit the record's 32 bits: such a name
-    // cannot be in the plug-in's tree.
+    // nullopt when an arc does not fit the record's 32 bits, or the name is
+    // longer than a PluginName: such a name cannot be in the plug-in's tree.
     static std::optional<RequestRecord> fromName(std::span<const uint64_t> name);
-    explicit RequestRecord(std::vector<uint32_t> arcs);
+    explicit RequestRecord(const PluginName &arcs);
     RequestRecord(RequestRecord &&other) noexcept;
     RequestRecord &operator=(RequestRecord &&other) noexcept;
     RequestRecord(const RequestRecord &) = delete;
     RequestRecord &operator=(const RequestRecord &) = delete;
 
     SMSnmpValue *record() { return &record_; }
-    std::span<const uint32_t> name() const { return arcs_; }
+    std::span<const uint32_t> name() const { return arcs_.span(); }
 
   private:
     void pointAtArcs();
 
-    std::vector<uint32_t> arcs_;
+    PluginName arcs_;
     SMSnmpValue record_{};
 };
 
@@ -42,7 +42,7 @@ class RequestRecord {
 // answered). Neither copyable nor movable: the record points into itself.
 class ReplyRecord {
   public:
-    static constexpr uint32_t kNameArcs = 128;
+    static constexpr uint32_t kNameArcs = PluginName::kCapacity;
     static constexpr uint32_t kValueBytes = 1024;
     // What is read at most from a value buffer the plug-in supplied: it
     // promises at least kValueBytes, and no value of the MIB is longer.

@@ -54,9 +54,6 @@ Answer outcomeOnly(Outcome outcome)
     return answer;
 }
 
-// root.G.T.1.C.R
-constexpr size_t kCellLength = kMibRootLength + 5;
-
 bool failed(Outcome outcome)
 {
     return outcome == Outcome::kGenErr || outcome == Outcome::kLockTimeOut;
@@ -95,7 +92,7 @@ Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
     switch (reply.readValue(&answer.value)) {
     case ValueRead::kValue:
         answer.outcome = Outcome::kValue;
-        answer.name.assign(name.begin(), name.end());
+        answer.name.assign(name); // an instance's name, which fits
         return answer;
     case ValueRead::kEmpty:
         return outcomeOnly(Outcome::kNoSuchInstance);
@@ -122,11 +119,11 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             return answerGetNext(dispatch, before, false);
         }
     }
-    std::optional<std::vector<uint32_t>> cursor = cursorAfter(name);
+    std::optional<PluginName> cursor = cursorAfter(name);
     // Every step asks from a name strictly after the previous one, so the
     // walk ends even when the plug-in keeps answering names without values.
     for (int step = 0; cursor && step < kMaxGetNextSteps; step++) {
-        RequestRecord request(std::move(*cursor));
+        RequestRecord request(*cursor);
         ReplyRecord reply;
         const Outcome outcome = resultRow(call(dispatch, SM_CMD_GETNEXT, request, reply)).getNext;
         if (failed(outcome)) {
@@ -148,13 +145,14 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             return outcomeOnly(Outcome::kGenErr);
         }
         if (read == ValueRead::kValue && compareNames(*next, name) > 0) {
-            answer.name.assign(next->begin(), next->end());
-            if (classifyName(answer.name) == NameKind::kInstance) {
+            // A name too long for an instance's is none.
+            if (answer.name.assign(*next) &&
+                classifyName(answer.name.span()) == NameKind::kInstance) {
                 answer.outcome = Outcome::kValue;
                 return answer;
             }
         }
-        cursor.emplace(next->begin(), next->end());
+        cursor.emplace().assign(*next); // the reply's name fits a PluginName
     }
     return outcomeOnly(cursor ? Outcome::kGenErr : Outcome::kEndOfSubtree);
 }
@@ -171,11 +169,10 @@ std::vector<Answer> answerRepetitions(const Dispatch &dispatch, std::span<const 
         // until this one is added: the room is reserved.
         Answer &answer = answers.emplace_back(answerGetNext(dispatch, from, inclusive));
         if (answer.outcome != Outcome::kValue ||
-            (!rangeEnd.empty() &&
-             compareNames(std::span<const uint64_t>(answer.name), rangeEnd) >= 0)) {
+            (!rangeEnd.empty() && compareNames(answer.name.span(), rangeEnd) >= 0)) {
             break;
         }
-        from = answer.name;
+        from = answer.name.span();
         inclusive = false;
     }
     return answers;

@@ -40,7 +40,8 @@ enum class Outcome {
 
 struct Answer {
     Outcome outcome = Outcome::kGenErr;
-    std::vector<uint64_t> name; // the name answered (Get: the name asked)
+    // The name answered (Get: the name asked), always an instance's.
+    FixedName<uint64_t, kCellLength> name;
     Value value;
 };
 

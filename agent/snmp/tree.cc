@@ -18,16 +18,16 @@ namespace {
 constexpr uint64_t kLargestArc = std::numeric_limits<uint32_t>::max();
 constexpr uint32_t kEntryArc = 1;
 
-std::vector<uint32_t> rootPlus(std::initializer_list<uint32_t> arcs)
+// The root and at most five arcs: always within a PluginName.
+PluginName rootPlus(std::initializer_list<uint32_t> arcs)
 {
-    std::vector<uint32_t> name;
-    name.reserve(kMibRootLength + arcs.size());
-    name.assign(std::begin(kMibRoot), std::end(kMibRoot));
-    name.insert(name.end(), arcs);
+    PluginName name;
+    name.assign(std::span<const uint32_t>(kMibRoot));
+    name.append(arcs);
     return name;
 }
 
-std::vector<uint32_t> tableRoot(const ServedTable &table)
+PluginName tableRoot(const ServedTable &table)
 {
     return rootPlus({table.group, table.table});
 }
@@ -85,7 +85,7 @@ size_t tablePosition(uint64_t group, uint64_t table)
     return group == 140 ? kTablesOf140[table] : kNoTable;
 }
 
-std::optional<std::vector<uint32_t>> afterTable(size_t index)
+std::optional<PluginName> afterTable(size_t index)
 {
     if (index + 1 >= tableCount()) {
         return std::nullopt;
@@ -96,7 +96,7 @@ std::optional<std::vector<uint32_t>> afterTable(size_t index)
 // The first instance after every row of column c: the next column, or for
 // a column the plug-in does not start from, the last row of its last start
 // column (the caller passes over what lies before the request).
-std::optional<std::vector<uint32_t>> afterColumn(size_t index, uint32_t column)
+std::optional<PluginName> afterColumn(size_t index, uint32_t column)
 {
     const ServedTable &table = kServedTables[index];
     if (column >= table.columns) {
@@ -110,7 +110,7 @@ std::optional<std::vector<uint32_t>> afterColumn(size_t index, uint32_t column)
 }
 
 // `rest` is what follows root.G.T in a name inside table `index`.
-std::optional<std::vector<uint32_t>> cursorInTable(size_t index, std::span<const uint64_t> rest)
+std::optional<PluginName> cursorInTable(size_t index, std::span<const uint64_t> rest)
 {
     const ServedTable &table = kServedTables[index];
     if (rest.empty() || rest[0] == 0) {
@@ -174,7 +174,7 @@ NameKind classifyName(std::span<const uint64_t> name)
     return NameKind::kNoObject;
 }
 
-std::optional<std::vector<uint32_t>> cursorAfter(std::span<const uint64_t> name)
+std::optional<PluginName> cursorAfter(std::span<const uint64_t> name)
 {
     const std::span<const uint32_t> root(kMibRoot);
     if (!underRoot(name)) {
@@ -197,9 +197,9 @@ std::optional<std::vector<uint32_t>> cursorAfter(std::span<const uint64_t> name)
             }
             atOrBefore = &scalar;
         }
-        std::vector<uint32_t> cursor = rootPlus({});
+        PluginName cursor = rootPlus({});
         if (atOrBefore != nullptr) {
-            cursor.insert(cursor.end(), atOrBefore->arcs, atOrBefore->arcs + atOrBefore->count);
+            cursor.append(scalarArcs(*atOrBefore));
         }
         return cursor;
     }
@@ -219,11 +219,11 @@ std::optional<std::vector<uint32_t>> cursorAfter(std::span<const uint64_t> name)
     return std::nullopt;
 }
 
-std::optional<std::vector<uint32_t>> nextTableRoot(std::span<const uint32_t> name)
+std::optional<PluginName> nextTableRoot(std::span<const uint32_t> name)
 {
     for (const ServedTable &table : kServedTables) {
-        std::vector<uint32_t> root = tableRoot(table);
-        if (compareNames(std::span<const uint32_t>(root), name) > 0) {
+        PluginName root = tableRoot(table);
+        if (compareNames(root.span(), name) > 0) {
             return root;
         }
     }

@@ -9,13 +9,16 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <vector>
+
+#include "fixed_name.h"
 
 namespace kelp::agent {
 
 // The tree the plug-in serves, registered as one subtree.
 inline constexpr uint32_t kMibRoot[] = {1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20};
 inline constexpr size_t kMibRootLength = std::size(kMibRoot);
+// root.G.T.1.C.R: the longest name of an instance.
+inline constexpr size_t kCellLength = kMibRootLength + 5;
 
 // A table: its objects are root.group.table.1.column.row.
 struct ServedTable {
@@ -69,12 +72,12 @@ bool insideRoot(std::span<const uint32_t> name);
 // start from, an instance of that table at or before it: the caller asks
 // on from there). nullopt when no served instance sorts after `name`.
 // Arcs above 2^32-1 are taken as the names they sort among.
-std::optional<std::vector<uint32_t>> cursorAfter(std::span<const uint64_t> name);
+std::optional<PluginName> cursorAfter(std::span<const uint64_t> name);
 
 // Where to go on when the plug-in has nothing after `name` (a name inside
 // the root): the first table root that sorts after it, or nullopt after
 // the last table.
-std::optional<std::vector<uint32_t>> nextTableRoot(std::span<const uint32_t> name);
+std::optional<PluginName> nextTableRoot(std::span<const uint32_t> name);
 
 } // namespace kelp::agent
 

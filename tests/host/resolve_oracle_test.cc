@@ -54,7 +54,7 @@ bool sameValue(const Value &a, const Value &b)
     return a.type == b.type && a.integer == b.integer && a.bytes == b.bytes && a.arcs == b.arcs;
 }
 
-std::string text(const Name &name)
+std::string text(std::span<const uint64_t> name)
 {
     std::string out;
     for (uint64_t arc : name) {
@@ -151,7 +151,9 @@ class ResolveOracle : public ::testing::Test {
         const Name root = below({});
         std::vector<uint32_t> from(root.begin(), root.end());
         for (;;) {
-            RequestRecord request(from);
+            PluginName fromName;
+            fromName.assign(std::span<const uint32_t>(from));
+            RequestRecord request(fromName);
             ReplyRecord reply;
             uint32_t used = 0;
             const uint32_t status =
