@@ -304,10 +304,11 @@ void freeMem(char *xml)
     // the memory is free, a new answer may be handed out at the same
     // address.
     kelp::rt::xml::forgetAnswer(xml);
-    kelp::rt::xml::noteAnswerFreed();
     // The thread's last one-object answer is kept by its flat answer, which
     // the plug-in's copy of it is compared with.
-    if (!kelp::rt::xml::keepFlatAnswerBlock(xml))
+    const bool kept = kelp::rt::xml::keepFlatAnswerBlock(xml);
+    kelp::rt::xml::noteAnswerFreed();
+    if (!kept)
         kelp::rt::giveBackAnswerBlock(xml);
 }
 

@@ -94,8 +94,13 @@ void forgetFlatAnswer()
 bool keepFlatAnswerBlock(char *block)
 {
     FlatAnswer &flat = t_flat;
-    if (!flat.valid || block != flat.block || flat.kept != nullptr)
+    // Once any answer was freed, the block this thread is handed to free
+    // may be another answer's at the same address: its own was freed by
+    // another thread and handed out again.
+    if (!flat.valid || block != flat.block || flat.kept != nullptr ||
+        flat.freedBefore != g_answersFreed.load(std::memory_order_acquire)) {
         return false;
+    }
     flat.kept = block;
     ASAN_POISON_MEMORY_REGION(block, flat.length + 1);
     return true;

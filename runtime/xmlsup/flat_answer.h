@@ -14,10 +14,10 @@
 // its holder reads and does not write: the block itself is read without
 // the compare, and copies are compared with it, until any answer is freed
 // (noteAnswerFreed), as the answer index trusts a live answer
-// (answer_index.h). When the thread frees the block, the flat answer keeps
-// it (keepFlatAnswerBlock) instead of a copy made for every answer, and
-// copies are compared with the kept block until the next answer; a block
-// freed by another thread is not kept, and look-ups scan.
+// (answer_index.h). When the thread frees the block before any other
+// answer is freed, the flat answer keeps it (keepFlatAnswerBlock) instead
+// of a copy made for every answer, and copies are compared with the kept
+// block until the next answer; otherwise look-ups of copies scan.
 #ifndef KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 #define KELP_RUNTIME_XMLSUP_FLAT_ANSWER_H
 
@@ -55,10 +55,10 @@ void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement
 // Forgets the calling thread's flat answer (a model is replaced, a test).
 void forgetFlatAnswer();
 
-// Called by freeMem for a block it frees, after noteAnswerFreed: true when
-// it is the calling thread's flat answer's block, which the flat answer
-// then owns (out of bounds to any reader under AddressSanitizer), false
-// when the caller frees it.
+// Called by freeMem for a block it frees, before noteAnswerFreed: true when
+// it is the calling thread's flat answer's block and no answer was freed
+// since it was handed out, and the flat answer then owns it (out of bounds
+// to any reader under AddressSanitizer); false when the caller frees it.
 bool keepFlatAnswerBlock(char *block);
 
 // Called by freeMem before an answer's memory is released: from then on no

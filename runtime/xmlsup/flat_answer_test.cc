@@ -171,8 +171,8 @@ TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
     xml::rememberFlatAnswer(block, text.size(), &elements);
     const std::string copy = text; // the plug-in's copy
     // freeMem's steps.
-    xml::noteAnswerFreed();
     ASSERT_TRUE(xml::keepFlatAnswerBlock(block));
+    xml::noteAnswerFreed();
     EXPECT_FALSE(xml::keepFlatAnswerBlock(block)) << "kept once";
 
     const xml::IndexedLookup lookup = xml::findInFlatAnswer(copy.data(), copy.size(), "Nexus", 0);
@@ -199,6 +199,24 @@ TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
     xml::forgetFlatAnswer();
 }
 
+// Once another answer was freed, the block handed out may have been freed
+// by another thread and handed out again as another answer, possibly a
+// shorter one: a block at the same address is not kept.
+TEST(FlatAnswerTest, ABlockFreedAfterAnotherAnswerIsNotKept)
+{
+    const auto [text, table] = flatText(kElements);
+    char *block = answerBlockOf(text);
+    std::vector<xml::FlatElement> elements = table;
+    xml::rememberFlatAnswer(block, text.size(), &elements);
+    xml::noteAnswerFreed(); // another answer, by any thread
+    EXPECT_FALSE(xml::keepFlatAnswerBlock(block));
+    xml::noteAnswerFreed();
+    kelp::rt::giveBackAnswerBlock(block);
+    const std::string copy = text;
+    EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+    xml::forgetFlatAnswer();
+}
+
 TEST(FlatAnswerTest, ABlockFreedByAnotherThreadIsNotKeptAndItsCopiesAreScanned)
 {
     const auto [text, table] = flatText(kElements);
@@ -209,8 +227,8 @@ TEST(FlatAnswerTest, ABlockFreedByAnotherThreadIsNotKeptAndItsCopiesAreScanned)
     ASSERT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
     bool keptThere = true;
     std::thread([&] {
-        xml::noteAnswerFreed();
         keptThere = xml::keepFlatAnswerBlock(block);
+        xml::noteAnswerFreed();
         kelp::rt::giveBackAnswerBlock(block); // that thread may hand it out again
     }).join();
     EXPECT_FALSE(keptThere);
