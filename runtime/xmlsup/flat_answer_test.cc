@@ -163,13 +163,24 @@ char *answerBlockOf(const std::string &text)
     return block;
 }
 
-TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
+// kElements's text handed out in a block and remembered with its table.
+char *rememberedBlock()
 {
     const auto [text, table] = flatText(kElements);
     char *block = answerBlockOf(text);
     std::vector<xml::FlatElement> elements = table;
     xml::rememberFlatAnswer(block, text.size(), &elements);
-    const std::string copy = text; // the plug-in's copy
+    return block;
+}
+
+TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
+{
+    char *block = rememberedBlock();
+    const std::string copy = block; // the plug-in's copy
+    // Any other block is the caller's to free.
+    char *other = answerBlockOf(copy);
+    EXPECT_FALSE(xml::keepFlatAnswerBlock(other));
+    std::free(other);
     // freeMem's steps.
     ASSERT_TRUE(xml::keepFlatAnswerBlock(block));
     xml::noteAnswerFreed();
@@ -185,11 +196,6 @@ TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
     xml::noteAnswerFreed(); // more answers freed: the kept bytes are still the answer's
     EXPECT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
 
-    // Any other block is the caller's to free.
-    char *other = answerBlockOf(text);
-    EXPECT_FALSE(xml::keepFlatAnswerBlock(other));
-    std::free(other);
-
     // The next answer gives the kept block back to the thread's blocks.
     const size_t blocksBefore = kelp::rt::answerBlocksKept();
     const auto [next, nextTable] = flatText({{"ObjID", "18"}, {"Name", "n"}});
@@ -204,26 +210,20 @@ TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
 // shorter one: a block at the same address is not kept.
 TEST(FlatAnswerTest, ABlockFreedAfterAnotherAnswerIsNotKept)
 {
-    const auto [text, table] = flatText(kElements);
-    char *block = answerBlockOf(text);
-    std::vector<xml::FlatElement> elements = table;
-    xml::rememberFlatAnswer(block, text.size(), &elements);
+    char *block = rememberedBlock();
+    const std::string copy = block;
     xml::noteAnswerFreed(); // another answer, by any thread
     EXPECT_FALSE(xml::keepFlatAnswerBlock(block));
     xml::noteAnswerFreed();
     kelp::rt::giveBackAnswerBlock(block);
-    const std::string copy = text;
     EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
     xml::forgetFlatAnswer();
 }
 
 TEST(FlatAnswerTest, ABlockFreedByAnotherThreadIsNotKeptAndItsCopiesAreScanned)
 {
-    const auto [text, table] = flatText(kElements);
-    char *block = answerBlockOf(text);
-    std::vector<xml::FlatElement> elements = table;
-    xml::rememberFlatAnswer(block, text.size(), &elements);
-    const std::string copy = text;
+    char *block = rememberedBlock();
+    const std::string copy = block;
     ASSERT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
     bool keptThere = true;
     std::thread([&] {
