@@ -21,14 +21,15 @@ constexpr size_t kLargestKeptAnswerBlock = 16 * 1024;
 // holds them, else a new one (malloc); null when memory is short.
 void *takeAnswerBlock(size_t bytes);
 
+// A freed block of at least this size gives the heap it leaves behind back
+// to the system (a list answer of a large model runs to megabytes).
+constexpr size_t kTrimAfterFreeing = size_t{1} << 20;
+
 // Gives `block` back (null is ignored): the calling thread keeps it when it
 // is no larger than kLargestKeptAnswerBlock and the thread keeps fewer than
 // kKeptAnswerBlocks, and frees it otherwise. A kept block is out of bounds
 // to every reader until it is handed out again (poisoned under
-// AddressSanitizer). A thread's blocks are freed when it ends. A block of
-// kTrimAfterFreeing or more gives the heap it leaves behind back to the
-// system.
-constexpr size_t kTrimAfterFreeing = size_t{1} << 20;
+// AddressSanitizer). A thread's blocks are freed when it ends.
 void giveBackAnswerBlock(void *block);
 
 // For tests: the blocks the calling thread keeps, and how many of its
