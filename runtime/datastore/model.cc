@@ -479,6 +479,22 @@ bool Model::indexAll(std::string *error)
         if (o.hasNexus)
             byNexus_[o.type].emplace(value(o.nexus), static_cast<uint32_t>(pos));
     }
+    // Each name's last object, by position + 1: an object that meets its
+    // own position there names an attribute twice.
+    distinctNames_ = true;
+    std::vector<uint32_t> seenIn(names_.size(), 0);
+    for (size_t pos = 0; pos < n && distinctNames_; ++pos) {
+        const Object &o = objects_[pos];
+        const auto stamp = static_cast<uint32_t>(pos + 1);
+        for (size_t i = 0; i < o.count; ++i) {
+            uint32_t &seen = seenIn[attributes_[o.first + i].name];
+            if (seen == stamp) {
+                distinctNames_ = false;
+                break;
+            }
+            seen = stamp;
+        }
+    }
 
     parent_.assign(n, kNone);
     children_.assign(n, {});

@@ -225,6 +225,9 @@ class Model {
     // True when every attribute name is a flat name (rt::xml::isFlatName):
     // values are written escaped, so every answer is then a flat text.
     bool hasFlatNames() const { return flatNames_; }
+    // True when no object names an attribute twice: each element name of an
+    // answer is then that of one element.
+    bool hasDistinctNames() const { return distinctNames_; }
     std::string answer(size_t pos) const;
     // Positions of the objects of a type, in file order; empty for an unknown type.
     const std::vector<size_t> &ofType(std::string_view type) const;
@@ -308,7 +311,8 @@ class Model {
     };
     std::string tagText_;
     std::vector<Tag> tags_;
-    bool flatNames_ = false; // hasFlatNames()
+    bool flatNames_ = false;     // hasFlatNames()
+    bool distinctNames_ = false; // hasDistinctNames()
     // value id -> whether its text holds a character that an answer writes
     // as an entity; the others are copied into answers as they stand.
     std::vector<bool> escapes_;

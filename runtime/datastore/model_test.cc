@@ -159,6 +159,37 @@ TEST(ModelTest, RepeatedAttributesAndLinksAreKept)
     EXPECT_EQ(associated(*m, "vdisks", 1), (std::vector<uint32_t>{2}));
 }
 
+// Names that two objects share, or that objects list in other orders,
+// are distinct; one object naming an attribute twice is not, wherever it
+// stands in the model.
+TEST(ModelTest, ItKnowsWhetherAnyObjectNamesAnAttributeTwice)
+{
+    const std::string first = "<object id='1' type='adapters'><A>1</A><B>2</B></object>";
+    const std::string second = "<object id='2' type='fans'><B>3</B><A>4</A></object>";
+    const std::string twice = "<object id='3' type='fans'><A>5</A><B>6</B><A>7</A></object>";
+    const std::string none = "<object id='4' type='vdisks'/>";
+    const struct {
+        std::string objects;
+        bool distinct;
+    } cases[] = {
+        {"", true},
+        {first + second + none, true},
+        {twice + first + second, false},
+        {first + twice + second, false},
+        {first + second + twice, false},
+    };
+    for (const auto &c : cases) {
+        std::string error;
+        auto m = build("<storage>" + c.objects + "</storage>", &error);
+        ASSERT_NE(m, nullptr) << error;
+        EXPECT_EQ(m->hasDistinctNames(), c.distinct) << c.objects;
+    }
+    std::string error;
+    auto sample = build(kelp::ds::testing::kTestModel, &error);
+    ASSERT_NE(sample, nullptr) << error;
+    EXPECT_TRUE(sample->hasDistinctNames());
+}
+
 struct BadCase {
     const char *name;
     std::string body; // inside <storage ...> on line 1; the body starts on line 2

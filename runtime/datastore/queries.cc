@@ -120,7 +120,7 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
         });
     }
     if (block != nullptr && listed)
-        kelp::rt::xml::rememberFlatAnswer(block, size, &t_elements);
+        kelp::rt::xml::rememberFlatAnswer(block, size, &t_elements, m.hasDistinctNames());
     else
         kelp::rt::xml::forgetFlatAnswer();
     return block;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "datastore/model_store.h"
 #include "datastore/model_testing.h"
@@ -170,6 +171,57 @@ TEST_F(QueriesTest, AnAnswerIsMadeInABlockTheThreadFreedBefore)
     }
     EXPECT_EQ(kelp::rt::answerBlocksTakenAgain(), takenBefore + 4);
     EXPECT_EQ(blocks.size(), 2u) << "the kept one and the one before it, in turns";
+}
+
+// The plug-in reads attribute after attribute of object after object from
+// its copy of each answer; objects that list their attributes in other
+// orders, or name one twice, answer every read as their own text does.
+TEST_F(QueriesTest, EachObjectsAttributesAreReadWhereverItListsThem)
+{
+    const std::string distinct = "<storage ready='1'>"
+                                 "<object id='1' type='adapters'><Nexus>0</Nexus>"
+                                 "<A>a1</A><B>b1</B><C>c1</C></object>"
+                                 "<object id='2' type='adapters'><Nexus>1</Nexus>"
+                                 "<C>c2</C><A>a2</A></object>"
+                                 "<object id='3' type='adapters'><B>b3</B><Nexus>2</Nexus>"
+                                 "<A>a3</A><C>c3</C><D>d3</D></object>";
+    const std::string repeated = "<object id='4' type='adapters'><Nexus>3</Nexus>"
+                                 "<A>a4</A><B>b4</B><B>b4-second</B></object>";
+    struct Case {
+        std::string model;
+        std::vector<uint32_t> ids;
+        // for each of ids in turn: the values of A, B, B's second, C, D, Nexus
+        std::vector<std::vector<std::string>> values;
+    };
+    const Case cases[] = {
+        {distinct + "</storage>",
+         {1, 2, 3},
+         {{"a1", "b1", "-", "c1", "-", "0"},
+          {"a2", "-", "-", "c2", "-", "1"},
+          {"a3", "b3", "-", "c3", "d3", "2"}}},
+        {distinct + repeated + "</storage>",
+         {1, 4, 2, 3},
+         {{"a1", "b1", "-", "c1", "-", "0"},
+          {"a4", "b4", "b4-second", "-", "-", "3"},
+          {"a2", "-", "-", "c2", "-", "1"},
+          {"a3", "b3", "-", "c3", "d3", "2"}}},
+    };
+    for (const Case &c : cases) {
+        std::string error;
+        ASSERT_TRUE(ds::loadModelText(c.model, "test.xml", &error)) << error;
+        for (int round = 0; round < 3; ++round) {
+            for (size_t i = 0; i < c.ids.size(); ++i) {
+                const uint32_t id = c.ids[i];
+                SCOPED_TRACE("object " + std::to_string(id) + ", round " + std::to_string(round));
+                const std::string text =
+                    ask([id](uint32_t *s) { return GetSingleObject(s, 0, id); });
+                const std::vector<std::string> read = {
+                    value(text, "A", 0), value(text, "B", 0), value(text, "B", 1),
+                    value(text, "C", 0), value(text, "D", 0), value(text, "Nexus", 0)};
+                EXPECT_EQ(read, c.values[i]);
+            }
+        }
+    }
 }
 
 TEST_F(QueriesTest, FreeMemReleasesHeapBlocksAndIgnoresNull)

@@ -3,6 +3,7 @@
 
 #include <sanitizer/asan_interface.h>
 
+#include <array>
 #include <atomic>
 #include <cstring>
 
@@ -23,6 +24,10 @@ struct FlatAnswer {
     // while the block is out, and when another thread freed it.
     char *kept = nullptr;
     std::vector<FlatElement> elements;
+    bool distinctNames = false;
+    // Where a tag was last found, by a hash of the tag (hintSlot); tried
+    // first in an answer of distinct names, and kept across answers.
+    std::array<uint32_t, 32> hints{};
 
     ~FlatAnswer() { releaseKept(); }
 
@@ -43,6 +48,21 @@ thread_local FlatAnswer t_flat;
 
 // Answers freed so far, by any thread.
 std::atomic<uint64_t> g_answersFreed{0};
+
+// A tag's place in FlatAnswer::hints: any two tags may share one, since a
+// hint is checked before it is used.
+size_t hintSlot(std::string_view tag)
+{
+    return (tag.size() * 7 + static_cast<unsigned char>(tag.back())) % 32;
+}
+
+// Whether element e of xml is named tag.
+bool named(const char *xml, const FlatElement &e, std::string_view tag)
+{
+    // Most names differ in length or in their first letter.
+    return e.nameSize == tag.size() && xml[e.nameStart] == tag.front() &&
+           std::memcmp(xml + e.nameStart, tag.data(), tag.size()) == 0;
+}
 
 } // namespace
 
@@ -74,11 +94,13 @@ bool isFlatName(std::string_view name)
     return true;
 }
 
-void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements)
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements,
+                        bool distinctNames)
 {
     FlatAnswer &flat = t_flat;
     flat.releaseKept();
     flat.elements.swap(*elements);
+    flat.distinctNames = distinctNames;
     flat.block = text;
     flat.length = length;
     flat.freedBefore = g_answersFreed.load(std::memory_order_acquire);
@@ -114,7 +136,7 @@ void noteAnswerFreed()
 IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view tag,
                                uint32_t occurrence)
 {
-    const FlatAnswer &flat = t_flat;
+    FlatAnswer &flat = t_flat;
     if (!flat.valid || flat.length != length || tag.empty()) {
         return {};
     }
@@ -136,28 +158,35 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
         if (!same)
             return {};
     }
+    const auto found = [xml](const FlatElement &e) {
+        IndexedLookup result;
+        result.indexed = true;
+        result.raw = std::string_view(xml + e.contentStart, e.contentSize);
+        return result;
+    };
+    // With distinct names, the one element of the tag's name is its first.
+    uint32_t &hint = flat.hints[hintSlot(tag)];
+    const bool hinted = flat.distinctNames && occurrence == 0;
+    if (hinted && hint < flat.elements.size() && named(xml, flat.elements[hint], tag))
+        return found(flat.elements[hint]);
     uint32_t seen = 0;
-    bool named = false; // tag names an element of the text
-    const char first = tag.front();
-    for (const FlatElement &e : flat.elements) {
-        // Most names differ in length or in their first letter.
-        if (e.nameSize != tag.size() || xml[e.nameStart] != first ||
-            std::memcmp(xml + e.nameStart, tag.data(), tag.size()) != 0) {
+    bool anyNamed = false; // tag names an element of the text
+    for (size_t i = 0; i < flat.elements.size(); ++i) {
+        const FlatElement &e = flat.elements[i];
+        if (!named(xml, e, tag))
             continue;
-        }
-        named = true;
+        anyNamed = true;
         if (seen++ == occurrence) {
-            IndexedLookup result;
-            result.indexed = true;
-            result.raw = std::string_view(xml + e.contentStart, e.contentSize);
-            return result;
+            if (hinted)
+                hint = static_cast<uint32_t>(i);
+            return found(e);
         }
     }
     // A tag that names an element is flat, as every name in the table is.
     // Any other tag is answered "none" only when it is flat: the scan may
     // match a tag holding markup (a blank, '>') in a way the table cannot.
     IndexedLookup result;
-    result.indexed = named || isFlatName(tag);
+    result.indexed = anyNamed || isFlatName(tag);
     return result;
 }
 

@@ -47,10 +47,14 @@ bool isFlatName(std::string_view name);
 // Remembers the block text[0..length) with *elements, its elements in
 // order, as the calling thread's flat answer, in place of the one before
 // (whose kept block goes back, support/answer_blocks.h). The caller
-// vouches that the text is flat and that the elements are all of it. The
-// elements are taken by swapping: *elements holds the earlier answer's
-// afterwards, whose room the caller may reuse.
-void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements);
+// vouches that the text is flat and that the elements are all of it, and
+// with distinctNames that no two elements have the same name: a look-up of
+// a tag's first element then tries, before it scans, the position the
+// thread last found that tag at, as answers of one type list their
+// attributes alike. The elements are taken by swapping: *elements holds
+// the earlier answer's afterwards, whose room the caller may reuse.
+void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement> *elements,
+                        bool distinctNames);
 
 // Forgets the calling thread's flat answer (a model is replaced, a test).
 void forgetFlatAnswer();

@@ -40,9 +40,10 @@ flatText(const std::vector<std::pair<std::string, std::string>> &elements)
 }
 
 // Remembers `text` with `table` (a copy: the call takes its elements).
-void remember(const std::string &text, std::vector<xml::FlatElement> table)
+void remember(const std::string &text, std::vector<xml::FlatElement> table,
+              bool distinctNames = false)
 {
-    xml::rememberFlatAnswer(text.data(), text.size(), &table);
+    xml::rememberFlatAnswer(text.data(), text.size(), &table, distinctNames);
 }
 
 const std::vector<std::pair<std::string, std::string>> kElements = {
@@ -62,6 +63,27 @@ const std::vector<std::pair<std::string, std::string>> kElements = {
 const char *const kTags[] = {"ObjID", "Nexus", "Name",      "NameX", "Nam",      "Empty",
                              "N",     "Na",    "NameXY",    "Other", "Name>",    "Name ",
                              "Name/", "!Name", "Nexus>0:1", "/Name", "ObjID>17<"};
+
+// Every look-up of kTags's tags, occurrences 0 to 4, in text as the scan
+// answers it (the flat answer remembered is text's, or no answer of text).
+void expectAnsweredAsScanned(const std::string &text)
+{
+    for (const char *tag : kTags) {
+        for (uint32_t occurrence = 0; occurrence < 5; occurrence++) {
+            SCOPED_TRACE(std::string(tag) + " #" + std::to_string(occurrence));
+            const xml::IndexedLookup lookup =
+                xml::findInFlatAnswer(text.data(), text.size(), tag, occurrence);
+            EXPECT_EQ(lookup.indexed, xml::isFlatName(tag));
+            if (!lookup.indexed)
+                continue;
+            const auto scanned = xml::findElement(text, tag, occurrence);
+            ASSERT_EQ(lookup.raw.has_value(), scanned.has_value());
+            if (scanned) {
+                EXPECT_EQ(lookup.raw->data(), scanned->data());
+            }
+        }
+    }
+}
 
 TEST(FlatAnswerTest, TheTableAnswersEveryLookUpAsTheScanDoes)
 {
@@ -88,6 +110,70 @@ TEST(FlatAnswerTest, TheTableAnswersEveryLookUpAsTheScanDoes)
             }
         }
     }
+    xml::forgetFlatAnswer();
+}
+
+// Answers of distinct names try where each tag stood in the answer before;
+// one that lists its names in another order, or fewer of them, answers as
+// the scan does all the same.
+TEST(FlatAnswerTest, AnswersOfDistinctNamesAreAnsweredAsScannedInAnyOrder)
+{
+    const std::vector<std::vector<std::pair<std::string, std::string>>> answers = {
+        {{"ObjID", "1"},
+         {"Nexus", "0:1"},
+         {"Name", "n1"},
+         {"NameX", "x1"},
+         {"Nam", "m1"},
+         {"Empty", ""},
+         {"N", "one"}},
+        {{"N", "two"},
+         {"Empty", ""},
+         {"Name", "n2"},
+         {"Nam", "m2"},
+         {"NameX", "x2"},
+         {"Nexus", "0:2"},
+         {"ObjID", "2"}},
+        {{"ObjID", "3"}, {"Name", "n3"}},
+        {{"ObjID", "4"},
+         {"Nexus", "0:4"},
+         {"Name", "n4"},
+         {"NameX", "x4"},
+         {"Nam", "m4"},
+         {"Empty", ""},
+         {"N", "four"}},
+    };
+    for (int round = 0; round < 2; ++round) {
+        for (const auto &elements : answers) {
+            const auto [text, table] = flatText(elements);
+            SCOPED_TRACE(text);
+            remember(text, table, true);
+            expectAnsweredAsScanned(text);
+        }
+    }
+    xml::forgetFlatAnswer();
+}
+
+// Where a name repeats, the first element of that name is found by the
+// scan, never at the place the tag stood in an answer before.
+TEST(FlatAnswerTest, AnAnswerThatRepeatsANameIsScanned)
+{
+    const auto [before, beforeTable] = flatText({{"ObjID", "1"}, {"Nexus", "0"}, {"B", "b"}});
+    remember(before, beforeTable, true);
+    const xml::IndexedLookup third = xml::findInFlatAnswer(before.data(), before.size(), "B", 0);
+    ASSERT_TRUE(third.raw.has_value());
+    EXPECT_EQ(*third.raw, "b");
+
+    const auto [text, table] = flatText({{"ObjID", "2"}, {"B", "first"}, {"B", "second"}});
+    remember(text, table, false);
+    for (int i = 0; i < 2; ++i) {
+        const xml::IndexedLookup first = xml::findInFlatAnswer(text.data(), text.size(), "B", 0);
+        ASSERT_TRUE(first.raw.has_value());
+        EXPECT_EQ(*first.raw, "first");
+        const xml::IndexedLookup second = xml::findInFlatAnswer(text.data(), text.size(), "B", 1);
+        ASSERT_TRUE(second.raw.has_value());
+        EXPECT_EQ(*second.raw, "second");
+    }
+    expectAnsweredAsScanned(text);
     xml::forgetFlatAnswer();
 }
 
@@ -169,7 +255,7 @@ char *rememberedBlock()
     const auto [text, table] = flatText(kElements);
     char *block = answerBlockOf(text);
     std::vector<xml::FlatElement> elements = table;
-    xml::rememberFlatAnswer(block, text.size(), &elements);
+    xml::rememberFlatAnswer(block, text.size(), &elements, false);
     return block;
 }
 
