@@ -67,7 +67,6 @@ template <typename Arc, size_t N> class FixedName {
     const Arc *begin() const { return arcs_.data(); }
     const Arc *end() const { return arcs_.data() + size_; }
     std::span<const Arc> span() const { return {arcs_.data(), size_}; }
-    operator std::span<const Arc>() const { return span(); }
 
     friend bool operator==(const FixedName &a, const FixedName &b)
     {

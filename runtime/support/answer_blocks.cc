@@ -61,8 +61,7 @@ void giveBackAnswerBlock(void *block)
     if (kept.ended || kept.count == kKeptAnswerBlocks || usable > kLargestKeptAnswerBlock) {
         std::free(block);
         // A list answer of a large model runs to megabytes; once it is gone
-        // the heap goes back to the system, or a table build would keep its
-        // peak for good.
+        // what the heap can hand back goes back (kTrimAfterFreeing).
         if (usable >= kTrimAfterFreeing)
             malloc_trim(0);
         return;

@@ -21,8 +21,10 @@ constexpr size_t kLargestKeptAnswerBlock = 16 * 1024;
 // holds them, else a new one (malloc); null when memory is short.
 void *takeAnswerBlock(size_t bytes);
 
-// A freed block of at least this size gives the heap it leaves behind back
-// to the system (a list answer of a large model runs to megabytes).
+// A freed block of at least this size is followed by malloc_trim (a list
+// answer of a large model runs to megabytes): the free pages of every
+// arena's bins and the top of the main one go back to the system. The top
+// of another thread's arena stays (README, Performance).
 constexpr size_t kTrimAfterFreeing = size_t{1} << 20;
 
 // Gives `block` back (null is ignored): the calling thread keeps it when it
