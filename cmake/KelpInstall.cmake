@@ -39,12 +39,16 @@ install(CODE "
 
 # The unit names the agent where this install puts it: the prefix is the
 # install's (cmake --install --prefix, CPack), not only the configured one.
-# Each prefix gets its own generated copy, so that installs to different
-# prefixes running at once (the tests) do not take each other's.
+# Every install generates its copy in a directory of its own, removed once
+# the copy is installed: installs running at once (tests, packaging jobs)
+# share the build tree and often the prefix too, and configure_file's
+# temporary file would otherwise be taken from under another one's feet.
 install(CODE "
   set(KELP_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
-  string(MD5 kelp_unit_key \"\${CMAKE_INSTALL_PREFIX}\")
-  set(kelp_unit \"${CMAKE_BINARY_DIR}/packaging/unit-\${kelp_unit_key}/kelpagent.service\")
-  configure_file(\"${CMAKE_SOURCE_DIR}/packaging/kelpagent.service.in\" \"\${kelp_unit}\" @ONLY)
+  string(RANDOM LENGTH 16 ALPHABET 0123456789abcdef kelp_unit_key)
+  set(kelp_unit_dir \"${CMAKE_BINARY_DIR}/packaging/unit-\${kelp_unit_key}\")
+  configure_file(\"${CMAKE_SOURCE_DIR}/packaging/kelpagent.service.in\"
+                 \"\${kelp_unit_dir}/kelpagent.service\" @ONLY)
   file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_UNITDIR}\" TYPE FILE
-       FILES \"\${kelp_unit}\")")
+       FILES \"\${kelp_unit_dir}/kelpagent.service\")
+  file(REMOVE_RECURSE \"\${kelp_unit_dir}\")")

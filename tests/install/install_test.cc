@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testkit.h"
@@ -274,6 +275,38 @@ TEST_F(Installed, TheUnitPassesSystemdAnalyzeVerify)
     EXPECT_EQ(good.out + good.err, "");
     const RunResult bad = verify(*dir_ / "missing/kelpagent", "bad");
     EXPECT_NE(bad.status, 0) << "verify must notice a missing program";
+}
+
+// Installs of one build to one prefix, each into its own staging root, run at
+// once (as the tests and packaging jobs do): each completes, with its own
+// unit naming the agent where it put it.
+TEST(InstalledAtOnce, EveryInstallToTheSamePrefixSucceeds)
+{
+    TempDir dir;
+    constexpr std::size_t kInstalls = 6;
+    constexpr int kRounds = 12;
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<RunResult> results(kInstalls);
+        std::vector<std::thread> installs;
+        for (std::size_t i = 0; i < kInstalls; ++i) {
+            const std::string root = dir / ("r" + std::to_string(round) + "-" + std::to_string(i));
+            installs.emplace_back([&results, &dir, i, root] {
+                results[i] = run({CMAKE_COMMAND, "--install", KELP_BUILD_DIR, "--prefix", "/usr"},
+                                 {"DESTDIR=" + root}, dir, 60s);
+            });
+        }
+        for (std::thread &install : installs) {
+            install.join();
+        }
+        for (std::size_t i = 0; i < kInstalls; ++i) {
+            ASSERT_EQ(results[i].status, 0) << "round " << round << " install " << i << ":\n"
+                                            << results[i].out << results[i].err;
+            const std::string root = dir / ("r" + std::to_string(round) + "-" + std::to_string(i));
+            EXPECT_NE(readFile(root + "/usr/lib/systemd/system/kelpagent.service")
+                          .find("ExecStart=/usr/sbin/kelpagent "),
+                      std::string::npos);
+        }
+    }
 }
 
 } // namespace
