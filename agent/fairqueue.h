@@ -13,11 +13,16 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace kelp::agent {
 
 template <typename Item> class FairQueue {
+    // An item moves in and out of the queue once everything that may
+    // fail has been done.
+    static_assert(std::is_nothrow_move_constructible_v<Item>);
+
   public:
     // Holds at most `capacity` items (at least one) over all sources.
     explicit FairQueue(size_t capacity) : capacity_(capacity > 0 ? capacity : 1) {}
@@ -26,12 +31,13 @@ template <typename Item> class FairQueue {
     // the queue was full, one item of the source with the most waiting is
     // dropped to make room (the newest of that source, `item` itself when
     // its own source has the most): returned with its source, for the
-    // caller to release and log.
-    std::optional<std::pair<std::string, Item>> push(const std::string &source, Item item)
+    // caller to release and log. When memory runs out (std::bad_alloc) the
+    // queue is as it was and `item` is untouched, still the caller's.
+    std::optional<std::pair<std::string, Item>> push(const std::string &source, Item &&item)
     {
-        std::optional<std::pair<std::string, Item>> dropped;
+        auto longest = waiting_.end();
+        std::string longestSource;
         if (size_ == capacity_) {
-            auto longest = waiting_.end();
             for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
                 if (longest == waiting_.end() || it->second.size() > longest->second.size()) {
                     longest = it;
@@ -41,41 +47,63 @@ template <typename Item> class FairQueue {
             if (own != waiting_.end() && own->second.size() >= longest->second.size()) {
                 return std::make_pair(source, std::move(item));
             }
-            dropped.emplace(longest->first, std::move(longest->second.back()));
+            // Copied before anything changes: all that may fail comes first.
+            longestSource = longest->first;
+        }
+        auto [it, added] = waiting_.try_emplace(source);
+        if (added) {
+            try {
+                turns_.push_back(source);
+            } catch (...) {
+                waiting_.erase(it);
+                throw;
+            }
+        }
+        try {
+            it->second.push_back(std::move(item));
+        } catch (...) {
+            if (added) {
+                turns_.pop_back();
+                waiting_.erase(it);
+            }
+            throw;
+        }
+        size_++;
+        std::optional<std::pair<std::string, Item>> dropped;
+        if (longest != waiting_.end()) {
+            dropped.emplace(std::move(longestSource), std::move(longest->second.back()));
             longest->second.pop_back();
             size_--;
             if (longest->second.empty()) {
                 forget(longest);
             }
         }
-        auto [it, added] = waiting_.try_emplace(source);
-        if (added) {
-            turns_.push_back(source);
-        }
-        it->second.push_back(std::move(item));
-        size_++;
         return dropped;
     }
 
     // The oldest item of the source whose turn it is, or nullopt when none
     // waits. That source's next item, if any, waits for every other waiting
-    // source's turn.
+    // source's turn. When memory runs out (std::bad_alloc) the queue is as
+    // it was.
     std::optional<std::pair<std::string, Item>> pop()
     {
         if (turns_.empty()) {
             return std::nullopt;
         }
-        std::string source = std::move(turns_.front());
-        turns_.pop_front();
-        auto it = waiting_.find(source);
+        auto it = waiting_.find(turns_.front());
+        // The source's next turn is queued before anything is taken: all
+        // that may fail comes first.
+        const bool more = it->second.size() > 1;
+        if (more) {
+            turns_.push_back(turns_.front());
+        }
         std::optional<std::pair<std::string, Item>> next;
-        next.emplace(source, std::move(it->second.front()));
+        next.emplace(std::move(turns_.front()), std::move(it->second.front()));
+        turns_.pop_front();
         it->second.pop_front();
         size_--;
-        if (it->second.empty()) {
+        if (!more) {
             waiting_.erase(it);
-        } else {
-            turns_.push_back(std::move(source));
         }
         return next;
     }
