@@ -88,10 +88,18 @@ struct Sharing {
     std::atomic<size_t> waiting{0}; // over all sockets
     std::function<void()> wake;
     int stopFd = -1; // an eventfd the thread polls beside the sockets
+    // The reading thread's datagram buffer and poll set, made before it
+    // starts: a thread that cannot have them at its start could read no
+    // request at all.
+    std::vector<uint8_t> buffer;
+    std::vector<pollfd> fds;
     std::thread thread;
     LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
                              std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
                          kMaxLoggedSources}; // the reading thread's only
+    // When the reading thread last logged a request it had no memory for;
+    // the reading thread's only.
+    std::optional<LogRateLimit::Clock::time_point> shortLogged;
 };
 
 // Set up and torn down by the agent's thread, while no request is read.
@@ -126,6 +134,20 @@ std::string sourceText(const std::string &key)
     return text[0] != '\0' ? text : "an unknown source";
 }
 
+// A datagram read but not queued for want of memory: it is lost, as one the
+// kernel drops, and the manager asks again. Logged once a minute, and
+// without allocating.
+void dropForWantOfMemory(Sharing *sharing)
+{
+    const auto now = LogRateLimit::Clock::now();
+    if (sharing->shortLogged && now - *sharing->shortLogged < sharing->dropLog.interval()) {
+        return;
+    }
+    sharing->shortLogged = now;
+    logAt(LogLevel::kWarning,
+          "out of memory: a request was dropped as it arrived (logged once a minute)");
+}
+
 // Reads the datagram `socket` holds first into its queue. One a round:
 // poll, which the thread waits in anyway, tells whether another waits, and
 // a request that arrives alone costs no read that finds the socket empty.
@@ -140,34 +162,40 @@ void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
         release(&datagram);
         return;
     }
-    datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
-    const std::string key = sourceKey(datagram);
     std::optional<std::pair<std::string, Datagram>> dropped;
-    {
+    try {
+        datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
+        const std::string key = sourceKey(datagram);
         std::lock_guard lock(sharing->mutex);
         dropped = socket->waiting.push(key, std::move(datagram));
+    } catch (const std::bad_alloc &) {
+        // A push that fails leaves the datagram to its caller.
+        release(&datagram);
+        dropForWantOfMemory(sharing);
+        return;
     }
-    if (dropped) {
-        release(&dropped->second);
+    if (!dropped) {
+        if (sharing->waiting.fetch_add(1) == 0) {
+            sharing->wake();
+        }
+        return;
+    }
+    release(&dropped->second);
+    try {
         if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
             logAt(LogLevel::kWarning,
                   "dropping requests from %s: it sends more than its share while other "
                   "sources wait (--max-waiting %zu; logged once a minute per source)",
                   sourceText(dropped->first).c_str(), socket->waiting.capacity());
         }
-    } else if (sharing->waiting.fetch_add(1) == 0) {
-        sharing->wake();
+    } catch (const std::bad_alloc &) {
+        // The line is lost; the datagram was dropped all the same.
     }
 }
 
 void readSockets(Sharing *sharing)
 {
-    std::vector<uint8_t> buffer(kMaxDatagram);
-    std::vector<pollfd> fds;
-    for (const auto &socket : sharing->sockets) {
-        fds.push_back(pollfd{socket->transport->sock, POLLIN, 0});
-    }
-    fds.push_back(pollfd{sharing->stopFd, POLLIN, 0});
+    std::vector<pollfd> &fds = sharing->fds;
     for (;;) {
         if (poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) {
@@ -181,7 +209,7 @@ void readSockets(Sharing *sharing)
         }
         for (size_t i = 0; i < sharing->sockets.size(); i++) {
             if (fds[i].revents != 0) {
-                takeOne(sharing, sharing->sockets[i].get(), &buffer);
+                takeOne(sharing, sharing->sockets[i].get(), &sharing->buffer);
             }
         }
     }
@@ -198,7 +226,13 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
         std::lock_guard lock(sharing->mutex);
         for (const auto &socket : sharing->sockets) {
             if (socket->transport == transport) {
-                next = socket->waiting.pop();
+                try {
+                    next = socket->waiting.pop();
+                } catch (const std::bad_alloc &) {
+                    // The datagram stays first in turn; the loop asks again.
+                    errno = ENOMEM;
+                    return -1;
+                }
                 break;
             }
         }
@@ -277,6 +311,11 @@ void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void
               std::strerror(errno));
         return;
     }
+    sharing->buffer.resize(kMaxDatagram);
+    for (const auto &socket : sharing->sockets) {
+        sharing->fds.push_back(pollfd{socket->transport->sock, POLLIN, 0});
+    }
+    sharing->fds.push_back(pollfd{sharing->stopFd, POLLIN, 0});
     for (const auto &socket : sharing->sockets) {
         socket->transport->f_recv = receiveInTurn;
     }

@@ -13,12 +13,15 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/failing_new.h"
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 namespace {
@@ -123,6 +126,52 @@ TEST_F(Fairness, ARequestThatArrivesAloneIsReadOnce)
     EXPECT_EQ(g_receives.load(), 1);
 
     transport_->f_recv = g_receive;
+    close(sender);
+}
+
+// A datagram the reading thread has no memory for is dropped, and the
+// thread goes on reading: the next one is queued and handed out.
+TEST_F(Fairness, ADatagramWithoutMemoryForItIsDroppedAndTheNextOneRead)
+{
+    shareBetweenSources(mark_, 4, [] {});
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(sender, 0);
+    const auto send = [&](const std::string &bytes) {
+        return sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
+                      sizeof address) == ssize_t(bytes.size());
+    };
+    const auto waitForRequest = [] {
+        for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return requestsWaiting();
+    };
+
+    // The datagram's copy is the only allocation of its odd size.
+    const std::string unlucky(1237, 'x');
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failAllocationsOf(unlucky.size());
+    ASSERT_TRUE(send(unlucky));
+    for (int i = 0; i < 5000 && kelp::test::failedAllocations() == failedBefore; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    kelp::test::failAllocationsOf(0);
+    ASSERT_GT(kelp::test::failedAllocations(), failedBefore);
+    EXPECT_FALSE(requestsWaiting());
+
+    const std::string next = "the next request";
+    ASSERT_TRUE(send(next));
+    ASSERT_TRUE(waitForRequest());
+    char buffer[2048];
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    EXPECT_EQ(transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength),
+              int(next.size()));
+    EXPECT_EQ(std::string(buffer, next.size()), next);
+    free(opaque);
     close(sender);
 }
 

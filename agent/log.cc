@@ -5,6 +5,7 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <new>
 
 namespace kelp::agent {
 namespace {
@@ -182,21 +184,31 @@ void logText(LogLevel level, std::string_view text)
     if (static_cast<int>(level) > static_cast<int>(log.threshold)) {
         return;
     }
-    switch (log.sink) {
-    case LogSink::kSyslog:
-        if (sendSyslog(log, syslogDatagram(level, now, getpid(), text))) {
+    try {
+        switch (log.sink) {
+        case LogSink::kSyslog:
+            if (sendSyslog(log, syslogDatagram(level, now, getpid(), text))) {
+                return;
+            }
+            // The syslog daemon went away: the line still goes somewhere a
+            // user can see.
+            writeStderr(stderrLine(level, now, text, true, log.priorities));
+            return;
+        case LogSink::kStderrPlain:
+            writeStderr(stderrLine(level, now, text, false, true));
+            return;
+        case LogSink::kStderrStamped:
+            writeStderr(stderrLine(level, now, text, true, log.priorities));
             return;
         }
-        // The syslog daemon went away: the line still goes somewhere a user
-        // can see.
-        writeStderr(stderrLine(level, now, text, true, log.priorities));
-        return;
-    case LogSink::kStderrPlain:
-        writeStderr(stderrLine(level, now, text, false, true));
-        return;
-    case LogSink::kStderrStamped:
-        writeStderr(stderrLine(level, now, text, true, log.priorities));
-        return;
+    } catch (const std::bad_alloc &) {
+        // No memory to format the line (often what it reports): it goes to
+        // stderr as it stands, from the pieces it has.
+        static constexpr std::string_view kName = "kelpagent: ";
+        iovec pieces[] = {{const_cast<char *>(kName.data()), kName.size()},
+                          {const_cast<char *>(text.data()), text.size()},
+                          {const_cast<char *>("\n"), 1}};
+        [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, pieces, 3);
     }
 }
 

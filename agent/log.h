@@ -89,6 +89,8 @@ class LogRateLimit {
     // the key's interval then starts at `now`.
     bool allow(const std::string &key, Clock::time_point now);
 
+    Clock::duration interval() const { return interval_; }
+
   private:
     Clock::duration interval_;
     size_t maxKeys_;

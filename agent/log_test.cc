@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/failing_new.h"
+
 namespace kelp::agent {
 namespace {
 
@@ -146,6 +148,25 @@ TEST(Log, SyslogWithoutItsSocketIsRefusedAndTheSinkStays)
     logLine("still on stderr");
     EXPECT_NE(testing::internal::GetCapturedStderr().find("kelpagent: still on stderr\n"),
               std::string::npos);
+}
+
+TEST(Log, ALineWithoutMemoryToFormatItIsWrittenAsItStands)
+{
+    ASSERT_TRUE(logOpen(LogSink::kStderrStamped, LogLevel::kInfo));
+    testing::internal::CaptureStderr();
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    logAt(LogLevel::kWarning, "out of memory: %s", "a request was dropped");
+    kelp::test::failNthAllocation(0);
+    const std::string written = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
+    EXPECT_EQ(written, "kelpagent: out of memory: a request was dropped\n");
+    // The next line has its stamp again.
+    testing::internal::CaptureStderr();
+    logLine("memory is back");
+    const std::string next = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(next, std::regex(R"(\d{4}-.* kelpagent: memory is back\n)")))
+        << next;
 }
 
 TEST(Log, ARateLimitLetsOneEventPerKeyThroughEachInterval)
