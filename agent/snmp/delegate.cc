@@ -1,6 +1,8 @@
 // The worker thread and the hand-over of its jobs.
 #include "snmp/delegate.h"
 
+#include <chrono>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -39,10 +41,15 @@ void Delegator::runFinished()
         if (finished_.empty()) {
             return;
         }
-        done.emplace().swap(finished_);
+        try {
+            done.emplace();
+        } catch (const std::bad_alloc &) {
+            return; // the jobs wait for a later turn
+        }
+        done->swap(finished_);
     }
     for (Job &job : *done) {
-        job.finish(true);
+        job.finish(job.ran);
     }
 }
 
@@ -76,10 +83,26 @@ void Delegator::serve()
         queued_.pop_front();
         running_++;
         lock.unlock();
-        job.work();
+        try {
+            job.work();
+            job.ran = true;
+        } catch (const std::bad_alloc &) {
+            // Finished as not run: its requests are answered genErr.
+        }
         lock.lock();
         running_--;
-        finished_.push_back(std::move(job));
+        // Every job is finished, so the worker waits for the memory to
+        // hand it back.
+        for (;;) {
+            try {
+                finished_.push_back(std::move(job));
+                break;
+            } catch (const std::bad_alloc &) {
+                lock.unlock();
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                lock.lock();
+            }
+        }
         lock.unlock();
         waker_();
         lock.lock();

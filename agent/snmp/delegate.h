@@ -20,8 +20,11 @@ class Delegator {
         // On the worker thread.
         std::function<void()> work;
         // On the main loop, once: true after `work` ran, false when the job
-        // was dropped unrun by stop().
+        // was dropped unrun by stop() or its work ran out of memory
+        // (std::bad_alloc).
         std::function<void(bool ran)> finish;
+        // Set by the worker: whether `work` ran to its end.
+        bool ran = false;
     };
     // Called from the worker after a job's work, with no lock held, so that
     // the main loop calls runFinished() soon.
@@ -35,7 +38,8 @@ class Delegator {
     Delegator &operator=(const Delegator &) = delete;
 
     // Main loop: queues `job`. False (the job untouched) when maxJobs are
-    // queued or running, or after stop().
+    // queued or running, or after stop(); std::bad_alloc (the job
+    // untouched) when there is no memory to queue it.
     bool submit(Job &&job);
 
     // Main loop: runs the finish of every job whose work has run, in order.

@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/failing_new.h"
+
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -53,6 +56,50 @@ TEST(Delegator, WorkRunsOnTheWorkerAndFinishOnTheCallerInOrder)
     EXPECT_TRUE(finished.empty()) << "finish waits for runFinished";
     delegator.runFinished();
     EXPECT_EQ(finished, (std::vector<int>{0, 1, 2}));
+}
+
+TEST(Delegator, WorkThatRunsOutOfMemoryIsFinishedAsNotRunAndTheWorkerGoesOn)
+{
+    std::atomic<int> wakes{0};
+    Delegator delegator(8, [&] { wakes++; });
+    std::vector<std::pair<int, bool>> finished;
+    for (int i = 0; i < 2; i++) {
+        Delegator::Job job;
+        job.work = [i] {
+            if (i == 0) {
+                throw std::bad_alloc();
+            }
+        };
+        job.finish = [&, i](bool ran) { finished.emplace_back(i, ran); };
+        ASSERT_TRUE(delegator.submit(std::move(job)));
+    }
+    ASSERT_TRUE(eventually([&] { return wakes.load() == 2; }));
+    delegator.runFinished();
+    EXPECT_EQ(finished, (std::vector<std::pair<int, bool>>{{0, false}, {1, true}}));
+}
+
+TEST(Delegator, AJobWithoutRoomAmongTheFinishedWaitsForMemoryAndIsFinished)
+{
+    std::atomic<int> wakes{0};
+    constexpr int kJobs = 40; // the finished jobs' deque takes new blocks
+    Delegator delegator(kJobs, [&] { wakes++; });
+    const size_t failedBefore = kelp::test::failedAllocations();
+    std::vector<int> finished;
+    for (int i = 0; i < kJobs; i++) {
+        Delegator::Job job;
+        // The worker's next allocation after the work fails: the one that
+        // makes room among the finished jobs, when there is none.
+        job.work = [] { kelp::test::failNthAllocation(1); };
+        job.finish = [&, i](bool ran) {
+            EXPECT_TRUE(ran);
+            finished.push_back(i);
+        };
+        ASSERT_TRUE(delegator.submit(std::move(job)));
+    }
+    ASSERT_TRUE(eventually([&] { return wakes.load() == kJobs; }));
+    delegator.runFinished();
+    EXPECT_EQ(finished.size(), size_t(kJobs));
+    EXPECT_GT(kelp::test::failedAllocations(), failedBefore);
 }
 
 TEST(Delegator, AFullQueueRefusesAndAFinishedJobMakesRoom)
