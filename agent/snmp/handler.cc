@@ -14,7 +14,9 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <chrono>
 #include <memory>
+#include <new>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -264,6 +266,8 @@ struct RequestPath::Impl {
     void delegate(netsnmp_mib_handler *handler, netsnmp_handler_registration *reginfo,
                   netsnmp_agent_request_info *reqinfo, std::vector<Item> &&pending)
     {
+        // What may run out of memory (std::bad_alloc) comes before any
+        // request is marked delegated: then none is, and the caller answers.
         auto items = std::make_shared<std::vector<Item>>(std::move(pending));
         netsnmp_delegated_cache *cache = netsnmp_create_delegated_cache(
             handler, reginfo, reqinfo, items->front().request, nullptr);
@@ -272,49 +276,58 @@ struct RequestPath::Impl {
             netsnmp_free_delegated_cache(cache);
             return;
         }
-        for (Item &item : *items) {
-            item.request->delegated = 1;
-        }
         const auto deadline = LockBudget::Clock::now() + settings.delegatedBudget;
         Delegator::Job job;
-        job.work = [this, items, deadline] {
-            LockBudget budget(deadline);
-            std::optional<Outcome> pduFailed;
-            for (Item &item : *items) {
-                if (pduFailed) {
-                    item.answers = {Answer{*pduFailed, {}, {}}};
-                    continue;
-                }
-                resolveItem(dispatch, &item);
-                if (failed(item.answers.back())) {
-                    pduFailed = item.answers.back().outcome;
-                }
-            }
-        };
-        job.finish = [items, cache](bool ran) {
-            netsnmp_delegated_cache *valid = netsnmp_handler_check_cache(cache);
-            if (valid != nullptr) {
+        try {
+            job.work = [this, items, deadline] {
+                LockBudget budget(deadline);
+                std::optional<Outcome> pduFailed;
                 for (Item &item : *items) {
-                    item.request->delegated = 0;
-                }
-                if (ran) {
-                    for (const Item &item : *items) {
-                        writeItem(valid->reqinfo, item);
+                    if (pduFailed) {
+                        item.answers = {Answer{*pduFailed, {}, {}}};
+                        continue;
                     }
-                } else {
-                    answerAll(valid->reqinfo, *items, Outcome::kGenErr);
+                    resolveItem(dispatch, &item);
+                    if (failed(item.answers.back())) {
+                        pduFailed = item.answers.back().outcome;
+                    }
                 }
+            };
+            job.finish = [items, cache](bool ran) {
+                netsnmp_delegated_cache *valid = netsnmp_handler_check_cache(cache);
+                if (valid != nullptr) {
+                    for (Item &item : *items) {
+                        item.request->delegated = 0;
+                    }
+                    if (ran) {
+                        for (const Item &item : *items) {
+                            writeItem(valid->reqinfo, item);
+                        }
+                    } else {
+                        answerAll(valid->reqinfo, *items, Outcome::kGenErr);
+                    }
+                }
+                netsnmp_free_delegated_cache(cache);
+            };
+            for (Item &item : *items) {
+                item.request->delegated = 1;
             }
-            netsnmp_free_delegated_cache(cache);
-        };
-        if (!delegator.submit(std::move(job))) {
+            if (delegator.submit(std::move(job))) {
+                return;
+            }
+        } catch (const std::bad_alloc &) {
             for (Item &item : *items) {
                 item.request->delegated = 0;
             }
-            logOverflow();
-            answerAll(reqinfo, *items, Outcome::kGenErr);
             netsnmp_free_delegated_cache(cache);
+            throw;
         }
+        for (Item &item : *items) {
+            item.request->delegated = 0;
+        }
+        logOverflow();
+        answerAll(reqinfo, *items, Outcome::kGenErr);
+        netsnmp_free_delegated_cache(cache);
     }
 
     static void answerAll(netsnmp_agent_request_info *reqinfo, const std::vector<Item> &items,
@@ -340,6 +353,27 @@ struct RequestPath::Impl {
 
 namespace {
 
+// A request the agent had no memory to answer fails with genErr, which
+// fails its PDU: the manager asks again. Logged once a minute, without
+// allocating.
+void answerShortOfMemory(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
+{
+    for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
+        if (!request->delegated) {
+            netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
+            break;
+        }
+    }
+    // The main loop's only.
+    static std::optional<std::chrono::steady_clock::time_point> lastLogged;
+    const auto now = std::chrono::steady_clock::now();
+    if (!lastLogged || now - *lastLogged >= std::chrono::minutes(1)) {
+        lastLogged = now;
+        logAt(LogLevel::kWarning,
+              "out of memory: a request was answered genErr (logged once a minute)");
+    }
+}
+
 int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *reginfo,
                    netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
 {
@@ -354,8 +388,13 @@ int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *r
             }
             const netsnmp_variable_list *var = request->requestvb;
             Answer refusal;
-            refusal.outcome =
-                answerSet(path.dispatch, std::span<const uint64_t>(var->name, var->name_length));
+            try {
+                refusal.outcome = answerSet(path.dispatch,
+                                            std::span<const uint64_t>(var->name, var->name_length));
+            } catch (const std::bad_alloc &) {
+                answerShortOfMemory(reqinfo, requests);
+                return SNMP_ERR_NOERROR;
+            }
             writeAnswer(reqinfo, request, refusal, false);
         }
         return SNMP_ERR_NOERROR;
@@ -366,15 +405,21 @@ int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *r
     }
     // The main loop never waits for the plug-in's lock.
     const LockBudget budget = LockBudget::tryOnly();
-    std::vector<Item> pending;
-    for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
-        if (request->processed || (pending.empty() && answerNow(path.dispatch, reqinfo, request))) {
-            continue;
+    try {
+        std::vector<Item> pending;
+        for (netsnmp_request_info *request = requests; request != nullptr;
+             request = request->next) {
+            if (request->processed ||
+                (pending.empty() && answerNow(path.dispatch, reqinfo, request))) {
+                continue;
+            }
+            pending.push_back(itemOf(reqinfo->mode, request));
         }
-        pending.push_back(itemOf(reqinfo->mode, request));
-    }
-    if (!pending.empty()) {
-        path.delegate(handler, reginfo, reqinfo, std::move(pending));
+        if (!pending.empty()) {
+            path.delegate(handler, reginfo, reqinfo, std::move(pending));
+        }
+    } catch (const std::bad_alloc &) {
+        answerShortOfMemory(reqinfo, requests);
     }
     return SNMP_ERR_NOERROR;
 }
