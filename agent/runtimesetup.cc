@@ -1,6 +1,8 @@
 // Runtime configuration of the agent.
 #include "runtimesetup.h"
 
+#include <exception>
+#include <new>
 #include <string_view>
 
 #include "blockedalerts.h"
@@ -188,19 +190,32 @@ void RuntimeSetup::reload()
         reloadThread_.join(); // the last one has ended
     }
     reloadRunning_ = true;
-    reloadThread_ = std::thread([this] {
-        notifyReloading("reloading the configuration");
-        for (;;) {
+    try {
+        reloadThread_ = std::thread([this] { reloadUntilDone(); });
+    } catch (const std::exception &e) {
+        reloadRunning_ = false;
+        logAt(LogLevel::kError, "SIGHUP: cannot start the reload: %s", e.what());
+    }
+}
+
+void RuntimeSetup::reloadUntilDone()
+{
+    notifyReloading("reloading the configuration");
+    for (;;) {
+        try {
             reloadNow();
-            std::lock_guard again(reloadMutex_);
-            if (!reloadAgain_) {
-                reloadRunning_ = false;
-                notifyReloaded();
-                return;
-            }
-            reloadAgain_ = false;
+        } catch (const std::bad_alloc &) {
+            // What reloaded before stays; a later SIGHUP tries again.
+            logAt(LogLevel::kError, "SIGHUP: out of memory; the reload stopped where it was");
         }
-    });
+        std::lock_guard again(reloadMutex_);
+        if (!reloadAgain_) {
+            reloadRunning_ = false;
+            notifyReloaded();
+            return;
+        }
+        reloadAgain_ = false;
+    }
 }
 
 void RuntimeSetup::reloadNow()

@@ -49,6 +49,8 @@ class RuntimeSetup {
     void release();
 
   private:
+    // The reload thread: reloads until no SIGHUP came during the last one.
+    void reloadUntilDone();
     // One reload, on the reload thread.
     void reloadNow();
     // SIGHUP: a DebugSNMP that now says otherwise than the printer's state
