@@ -1,8 +1,11 @@
 // Copying the plug-in's traps and handing them to the sending thread.
 #include "traps/trap.h"
 
+#include <new>
 #include <optional>
 #include <utility>
+
+#include "log.h"
 
 namespace kelp::agent {
 namespace {
@@ -70,12 +73,36 @@ void TrapQueue::adoptPumpThread()
     pumpThread_ = std::this_thread::get_id();
 }
 
+// A trap the agent has no memory to queue or send fails (status 5), as one
+// the manager never receives.
+uint32_t TrapQueue::send(const Trap &trap)
+{
+    try {
+        return sender_(trap);
+    } catch (const std::bad_alloc &) {
+        logShortOfMemory();
+        return SM_SNMP_GENERR;
+    }
+}
+
+void TrapQueue::logShortOfMemory()
+{
+    std::lock_guard lock(shortLogMutex_);
+    const auto now = std::chrono::steady_clock::now();
+    if (shortLogged_ && now - *shortLogged_ < std::chrono::minutes(1)) {
+        return;
+    }
+    shortLogged_ = now;
+    logAt(LogLevel::kWarning, "out of memory: a trap was not sent (logged once a minute)");
+}
+
 uint32_t TrapQueue::submit(Trap trap)
 {
-    auto pending = std::make_shared<Pending>();
-    pending->trap = std::move(trap);
+    std::shared_ptr<Pending> pending;
     bool onPumpThread = false;
-    {
+    try {
+        pending = std::make_shared<Pending>();
+        pending->trap = std::move(trap);
         std::lock_guard lock(mutex_);
         if (closed_) {
             return SM_SNMP_GENERR;
@@ -85,9 +112,12 @@ uint32_t TrapQueue::submit(Trap trap)
         if (!onPumpThread) {
             queue_.push_back(pending);
         }
+    } catch (const std::bad_alloc &) {
+        logShortOfMemory();
+        return SM_SNMP_GENERR;
     }
     if (onPumpThread) {
-        return sender_(pending->trap);
+        return send(pending->trap);
     }
     waker_();
     std::unique_lock lock(mutex_);
@@ -109,7 +139,7 @@ void TrapQueue::pump()
         queue_.pop_front();
         pending->taken = true;
         lock.unlock();
-        const uint32_t status = sender_(pending->trap);
+        const uint32_t status = send(pending->trap);
         lock.lock();
         pending->status = status;
         done_.notify_all();

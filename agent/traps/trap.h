@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,7 +71,8 @@ class TrapQueue {
 
     // Sends `trap` through the pump and answers the sender's status. 5 when
     // the queue is closed, or when the pump has not taken the trap within
-    // the patience (the trap is then withdrawn, never sent late).
+    // the patience (the trap is then withdrawn, never sent late), or when
+    // there is no memory to queue or send it (logged once a minute).
     uint32_t submit(Trap trap);
 
     // Pump's thread: sends every queued trap, in order.
@@ -83,6 +85,10 @@ class TrapQueue {
   private:
     struct Pending;
 
+    // The sender's status, 5 when it runs out of memory.
+    uint32_t send(const Trap &trap);
+    void logShortOfMemory();
+
     Sender sender_;
     Waker waker_;
     std::chrono::milliseconds patience_;
@@ -91,6 +97,9 @@ class TrapQueue {
     std::condition_variable done_;               // signalled when a trap's status is set
     std::deque<std::shared_ptr<Pending>> queue_; // guarded by mutex_
     bool closed_ = false;                        // guarded by mutex_
+    std::mutex shortLogMutex_;
+    // When a trap was last lost for want of memory; guarded by shortLogMutex_.
+    std::optional<std::chrono::steady_clock::time_point> shortLogged_;
 };
 
 } // namespace kelp::agent

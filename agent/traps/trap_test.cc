@@ -4,9 +4,12 @@
 
 #include <atomic>
 #include <future>
+#include <new>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "testing/failing_new.h"
 
 namespace kelp::agent {
 namespace {
@@ -101,6 +104,56 @@ TEST(TrapQueue, ATrapNotTakenInTimeIsWithdrawnAndFails)
     EXPECT_EQ(late.get(), uint32_t{SM_SNMP_GENERR});
     queue.pump();
     EXPECT_EQ(sent, 0) << "a withdrawn trap is never sent late";
+}
+
+TEST(TrapQueue, ATrapWithoutMemoryToSendFailsAndThePumpGoesOn)
+{
+    std::vector<uint32_t> sent; // only the pump's thread touches it
+    std::atomic<int> wakes{0};
+    TrapQueue queue(
+        [&](const Trap &t) {
+            if (t.specific == 1) {
+                throw std::bad_alloc();
+            }
+            return sent.push_back(t.specific), 0u;
+        },
+        [&] { wakes++; }, std::chrono::seconds(10));
+    queue.adoptPumpThread();
+    std::future<uint32_t> first =
+        std::async(std::launch::async, [&] { return queue.submit(trapNumbered(1)); });
+    for (int i = 0; i < 2000 && wakes.load() == 0; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(wakes.load(), 1);
+    std::future<uint32_t> second =
+        std::async(std::launch::async, [&] { return queue.submit(trapNumbered(2)); });
+    for (int i = 0; i < 2000 && wakes.load() < 2; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(wakes.load(), 2);
+    queue.pump();
+    EXPECT_EQ(first.get(), uint32_t{SM_SNMP_GENERR});
+    EXPECT_EQ(second.get(), 0u);
+    EXPECT_EQ(queue.submit(trapNumbered(1)), uint32_t{SM_SNMP_GENERR})
+        << "on the pump's own thread too";
+    EXPECT_EQ(sent, (std::vector<uint32_t>{2}));
+}
+
+TEST(TrapQueue, ATrapWithoutMemoryToQueueFails)
+{
+    std::atomic<int> sent{0};
+    TrapQueue queue([&](const Trap &) { return ++sent, 0u; }, [] {}, std::chrono::seconds(10));
+    queue.adoptPumpThread();
+    const uint32_t status = std::async(std::launch::async, [&] {
+                                Trap trap = trapNumbered(1);
+                                kelp::test::failNthAllocation(1);
+                                const uint32_t s = queue.submit(std::move(trap));
+                                kelp::test::failNthAllocation(0);
+                                return s;
+                            }).get();
+    EXPECT_EQ(status, uint32_t{SM_SNMP_GENERR});
+    queue.pump();
+    EXPECT_EQ(sent.load(), 0);
 }
 
 TEST(TrapQueue, ClosingFailsWaitingAndLaterTraps)
