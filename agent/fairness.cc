@@ -157,9 +157,17 @@ void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
     const int length = socket->receive(socket->transport, buffer->data(), int(buffer->size()),
                                        &datagram.opaque, &datagram.opaqueLength);
     if (length <= 0) {
+        const int error = errno;
         // An empty socket (EAGAIN), an error, or an empty datagram, which
         // net-snmp would have dropped.
         release(&datagram);
+        if (length < 0 && error == ENOMEM) {
+            // net-snmp had no memory for the sender's address and left the
+            // datagram in the socket, where poll would find it at once,
+            // again and again: it is read off and dropped.
+            recv(socket->transport->sock, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC);
+            dropForWantOfMemory(sharing);
+        }
         return;
     }
     std::optional<std::pair<std::string, Datagram>> dropped;

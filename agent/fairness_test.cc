@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -127,6 +128,63 @@ TEST_F(Fairness, ARequestThatArrivesAloneIsReadOnce)
 
     transport_->f_recv = g_receive;
     close(sender);
+}
+
+// net-snmp's receive function without memory for the sender's address: it
+// fails with ENOMEM and leaves the datagram in the socket.
+std::atomic<bool> g_receiveShortOfMemory{false};
+
+int receiveShortOfMemory(netsnmp_transport *transport, void *buffer, int size, void **opaque,
+                         int *opaqueLength)
+{
+    if (g_receiveShortOfMemory.exchange(false)) {
+        *opaque = nullptr;
+        *opaqueLength = 0;
+        errno = ENOMEM;
+        return -1;
+    }
+    return g_receive(transport, buffer, size, opaque, opaqueLength);
+}
+
+// A datagram net-snmp's receive function has no memory for is read off the
+// socket and dropped, not polled for again and again; the next is read.
+TEST_F(Fairness, ADatagramTheReceiveFunctionHasNoMemoryForIsDropped)
+{
+    g_receive = transport_->f_recv;
+    transport_->f_recv = receiveShortOfMemory;
+    g_receiveShortOfMemory = true;
+    shareBetweenSources(mark_, 4, [] {});
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(sender, 0);
+    const auto send = [&](const std::string &bytes) {
+        return sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
+                      sizeof address) == ssize_t(bytes.size());
+    };
+    ASSERT_TRUE(send("the dropped request"));
+    for (int i = 0; i < 5000 && g_receiveShortOfMemory; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_FALSE(g_receiveShortOfMemory);
+    const std::string next = "the next request";
+    ASSERT_TRUE(send(next));
+    for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(requestsWaiting());
+    // Handed out in place of the socket's own receive function.
+    char buffer[2048];
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    const int received =
+        transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
+    free(opaque);
+    stopSharing();
+    close(sender);
+    ASSERT_EQ(received, int(next.size()));
+    EXPECT_EQ(std::string(buffer, next.size()), next);
 }
 
 // A datagram the reading thread has no memory for is dropped, and the
