@@ -97,9 +97,10 @@ struct Sharing {
     LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
                              std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
                          kMaxLoggedSources}; // the reading thread's only
-    // When the reading thread last logged a request it had no memory for;
-    // the reading thread's only.
+    // When the reading thread last logged a request it had no memory for
+    // (the reading thread's only), and the agent's thread (its only).
     std::optional<LogRateLimit::Clock::time_point> shortLogged;
+    std::optional<LogRateLimit::Clock::time_point> shortLoggedInTurn;
 };
 
 // Set up and torn down by the agent's thread, while no request is read.
@@ -134,18 +135,25 @@ std::string sourceText(const std::string &key)
     return text[0] != '\0' ? text : "an unknown source";
 }
 
-// A datagram read but not queued for want of memory: it is lost, as one the
-// kernel drops, and the manager asks again. Logged once a minute, and
-// without allocating.
-void dropForWantOfMemory(Sharing *sharing)
+// A datagram dropped for want of memory: it is lost, as one the kernel
+// drops, and the manager asks again. Logged at most once a minute by each
+// thread that drops (`last` is that thread's), without allocating.
+void logDropForWantOfMemory(Sharing *sharing, std::optional<LogRateLimit::Clock::time_point> *last,
+                            const char *line)
 {
     const auto now = LogRateLimit::Clock::now();
-    if (sharing->shortLogged && now - *sharing->shortLogged < sharing->dropLog.interval()) {
+    if (*last && now - **last < sharing->dropLog.interval()) {
         return;
     }
-    sharing->shortLogged = now;
-    logAt(LogLevel::kWarning,
-          "out of memory: a request was dropped as it arrived (logged once a minute)");
+    *last = now;
+    logAt(LogLevel::kWarning, "%s", line);
+}
+
+void dropForWantOfMemory(Sharing *sharing)
+{
+    logDropForWantOfMemory(
+        sharing, &sharing->shortLogged,
+        "out of memory: a request was dropped as it arrived (logged once a minute)");
 }
 
 // Reads the datagram `socket` holds first into its queue. One a round:
@@ -230,6 +238,7 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
 {
     Sharing *sharing = g_sharing;
     std::optional<std::pair<std::string, Datagram>> next;
+    bool shortOfMemory = false;
     if (sharing != nullptr) {
         std::lock_guard lock(sharing->mutex);
         for (const auto &socket : sharing->sockets) {
@@ -237,13 +246,25 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
                 try {
                     next = socket->waiting.pop();
                 } catch (const std::bad_alloc &) {
-                    // The datagram stays first in turn; the loop asks again.
-                    errno = ENOMEM;
-                    return -1;
+                    // Dropped, as one the reading thread had no memory
+                    // for: kept, it would be asked for again at once.
+                    std::optional<Datagram> dropped = socket->waiting.dropFirst();
+                    if (dropped) {
+                        sharing->waiting.fetch_sub(1);
+                        release(&*dropped);
+                    }
+                    shortOfMemory = true;
                 }
                 break;
             }
         }
+    }
+    if (shortOfMemory) {
+        logDropForWantOfMemory(
+            sharing, &sharing->shortLoggedInTurn,
+            "out of memory: a request was dropped in its turn (logged once a minute)");
+        errno = ENOMEM;
+        return -1;
     }
     if (!next) {
         errno = EAGAIN;

@@ -24,6 +24,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -231,6 +232,68 @@ TEST_F(Fairness, ADatagramWithoutMemoryForItIsDroppedAndTheNextOneRead)
     EXPECT_EQ(std::string(buffer, next.size()), next);
     free(opaque);
     close(sender);
+}
+
+// A request the agent's thread has no memory to take in its turn is
+// dropped, not left first in turn to be asked for again at once: the next
+// call hands out the one after it. Fifteen sources wait, the first with two
+// requests, so that taking its first queues its next turn at the end of a
+// full block of the turns' deque, which allocates.
+TEST_F(Fairness, ARequestWithoutMemoryToTakeItInTurnIsDropped)
+{
+    g_receive = transport_->f_recv;
+    g_receives = 0;
+    transport_->f_recv = countingReceive;
+    shareBetweenSources(mark_, 32, [] {});
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    std::vector<int> senders;
+    const auto sendFrom = [&](int source, const std::string &bytes) {
+        sockaddr_in from{};
+        from.sin_family = AF_INET;
+        from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + uint32_t(source));
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        senders.push_back(fd);
+        return fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) == 0 &&
+               sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
+                      sizeof address) == ssize_t(bytes.size());
+    };
+    ASSERT_TRUE(sendFrom(0, "first of 127.0.0.1"));
+    for (int i = 0; i < 5000 && g_receives.load() < 1; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(sendFrom(0, "second of 127.0.0.1"));
+    for (int source = 1; source < 15; source++) {
+        ASSERT_TRUE(sendFrom(source, "one of 127.0.0." + std::to_string(source + 1)));
+    }
+    // 16 datagrams read (the reading thread reads one a round).
+    for (int i = 0; i < 5000 && g_receives.load() < 16; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_GE(g_receives.load(), 16);
+
+    char buffer[2048];
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    errno = 0;
+    const int dropped =
+        transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
+    const int error = errno;
+    kelp::test::failNthAllocation(0);
+    EXPECT_EQ(dropped, -1);
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
+    const int next = transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
+    free(opaque);
+    stopSharing();
+    for (const int fd : senders) {
+        close(fd);
+    }
+    ASSERT_GT(next, 0);
+    EXPECT_EQ(std::string(buffer, size_t(next)), "second of 127.0.0.1");
 }
 
 } // namespace

@@ -108,6 +108,26 @@ template <typename Item> class FairQueue {
         return next;
     }
 
+    // Drops the item pop() would hand out, and answers it; nullopt when none
+    // waits. Allocates nothing, so that a caller whose pop ran out of
+    // memory can still make room: the source keeps its turn, first, for
+    // its next item, if any.
+    std::optional<Item> dropFirst() noexcept
+    {
+        if (turns_.empty()) {
+            return std::nullopt;
+        }
+        auto it = waiting_.find(turns_.front());
+        std::optional<Item> dropped(std::move(it->second.front()));
+        it->second.pop_front();
+        size_--;
+        if (it->second.empty()) {
+            turns_.pop_front();
+            waiting_.erase(it);
+        }
+        return dropped;
+    }
+
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     size_t capacity() const { return capacity_; }

@@ -267,5 +267,27 @@ TEST(FairQueue, APopThatRunsOutOfMemoryLeavesTheQueueAsItWas)
     }
 }
 
+TEST(FairQueue, DropFirstTakesWhatPopWouldAndAllocatesNothing)
+{
+    Queue queue = fifteenSources();
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    const std::optional<std::string> dropped = queue.dropFirst();
+    kelp::test::failNthAllocation(0);
+    EXPECT_EQ(kelp::test::failedAllocations(), failedBefore);
+    EXPECT_EQ(dropped, item("1"));
+    EXPECT_EQ(queue.size(), fifteenSources().size() - 1);
+    // The source keeps its turn, first, for its next item.
+    const auto next = queue.pop();
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->first + ":" + next->second, "a:" + item("2"));
+    // A source whose last item is dropped loses its turn.
+    Queue one = queueOf(4, {{"a", "1"}, {"b", "2"}});
+    EXPECT_EQ(one.dropFirst(), item("1"));
+    EXPECT_EQ(drained(one), "b:" + item("2") + "\n");
+    Queue none(4);
+    EXPECT_FALSE(none.dropFirst());
+}
+
 } // namespace
 } // namespace kelp::agent
