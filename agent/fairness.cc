@@ -28,7 +28,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -301,11 +303,14 @@ SessionMark markSessions()
     return SessionMark{Sessions};
 }
 
-void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
+namespace {
+
+// shareBetweenSources's work; changes nothing outside `sharing` until the
+// reading thread runs, so that a failure (std::bad_alloc, or a
+// std::system_error for a thread that cannot start) leaves the sockets to
+// net-snmp as they were.
+void startSharing(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
 {
-    if (maxWaiting == 0 || g_sharing != nullptr) {
-        return;
-    }
     auto sharing = std::make_unique<Sharing>();
     sharing->wake = std::move(wake);
     // net-snmp adds a session at the head of its list.
@@ -334,22 +339,45 @@ void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void
     if (sharing->sockets.empty()) {
         return;
     }
+    sharing->buffer.resize(kMaxDatagram);
+    sharing->fds.reserve(sharing->sockets.size() + 1);
     sharing->stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (sharing->stopFd < 0) {
         logAt(LogLevel::kWarning, "requests are answered in order of arrival: no eventfd (%s)",
               std::strerror(errno));
         return;
     }
-    sharing->buffer.resize(kMaxDatagram);
     for (const auto &socket : sharing->sockets) {
         sharing->fds.push_back(pollfd{socket->transport->sock, POLLIN, 0});
     }
     sharing->fds.push_back(pollfd{sharing->stopFd, POLLIN, 0});
+    try {
+        sharing->thread = std::thread(readSockets, sharing.get());
+    } catch (...) {
+        close(sharing->stopFd);
+        throw;
+    }
     for (const auto &socket : sharing->sockets) {
         socket->transport->f_recv = receiveInTurn;
     }
     g_sharing = sharing.release();
-    g_sharing->thread = std::thread(readSockets, g_sharing);
+}
+
+} // namespace
+
+void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
+{
+    if (maxWaiting == 0 || g_sharing != nullptr) {
+        return;
+    }
+    try {
+        startSharing(mark, maxWaiting, std::move(wake));
+    } catch (const std::bad_alloc &) {
+        logAt(LogLevel::kWarning, "requests are answered in order of arrival: out of memory");
+    } catch (const std::system_error &e) {
+        logAt(LogLevel::kWarning,
+              "requests are answered in order of arrival: no reading thread (%s)", e.what());
+    }
 }
 
 bool requestsWaiting()

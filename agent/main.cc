@@ -2,16 +2,23 @@
 // shut-down in the order the plug-in expects; everything else lives in the
 // files named after what it does (options, runtimesetup, module, handler,
 // snmpagent, traps/).
+#include <signal.h>
+#include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
+#include <new>
 #include <string>
+#include <system_error>
 
 #include "config.h"
+#include "heap.h"
+#include "kelp/runtime.h"
 #include "log.h"
 #include "module.h"
 #include "notify.h"
@@ -48,6 +55,38 @@ int fail(const std::string &message)
 {
     logAt(LogLevel::kError, "%s", message.c_str());
     return 1;
+}
+
+// The longest a stop may take. A plug-in thread that never ends would hold
+// it for good (the plug-in waits for the end of a thread that never
+// started as for any other); the agent then ends by itself, saying why,
+// instead of waiting for a service manager to kill it.
+constexpr std::chrono::seconds kLongestStop{30};
+
+void endTheStop(int)
+{
+    static constexpr char kLine[] =
+        "kelpagent: stopping takes too long (a plug-in thread does not end): exiting\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
+    _exit(1);
+}
+
+// From now on the process ends after kLongestStop (scaled by
+// KELP_TIME_SCALE, for tests).
+void boundTheStop()
+{
+    struct sigaction action {};
+    action.sa_handler = endTheStop;
+    sigaction(SIGALRM, &action, nullptr);
+    const double seconds = double(kLongestStop.count()) / kelpRuntimeTimeScale();
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(seconds);
+    timer.it_value.tv_usec =
+        static_cast<suseconds_t>((seconds - double(timer.it_value.tv_sec)) * 1e6);
+    if (timer.it_value.tv_sec == 0 && timer.it_value.tv_usec == 0) {
+        timer.it_value.tv_usec = 1;
+    }
+    setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
 // The system group's values: the options, the host's name for an empty
@@ -113,6 +152,7 @@ int run(const Options &options, const RunAs &runAs)
     ModuleHost module;
     std::unique_ptr<RequestPath> requests;
     const auto stopAll = [&] {
+        boundTheStop();
         traps.close();
         // The worker may be inside the plug-in: it ends before the unload.
         if (requests) {
@@ -126,8 +166,17 @@ int run(const Options &options, const RunAs &runAs)
         RequestSettings requestSettings;
         requestSettings.delegatedBudget =
             options.agentx ? kSubagentRequestBudget : kMasterRequestBudget;
-        requests = std::make_unique<RequestPath>(module.dispatch(), requestSettings,
-                                                 [] { SnmpAgent::wake(); });
+        try {
+            requests = std::make_unique<RequestPath>(module.dispatch(), requestSettings,
+                                                     [] { SnmpAgent::wake(); });
+        } catch (const std::bad_alloc &) {
+            error = "the request path does not start: out of memory";
+            return false;
+        } catch (const std::system_error &e) {
+            error =
+                std::string("the request path does not start: no worker thread (") + e.what() + ")";
+            return false;
+        }
         return requests->registerRoot(&error);
     };
     if (!module.open(options.module, &error) ||
@@ -184,6 +233,8 @@ int run(const Options &options, const RunAs &runAs)
 int main(int argc, char **argv)
 {
     using namespace kelp::agent;
+    // Before any thread starts.
+    const std::string heapLine = shareOneHeapUnderAddressLimit();
     SnmpAgent::catchStopSignals();
     Options options;
     std::string error;
@@ -214,6 +265,9 @@ int main(int argc, char **argv)
     if (!options.config.empty()) {
         logLine("options read from %s", options.config.c_str());
     }
+    if (!heapLine.empty()) {
+        logLine("%s", heapLine.c_str());
+    }
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
         !checkStateDirWritable(options.stateDir, &error)) {
         return fail(error);
@@ -231,5 +285,16 @@ int main(int argc, char **argv)
         !refusal.empty()) {
         return fail(refusal);
     }
-    return run(options, runAs);
+    try {
+        return run(options, runAs);
+    } catch (const std::bad_alloc &) {
+        // What each part can go on without is caught where it fails; this
+        // is the rest, which ends the agent with its reason (logged without
+        // allocating).
+        logAt(LogLevel::kError, "stopping: out of memory");
+        return 1;
+    } catch (const std::exception &e) {
+        logAt(LogLevel::kError, "stopping: %s", e.what());
+        return 1;
+    }
 }

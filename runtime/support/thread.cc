@@ -48,9 +48,13 @@ SMThreadHandle SMThreadStart(SMThreadFn fn, void *arg)
         rec->control = std::make_shared<kelp::rt::ThreadControl>();
         rec->thread = std::thread(runThread, rec->control, fn, arg);
         return rec.release();
-    } catch (const std::system_error &) {
+    } catch (const std::system_error &e) {
+        kelp::rt::logError("cannot start a thread for the plug-in: %s; its work is not done",
+                           e.what());
         return nullptr;
     } catch (const std::bad_alloc &) {
+        kelp::rt::logError("cannot start a thread for the plug-in: out of memory; its work is "
+                           "not done");
         return nullptr;
     }
 }
