@@ -18,7 +18,6 @@
 
 #include "config.h"
 #include "heap.h"
-#include "kelp/runtime.h"
 #include "log.h"
 #include "module.h"
 #include "notify.h"
@@ -57,11 +56,12 @@ int fail(const std::string &message)
     return 1;
 }
 
-// The longest a stop may take. A plug-in thread that never ends would hold
-// it for good (the plug-in waits for the end of a thread that never
-// started as for any other); the agent then ends by itself, saying why,
-// instead of waiting for a service manager to kill it.
-constexpr std::chrono::seconds kLongestStop{30};
+// The longest a stop may take, unless KELP_STOP_TIMEOUT gives another
+// number of seconds. A plug-in thread that never ends would hold the stop
+// for good (the plug-in waits for the end of a thread that never started
+// as for any other); the agent then ends by itself, saying why, instead of
+// waiting for a service manager to kill it.
+constexpr double kLongestStopSeconds = 30;
 
 void endTheStop(int)
 {
@@ -71,14 +71,20 @@ void endTheStop(int)
     _exit(1);
 }
 
-// From now on the process ends after kLongestStop (scaled by
-// KELP_TIME_SCALE, for tests).
+// From now on the process ends after the longest stop.
 void boundTheStop()
 {
+    double seconds = kLongestStopSeconds;
+    if (const char *text = std::getenv("KELP_STOP_TIMEOUT"); text != nullptr && *text != '\0') {
+        char *end = nullptr;
+        const double given = std::strtod(text, &end);
+        if (*end == '\0' && given > 0 && given < 1e6) {
+            seconds = given;
+        }
+    }
     struct sigaction action {};
     action.sa_handler = endTheStop;
     sigaction(SIGALRM, &action, nullptr);
-    const double seconds = double(kLongestStop.count()) / kelpRuntimeTimeScale();
     itimerval timer{};
     timer.it_value.tv_sec = static_cast<time_t>(seconds);
     timer.it_value.tv_usec =

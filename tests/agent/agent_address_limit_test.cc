@@ -35,10 +35,10 @@ Outcome underLimit(int mebibytes)
 {
     TempDir dir;
     const int port = freeUdpPort();
-    // A stop held by a plug-in thread that never started ends after 3 s,
+    // A stop held by a plug-in thread that never started ends after 2 s,
     // not 30.
     std::vector<std::string> environment = agentEnv();
-    environment.push_back("KELP_TIME_SCALE=10");
+    environment.push_back("KELP_STOP_TIMEOUT=2");
     Process agent({"/usr/bin/prlimit", "--as=" + std::to_string(mebibytes * 1048576L), "--",
                    kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
                    "udp:127.0.0.1:" + std::to_string(port), "--module", modulePath(), "--model",
