@@ -70,15 +70,85 @@ class Fairness : public ::testing::Test {
     void TearDown() override
     {
         stopSharing();
+        if (g_receive != nullptr && transport_ != nullptr) {
+            transport_->f_recv = g_receive;
+        }
+        g_receive = nullptr;
         if (session_ != nullptr) {
             snmp_close(session_);
         }
+        for (const int fd : senders_) {
+            close(fd);
+        }
+    }
+
+    // Puts `receive` in place of the transport's own receive function,
+    // which it may call through g_receive, until the end of the test.
+    void receiveThrough(ReceiveFunction receive)
+    {
+        g_receive = transport_->f_recv;
+        transport_->f_recv = receive;
+    }
+
+    // Sends `bytes` to the session from 127.0.0.(source + 1), on a socket
+    // closed after the test.
+    bool sendFrom(int source, const std::string &bytes)
+    {
+        sockaddr_in to{};
+        socklen_t length = sizeof to;
+        if (getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&to), &length) != 0) {
+            return false;
+        }
+        sockaddr_in from{};
+        from.sin_family = AF_INET;
+        from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + uint32_t(source));
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        if (fd < 0) {
+            return false;
+        }
+        senders_.push_back(fd);
+        return bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) == 0 &&
+               sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to),
+                      sizeof to) == ssize_t(bytes.size());
+    }
+
+    bool send(const std::string &bytes) { return sendFrom(0, bytes); }
+
+    // The next request in turn, as net-snmp takes it (the receive function
+    // the reading thread put in place): its bytes, or "" with the result
+    // and errno in *result and *error when there is none.
+    std::string receiveInTurn(int *result = nullptr, int *error = nullptr)
+    {
+        char buffer[2048];
+        void *opaque = nullptr;
+        int opaqueLength = 0;
+        errno = 0;
+        const int received =
+            transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
+        if (error != nullptr) {
+            *error = errno;
+        }
+        if (result != nullptr) {
+            *result = received;
+        }
+        free(opaque);
+        return received > 0 ? std::string(buffer, size_t(received)) : std::string();
     }
 
     SessionMark mark_;
     netsnmp_session *session_ = nullptr;
     netsnmp_transport *transport_ = nullptr;
+    std::vector<int> senders_;
 };
+
+// Waits up to `limit` for `done`.
+template <typename Done> bool eventually(Done done, int limitMs = 5000)
+{
+    for (int i = 0; i < limitMs && !done(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
+}
 
 TEST_F(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 {
@@ -104,31 +174,17 @@ TEST_F(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 
 TEST_F(Fairness, ARequestThatArrivesAloneIsReadOnce)
 {
-    g_receive = transport_->f_recv;
     g_receives = 0;
-    transport_->f_recv = countingReceive;
+    receiveThrough(countingReceive);
     shareBetweenSources(mark_, 4, [] {});
 
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(sender, 0);
     const char request[] = "a request";
-    ASSERT_EQ(sendto(sender, request, sizeof request, 0, reinterpret_cast<sockaddr *>(&address),
-                     sizeof address),
-              ssize_t(sizeof request));
-    for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_TRUE(requestsWaiting());
+    ASSERT_TRUE(send(std::string(request, sizeof request)));
+    ASSERT_TRUE(eventually(requestsWaiting));
     // Joins the reading thread: any read it makes after the request's has
     // been made by then.
     stopSharing();
     EXPECT_EQ(g_receives.load(), 1);
-
-    transport_->f_recv = g_receive;
-    close(sender);
 }
 
 // net-snmp's receive function without memory for the sender's address: it
@@ -151,41 +207,14 @@ int receiveShortOfMemory(netsnmp_transport *transport, void *buffer, int size, v
 // socket and dropped, not polled for again and again; the next is read.
 TEST_F(Fairness, ADatagramTheReceiveFunctionHasNoMemoryForIsDropped)
 {
-    g_receive = transport_->f_recv;
-    transport_->f_recv = receiveShortOfMemory;
+    receiveThrough(receiveShortOfMemory);
     g_receiveShortOfMemory = true;
     shareBetweenSources(mark_, 4, [] {});
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(sender, 0);
-    const auto send = [&](const std::string &bytes) {
-        return sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                      sizeof address) == ssize_t(bytes.size());
-    };
     ASSERT_TRUE(send("the dropped request"));
-    for (int i = 0; i < 5000 && g_receiveShortOfMemory; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_FALSE(g_receiveShortOfMemory);
-    const std::string next = "the next request";
-    ASSERT_TRUE(send(next));
-    for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_TRUE(requestsWaiting());
-    // Handed out in place of the socket's own receive function.
-    char buffer[2048];
-    void *opaque = nullptr;
-    int opaqueLength = 0;
-    const int received =
-        transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
-    free(opaque);
-    stopSharing();
-    close(sender);
-    ASSERT_EQ(received, int(next.size()));
-    EXPECT_EQ(std::string(buffer, next.size()), next);
+    ASSERT_TRUE(eventually([] { return !g_receiveShortOfMemory; }));
+    ASSERT_TRUE(send("the next request"));
+    ASSERT_TRUE(eventually(requestsWaiting));
+    EXPECT_EQ(receiveInTurn(), "the next request");
 }
 
 // A datagram the reading thread has no memory for is dropped, and the
@@ -193,45 +222,19 @@ TEST_F(Fairness, ADatagramTheReceiveFunctionHasNoMemoryForIsDropped)
 TEST_F(Fairness, ADatagramWithoutMemoryForItIsDroppedAndTheNextOneRead)
 {
     shareBetweenSources(mark_, 4, [] {});
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(sender, 0);
-    const auto send = [&](const std::string &bytes) {
-        return sendto(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                      sizeof address) == ssize_t(bytes.size());
-    };
-    const auto waitForRequest = [] {
-        for (int i = 0; i < 5000 && !requestsWaiting(); i++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return requestsWaiting();
-    };
-
     // The datagram's copy is the only allocation of its odd size.
     const std::string unlucky(1237, 'x');
     const size_t failedBefore = kelp::test::failedAllocations();
     kelp::test::failAllocationsOf(unlucky.size());
     ASSERT_TRUE(send(unlucky));
-    for (int i = 0; i < 5000 && kelp::test::failedAllocations() == failedBefore; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    const bool failed = eventually([&] { return kelp::test::failedAllocations() > failedBefore; });
     kelp::test::failAllocationsOf(0);
-    ASSERT_GT(kelp::test::failedAllocations(), failedBefore);
+    ASSERT_TRUE(failed);
     EXPECT_FALSE(requestsWaiting());
 
-    const std::string next = "the next request";
-    ASSERT_TRUE(send(next));
-    ASSERT_TRUE(waitForRequest());
-    char buffer[2048];
-    void *opaque = nullptr;
-    int opaqueLength = 0;
-    EXPECT_EQ(transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength),
-              int(next.size()));
-    EXPECT_EQ(std::string(buffer, next.size()), next);
-    free(opaque);
-    close(sender);
+    ASSERT_TRUE(send("the next request"));
+    ASSERT_TRUE(eventually(requestsWaiting));
+    EXPECT_EQ(receiveInTurn(), "the next request");
 }
 
 // A request the agent's thread has no memory to take in its turn is
@@ -241,59 +244,28 @@ TEST_F(Fairness, ADatagramWithoutMemoryForItIsDroppedAndTheNextOneRead)
 // full block of the turns' deque, which allocates.
 TEST_F(Fairness, ARequestWithoutMemoryToTakeItInTurnIsDropped)
 {
-    g_receive = transport_->f_recv;
     g_receives = 0;
-    transport_->f_recv = countingReceive;
+    receiveThrough(countingReceive);
     shareBetweenSources(mark_, 32, [] {});
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(transport_->sock, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    std::vector<int> senders;
-    const auto sendFrom = [&](int source, const std::string &bytes) {
-        sockaddr_in from{};
-        from.sin_family = AF_INET;
-        from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + uint32_t(source));
-        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        senders.push_back(fd);
-        return fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) == 0 &&
-               sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                      sizeof address) == ssize_t(bytes.size());
-    };
     ASSERT_TRUE(sendFrom(0, "first of 127.0.0.1"));
-    for (int i = 0; i < 5000 && g_receives.load() < 1; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    ASSERT_TRUE(eventually([] { return g_receives.load() >= 1; }));
     ASSERT_TRUE(sendFrom(0, "second of 127.0.0.1"));
     for (int source = 1; source < 15; source++) {
         ASSERT_TRUE(sendFrom(source, "one of 127.0.0." + std::to_string(source + 1)));
     }
     // 16 datagrams read (the reading thread reads one a round).
-    for (int i = 0; i < 5000 && g_receives.load() < 16; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_GE(g_receives.load(), 16);
+    ASSERT_TRUE(eventually([] { return g_receives.load() >= 16; }));
 
-    char buffer[2048];
-    void *opaque = nullptr;
-    int opaqueLength = 0;
     const size_t failedBefore = kelp::test::failedAllocations();
+    int result = 0;
+    int error = 0;
     kelp::test::failNthAllocation(1);
-    errno = 0;
-    const int dropped =
-        transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
-    const int error = errno;
+    receiveInTurn(&result, &error);
     kelp::test::failNthAllocation(0);
-    EXPECT_EQ(dropped, -1);
+    EXPECT_EQ(result, -1);
     EXPECT_EQ(error, ENOMEM);
     EXPECT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
-    const int next = transport_->f_recv(transport_, buffer, sizeof buffer, &opaque, &opaqueLength);
-    free(opaque);
-    stopSharing();
-    for (const int fd : senders) {
-        close(fd);
-    }
-    ASSERT_GT(next, 0);
-    EXPECT_EQ(std::string(buffer, size_t(next)), "second of 127.0.0.1");
+    EXPECT_EQ(receiveInTurn(), "second of 127.0.0.1");
 }
 
 } // namespace

@@ -66,6 +66,15 @@ TEST(CopyTrap, UnusableRecordsAreRefusedWithAReason)
     EXPECT_TRUE(copyTrap(&enterprise, 6, 1, 0, nullptr, &trap, &why)) << why;
 }
 
+// Waits up to 10 s for the queue to have woken its pump `count` times.
+bool wokenTimes(const std::atomic<int> &wakes, int count)
+{
+    for (int i = 0; i < 2000 && wakes.load() < count; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return wakes.load() == count;
+}
+
 Trap trapNumbered(uint32_t specific)
 {
     Trap trap;
@@ -84,10 +93,7 @@ TEST(TrapQueue, TrapsFromOtherThreadsAreSentByThePumpInOrder)
     std::future<uint32_t> first =
         std::async(std::launch::async, [&] { return queue.submit(trapNumbered(1)); });
     // Bounded: the submitter waits at most its patience.
-    for (int i = 0; i < 2000 && wakes.load() == 0; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_EQ(wakes.load(), 1);
+    ASSERT_TRUE(wokenTimes(wakes, 1));
     queue.pump();
     EXPECT_EQ(first.get(), 0u);
     EXPECT_EQ(queue.submit(trapNumbered(2)), 0u) << "the pump's own thread sends at once";
@@ -121,16 +127,10 @@ TEST(TrapQueue, ATrapWithoutMemoryToSendFailsAndThePumpGoesOn)
     queue.adoptPumpThread();
     std::future<uint32_t> first =
         std::async(std::launch::async, [&] { return queue.submit(trapNumbered(1)); });
-    for (int i = 0; i < 2000 && wakes.load() == 0; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_EQ(wakes.load(), 1);
+    ASSERT_TRUE(wokenTimes(wakes, 1));
     std::future<uint32_t> second =
         std::async(std::launch::async, [&] { return queue.submit(trapNumbered(2)); });
-    for (int i = 0; i < 2000 && wakes.load() < 2; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_EQ(wakes.load(), 2);
+    ASSERT_TRUE(wokenTimes(wakes, 2));
     queue.pump();
     EXPECT_EQ(first.get(), uint32_t{SM_SNMP_GENERR});
     EXPECT_EQ(second.get(), 0u);
@@ -163,9 +163,7 @@ TEST(TrapQueue, ClosingFailsWaitingAndLaterTraps)
     queue.adoptPumpThread();
     std::future<uint32_t> waiting =
         std::async(std::launch::async, [&] { return queue.submit(trapNumbered(1)); });
-    for (int i = 0; i < 2000 && wakes.load() == 0; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(wokenTimes(wakes, 1));
     queue.close();
     EXPECT_EQ(waiting.get(), uint32_t{SM_SNMP_GENERR});
     EXPECT_EQ(std::async(std::launch::async, [&] { return queue.submit(trapNumbered(2)); }).get(),
