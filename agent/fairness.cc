@@ -99,10 +99,12 @@ struct Sharing {
     LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
                              std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
                          kMaxLoggedSources}; // the reading thread's only
-    // When the reading thread last logged a request it had no memory for
-    // (the reading thread's only), and the agent's thread (its only).
-    std::optional<LogRateLimit::Clock::time_point> shortLogged;
-    std::optional<LogRateLimit::Clock::time_point> shortLoggedInTurn;
+    // Requests dropped for want of memory as they arrive (the reading
+    // thread) and in their turn (the agent's thread).
+    LogInterval droppedOnArrival{std::chrono::duration_cast<LogInterval::Clock::duration>(
+        std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale())};
+    LogInterval droppedInTurn{std::chrono::duration_cast<LogInterval::Clock::duration>(
+        std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale())};
 };
 
 // Set up and torn down by the agent's thread, while no request is read.
@@ -138,23 +140,19 @@ std::string sourceText(const std::string &key)
 }
 
 // A datagram dropped for want of memory: it is lost, as one the kernel
-// drops, and the manager asks again. Logged at most once a minute by each
-// thread that drops (`last` is that thread's), without allocating.
-void logDropForWantOfMemory(Sharing *sharing, std::optional<LogRateLimit::Clock::time_point> *last,
-                            const char *line)
+// drops, and the manager asks again. Logged at most once a minute, without
+// allocating.
+void logDropForWantOfMemory(LogInterval *interval, const char *line)
 {
-    const auto now = LogRateLimit::Clock::now();
-    if (*last && now - **last < sharing->dropLog.interval()) {
-        return;
+    if (interval->allow(LogInterval::Clock::now())) {
+        logAt(LogLevel::kWarning, "%s", line);
     }
-    *last = now;
-    logAt(LogLevel::kWarning, "%s", line);
 }
 
 void dropForWantOfMemory(Sharing *sharing)
 {
     logDropForWantOfMemory(
-        sharing, &sharing->shortLogged,
+        &sharing->droppedOnArrival,
         "out of memory: a request was dropped as it arrived (logged once a minute)");
 }
 
@@ -263,7 +261,7 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
     }
     if (shortOfMemory) {
         logDropForWantOfMemory(
-            sharing, &sharing->shortLoggedInTurn,
+            &sharing->droppedInTurn,
             "out of memory: a request was dropped in its turn (logged once a minute)");
         errno = ENOMEM;
         return -1;

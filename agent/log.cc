@@ -257,6 +257,18 @@ std::string syslogDatagram(LogLevel level, std::chrono::system_clock::time_point
            " kelpagent[" + std::to_string(pid) + "]: " + std::string(body);
 }
 
+bool LogInterval::allow(Clock::time_point now)
+{
+    const Clock::rep at = now.time_since_epoch().count();
+    Clock::rep last = last_.load();
+    while (last == kNever || at - last >= interval_.count()) {
+        if (last_.compare_exchange_weak(last, at)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 LogRateLimit::LogRateLimit(Clock::duration interval, size_t maxKeys)
     : interval_(interval), maxKeys_(maxKeys == 0 ? 1 : maxKeys)
 {

@@ -11,8 +11,10 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <limits>
 #include <map>
 #include <string>
 #include <string_view>
@@ -89,12 +91,27 @@ class LogRateLimit {
     // the key's interval then starts at `now`.
     bool allow(const std::string &key, Clock::time_point now);
 
-    Clock::duration interval() const { return interval_; }
-
   private:
     Clock::duration interval_;
     size_t maxKeys_;
     std::map<std::string, Clock::time_point> last_;
+};
+
+// Lets an event through at most once per `interval`, whichever thread asks,
+// without allocating: for the lines about memory running short.
+class LogInterval {
+  public:
+    using Clock = std::chrono::steady_clock;
+    explicit LogInterval(Clock::duration interval) : interval_(interval) {}
+
+    // True when no event was let through in the last interval before `now`;
+    // the interval then starts at `now`.
+    bool allow(Clock::time_point now);
+
+  private:
+    static constexpr Clock::rep kNever = std::numeric_limits<Clock::rep>::min();
+    Clock::duration interval_;
+    std::atomic<Clock::rep> last_{kNever};
 };
 
 } // namespace kelp::agent

@@ -6,9 +6,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <regex>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -167,6 +170,31 @@ TEST(Log, ALineWithoutMemoryToFormatItIsWrittenAsItStands)
     const std::string next = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(std::regex_match(next, std::regex(R"(\d{4}-.* kelpagent: memory is back\n)")))
         << next;
+}
+
+TEST(Log, AnIntervalLetsOneEventThroughWhicheverThreadAsks)
+{
+    LogInterval interval(60s);
+    const auto t0 = LogInterval::Clock::time_point{} + 1000s;
+    EXPECT_TRUE(interval.allow(t0));
+    EXPECT_FALSE(interval.allow(t0 + 1s));
+    EXPECT_FALSE(interval.allow(t0 + 59s));
+    EXPECT_TRUE(interval.allow(t0 + 60s));
+    EXPECT_FALSE(interval.allow(t0 + 61s));
+    // The first event ever goes through, whatever the clock reads.
+    LogInterval early(60s);
+    EXPECT_TRUE(early.allow(LogInterval::Clock::time_point{}));
+    // Of threads asking at once, one is let through.
+    LogInterval shared(60s);
+    std::atomic<int> allowed{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++) {
+        threads.emplace_back([&] { allowed += shared.allow(t0) ? 1 : 0; });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(allowed.load(), 1);
 }
 
 TEST(Log, ARateLimitLetsOneEventPerKeyThroughEachInterval)

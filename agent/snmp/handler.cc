@@ -364,11 +364,8 @@ void answerShortOfMemory(netsnmp_agent_request_info *reqinfo, netsnmp_request_in
             break;
         }
     }
-    // The main loop's only.
-    static std::optional<std::chrono::steady_clock::time_point> lastLogged;
-    const auto now = std::chrono::steady_clock::now();
-    if (!lastLogged || now - *lastLogged >= std::chrono::minutes(1)) {
-        lastLogged = now;
+    static LogInterval shortLog(std::chrono::minutes(1));
+    if (shortLog.allow(LogInterval::Clock::now())) {
         logAt(LogLevel::kWarning,
               "out of memory: a request was answered genErr (logged once a minute)");
     }

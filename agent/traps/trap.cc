@@ -87,13 +87,9 @@ uint32_t TrapQueue::send(const Trap &trap)
 
 void TrapQueue::logShortOfMemory()
 {
-    std::lock_guard lock(shortLogMutex_);
-    const auto now = std::chrono::steady_clock::now();
-    if (shortLogged_ && now - *shortLogged_ < std::chrono::minutes(1)) {
-        return;
+    if (shortLog_.allow(LogInterval::Clock::now())) {
+        logAt(LogLevel::kWarning, "out of memory: a trap was not sent (logged once a minute)");
     }
-    shortLogged_ = now;
-    logAt(LogLevel::kWarning, "out of memory: a trap was not sent (logged once a minute)");
 }
 
 uint32_t TrapQueue::submit(Trap trap)

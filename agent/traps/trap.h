@@ -12,11 +12,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "log.h"
 #include "platform/smsnmp.h"
 #include "value.h"
 
@@ -94,12 +94,10 @@ class TrapQueue {
     std::chrono::milliseconds patience_;
     std::thread::id pumpThread_;
     std::mutex mutex_;
-    std::condition_variable done_;               // signalled when a trap's status is set
-    std::deque<std::shared_ptr<Pending>> queue_; // guarded by mutex_
-    bool closed_ = false;                        // guarded by mutex_
-    std::mutex shortLogMutex_;
-    // When a trap was last lost for want of memory; guarded by shortLogMutex_.
-    std::optional<std::chrono::steady_clock::time_point> shortLogged_;
+    std::condition_variable done_;                  // signalled when a trap's status is set
+    std::deque<std::shared_ptr<Pending>> queue_;    // guarded by mutex_
+    bool closed_ = false;                           // guarded by mutex_
+    LogInterval shortLog_{std::chrono::minutes(1)}; // traps lost for want of memory
 };
 
 } // namespace kelp::agent
