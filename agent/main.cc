@@ -61,7 +61,7 @@ int fail(const std::string &message)
 // for good (the plug-in waits for the end of a thread that never started
 // as for any other); the agent then ends by itself, saying why, instead of
 // waiting for a service manager to kill it.
-constexpr double kLongestStopSeconds = 30;
+constexpr double kLongestStopSeconds = 60;
 
 void endTheStop(int)
 {
