@@ -46,6 +46,14 @@ namespace kelp::agent {
 namespace {
 
 constexpr auto kLogInterval = std::chrono::minutes(1);
+
+// kLogInterval on the runtime's clock (KELP_TIME_SCALE runs it fast in tests).
+std::chrono::steady_clock::duration logInterval()
+{
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale());
+}
+
 // Sources remembered by the log's rate limit; more forget the oldest.
 constexpr size_t kMaxLoggedSources = 1024;
 // net-snmp's receive buffer for one datagram (SNMP_MAX_RCV_MSG_SIZE).
@@ -96,15 +104,11 @@ struct Sharing {
     std::vector<uint8_t> buffer;
     std::vector<pollfd> fds;
     std::thread thread;
-    LogRateLimit dropLog{std::chrono::duration_cast<LogRateLimit::Clock::duration>(
-                             std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale()),
-                         kMaxLoggedSources}; // the reading thread's only
+    LogRateLimit dropLog{logInterval(), kMaxLoggedSources}; // the reading thread's only
     // Requests dropped for want of memory as they arrive (the reading
     // thread) and in their turn (the agent's thread).
-    LogInterval droppedOnArrival{std::chrono::duration_cast<LogInterval::Clock::duration>(
-        std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale())};
-    LogInterval droppedInTurn{std::chrono::duration_cast<LogInterval::Clock::duration>(
-        std::chrono::duration<double>(kLogInterval) / kelpRuntimeTimeScale())};
+    LogInterval droppedOnArrival{logInterval()};
+    LogInterval droppedInTurn{logInterval()};
 };
 
 // Set up and torn down by the agent's thread, while no request is read.

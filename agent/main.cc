@@ -56,13 +56,13 @@ int fail(const std::string &message)
     return 1;
 }
 
-// The longest a stop may take, unless KELP_STOP_TIMEOUT gives another
-// number of seconds. A plug-in thread that never ends would hold the stop
-// for good (the plug-in waits for the end of a thread that never started
-// as for any other); the agent then ends by itself, saying why, instead of
-// waiting for a service manager to kill it.
-constexpr double kLongestStopSeconds = 60;
+// How long a stop may take (stopTimeoutFrom), read at start.
+double g_stopTimeout = kDefaultStopTimeout;
 
+// A plug-in thread that never ends would hold the stop for good (the
+// plug-in waits for the end of a thread that never started as for any
+// other): the agent ends by itself, saying why, instead of waiting for a
+// service manager to kill it.
 void endTheStop(int)
 {
     static constexpr char kLine[] =
@@ -71,27 +71,18 @@ void endTheStop(int)
     _exit(1);
 }
 
-// From now on the process ends after the longest stop.
+// From now on the process ends after g_stopTimeout.
 void boundTheStop()
 {
-    double seconds = kLongestStopSeconds;
-    if (const char *text = std::getenv("KELP_STOP_TIMEOUT"); text != nullptr && *text != '\0') {
-        char *end = nullptr;
-        const double given = std::strtod(text, &end);
-        if (*end == '\0' && given > 0 && given < 1e6) {
-            seconds = given;
-        }
-    }
+    const double seconds = g_stopTimeout;
     struct sigaction action {};
     action.sa_handler = endTheStop;
     sigaction(SIGALRM, &action, nullptr);
     itimerval timer{};
     timer.it_value.tv_sec = static_cast<time_t>(seconds);
+    // At least kMinStopTimeout: never 0, which would disarm the timer.
     timer.it_value.tv_usec =
         static_cast<suseconds_t>((seconds - double(timer.it_value.tv_sec)) * 1e6);
-    if (timer.it_value.tv_sec == 0 && timer.it_value.tv_usec == 0) {
-        timer.it_value.tv_usec = 1;
-    }
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
@@ -273,6 +264,11 @@ int main(int argc, char **argv)
     }
     if (!heapLine.empty()) {
         logLine("%s", heapLine.c_str());
+    }
+    std::string stopWarning;
+    g_stopTimeout = stopTimeoutFrom(std::getenv("KELP_STOP_TIMEOUT"), &stopWarning);
+    if (!stopWarning.empty()) {
+        logAt(LogLevel::kWarning, "%s", stopWarning.c_str());
     }
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
         !checkStateDirWritable(options.stateDir, &error)) {

@@ -523,4 +523,15 @@ std::string usageText(const DefaultPlaces &places)
     return text.str();
 }
 
+double stopTimeoutFrom(const char *text, std::string *warning)
+{
+    double seconds = kDefaultStopTimeout;
+    if (text != nullptr && *text != '\0' &&
+        !setSeconds(&seconds, text, kMinStopTimeout, kMaxStopTimeout, "KELP_STOP_TIMEOUT",
+                    warning)) {
+        *warning += "; using 60";
+    }
+    return seconds;
+}
+
 } // namespace kelp::agent

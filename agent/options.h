@@ -38,6 +38,13 @@ inline constexpr double kMaxInformTimeout = 60;
 inline constexpr int kDefaultInformRetries = 5;
 inline constexpr int kMaxInformRetries = 20;
 
+// The longest a stop may take by default, and the bounds KELP_STOP_TIMEOUT
+// may give it instead: a plug-in thread that never ends would hold the stop
+// for good; the agent then ends by itself, within the 90 s systemd waits.
+inline constexpr double kDefaultStopTimeout = 60;
+inline constexpr double kMinStopTimeout = 0.01;
+inline constexpr double kMaxStopTimeout = 86400;
+
 // Requests a master holds read from its sockets and not yet answered, by
 // default and at most (--max-waiting; 0 answers in order of arrival).
 inline constexpr size_t kDefaultMaxWaiting = 256;
@@ -132,6 +139,11 @@ bool completeOptions(const DefaultPlaces &places, Options *options, std::string 
 
 // The --help text.
 std::string usageText(const DefaultPlaces &places);
+
+// The seconds a stop may take, from KELP_STOP_TIMEOUT's value (`text`, null
+// when unset): kDefaultStopTimeout when unset or empty, and also, with the reason in
+// *warning, when it is not a number of seconds within the bounds.
+double stopTimeoutFrom(const char *text, std::string *warning);
 
 } // namespace kelp::agent
 

@@ -286,5 +286,21 @@ TEST(Options, TheSystemGroupHasSensibleDefaults)
     EXPECT_FALSE(o.syslog);
 }
 
+TEST(Options, TheStopTimeoutComesFromTheEnvironmentWithinItsBounds)
+{
+    std::string warning;
+    EXPECT_EQ(stopTimeoutFrom(nullptr, &warning), kDefaultStopTimeout);
+    EXPECT_EQ(stopTimeoutFrom("", &warning), kDefaultStopTimeout);
+    EXPECT_EQ(stopTimeoutFrom("2.5", &warning), 2.5);
+    EXPECT_TRUE(warning.empty()) << warning;
+    for (const char *bad : {"0", "-3", "ten", "1e9", "nan"}) {
+        warning.clear();
+        EXPECT_EQ(stopTimeoutFrom(bad, &warning), kDefaultStopTimeout) << bad;
+        EXPECT_NE(warning.find("KELP_STOP_TIMEOUT takes a number of seconds"), std::string::npos)
+            << bad << ": " << warning;
+        EXPECT_NE(warning.find("; using 60"), std::string::npos) << warning;
+    }
+}
+
 } // namespace
 } // namespace kelp::agent
