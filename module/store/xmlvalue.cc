@@ -18,6 +18,9 @@ uint32_t cachedObjId;
 
 namespace {
 
+// The length of the text in cachedObjXML, without its NUL; written with it.
+uint32_t cachedObjLength = 0;
+
 // Puts a value text into the binding by its requested type.
 int32_t convertValue(const char *text, SMSnmpValue *value, uint64_t *slot)
 {
@@ -128,6 +131,7 @@ int32_t getValFromOID(uint32_t objId, const char *attribute, SMSnmpValue *value,
     const size_t length = std::min<size_t>(whole, kCachedObjXMLSize - 1);
     std::memcpy(cachedObjXML, text.get(), length);
     cachedObjXML[length] = '\0';
+    cachedObjLength = static_cast<uint32_t>(length);
     cachedObjId = objId;
     return valueOfAttribute(text.get(), static_cast<uint32_t>(whole), attribute, value, slot);
 }
@@ -139,6 +143,11 @@ int32_t getValFromCachedXML(const char *xml, const char *attribute, SMSnmpValue 
         return SM_SNMP_NOSUCHNAME;
     }
     return valueOfAttribute(xml, static_cast<uint32_t>(std::strlen(xml)), attribute, value, slot);
+}
+
+int32_t getValFromCachedObj(const char *attribute, SMSnmpValue *value, uint64_t *slot)
+{
+    return valueOfAttribute(cachedObjXML, cachedObjLength, attribute, value, slot);
 }
 
 char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t occurrence)

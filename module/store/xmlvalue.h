@@ -60,6 +60,11 @@ char *getAssocVal(uint32_t objId, const char *kind, const char *tag, uint32_t oc
 
 } // extern "C"
 
+// getValFromCachedXML on cachedObjXML, whose length getValFromOID kept: a
+// cell reads several attributes of its object, and each would otherwise
+// measure the whole text again. Caller holds dataMutex.
+int32_t getValFromCachedObj(const char *attribute, SMSnmpValue *value, uint64_t *slot);
+
 // Owners of the texts this layer hands around: answers of the data store
 // (released with freeMem) and heap texts such as getValFromXML's (free).
 struct StoreTextFree {

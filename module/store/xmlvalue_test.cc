@@ -3,6 +3,7 @@
 #include "store/xmlvalue.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -178,6 +179,29 @@ TEST_F(ValueTest, TheCachedTextAnswersWithoutTheDataStore)
     ASSERT_EQ(getValFromCachedXML(cachedObjXML, "Name", &v, &slot), 0);
     EXPECT_STREQ(buffer_, "Disk 5");
     EXPECT_EQ(getValFromOID(5, "Name", &v, &slot), 2);
+}
+
+TEST_F(ValueTest, TheCachedObjectIsReadToTheEndOfTheTextFetchedLast)
+{
+    SMSnmpValue v = value(SM_ASN_INTEGER);
+    uint64_t slot = 0;
+    ASSERT_EQ(getValFromOID(1, "Count", &v, &slot), 0);
+    ASSERT_EQ(getValFromCachedObj("Count", &v, &slot), 0);
+    EXPECT_EQ(v.value, 17u);
+    const size_t first = std::strlen(cachedObjXML);
+    // Object 4's text is shorter: what object 1's left beyond it in the
+    // buffer is no part of it.
+    v = value(SM_ASN_OCTET_STRING);
+    ASSERT_EQ(getValFromOID(4, "Name", &v, &slot), 0);
+    ASSERT_LT(std::strlen(cachedObjXML), first);
+    kelp::ds::unloadModel(); // the cache answers alone
+    v = value(SM_ASN_INTEGER);
+    EXPECT_EQ(getValFromCachedObj("Count", &v, &slot), 2);
+    EXPECT_EQ(getValFromCachedObj("TreeStatus", &v, &slot), 2);
+    v = value(SM_ASN_OCTET_STRING);
+    ASSERT_EQ(getValFromCachedObj("Name", &v, &slot), 0);
+    EXPECT_STREQ(buffer_, "Disk 4");
+    EXPECT_EQ(v.value, 6u);
 }
 
 TEST_F(ValueTest, OnlyTheFirstOfTwoOccurrencesIsRead)

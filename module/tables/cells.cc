@@ -41,7 +41,7 @@ int32_t openRow(uint32_t position, const SMSnmpValue *request, ObjList *list, SM
 int32_t readAttribute(uint32_t objId, const char *attribute, SMSnmpValue *value, uint64_t *slot)
 {
     if (objId == cachedObjId) {
-        return getValFromCachedXML(cachedObjXML, attribute, value, slot);
+        return getValFromCachedObj(attribute, value, slot);
     }
     return getValFromOID(objId, attribute, value, slot);
 }
