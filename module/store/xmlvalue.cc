@@ -169,6 +169,9 @@ bool dataStoreIsReady()
                    code)) {
         return false;
     }
+    // The code of a ready store, asked for at every cell, is "0".
+    if (code[0] == '0' && code[1] == '\0')
+        return true;
     char *end = nullptr;
     const long number = std::strtol(code, &end, 10);
     return end != code && number == 0;
