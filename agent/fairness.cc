@@ -146,17 +146,9 @@ std::string sourceText(const std::string &key)
 // A datagram dropped for want of memory: it is lost, as one the kernel
 // drops, and the manager asks again. Logged at most once a minute, without
 // allocating.
-void logDropForWantOfMemory(LogInterval *interval, const char *line)
-{
-    if (interval->allow(LogInterval::Clock::now())) {
-        logAt(LogLevel::kWarning, "%s", line);
-    }
-}
-
 void dropForWantOfMemory(Sharing *sharing)
 {
-    logDropForWantOfMemory(
-        &sharing->droppedOnArrival,
+    sharing->droppedOnArrival.warn(
         "out of memory: a request was dropped as it arrived (logged once a minute)");
 }
 
@@ -264,8 +256,7 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
         }
     }
     if (shortOfMemory) {
-        logDropForWantOfMemory(
-            &sharing->droppedInTurn,
+        sharing->droppedInTurn.warn(
             "out of memory: a request was dropped in its turn (logged once a minute)");
         errno = ENOMEM;
         return -1;

@@ -269,6 +269,13 @@ bool LogInterval::allow(Clock::time_point now)
     return false;
 }
 
+void LogInterval::warn(const char *line)
+{
+    if (allow(Clock::now())) {
+        logAt(LogLevel::kWarning, "%s", line);
+    }
+}
+
 LogRateLimit::LogRateLimit(Clock::duration interval, size_t maxKeys)
     : interval_(interval), maxKeys_(maxKeys == 0 ? 1 : maxKeys)
 {

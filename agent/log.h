@@ -108,6 +108,9 @@ class LogInterval {
     // the interval then starts at `now`.
     bool allow(Clock::time_point now);
 
+    // Logs `line` as a warning when allow(now) lets it through.
+    void warn(const char *line);
+
   private:
     static constexpr Clock::rep kNever = std::numeric_limits<Clock::rep>::min();
     Clock::duration interval_;

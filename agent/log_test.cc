@@ -197,6 +197,18 @@ TEST(Log, AnIntervalLetsOneEventThroughWhicheverThreadAsks)
     EXPECT_EQ(allowed.load(), 1);
 }
 
+TEST(Log, AnIntervalsWarningIsLoggedOnceWithinTheInterval)
+{
+    ASSERT_TRUE(logOpen(LogSink::kStderrPlain, LogLevel::kInfo));
+    LogInterval interval(60s);
+    testing::internal::CaptureStderr();
+    interval.warn("out of memory: a request was dropped");
+    interval.warn("out of memory: a request was dropped");
+    const std::string written = testing::internal::GetCapturedStderr();
+    // Once, as a warning (priority 4).
+    EXPECT_EQ(written, "<4>kelpagent: out of memory: a request was dropped\n");
+}
+
 TEST(Log, ARateLimitLetsOneEventPerKeyThroughEachInterval)
 {
     LogRateLimit limit(60s, 16);

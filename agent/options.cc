@@ -529,7 +529,7 @@ double stopTimeoutFrom(const char *text, std::string *warning)
     if (text != nullptr && *text != '\0' &&
         !setSeconds(&seconds, text, kMinStopTimeout, kMaxStopTimeout, "KELP_STOP_TIMEOUT",
                     warning)) {
-        *warning += "; using 60";
+        *warning += "; using " + std::to_string(static_cast<int>(kDefaultStopTimeout));
     }
     return seconds;
 }

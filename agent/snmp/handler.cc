@@ -277,6 +277,13 @@ struct RequestPath::Impl {
             return;
         }
         const auto deadline = LockBudget::Clock::now() + settings.delegatedBudget;
+        // A job that is not queued leaves its requests to the main loop.
+        const auto undo = [&items, cache] {
+            for (Item &item : *items) {
+                item.request->delegated = 0;
+            }
+            netsnmp_free_delegated_cache(cache);
+        };
         Delegator::Job job;
         try {
             job.work = [this, items, deadline] {
@@ -316,18 +323,12 @@ struct RequestPath::Impl {
                 return;
             }
         } catch (const std::bad_alloc &) {
-            for (Item &item : *items) {
-                item.request->delegated = 0;
-            }
-            netsnmp_free_delegated_cache(cache);
+            undo();
             throw;
         }
-        for (Item &item : *items) {
-            item.request->delegated = 0;
-        }
+        undo();
         logOverflow();
         answerAll(reqinfo, *items, Outcome::kGenErr);
-        netsnmp_free_delegated_cache(cache);
     }
 
     static void answerAll(netsnmp_agent_request_info *reqinfo, const std::vector<Item> &items,
@@ -365,10 +366,7 @@ void answerShortOfMemory(netsnmp_agent_request_info *reqinfo, netsnmp_request_in
         }
     }
     static LogInterval shortLog(std::chrono::minutes(1));
-    if (shortLog.allow(LogInterval::Clock::now())) {
-        logAt(LogLevel::kWarning,
-              "out of memory: a request was answered genErr (logged once a minute)");
-    }
+    shortLog.warn("out of memory: a request was answered genErr (logged once a minute)");
 }
 
 int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *reginfo,

@@ -87,9 +87,7 @@ uint32_t TrapQueue::send(const Trap &trap)
 
 void TrapQueue::logShortOfMemory()
 {
-    if (shortLog_.allow(LogInterval::Clock::now())) {
-        logAt(LogLevel::kWarning, "out of memory: a trap was not sent (logged once a minute)");
-    }
+    shortLog_.warn("out of memory: a trap was not sent (logged once a minute)");
 }
 
 uint32_t TrapQueue::submit(Trap trap)
