@@ -50,11 +50,7 @@ void RequestRecord::pointAtArcs()
 
 ReplyRecord::ReplyRecord()
 {
-    record_.name.count = 0;
-    record_.name.arcs = arcs_.data();
-    record_.type = 0;
-    record_.value = kValueBytes;
-    record_.buffer = bytes_.data();
+    preset();
 }
 
 ReplyRecord::~ReplyRecord()
@@ -62,6 +58,22 @@ ReplyRecord::~ReplyRecord()
     if (holdsForeignBuffer()) {
         SMFreeMem(record_.buffer);
     }
+}
+
+void ReplyRecord::reset()
+{
+    if (holdsForeignBuffer()) {
+        SMFreeMem(record_.buffer);
+    }
+    preset();
+}
+
+void ReplyRecord::preset()
+{
+    record_ = SMSnmpValue{};
+    record_.name.arcs = arcs_.data();
+    record_.value = kValueBytes;
+    record_.buffer = bytes_.data();
 }
 
 bool ReplyRecord::holdsForeignBuffer() const

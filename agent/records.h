@@ -50,6 +50,10 @@ class ReplyRecord {
 
     ReplyRecord();
     ~ReplyRecord();
+    // Presets the record as a new one is, after the value buffer the plug-in
+    // put in, if any, is released. The buffers keep their bytes: a record
+    // reused this way shows a plug-in at most an earlier reply of its own.
+    void reset();
     ReplyRecord(const ReplyRecord &) = delete;
     ReplyRecord &operator=(const ReplyRecord &) = delete;
 
@@ -64,6 +68,8 @@ class ReplyRecord {
     bool holdsForeignBuffer() const;
 
   private:
+    void preset();
+
     std::array<uint32_t, kNameArcs> arcs_{};
     std::array<unsigned char, kValueBytes> bytes_{};
     SMSnmpValue record_{};

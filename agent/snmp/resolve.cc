@@ -4,6 +4,7 @@
 #include "snmp/resolve.h"
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 
 #include "records.h"
@@ -47,6 +48,49 @@ uint32_t call(const Dispatch &dispatch, uint32_t command, RequestRecord &request
                     sizeof(SMSnmpValue), &used);
 }
 
+// A reply record for one dispatch: the thread's own, kept from one dispatch
+// to the next, since a new record clears its 1.5 KB of buffers and a walk
+// makes one for every varbind. It is on the heap, where a plug-in that
+// writes past it is caught as on the stack. A lease taken while the
+// thread's record is out (a dispatch inside a dispatch) gets a new one.
+class ReplyLease {
+  public:
+    ReplyLease()
+    {
+        if (t_leased) {
+            own_ = std::make_unique<ReplyRecord>();
+            reply_ = own_.get();
+            return;
+        }
+        if (!t_reply)
+            t_reply = std::make_unique<ReplyRecord>();
+        t_leased = true;
+        reply_ = t_reply.get();
+    }
+    ~ReplyLease()
+    {
+        if (own_)
+            return;
+        reply_->reset(); // releases a value buffer of the plug-in's now
+        t_leased = false;
+    }
+    ReplyLease(const ReplyLease &) = delete;
+    ReplyLease &operator=(const ReplyLease &) = delete;
+
+    ReplyRecord &operator*() const { return *reply_; }
+    ReplyRecord *operator->() const { return reply_; }
+
+  private:
+    static thread_local std::unique_ptr<ReplyRecord> t_reply;
+    static thread_local bool t_leased;
+
+    std::unique_ptr<ReplyRecord> own_;
+    ReplyRecord *reply_ = nullptr;
+};
+
+thread_local std::unique_ptr<ReplyRecord> ReplyLease::t_reply;
+thread_local bool ReplyLease::t_leased = false;
+
 Answer outcomeOnly(Outcome outcome)
 {
     Answer answer;
@@ -83,13 +127,13 @@ Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
     if (!request) {
         return outcomeOnly(Outcome::kNoSuchObject);
     }
-    ReplyRecord reply;
-    const Outcome outcome = resultRow(call(dispatch, SM_CMD_GET, *request, reply)).get;
+    ReplyLease reply;
+    const Outcome outcome = resultRow(call(dispatch, SM_CMD_GET, *request, *reply)).get;
     if (outcome != Outcome::kValue) {
         return outcomeOnly(outcome);
     }
     Answer answer;
-    switch (reply.readValue(&answer.value)) {
+    switch (reply->readValue(&answer.value)) {
     case ValueRead::kValue:
         answer.outcome = Outcome::kValue;
         answer.name.assign(name); // an instance's name, which fits
@@ -124,12 +168,12 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
     // walk ends even when the plug-in keeps answering names without values.
     for (int step = 0; cursor && step < kMaxGetNextSteps; step++) {
         RequestRecord request(*cursor);
-        ReplyRecord reply;
-        const Outcome outcome = resultRow(call(dispatch, SM_CMD_GETNEXT, request, reply)).getNext;
+        ReplyLease reply;
+        const Outcome outcome = resultRow(call(dispatch, SM_CMD_GETNEXT, request, *reply)).getNext;
         if (failed(outcome)) {
             return outcomeOnly(outcome);
         }
-        const std::optional<std::span<const uint32_t>> next = reply.name();
+        const std::optional<std::span<const uint32_t>> next = reply->name();
         if (outcome == Outcome::kEndOfSubtree || (next && !movesForward(*next, request.name()))) {
             // Nothing after the cursor in the plug-in's walk; the walk goes
             // on with the tables after it.
@@ -140,7 +184,7 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             return outcomeOnly(Outcome::kGenErr);
         }
         Answer answer;
-        const ValueRead read = reply.readValue(&answer.value);
+        const ValueRead read = reply->readValue(&answer.value);
         if (read == ValueRead::kBad) {
             return outcomeOnly(Outcome::kGenErr);
         }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -152,6 +153,52 @@ TEST(AnswerGet, AValueBufferOfTheModulesIsReadThenReleased)
     const Answer answer = answerGet(module.dispatch(), below({4, 0}));
     ASSERT_EQ(answer.outcome, Outcome::kValue);
     EXPECT_EQ(answer.value.bytes, "Halden (Storage Management)");
+}
+
+TEST(AnswerGet, EveryDispatchGetsAFreshlyPresetReplyAfterOneThatChangedItAll)
+{
+    // The first reply names an instance, answers with a buffer of its own and
+    // a long text; each later dispatch must still see the record as new
+    // (FakeModule checks it), and an answer of nothing must not read what the
+    // reply before it held.
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        if (call == 0) {
+            setName(reply, below({3, 0}));
+            char *own = static_cast<char *>(SMAllocMem(ReplyRecord::kValueBytes));
+            std::strcpy(own, "Halden (Storage Management)");
+            reply->buffer = own;
+            reply->type = 4;
+            reply->value = static_cast<uint32_t>(std::strlen(own));
+        } else if (call == 1) {
+            setText(reply, "Vorn Inc.");
+        }
+        return 0u;
+    };
+    EXPECT_EQ(answerGet(module.dispatch(), below({4, 0})).value.bytes,
+              "Halden (Storage Management)");
+    EXPECT_EQ(answerGet(module.dispatch(), below({3, 0})).value.bytes, "Vorn Inc.");
+    EXPECT_EQ(answerGet(module.dispatch(), below({3, 0})).outcome, Outcome::kNoSuchInstance);
+    const Answer next = answerGetNext(module.dispatch(), below({1, 0}), false);
+    EXPECT_EQ(next.outcome, Outcome::kEndOfSubtree);
+}
+
+TEST(AnswerGet, ADispatchMadeInsideADispatchHasAReplyOfItsOwn)
+{
+    FakeModule inner;
+    inner.step = [](int, SMSnmpValue *reply) {
+        setText(reply, "inner");
+        return 0u;
+    };
+    FakeModule outer;
+    std::string innerValue;
+    outer.step = [&](int, SMSnmpValue *reply) {
+        setText(reply, "outer");
+        innerValue = answerGet(inner.dispatch(), below({4, 0})).value.bytes;
+        return 0u;
+    };
+    EXPECT_EQ(answerGet(outer.dispatch(), below({3, 0})).value.bytes, "outer");
+    EXPECT_EQ(innerValue, "inner");
 }
 
 TEST(AnswerGet, AnArcAboveThirtyTwoBitsIsNoSuchObjectWithoutADispatch)
