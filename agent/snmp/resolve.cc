@@ -48,48 +48,37 @@ uint32_t call(const Dispatch &dispatch, uint32_t command, RequestRecord &request
                     sizeof(SMSnmpValue), &used);
 }
 
-// A reply record for one dispatch: the thread's own, kept from one dispatch
-// to the next, since a new record clears its 1.5 KB of buffers and a walk
-// makes one for every varbind. It is on the heap, where a plug-in that
-// writes past it is caught as on the stack. A lease taken while the
-// thread's record is out (a dispatch inside a dispatch) gets a new one.
+// A reply record for one dispatch: the thread's spare one when it has it,
+// since a new record clears its 1.5 KB of buffers and a walk makes one for
+// every varbind. Records are on the heap, where a plug-in that writes past
+// one is caught as on the stack. A dispatch inside a dispatch finds no spare
+// and gets a new record; the thread keeps one of them as its spare.
 class ReplyLease {
   public:
-    ReplyLease()
+    ReplyLease() : reply_(std::move(t_spare))
     {
-        if (t_leased) {
-            own_ = std::make_unique<ReplyRecord>();
-            reply_ = own_.get();
-            return;
-        }
-        if (!t_reply)
-            t_reply = std::make_unique<ReplyRecord>();
-        t_leased = true;
-        reply_ = t_reply.get();
+        if (!reply_)
+            reply_ = std::make_unique<ReplyRecord>();
     }
     ~ReplyLease()
     {
-        if (own_)
-            return;
         reply_->reset(); // releases a value buffer of the plug-in's now
-        t_leased = false;
+        if (!t_spare)
+            t_spare = std::move(reply_);
     }
     ReplyLease(const ReplyLease &) = delete;
     ReplyLease &operator=(const ReplyLease &) = delete;
 
     ReplyRecord &operator*() const { return *reply_; }
-    ReplyRecord *operator->() const { return reply_; }
+    ReplyRecord *operator->() const { return reply_.get(); }
 
   private:
-    static thread_local std::unique_ptr<ReplyRecord> t_reply;
-    static thread_local bool t_leased;
+    static thread_local std::unique_ptr<ReplyRecord> t_spare;
 
-    std::unique_ptr<ReplyRecord> own_;
-    ReplyRecord *reply_ = nullptr;
+    std::unique_ptr<ReplyRecord> reply_;
 };
 
-thread_local std::unique_ptr<ReplyRecord> ReplyLease::t_reply;
-thread_local bool ReplyLease::t_leased = false;
+thread_local std::unique_ptr<ReplyRecord> ReplyLease::t_spare;
 
 Answer outcomeOnly(Outcome outcome)
 {
