@@ -55,19 +55,30 @@ void Delegator::runFinished()
 
 void Delegator::stop()
 {
-    std::deque<Job> dropped;
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
-        dropped.swap(queued_);
     }
     wake_.notify_one();
     if (worker_.joinable()) {
         worker_.join();
     }
-    runFinished();
-    for (Job &job : dropped) {
-        job.finish(false);
+    // The worker has ended and submit() refuses from now on, so the jobs
+    // left are this thread's: the finished ones, then the queued ones as not
+    // run. They are taken one at a time, since stop() runs from a destructor
+    // and may run because memory is short: it allocates nothing.
+    for (;;) {
+        Job job;
+        {
+            std::lock_guard lock(mutex_);
+            std::deque<Job> &left = !finished_.empty() ? finished_ : queued_;
+            if (left.empty()) {
+                break;
+            }
+            job = std::move(left.front());
+            left.pop_front();
+        }
+        job.finish(job.ran);
     }
 }
 
@@ -76,8 +87,8 @@ void Delegator::serve()
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] { return stopping_ || !queued_.empty(); });
-        if (queued_.empty()) {
-            return;
+        if (stopping_) {
+            return; // the queued jobs are stop()'s to drop
         }
         Job job = std::move(queued_.front());
         queued_.pop_front();

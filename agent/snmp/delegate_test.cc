@@ -164,5 +164,40 @@ TEST(Delegator, StopLetsTheRunningJobEndAndDropsTheQueuedOnes)
     delegator.stop();
 }
 
+// The request path stops its worker from its destructor, also when the
+// agent ends for want of memory: a stop allocates nothing.
+TEST(Delegator, AStopWithoutMemoryStillFinishesEveryJob)
+{
+    std::promise<void> started;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    Delegator delegator(8, [] {});
+    std::vector<bool> ran;
+    ran.reserve(4); // the finishes allocate nothing either
+    Delegator::Job first;
+    first.work = [&started, released] {
+        started.set_value();
+        released.wait();
+    };
+    first.finish = [&](bool r) { ran.push_back(r); };
+    ASSERT_TRUE(delegator.submit(std::move(first)));
+    started.get_future().wait();
+    Delegator::Job second;
+    second.work = [] {};
+    second.finish = [&](bool r) { ran.push_back(r); };
+    ASSERT_TRUE(delegator.submit(std::move(second)));
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(20ms);
+        release.set_value();
+    });
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    EXPECT_NO_THROW(delegator.stop());
+    kelp::test::failNthAllocation(0);
+    releaser.join();
+    EXPECT_EQ(kelp::test::failedAllocations(), failedBefore) << "the stop allocated";
+    EXPECT_EQ(ran, (std::vector<bool>{true, false}));
+}
+
 } // namespace
 } // namespace kelp::agent
