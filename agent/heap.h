@@ -1,8 +1,10 @@
-// The C heap under a limit of address space (ulimit -v, RLIMIT_AS): glibc
+// Memory under a limit of address space (ulimit -v, RLIMIT_AS). glibc
 // reserves 64 MiB of address space for each heap a thread makes of its own,
+// and a thread's stack reserves what RLIMIT_STACK says (8 MiB by default),
 // so kelpagent reserves several times what it holds (345 MB for 22 MB
 // resident on a 1,024-disk model). Under such a limit the agent's threads
-// share one heap; without one, glibc's defaults stay (README, Performance).
+// share one heap and take smaller stacks; without one, glibc's defaults
+// stay (README, Performance).
 #ifndef KELP_AGENT_HEAP_H
 #define KELP_AGENT_HEAP_H
 
@@ -13,15 +15,26 @@
 
 namespace kelp::agent {
 
+// The stack a thread takes under a limit of address space. No thread of the
+// agent, the runtime or the plug-in holds more than a few of its 64 KiB
+// buffers on its stack at once.
+constexpr size_t kLimitedThreadStack = size_t{1} << 20;
+
 // Whether the threads should share one heap: under a limit of address space
 // (`limit`, RLIM_INFINITY for none), unless GLIBC_TUNABLES (`tunables`, or
 // null) already says how many heaps there are.
 bool shareOneHeap(rlim_t limit, const char *tunables);
 
-// Asks glibc for one heap when shareOneHeap holds for this process; call
-// first thing, before any thread starts. The line to log, "" when nothing
-// was changed.
-std::string shareOneHeapUnderAddressLimit();
+// The stack size new threads should take under `limit`, given the size they
+// take now (`current`): kLimitedThreadStack when that is smaller, else 0
+// (keep the current one).
+size_t limitedThreadStack(rlim_t limit, size_t current);
+
+// Under a limit of address space, asks glibc for one heap (shareOneHeap)
+// and makes kLimitedThreadStack the stack of every thread started later
+// (limitedThreadStack); call first thing, before any thread starts. The
+// line to log, "" when nothing was changed.
+std::string fitUnderAddressLimit();
 
 } // namespace kelp::agent
 

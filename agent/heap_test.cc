@@ -17,5 +17,17 @@ TEST(Heap, OneHeapOnlyUnderALimitOfAddressSpaceTheTunablesLeaveOpen)
         shareOneHeap(512u << 20, "glibc.malloc.trim_threshold=1048576:glibc.malloc.arena_max=2"));
 }
 
+TEST(Heap, SmallerThreadStacksOnlyUnderALimitOfAddressSpace)
+{
+    constexpr size_t kEight = size_t{8} << 20;
+    EXPECT_EQ(limitedThreadStack(RLIM_INFINITY, kEight), 0u);
+    EXPECT_EQ(limitedThreadStack(512u << 20, kEight), kLimitedThreadStack);
+    EXPECT_EQ(limitedThreadStack(512u << 20, kLimitedThreadStack + 4096), kLimitedThreadStack);
+    // Stacks that are small already stay as they are.
+    EXPECT_EQ(limitedThreadStack(512u << 20, kLimitedThreadStack), 0u);
+    EXPECT_EQ(limitedThreadStack(512u << 20, size_t{256} << 10), 0u);
+    EXPECT_EQ(limitedThreadStack(512u << 20, 0), 0u);
+}
+
 } // namespace
 } // namespace kelp::agent

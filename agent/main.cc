@@ -231,7 +231,7 @@ int main(int argc, char **argv)
 {
     using namespace kelp::agent;
     // Before any thread starts.
-    const std::string heapLine = shareOneHeapUnderAddressLimit();
+    const std::string heapLine = fitUnderAddressLimit();
     SnmpAgent::catchStopSignals();
     Options options;
     std::string error;

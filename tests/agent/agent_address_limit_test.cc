@@ -6,7 +6,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -106,6 +111,100 @@ TEST(AgentAddressLimit, UnderEveryLimitTheAgentServesOrEndsWithItsReason)
     EXPECT_GT(served, 0) << "no limit up to 512 MiB let the agent serve";
     RecordProperty("served", served);
     RecordProperty("ended", ended);
+}
+
+struct Mapping {
+    uint64_t start = 0;
+    uint64_t end = 0;
+};
+
+// The process's mappings, from /proc/PID/maps.
+std::vector<Mapping> mappingsOf(pid_t pid)
+{
+    std::vector<Mapping> mappings;
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        Mapping m;
+        if (std::sscanf(line.c_str(), "%lx-%lx", &m.start, &m.end) == 2) {
+            mappings.push_back(m);
+        }
+    }
+    return mappings;
+}
+
+// The stack pointers of the process's threads other than its first, from
+// /proc/PID/task/TID/syscall (its next-to-last field); empty when they
+// cannot be read.
+std::vector<uint64_t> threadStackPointers(pid_t pid)
+{
+    std::vector<uint64_t> pointers;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    std::error_code error;
+    for (const auto &task : std::filesystem::directory_iterator(tasks, error)) {
+        if (task.path().filename() == std::to_string(pid)) {
+            continue;
+        }
+        std::ifstream syscall(task.path() / "syscall");
+        std::string text;
+        std::getline(syscall, text);
+        std::istringstream fields(text);
+        std::vector<std::string> words;
+        for (std::string word; fields >> word;) {
+            words.push_back(word);
+        }
+        if (words.size() < 3) {
+            continue; // "running", or not readable
+        }
+        pointers.push_back(std::stoull(words[words.size() - 2], nullptr, 16));
+    }
+    return pointers;
+}
+
+TEST(AgentAddressLimit, UnderALimitTheThreadsTakeStacksOfOneMebibyte)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "a sanitizer's shadow memory does not fit under a limit of address space";
+    }
+    if (access("/usr/bin/prlimit", X_OK) != 0) {
+        GTEST_SKIP() << "no /usr/bin/prlimit (util-linux)";
+    }
+    TempDir dir;
+    const int port = freeUdpPort();
+    Process agent({"/usr/bin/prlimit", "--as=" + std::to_string(256L * 1048576), "--",
+                   kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
+                   "udp:127.0.0.1:" + std::to_string(port), "--module", modulePath(), "--model",
+                   sourcePath("data/models/sample.xml")},
+                  agentEnv(), dir / "agent.out", dir / "agent.err");
+    ASSERT_TRUE(waitFor(
+        [&] { return agent.err().find("kelpagent: answering on") != std::string::npos; }, 20s))
+        << agent.err();
+    EXPECT_NE(agent.err().find("share one heap and take stacks of 1 MiB"), std::string::npos)
+        << agent.err();
+    const std::vector<uint64_t> pointers = threadStackPointers(agent.pid());
+    if (pointers.empty()) {
+        agent.signal(SIGTERM);
+        agent.wait(15s);
+        GTEST_SKIP() << "the threads' stack pointers cannot be read here";
+    }
+    // The request reader and worker, the control server and its worker, the
+    // plug-in's threads.
+    EXPECT_GE(pointers.size(), 5u);
+    const std::vector<Mapping> mappings = mappingsOf(agent.pid());
+    size_t small = 0;
+    for (uint64_t sp : pointers) {
+        for (const Mapping &m : mappings) {
+            // A stack of 1 MiB (glibc puts its guard page below it) that
+            // the kernel did not merge with a mapping above it.
+            if (m.start <= sp && sp < m.end && m.end - m.start <= (1u << 20) + 4096) {
+                small++;
+            }
+        }
+    }
+    // One stack may share its mapping with a neighbour's.
+    EXPECT_GE(small + 1, pointers.size()) << small << " of " << pointers.size();
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait(15s), 0) << agent.err();
 }
 
 } // namespace
