@@ -79,7 +79,9 @@ TEST(AgentAddressLimit, UnderEveryLimitTheAgentServesOrEndsWithItsReason)
     int ended = 0;
     // Fine steps where the start runs short, coarser ones up to what a
     // machine with larger thread stacks or libraries needs to serve.
-    for (int mebibytes = 24; mebibytes <= 512; mebibytes += mebibytes < 128 ? 8 : 32) {
+    for (int mebibytes = 24; mebibytes <= 512; mebibytes += mebibytes < 48    ? 2
+                                                            : mebibytes < 128 ? 8
+                                                                              : 32) {
         const Outcome outcome = underLimit(mebibytes);
         ASSERT_TRUE(outcome.status) << mebibytes << " MiB: did not stop\n" << outcome.err;
         // Too little for the dynamic loader to map the libraries: not the
