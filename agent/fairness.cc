@@ -24,11 +24,13 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -89,6 +91,12 @@ struct Socket {
     netsnmp_transport *transport;
     ReceiveFunction receive;     // net-snmp's own; only the reading thread calls it
     FairQueue<Datagram> waiting; // guarded by Sharing::mutex
+    // Guarded by Sharing::mutex: the turns net-snmp asked this socket for
+    // (receiveInTurn), and, while answerWaiting reads, whether it asked
+    // net-snmp to read the socket and the count before.
+    uint64_t turns = 0;
+    uint64_t turnsBefore = 0;
+    bool offered = false;
 };
 
 struct Sharing {
@@ -109,6 +117,7 @@ struct Sharing {
     // thread) and in their turn (the agent's thread).
     LogInterval droppedOnArrival{logInterval()};
     LogInterval droppedInTurn{logInterval()};
+    LogInterval droppedUnread{logInterval()};
 };
 
 // Set up and torn down by the agent's thread, while no request is read.
@@ -239,6 +248,7 @@ int receiveInTurn(netsnmp_transport *transport, void *buffer, int size, void **o
         std::lock_guard lock(sharing->mutex);
         for (const auto &socket : sharing->sockets) {
             if (socket->transport == transport) {
+                socket->turns++;
                 try {
                     next = socket->waiting.pop();
                 } catch (const std::bad_alloc &) {
@@ -380,23 +390,55 @@ bool requestsWaiting()
 
 void answerWaiting()
 {
+    answerWaitingThrough(snmp_read);
+}
+
+void answerWaitingThrough(void (*read)(fd_set *))
+{
     if (!requestsWaiting()) {
         return;
     }
+    Sharing *sharing = g_sharing;
     fd_set ready;
     FD_ZERO(&ready);
     bool any = false;
     {
-        std::lock_guard lock(g_sharing->mutex);
-        for (const auto &socket : g_sharing->sockets) {
-            if (!socket->waiting.empty() && socket->transport->sock < FD_SETSIZE) {
+        std::lock_guard lock(sharing->mutex);
+        for (const auto &socket : sharing->sockets) {
+            socket->offered = !socket->waiting.empty() && socket->transport->sock < FD_SETSIZE;
+            if (socket->offered) {
                 FD_SET(socket->transport->sock, &ready);
+                socket->turnsBefore = socket->turns;
                 any = true;
             }
         }
     }
-    if (any) {
-        snmp_read(&ready);
+    if (!any) {
+        return;
+    }
+    read(&ready);
+    // net-snmp takes no datagram from a socket when it has no memory for
+    // its receive buffer (64 KiB), and returns: the request would be offered
+    // again at once, without end, and the loop would spin. One it did not
+    // take is dropped, as one it had no memory to take.
+    bool dropped = false;
+    {
+        std::lock_guard lock(sharing->mutex);
+        for (const auto &socket : sharing->sockets) {
+            if (!socket->offered || socket->turns != socket->turnsBefore) {
+                continue;
+            }
+            std::optional<Datagram> unread = socket->waiting.dropFirst();
+            if (unread) {
+                sharing->waiting.fetch_sub(1);
+                release(&*unread);
+                dropped = true;
+            }
+        }
+    }
+    if (dropped) {
+        sharing->droppedUnread.warn("out of memory: a request net-snmp could not read in its turn "
+                                    "was dropped (logged once a minute)");
     }
 }
 

@@ -11,6 +11,8 @@
 #ifndef KELP_AGENT_FAIRNESS_H
 #define KELP_AGENT_FAIRNESS_H
 
+#include <sys/select.h>
+
 #include <cstddef>
 #include <functional>
 
@@ -36,8 +38,13 @@ void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void
 bool requestsWaiting();
 
 // Answers one waiting request of each socket that holds one (net-snmp's
-// snmp_read on those sockets).
+// snmp_read on those sockets). A socket whose request net-snmp did not take
+// (it had no memory to read it) loses that request, so that each call
+// takes one from every socket it offers.
 void answerWaiting();
+
+// answerWaiting with `read` in place of snmp_read (tests).
+void answerWaitingThrough(void (*read)(fd_set *));
 
 // One turn of net-snmp's agent loop, as agent_check_and_process(block)
 // takes it (alarms, select on the sessions' and registered descriptors,

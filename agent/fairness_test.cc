@@ -268,4 +268,63 @@ TEST_F(Fairness, ARequestWithoutMemoryToTakeItInTurnIsDropped)
     EXPECT_EQ(receiveInTurn(), "second of 127.0.0.1");
 }
 
+// net-snmp's read of the sockets, in answerWaiting's place of snmp_read,
+// as it reads when it has no memory for its receive buffer: it takes
+// nothing.
+void readNothing(fd_set *) {}
+
+// net-snmp's read as it goes: one datagram from each socket offered.
+netsnmp_transport *g_readTransport = nullptr;
+std::string g_read;
+
+void readOne(fd_set *ready)
+{
+    if (g_readTransport == nullptr || !FD_ISSET(g_readTransport->sock, ready)) {
+        return;
+    }
+    char buffer[2048];
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    const int received =
+        g_readTransport->f_recv(g_readTransport, buffer, sizeof buffer, &opaque, &opaqueLength);
+    free(opaque);
+    g_read = received > 0 ? std::string(buffer, size_t(received)) : std::string();
+}
+
+// A request net-snmp does not take when it is offered (it had no memory to
+// read it) is dropped, so that the main loop, which offers requests for as
+// long as any waits, does not offer it again and again without end.
+TEST_F(Fairness, ARequestNetSnmpDoesNotTakeInItsTurnIsDropped)
+{
+    shareBetweenSources(mark_, 4, [] {});
+    ASSERT_TRUE(send("the unread request"));
+    ASSERT_TRUE(eventually(requestsWaiting));
+    answerWaitingThrough(readNothing);
+    EXPECT_FALSE(requestsWaiting());
+
+    ASSERT_TRUE(send("the next request"));
+    ASSERT_TRUE(eventually(requestsWaiting));
+    EXPECT_EQ(receiveInTurn(), "the next request");
+}
+
+// A request net-snmp takes is not dropped beside it: the next one waits
+// for its own turn.
+TEST_F(Fairness, ARequestNetSnmpTakesLeavesTheNextWaiting)
+{
+    g_receives = 0;
+    receiveThrough(countingReceive);
+    shareBetweenSources(mark_, 4, [] {});
+    ASSERT_TRUE(send("the first request"));
+    ASSERT_TRUE(send("the second request"));
+    // Both queued (the reading thread reads one a round).
+    ASSERT_TRUE(eventually([] { return g_receives.load() >= 2; }));
+    g_readTransport = transport_;
+    g_read.clear();
+    answerWaitingThrough(readOne);
+    g_readTransport = nullptr;
+    EXPECT_EQ(g_read, "the first request");
+    ASSERT_TRUE(eventually(requestsWaiting));
+    EXPECT_EQ(receiveInTurn(), "the second request");
+}
+
 } // namespace
