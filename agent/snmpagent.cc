@@ -432,6 +432,15 @@ bool SnmpAgent::open(std::string *error)
     // does not read. An agent names objects by number: parsing the MIB files
     // of this host would only cost time and warnings.
     remember("mibs :");
+    // Nor does it look for them in any directory. Named here, the empty list
+    // is what init_snmp reads; otherwise it makes the default list there,
+    // and when it has no memory for it, it copies a null pointer and the
+    // agent ends on SIGSEGV.
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS, "");
+    if (netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS) == nullptr) {
+        *error = "net-snmp does not start: out of memory";
+        return false;
+    }
     if (!settings_.subagent) {
         initStandardGroups();
     }

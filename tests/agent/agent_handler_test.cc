@@ -2,6 +2,11 @@
 // plug-in's dispatch replaced by one that runs out of memory, and net-snmp's
 // tools as the manager. A request the agent has no memory for is answered
 // genErr, and the agent goes on answering.
+// net-snmp's headers in the order they need: configuration, library.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
 #include <signal.h>
 #include <unistd.h>
 
@@ -45,6 +50,10 @@ TEST(RequestPathShortOfMemory, EveryRequestIsAnsweredGenErrAndTheAgentGoesOn)
         RequestSettings{}, [] { SnmpAgent::wake(); });
     ASSERT_TRUE(path.registerRoot(&error)) << error;
     ASSERT_TRUE(agent.open(&error)) << error;
+    // The agent reads no MIB module, and names no directory to look for
+    // them in: net-snmp then never makes its default list, which it
+    // cannot do without memory (it copies a null pointer and crashes).
+    EXPECT_STREQ(netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS), "");
 
     const std::string root = kelp::test::kRoot;
     const std::string cell = root + ".130.1.1.2.1";
