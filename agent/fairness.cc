@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -122,6 +123,29 @@ struct Sharing {
 
 // Set up and torn down by the agent's thread, while no request is read.
 Sharing *g_sharing = nullptr;
+
+// Without the reading thread, net-snmp reads the master's UDP sockets
+// itself, through their own receive functions, which count its reads
+// here. A socket that select finds readable and net-snmp does not read (it
+// had no memory for its receive buffer) would be found readable again at
+// once, without end: its datagram is dropped. A fixed table, so that a
+// start short of memory can still watch its sockets; the agent's thread
+// alone uses it.
+struct WatchedSocket {
+    netsnmp_transport *transport = nullptr;
+    ReceiveFunction receive = nullptr; // net-snmp's own
+    uint64_t reads = 0;
+    uint64_t readsBefore = 0;
+};
+constexpr size_t kMaxWatchedSockets = 16;
+std::array<WatchedSocket, kMaxWatchedSockets> g_watched;
+size_t g_watchedCount = 0;
+
+LogInterval &droppedUnreadLog()
+{
+    static LogInterval log(logInterval());
+    return log;
+}
 
 // The sender's address (without its port: a manager may use a new port for
 // each request) as raw bytes, from the transport data, which for UDP over
@@ -299,6 +323,41 @@ bool isUdp(int fd)
            (address.ss_family == AF_INET || address.ss_family == AF_INET6);
 }
 
+// In place of a watched socket's receive function: net-snmp's own, counted.
+int receiveCounted(netsnmp_transport *transport, void *buffer, int size, void **opaque,
+                   int *opaqueLength)
+{
+    for (size_t i = 0; i < g_watchedCount; i++) {
+        WatchedSocket &watched = g_watched[i];
+        if (watched.transport == transport) {
+            watched.reads++;
+            return watched.receive(transport, buffer, size, opaque, opaqueLength);
+        }
+    }
+    errno = EBADF;
+    return -1;
+}
+
+// Watches the UDP sockets of the sessions opened since `mark` (up to
+// kMaxWatchedSockets), which net-snmp reads itself.
+void watchReads(SessionMark mark)
+{
+    for (session_list *slp = Sessions; slp != nullptr && slp != mark.newest; slp = slp->next) {
+        netsnmp_transport *transport = slp->transport;
+        if (g_watchedCount == kMaxWatchedSockets) {
+            return;
+        }
+        if (transport == nullptr || transport->sock < 0 || transport->f_recv == nullptr ||
+            transport->f_recv == receiveCounted ||
+            (transport->flags & (NETSNMP_TRANSPORT_FLAG_STREAM | NETSNMP_TRANSPORT_FLAG_LISTEN)) ||
+            !isUdp(transport->sock)) {
+            continue;
+        }
+        g_watched[g_watchedCount++] = WatchedSocket{transport, transport->f_recv, 0, 0};
+        transport->f_recv = receiveCounted;
+    }
+}
+
 } // namespace
 
 SessionMark markSessions()
@@ -370,16 +429,21 @@ void startSharing(SessionMark mark, size_t maxWaiting, std::function<void()> wak
 
 void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake)
 {
-    if (maxWaiting == 0 || g_sharing != nullptr) {
+    if (g_sharing != nullptr) {
         return;
     }
-    try {
-        startSharing(mark, maxWaiting, std::move(wake));
-    } catch (const std::bad_alloc &) {
-        logAt(LogLevel::kWarning, "requests are answered in order of arrival: out of memory");
-    } catch (const std::system_error &e) {
-        logAt(LogLevel::kWarning,
-              "requests are answered in order of arrival: no reading thread (%s)", e.what());
+    if (maxWaiting != 0) {
+        try {
+            startSharing(mark, maxWaiting, std::move(wake));
+        } catch (const std::bad_alloc &) {
+            logAt(LogLevel::kWarning, "requests are answered in order of arrival: out of memory");
+        } catch (const std::system_error &e) {
+            logAt(LogLevel::kWarning,
+                  "requests are answered in order of arrival: no reading thread (%s)", e.what());
+        }
+    }
+    if (g_sharing == nullptr) {
+        watchReads(mark);
     }
 }
 
@@ -452,6 +516,29 @@ void leaveOutSharedSockets(netsnmp_large_fd_set *readFds)
     }
 }
 
+void readThrough(netsnmp_large_fd_set *readable, void (*read)(netsnmp_large_fd_set *))
+{
+    for (size_t i = 0; i < g_watchedCount; i++) {
+        g_watched[i].readsBefore = g_watched[i].reads;
+    }
+    read(readable);
+    bool dropped = false;
+    for (size_t i = 0; i < g_watchedCount; i++) {
+        const WatchedSocket &watched = g_watched[i];
+        if (watched.reads == watched.readsBefore &&
+            NETSNMP_LARGE_FD_ISSET(watched.transport->sock, readable)) {
+            // Read off without a buffer: a datagram is taken whole.
+            if (recv(watched.transport->sock, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0) {
+                dropped = true;
+            }
+        }
+    }
+    if (dropped) {
+        droppedUnreadLog().warn(
+            "out of memory: a request net-snmp could not read was dropped (logged once a minute)");
+    }
+}
+
 int checkAndProcess(bool block)
 {
     netsnmp_large_fd_set readFds, writeFds, exceptFds;
@@ -473,7 +560,7 @@ int checkAndProcess(bool block)
     int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, wait);
     if (count > 0) {
         netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
-        snmp_read2(&readFds);
+        readThrough(&readFds, snmp_read2);
     } else if (count == 0) {
         snmp_timeout();
     } else if (errno != EINTR) {
@@ -491,6 +578,10 @@ int checkAndProcess(bool block)
 
 void stopSharing()
 {
+    for (size_t i = 0; i < g_watchedCount; i++) {
+        g_watched[i].transport->f_recv = g_watched[i].receive;
+    }
+    g_watchedCount = 0;
     std::unique_ptr<Sharing> sharing(g_sharing);
     if (!sharing) {
         return;

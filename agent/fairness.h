@@ -27,10 +27,11 @@ struct SessionMark {
 SessionMark markSessions();
 
 // Serves the UDP sockets of the sessions opened since `mark` in turn, each
-// holding at most `maxWaiting` requests (0: leaves them to net-snmp as they
-// are), and starts the reading thread, which calls `wake` (any thread) when
-// requests wait where none did. Call once, on the agent's thread, after
-// init_master_agent.
+// holding at most `maxWaiting` requests (0: leaves them to net-snmp, which
+// reads them itself), and starts the reading thread, which calls `wake`
+// (any thread) when requests wait where none did. Without the thread,
+// net-snmp's reads of those sockets are counted (readThrough). Call once,
+// on the agent's thread, after init_master_agent.
 void shareBetweenSources(SessionMark mark, size_t maxWaiting, std::function<void()> wake);
 
 // True when requests read from a socket wait to be answered: the main loop
@@ -54,6 +55,13 @@ void answerWaitingThrough(void (*read)(fd_set *));
 // at once, again and again, until the reading thread had emptied them.
 // Answers select's count.
 int checkAndProcess(bool block);
+
+// net-snmp's read of the sockets select found readable (`read`:
+// snmp_read2 in checkAndProcess, another in tests). Without the reading
+// thread, a UDP socket of the master that net-snmp did not read (it had no
+// memory for its receive buffer) loses its datagram, which select would
+// otherwise find again at once, without end.
+void readThrough(netsnmp_large_fd_set_s *readable, void (*read)(netsnmp_large_fd_set_s *));
 
 // Clears the sockets the reading thread serves from a set of descriptors
 // for select (checkAndProcess; nothing while no thread serves them).

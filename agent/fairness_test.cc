@@ -16,6 +16,7 @@
 #include "testing/failing_new.h"
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -324,6 +325,72 @@ TEST_F(Fairness, ARequestNetSnmpTakesLeavesTheNextWaiting)
     g_readTransport = nullptr;
     EXPECT_EQ(g_read, "the first request");
     ASSERT_TRUE(eventually(requestsWaiting));
+    EXPECT_EQ(receiveInTurn(), "the second request");
+}
+
+// Without the reading thread (--max-waiting 0), net-snmp reads the socket
+// itself; readThrough stands for its read.
+void readNothingLarge(netsnmp_large_fd_set *) {}
+
+void readOneLarge(netsnmp_large_fd_set *readable)
+{
+    if (g_readTransport == nullptr || !NETSNMP_LARGE_FD_ISSET(g_readTransport->sock, readable)) {
+        return;
+    }
+    char buffer[2048];
+    void *opaque = nullptr;
+    int opaqueLength = 0;
+    const int received =
+        g_readTransport->f_recv(g_readTransport, buffer, sizeof buffer, &opaque, &opaqueLength);
+    free(opaque);
+    g_read = received > 0 ? std::string(buffer, size_t(received)) : std::string();
+}
+
+// Whether a datagram waits in the socket, within `ms`.
+bool readable(int fd, int ms)
+{
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, ms) == 1;
+}
+
+// A datagram net-snmp does not read when select finds its socket readable
+// (it had no memory for its receive buffer) is dropped, so that select does
+// not find the socket readable again and again without end.
+TEST_F(Fairness, WithoutTheReadingThreadADatagramNetSnmpDoesNotReadIsDropped)
+{
+    shareBetweenSources(mark_, 0, [] {});
+    EXPECT_FALSE(requestsWaiting());
+    ASSERT_TRUE(send("the unread request"));
+    ASSERT_TRUE(readable(transport_->sock, 5000));
+    netsnmp_large_fd_set fds;
+    netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+    NETSNMP_LARGE_FD_SET(transport_->sock, &fds);
+    readThrough(&fds, readNothingLarge);
+    netsnmp_large_fd_set_cleanup(&fds);
+    EXPECT_FALSE(readable(transport_->sock, 0));
+
+    ASSERT_TRUE(send("the next request"));
+    ASSERT_TRUE(readable(transport_->sock, 5000));
+    EXPECT_EQ(receiveInTurn(), "the next request");
+}
+
+// A datagram net-snmp reads is the only one taken.
+TEST_F(Fairness, WithoutTheReadingThreadADatagramNetSnmpReadsLeavesTheNext)
+{
+    shareBetweenSources(mark_, 0, [] {});
+    ASSERT_TRUE(send("the first request"));
+    ASSERT_TRUE(send("the second request"));
+    ASSERT_TRUE(readable(transport_->sock, 5000));
+    netsnmp_large_fd_set fds;
+    netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+    NETSNMP_LARGE_FD_SET(transport_->sock, &fds);
+    g_readTransport = transport_;
+    g_read.clear();
+    readThrough(&fds, readOneLarge);
+    g_readTransport = nullptr;
+    netsnmp_large_fd_set_cleanup(&fds);
+    EXPECT_EQ(g_read, "the first request");
+    ASSERT_TRUE(readable(transport_->sock, 5000));
     EXPECT_EQ(receiveInTurn(), "the second request");
 }
 
