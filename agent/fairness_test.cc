@@ -49,6 +49,15 @@ int countingReceive(netsnmp_transport *transport, void *buffer, int size, void *
     return g_receive(transport, buffer, size, opaque, opaqueLength);
 }
 
+// Waits up to `limit` for `done`.
+template <typename Done> bool eventually(Done done, int limitMs = 5000)
+{
+    for (int i = 0; i < limitMs && !done(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
+}
+
 // A UDP session on a free loopback port that answers nothing, opened after
 // a mark in the session list; the reading thread, if a test started it,
 // is stopped and the session closed after each test, whatever failed.
@@ -136,20 +145,19 @@ class Fairness : public ::testing::Test {
         return received > 0 ? std::string(buffer, size_t(received)) : std::string();
     }
 
+    // Sends a request and checks that it is the next one handed out.
+    void expectTheNextRequestHandedOut()
+    {
+        ASSERT_TRUE(send("the next request"));
+        ASSERT_TRUE(eventually(requestsWaiting));
+        EXPECT_EQ(receiveInTurn(), "the next request");
+    }
+
     SessionMark mark_;
     netsnmp_session *session_ = nullptr;
     netsnmp_transport *transport_ = nullptr;
     std::vector<int> senders_;
 };
-
-// Waits up to `limit` for `done`.
-template <typename Done> bool eventually(Done done, int limitMs = 5000)
-{
-    for (int i = 0; i < limitMs && !done(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
 
 TEST_F(Fairness, TheSocketsTheReadingThreadServesAreLeftOutOfTheLoopsSelect)
 {
@@ -213,9 +221,7 @@ TEST_F(Fairness, ADatagramTheReceiveFunctionHasNoMemoryForIsDropped)
     shareBetweenSources(mark_, 4, [] {});
     ASSERT_TRUE(send("the dropped request"));
     ASSERT_TRUE(eventually([] { return !g_receiveShortOfMemory; }));
-    ASSERT_TRUE(send("the next request"));
-    ASSERT_TRUE(eventually(requestsWaiting));
-    EXPECT_EQ(receiveInTurn(), "the next request");
+    expectTheNextRequestHandedOut();
 }
 
 // A datagram the reading thread has no memory for is dropped, and the
@@ -233,9 +239,7 @@ TEST_F(Fairness, ADatagramWithoutMemoryForItIsDroppedAndTheNextOneRead)
     ASSERT_TRUE(failed);
     EXPECT_FALSE(requestsWaiting());
 
-    ASSERT_TRUE(send("the next request"));
-    ASSERT_TRUE(eventually(requestsWaiting));
-    EXPECT_EQ(receiveInTurn(), "the next request");
+    expectTheNextRequestHandedOut();
 }
 
 // A request the agent's thread has no memory to take in its turn is
@@ -278,11 +282,9 @@ void readNothing(fd_set *) {}
 netsnmp_transport *g_readTransport = nullptr;
 std::string g_read;
 
-void readOne(fd_set *ready)
+// One datagram through g_readTransport's receive function, into g_read.
+void readThroughTransport()
 {
-    if (g_readTransport == nullptr || !FD_ISSET(g_readTransport->sock, ready)) {
-        return;
-    }
     char buffer[2048];
     void *opaque = nullptr;
     int opaqueLength = 0;
@@ -290,6 +292,13 @@ void readOne(fd_set *ready)
         g_readTransport->f_recv(g_readTransport, buffer, sizeof buffer, &opaque, &opaqueLength);
     free(opaque);
     g_read = received > 0 ? std::string(buffer, size_t(received)) : std::string();
+}
+
+void readOne(fd_set *ready)
+{
+    if (g_readTransport != nullptr && FD_ISSET(g_readTransport->sock, ready)) {
+        readThroughTransport();
+    }
 }
 
 // A request net-snmp does not take when it is offered (it had no memory to
@@ -303,9 +312,7 @@ TEST_F(Fairness, ARequestNetSnmpDoesNotTakeInItsTurnIsDropped)
     answerWaitingThrough(readNothing);
     EXPECT_FALSE(requestsWaiting());
 
-    ASSERT_TRUE(send("the next request"));
-    ASSERT_TRUE(eventually(requestsWaiting));
-    EXPECT_EQ(receiveInTurn(), "the next request");
+    expectTheNextRequestHandedOut();
 }
 
 // A request net-snmp takes is not dropped beside it: the next one waits
@@ -334,16 +341,9 @@ void readNothingLarge(netsnmp_large_fd_set *) {}
 
 void readOneLarge(netsnmp_large_fd_set *readable)
 {
-    if (g_readTransport == nullptr || !NETSNMP_LARGE_FD_ISSET(g_readTransport->sock, readable)) {
-        return;
+    if (g_readTransport != nullptr && NETSNMP_LARGE_FD_ISSET(g_readTransport->sock, readable)) {
+        readThroughTransport();
     }
-    char buffer[2048];
-    void *opaque = nullptr;
-    int opaqueLength = 0;
-    const int received =
-        g_readTransport->f_recv(g_readTransport, buffer, sizeof buffer, &opaque, &opaqueLength);
-    free(opaque);
-    g_read = received > 0 ? std::string(buffer, size_t(received)) : std::string();
 }
 
 // Whether a datagram waits in the socket, within `ms`.

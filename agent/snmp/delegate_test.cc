@@ -129,74 +129,75 @@ TEST(Delegator, AFullQueueRefusesAndAFinishedJobMakesRoom)
     EXPECT_EQ(finished, 3);
 }
 
+// A delegator with one job running until a releaser, started by
+// runAndQueue, lets it end 20 ms later, and one job queued behind it. The
+// jobs' finishes are recorded in `ran`, room for which is made first.
+struct RunningAndQueued {
+    std::promise<void> release;
+    Delegator delegator{8, [] {}};
+    std::vector<bool> ran;
+    bool secondWorked = false;
+    std::thread releaser;
+
+    RunningAndQueued() { ran.reserve(4); }
+    ~RunningAndQueued()
+    {
+        if (releaser.joinable()) {
+            releaser.join();
+        } else {
+            release.set_value(); // a failed start: the running job ends
+        }
+    }
+
+    void runAndQueue()
+    {
+        std::promise<void> started;
+        std::shared_future<void> released = release.get_future().share();
+        Delegator::Job first;
+        first.work = [&started, released] {
+            started.set_value();
+            released.wait();
+        };
+        first.finish = [this](bool r) { ran.push_back(r); };
+        ASSERT_TRUE(delegator.submit(std::move(first)));
+        started.get_future().wait();
+        Delegator::Job second;
+        second.work = [this] { secondWorked = true; };
+        second.finish = [this](bool r) { ran.push_back(r); };
+        ASSERT_TRUE(delegator.submit(std::move(second)));
+        releaser = std::thread([this] {
+            std::this_thread::sleep_for(20ms);
+            release.set_value();
+        });
+    }
+};
+
 TEST(Delegator, StopLetsTheRunningJobEndAndDropsTheQueuedOnes)
 {
-    std::promise<void> started;
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    Delegator delegator(8, [] {});
-    std::vector<bool> ran;
-    Delegator::Job first;
-    first.work = [&started, released] {
-        started.set_value();
-        released.wait();
-    };
-    first.finish = [&](bool r) { ran.push_back(r); };
-    ASSERT_TRUE(delegator.submit(std::move(first)));
-    started.get_future().wait();
-    bool secondWorked = false;
-    Delegator::Job second;
-    second.work = [&] { secondWorked = true; };
-    second.finish = [&](bool r) { ran.push_back(r); };
-    ASSERT_TRUE(delegator.submit(std::move(second)));
-    std::thread releaser([&] {
-        std::this_thread::sleep_for(20ms);
-        release.set_value();
-    });
-    delegator.stop();
-    releaser.join();
-    EXPECT_FALSE(secondWorked);
-    EXPECT_EQ(ran, (std::vector<bool>{true, false}));
+    RunningAndQueued jobs;
+    ASSERT_NO_FATAL_FAILURE(jobs.runAndQueue());
+    jobs.delegator.stop();
+    EXPECT_FALSE(jobs.secondWorked);
+    EXPECT_EQ(jobs.ran, (std::vector<bool>{true, false}));
     Delegator::Job late;
     late.work = [] {};
     late.finish = [](bool) {};
-    EXPECT_FALSE(delegator.submit(std::move(late)));
-    delegator.stop();
+    EXPECT_FALSE(jobs.delegator.submit(std::move(late)));
+    jobs.delegator.stop();
 }
 
 // The request path stops its worker from its destructor, also when the
 // agent ends for want of memory: a stop allocates nothing.
 TEST(Delegator, AStopWithoutMemoryStillFinishesEveryJob)
 {
-    std::promise<void> started;
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    Delegator delegator(8, [] {});
-    std::vector<bool> ran;
-    ran.reserve(4); // the finishes allocate nothing either
-    Delegator::Job first;
-    first.work = [&started, released] {
-        started.set_value();
-        released.wait();
-    };
-    first.finish = [&](bool r) { ran.push_back(r); };
-    ASSERT_TRUE(delegator.submit(std::move(first)));
-    started.get_future().wait();
-    Delegator::Job second;
-    second.work = [] {};
-    second.finish = [&](bool r) { ran.push_back(r); };
-    ASSERT_TRUE(delegator.submit(std::move(second)));
-    std::thread releaser([&] {
-        std::this_thread::sleep_for(20ms);
-        release.set_value();
-    });
+    RunningAndQueued jobs;
+    ASSERT_NO_FATAL_FAILURE(jobs.runAndQueue());
     const size_t failedBefore = kelp::test::failedAllocations();
     kelp::test::failNthAllocation(1);
-    EXPECT_NO_THROW(delegator.stop());
+    EXPECT_NO_THROW(jobs.delegator.stop());
     kelp::test::failNthAllocation(0);
-    releaser.join();
     EXPECT_EQ(kelp::test::failedAllocations(), failedBefore) << "the stop allocated";
-    EXPECT_EQ(ran, (std::vector<bool>{true, false}));
+    EXPECT_EQ(jobs.ran, (std::vector<bool>{true, false}));
 }
 
 } // namespace
