@@ -71,12 +71,22 @@ void endTheStop(int)
     _exit(1);
 }
 
-// From now on the process ends after g_stopTimeout.
-void boundTheStop()
+// A start that does not end holds a stop asked for during it as well.
+void endTheStart(int)
+{
+    static constexpr char kLine[] =
+        "kelpagent: stopping takes too long (the start does not end): exiting\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
+    _exit(1);
+}
+
+// From now on the process ends after g_stopTimeout, through `end`.
+// Async-signal-safe: a stop signal during the start calls it.
+void boundBy(void (*end)(int))
 {
     const double seconds = g_stopTimeout;
     struct sigaction action {};
-    action.sa_handler = endTheStop;
+    action.sa_handler = end;
     sigaction(SIGALRM, &action, nullptr);
     itimerval timer{};
     timer.it_value.tv_sec = static_cast<time_t>(seconds);
@@ -84,6 +94,16 @@ void boundTheStop()
     timer.it_value.tv_usec =
         static_cast<suseconds_t>((seconds - double(timer.it_value.tv_sec)) * 1e6);
     setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+void boundTheStop()
+{
+    boundBy(endTheStop);
+}
+
+void boundTheStart()
+{
+    boundBy(endTheStart);
 }
 
 // The system group's values: the options, the host's name for an empty
@@ -270,6 +290,7 @@ int main(int argc, char **argv)
     if (!stopWarning.empty()) {
         logAt(LogLevel::kWarning, "%s", stopWarning.c_str());
     }
+    SnmpAgent::boundStopsDuringStart(boundTheStart);
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
         !checkStateDirWritable(options.stateDir, &error)) {
         return fail(error);

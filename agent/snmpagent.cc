@@ -59,6 +59,9 @@ constexpr int kMaxBulkVarbinds = 64;
 std::atomic<int> g_wakeRead{-1};
 std::atomic<int> g_wakeWrite{-1};
 volatile std::sig_atomic_t g_stopRequested = 0;
+// Set when run() starts: a stop caught before it calls g_boundStart.
+volatile std::sig_atomic_t g_running = 0;
+void (*volatile g_boundStart)() = nullptr;
 volatile std::sig_atomic_t g_reloadRequested = 0;
 volatile std::sig_atomic_t g_reopenRequested = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
@@ -80,7 +83,12 @@ void onSignal(int sig)
     } else if (sig == SIGUSR1) {
         g_reopenRequested = 1;
     } else {
+        const bool first = g_stopRequested == 0;
         g_stopRequested = 1;
+        void (*const bound)() = g_boundStart;
+        if (first && g_running == 0 && bound != nullptr) {
+            bound();
+        }
     }
     writeWakeByte();
 }
@@ -539,9 +547,15 @@ void SnmpAgent::catchStopSignals()
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+void SnmpAgent::boundStopsDuringStart(void (*bound)())
+{
+    g_boundStart = bound;
+}
+
 void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload,
                     const std::function<void()> &onReopen)
 {
+    g_running = 1;
     register_readfd(g_wakeRead, drain, nullptr);
     while (g_stopRequested == 0) {
         // Requests already read from a socket wait where select cannot

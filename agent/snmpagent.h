@@ -70,6 +70,12 @@ class SnmpAgent {
     // the process. Call first thing, before any thread is started.
     static void catchStopSignals();
 
+    // `bound` is called from the signal handler for a stop signal caught
+    // before run() runs: a start that does not end (net-snmp waiting for an
+    // AgentX master, or spinning on a read it has no memory for) would
+    // otherwise hold the stop for good. It must be async-signal-safe.
+    static void boundStopsDuringStart(void (*bound)());
+
     // Runs the agent until SIGINT or SIGTERM (also one caught before);
     // `onWake` runs on this thread after every wake(), `onReload` after a
     // SIGHUP and `onReopen` (when set) after a SIGUSR1 (several signals

@@ -2,9 +2,14 @@
 // and the clear errors (exit status 1) for a module that does not load, a
 // model that does not validate and a port that is taken.
 #include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include <filesystem>
 
@@ -133,6 +138,49 @@ TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
     EXPECT_TRUE(std::filesystem::exists(state + "/control.sock"));
     again.signal(SIGTERM);
     EXPECT_EQ(again.wait(15s), 0) << again.err();
+}
+
+// A stop asked for while the start waits in net-snmp (here for an AgentX
+// master that takes the connection and never answers; under a limit of
+// address space, net-snmp may spin there for good) ends the agent after
+// the stop's time-out, saying why, instead of when the start ends.
+TEST(AgentStart, AStopDuringAStartThatDoesNotEndEndsAfterTheStopTimeOut)
+{
+    TempDir dir;
+    const std::string master = dir / "master";
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(master.size(), sizeof address.sun_path);
+    std::memcpy(address.sun_path, master.c_str(), master.size() + 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+
+    std::vector<std::string> environment = agentEnv();
+    environment.push_back("KELP_STOP_TIMEOUT=1");
+    Process agent({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--agentx",
+                   master, "--model", sourcePath("data/models/test/minimal.xml"), "--module",
+                   modulePath()},
+                  environment, dir / "agent.out", dir / "agent.err");
+    // The subagent connects and sends its Open-PDU; the master never answers,
+    // and net-snmp waits for it within the start.
+    pollfd connecting{listener, POLLIN, 0};
+    ASSERT_EQ(poll(&connecting, 1, 20000), 1) << agent.err();
+    const int connection = accept(listener, nullptr, nullptr);
+    ASSERT_GE(connection, 0);
+    pollfd opening{connection, POLLIN, 0};
+    ASSERT_EQ(poll(&opening, 1, 20000), 1) << agent.err();
+    agent.signal(SIGTERM);
+    const std::optional<int> status = agent.wait(30s);
+    close(connection);
+    close(listener);
+    ASSERT_TRUE(status) << agent.err();
+    EXPECT_EQ(*status, 1) << agent.err();
+    EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (the start does not end): "
+                               "exiting"),
+              std::string::npos)
+        << agent.err();
 }
 
 } // namespace
