@@ -71,12 +71,19 @@ void endTheStop(int)
     _exit(1);
 }
 
-// A start that does not end holds a stop asked for during it as well.
-void endTheStart(int)
+// Before the stop itself begins, a start or a turn of the main loop that
+// does not end holds it as well (net-snmp waiting for an AgentX master that
+// does not answer, or spinning on a read it has no memory for).
+void endTheWait(int)
 {
-    static constexpr char kLine[] =
+    static constexpr char kStart[] =
         "kelpagent: stopping takes too long (the start does not end): exiting\n";
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
+    static constexpr char kLoop[] =
+        "kelpagent: stopping takes too long (the main loop does not end): exiting\n";
+    const bool started = SnmpAgent::running();
+    [[maybe_unused]] const ssize_t written = started
+                                                 ? write(STDERR_FILENO, kLoop, sizeof kLoop - 1)
+                                                 : write(STDERR_FILENO, kStart, sizeof kStart - 1);
     _exit(1);
 }
 
@@ -101,9 +108,10 @@ void boundTheStop()
     boundBy(endTheStop);
 }
 
-void boundTheStart()
+// Called from the signal handler for the first stop signal.
+void boundTheWait()
 {
-    boundBy(endTheStart);
+    boundBy(endTheWait);
 }
 
 // The system group's values: the options, the host's name for an empty
@@ -290,7 +298,7 @@ int main(int argc, char **argv)
     if (!stopWarning.empty()) {
         logAt(LogLevel::kWarning, "%s", stopWarning.c_str());
     }
-    SnmpAgent::boundStopsDuringStart(boundTheStart);
+    SnmpAgent::boundStops(boundTheWait);
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
         !checkStateDirWritable(options.stateDir, &error)) {
         return fail(error);

@@ -59,9 +59,10 @@ constexpr int kMaxBulkVarbinds = 64;
 std::atomic<int> g_wakeRead{-1};
 std::atomic<int> g_wakeWrite{-1};
 volatile std::sig_atomic_t g_stopRequested = 0;
-// Set when run() starts: a stop caught before it calls g_boundStart.
+// Set when run() starts.
 volatile std::sig_atomic_t g_running = 0;
-void (*volatile g_boundStart)() = nullptr;
+// Called for the first stop signal (boundStops).
+void (*volatile g_boundStop)() = nullptr;
 volatile std::sig_atomic_t g_reloadRequested = 0;
 volatile std::sig_atomic_t g_reopenRequested = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
@@ -85,8 +86,8 @@ void onSignal(int sig)
     } else {
         const bool first = g_stopRequested == 0;
         g_stopRequested = 1;
-        void (*const bound)() = g_boundStart;
-        if (first && g_running == 0 && bound != nullptr) {
+        void (*const bound)() = g_boundStop;
+        if (first && bound != nullptr) {
             bound();
         }
     }
@@ -547,9 +548,14 @@ void SnmpAgent::catchStopSignals()
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-void SnmpAgent::boundStopsDuringStart(void (*bound)())
+void SnmpAgent::boundStops(void (*bound)())
 {
-    g_boundStart = bound;
+    g_boundStop = bound;
+}
+
+bool SnmpAgent::running()
+{
+    return g_running != 0;
 }
 
 void SnmpAgent::run(const std::function<void()> &onWake, const std::function<void()> &onReload,

@@ -70,11 +70,14 @@ class SnmpAgent {
     // the process. Call first thing, before any thread is started.
     static void catchStopSignals();
 
-    // `bound` is called from the signal handler for a stop signal caught
-    // before run() runs: a start that does not end (net-snmp waiting for an
-    // AgentX master, or spinning on a read it has no memory for) would
-    // otherwise hold the stop for good. It must be async-signal-safe.
-    static void boundStopsDuringStart(void (*bound)());
+    // `bound` is called from the signal handler for the first stop signal
+    // caught: a start or a turn of run() that does not end (net-snmp waiting
+    // for an AgentX master, or spinning on a read it has no memory for)
+    // would otherwise hold the stop for good. It must be async-signal-safe.
+    static void boundStops(void (*bound)());
+
+    // Whether run() has started (async-signal-safe).
+    static bool running();
 
     // Runs the agent until SIGINT or SIGTERM (also one caught before);
     // `onWake` runs on this thread after every wake(), `onReload` after a

@@ -140,44 +140,105 @@ TEST(AgentStart, TheDefaultStateDirFollowsXdgStateHome)
     EXPECT_EQ(again.wait(15s), 0) << again.err();
 }
 
-// A stop asked for while the start waits in net-snmp (here for an AgentX
-// master that takes the connection and never answers; under a limit of
-// address space, net-snmp may spin there for good) ends the agent after
-// the stop's time-out, saying why, instead of when the start ends.
+// A socket of the AgentX master at `path` that takes connections and never
+// answers: the subagent's Open waits in net-snmp for its answer.
+class SilentMaster {
+  public:
+    explicit SilentMaster(const std::string &path)
+    {
+        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (listener_ < 0 || path.size() >= sizeof address.sun_path) {
+            return;
+        }
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+            listen(listener_, 4) != 0) {
+            close(listener_);
+            listener_ = -1;
+        }
+    }
+    ~SilentMaster()
+    {
+        if (connection_ >= 0) {
+            close(connection_);
+        }
+        if (listener_ >= 0) {
+            close(listener_);
+        }
+    }
+    bool listening() const { return listener_ >= 0; }
+
+    // Takes the subagent's connection and waits for its first bytes (the
+    // Open), within 20 s.
+    bool takeTheOpen()
+    {
+        pollfd connecting{listener_, POLLIN, 0};
+        if (poll(&connecting, 1, 20000) != 1) {
+            return false;
+        }
+        connection_ = accept(listener_, nullptr, nullptr);
+        pollfd opening{connection_, POLLIN, 0};
+        return connection_ >= 0 && poll(&opening, 1, 20000) == 1;
+    }
+
+  private:
+    int listener_ = -1;
+    int connection_ = -1;
+};
+
+// kelpagent as a subagent of `master`, whose stop may take 1 s.
+Process subagentOf(const TempDir &dir, const std::string &master)
+{
+    std::vector<std::string> environment = agentEnv();
+    environment.push_back("KELP_STOP_TIMEOUT=1");
+    return Process({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--agentx",
+                    master, "--model", sourcePath("data/models/test/minimal.xml"), "--module",
+                    modulePath()},
+                   environment, dir / "agent.out", dir / "agent.err");
+}
+
+// A stop asked for while the start waits in net-snmp (here for a master
+// that never answers the Open; under a limit of address space net-snmp may
+// spin there for good) ends the agent after the stop's time-out, saying
+// why, instead of whenever the start ends.
 TEST(AgentStart, AStopDuringAStartThatDoesNotEndEndsAfterTheStopTimeOut)
 {
     TempDir dir;
-    const std::string master = dir / "master";
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(master.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, master.c_str(), master.size() + 1);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-
-    std::vector<std::string> environment = agentEnv();
-    environment.push_back("KELP_STOP_TIMEOUT=1");
-    Process agent({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--agentx",
-                   master, "--model", sourcePath("data/models/test/minimal.xml"), "--module",
-                   modulePath()},
-                  environment, dir / "agent.out", dir / "agent.err");
-    // The subagent connects and sends its Open-PDU; the master never answers,
-    // and net-snmp waits for it within the start.
-    pollfd connecting{listener, POLLIN, 0};
-    ASSERT_EQ(poll(&connecting, 1, 20000), 1) << agent.err();
-    const int connection = accept(listener, nullptr, nullptr);
-    ASSERT_GE(connection, 0);
-    pollfd opening{connection, POLLIN, 0};
-    ASSERT_EQ(poll(&opening, 1, 20000), 1) << agent.err();
+    SilentMaster master(dir / "master");
+    ASSERT_TRUE(master.listening());
+    Process agent = subagentOf(dir, dir / "master");
+    ASSERT_TRUE(master.takeTheOpen()) << agent.err();
     agent.signal(SIGTERM);
     const std::optional<int> status = agent.wait(30s);
-    close(connection);
-    close(listener);
     ASSERT_TRUE(status) << agent.err();
     EXPECT_EQ(*status, 1) << agent.err();
     EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (the start does not end): "
+                               "exiting"),
+              std::string::npos)
+        << agent.err();
+}
+
+// The same wait on the main loop: a master that appears after the start is
+// connected to from the loop, whose Open waits in net-snmp as well.
+TEST(AgentStart, AStopDuringATurnOfTheLoopThatDoesNotEndEndsAfterTheStopTimeOut)
+{
+    TempDir dir;
+    Process agent = subagentOf(dir, dir / "master");
+    ASSERT_TRUE(waitFor(
+        [&] { return agent.err().find("kelpagent: AgentX subagent of") != std::string::npos; },
+        20s))
+        << agent.err();
+    SilentMaster master(dir / "master");
+    ASSERT_TRUE(master.listening());
+    // The subagent tries again every 5 s.
+    ASSERT_TRUE(master.takeTheOpen()) << agent.err();
+    agent.signal(SIGTERM);
+    const std::optional<int> status = agent.wait(30s);
+    ASSERT_TRUE(status) << agent.err();
+    EXPECT_EQ(*status, 1) << agent.err();
+    EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (the main loop does not end): "
                                "exiting"),
               std::string::npos)
         << agent.err();
