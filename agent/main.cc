@@ -88,7 +88,8 @@ void endTheWait(int)
 }
 
 // From now on the process ends after g_stopTimeout, through `end`.
-// Async-signal-safe: a stop signal during the start calls it.
+// Async-signal-safe: the handler of the first stop signal calls it
+// (boundTheWait).
 void boundBy(void (*end)(int))
 {
     const double seconds = g_stopTimeout;
