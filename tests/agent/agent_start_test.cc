@@ -199,6 +199,19 @@ Process subagentOf(const TempDir &dir, const std::string &master)
                    environment, dir / "agent.out", dir / "agent.err");
 }
 
+// Stops `agent` and expects it to end after its stop's time-out with status
+// 1 and the line naming `what` did not end.
+void expectTheStopToTimeOut(Process &agent, const std::string &what)
+{
+    agent.signal(SIGTERM);
+    const std::optional<int> status = agent.wait(30s);
+    ASSERT_TRUE(status) << agent.err();
+    EXPECT_EQ(*status, 1) << agent.err();
+    EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (" + what + "): exiting"),
+              std::string::npos)
+        << agent.err();
+}
+
 // A stop asked for while the start waits in net-snmp (here for a master
 // that never answers the Open; under a limit of address space net-snmp may
 // spin there for good) ends the agent after the stop's time-out, saying
@@ -210,14 +223,7 @@ TEST(AgentStart, AStopDuringAStartThatDoesNotEndEndsAfterTheStopTimeOut)
     ASSERT_TRUE(master.listening());
     Process agent = subagentOf(dir, dir / "master");
     ASSERT_TRUE(master.takeTheOpen()) << agent.err();
-    agent.signal(SIGTERM);
-    const std::optional<int> status = agent.wait(30s);
-    ASSERT_TRUE(status) << agent.err();
-    EXPECT_EQ(*status, 1) << agent.err();
-    EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (the start does not end): "
-                               "exiting"),
-              std::string::npos)
-        << agent.err();
+    expectTheStopToTimeOut(agent, "the start does not end");
 }
 
 // The same wait on the main loop: a master that appears after the start is
@@ -234,14 +240,7 @@ TEST(AgentStart, AStopDuringATurnOfTheLoopThatDoesNotEndEndsAfterTheStopTimeOut)
     ASSERT_TRUE(master.listening());
     // The subagent tries again every 5 s.
     ASSERT_TRUE(master.takeTheOpen()) << agent.err();
-    agent.signal(SIGTERM);
-    const std::optional<int> status = agent.wait(30s);
-    ASSERT_TRUE(status) << agent.err();
-    EXPECT_EQ(*status, 1) << agent.err();
-    EXPECT_NE(agent.err().find("kelpagent: stopping takes too long (the main loop does not end): "
-                               "exiting"),
-              std::string::npos)
-        << agent.err();
+    expectTheStopToTimeOut(agent, "the main loop does not end");
 }
 
 } // namespace
