@@ -34,21 +34,28 @@ struct Outcome {
     std::string err;
 };
 
+// kelpagent on the sample model under `mebibytes` of address space, in
+// `dir`, answering on `port`.
+Process startUnderLimit(const TempDir &dir, int mebibytes, int port)
+{
+    // A stop held by a plug-in thread that never started ends after 2 s,
+    // not 60.
+    std::vector<std::string> environment = agentEnv();
+    environment.push_back("KELP_STOP_TIMEOUT=2");
+    return Process({"/usr/bin/prlimit", "--as=" + std::to_string(mebibytes * 1048576L), "--",
+                    kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
+                    "udp:127.0.0.1:" + std::to_string(port), "--module", modulePath(), "--model",
+                    sourcePath("data/models/sample.xml")},
+                   environment, dir / "agent.out", dir / "agent.err");
+}
+
 // kelpagent on the sample model under `mebibytes` of address space: what
 // it did within 20 s, then stopped with SIGTERM if it still runs.
 Outcome underLimit(int mebibytes)
 {
     TempDir dir;
     const int port = freeUdpPort();
-    // A stop held by a plug-in thread that never started ends after 2 s,
-    // not 30.
-    std::vector<std::string> environment = agentEnv();
-    environment.push_back("KELP_STOP_TIMEOUT=2");
-    Process agent({"/usr/bin/prlimit", "--as=" + std::to_string(mebibytes * 1048576L), "--",
-                   kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
-                   "udp:127.0.0.1:" + std::to_string(port), "--module", modulePath(), "--model",
-                   sourcePath("data/models/sample.xml")},
-                  environment, dir / "agent.out", dir / "agent.err");
+    Process agent = startUnderLimit(dir, mebibytes, port);
     Outcome outcome;
     waitFor(
         [&] {
@@ -67,14 +74,23 @@ Outcome underLimit(int mebibytes)
     return outcome;
 }
 
-TEST(AgentAddressLimit, UnderEveryLimitTheAgentServesOrEndsWithItsReason)
+// Skips where no limit of address space can be set on kelpagent.
+class AgentAddressLimit : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        if (kSanitized) {
+            GTEST_SKIP()
+                << "a sanitizer's shadow memory does not fit under a limit of address space";
+        }
+        if (access("/usr/bin/prlimit", X_OK) != 0) {
+            GTEST_SKIP() << "no /usr/bin/prlimit (util-linux)";
+        }
+    }
+};
+
+TEST_F(AgentAddressLimit, UnderEveryLimitTheAgentServesOrEndsWithItsReason)
 {
-    if (kSanitized) {
-        GTEST_SKIP() << "a sanitizer's shadow memory does not fit under a limit of address space";
-    }
-    if (access("/usr/bin/prlimit", X_OK) != 0) {
-        GTEST_SKIP() << "no /usr/bin/prlimit (util-linux)";
-    }
     int served = 0;
     int ended = 0;
     // Fine steps where the start runs short, coarser ones up to what a
@@ -163,21 +179,10 @@ std::vector<uint64_t> threadStackPointers(pid_t pid)
     return pointers;
 }
 
-TEST(AgentAddressLimit, UnderALimitTheThreadsTakeStacksOfOneMebibyte)
+TEST_F(AgentAddressLimit, UnderALimitTheThreadsTakeStacksOfOneMebibyte)
 {
-    if (kSanitized) {
-        GTEST_SKIP() << "a sanitizer's shadow memory does not fit under a limit of address space";
-    }
-    if (access("/usr/bin/prlimit", X_OK) != 0) {
-        GTEST_SKIP() << "no /usr/bin/prlimit (util-linux)";
-    }
     TempDir dir;
-    const int port = freeUdpPort();
-    Process agent({"/usr/bin/prlimit", "--as=" + std::to_string(256L * 1048576), "--",
-                   kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen",
-                   "udp:127.0.0.1:" + std::to_string(port), "--module", modulePath(), "--model",
-                   sourcePath("data/models/sample.xml")},
-                  agentEnv(), dir / "agent.out", dir / "agent.err");
+    Process agent = startUnderLimit(dir, 256, freeUdpPort());
     ASSERT_TRUE(waitFor(
         [&] { return agent.err().find("kelpagent: answering on") != std::string::npos; }, 20s))
         << agent.err();
@@ -193,12 +198,13 @@ TEST(AgentAddressLimit, UnderALimitTheThreadsTakeStacksOfOneMebibyte)
     // plug-in's threads.
     EXPECT_GE(pointers.size(), 5u);
     const std::vector<Mapping> mappings = mappingsOf(agent.pid());
+    // A stack of 1 MiB and the guard page glibc adds below it.
+    const uint64_t largest = (uint64_t{1} << 20) + uint64_t(sysconf(_SC_PAGESIZE));
     size_t small = 0;
     for (uint64_t sp : pointers) {
         for (const Mapping &m : mappings) {
-            // A stack of 1 MiB (glibc puts its guard page below it) that
-            // the kernel did not merge with a mapping above it.
-            if (m.start <= sp && sp < m.end && m.end - m.start <= (1u << 20) + 4096) {
+            // One the kernel did not merge with a mapping above it.
+            if (m.start <= sp && sp < m.end && m.end - m.start <= largest) {
                 small++;
             }
         }
