@@ -272,8 +272,9 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
           {"140.1", 2},
           {"140.2", 2},
           {"140.3", 5}}},
-        // vda, vdb and the virtio-scsi disk, each on its own controller.
-        {"vm", {{"130.1", 3}, {"130.2", 3}, {"130.4", 3}, {"130.6", 3}}},
+        // vda, vdb, the virtio-scsi disk and the NVMe/TCP namespace, each on
+        // its own controller; the NVMe/TCP controller's adapter.
+        {"vm", {{"130.1", 4}, {"130.2", 4}, {"130.4", 4}, {"130.6", 4}, {"130.18", 1}}},
     };
     const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
                                   "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
@@ -341,10 +342,27 @@ TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)
 {
     start("vm");
     const std::string w = walk();
-    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 3u);
+    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 4u);
     const std::vector<std::string> sizes = columnOf(w, table("130.4"), 11);
-    for (const char *mib : {"INTEGER: 262144", "INTEGER: 20480", "INTEGER: 8192"})
+    for (const char *mib :
+         {"INTEGER: 262144", "INTEGER: 20480", "INTEGER: 8192", "INTEGER: 102400"})
         EXPECT_NE(std::find(sizes.begin(), sizes.end(), mib), sizes.end()) << mib << "\n" << w;
+}
+
+TEST_F(AgentLiveFixture, VmVolumeOverNvmeTcpHasAControllerOfItsOwn)
+{
+    start("vm");
+    const std::string w = walk();
+    const std::vector<std::string> names = columnOf(w, table("130.1"), 2);
+    EXPECT_NE(std::find(names.begin(), names.end(), "STRING: \"Linux nvme0 (nvme-tcp)\""),
+              names.end())
+        << w;
+    const std::vector<std::string> devices = columnOf(w, table("130.18"), 5);
+    EXPECT_EQ(devices, std::vector<std::string>{"STRING: \"/dev/nvme0\""}) << w;
+    // The adapter hangs from no PCI function: its PCI bus column has no value.
+    EXPECT_TRUE(columnOf(w, table("130.18"), 11).empty()) << w;
+    const RunResult status = agent.kelpctl({"status"});
+    EXPECT_EQ(status.out.find("NVMe controller"), std::string::npos) << status.out;
 }
 
 TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
@@ -361,10 +379,10 @@ TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
 TEST_F(AgentLiveFixture, ThePeriodFindsAChangeWithoutASignal)
 {
     start("vm", "1");
-    ASSERT_EQ(rows("130.4"), 3u);
+    ASSERT_EQ(rows("130.4"), 4u);
     ASSERT_EQ(::unlink((dir / "root/sys/block/vdb").c_str()), 0);
     EXPECT_TRUE(trapOf(2049)) << receiver.log() << agent.process()->err();
-    EXPECT_TRUE(rowsBecome("130.4", 2)) << walk();
+    EXPECT_TRUE(rowsBecome("130.4", 3)) << walk();
     const RunResult status = agent.kelpctl({"status"});
     EXPECT_NE(status.out.find("udev off"), std::string::npos) << status.out;
 }

@@ -1,7 +1,9 @@
 // Controllers: the PCI functions of class "mass storage" (SAS and SATA HBAs,
 // RAID HBAs, NVMe controllers, virtio-blk and virtio-scsi), and any other PCI
 // function a SCSI host hangs from. Numbered in PCI address order, so that a
-// controller keeps its number while the hardware stays.
+// controller keeps its number while the hardware stays; after them SCSI
+// hosts and NVMe controllers on no PCI function, each a controller of its
+// own.
 #include <set>
 
 #include "datastore/live/scan_internal.h"
@@ -147,6 +149,23 @@ void addHostController(ScanState &s, const std::string &hostDir, const std::stri
     addPlainController(s, std::move(c), driver, "Not Available", driverVersion(s.root, driver));
 }
 
+// An NVMe controller that hangs from no PCI function (NVMe over TCP, RDMA,
+// Fibre Channel, or the loop target): a controller of its own, driven by
+// its transport's module. scanNvme names it and adds its adapter and
+// namespaces.
+void addFabricController(ScanState &s, const std::string &dir, const std::string &name)
+{
+    ScanState::Controller c;
+    c.hostDir = dir;
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    const std::string transport = cleanValue(s.root.readText(dir + "/transport").value_or(""));
+    const std::string driver = transport.empty() ? std::string() : "nvme-" + transport;
+    c.name = name + (driver.empty() ? std::string() : " (" + driver + ")");
+    const size_t object =
+        addPlainController(s, std::move(c), driver, "Not Available", driverVersion(s.root, driver));
+    set(&s.scan.objects[object].attributes, "BusProtocol", "9");
+}
+
 } // namespace
 
 void scanControllers(ScanState &s)
@@ -165,6 +184,11 @@ void scanControllers(ScanState &s)
         auto classDir = s.root.resolve("/sys/class/scsi_host/" + name);
         if (classDir && pciAddressIn(*classDir).empty())
             addHostController(s, std::string(dirName(dirName(*classDir))), name);
+    }
+    for (const std::string &name : s.root.list("/sys/class/nvme")) {
+        auto dir = s.root.resolve("/sys/class/nvme/" + name);
+        if (dir && pciAddressIn(*dir).empty())
+            addFabricController(s, *dir, name);
     }
 }
 

@@ -219,9 +219,10 @@ void scanNvme(ScanState &s)
         auto dir = s.root.resolve("/sys/class/nvme/" + name);
         ScanState::Controller *c = dir ? s.controllerOf(*dir) : nullptr;
         if (c == nullptr) {
-            s.note("NVMe controller " + name + ": no PCI function");
+            s.note("NVMe controller " + name + ": no controller to hang from");
             continue;
         }
+        const bool onPci = !c->bdf.empty();
         const std::string model = textOr(s.root, *dir, "model");
         const std::string serial = textOr(s.root, *dir, "serial");
         const std::string firmware = textOr(s.root, *dir, "firmware_rev");
@@ -238,7 +239,9 @@ void scanNvme(ScanState &s)
         }
         {
             LiveObject &ctrl = s.scan.objects[c->object];
-            c->name = model + " " + c->bdf;
+            // A controller on a fabric is named by its device and transport
+            // (addFabricController), one on PCI by its address.
+            c->name = model + " " + (onPci ? c->bdf : c->name);
             set(&ctrl.attributes, "Name", c->name);
             set(&ctrl.attributes, "FirmwareVer", firmware);
             set(&ctrl.attributes, "ObjState", std::to_string(state));
@@ -251,21 +254,26 @@ void scanNvme(ScanState &s)
         adapter.type = "NVMeAdapter";
         adapter.nexus = std::to_string(c->number);
         addStatus(&adapter, state, status);
-        unsigned bus = 0, device = 0, function = 0;
-        std::sscanf(c->bdf.c_str(), "%*x:%x:%x.%x", &bus, &device, &function);
-        for (const char *copied : {"VendorID", "DeviceID", "CurrentDriverVersion"})
-            set(&adapter.attributes, copied, attrOf(ctrl, copied));
+        for (const char *copied : {"VendorID", "DeviceID", "CurrentDriverVersion"}) {
+            if (std::string value = attrOf(ctrl, copied); !value.empty())
+                set(&adapter.attributes, copied, std::move(value));
+        }
         set(&adapter.attributes, "Vendor", vendor);
-        set(&adapter.attributes, "SubVendor", attrOf(ctrl, "SubVendorID"));
+        if (std::string value = attrOf(ctrl, "SubVendorID"); !value.empty())
+            set(&adapter.attributes, "SubVendor", std::move(value));
         set(&adapter.attributes, "ControllerNum", std::to_string(c->number));
         set(&adapter.attributes, "Channel", "0");
         set(&adapter.attributes, "ModelNumber", model);
         set(&adapter.attributes, "ProductID", model);
         set(&adapter.attributes, "DeviceSerialNumber", serial);
         set(&adapter.attributes, "Revision", firmware);
-        set(&adapter.attributes, "PCIBusNo", std::to_string(bus));
-        set(&adapter.attributes, "PCIDeviceNum", std::to_string(device));
-        set(&adapter.attributes, "PCIFunctionNum", std::to_string(function));
+        if (onPci) {
+            unsigned bus = 0, device = 0, function = 0;
+            std::sscanf(c->bdf.c_str(), "%*x:%x:%x.%x", &bus, &device, &function);
+            set(&adapter.attributes, "PCIBusNo", std::to_string(bus));
+            set(&adapter.attributes, "PCIDeviceNum", std::to_string(device));
+            set(&adapter.attributes, "PCIFunctionNum", std::to_string(function));
+        }
         set(&adapter.attributes, "BusProtocol", "9");
         set(&adapter.attributes, "MediaType", "2");
         set(&adapter.attributes, "DeviceName", "/dev/" + name);
@@ -280,12 +288,16 @@ void scanNvme(ScanState &s)
                 s.note("NVMe namespace " + entry + ": no block device " + blockName);
                 continue;
             }
+            // A second path to the same namespace (another controller of its
+            // subsystem, or the same one listed twice) is the same disk.
+            if (s.diskByBlock.count(blockName) != 0)
+                continue;
             LiveObject disk;
             disk.type = "arraydisks";
             disk.nexus = s.scan.objects[channel].nexus + "\\" + std::to_string(ns);
             disk.parent = channel;
             if (s.taken(disk.type, disk.nexus))
-                continue; // a second path to the same namespace
+                continue;
             addStatus(&disk, state, status);
             set(&disk.attributes, "AttributesMask", kNoBits);
             set(&disk.attributes, "Vendor", vendor);

@@ -38,7 +38,8 @@ struct ScanState {
     struct Controller {
         std::string pciDir; // canonical directory of the PCI function ("" for md)
         // For a SCSI host on no PCI function (iSCSI, VMBus, scsi_debug): its
-        // canonical host directory, which stands for the function.
+        // canonical host directory, which stands for the function; for an
+        // NVMe controller on none (a fabric), its controller directory.
         std::string hostDir;
         std::string bdf;
         uint32_t number = 0;
@@ -51,7 +52,7 @@ struct ScanState {
     };
     std::vector<Controller> controllers;            // sorted by PCI address once made
     std::map<std::string, size_t> controllerByPci;  // bdf -> index in controllers
-    std::map<std::string, size_t> controllerByHost; // host dir (no PCI) -> index
+    std::map<std::string, size_t> controllerByHost; // hostDir (no PCI) -> index
 
     // SCSI device directory (canonical) -> the enclosure slot a disk sits in
     struct Slot {
@@ -82,7 +83,8 @@ struct ScanState {
     void note(std::string line) { scan.notes.push_back(std::move(line)); }
     size_t add(LiveObject object);
     // The controller of a device directory: the nearest PCI function on its
-    // path; nullopt when there is none or it was not made a controller.
+    // path, else the nearest hostDir of a controller on no PCI function;
+    // nullptr when there is none or it was not made a controller.
     Controller *controllerOf(std::string_view deviceDir);
     // The channel object for (host, channel) of controller c, made on first
     // use. `channel` is the SCSI channel, or kSasPortKey plus the number of a

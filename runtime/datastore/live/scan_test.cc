@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "datastore/live/machine_testing.h"
 #include "datastore/live/sysroot.h"
 #include "datastore/live/tree_testing.h"
@@ -402,6 +405,90 @@ TEST(ScanTest, SasPortsAreChannelsOfTheirOwn)
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "DeviceName"), "/dev/sdb");
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\1\\1"), "DeviceName"), "/dev/sdc");
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\1\\1"), "BusProtocol"), "8");
+}
+
+} // namespace
+} // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// NVMe controller nvmeN over a fabric (transport tcp), on no PCI function,
+// holding `entries` (namespace path devices nvmeScNnM of subsystem S, or
+// nvmeNnM itself).
+void addFabricController(const TempTree &t, unsigned n, const std::vector<std::string> &entries)
+{
+    const std::string name = "nvme" + std::to_string(n);
+    const std::string rel = "virtual/nvme-fabrics/ctl/" + name;
+    const std::string ctl = "sys/devices/" + rel;
+    t.file(ctl + "/transport", "tcp\n");
+    t.file(ctl + "/address", "traddr=192.0.2.7,trsvcid=4420\n");
+    t.file(ctl + "/model", "Linux\n");
+    t.file(ctl + "/serial", "5f2c0a1b9e7d4c11\n");
+    t.file(ctl + "/firmware_rev", "6.1.0-18\n");
+    t.file(ctl + "/state", "live\n");
+    for (const std::string &entry : entries)
+        t.dir(ctl + "/" + entry);
+    t.link("sys/class/nvme/" + name, "../../devices/" + rel);
+}
+
+// Block device `name` of `sectors` 512-byte sectors at sys/devices/`rel`.
+void addNvmeBlock(const TempTree &t, const std::string &rel, const std::string &name,
+                  const std::string &sectors)
+{
+    t.file("sys/devices/" + rel + "/size", sectors + "\n");
+    t.file("sys/devices/" + rel + "/queue/rotational", "0\n");
+    t.link("sys/block/" + name, "../devices/" + rel);
+}
+
+TEST(ScanTest, AnNvmeControllerOverAFabricIsAControllerOfItsOwn)
+{
+    TempTree t;
+    addFabricController(t, 1, {"nvme1n1"});
+    addNvmeBlock(t, "virtual/nvme-fabrics/ctl/nvme1/nvme1n1", "nvme1n1", "209715200");
+    t.file("sys/module/nvme_tcp/version", "1.0\n");
+    LiveScan scan = scanOf(t);
+    const LiveObject &c = only(scan, "adapters", "0");
+    EXPECT_EQ(attrOf(c, "Name"), "Linux nvme1 (nvme-tcp)");
+    EXPECT_EQ(attrOf(c, "DriverName"), "nvme-tcp");
+    EXPECT_EQ(attrOf(c, "CurrentDriverVersion"), "1.0");
+    EXPECT_EQ(attrOf(c, "FirmwareVer"), "6.1.0-18");
+    EXPECT_EQ(attrOf(c, "BusProtocol"), "9");
+    EXPECT_EQ(attrOf(c, "PCIAddress"), "<none>");
+    const LiveObject &adapter = only(scan, "NVMeAdapter", "0");
+    EXPECT_EQ(attrOf(adapter, "DeviceName"), "/dev/nvme1");
+    EXPECT_EQ(attrOf(adapter, "DeviceSerialNumber"), "5f2c0a1b9e7d4c11");
+    // No PCI function: no PCI numbers, rather than zeros.
+    EXPECT_EQ(attrOf(adapter, "PCIBusNo"), "<none>");
+    EXPECT_EQ(attrOf(adapter, "DeviceID"), "<none>");
+    const LiveObject &disk = only(scan, "arraydisks", "0\\0\\1");
+    EXPECT_EQ(attrOf(disk, "DeviceName"), "/dev/nvme1n1");
+    EXPECT_EQ(attrOf(disk, "Length"), std::to_string(209715200ull * 512));
+    EXPECT_EQ(attrOf(disk, "BusProtocol"), "9");
+    for (const std::string &note : scan.notes)
+        EXPECT_EQ(note.find("NVMe controller"), std::string::npos) << note;
+}
+
+TEST(ScanTest, ASecondPathToANamespaceIsLeftOut)
+{
+    TempTree t;
+    // Two controllers of subsystem 0, each a path to its namespace 1, which
+    // the kernel serves as one block device, nvme0n1.
+    addFabricController(t, 1, {"nvme0c1n1"});
+    addFabricController(t, 2, {"nvme0c2n1"});
+    addNvmeBlock(t, "virtual/nvme-subsystem/nvme-subsys0/nvme0n1", "nvme0n1", "1000");
+    LiveScan scan = scanOf(t);
+    size_t disks = 0;
+    for (const LiveObject &o : scan.objects) {
+        if (o.type == "arraydisks") {
+            ++disks;
+            EXPECT_EQ(attrOf(o, "DeviceName"), "/dev/nvme0n1");
+        }
+    }
+    EXPECT_EQ(disks, 1u);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/nvme0n1");
+    // Both controllers are served.
+    EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "1"), "DeviceName"), "/dev/nvme2");
 }
 
 } // namespace
