@@ -20,10 +20,44 @@ struct ClassInfo {
     const char *protocol;
 };
 
+// A function of another class that a SCSI host or an SD card hangs from:
+// named by its class, of no bus protocol the model format knows.
+ClassInfo otherClassInfo(uint64_t baseClass, uint64_t subclass)
+{
+    switch (baseClass) {
+    case 0x02:
+        return {"Network controller", "0"}; // iSCSI or FCoE offload
+    case 0x08:
+        if (subclass == 0x05)
+            return {"SD host controller", "0"};
+        break;
+    case 0x0c:
+        switch (subclass) {
+        case 0x00:
+            return {"FireWire controller", "0"};
+        case 0x03:
+            return {"USB controller", "0"};
+        case 0x04:
+            return {"Fibre Channel controller", "0"};
+        case 0x06:
+            return {"InfiniBand controller", "0"};
+        default:
+            break;
+        }
+        break;
+    default:
+        break;
+    }
+    return {"Storage controller", "0"};
+}
+
 ClassInfo classInfo(uint64_t pciClass, const std::string &driver)
 {
     if (driver == "virtio-pci")
         return {"Virtio storage controller", "0"};
+    const uint64_t baseClass = (pciClass >> 16) & 0xff;
+    if (baseClass != kMassStorageClass)
+        return otherClassInfo(baseClass, (pciClass >> 8) & 0xff);
     switch ((pciClass >> 8) & 0xff) {
     case 0x00:
         return {"SCSI controller", "0"};

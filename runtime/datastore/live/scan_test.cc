@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,12 @@ const LiveObject &only(const LiveScan &scan, const std::string &type, const std:
     auto pos = scan.find(type, nexus);
     EXPECT_TRUE(pos) << type << " " << nexus << " not found";
     return pos ? scan.objects[*pos] : none;
+}
+
+size_t countOf(const LiveScan &scan, const std::string &type)
+{
+    return static_cast<size_t>(std::count_if(scan.objects.begin(), scan.objects.end(),
+                                             [&](const LiveObject &o) { return o.type == type; }));
 }
 
 TEST(ScanTest, AnEmptyRootServesNothingAndSaysWhy)
@@ -478,17 +485,61 @@ TEST(ScanTest, ASecondPathToANamespaceIsLeftOut)
     addFabricController(t, 2, {"nvme0c2n1"});
     addNvmeBlock(t, "virtual/nvme-subsystem/nvme-subsys0/nvme0n1", "nvme0n1", "1000");
     LiveScan scan = scanOf(t);
-    size_t disks = 0;
-    for (const LiveObject &o : scan.objects) {
-        if (o.type == "arraydisks") {
-            ++disks;
-            EXPECT_EQ(attrOf(o, "DeviceName"), "/dev/nvme0n1");
-        }
-    }
-    EXPECT_EQ(disks, 1u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/nvme0n1");
     // Both controllers are served.
     EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "1"), "DeviceName"), "/dev/nvme2");
+}
+
+} // namespace
+} // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// PCI function bdf of class `cls` bound to `driver`, with SCSI host hostN
+// below it holding disk N:0:0:0, block device `sd`.
+void addScsiHostOn(const TempTree &t, const std::string &bdf, const std::string &cls,
+                   const std::string &driver, unsigned n, const std::string &sd)
+{
+    const std::string rel = "pci0000:00/" + bdf;
+    const std::string pci = "sys/devices/" + rel;
+    t.file(pci + "/class", cls + "\n");
+    t.dir("sys/bus/pci/drivers/" + driver);
+    t.link(pci + "/driver", "../../../bus/pci/drivers/" + driver);
+    t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+    const std::string h = std::to_string(n);
+    const std::string hctl = h + ":0:0:0";
+    const std::string host = rel + "/host" + h;
+    const std::string dev = host + "/rport-" + h + ":0-0/target" + h + ":0:0/" + hctl;
+    t.file("sys/devices/" + host + "/scsi_host/host" + h + "/proc_name", driver + "\n");
+    t.link("sys/class/scsi_host/host" + h, "../../devices/" + host + "/scsi_host/host" + h);
+    t.file("sys/devices/" + dev + "/type", "0\n");
+    t.file("sys/devices/" + dev + "/vendor", "KESWICK\n");
+    t.file("sys/devices/" + dev + "/model", "KA-4000\n");
+    t.file("sys/devices/" + dev + "/state", "running\n");
+    t.file("sys/devices/" + dev + "/block/" + sd + "/size", "2048\n");
+    t.link("sys/devices/" + dev + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+    t.link("sys/class/scsi_device/" + hctl, "../../devices/" + dev + "/scsi_device/" + hctl);
+    t.link("sys/block/" + sd, "../devices/" + dev + "/block/" + sd);
+}
+
+TEST(ScanTest, AControllerOutsideTheMassStorageClassIsNamedByItsOwnClass)
+{
+    TempTree t;
+    // A Fibre Channel HBA (serial bus class 0x0c, subclass 0x04), and a USB
+    // controller (0x0c03) with a USB disk: their subclasses must not be read
+    // as mass storage subclasses (0x04 RAID, 0x03 none).
+    addScsiHostOn(t, "0000:05:00.0", "0x0c0400", "qla2xxx", 0, "sdb");
+    addScsiHostOn(t, "0000:00:14.0", "0x0c0330", "xhci_hcd", 1, "sdc");
+    LiveScan scan = scanOf(t);
+    const LiveObject &usb = only(scan, "adapters", "0");
+    EXPECT_EQ(attrOf(usb, "Name"), "USB controller 0000:00:14.0 (xhci_hcd)");
+    EXPECT_EQ(attrOf(usb, "BusProtocol"), "0");
+    const LiveObject &fc = only(scan, "adapters", "1");
+    EXPECT_EQ(attrOf(fc, "Name"), "Fibre Channel controller 0000:05:00.0 (qla2xxx)");
+    EXPECT_EQ(attrOf(fc, "BusProtocol"), "0");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\0"), "DeviceName"), "/dev/sdb");
 }
 
 } // namespace
