@@ -275,6 +275,8 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
         // vda, vdb, the virtio-scsi disk and the NVMe/TCP namespace, each on
         // its own controller; the NVMe/TCP controller's adapter.
         {"vm", {{"130.1", 4}, {"130.2", 4}, {"130.4", 4}, {"130.6", 4}, {"130.18", 1}}},
+        // The eMMC, the SD card and the USB disk, each on its own controller.
+        {"board", {{"130.1", 3}, {"130.2", 3}, {"130.4", 3}, {"130.6", 3}}},
     };
     const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
                                   "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
@@ -365,6 +367,29 @@ TEST_F(AgentLiveFixture, VmVolumeOverNvmeTcpHasAControllerOfItsOwn)
     EXPECT_EQ(status.out.find("NVMe controller"), std::string::npos) << status.out;
 }
 
+TEST_F(AgentLiveFixture, BoardMmcCardsAndAUsbDiskAreServed)
+{
+    start("board");
+    const std::string w = walk();
+    const std::vector<std::string> names = columnOf(w, table("130.1"), 2);
+    for (const char *name : {"sdhci-arasan mmc0", "dwmmc_rockchip mmc1", "uas host0"}) {
+        EXPECT_NE(std::find(names.begin(), names.end(), std::string("STRING: \"") + name + "\""),
+                  names.end())
+            << name << "\n"
+            << w;
+    }
+    // Three disks: the eMMC's boot areas are not disks of their own.
+    EXPECT_EQ(rowsOf(w, table("130.4")).size(), 3u) << w;
+    const std::vector<std::string> products = columnOf(w, table("130.4"), 6);
+    for (const char *product : {"DG4016", "SC64G", "KU-500"}) {
+        EXPECT_NE(
+            std::find(products.begin(), products.end(), std::string("STRING: \"") + product + "\""),
+            products.end())
+            << product << "\n"
+            << w;
+    }
+}
+
 TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
 {
     start("server");
@@ -450,7 +475,7 @@ TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
 
 TEST(AgentLiveSave, EveryFixtureSavesToAModelThatWalksTheSame)
 {
-    for (const char *machine : {"server", "workstation", "vm"}) {
+    for (const char *machine : {"server", "workstation", "vm", "board"}) {
         SCOPED_TRACE(machine);
         expectIdenticalWalkAfterSave(
             {"--live-root", sourcePath(std::string("tests/fixtures/") + machine)});

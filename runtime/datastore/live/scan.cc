@@ -244,6 +244,7 @@ void scanMachine(const SysRoot &root, LiveScan *scan)
     scanEnclosureSlots(s);
     scanScsiDisks(s);
     scanVirtio(s);
+    scanMmc(s);
     scanNvme(s);
     scanEnclosureComponents(s);
     scanHwmon(s);

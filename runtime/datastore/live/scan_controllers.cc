@@ -2,8 +2,8 @@
 // RAID HBAs, NVMe controllers, virtio-blk and virtio-scsi), and any other PCI
 // function a SCSI host hangs from. Numbered in PCI address order, so that a
 // controller keeps its number while the hardware stays; after them SCSI
-// hosts and NVMe controllers on no PCI function, each a controller of its
-// own.
+// hosts, NVMe controllers and MMC hosts on no PCI function, each a
+// controller of its own.
 #include <set>
 
 #include "datastore/live/scan_internal.h"
@@ -85,7 +85,8 @@ std::string driverOf(const SysRoot &root, const std::string &dir)
 }
 
 // The PCI functions scanMachine serves as controllers: storage by class, and
-// the parents of SCSI hosts and NVMe controllers whatever their class.
+// the parents of SCSI hosts, NVMe controllers and MMC hosts whatever their
+// class.
 std::set<std::string> controllerFunctions(ScanState &s)
 {
     std::set<std::string> dirs;
@@ -100,7 +101,7 @@ std::set<std::string> controllerFunctions(ScanState &s)
         if (value && (*value >> 16) == kMassStorageClass)
             dirs.insert(*dir);
     }
-    for (const char *cls : {"/sys/class/scsi_host", "/sys/class/nvme"}) {
+    for (const char *cls : {"/sys/class/scsi_host", "/sys/class/nvme", "/sys/class/mmc_host"}) {
         const std::string base = cls;
         for (const std::string &name : s.root.list(base)) {
             auto dir = s.root.resolve(base + "/" + name);
@@ -200,6 +201,18 @@ void addFabricController(ScanState &s, const std::string &dir, const std::string
     set(&s.scan.objects[object].attributes, "BusProtocol", "9");
 }
 
+// An MMC host on no PCI function (an SoC's SD or eMMC controller): a
+// controller of its own, named by the driver of the device it belongs to.
+void addMmcHostController(ScanState &s, const std::string &hostDir, const std::string &name)
+{
+    ScanState::Controller c;
+    c.hostDir = hostDir;
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    const std::string driver = driverOf(s.root, std::string(dirName(dirName(hostDir))));
+    c.name = (driver.empty() ? std::string("MMC") : driver) + " " + name;
+    addPlainController(s, std::move(c), driver, "Not Available", driverVersion(s.root, driver));
+}
+
 } // namespace
 
 void scanControllers(ScanState &s)
@@ -223,6 +236,11 @@ void scanControllers(ScanState &s)
         auto dir = s.root.resolve("/sys/class/nvme/" + name);
         if (dir && pciAddressIn(*dir).empty())
             addFabricController(s, *dir, name);
+    }
+    for (const std::string &name : s.root.list("/sys/class/mmc_host")) {
+        auto dir = s.root.resolve("/sys/class/mmc_host/" + name);
+        if (dir && pciAddressIn(*dir).empty())
+            addMmcHostController(s, *dir, name);
     }
 }
 

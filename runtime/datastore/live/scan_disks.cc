@@ -1,6 +1,7 @@
 // Array disks and tape drives: SCSI, SATA and SAS disks on SCSI hosts,
-// virtio-blk disks, NVMe namespaces. A disk in an enclosure slot is named by
-// its slot (C\H\E\S), any other by its channel and target (C\H\T).
+// virtio-blk disks, MMC (SD and eMMC) cards, NVMe namespaces. A disk in an
+// enclosure slot is named by its slot (C\H\E\S), any other by its channel
+// and target (C\H\T).
 #include <cstdio>
 
 #include "datastore/live/scan_internal.h"
@@ -178,6 +179,52 @@ void scanVirtio(ScanState &s)
         size_t index = s.add(std::move(o));
         s.diskByBlock.emplace(name, index);
         s.diskByDevice.emplace(*device, index);
+    }
+}
+
+void scanMmc(ScanState &s)
+{
+    for (const std::string &name : s.root.list("/sys/block")) {
+        // mmcblkN alone: mmcblkNbootM and mmcblkNrpmb are areas of the same
+        // device.
+        unsigned n = 0;
+        char end = 0;
+        if (std::sscanf(name.c_str(), "mmcblk%u%c", &n, &end) != 1)
+            continue;
+        auto blockDir = s.root.resolve("/sys/block/" + name);
+        if (!blockDir)
+            continue;
+        auto card = s.root.follow(*blockDir, "device");
+        ScanState::Controller *c = s.controllerOf(*blockDir);
+        if (!card || c == nullptr) {
+            s.note("MMC disk " + name + ": no card or host");
+            continue;
+        }
+        size_t channel = s.channelOf(*c, 0, 0, "0");
+        LiveObject o;
+        o.type = "arraydisks";
+        o.nexus = s.scan.objects[channel].nexus + "\\0";
+        o.parent = channel;
+        if (s.taken(o.type, o.nexus)) {
+            s.note("MMC disk " + name + ": a second disk on controller " + c->name);
+            continue;
+        }
+        addStatus(&o, kStateReady, kStatusOk);
+        set(&o.attributes, "AttributesMask", kNoBits);
+        // A card names its maker by number only (manfid).
+        set(&o.attributes, "Vendor", textOr(s.root, *card, "manfid"));
+        const std::string product = textOr(s.root, *card, "name");
+        set(&o.attributes, "ProductID", product);
+        set(&o.attributes, "ModelNumber", product);
+        set(&o.attributes, "Revision", textOr(s.root, *card, "fwrev"));
+        set(&o.attributes, "DeviceSerialNumber", textOr(s.root, *card, "serial"));
+        set(&o.attributes, "BusProtocol", "0");
+        set(&o.attributes, "Channel", "0");
+        set(&o.attributes, "TargetID", "0");
+        fillBlock(s, *blockDir, &o);
+        size_t index = s.add(std::move(o));
+        s.diskByBlock.emplace(name, index);
+        s.diskByDevice.emplace(*card, index);
     }
 }
 

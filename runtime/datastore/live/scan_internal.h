@@ -39,7 +39,8 @@ struct ScanState {
         std::string pciDir; // canonical directory of the PCI function ("" for md)
         // For a SCSI host on no PCI function (iSCSI, VMBus, scsi_debug): its
         // canonical host directory, which stands for the function; for an
-        // NVMe controller on none (a fabric), its controller directory.
+        // NVMe controller on none (a fabric), its controller directory; for
+        // an MMC host on none, the host's directory (mmc_host/mmcN).
         std::string hostDir;
         std::string bdf;
         uint32_t number = 0;
@@ -132,6 +133,7 @@ void scanScsi(ScanState &s); // channels, enclosures, disks, tapes of SCSI hosts
 void scanEnclosureSlots(ScanState &s);
 void scanScsiDisks(ScanState &s);
 void scanVirtio(ScanState &s);
+void scanMmc(ScanState &s);
 void scanNvme(ScanState &s);
 void scanEnclosureComponents(ScanState &s);
 void scanHwmon(ScanState &s);

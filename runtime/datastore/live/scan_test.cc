@@ -544,3 +544,77 @@ TEST(ScanTest, AControllerOutsideTheMassStorageClassIsNamedByItsOwnClass)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// MMC host mmcN at sys/devices/`parent`, holding card `card` of `kind` (SD
+// or MMC) with block device mmcblkN (and, for `boots`, its boot areas
+// mmcblkNboot0 and 1, which are block devices of their own).
+void addMmcCard(const TempTree &t, const std::string &parent, unsigned n, const std::string &card,
+                const std::string &kind, bool boots)
+{
+    const std::string host = parent + "/mmc_host/mmc" + std::to_string(n);
+    const std::string dev = host + "/" + card;
+    const std::string d = "sys/devices/" + dev;
+    t.link("sys/class/mmc_host/mmc" + std::to_string(n), "../../devices/" + host);
+    t.file(d + "/type", kind + "\n");
+    t.file(d + "/name", kind == "SD" ? "SC64G\n" : "DG4016\n");
+    t.file(d + "/serial", "0x9a1c2b3d\n");
+    t.file(d + "/manfid", "0x000045\n");
+    t.file(d + "/fwrev", "0x0\n");
+    const std::string blk = "mmcblk" + std::to_string(n);
+    std::vector<std::string> blocks{blk};
+    if (boots) {
+        blocks.push_back(blk + "boot0");
+        blocks.push_back(blk + "boot1");
+    }
+    for (const std::string &b : blocks) {
+        // The boot areas sit below the card's block device.
+        const std::string rel = dev + "/block/" + (b == blk ? b : blk + "/" + b);
+        t.file("sys/devices/" + rel + "/size", b == blk ? "30777344\n" : "8192\n");
+        t.file("sys/devices/" + rel + "/queue/rotational", "0\n");
+        t.link("sys/devices/" + rel + "/device", b == blk ? "../../../" + card : "../../" + blk);
+        t.link("sys/block/" + b, "../devices/" + rel);
+    }
+}
+
+TEST(ScanTest, AnEmmcOnAPlatformHostIsADiskOfItsOwnController)
+{
+    TempTree t;
+    const std::string platform = "platform/fe340000.mmc";
+    t.dir("sys/bus/platform/drivers/sdhci-iproc");
+    t.link("sys/devices/" + platform + "/driver", "../../../bus/platform/drivers/sdhci-iproc");
+    addMmcCard(t, platform, 0, "mmc0:0001", "MMC", true);
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Name"), "sdhci-iproc mmc0");
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "DriverName"), "sdhci-iproc");
+    const LiveObject &disk = only(scan, "arraydisks", "0\\0\\0");
+    EXPECT_EQ(attrOf(disk, "DeviceName"), "/dev/mmcblk0");
+    EXPECT_EQ(attrOf(disk, "ProductID"), "DG4016");
+    EXPECT_EQ(attrOf(disk, "DeviceSerialNumber"), "0x9a1c2b3d");
+    EXPECT_EQ(attrOf(disk, "Length"), std::to_string(30777344ull * 512));
+    EXPECT_EQ(attrOf(disk, "MediaType"), "2");
+    // The boot areas are parts of the same device, not disks.
+    EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
+}
+
+TEST(ScanTest, AnSdCardOnAPciHostIsADiskOfThatFunction)
+{
+    TempTree t;
+    const std::string rel = "pci0000:00/0000:00:1e.6";
+    t.file("sys/devices/" + rel + "/class", "0x080501\n");
+    t.dir("sys/bus/pci/drivers/sdhci-pci");
+    t.link("sys/devices/" + rel + "/driver", "../../../bus/pci/drivers/sdhci-pci");
+    t.link("sys/bus/pci/devices/0000:00:1e.6", "../../../devices/" + rel);
+    addMmcCard(t, rel, 1, "mmc1:aaaa", "SD", false);
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Name"),
+              "SD host controller 0000:00:1e.6 (sdhci-pci)");
+    const LiveObject &disk = only(scan, "arraydisks", "0\\0\\0");
+    EXPECT_EQ(attrOf(disk, "DeviceName"), "/dev/mmcblk1");
+    EXPECT_EQ(attrOf(disk, "ProductID"), "SC64G");
+}
+
+} // namespace
+} // namespace kelp::live
