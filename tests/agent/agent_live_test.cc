@@ -277,6 +277,8 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
         {"vm", {{"130.1", 4}, {"130.2", 4}, {"130.4", 4}, {"130.6", 4}, {"130.18", 1}}},
         // The eMMC, the SD card and the USB disk, each on its own controller.
         {"board", {{"130.1", 3}, {"130.2", 3}, {"130.4", 3}, {"130.6", 3}}},
+        // Two Xen disks, each on its own frontend device.
+        {"xen", {{"130.1", 2}, {"130.2", 2}, {"130.4", 2}, {"130.6", 2}}},
     };
     const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
                                   "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
@@ -390,6 +392,19 @@ TEST_F(AgentLiveFixture, BoardMmcCardsAndAUsbDiskAreServed)
     }
 }
 
+TEST_F(AgentLiveFixture, XenGuestDisksAreServedWithTheirSizes)
+{
+    start("xen");
+    const std::string w = walk();
+    EXPECT_EQ(columnOf(w, table("130.1"), 2),
+              (std::vector<std::string>{"STRING: \"Xen virtual block device vbd-51712\"",
+                                        "STRING: \"Xen virtual block device vbd-51792\""}))
+        << w;
+    const std::vector<std::string> sizes = columnOf(w, table("130.4"), 11);
+    for (const char *mib : {"INTEGER: 8192", "INTEGER: 102400"})
+        EXPECT_NE(std::find(sizes.begin(), sizes.end(), mib), sizes.end()) << mib << "\n" << w;
+}
+
 TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
 {
     start("server");
@@ -475,7 +490,7 @@ TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
 
 TEST(AgentLiveSave, EveryFixtureSavesToAModelThatWalksTheSame)
 {
-    for (const char *machine : {"server", "workstation", "vm", "board"}) {
+    for (const char *machine : {"server", "workstation", "vm", "board", "xen"}) {
         SCOPED_TRACE(machine);
         expectIdenticalWalkAfterSave(
             {"--live-root", sourcePath(std::string("tests/fixtures/") + machine)});

@@ -245,6 +245,7 @@ void scanMachine(const SysRoot &root, LiveScan *scan)
     scanScsiDisks(s);
     scanVirtio(s);
     scanMmc(s);
+    scanXen(s);
     scanNvme(s);
     scanEnclosureComponents(s);
     scanHwmon(s);

@@ -2,8 +2,8 @@
 // RAID HBAs, NVMe controllers, virtio-blk and virtio-scsi), and any other PCI
 // function a SCSI host hangs from. Numbered in PCI address order, so that a
 // controller keeps its number while the hardware stays; after them SCSI
-// hosts, NVMe controllers and MMC hosts on no PCI function, each a
-// controller of its own.
+// hosts, NVMe controllers, MMC hosts and Xen block devices on no PCI
+// function, each a controller of its own.
 #include <set>
 
 #include "datastore/live/scan_internal.h"
@@ -213,6 +213,18 @@ void addMmcHostController(ScanState &s, const std::string &hostDir, const std::s
     addPlainController(s, std::move(c), driver, "Not Available", driverVersion(s.root, driver));
 }
 
+// A Xen guest's block device: its frontend device (vbd-N, on no PCI
+// function) is a controller of its own, as a virtio-blk function is.
+void addXenController(ScanState &s, const std::string &deviceDir)
+{
+    ScanState::Controller c;
+    c.hostDir = deviceDir;
+    c.number = static_cast<uint32_t>(s.controllers.size());
+    c.name = "Xen virtual block device " + std::string(baseName(deviceDir));
+    addPlainController(s, std::move(c), driverOf(s.root, deviceDir), "Not Available",
+                       driverVersion(s.root, "xen_blkfront"));
+}
+
 } // namespace
 
 void scanControllers(ScanState &s)
@@ -241,6 +253,14 @@ void scanControllers(ScanState &s)
         auto dir = s.root.resolve("/sys/class/mmc_host/" + name);
         if (dir && pciAddressIn(*dir).empty())
             addMmcHostController(s, *dir, name);
+    }
+    for (const std::string &name : s.root.list("/sys/block")) {
+        if (!name.starts_with("xvd"))
+            continue;
+        auto blockDir = s.root.resolve("/sys/block/" + name);
+        auto device = blockDir ? s.root.follow(*blockDir, "device") : std::nullopt;
+        if (device && pciAddressIn(*device).empty() && s.controllerByHost.count(*device) == 0)
+            addXenController(s, *device);
     }
 }
 

@@ -1,6 +1,6 @@
 // Array disks and tape drives: SCSI, SATA and SAS disks on SCSI hosts,
-// virtio-blk disks, MMC (SD and eMMC) cards, NVMe namespaces. A disk in an
-// enclosure slot is named by its slot (C\H\E\S), any other by its channel
+// virtio-blk, MMC (SD and eMMC) and Xen disks, NVMe namespaces. A disk in
+// an enclosure slot is named by its slot (C\H\E\S), any other by its channel
 // and target (C\H\T).
 #include <cstdio>
 
@@ -140,92 +140,106 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
         s.diskByBlock.emplace(blockName, index);
 }
 
-void scanVirtio(ScanState &s)
+namespace {
+
+// What a disk that names no SCSI identity says of itself.
+struct DiskIdentity {
+    std::string vendor;
+    std::string product;
+    std::string revision;
+    std::string serial;
+};
+
+// Adds the one disk of controller c (C\0\0 on its channel 0): a virtio-blk,
+// MMC or Xen disk, block device `name` at blockDir, its device at `device`.
+// `kind` names such a disk in notes.
+void addOnlyDisk(ScanState &s, const char *kind, const std::string &name,
+                 const std::string &blockDir, const std::string &device, ScanState::Controller &c,
+                 DiskIdentity id)
+{
+    size_t channel = s.channelOf(c, 0, 0, "0");
+    LiveObject o;
+    o.type = "arraydisks";
+    o.nexus = s.scan.objects[channel].nexus + "\\0";
+    o.parent = channel;
+    if (s.taken(o.type, o.nexus)) {
+        s.note(std::string(kind) + " disk " + name + ": a second disk on controller " + c.name);
+        return;
+    }
+    addStatus(&o, kStateReady, kStatusOk);
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "Vendor", std::move(id.vendor));
+    set(&o.attributes, "ProductID", id.product);
+    set(&o.attributes, "ModelNumber", std::move(id.product));
+    set(&o.attributes, "Revision", std::move(id.revision));
+    set(&o.attributes, "DeviceSerialNumber", std::move(id.serial));
+    set(&o.attributes, "BusProtocol", "0");
+    set(&o.attributes, "Channel", "0");
+    set(&o.attributes, "TargetID", "0");
+    fillBlock(s, blockDir, &o);
+    size_t index = s.add(std::move(o));
+    s.diskByBlock.emplace(name, index);
+    s.diskByDevice.emplace(device, index);
+}
+
+// The disks /sys/block lists under names `accept` takes, each the one disk
+// of the controller its block device hangs from, described by `identify`
+// (the block directory and the device directory).
+template <typename Accept, typename Identify>
+void scanOnlyDisks(ScanState &s, const char *kind, Accept accept, Identify identify)
 {
     for (const std::string &name : s.root.list("/sys/block")) {
-        if (!name.starts_with("vd"))
+        if (!accept(name))
             continue;
         auto blockDir = s.root.resolve("/sys/block/" + name);
         if (!blockDir)
             continue;
         auto device = s.root.follow(*blockDir, "device");
-        ScanState::Controller *c = blockDir ? s.controllerOf(*blockDir) : nullptr;
+        ScanState::Controller *c = s.controllerOf(*blockDir);
         if (!device || c == nullptr) {
-            s.note("virtio disk " + name + ": no virtio device or controller");
+            s.note(std::string(kind) + " disk " + name + ": no device or controller");
             continue;
         }
-        size_t channel = s.channelOf(*c, 0, 0, "0");
-        LiveObject o;
-        o.type = "arraydisks";
-        o.nexus = s.scan.objects[channel].nexus + "\\0";
-        o.parent = channel;
-        if (s.taken(o.type, o.nexus)) {
-            s.note("virtio disk " + name + ": a second disk on controller " + c->bdf);
-            continue;
-        }
-        addStatus(&o, kStateReady, kStatusOk);
-        set(&o.attributes, "AttributesMask", kNoBits);
-        set(&o.attributes, "Vendor", "Virtio");
-        set(&o.attributes, "ProductID", "Virtio Block Device");
-        set(&o.attributes, "ModelNumber", "Virtio Block Device");
-        set(&o.attributes, "Revision", "Not Available");
-        auto serial = s.root.attr(*blockDir, "serial");
-        std::string sn = serial ? cleanValue(*serial) : std::string();
-        set(&o.attributes, "DeviceSerialNumber", sn.empty() ? "Not Available" : sn);
-        set(&o.attributes, "BusProtocol", "0");
-        set(&o.attributes, "Channel", "0");
-        set(&o.attributes, "TargetID", "0");
-        fillBlock(s, *blockDir, &o);
-        size_t index = s.add(std::move(o));
-        s.diskByBlock.emplace(name, index);
-        s.diskByDevice.emplace(*device, index);
+        addOnlyDisk(s, kind, name, *blockDir, *device, *c, identify(*blockDir, *device));
     }
+}
+
+} // namespace
+
+void scanVirtio(ScanState &s)
+{
+    scanOnlyDisks(
+        s, "virtio", [](const std::string &name) { return name.starts_with("vd"); },
+        [&](const std::string &blockDir, const std::string &) {
+            return DiskIdentity{"Virtio", "Virtio Block Device", "Not Available",
+                                textOr(s.root, blockDir, "serial")};
+        });
 }
 
 void scanMmc(ScanState &s)
 {
-    for (const std::string &name : s.root.list("/sys/block")) {
-        // mmcblkN alone: mmcblkNbootM and mmcblkNrpmb are areas of the same
-        // device.
+    // mmcblkN alone: mmcblkNbootM and mmcblkNrpmb are areas of the same
+    // device.
+    auto whole = [](const std::string &name) {
         unsigned n = 0;
         char end = 0;
-        if (std::sscanf(name.c_str(), "mmcblk%u%c", &n, &end) != 1)
-            continue;
-        auto blockDir = s.root.resolve("/sys/block/" + name);
-        if (!blockDir)
-            continue;
-        auto card = s.root.follow(*blockDir, "device");
-        ScanState::Controller *c = s.controllerOf(*blockDir);
-        if (!card || c == nullptr) {
-            s.note("MMC disk " + name + ": no card or host");
-            continue;
-        }
-        size_t channel = s.channelOf(*c, 0, 0, "0");
-        LiveObject o;
-        o.type = "arraydisks";
-        o.nexus = s.scan.objects[channel].nexus + "\\0";
-        o.parent = channel;
-        if (s.taken(o.type, o.nexus)) {
-            s.note("MMC disk " + name + ": a second disk on controller " + c->name);
-            continue;
-        }
-        addStatus(&o, kStateReady, kStatusOk);
-        set(&o.attributes, "AttributesMask", kNoBits);
+        return std::sscanf(name.c_str(), "mmcblk%u%c", &n, &end) == 1;
+    };
+    scanOnlyDisks(s, "MMC", whole, [&](const std::string &, const std::string &card) {
         // A card names its maker by number only (manfid).
-        set(&o.attributes, "Vendor", textOr(s.root, *card, "manfid"));
-        const std::string product = textOr(s.root, *card, "name");
-        set(&o.attributes, "ProductID", product);
-        set(&o.attributes, "ModelNumber", product);
-        set(&o.attributes, "Revision", textOr(s.root, *card, "fwrev"));
-        set(&o.attributes, "DeviceSerialNumber", textOr(s.root, *card, "serial"));
-        set(&o.attributes, "BusProtocol", "0");
-        set(&o.attributes, "Channel", "0");
-        set(&o.attributes, "TargetID", "0");
-        fillBlock(s, *blockDir, &o);
-        size_t index = s.add(std::move(o));
-        s.diskByBlock.emplace(name, index);
-        s.diskByDevice.emplace(*card, index);
-    }
+        return DiskIdentity{textOr(s.root, card, "manfid"), textOr(s.root, card, "name"),
+                            textOr(s.root, card, "fwrev"), textOr(s.root, card, "serial")};
+    });
+}
+
+void scanXen(ScanState &s)
+{
+    scanOnlyDisks(
+        s, "Xen", [](const std::string &name) { return name.starts_with("xvd"); },
+        [](const std::string &, const std::string &) {
+            return DiskIdentity{"Xen", "Xen Virtual Block Device", "Not Available",
+                                "Not Available"};
+        });
 }
 
 namespace {

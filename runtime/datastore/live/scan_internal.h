@@ -40,7 +40,8 @@ struct ScanState {
         // For a SCSI host on no PCI function (iSCSI, VMBus, scsi_debug): its
         // canonical host directory, which stands for the function; for an
         // NVMe controller on none (a fabric), its controller directory; for
-        // an MMC host on none, the host's directory (mmc_host/mmcN).
+        // an MMC host on none, the host's directory (mmc_host/mmcN); for a
+        // Xen block device, its frontend device (vbd-N).
         std::string hostDir;
         std::string bdf;
         uint32_t number = 0;
@@ -134,6 +135,7 @@ void scanEnclosureSlots(ScanState &s);
 void scanScsiDisks(ScanState &s);
 void scanVirtio(ScanState &s);
 void scanMmc(ScanState &s);
+void scanXen(ScanState &s);
 void scanNvme(ScanState &s);
 void scanEnclosureComponents(ScanState &s);
 void scanHwmon(ScanState &s);

@@ -618,3 +618,45 @@ TEST(ScanTest, AnSdCardOnAPciHostIsADiskOfThatFunction)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// Xen block device `name` (xvdX) of a guest, its frontend device vbd-`id`
+// right under sys/devices, as blkfront makes it.
+void addXenDisk(const TempTree &t, const std::string &name, const std::string &id,
+                const std::string &sectors)
+{
+    const std::string vbd = "vbd-" + id;
+    const std::string d = "sys/devices/" + vbd;
+    t.file(d + "/devtype", "vbd\n");
+    t.file(d + "/nodename", "device/vbd/" + id + "\n");
+    t.dir("sys/bus/xen/drivers/vbd");
+    t.link(d + "/driver", "../../bus/xen/drivers/vbd");
+    t.file(d + "/block/" + name + "/size", sectors + "\n");
+    t.file(d + "/block/" + name + "/queue/rotational", "0\n");
+    t.link(d + "/block/" + name + "/device", "../../../" + vbd);
+    t.link("sys/block/" + name, "../devices/" + vbd + "/block/" + name);
+}
+
+TEST(ScanTest, XenDisksAreDisksOfTheirOwnControllers)
+{
+    TempTree t;
+    addXenDisk(t, "xvdf", "51792", "209715200");
+    addXenDisk(t, "xvda", "51712", "16777216");
+    t.file("sys/module/xen_blkfront/version", "0.3\n");
+    LiveScan scan = scanOf(t);
+    const LiveObject &c0 = only(scan, "adapters", "0");
+    EXPECT_EQ(attrOf(c0, "Name"), "Xen virtual block device vbd-51712");
+    EXPECT_EQ(attrOf(c0, "DriverName"), "vbd");
+    EXPECT_EQ(attrOf(c0, "CurrentDriverVersion"), "0.3");
+    const LiveObject &xvda = only(scan, "arraydisks", "0\\0\\0");
+    EXPECT_EQ(attrOf(xvda, "DeviceName"), "/dev/xvda");
+    EXPECT_EQ(attrOf(xvda, "Length"), std::to_string(16777216ull * 512));
+    EXPECT_EQ(attrOf(xvda, "ProductID"), "Xen Virtual Block Device");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\0"), "DeviceName"), "/dev/xvdf");
+    EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+}
+
+} // namespace
+} // namespace kelp::live
