@@ -72,8 +72,10 @@ std::set<std::string> machineDisks()
         const std::string name = e->d_name;
         const bool scsi =
             name.rfind("sd", 0) == 0 && std::ifstream("/sys/block/" + name + "/device/type").good();
-        if (name.rfind("vd", 0) == 0 || scsi ||
-            std::regex_match(name, std::regex("nvme[0-9]+n[0-9]+")))
+        // virtio and Xen disks, SCSI disks, NVMe namespaces, SD cards and
+        // eMMCs (not their boot areas).
+        if (name.rfind("vd", 0) == 0 || name.rfind("xvd", 0) == 0 || scsi ||
+            std::regex_match(name, std::regex("nvme[0-9]+n[0-9]+|mmcblk[0-9]+")))
             disks.insert(name);
     }
     closedir(d);
