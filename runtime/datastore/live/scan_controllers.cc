@@ -84,9 +84,25 @@ std::string driverOf(const SysRoot &root, const std::string &dir)
     return target ? std::string(baseName(*target)) : std::string();
 }
 
+// Whether an MMC host (its directory) serves storage: a slot with no card,
+// or a card that is not SDIO alone (an SDIO card is a device on the bus,
+// such as a Wi-Fi chip).
+bool storageMmcHost(const SysRoot &root, const std::string &hostDir)
+{
+    bool cards = false;
+    for (const std::string &entry : root.listIn(hostDir)) {
+        if (!entry.starts_with("mmc") || entry.find(':') == std::string::npos)
+            continue;
+        cards = true;
+        if (cleanValue(root.readText(hostDir + "/" + entry + "/type").value_or("")) != "SDIO")
+            return true;
+    }
+    return !cards;
+}
+
 // The PCI functions scanMachine serves as controllers: storage by class, and
-// the parents of SCSI hosts, NVMe controllers and MMC hosts whatever their
-// class.
+// the parents of SCSI hosts, NVMe controllers and storage MMC hosts whatever
+// their class.
 std::set<std::string> controllerFunctions(ScanState &s)
 {
     std::set<std::string> dirs;
@@ -105,7 +121,7 @@ std::set<std::string> controllerFunctions(ScanState &s)
         const std::string base = cls;
         for (const std::string &name : s.root.list(base)) {
             auto dir = s.root.resolve(base + "/" + name);
-            if (!dir)
+            if (!dir || (base == "/sys/class/mmc_host" && !storageMmcHost(s.root, *dir)))
                 continue;
             std::string_view path = *dir;
             while (path.size() > 1 && !isPciAddress(baseName(path)))
@@ -251,7 +267,7 @@ void scanControllers(ScanState &s)
     }
     for (const std::string &name : s.root.list("/sys/class/mmc_host")) {
         auto dir = s.root.resolve("/sys/class/mmc_host/" + name);
-        if (dir && pciAddressIn(*dir).empty())
+        if (dir && pciAddressIn(*dir).empty() && storageMmcHost(s.root, *dir))
             addMmcHostController(s, *dir, name);
     }
     for (const std::string &name : s.root.list("/sys/block")) {

@@ -599,6 +599,29 @@ TEST(ScanTest, AnEmmcOnAPlatformHostIsADiskOfItsOwnController)
     EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
 }
 
+TEST(ScanTest, AnMmcHostWithAnSdioCardAloneIsNoController)
+{
+    TempTree t;
+    // The SoC's SDIO bus to a Wi-Fi chip: an MMC host whose one card is
+    // SDIO, beside an eMMC.
+    t.dir("sys/bus/platform/drivers/sdhci-arasan");
+    t.link("sys/devices/platform/fe330000.mmc/driver",
+           "../../../bus/platform/drivers/sdhci-arasan");
+    addMmcCard(t, "platform/fe330000.mmc", 0, "mmc0:0001", "MMC", false);
+    const std::string wifi = "platform/fe310000.mmc/mmc_host/mmc1";
+    t.file("sys/devices/" + wifi + "/mmc1:0001/type", "SDIO\n");
+    t.file("sys/devices/" + wifi + "/mmc1:0001/mmc1:0001:1/vendor", "0x02d0\n");
+    t.link("sys/class/mmc_host/mmc1", "../../devices/" + wifi);
+    // An SD slot with no card in it is still a storage controller.
+    t.dir("sys/devices/platform/fe320000.mmc/mmc_host/mmc2");
+    t.link("sys/class/mmc_host/mmc2", "../../devices/platform/fe320000.mmc/mmc_host/mmc2");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "adapters"), 2u);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "0"), "Name"), "sdhci-arasan mmc0");
+    EXPECT_EQ(attrOf(only(scan, "adapters", "1"), "Name"), "MMC mmc2");
+    EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
+}
+
 TEST(ScanTest, AnSdCardOnAPciHostIsADiskOfThatFunction)
 {
     TempTree t;
