@@ -3,6 +3,7 @@
 // plus one for Linux software RAID when md arrays exist) and their channels.
 #include <algorithm>
 #include <charconv>
+#include <set>
 
 #include "datastore/live/scan_internal.h"
 
@@ -230,6 +231,31 @@ void scanStorageAttributes(ScanState &s)
     set(&s.scan.storage, "baseBoardServiceTag", dmi("board_serial"));
 }
 
+// A note for each whole disk of /sys/block that no reader served and none
+// passed over on purpose, so that a missing row has its reason: devices the
+// kernel makes up (loop, zram, md, dm, nbd, under /sys/devices/virtual),
+// SCSI devices (the SCSI reader takes or leaves them by their type) and
+// the areas of a served disk (an eMMC's boot areas) are not named.
+void noteUnservedDisks(ScanState &s)
+{
+    std::set<std::string> scsiDirs;
+    for (const ScsiDevice &d : scsiDevices(s))
+        scsiDirs.insert(d.dir);
+    for (const std::string &name : s.root.list("/sys/block")) {
+        if (s.diskByBlock.count(name) != 0)
+            continue;
+        auto blockDir = s.root.resolve("/sys/block/" + name);
+        if (!blockDir || blockDir->starts_with("/sys/devices/virtual/"))
+            continue;
+        const std::string_view parent = dirName(*blockDir);
+        if (s.diskByBlock.count(std::string(baseName(parent))) != 0 ||
+            scsiDirs.count(std::string(dirName(parent))) != 0)
+            continue;
+        s.note("block device " + cleanValue(name) +
+               ": not a kind of disk the live source reads (SCSI, NVMe, virtio, Xen, MMC)");
+    }
+}
+
 } // namespace
 
 void scanMachine(const SysRoot &root, LiveScan *scan)
@@ -250,6 +276,7 @@ void scanMachine(const SysRoot &root, LiveScan *scan)
     scanEnclosureComponents(s);
     scanHwmon(s);
     scanMd(s);
+    noteUnservedDisks(s);
     rollUpTreeStatus(scan);
 }
 

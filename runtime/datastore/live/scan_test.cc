@@ -683,3 +683,37 @@ TEST(ScanTest, XenDisksAreDisksOfTheirOwnControllers)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+bool anyNoteHas(const LiveScan &scan, const std::string &text)
+{
+    return std::any_of(scan.notes.begin(), scan.notes.end(),
+                       [&](const std::string &n) { return n.find(text) != std::string::npos; });
+}
+
+TEST(ScanTest, AWholeDiskNoReaderServesIsNamedInANote)
+{
+    TempTree t;
+    // A persistent memory namespace: a whole disk of a kind the scan does
+    // not read. Beside it a served eMMC with its boot areas, a loop device
+    // and a SATA disk, which are not to be named.
+    const std::string pmem = "LNXSYSTM:00/LNXSYBUS:00/ACPI0012:00/ndbus0/region0/namespace0.0";
+    t.file("sys/devices/" + pmem + "/block/pmem0/size", "33554432\n");
+    t.link("sys/block/pmem0", "../devices/" + pmem + "/block/pmem0");
+    t.file("sys/devices/virtual/block/loop0/size", "0\n");
+    t.link("sys/block/loop0", "../devices/virtual/block/loop0");
+    addMmcCard(t, "platform/fe330000.mmc", 0, "mmc0:0001", "MMC", true);
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    // A DVD drive: a SCSI device the SCSI reader passes over by its type.
+    addSataDisk(t, "0000:00:17.0", 1, "sr0");
+    t.file("sys/devices/pci0000:00/0000:00:17.0/ata2/host1/target1:0:0/1:0:0:0/type", "5\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_TRUE(anyNoteHas(scan, "block device pmem0: ")) << ::testing::PrintToString(scan.notes);
+    for (const char *served : {"loop0", "mmcblk0", "mmcblk0boot0", "sda", "sr0"})
+        EXPECT_FALSE(anyNoteHas(scan, std::string("block device ") + served + ":")) << served;
+}
+
+} // namespace
+} // namespace kelp::live
