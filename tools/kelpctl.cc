@@ -60,8 +60,9 @@ Commands:
   help                                 lists the commands the server knows
   mib                                  (no socket) prints where kelp's MIB is,
                                        whether net-snmp's MIB path ($MIBDIRS,
-                                       else its default) finds it, and the
-                                       -M/-m options its tools need
+                                       else its default) finds it and the
+                                       modules it imports, and the -M/-m
+                                       options its tools need
 
 add, remove and load change the model and then queue the events a storage
 service raises when its configuration changes: 3061 (rescan started), then
@@ -222,6 +223,14 @@ int printMibPlace()
         std::printf("found on that path: no\n");
     else
         std::printf("found on that path: yes, in %s\n", place->foundIn.c_str());
+    if (!place->missingImports.empty()) {
+        std::string missing;
+        for (const std::string &module : place->missingImports)
+            missing += (missing.empty() ? "" : " ") + module;
+        std::printf("imports in no file of that path: %s (install snmp-mibs-downloader, or add "
+                    "a directory that holds them with -M)\n",
+                    missing.c_str());
+    }
     std::printf("options: %s\n", place->options.c_str());
     std::printf("example: snmpwalk -v2c -c public %s 127.0.0.1:1161 "
                 "1.3.6.1.4.1.61234.20571.1.20\n",

@@ -53,6 +53,32 @@ std::string joined(const std::vector<std::string> &dirs)
     return text;
 }
 
+// The modules KELP-STORAGE-MIB imports.
+constexpr const char *kImports[] = {"SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF"};
+
+// Whether a file of one of `dirs` is named after `module`, as MIB packages
+// name them (snmp-mibs-downloader: no extension). net-snmp reads a module's
+// name from the file itself, so a file named otherwise is not seen here.
+bool moduleFileIn(const std::vector<std::string> &dirs, const std::string &module)
+{
+    for (const std::string &dir : dirs) {
+        for (const char *extension : {"", ".txt", ".my", ".mib"}) {
+            if (isRegularFile(dir + "/" + module + extension))
+                return true;
+        }
+    }
+    return false;
+}
+
+// "A", "A and B", "A, B and C".
+std::string listed(const std::vector<std::string> &names)
+{
+    std::string text;
+    for (size_t i = 0; i < names.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    return text;
+}
+
 } // namespace
 
 std::string moduleFile()
@@ -116,6 +142,10 @@ std::optional<MibPlace> findMib(const std::vector<std::string> &kelpDirs,
         // needed, -M only when the search path misses the file.
         place.options =
             (place.foundIn.empty() ? "-M +" + place.dir + " " : std::string()) + "-m +" + kModule;
+        for (const char *module : kImports) {
+            if (!moduleFileIn(netsnmpDirs, module))
+                place.missingImports.emplace_back(module);
+        }
         return place;
     }
     return std::nullopt;
@@ -126,11 +156,21 @@ std::string mibHint(const std::optional<MibPlace> &place, const std::vector<std:
 {
     if (!place)
         return std::string("no ") + moduleFile() + " found in " + joined(kelpDirs);
-    if (!place->foundIn.empty())
-        return std::string("the MIB ") + place->file + " is on net-snmp's MIB path (in " +
-               place->foundIn + "): give its tools " + place->options;
-    return std::string("the MIB ") + place->file + " is not on net-snmp's MIB path (" +
-           joined(netsnmpDirs) + "): give its tools " + place->options;
+    std::string hint =
+        place->foundIn.empty()
+            ? std::string("the MIB ") + place->file + " is not on net-snmp's MIB path (" +
+                  joined(netsnmpDirs) + "): give its tools " + place->options
+            : std::string("the MIB ") + place->file + " is on net-snmp's MIB path (in " +
+                  place->foundIn + "): give its tools " + place->options;
+    if (!place->missingImports.empty()) {
+        const bool one = place->missingImports.size() == 1;
+        hint += std::string("; its import") + (one ? " " : "s ") + listed(place->missingImports) +
+                (one ? " is" : " are") +
+                " in no file of that path: install snmp-mibs-downloader, or add a directory "
+                "that holds " +
+                (one ? "it" : "them") + " with -M";
+    }
+    return hint;
 }
 
 } // namespace kelp::mib

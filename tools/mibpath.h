@@ -38,6 +38,10 @@ struct MibPlace {
     std::string file;    // dir + "/" + moduleFile()
     std::string foundIn; // the first net-snmp dir holding moduleFile(); empty: none
     std::string options; // what a net-snmp tool needs: "[-M +DIR ]-m +KELP-STORAGE-MIB"
+    // The modules the MIB imports (SNMPv2-SMI, SNMPv2-TC, SNMPv2-CONF) that no
+    // file of net-snmp's dirs is named after (NAME, NAME.txt, .my or .mib):
+    // without them net-snmp's tools cannot read the MIB.
+    std::vector<std::string> missingImports;
 };
 
 // The first of `kelpDirs` holding moduleFile() as a regular file, checked
@@ -46,7 +50,8 @@ std::optional<MibPlace> findMib(const std::vector<std::string> &kelpDirs,
                                 const std::vector<std::string> &netsnmpDirs);
 
 // One line for a log or a terminal: where the MIB is and the options to
-// give net-snmp's tools, or where it was looked for when `place` is empty.
+// give net-snmp's tools, and the imports the path lacks; or where it was
+// looked for when `place` is empty.
 std::string mibHint(const std::optional<MibPlace> &place, const std::vector<std::string> &kelpDirs,
                     const std::vector<std::string> &netsnmpDirs);
 

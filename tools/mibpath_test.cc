@@ -81,6 +81,33 @@ TEST_F(FindMib, NeedsOnlyTheModuleWhenNetsnmpFindsIt)
     EXPECT_NE(mibHint(place, {}, {}).find("is on net-snmp's MIB path"), std::string::npos);
 }
 
+TEST_F(FindMib, NamesTheImportsNoDirOfThePathHolds)
+{
+    writeMib("share/snmp/mibs");
+    const std::vector<std::string> kelpDirs = {dir("share/snmp/mibs")};
+    const auto bare = findMib(kelpDirs, {dir("net")});
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(bare->missingImports,
+              (std::vector<std::string>{"SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF"}));
+    const std::string hint = mibHint(bare, kelpDirs, {dir("net")});
+    EXPECT_NE(hint.find("SNMPv2-SMI, SNMPv2-TC and SNMPv2-CONF"), std::string::npos) << hint;
+    EXPECT_NE(hint.find("snmp-mibs-downloader"), std::string::npos) << hint;
+
+    // As snmp-mibs-downloader names them (no extension), or with one.
+    std::ofstream(root_ / "net" / "SNMPv2-SMI") << "SNMPv2-SMI DEFINITIONS ::= BEGIN\n";
+    std::ofstream(root_ / "net" / "SNMPv2-TC.txt") << "SNMPv2-TC DEFINITIONS ::= BEGIN\n";
+    const auto partly = findMib(kelpDirs, {dir("empty"), dir("net")});
+    ASSERT_TRUE(partly);
+    EXPECT_EQ(partly->missingImports, std::vector<std::string>{"SNMPv2-CONF"});
+    EXPECT_NE(mibHint(partly, kelpDirs, {}).find("its import SNMPv2-CONF is"), std::string::npos);
+
+    std::ofstream(root_ / "net" / "SNMPv2-CONF.my") << "SNMPv2-CONF DEFINITIONS ::= BEGIN\n";
+    const auto whole = findMib(kelpDirs, {dir("net")});
+    ASSERT_TRUE(whole);
+    EXPECT_TRUE(whole->missingImports.empty());
+    EXPECT_EQ(mibHint(whole, kelpDirs, {dir("net")}).find("SNMPv2"), std::string::npos);
+}
+
 TEST_F(FindMib, NothingWhenNoDirHoldsAFile)
 {
     // A directory of the file's name is not the MIB.

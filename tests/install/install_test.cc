@@ -230,6 +230,16 @@ TEST_F(Installed, KelpctlMibPrintsTheOptionsNetsnmpNeeds)
         << found.out;
     EXPECT_NE(found.out.find("options: -m +KELP-STORAGE-MIB\n"), std::string::npos) << found.out;
 
+    // Without the modules it imports on the path, it says so; with them, not.
+    argv[3] = "MIBDIRS=" + mibDir;
+    const RunResult bare = run(argv, {}, *dir_);
+    EXPECT_NE(bare.out.find("imports in no file of that path: SNMPv2-SMI SNMPv2-TC SNMPv2-CONF"),
+              std::string::npos)
+        << bare.out;
+    argv[3] = "MIBDIRS=" + mibDir + ":" KELP_SOURCE_DIR "/tests/mibs";
+    const RunResult whole = run(argv, {}, *dir_);
+    EXPECT_EQ(whole.out.find("imports in no file"), std::string::npos) << whole.out;
+
     const RunResult extra = run(clean("usr/bin/kelpctl", {"mib", "extra"}), {}, *dir_);
     EXPECT_EQ(extra.status, 2) << extra.out;
 }
