@@ -142,8 +142,13 @@ std::optional<MibPlace> findMib(const std::vector<std::string> &kelpDirs,
         // needed, -M only when the search path misses the file.
         place.options =
             (place.foundIn.empty() ? "-M +" + place.dir + " " : std::string()) + "-m +" + kModule;
+        // The tools read the imports from their path, and from the MIB's own
+        // dir when the options add it.
+        std::vector<std::string> readFrom = netsnmpDirs;
+        if (place.foundIn.empty())
+            readFrom.push_back(place.dir);
         for (const char *module : kImports) {
-            if (!moduleFileIn(netsnmpDirs, module))
+            if (!moduleFileIn(readFrom, module))
                 place.missingImports.emplace_back(module);
         }
         return place;

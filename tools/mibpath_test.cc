@@ -101,6 +101,13 @@ TEST_F(FindMib, NamesTheImportsNoDirOfThePathHolds)
     EXPECT_EQ(partly->missingImports, std::vector<std::string>{"SNMPv2-CONF"});
     EXPECT_NE(mibHint(partly, kelpDirs, {}).find("its import SNMPv2-CONF is"), std::string::npos);
 
+    // Beside the MIB, which the options add to the path with -M.
+    std::ofstream(root_ / "share/snmp/mibs" / "SNMPv2-CONF.txt") << "SNMPv2-CONF DEFINITIONS\n";
+    const auto beside = findMib(kelpDirs, {dir("net")});
+    ASSERT_TRUE(beside);
+    EXPECT_TRUE(beside->missingImports.empty());
+    fs::remove(root_ / "share/snmp/mibs" / "SNMPv2-CONF.txt");
+
     std::ofstream(root_ / "net" / "SNMPv2-CONF.my") << "SNMPv2-CONF DEFINITIONS ::= BEGIN\n";
     const auto whole = findMib(kelpDirs, {dir("net")});
     ASSERT_TRUE(whole);
