@@ -5,8 +5,10 @@
 // (0x05) of those lengths, then the element descriptor page (0x07), the
 // rest. Lengths past the end are cut to it. Each page sits in a buffer of
 // exactly its size, so that a read past one is out of bounds.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -228,8 +228,8 @@ int printMibPlace()
         for (const std::string &module : place->missingImports)
             missing += (missing.empty() ? "" : " ") + module;
         std::printf("imports in no file of that path: %s (install snmp-mibs-downloader, or add "
-                    "a directory that holds them with -M)\n",
-                    missing.c_str());
+                    "a directory that holds %s with -M)\n",
+                    missing.c_str(), place->missingImports.size() == 1 ? "it" : "them");
     }
     std::printf("options: %s\n", place->options.c_str());
     std::printf("example: snmpwalk -v2c -c public %s 127.0.0.1:1161 "

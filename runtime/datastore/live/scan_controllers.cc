@@ -94,7 +94,7 @@ bool storageMmcHost(const SysRoot &root, const std::string &hostDir)
         if (!entry.starts_with("mmc") || entry.find(':') == std::string::npos)
             continue;
         cards = true;
-        if (cleanValue(root.readText(hostDir + "/" + entry + "/type").value_or("")) != "SDIO")
+        if (cleanValue(root.attr(hostDir + "/" + entry, "type").value_or("")) != "SDIO")
             return true;
     }
     return !cards;
@@ -209,7 +209,7 @@ void addFabricController(ScanState &s, const std::string &dir, const std::string
     ScanState::Controller c;
     c.hostDir = dir;
     c.number = static_cast<uint32_t>(s.controllers.size());
-    const std::string transport = cleanValue(s.root.readText(dir + "/transport").value_or(""));
+    const std::string transport = cleanValue(s.root.attr(dir, "transport").value_or(""));
     const std::string driver = transport.empty() ? std::string() : "nvme-" + transport;
     c.name = name + (driver.empty() ? std::string() : " (" + driver + ")");
     const size_t object =
