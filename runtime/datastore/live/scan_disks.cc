@@ -63,11 +63,65 @@ void addStatus(LiveObject *o, uint64_t state, int status)
     set(&o->attributes, "TreeStatus", std::to_string(status));
 }
 
+// The state and status a SCSI device's `state` gives.
+std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir)
+{
+    const std::string sdevState = textOr(s.root, dir, "state");
+    for (const StateRow &row : kScsiStates) {
+        if (sdevState == row.text)
+            return {row.state, row.status};
+    }
+    return {kStateReady, kStatusUnknown};
+}
+
+// A SCSI device's world wide name when it names one device wherever it is
+// seen: an NAA, EUI-64 or SCSI name string id ("naa.5000c500a1b2c301"),
+// else "". A T10 vendor id ("t10.ATA ...") does not count, as bridges give
+// one such id to different disks, and neither does an id of zeros.
+std::string worldWideName(ScanState &s, const std::string &dir)
+{
+    auto text = s.root.attr(dir, "wwid");
+    if (!text)
+        return std::string();
+    std::string id = cleanValue(*text);
+    const size_t dot = id.find('.');
+    if (dot == std::string::npos || id.find_first_not_of('0', dot + 1) == std::string::npos)
+        return std::string();
+    const std::string_view kind = std::string_view(id).substr(0, dot);
+    return kind == "naa" || kind == "eui" || kind == "iqn" ? id : std::string();
+}
+
+// SCSI device `dir` is a further path to disk `index`: its device and block
+// device name that disk. The disk takes the state of its best path, with
+// status non-critical while one of its paths works and another does not.
+void addPath(ScanState &s, const std::string &dir, size_t index)
+{
+    s.diskByDevice.emplace(dir, index);
+    auto blocks = s.root.listIn(dir + "/block");
+    if (!blocks.empty())
+        s.diskByBlock.emplace(blocks.front(), index);
+    const auto [state, status] = scsiState(s, dir);
+    LiveObject &disk = s.scan.objects[index];
+    const int kept = static_cast<int>(
+        parseNumber(attrOf(disk, "ObjStatus")).value_or(static_cast<uint64_t>(kStatusUnknown)));
+    if (status == kStatusOk && kept > kStatusOk) {
+        addStatus(&disk, state, kStatusNonCritical);
+    } else if (kept == kStatusOk && status > kStatusOk) {
+        set(&disk.attributes, "ObjStatus", std::to_string(kStatusNonCritical));
+        set(&disk.attributes, "TreeStatus", std::to_string(kStatusNonCritical));
+    }
+}
+
 } // namespace
 
 void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
                  size_t channel, bool tape)
 {
+    const std::string wwid = worldWideName(s, dir);
+    if (auto first = s.diskByWwid.find(wwid); first != s.diskByWwid.end()) {
+        addPath(s, dir, first->second);
+        return;
+    }
     LiveObject o;
     o.type = tape ? "Tape" : "arraydisks";
     const uint32_t target = hctl[3] == 0 ? hctl[2] : (hctl[2] << 8) | hctl[3];
@@ -86,15 +140,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     }
     const std::string vendor = textOr(s.root, dir, "vendor");
     const std::string model = textOr(s.root, dir, "model");
-    uint64_t state = kStateReady;
-    int status = kStatusUnknown;
-    const std::string sdevState = textOr(s.root, dir, "state");
-    for (const StateRow &row : kScsiStates) {
-        if (sdevState == row.text) {
-            state = row.state;
-            status = row.status;
-        }
-    }
+    const auto [state, status] = scsiState(s, dir);
     addStatus(&o, state, status);
     set(&o.attributes, "AttributesMask", kNoBits);
     set(&o.attributes, "Vendor", vendor);
@@ -138,6 +184,8 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     s.diskByDevice.emplace(dir, index);
     if (!blockName.empty())
         s.diskByBlock.emplace(blockName, index);
+    if (!wwid.empty())
+        s.diskByWwid.emplace(wwid, index);
 }
 
 namespace {

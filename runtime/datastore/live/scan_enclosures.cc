@@ -130,6 +130,28 @@ void addSesComponent(ScanState &s, size_t enclosure, const SesElement &e, const 
 // The bit of an enclosure's "CurrentMethodMask" that says it reports slots.
 constexpr size_t kSlotReportingBit = 22;
 
+namespace {
+
+// Each disk linked from a slot of enclosure class directory `dir` sits in
+// that slot of enclosure object `enclosure`.
+void mapSlots(ScanState &s, const std::string &dir, size_t enclosure)
+{
+    const std::string nexus = s.scan.objects[enclosure].nexus;
+    for (const std::string &component : s.root.listIn(dir)) {
+        const std::string cdir = dir + "/" + component;
+        auto slotText = s.root.attr(cdir, "slot");
+        auto slot = slotText ? parseNumber(*slotText) : std::nullopt;
+        if (!slot || *slot > 0xffffffffu)
+            continue; // not a component directory
+        auto disk = s.root.follow(cdir, "device");
+        if (!disk)
+            continue; // an empty slot
+        s.slotOfDevice[*disk] = {enclosure, nexus, static_cast<uint32_t>(*slot)};
+    }
+}
+
+} // namespace
+
 void scanEnclosureSlots(ScanState &s)
 {
     for (const std::string &name : s.root.list("/sys/class/enclosure")) {
@@ -141,7 +163,13 @@ void scanEnclosureSlots(ScanState &s)
         const std::string device(dirName(dirName(*dir)));
         auto found = s.enclosureByDevice.find(device);
         if (found == s.enclosureByDevice.end()) {
-            s.note("enclosure " + name + ": its SCSI device is not served");
+            // Another path to a served enclosure: its slots hold the same
+            // disks, seen through this path's devices.
+            if (auto other = s.enclosureByOtherPath.find(device);
+                other != s.enclosureByOtherPath.end())
+                mapSlots(s, *dir, other->second);
+            else
+                s.note("enclosure " + name + ": its SCSI device is not served");
             continue;
         }
         const size_t enclosure = found->second;
@@ -153,18 +181,7 @@ void scanEnclosureSlots(ScanState &s)
         }
         if (auto id = s.root.attr(*dir, "id"))
             set(&o.attributes, "EnclosureSerialNum", cleanValue(*id));
-        const std::string nexus = o.nexus;
-        for (const std::string &component : s.root.listIn(*dir)) {
-            const std::string cdir = *dir + "/" + component;
-            auto slotText = s.root.attr(cdir, "slot");
-            auto slot = slotText ? parseNumber(*slotText) : std::nullopt;
-            if (!slot || *slot > 0xffffffffu)
-                continue; // not a component directory
-            auto disk = s.root.follow(cdir, "device");
-            if (!disk)
-                continue; // an empty slot
-            s.slotOfDevice[*disk] = {enclosure, nexus, static_cast<uint32_t>(*slot)};
-        }
+        mapSlots(s, *dir, enclosure);
     }
 }
 

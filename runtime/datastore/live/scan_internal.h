@@ -65,10 +65,20 @@ struct ScanState {
     std::map<std::string, Slot> slotOfDevice;
     // enclosure's SCSI device directory -> object index
     std::map<std::string, size_t> enclosureByDevice;
+    // An enclosure seen through more than one path (the two EMMs of a
+    // dual-domain JBOD, each behind its own HBA port) is one enclosure: its
+    // logical id -> the object of the first path, and each further path's
+    // SCSI device directory -> that object.
+    std::map<std::string, size_t> enclosureById;
+    std::map<std::string, size_t> enclosureByOtherPath;
     // block device name (sdb, nvme0n1, vda) -> array-disk object index
     std::map<std::string, size_t> diskByBlock;
     // SCSI device directory or NVMe controller directory -> disk object index
     std::map<std::string, size_t> diskByDevice;
+    // A SCSI disk's world wide name (sysfs `wwid`) -> disk object index: a
+    // disk seen through a second path (dual-domain SAS, multipath FC or
+    // iSCSI) is the disk of its first path.
+    std::map<std::string, size_t> diskByWwid;
     // enclosure objects whose SES pages were read (their probes stand for
     // their disks' hwmon probes)
     std::set<size_t> sesEnclosures;

@@ -36,7 +36,17 @@ std::optional<size_t> memberDisk(ScanState &s, const std::string &memberDir)
         if (it != s.diskByBlock.end())
             return it->second;
     }
-    return std::nullopt;
+    // A device-mapper device whose devices are all paths to one disk (a
+    // multipath map): that disk. One over several disks (a volume of LVM)
+    // is no member disk.
+    std::optional<size_t> disk;
+    for (const std::string &slave : s.root.listIn(*block + "/slaves")) {
+        auto it = s.diskByBlock.find(slave);
+        if (it == s.diskByBlock.end() || (disk && *disk != it->second))
+            return std::nullopt;
+        disk = it->second;
+    }
+    return disk;
 }
 
 bool has(const std::string &list, std::string_view word)

@@ -176,8 +176,29 @@ ScanState::Controller *placeOf(ScanState &s, const ScsiDevice &d, size_t *channe
     return c;
 }
 
+// The logical id of the enclosure a SES device reports through the
+// enclosure class (enclosure/NAME/id, "0x500..."), or "" when it reports
+// none or a zero id, which names no enclosure.
+std::string enclosureLogicalId(ScanState &s, const std::string &deviceDir)
+{
+    for (const std::string &name : s.root.listIn(deviceDir + "/enclosure")) {
+        auto id = s.root.attr(deviceDir + "/enclosure/" + name, "id");
+        auto value = id ? parseNumber(*id) : std::nullopt;
+        if (value && *value != 0)
+            return std::to_string(*value);
+    }
+    return std::string();
+}
+
 void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, size_t channel)
 {
+    // A second SES device of an enclosure already served (its other EMM,
+    // reached through another HBA port) is another path to it.
+    const std::string id = enclosureLogicalId(s, d.dir);
+    if (auto first = s.enclosureById.find(id); first != s.enclosureById.end()) {
+        s.enclosureByOtherPath.emplace(d.dir, first->second);
+        return;
+    }
     LiveObject o;
     o.type = "enclosures";
     const std::string &busNexus = s.scan.objects[channel].nexus;
@@ -212,6 +233,8 @@ void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, s
             std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]));
     size_t index = s.add(std::move(o));
     s.enclosureByDevice.emplace(d.dir, index);
+    if (!id.empty())
+        s.enclosureById.emplace(id, index);
 }
 
 } // namespace

@@ -717,3 +717,182 @@ TEST(ScanTest, AWholeDiskNoReaderServesIsNamedInANote)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// A dual-domain SAS JBOD: SAS HBAs 0000:03:00.0 (host0) and 0000:04:00.0
+// (host1) each reach one EMM of the same enclosure (logical id
+// 0x5000ccab0405f300, SES device H:0:8:0) and, through it, the dual-ported
+// disks in slots `slots[H]`, each disk with its world wide name on both
+// paths. Block devices are named sd<H><slot>.
+void addDualDomainJbod(const TempTree &t, const std::vector<std::vector<unsigned>> &slots,
+                       const std::string &enclosureId = "0x5000ccab0405f300")
+{
+    t.dir("sys/bus/pci/drivers/mpt3sas");
+    for (unsigned h = 0; h < slots.size(); ++h) {
+        const std::string hs = std::to_string(h);
+        const std::string bdf = "0000:0" + std::to_string(3 + h) + ":00.0";
+        const std::string rel = "pci0000:00/" + bdf;
+        const std::string pci = "sys/devices/" + rel;
+        t.file(pci + "/class", "0x010700\n");
+        t.link(pci + "/driver", "../../../bus/pci/drivers/mpt3sas");
+        t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+        const std::string host = rel + "/host" + hs;
+        t.file("sys/devices/" + host + "/scsi_host/host" + hs + "/proc_name", "mpt3sas\n");
+        t.link("sys/class/scsi_host/host" + hs, "../../devices/" + host + "/scsi_host/host" + hs);
+        auto device = [&](unsigned phy, unsigned target) {
+            const std::string hctl = hs + ":0:" + std::to_string(target) + ":0";
+            return std::make_pair(hctl, host + "/port-" + hs + ":0/expander-" + hs + ":0/port-" +
+                                            hs + ":0:" + std::to_string(phy) + "/end_device-" + hs +
+                                            ":0:" + std::to_string(phy) + "/target" + hs +
+                                            ":0:" + std::to_string(target) + "/" + hctl);
+        };
+        auto scsiDevice = [&](const std::string &hctl, const std::string &dev, const char *type) {
+            const std::string d = "sys/devices/" + dev;
+            t.file(d + "/type", std::string(type) + "\n");
+            t.file(d + "/vendor", "HALDEN  \n");
+            t.file(d + "/state", "running\n");
+            t.link(d + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+            t.link("sys/class/scsi_device/" + hctl,
+                   "../../devices/" + dev + "/scsi_device/" + hctl);
+        };
+        const auto [ehctl, edev] = device(24, 8);
+        scsiDevice(ehctl, edev, "13");
+        t.file("sys/devices/" + edev + "/model", "HJ2400-12G\n");
+        t.file("sys/devices/" + edev + "/sas_address", "0x5000ccab0405f3" + hs + "d\n");
+        const std::string enc = edev + "/enclosure/" + ehctl;
+        t.file("sys/devices/" + enc + "/components", "4\n");
+        t.file("sys/devices/" + enc + "/id", enclosureId + "\n");
+        t.link("sys/class/enclosure/" + ehctl, "../../devices/" + enc);
+        for (unsigned slot : slots[h]) {
+            const auto [hctl, dev] = device(slot, slot);
+            scsiDevice(hctl, dev, "0");
+            const std::string d = "sys/devices/" + dev;
+            const std::string s = std::to_string(slot);
+            t.file(d + "/model", "HS1200S12\n");
+            t.file(d + "/sas_address", "0x5000c500a1b2c3" + s + std::to_string(h + 1) + "\n");
+            t.file(d + "/wwid", "naa.5000c500a1b2c3" + s + "0\n");
+            t.file(d + "/vpd_pg80", std::string("\0\x80\0\x06", 4) + "HZ000" + s);
+            const std::string block = "sd" + hs + s;
+            t.file(d + "/block/" + block + "/size", "2344225968\n");
+            t.link("sys/block/" + block, "../devices/" + dev + "/block/" + block);
+            const std::string comp = enc + "/Slot 0" + s;
+            t.file("sys/devices/" + comp + "/slot", s + "\n");
+            t.link("sys/devices/" + comp + "/device", testing::upFrom(comp) + dev);
+        }
+    }
+}
+
+TEST(ScanTest, ADiskAndEnclosureSeenThroughTwoPathsAreServedOnce)
+{
+    TempTree t;
+    // Both HBAs see slots 0 and 1; slot 2's disk only through host1.
+    addDualDomainJbod(t, {{0, 1}, {0, 1, 2}});
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "adapters"), 2u);
+    EXPECT_EQ(countOf(scan, "enclosures"), 1u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 3u);
+    // Each disk by its first path, in the slot of the one enclosure.
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\0"), "DeviceName"), "/dev/sd00");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\1"), "DeviceName"), "/dev/sd01");
+    const LiveObject &onlyB = only(scan, "arraydisks", "0\\0\\0\\2");
+    EXPECT_EQ(attrOf(onlyB, "DeviceName"), "/dev/sd12");
+    ASSERT_TRUE(onlyB.parent);
+    EXPECT_EQ(scan.objects[*onlyB.parent].nexus, "0\\0\\0");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\0"), "ObjStatus"), "2");
+    for (const std::string &note : scan.notes)
+        ADD_FAILURE() << "note: " << note;
+}
+
+TEST(ScanTest, ADiskWithOnePathDownIsServedThroughTheOtherAsAWarning)
+{
+    const std::string firstPath = "sys/devices/pci0000:00/0000:03:00.0/host0/port-0:0/"
+                                  "expander-0:0/port-0:0:0/end_device-0:0:0/target0:0:0/0:0:0:0";
+    const std::string secondPath = "sys/devices/pci0000:00/0000:04:00.0/host1/port-1:0/"
+                                   "expander-1:0/port-1:0:0/end_device-1:0:0/target1:0:0/1:0:0:0";
+    for (const std::string &down : {firstPath, secondPath}) {
+        SCOPED_TRACE(down);
+        TempTree t;
+        addDualDomainJbod(t, {{0}, {0}});
+        t.file(down + "/state", "transport-offline\n");
+        LiveScan scan = scanOf(t);
+        ASSERT_EQ(countOf(scan, "arraydisks"), 1u);
+        const LiveObject &disk = only(scan, "arraydisks", "0\\0\\0\\0");
+        EXPECT_EQ(attrOf(disk, "ObjState"), std::to_string(kStateReady));
+        EXPECT_EQ(attrOf(disk, "ObjStatus"), std::to_string(kStatusNonCritical));
+    }
+    // Both paths down: the disk is as its first path says.
+    TempTree t;
+    addDualDomainJbod(t, {{0}, {0}});
+    t.file(firstPath + "/state", "offline\n");
+    t.file(secondPath + "/state", "offline\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\0"), "ObjState"),
+              std::to_string(kStateOffline));
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\0"), "ObjStatus"),
+              std::to_string(kStatusCritical));
+}
+
+TEST(ScanTest, OnlyANameOfOneDiskJoinsPaths)
+{
+    // Ids that do not name one disk: a T10 vendor id (bridges give several
+    // disks the same), zeros, none. Each path is then a disk of its own, as
+    // are two enclosures of a zero logical id.
+    for (const char *wwid : {"t10.ATA     KV-SSD480", "naa.0000000000000000", ""}) {
+        SCOPED_TRACE(wwid);
+        TempTree t;
+        addDualDomainJbod(t, {{0}, {0}}, "0x0");
+        for (const char *dev : {"pci0000:00/0000:03:00.0/host0/port-0:0/expander-0:0/port-0:0:0/"
+                                "end_device-0:0:0/target0:0:0/0:0:0:0",
+                                "pci0000:00/0000:04:00.0/host1/port-1:0/expander-1:0/port-1:0:0/"
+                                "end_device-1:0:0/target1:0:0/1:0:0:0"}) {
+            t.file(std::string("sys/devices/") + dev + "/wwid", std::string(wwid) + "\n");
+        }
+        LiveScan scan = scanOf(t);
+        EXPECT_EQ(countOf(scan, "enclosures"), 2u);
+        EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+    }
+}
+
+TEST(ScanTest, AnMdMemberOnAMultipathMapIsTheDiskBelowIt)
+{
+    TempTree t;
+    addDualDomainJbod(t, {{0, 1}, {0, 1}});
+    const std::string md = "sys/devices/virtual/block/md0";
+    t.link("sys/block/md0", "../devices/virtual/block/md0");
+    t.file(md + "/md/level", "raid1\n");
+    t.file(md + "/md/raid_disks", "3\n");
+    t.file(md + "/md/array_state", "clean\n");
+    t.file(md + "/md/degraded", "0\n");
+    // dm-0 and dm-1 are the maps of slots 0 and 1; dm-2 is a volume over
+    // both disks, which is no one member disk.
+    const std::vector<std::vector<std::string>> maps = {
+        {"sd00", "sd10"}, {"sd01", "sd11"}, {"sd00", "sd01"}};
+    for (size_t n = 0; n < maps.size(); ++n) {
+        const std::string dm = "dm-" + std::to_string(n);
+        const std::string dir = "sys/devices/virtual/block/" + dm;
+        t.link("sys/block/" + dm, "../devices/virtual/block/" + dm);
+        for (const std::string &path : maps[n])
+            t.link(dir + "/slaves/" + path, "../../../../../block/" + path);
+        t.file(md + "/md/dev-" + dm + "/state", "in_sync\n");
+        t.file(md + "/md/dev-" + dm + "/slot", std::to_string(n) + "\n");
+        t.link(md + "/md/dev-" + dm + "/block", "../../../" + dm);
+    }
+    LiveScan scan = scanOf(t);
+    const auto vd = scan.find("vdisks", "2\\128\\0");
+    ASSERT_TRUE(vd);
+    const auto slot0 = scan.find("arraydisks", "0\\0\\0\\0");
+    const auto slot1 = scan.find("arraydisks", "0\\0\\0\\1");
+    ASSERT_TRUE(slot0 && slot1);
+    std::vector<std::pair<size_t, size_t>> want = {{*vd, *slot0}, {*vd, *slot1}};
+    EXPECT_EQ(scan.links, want);
+    EXPECT_EQ(attrOf(scan.objects[*slot0], "ObjState"), std::to_string(kStateOnline));
+    const size_t volumeNotes = static_cast<size_t>(
+        std::count(scan.notes.begin(), scan.notes.end(),
+                   std::string("md array md0: member dm-2 is not a served disk")));
+    EXPECT_EQ(volumeNotes, 1u);
+}
+
+} // namespace
+} // namespace kelp::live
