@@ -52,6 +52,11 @@ void changed(const View &was, const View &now, std::vector<Change> *out)
     if (type == "arraydisks") {
         if (st1 == kStateFailed && st0 != kStateFailed)
             emit(kDiskFailed);
+        // Offline: present but serving nothing (every path to it down).
+        if (st1 == kStateOffline && st0 != kStateOffline)
+            emit(kDiskOffline);
+        else if (st0 == kStateOffline && st1 != kStateOffline && st1 != kStateFailed)
+            emit(kDiskOnline);
         if (st1 == kStateRebuilding && st0 != kStateRebuilding)
             emit(kRebuildStarted);
         if (st0 == kStateRebuilding && st1 == kStateOnline)

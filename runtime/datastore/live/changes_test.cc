@@ -151,6 +151,20 @@ TEST_F(ChangesTest, MemberFailsArrayDegradesRebuildsAndRecovers)
     EXPECT_EQ(eventsTo(machine()), (std::vector<uint32_t>{kRebuildCompleted, kArrayOptimal}));
 }
 
+TEST_F(ChangesTest, ADiskGoesOfflineAndComesBackOnline)
+{
+    LiveScan s = machine();
+    setAttr(&s, "arraydisks", "0\\0\\0\\0", "ObjState", "8");
+    setAttr(&s, "arraydisks", "0\\0\\0\\0", "ObjStatus", "4");
+    EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskOffline}));
+    EXPECT_EQ(eventsTo(s), std::vector<uint32_t>{}) << "still offline";
+    EXPECT_EQ(eventsTo(machine()), (std::vector<uint32_t>{kDiskOnline}));
+    // Offline, then failed: the failure alone.
+    EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskOffline}));
+    setAttr(&s, "arraydisks", "0\\0\\0\\0", "ObjState", "2");
+    EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskFailed}));
+}
+
 TEST_F(ChangesTest, ArrayFails)
 {
     LiveScan s = machine();
