@@ -281,6 +281,25 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
         {"board", {{"130.1", 3}, {"130.2", 3}, {"130.4", 3}, {"130.6", 3}}},
         // Two Xen disks, each on its own frontend device.
         {"xen", {{"130.1", 2}, {"130.2", 2}, {"130.4", 2}, {"130.6", 2}}},
+        // Two HBAs and md; one enclosure and four disks, each seen through
+        // both HBAs; the enclosure's SES elements once; md0 over the four
+        // multipath maps.
+        {"jbod",
+         {{"130.1", 3},
+          {"130.2", 2},
+          {"130.3", 1},
+          {"130.4", 4},
+          {"130.5", 4},
+          {"130.7", 2},
+          {"130.8", 2},
+          {"130.9", 2},
+          {"130.10", 2},
+          {"130.11", 3},
+          {"130.12", 3},
+          {"130.13", 2},
+          {"130.14", 2},
+          {"140.1", 1},
+          {"140.3", 4}}},
     };
     const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
                                   "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
@@ -407,6 +426,44 @@ TEST_F(AgentLiveFixture, XenGuestDisksAreServedWithTheirSizes)
         EXPECT_NE(std::find(sizes.begin(), sizes.end(), mib), sizes.end()) << mib << "\n" << w;
 }
 
+// A dual-domain JBOD: each disk and the enclosure once, by the first HBA's
+// path; a disk with one path down is a warning, with both down offline.
+TEST_F(AgentLiveFixture, JbodDisksSeenThroughTwoHbasAreServedOnce)
+{
+    start("jbod");
+    const std::string w = walk();
+    const std::vector<std::string> devices = columnOf(w, table("130.4"), 25);
+    EXPECT_EQ(devices, (std::vector<std::string>{"STRING: \"/dev/sdb\"", "STRING: \"/dev/sdc\"",
+                                                 "STRING: \"/dev/sdd\"", "STRING: \"/dev/sde\""}))
+        << w;
+    const std::string pathA = "sys/devices/pci0000:00/0000:00:01.0/0000:03:00.0/host0/port-0:0/"
+                              "expander-0:0/port-0:0:0/end_device-0:0:0/target0:0:0/0:0:0:0/state";
+    const std::string pathB = "sys/devices/pci0000:00/0000:00:02.0/0000:04:00.0/host1/port-1:0/"
+                              "expander-1:0/port-1:0:0/end_device-1:0:0/target1:0:0/1:0:0:0/state";
+    // Column 24 is the disk's status (stored + 1): 3 ok, 4 non-critical.
+    auto statusBecomes = [&](const char *want) {
+        return waitFor(
+            [&] {
+                const auto statuses = columnOf(walk(), table("130.4"), 24);
+                return !statuses.empty() && statuses.front() == want;
+            },
+            10s);
+    };
+    ASSERT_EQ(columnOf(w, table("130.4"), 24).front(), "INTEGER: 3") << w;
+    write(pathB, "transport-offline\n");
+    rescan();
+    EXPECT_TRUE(statusBecomes("INTEGER: 4")) << walk();
+    write(pathA, "transport-offline\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2051)) << receiver.log() << agent.process()->err();
+    write(pathA, "running\n");
+    write(pathB, "running\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2052)) << receiver.log();
+    EXPECT_TRUE(statusBecomes("INTEGER: 3")) << walk();
+    EXPECT_EQ(rows("130.4"), 4u);
+}
+
 TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
 {
     start("server");
@@ -492,7 +549,7 @@ TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
 
 TEST(AgentLiveSave, EveryFixtureSavesToAModelThatWalksTheSame)
 {
-    for (const char *machine : {"server", "workstation", "vm", "board", "xen"}) {
+    for (const char *machine : {"server", "workstation", "vm", "board", "xen", "jbod"}) {
         SCOPED_TRACE(machine);
         expectIdenticalWalkAfterSave(
             {"--live-root", sourcePath(std::string("tests/fixtures/") + machine)});
