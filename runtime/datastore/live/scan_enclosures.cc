@@ -190,23 +190,39 @@ void scanEnclosureComponents(ScanState &s)
     unsigned fromSes = 0, without = 0;
     std::string reason;
     for (const auto &[device, enclosure] : s.enclosureByDevice) {
-        const std::string sg = attrOf(s.scan.objects[enclosure], "DeviceName");
-        if (sg.empty()) {
+        // Its own generic device, then those of its other paths: with one
+        // EMM failed, the other still answers.
+        std::vector<std::string> sgs;
+        if (std::string sg = attrOf(s.scan.objects[enclosure], "DeviceName"); !sg.empty())
+            sgs.push_back(std::move(sg));
+        for (const auto &[other, index] : s.enclosureByOtherPath) {
+            auto generic = s.root.listIn(other + "/scsi_generic");
+            if (index == enclosure && !generic.empty())
+                sgs.push_back("/dev/" + cleanValue(generic.front()));
+        }
+        if (sgs.empty()) {
             ++without;
             reason = "no SCSI generic device";
             continue;
         }
-        SesPages pages;
-        std::string error;
-        bool read = s.root.isSystemRoot()
-                        ? readSesPagesSgIo(sg, &pages, &error)
-                        : readSesPagesFiles(s.root.hostPath(sg + ".ses"), &pages, &error);
         SesEnclosure ses;
-        if (read && !decodeSes(pages, &ses, &error))
-            read = false;
+        bool read = false;
+        std::string errors;
+        for (const std::string &sg : sgs) {
+            SesPages pages;
+            std::string error;
+            read = s.root.isSystemRoot()
+                       ? readSesPagesSgIo(sg, &pages, &error)
+                       : readSesPagesFiles(s.root.hostPath(sg + ".ses"), &pages, &error);
+            if (read && !decodeSes(pages, &ses, &error))
+                read = false;
+            if (read)
+                break;
+            errors += (errors.empty() ? "" : "; ") + sg + ": " + error;
+        }
         if (!read) {
             ++without;
-            reason = sg + ": " + error;
+            reason = errors;
             s.note("enclosure " + s.scan.objects[enclosure].nexus + ": no SES pages (" + reason +
                    ")");
             continue;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -892,6 +893,44 @@ TEST(ScanTest, AnMdMemberOnAMultipathMapIsTheDiskBelowIt)
         std::count(scan.notes.begin(), scan.notes.end(),
                    std::string("md array md0: member dm-2 is not a served disk")));
     EXPECT_EQ(volumeNotes, 1u);
+}
+
+} // namespace
+} // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// The jbod fixture (an enclosure behind two HBAs, SES pages through sg4 and
+// sg9) copied to a tree the test may spoil.
+void copyJbod(const TempTree &t)
+{
+    std::filesystem::copy(KELP_SOURCE_DIR "/tests/fixtures/jbod", t.root(),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::copy_symlinks |
+                              std::filesystem::copy_options::overwrite_existing);
+}
+
+TEST(ScanTest, AnEnclosureWhoseFirstPathGivesNoSesPagesIsReadThroughTheOther)
+{
+    TempTree t;
+    copyJbod(t);
+    t.remove("dev/sg4.ses/page-02.bin");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "enclosures"), 1u);
+    EXPECT_EQ(countOf(scan, "fans"), 2u);
+    EXPECT_EQ(countOf(scan, "psupplies"), 2u);
+    EXPECT_EQ(scan.components, "fans, power supplies, temperature probes and EMMs from SES pages");
+    for (const std::string &note : scan.notes)
+        ADD_FAILURE() << "note: " << note;
+
+    // Neither path: the note names both.
+    t.remove("dev/sg9.ses/page-02.bin");
+    scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "fans"), 0u);
+    ASSERT_EQ(scan.notes.size(), 1u);
+    EXPECT_NE(scan.notes[0].find("/dev/sg4: "), std::string::npos) << scan.notes[0];
+    EXPECT_NE(scan.notes[0].find("; /dev/sg9: "), std::string::npos) << scan.notes[0];
 }
 
 } // namespace
