@@ -138,6 +138,12 @@ size_t addPlainController(ScanState &s, ScanState::Controller c, const std::stri
 void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
                  size_t channel, bool tape);
 
+// The partitions of a virtual disk (md array, RAID volume) of controller
+// c, numbered `number`, object `vdisk`, block device `blockName` at
+// blockDir: each a "VDPartitionNode" C\129\N\P linked to it (scan_md.cc).
+void addPartitions(ScanState &s, const ScanState::Controller &c, uint32_t number, size_t vdisk,
+                   const std::string &blockDir, const std::string &blockName);
+
 // The readers, in the order scanMachine calls them.
 void scanControllers(ScanState &s);
 void scanScsi(ScanState &s); // channels, enclosures, disks, tapes of SCSI hosts

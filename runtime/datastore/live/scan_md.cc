@@ -1,6 +1,7 @@
 // Linux software RAID: every md array is a virtual disk of one controller of
 // its own ("Linux software RAID"), linked to its member disks, with its
 // partitions. Array and member states come from md's sysfs directory.
+#include <cctype>
 #include <cstdio>
 
 #include "datastore/live/scan_internal.h"
@@ -182,28 +183,44 @@ void addArray(ScanState &s, const ScanState::Controller &c, size_t controller,
         }
     }
 
-    for (const std::string &entry : s.root.listIn(dir)) {
-        unsigned mdNumber = 0, part = 0;
-        char end = 0;
-        if (std::sscanf(entry.c_str(), "md%up%u%c", &mdNumber, &part, &end) != 2 ||
-            mdNumber != number)
+    addPartitions(s, c, number, vdisk, dir, name);
+}
+
+} // namespace
+
+void addPartitions(ScanState &s, const ScanState::Controller &c, uint32_t number, size_t vdisk,
+                   const std::string &blockDir, const std::string &blockName)
+{
+    for (const std::string &entry : s.root.listIn(blockDir)) {
+        // mdNpP, sdaP: the disk's name, a 'p' after a name ending in a
+        // digit, the partition number.
+        if (entry.size() <= blockName.size() || entry.rfind(blockName, 0) != 0)
+            continue;
+        std::string_view rest = std::string_view(entry).substr(blockName.size());
+        const bool afterDigit = std::isdigit(static_cast<unsigned char>(blockName.back())) != 0;
+        if (afterDigit) {
+            if (rest.front() != 'p')
+                continue;
+            rest.remove_prefix(1);
+        }
+        const auto part = parseNumber(rest);
+        if (rest.empty() || rest.find_first_not_of("0123456789") != std::string_view::npos ||
+            !part || *part == 0 || *part > 0xffffffffu)
             continue;
         LiveObject p;
         p.type = "VDPartitionNode";
         p.nexus = std::to_string(c.number) + "\\129\\" + std::to_string(number) + "\\" +
-                  std::to_string(part);
+                  std::to_string(*part);
         set(&p.attributes, "ObjState", std::to_string(kStateReady));
         set(&p.attributes, "ObjStatus", std::to_string(kStatusOk));
-        set(&p.attributes, "PartitionPath", "/dev/" + entry);
-        if (auto size = parseNumber(s.root.attr(dir + "/" + entry, "size").value_or("")))
+        set(&p.attributes, "PartitionPath", "/dev/" + cleanValue(entry));
+        if (auto size = parseNumber(s.root.attr(blockDir + "/" + entry, "size").value_or("")))
             set(&p.attributes, "PartitionSize", std::to_string(*size * 512));
         set(&p.attributes, "PartitionState", "Not Available");
         const size_t partition = s.add(std::move(p));
         s.scan.links.emplace_back(partition, vdisk);
     }
 }
-
-} // namespace
 
 void scanMd(ScanState &s)
 {

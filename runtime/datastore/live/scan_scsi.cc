@@ -3,6 +3,7 @@
 // what their sysfs directories say about them.
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdio>
 #include <optional>
 #include <vector>
@@ -251,6 +252,152 @@ void scanScsi(ScanState &s)
     }
 }
 
+namespace {
+
+// Layout codes of the model format for RAID level texts: the kernel's RAID
+// class ("raid5", "raid10") and the Smart Array drivers' ("RAID 5",
+// "RAID 1(+0)", "RAID 6", whose "ADG" is RAID 6 too).
+struct VolumeLevel {
+    const char *level; // after "raid", blanks and case dropped
+    const char *layout;
+};
+constexpr VolumeLevel kVolumeLevels[] = {
+    {"0", "2"},       {"1", "4"},        {"1e", "4"},    {"10", "512"},
+    {"1(+0)", "512"}, {"1(1+0)", "512"}, {"1+0", "512"}, {"1(+0)adm", "512"},
+    {"4", "32"},      {"5", "64"},       {"6", "128"},   {"adg", "128"},
+};
+
+const char *volumeLayout(const std::string &level)
+{
+    std::string key;
+    for (char c : level) {
+        if (c != ' ')
+            key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    if (key.rfind("raid", 0) == 0)
+        key.erase(0, 4);
+    for (const VolumeLevel &row : kVolumeLevels) {
+        if (key == row.level)
+            return row.layout;
+    }
+    return "0";
+}
+
+// What says that a SCSI disk is a logical volume of a RAID controller, not
+// a disk: the RAID class (/sys/class/raid_devices, Fusion-MPT integrated
+// RAID), a `raid_level` other than "N/A" (Smart Array: hpsa, smartpqi), or
+// a MegaRAID logical drive, which that driver puts on channel 2 and up.
+struct Volume {
+    std::string level;   // as the driver gives it, "" when it gives none
+    std::string raidDir; // the RAID class directory, "" without one
+};
+
+std::optional<Volume> logicalVolume(ScanState &s, const ScsiDevice &d)
+{
+    const std::string hctl = std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
+                             std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]);
+    if (auto raid = s.root.resolve("/sys/class/raid_devices/" + hctl)) {
+        return Volume{cleanValue(s.root.attr(*raid, "level").value_or("")), *raid};
+    }
+    if (auto level = s.root.attr(d.dir, "raid_level")) {
+        const std::string text = cleanValue(*level);
+        if (!text.empty() && text != "N/A")
+            return Volume{text, ""};
+        return std::nullopt;
+    }
+    const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
+    const auto proc =
+        s.root.readText(hostDir + "/scsi_host/" + std::string(baseName(hostDir)) + "/proc_name");
+    if (proc && *proc == "megaraid_sas" && d.hctl[1] >= 2)
+        return Volume{"", ""};
+    return std::nullopt;
+}
+
+// A logical volume as a virtual disk of its controller (C\128\L, L its
+// target, its lun on target 0, else (target << 8) | lun), with its
+// partitions.
+void addVolume(ScanState &s, const ScsiDevice &d, const Volume &v)
+{
+    ScanState::Controller *c = s.controllerOf(d.dir);
+    if (c == nullptr) {
+        s.note("SCSI volume " + d.dir + ": no controller");
+        return;
+    }
+    const uint32_t number = d.hctl[3] == 0   ? d.hctl[2]
+                            : d.hctl[2] == 0 ? d.hctl[3]
+                                             : (d.hctl[2] << 8) | d.hctl[3];
+    LiveObject o;
+    o.type = "vdisks";
+    o.nexus = std::to_string(c->number) + "\\128\\" + std::to_string(number);
+    o.parent = c->object;
+    if (s.taken(o.type, o.nexus)) {
+        s.note("SCSI volume " + d.dir + ": a second volume at " + o.nexus + ", left out");
+        return;
+    }
+    // The SCSI device's state; the RAID class's, where there is one, says more.
+    uint64_t state = kStateOnline;
+    int status = kStatusOk;
+    const std::string sdevState = textOr(s.root, d.dir, "state");
+    if (sdevState == "offline" || sdevState == "transport-offline") {
+        state = kStateOffline;
+        status = kStatusCritical;
+    } else if (sdevState == "blocked" || sdevState == "quiesce") {
+        state = kStateOffline;
+        status = kStatusNonCritical;
+    }
+    std::optional<unsigned> progress;
+    if (!v.raidDir.empty()) {
+        const std::string raidState = textOr(s.root, v.raidDir, "state");
+        if (raidState == "degraded") {
+            state = kStateDegraded;
+            status = kStatusNonCritical;
+        } else if (raidState == "resyncing") {
+            state = kStateRebuilding;
+            status = kStatusNonCritical;
+            if (auto resync = parseNumber(textOr(s.root, v.raidDir, "resync"));
+                resync && *resync <= 100)
+                progress = static_cast<unsigned>(*resync);
+        } else if (raidState == "offline") {
+            state = kStateFailed;
+            status = kStatusCritical;
+        }
+    }
+    set(&o.attributes, "Name", "Virtual Disk " + std::to_string(number));
+    set(&o.attributes, "ObjState", std::to_string(state));
+    set(&o.attributes, "ObjStatus", std::to_string(status));
+    set(&o.attributes, "TreeStatus", std::to_string(status));
+    set(&o.attributes, "LogicalDriveNum", std::to_string(number));
+    set(&o.attributes, "Layout", volumeLayout(v.level));
+    set(&o.attributes, "RAIDLevel", v.level.empty() ? "Not Available" : v.level);
+    if (progress)
+        set(&o.attributes, "RebuildProgress", std::to_string(*progress));
+    const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
+    set(&o.attributes, "BusProtocol", hostProtocol(s, hostDir, *c));
+    set(&o.attributes, "IsSSC", "0");
+    set(&o.attributes, "AttributesMask", kNoBits);
+    set(&o.attributes, "Vendor", textOr(s.root, d.dir, "vendor"));
+    set(&o.attributes, "ProductID", textOr(s.root, d.dir, "model"));
+    set(&o.attributes, "SCSIAddress",
+        std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
+            std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]));
+    std::string block;
+    if (auto blocks = s.root.listIn(d.dir + "/block"); !blocks.empty())
+        block = blocks.front();
+    if (block.empty()) {
+        set(&o.attributes, "DeviceName", "Not Applicable");
+        s.add(std::move(o));
+        return;
+    }
+    const std::string blockDir = d.dir + "/block/" + block;
+    set(&o.attributes, "DeviceName", "/dev/" + cleanValue(block));
+    if (auto size = parseNumber(s.root.attr(blockDir, "size").value_or("")))
+        set(&o.attributes, "Length", std::to_string(*size * 512));
+    const size_t vdisk = s.add(std::move(o));
+    addPartitions(s, *c, number, vdisk, blockDir, block);
+}
+
+} // namespace
+
 void scanScsiDisks(ScanState &s)
 {
     for (const ScsiDevice &d : scsiDevices(s)) {
@@ -258,6 +405,12 @@ void scanScsiDisks(ScanState &s)
         if (!tape && d.type != kTypeDisk && d.type != kTypeZonedDisk &&
             d.type != kTypeOpticalMemory)
             continue;
+        if (d.type == kTypeDisk) {
+            if (auto volume = logicalVolume(s, d)) {
+                addVolume(s, d, *volume);
+                continue;
+            }
+        }
         size_t channel = 0;
         if (placeOf(s, d, &channel) != nullptr)
             addScsiDisk(s, d.dir, d.hctl, channel, tape);

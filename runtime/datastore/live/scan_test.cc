@@ -935,3 +935,106 @@ TEST(ScanTest, AnEnclosureWhoseFirstPathGivesNoSesPagesIsReadThroughTheOther)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// RAID controller `bdf` (class 0x0104xx, driver `driver`) with SCSI host
+// `host`; answers the host's path below sys/devices.
+std::string addRaidController(const TempTree &t, const std::string &bdf, unsigned host,
+                              const std::string &driver)
+{
+    const std::string rel = "pci0000:00/" + bdf;
+    t.file("sys/devices/" + rel + "/class", "0x010400\n");
+    t.dir("sys/bus/pci/drivers/" + driver);
+    t.link("sys/devices/" + rel + "/driver", "../../../bus/pci/drivers/" + driver);
+    t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+    const std::string h = "host" + std::to_string(host);
+    t.file("sys/devices/" + rel + "/" + h + "/scsi_host/" + h + "/proc_name", driver + "\n");
+    t.link("sys/class/scsi_host/" + h, "../../devices/" + rel + "/" + h + "/scsi_host/" + h);
+    return rel + "/" + h;
+}
+
+// SCSI device hctl of type `type` below host path `host` (from
+// addRaidController), with block device `block` ("" for none) and the
+// files given; answers its path below sys/devices.
+std::string addScsiDevice(const TempTree &t, const std::string &host, const std::string &hctl,
+                          const std::string &type, const std::string &block,
+                          const std::vector<std::pair<std::string, std::string>> &files)
+{
+    const std::string target = "target" + hctl.substr(0, hctl.rfind(':'));
+    const std::string dev = host + "/" + target + "/" + hctl;
+    const std::string d = "sys/devices/" + dev;
+    t.file(d + "/type", type + "\n");
+    t.file(d + "/state", "running\n");
+    for (const auto &[name, text] : files)
+        t.file(d + "/" + name, text + "\n");
+    t.link(d + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+    t.link("sys/class/scsi_device/" + hctl, "../../devices/" + dev + "/scsi_device/" + hctl);
+    if (!block.empty()) {
+        t.file(d + "/block/" + block + "/size", "1000\n");
+        t.link("sys/block/" + block, "../devices/" + dev + "/block/" + block);
+    }
+    return dev;
+}
+
+TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
+{
+    TempTree t;
+    // MegaRAID: a logical drive on channel 2 with two partitions, and a
+    // disk passed through (JBOD) on channel 0.
+    const std::string mr = addRaidController(t, "0000:02:00.0", 0, "megaraid_sas");
+    const std::string ld =
+        addScsiDevice(t, mr, "0:2:0:0", "0", "sda", {{"vendor", "AVAGO"}, {"model", "MR9361-8i"}});
+    t.file("sys/devices/" + ld + "/block/sda/sda1/partition", "1\n");
+    t.file("sys/devices/" + ld + "/block/sda/sda1/size", "400\n");
+    t.file("sys/devices/" + ld + "/block/sda/sda2/partition", "2\n");
+    addScsiDevice(t, mr, "0:0:5:0", "0", "sdb", {{"vendor", "ATA"}, {"model", "KV-SSD480"}});
+    // Smart Array: a RAID 1+0 volume at lun 1, the controller itself
+    // (type 12), and a disk of no volume ("N/A").
+    const std::string sa = addRaidController(t, "0000:03:00.0", 1, "hpsa");
+    addScsiDevice(t, sa, "1:1:0:1", "0", "sdc",
+                  {{"vendor", "HP"}, {"model", "LOGICAL VOLUME"}, {"raid_level", "RAID 1(+0)"}});
+    addScsiDevice(t, sa, "1:3:0:0", "12", "", {{"vendor", "HP"}, {"model", "P440ar"}});
+    addScsiDevice(t, sa, "1:0:2:0", "0", "sdd", {{"vendor", "HP"}, {"raid_level", "N/A"}});
+    // Integrated RAID of a SAS HBA: the kernel's RAID class, resyncing.
+    const std::string ir = addRaidController(t, "0000:04:00.0", 2, "mpt3sas");
+    const std::string vol = addScsiDevice(t, ir, "2:1:3:0", "0", "sde",
+                                          {{"vendor", "LSI"}, {"model", "Logical Volume"}});
+    t.file("sys/devices/" + vol + "/raid_devices/2:1:3:0/level", "raid1\n");
+    t.file("sys/devices/" + vol + "/raid_devices/2:1:3:0/state", "resyncing\n");
+    t.file("sys/devices/" + vol + "/raid_devices/2:1:3:0/resync", "37\n");
+    t.link("sys/class/raid_devices/2:1:3:0", "../../devices/" + vol + "/raid_devices/2:1:3:0");
+
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "vdisks"), 3u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+    EXPECT_TRUE(scan.find("arraydisks", "0\\0\\5"));
+    EXPECT_TRUE(scan.find("arraydisks", "1\\0\\2"));
+    EXPECT_EQ(countOf(scan, "bus"), 3u) << "no channel for the volumes alone";
+
+    const LiveObject &megaraid = only(scan, "vdisks", "0\\128\\0");
+    EXPECT_EQ(attrOf(megaraid, "DeviceName"), "/dev/sda");
+    EXPECT_EQ(attrOf(megaraid, "Layout"), "0");
+    EXPECT_EQ(attrOf(megaraid, "RAIDLevel"), "Not Available");
+    EXPECT_EQ(attrOf(megaraid, "ObjState"), std::to_string(kStateOnline));
+    EXPECT_EQ(attrOf(megaraid, "Length"), "512000");
+    ASSERT_TRUE(megaraid.parent);
+    EXPECT_EQ(scan.objects[*megaraid.parent].nexus, "0");
+    EXPECT_EQ(attrOf(only(scan, "VDPartitionNode", "0\\129\\0\\1"), "PartitionSize"), "204800");
+    EXPECT_EQ(attrOf(only(scan, "VDPartitionNode", "0\\129\\0\\2"), "PartitionPath"), "/dev/sda2");
+
+    const LiveObject &smartArray = only(scan, "vdisks", "1\\128\\1");
+    EXPECT_EQ(attrOf(smartArray, "Layout"), "512");
+    EXPECT_EQ(attrOf(smartArray, "RAIDLevel"), "RAID 1(+0)");
+
+    const LiveObject &integrated = only(scan, "vdisks", "2\\128\\3");
+    EXPECT_EQ(attrOf(integrated, "Layout"), "4");
+    EXPECT_EQ(attrOf(integrated, "ObjState"), std::to_string(kStateRebuilding));
+    EXPECT_EQ(attrOf(integrated, "ObjStatus"), std::to_string(kStatusNonCritical));
+    EXPECT_EQ(attrOf(integrated, "RebuildProgress"), "37");
+    EXPECT_EQ(attrOf(integrated, "BusProtocol"), "8");
+}
+
+} // namespace
+} // namespace kelp::live
