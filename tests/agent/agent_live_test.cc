@@ -300,6 +300,11 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
           {"130.14", 2},
           {"140.1", 1},
           {"140.3", 4}}},
+        // A MegaRAID with two logical drives and a disk passed through, a
+        // SAS HBA with a RAID 1 volume: three virtual disks (the first with
+        // two partitions), one disk.
+        {"raid",
+         {{"130.1", 2}, {"130.2", 2}, {"130.4", 1}, {"130.6", 1}, {"140.1", 3}, {"140.2", 2}}},
     };
     const char *const tables[] = {"130.1",  "130.2",  "130.3",  "130.4",  "130.5",  "130.6",
                                   "130.7",  "130.8",  "130.9",  "130.10", "130.11", "130.12",
@@ -464,6 +469,31 @@ TEST_F(AgentLiveFixture, JbodDisksSeenThroughTwoHbasAreServedOnce)
     EXPECT_EQ(rows("130.4"), 4u);
 }
 
+// RAID controller volumes are virtual disks, and the RAID class's state of
+// an integrated RAID volume becomes the array events.
+TEST_F(AgentLiveFixture, RaidControllerVolumesAreVirtualDisksWithTheirEvents)
+{
+    start("raid");
+    const std::string w = walk();
+    EXPECT_EQ(columnOf(w, table("140.1"), 3),
+              (std::vector<std::string>{"STRING: \"/dev/sda\"", "STRING: \"/dev/sdb\"",
+                                        "STRING: \"/dev/sdd\""}))
+        << w;
+    EXPECT_EQ(columnOf(w, table("130.4"), 25), std::vector<std::string>{"STRING: \"/dev/sdc\""})
+        << w;
+    const std::vector<std::string> layouts = columnOf(w, table("140.1"), 13);
+    ASSERT_EQ(layouts.size(), 3u) << w;
+    EXPECT_EQ(layouts[2], "INTEGER: 3") << "RAID 1";
+    const std::string raidDevice = "sys/devices/pci0000:00/0000:00:02.0/0000:3b:00.0/host1/"
+                                   "target1:1:0/1:1:0:0/raid_devices/1:1:0:0/";
+    write(raidDevice + "state", "degraded\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2056)) << receiver.log() << agent.process()->err();
+    write(raidDevice + "state", "active\n");
+    rescan();
+    EXPECT_TRUE(trapOf(2057)) << receiver.log();
+}
+
 TEST_F(AgentLiveFixture, ARemovedDiskIsATrapAndLeavesTheTable)
 {
     start("server");
@@ -549,7 +579,7 @@ TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
 
 TEST(AgentLiveSave, EveryFixtureSavesToAModelThatWalksTheSame)
 {
-    for (const char *machine : {"server", "workstation", "vm", "board", "xen", "jbod"}) {
+    for (const char *machine : {"server", "workstation", "vm", "board", "xen", "jbod", "raid"}) {
         SCOPED_TRACE(machine);
         expectIdenticalWalkAfterSave(
             {"--live-root", sourcePath(std::string("tests/fixtures/") + machine)});
