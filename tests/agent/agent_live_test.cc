@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -61,7 +62,38 @@ std::vector<std::string> columnOf(const std::string &walk, const std::string &ta
     return values;
 }
 
-// The whole disks of this machine as the live source counts them.
+// The first line of a sysfs file, or "" when it cannot be read.
+std::string firstLine(const std::string &path)
+{
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+// Whether SCSI disk sdX is a RAID controller's volume, which the live source
+// serves as a virtual disk: the kernel's RAID class, a Smart Array
+// raid_level, a MegaRAID logical drive (channel 2 and up).
+bool isRaidVolume(const std::string &name)
+{
+    const std::string device = "/sys/block/" + name + "/device";
+    char target[4096] = {};
+    const ssize_t n = ::readlink(device.c_str(), target, sizeof target - 1);
+    const std::string link(target, n > 0 ? static_cast<size_t>(n) : 0);
+    const std::string hctl = link.substr(link.rfind('/') + 1);
+    if (std::ifstream("/sys/class/raid_devices/" + hctl).good())
+        return true;
+    const std::string level = firstLine(device + "/raid_level");
+    if (!level.empty() && level != "N/A")
+        return true;
+    unsigned host = 0, channel = 0;
+    return std::sscanf(hctl.c_str(), "%u:%u:", &host, &channel) == 2 && channel >= 2 &&
+           firstLine("/sys/class/scsi_host/host" + std::to_string(host) + "/proc_name") ==
+               "megaraid_sas";
+}
+
+// The whole disks of this machine as the live source counts them: a SCSI
+// disk seen through several paths once, by its world wide name.
 std::set<std::string> machineDisks()
 {
     std::set<std::string> disks;
@@ -72,9 +104,18 @@ std::set<std::string> machineDisks()
         const std::string name = e->d_name;
         const bool scsi =
             name.rfind("sd", 0) == 0 && std::ifstream("/sys/block/" + name + "/device/type").good();
-        // virtio and Xen disks, SCSI disks, NVMe namespaces, SD cards and
-        // eMMCs (not their boot areas).
-        if (name.rfind("vd", 0) == 0 || name.rfind("xvd", 0) == 0 || scsi ||
+        if (scsi) {
+            if (isRaidVolume(name))
+                continue;
+            const std::string wwid = firstLine("/sys/block/" + name + "/device/wwid");
+            const bool named = std::regex_match(wwid, std::regex("(naa|eui|iqn)\\..*")) &&
+                               wwid.find_first_not_of('0', wwid.find('.') + 1) != std::string::npos;
+            disks.insert(named ? "wwid " + wwid : name);
+            continue;
+        }
+        // virtio and Xen disks, NVMe namespaces, SD cards and eMMCs (not
+        // their boot areas).
+        if (name.rfind("vd", 0) == 0 || name.rfind("xvd", 0) == 0 ||
             std::regex_match(name, std::regex("nvme[0-9]+n[0-9]+|mmcblk[0-9]+")))
             disks.insert(name);
     }
