@@ -130,6 +130,15 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     if (!tape && slot != s.slotOfDevice.end()) {
         o.nexus = slot->second.enclosureNexus + "\\" + std::to_string(slot->second.slot);
         o.parent = slot->second.enclosure;
+        // Seen through another path, the slot holds a disk of another name:
+        // two enclosures share one logical id without being one. The disk
+        // stays on its channel rather than being lost.
+        if (slot->second.otherPath && s.taken(o.type, o.nexus)) {
+            s.note("SCSI device " + dir + ": slot " + o.nexus + " holds another disk though its " +
+                   "enclosure has the same logical id; served on its channel");
+            o.nexus = busNexus + "\\" + std::to_string(target);
+            o.parent = channel;
+        }
     } else {
         o.nexus = busNexus + "\\" + std::to_string(target);
         o.parent = channel;

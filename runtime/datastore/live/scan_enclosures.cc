@@ -133,8 +133,9 @@ constexpr size_t kSlotReportingBit = 22;
 namespace {
 
 // Each disk linked from a slot of enclosure class directory `dir` sits in
-// that slot of enclosure object `enclosure`.
-void mapSlots(ScanState &s, const std::string &dir, size_t enclosure)
+// that slot of enclosure object `enclosure`, which `dir` is another path to
+// when otherPath is set.
+void mapSlots(ScanState &s, const std::string &dir, size_t enclosure, bool otherPath)
 {
     const std::string nexus = s.scan.objects[enclosure].nexus;
     for (const std::string &component : s.root.listIn(dir)) {
@@ -146,7 +147,7 @@ void mapSlots(ScanState &s, const std::string &dir, size_t enclosure)
         auto disk = s.root.follow(cdir, "device");
         if (!disk)
             continue; // an empty slot
-        s.slotOfDevice[*disk] = {enclosure, nexus, static_cast<uint32_t>(*slot)};
+        s.slotOfDevice[*disk] = {enclosure, nexus, static_cast<uint32_t>(*slot), otherPath};
     }
 }
 
@@ -167,7 +168,7 @@ void scanEnclosureSlots(ScanState &s)
             // disks, seen through this path's devices.
             if (auto other = s.enclosureByOtherPath.find(device);
                 other != s.enclosureByOtherPath.end())
-                mapSlots(s, *dir, other->second);
+                mapSlots(s, *dir, other->second, true);
             else
                 s.note("enclosure " + name + ": its SCSI device is not served");
             continue;
@@ -181,7 +182,7 @@ void scanEnclosureSlots(ScanState &s)
         }
         if (auto id = s.root.attr(*dir, "id"))
             set(&o.attributes, "EnclosureSerialNum", cleanValue(*id));
-        mapSlots(s, *dir, enclosure);
+        mapSlots(s, *dir, enclosure, false);
     }
 }
 

@@ -61,6 +61,7 @@ struct ScanState {
         size_t enclosure; // object index
         std::string enclosureNexus;
         uint32_t slot;
+        bool otherPath = false; // seen through another path to the enclosure
     };
     std::map<std::string, Slot> slotOfDevice;
     // enclosure's SCSI device directory -> object index

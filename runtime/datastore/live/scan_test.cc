@@ -728,7 +728,7 @@ namespace {
 // disks in slots `slots[H]`, each disk with its world wide name on both
 // paths. Block devices are named sd<H><slot>.
 void addDualDomainJbod(const TempTree &t, const std::vector<std::vector<unsigned>> &slots,
-                       const std::string &enclosureId = "0x5000ccab0405f300")
+                       const std::string &enclosureId = "0x5000ccab0405f300", bool sameDisks = true)
 {
     t.dir("sys/bus/pci/drivers/mpt3sas");
     for (unsigned h = 0; h < slots.size(); ++h) {
@@ -773,7 +773,8 @@ void addDualDomainJbod(const TempTree &t, const std::vector<std::vector<unsigned
             const std::string s = std::to_string(slot);
             t.file(d + "/model", "HS1200S12\n");
             t.file(d + "/sas_address", "0x5000c500a1b2c3" + s + std::to_string(h + 1) + "\n");
-            t.file(d + "/wwid", "naa.5000c500a1b2c3" + s + "0\n");
+            t.file(d + "/wwid",
+                   "naa.5000c500a1b2c3" + s + (sameDisks ? "0" : std::to_string(h + 1)) + "\n");
             t.file(d + "/vpd_pg80", std::string("\0\x80\0\x06", 4) + "HZ000" + s);
             const std::string block = "sd" + hs + s;
             t.file(d + "/block/" + block + "/size", "2344225968\n");
@@ -854,6 +855,20 @@ TEST(ScanTest, OnlyANameOfOneDiskJoinsPaths)
         EXPECT_EQ(countOf(scan, "enclosures"), 2u);
         EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
     }
+}
+
+TEST(ScanTest, TwoEnclosuresOfOneLogicalIdLoseNoDisk)
+{
+    // Firmware that gives two JBODs one logical id: their disks differ.
+    TempTree t;
+    addDualDomainJbod(t, {{0, 1}, {0, 1}}, "0x5000ccab0405f300", false);
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "enclosures"), 1u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 4u);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0\\1"), "DeviceName"), "/dev/sd01");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\0"), "DeviceName"), "/dev/sd10");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\1"), "DeviceName"), "/dev/sd11");
+    EXPECT_EQ(scan.notes.size(), 2u);
 }
 
 TEST(ScanTest, AnMdMemberOnAMultipathMapIsTheDiskBelowIt)
