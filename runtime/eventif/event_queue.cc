@@ -5,7 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string_view>
 
@@ -16,8 +16,11 @@ namespace kelp::ev {
 namespace {
 
 std::mutex g_queueMutex;
-std::deque<std::string> g_events; // guarded by g_queueMutex; front is oldest
-size_t g_queuedBytes = 0;         // guarded by g_queueMutex; the texts' sizes summed
+// Guarded by g_queueMutex; front is oldest. A list, not a deque: an empty
+// deque allocates, and a static that allocates throws while the library
+// loads under a limit of address space that leaves no heap.
+std::list<std::string> g_events;
+size_t g_queuedBytes = 0; // guarded by g_queueMutex; the texts' sizes summed
 
 std::atomic<bool> g_readerOn{false}; // atomic, no lock
 

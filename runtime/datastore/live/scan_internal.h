@@ -106,8 +106,11 @@ struct ScanState {
 };
 
 void set(ds::Attributes *attributes, std::string name, std::string value);
-// A mask attribute of the model format with no bit set: 40 zeros.
-inline const std::string kNoBits(40, '0');
+// A mask attribute of the model format with no bit set: 40 zeros. Not a
+// std::string: a static that allocates would throw, while the library
+// loads, under a limit of address space that leaves no heap.
+inline constexpr char kNoBits[] = "0000000000000000000000000000000000000000";
+static_assert(sizeof kNoBits == 41);
 // The same with bit `bit` (counted from 0 at the left) set.
 std::string maskWithBit(size_t bit);
 
