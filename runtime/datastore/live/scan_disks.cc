@@ -170,9 +170,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     set(&o.attributes, "BusProtocol", protocol);
     set(&o.attributes, "Channel", std::string(baseName(busNexus)));
     set(&o.attributes, "TargetID", std::to_string(target));
-    set(&o.attributes, "SCSIAddress",
-        std::to_string(hctl[0]) + ":" + std::to_string(hctl[1]) + ":" + std::to_string(hctl[2]) +
-            ":" + std::to_string(hctl[3]));
+    set(&o.attributes, "SCSIAddress", hctlText(hctl));
     std::string blockName;
     if (tape) {
         auto tapes = s.root.listIn(dir + "/scsi_tape");

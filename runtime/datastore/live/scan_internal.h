@@ -116,6 +116,8 @@ std::string maskWithBit(size_t bit);
 
 // The value of an attribute of a live object, or "" when it has none.
 std::string attrOf(const LiveObject &o, std::string_view name);
+// "H:C:T:L", the name sysfs gives a SCSI device.
+std::string hctlText(const std::array<uint32_t, 4> &hctl);
 // The SCSI devices under /sys/class/scsi_device, in host:channel:target:lun order.
 const std::vector<ScsiDevice> &scsiDevices(ScanState &s);
 // The PCI address (dddd:bb:dd.f) nearest the end of a canonical path, or "".

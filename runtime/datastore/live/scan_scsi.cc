@@ -36,6 +36,12 @@ bool parseHctl(std::string_view name, std::array<uint32_t, 4> *hctl)
 
 } // namespace
 
+std::string hctlText(const std::array<uint32_t, 4> &hctl)
+{
+    return std::to_string(hctl[0]) + ":" + std::to_string(hctl[1]) + ":" + std::to_string(hctl[2]) +
+           ":" + std::to_string(hctl[3]);
+}
+
 const std::vector<ScsiDevice> &scsiDevices(ScanState &s)
 {
     if (s.scsi)
@@ -229,9 +235,7 @@ void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, s
     auto generic = s.root.listIn(d.dir + "/scsi_generic");
     if (!generic.empty())
         set(&o.attributes, "DeviceName", "/dev/" + cleanValue(generic.front()));
-    set(&o.attributes, "SCSIAddress",
-        std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
-            std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]));
+    set(&o.attributes, "SCSIAddress", hctlText(d.hctl));
     size_t index = s.add(std::move(o));
     s.enclosureByDevice.emplace(d.dir, index);
     if (!id.empty())
@@ -294,9 +298,7 @@ struct Volume {
 
 std::optional<Volume> logicalVolume(ScanState &s, const ScsiDevice &d)
 {
-    const std::string hctl = std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
-                             std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]);
-    if (auto raid = s.root.resolve("/sys/class/raid_devices/" + hctl)) {
+    if (auto raid = s.root.resolve("/sys/class/raid_devices/" + hctlText(d.hctl))) {
         return Volume{cleanValue(s.root.attr(*raid, "level").value_or("")), *raid};
     }
     if (auto level = s.root.attr(d.dir, "raid_level")) {
@@ -377,9 +379,7 @@ void addVolume(ScanState &s, const ScsiDevice &d, const Volume &v)
     set(&o.attributes, "AttributesMask", kNoBits);
     set(&o.attributes, "Vendor", textOr(s.root, d.dir, "vendor"));
     set(&o.attributes, "ProductID", textOr(s.root, d.dir, "model"));
-    set(&o.attributes, "SCSIAddress",
-        std::to_string(d.hctl[0]) + ":" + std::to_string(d.hctl[1]) + ":" +
-            std::to_string(d.hctl[2]) + ":" + std::to_string(d.hctl[3]));
+    set(&o.attributes, "SCSIAddress", hctlText(d.hctl));
     std::string block;
     if (auto blocks = s.root.listIn(d.dir + "/block"); !blocks.empty())
         block = blocks.front();
