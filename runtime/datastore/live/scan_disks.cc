@@ -63,17 +63,6 @@ void addStatus(LiveObject *o, uint64_t state, int status)
     set(&o->attributes, "TreeStatus", std::to_string(status));
 }
 
-// The state and status a SCSI device's `state` gives.
-std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir)
-{
-    const std::string sdevState = textOr(s.root, dir, "state");
-    for (const StateRow &row : kScsiStates) {
-        if (sdevState == row.text)
-            return {row.state, row.status};
-    }
-    return {kStateReady, kStatusUnknown};
-}
-
 // A SCSI device's world wide name when it names one device wherever it is
 // seen: an NAA, EUI-64 or SCSI name string id ("naa.5000c500a1b2c301"),
 // else "". A T10 vendor id ("t10.ATA ...") does not count, as bridges give
@@ -113,6 +102,16 @@ void addPath(ScanState &s, const std::string &dir, size_t index)
 }
 
 } // namespace
+
+std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir)
+{
+    const std::string sdevState = textOr(s.root, dir, "state");
+    for (const StateRow &row : kScsiStates) {
+        if (sdevState == row.text)
+            return {row.state, row.status};
+    }
+    return {kStateReady, kStatusUnknown};
+}
 
 void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,
                  size_t channel, bool tape)

@@ -139,6 +139,8 @@ std::string driverVersion(const SysRoot &root, std::string module);
 // given; answers its object index.
 size_t addPlainController(ScanState &s, ScanState::Controller c, const std::string &driver,
                           const std::string &firmware, const std::string &version);
+// The state and status a SCSI device's `state` gives (scan_disks.cc).
+std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir);
 // A disk or tape drive at SCSI address hctl, device directory dir, on the
 // channel object `channel` (scan_disks.cc).
 void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t, 4> &hctl,

@@ -336,17 +336,11 @@ void addVolume(ScanState &s, const ScsiDevice &d, const Volume &v)
         s.note("SCSI volume " + d.dir + ": a second volume at " + o.nexus + ", left out");
         return;
     }
-    // The SCSI device's state; the RAID class's, where there is one, says more.
-    uint64_t state = kStateOnline;
-    int status = kStatusOk;
-    const std::string sdevState = textOr(s.root, d.dir, "state");
-    if (sdevState == "offline" || sdevState == "transport-offline") {
-        state = kStateOffline;
-        status = kStatusCritical;
-    } else if (sdevState == "blocked" || sdevState == "quiesce") {
-        state = kStateOffline;
-        status = kStatusNonCritical;
-    }
+    // The SCSI device's state, a working volume online; the RAID class's,
+    // where there is one, says more.
+    auto [state, status] = scsiState(s, d.dir);
+    if (state == kStateReady)
+        state = kStateOnline;
     std::optional<unsigned> progress;
     if (!v.raidDir.empty()) {
         const std::string raidState = textOr(s.root, v.raidDir, "state");

@@ -1005,6 +1005,9 @@ TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
     t.file("sys/devices/" + ld + "/block/sda/sda1/size", "400\n");
     t.file("sys/devices/" + ld + "/block/sda/sda2/partition", "2\n");
     addScsiDevice(t, mr, "0:0:5:0", "0", "sdb", {{"vendor", "ATA"}, {"model", "KV-SSD480"}});
+    // A logical drive being deleted.
+    const std::string gone = addScsiDevice(t, mr, "0:2:1:0", "0", "sdf", {{"vendor", "AVAGO"}});
+    t.file("sys/devices/" + gone + "/state", "deleted\n");
     // Smart Array: a RAID 1+0 volume at lun 1, the controller itself
     // (type 12), and a disk of no volume ("N/A").
     const std::string sa = addRaidController(t, "0000:03:00.0", 1, "hpsa");
@@ -1022,7 +1025,7 @@ TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
     t.link("sys/class/raid_devices/2:1:3:0", "../../devices/" + vol + "/raid_devices/2:1:3:0");
 
     LiveScan scan = scanOf(t);
-    EXPECT_EQ(countOf(scan, "vdisks"), 3u);
+    EXPECT_EQ(countOf(scan, "vdisks"), 4u);
     EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
     EXPECT_TRUE(scan.find("arraydisks", "0\\0\\5"));
     EXPECT_TRUE(scan.find("arraydisks", "1\\0\\2"));
@@ -1038,6 +1041,8 @@ TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
     EXPECT_EQ(scan.objects[*megaraid.parent].nexus, "0");
     EXPECT_EQ(attrOf(only(scan, "VDPartitionNode", "0\\129\\0\\1"), "PartitionSize"), "204800");
     EXPECT_EQ(attrOf(only(scan, "VDPartitionNode", "0\\129\\0\\2"), "PartitionPath"), "/dev/sda2");
+
+    EXPECT_EQ(attrOf(only(scan, "vdisks", "0\\128\\1"), "ObjState"), std::to_string(kStateFailed));
 
     const LiveObject &smartArray = only(scan, "vdisks", "1\\128\\1");
     EXPECT_EQ(attrOf(smartArray, "Layout"), "512");
