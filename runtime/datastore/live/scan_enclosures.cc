@@ -197,8 +197,9 @@ void scanEnclosureComponents(ScanState &s)
         if (std::string sg = attrOf(s.scan.objects[enclosure], "DeviceName"); !sg.empty())
             sgs.push_back(std::move(sg));
         for (const auto &[other, index] : s.enclosureByOtherPath) {
-            auto generic = s.root.listIn(other + "/scsi_generic");
-            if (index == enclosure && !generic.empty())
+            if (index != enclosure)
+                continue;
+            if (auto generic = s.root.listIn(other + "/scsi_generic"); !generic.empty())
                 sgs.push_back("/dev/" + cleanValue(generic.front()));
         }
         if (sgs.empty()) {
