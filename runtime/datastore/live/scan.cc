@@ -48,14 +48,25 @@ std::string attrOf(const LiveObject &o, std::string_view name)
 
 bool isPciAddress(std::string_view name)
 {
-    // dddd:bb:dd.f, hexadecimal
-    if (name.size() != 12 || name[4] != ':' || name[7] != ':' || name[10] != '.')
+    // dddd:bb:dd.f, hexadecimal; domains above ffff (those of a VMD or
+    // Hyper-V's virtual PCI) have more digits: 10000:e1:00.0.
+    const size_t colon = name.find(':');
+    if (colon < 4 || colon > 8 || name.size() != colon + 8 || name[colon + 3] != ':' ||
+        name[colon + 6] != '.')
         return false;
-    for (size_t i : {0u, 1u, 2u, 3u, 5u, 6u, 8u, 9u, 11u}) {
-        if (!std::isxdigit(static_cast<unsigned char>(name[i])))
+    for (size_t i = 0; i < name.size(); ++i) {
+        if (i != colon && i != colon + 3 && i != colon + 6 &&
+            !std::isxdigit(static_cast<unsigned char>(name[i])))
             return false;
     }
     return true;
+}
+
+bool pciAddressBefore(std::string_view a, std::string_view b)
+{
+    // A longer domain is a larger one; within a length, the text orders.
+    const size_t da = a.find(':'), db = b.find(':');
+    return da != db ? da < db : a < b;
 }
 
 std::string pciAddressIn(std::string_view path)

@@ -249,8 +249,9 @@ void scanControllers(ScanState &s)
     std::vector<std::string> dirs;
     for (const std::string &dir : controllerFunctions(s))
         dirs.push_back(dir);
-    std::sort(dirs.begin(), dirs.end(),
-              [](const std::string &a, const std::string &b) { return baseName(a) < baseName(b); });
+    std::sort(dirs.begin(), dirs.end(), [](const std::string &a, const std::string &b) {
+        return pciAddressBefore(baseName(a), baseName(b));
+    });
     for (const std::string &dir : dirs) {
         if (s.controllerByPci.count(std::string(baseName(dir))) == 0)
             addController(s, dir);

@@ -123,6 +123,9 @@ const std::vector<ScsiDevice> &scsiDevices(ScanState &s);
 // The PCI address (dddd:bb:dd.f) nearest the end of a canonical path, or "".
 std::string pciAddressIn(std::string_view path);
 bool isPciAddress(std::string_view name);
+// Whether PCI address a comes before b in address order (domains of more
+// digits last).
+bool pciAddressBefore(std::string_view a, std::string_view b);
 // "0x1000" -> 4096; nullopt for text that is not such a number.
 std::optional<uint64_t> parseNumber(std::string_view text);
 // Text fit for a model value: printable ASCII, blanks trimmed, at most 159 bytes.

@@ -1058,3 +1058,50 @@ TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+TEST(ScanTest, NvmeDrivesBehindAVmdAreControllersOfTheirOwn)
+{
+    // Intel VMD puts its drives in a PCI domain of its own, numbered above
+    // ffff: 10000:e1:00.0. Each drive is a controller of its own, after the
+    // VMD function itself, and each namespace is served.
+    TempTree t;
+    const std::string vmd = "pci0000:00/0000:00:0e.0";
+    t.file("sys/devices/" + vmd + "/class", "0x010400\n");
+    t.link("sys/bus/pci/devices/0000:00:0e.0", "../../../devices/" + vmd);
+    for (unsigned n : {0u, 1u}) {
+        const std::string bdf = "10000:e" + std::to_string(n + 1) + ":00.0";
+        const std::string rel =
+            vmd + "/pci10000:e0/10000:e0:0" + std::to_string(6 + n) + ".0/" + bdf;
+        const std::string pci = "sys/devices/" + rel;
+        t.file(pci + "/class", "0x010802\n");
+        t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+        const std::string name = "nvme" + std::to_string(n);
+        const std::string ctl = pci + "/nvme/" + name;
+        t.file(ctl + "/model", "KV NV1000 1TB\n");
+        t.file(ctl + "/serial", "KVNV01000000004" + std::to_string(n) + "\n");
+        t.file(ctl + "/state", "live\n");
+        t.link("sys/class/nvme/" + name, "../../devices/" + rel + "/nvme/" + name);
+        t.file(ctl + "/" + name + "n1/size", "1953525168\n");
+        t.link("sys/block/" + name + "n1",
+               "../devices/" + rel + "/nvme/" + name + "/" + name + "n1");
+    }
+    // An address of domain ffff sorts before the VMD's.
+    t.file("sys/devices/pci0000:00/ffff:00:01.0/class", "0x010601\n");
+    t.link("sys/bus/pci/devices/ffff:00:01.0", "../../../devices/pci0000:00/ffff:00:01.0");
+
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "adapters"), 4u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+    EXPECT_NE(attrOf(only(scan, "adapters", "1"), "Name").find("ffff:00:01.0"), std::string::npos);
+    EXPECT_EQ(attrOf(only(scan, "adapters", "2"), "Name"), "KV NV1000 1TB 10000:e1:00.0");
+    EXPECT_EQ(attrOf(only(scan, "adapters", "3"), "Name"), "KV NV1000 1TB 10000:e2:00.0");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "2\\0\\1"), "DeviceName"), "/dev/nvme0n1");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "3\\0\\1"), "DeviceName"), "/dev/nvme1n1");
+    EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "3"), "PCIBusNo"), std::to_string(0xe2));
+}
+
+} // namespace
+} // namespace kelp::live
