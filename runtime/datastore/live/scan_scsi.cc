@@ -259,16 +259,17 @@ void scanScsi(ScanState &s)
 namespace {
 
 // Layout codes of the model format for RAID level texts: the kernel's RAID
-// class ("raid5", "raid10") and the Smart Array drivers' ("RAID 5",
-// "RAID 1(+0)", "RAID 6", whose "ADG" is RAID 6 too).
+// class ("raid5", "raid10"), the Smart Array drivers' ("RAID 5",
+// "RAID 1(+0)", "RAID 6", whose "ADG" is RAID 6 too) and aacraid's
+// container types ("Mirror", "Stripe", "RAID5", "Volume": concatenated).
 struct VolumeLevel {
     const char *level; // after "raid", blanks and case dropped
     const char *layout;
 };
 constexpr VolumeLevel kVolumeLevels[] = {
-    {"0", "2"},       {"1", "4"},        {"1e", "4"},    {"10", "512"},
-    {"1(+0)", "512"}, {"1(1+0)", "512"}, {"1+0", "512"}, {"1(+0)adm", "512"},
-    {"4", "32"},      {"5", "64"},       {"6", "128"},   {"adg", "128"},
+    {"0", "2"},        {"1", "4"},     {"1e", "4"},         {"10", "512"},   {"1(+0)", "512"},
+    {"1(1+0)", "512"}, {"1+0", "512"}, {"1(+0)adm", "512"}, {"4", "32"},     {"5", "64"},
+    {"6", "128"},      {"adg", "128"}, {"mirror", "4"},     {"stripe", "2"}, {"volume", "1"},
 };
 
 const char *volumeLayout(const std::string &level)
@@ -289,8 +290,10 @@ const char *volumeLayout(const std::string &level)
 
 // What says that a SCSI disk is a logical volume of a RAID controller, not
 // a disk: the RAID class (/sys/class/raid_devices, Fusion-MPT integrated
-// RAID), a `raid_level` other than "N/A" (Smart Array: hpsa, smartpqi), or
-// a MegaRAID logical drive, which that driver puts on channel 2 and up.
+// RAID), a `raid_level` other than "N/A" (Smart Array: hpsa, smartpqi), an
+// aacraid `level` that names a container type (its disks say "Hidden",
+// "JBOD" or nothing), or a MegaRAID logical drive, which that driver puts
+// on channel 2 and up.
 struct Volume {
     std::string level;   // as the driver gives it, "" when it gives none
     std::string raidDir; // the RAID class directory, "" without one
@@ -308,9 +311,15 @@ std::optional<Volume> logicalVolume(ScanState &s, const ScsiDevice &d)
         return std::nullopt;
     }
     const std::string hostDir = hostDirOf(d.dir, d.hctl[0]);
-    const auto proc =
-        s.root.readText(hostDir + "/scsi_host/" + std::string(baseName(hostDir)) + "/proc_name");
-    if (proc && *proc == "megaraid_sas" && d.hctl[1] >= 2)
+    const std::string proc = cleanValue(
+        s.root.readText(hostDir + "/scsi_host/" + std::string(baseName(hostDir)) + "/proc_name")
+            .value_or(""));
+    if (proc == "aacraid") {
+        const std::string level = cleanValue(s.root.attr(d.dir, "level").value_or(""));
+        if (!level.empty() && level != "Hidden" && level != "JBOD")
+            return Volume{level, ""};
+    }
+    if (proc == "megaraid_sas" && d.hctl[1] >= 2)
         return Volume{"", ""};
     return std::nullopt;
 }

@@ -1024,12 +1024,22 @@ TEST(ScanTest, RaidControllerVolumesAreVirtualDisksNotDisks)
     t.file("sys/devices/" + vol + "/raid_devices/2:1:3:0/resync", "37\n");
     t.link("sys/class/raid_devices/2:1:3:0", "../../devices/" + vol + "/raid_devices/2:1:3:0");
 
+    // Adaptec: a RAID 5 container on channel 0, a hidden member disk and a
+    // disk passed through on channel 1.
+    const std::string aac = addRaidController(t, "0000:05:00.0", 3, "aacraid");
+    addScsiDevice(t, aac, "3:0:0:0", "0", "sdg", {{"vendor", "ASR8405"}, {"level", "RAID5"}});
+    addScsiDevice(t, aac, "3:1:0:0", "0", "", {{"vendor", "ATA"}, {"level", "Hidden"}});
+    addScsiDevice(t, aac, "3:1:1:0", "0", "sdh", {{"vendor", "ATA"}, {"level", "JBOD"}});
+
     LiveScan scan = scanOf(t);
-    EXPECT_EQ(countOf(scan, "vdisks"), 4u);
-    EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+    EXPECT_EQ(countOf(scan, "vdisks"), 5u);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 4u);
+    EXPECT_EQ(attrOf(only(scan, "vdisks", "3\\128\\0"), "Layout"), "64");
+    EXPECT_TRUE(scan.find("arraydisks", "3\\1\\0"));
+    EXPECT_TRUE(scan.find("arraydisks", "3\\1\\1"));
     EXPECT_TRUE(scan.find("arraydisks", "0\\0\\5"));
     EXPECT_TRUE(scan.find("arraydisks", "1\\0\\2"));
-    EXPECT_EQ(countOf(scan, "bus"), 3u) << "no channel for the volumes alone";
+    EXPECT_EQ(countOf(scan, "bus"), 5u) << "no channel for the volumes alone";
 
     const LiveObject &megaraid = only(scan, "vdisks", "0\\128\\0");
     EXPECT_EQ(attrOf(megaraid, "DeviceName"), "/dev/sda");
