@@ -395,6 +395,17 @@ TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
     // The backplane probe's reading from the SES status page.
     const std::vector<std::string> temps = columnOf(w, table("130.11"), 11);
     EXPECT_NE(std::find(temps.begin(), temps.end(), "INTEGER: 26"), temps.end()) << w;
+    // The four SAS disks take protection information and have their write
+    // cache off; the two SATA SSDs and the boot disk the other way round.
+    const auto count = [](const std::vector<std::string> &column, const char *value) {
+        return std::count(column.begin(), column.end(), value);
+    };
+    const std::vector<std::string> caches = columnOf(w, table("130.4"), 43);
+    EXPECT_EQ(count(caches, "INTEGER: 0"), 4) << w;
+    EXPECT_EQ(count(caches, "INTEGER: 1"), 3) << w;
+    const std::vector<std::string> protection = columnOf(w, table("130.4"), 51);
+    EXPECT_EQ(count(protection, "INTEGER: 1"), 4) << w;
+    EXPECT_EQ(count(protection, "INTEGER: 0"), 3) << w;
 }
 
 TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
@@ -407,6 +418,14 @@ TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
     EXPECT_EQ(rowsOf(w, table("140.1")).size(), 2u) << "md0 and md1";
     EXPECT_EQ(rowsOf(w, table("140.3")).size(), 5u) << "2 + 3 members";
     EXPECT_NE(w.find("STRING: \"Linux software RAID\""), std::string::npos) << w;
+    // Their PCIe links: 8 GT/s x4 of 8 GT/s x4, and 8 GT/s x2 of 16 GT/s x4.
+    using Column = std::vector<std::string>;
+    EXPECT_EQ(columnOf(w, table("130.18"), 21), (Column{"INTEGER: 8", "INTEGER: 8"})) << w;
+    EXPECT_EQ(columnOf(w, table("130.18"), 22), (Column{"INTEGER: 8", "INTEGER: 16"})) << w;
+    EXPECT_EQ(columnOf(w, table("130.18"), 26), (Column{"INTEGER: 4", "INTEGER: 4"})) << w;
+    EXPECT_EQ(columnOf(w, table("130.18"), 27), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
+    // The same widths on their namespaces' rows; the SATA disks have none.
+    EXPECT_EQ(columnOf(w, table("130.4"), 53), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
 }
 
 TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)

@@ -38,7 +38,23 @@ std::string vpdSerial(ScanState &s, const std::string &dir)
     return cleanValue(page->substr(4, length));
 }
 
-// Size, medium and name of a block device directory.
+// A write cache setting as sysfs words it (the block layer's `write_cache`,
+// sd's `cache_type`: "write back", "write through, no read (daft)" ...):
+// "1" for write back, "0" for write through, "" for anything else.
+const char *writeCacheFlag(const std::optional<std::string> &text)
+{
+    if (!text)
+        return "";
+    const std::string words = cleanValue(*text);
+    if (words.starts_with("write back"))
+        return "1";
+    if (words.starts_with("write through"))
+        return "0";
+    return "";
+}
+
+// Size, medium, name, write cache and (where the device is formatted with
+// it) protection information of a block device directory.
 void fillBlock(ScanState &s, const std::string &blockDir, LiveObject *o)
 {
     const std::string name(baseName(blockDir));
@@ -54,6 +70,32 @@ void fillBlock(ScanState &s, const std::string &blockDir, LiveObject *o)
         set(&o->attributes, "MediaType", *rotational == "0" ? "2" : "1");
     if (auto sector = s.root.attr(blockDir, "queue/logical_block_size"))
         set(&o->attributes, "PdSectorSize", cleanValue(*sector));
+    if (const char *flag = writeCacheFlag(s.root.attr(blockDir, "queue/write_cache")); *flag)
+        set(&o->attributes, "DriveWriteCacheEnabled", flag);
+    // A device formatted without protection information may still take it,
+    // so only a format that carries it says anything.
+    if (auto format = s.root.attr(blockDir, "integrity/format")) {
+        const std::string carried = cleanValue(*format);
+        if (carried.starts_with("T10-DIF") || carried.starts_with("EXT-DIF"))
+            set(&o->attributes, "PdPICapable", "1");
+    }
+}
+
+// What a SCSI disk says of itself over what its block device says: its own
+// write cache setting (sd's `cache_type`; the block layer's may have been
+// overridden by hand), and whether it takes protection information (the
+// PROTECT bit, byte 5 bit 0, of its standard INQUIRY data).
+void fillScsiDisk(ScanState &s, const std::string &dir, LiveObject *o)
+{
+    for (const std::string &entry : s.root.listIn(dir + "/scsi_disk")) {
+        const char *flag = writeCacheFlag(s.root.attr(dir + "/scsi_disk/" + entry, "cache_type"));
+        if (*flag)
+            set(&o->attributes, "DriveWriteCacheEnabled", flag);
+        break;
+    }
+    auto inquiry = s.root.attrBytes(dir, "inquiry");
+    if (inquiry && inquiry->size() > 5)
+        set(&o->attributes, "PdPICapable", ((*inquiry)[5] & 0x01) != 0 ? "1" : "0");
 }
 
 void addStatus(LiveObject *o, uint64_t state, int status)
@@ -181,6 +223,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
         if (!blocks.empty()) {
             blockName = blocks.front();
             fillBlock(s, dir + "/block/" + blockName, &o);
+            fillScsiDisk(s, dir, &o);
         } else {
             set(&o.attributes, "DeviceName", "Not Applicable");
             s.note("SCSI disk " + o.nexus + ": no block device");
@@ -231,6 +274,8 @@ void addOnlyDisk(ScanState &s, const char *kind, const std::string &name,
     set(&o.attributes, "Channel", "0");
     set(&o.attributes, "TargetID", "0");
     fillBlock(s, blockDir, &o);
+    // virtio-blk, MMC and Xen disks carry no protection information.
+    set(&o.attributes, "PdPICapable", "0");
     size_t index = s.add(std::move(o));
     s.diskByBlock.emplace(name, index);
     s.diskByDevice.emplace(device, index);
@@ -308,6 +353,61 @@ constexpr StateRow kNvmeStates[] = {
     {"deleting (no IO)", kStateFailed, kStatusCritical},
     {"dead", kStateFailed, kStatusCritical},
 };
+
+// A PCIe link speed as sysfs words it ("8.0 GT/s PCIe", "2.5 GT/s", and
+// "5 GT/s" from older kernels) in tenths of GT/s, or "" ("Unknown").
+std::string linkSpeedTenths(const std::optional<std::string> &text)
+{
+    if (!text)
+        return std::string();
+    std::string_view rest(*text);
+    uint64_t tenths = 0;
+    size_t digits = 0;
+    for (; !rest.empty() && rest.front() >= '0' && rest.front() <= '9'; rest.remove_prefix(1)) {
+        if (++digits > 6)
+            return std::string();
+        tenths = tenths * 10 + static_cast<uint64_t>(rest.front() - '0');
+    }
+    if (digits == 0)
+        return std::string();
+    tenths *= 10;
+    if (rest.starts_with('.')) {
+        rest.remove_prefix(1);
+        if (rest.empty() || rest.front() < '0' || rest.front() > '9')
+            return std::string();
+        tenths += static_cast<uint64_t>(rest.front() - '0');
+        while (!rest.empty() && rest.front() >= '0' && rest.front() <= '9')
+            rest.remove_prefix(1);
+    }
+    return rest.starts_with(" GT/s") ? std::to_string(tenths) : std::string();
+}
+
+// A PCIe link width in lanes (1 to 32), or "" (0: the kernel cannot read it).
+std::string linkWidth(const std::optional<std::string> &text)
+{
+    auto lanes = text ? parseNumber(cleanValue(*text)) : std::nullopt;
+    return lanes && *lanes >= 1 && *lanes <= 32 ? std::to_string(*lanes) : std::string();
+}
+
+// The PCIe link of an NVMe drive's function: speeds for its adapter row,
+// widths for its adapter and disk rows.
+struct PcieLink {
+    std::string speed, maxSpeed, width, maxWidth;
+};
+
+PcieLink pcieLinkOf(const SysRoot &root, const std::string &pciDir)
+{
+    return {linkSpeedTenths(root.attr(pciDir, "current_link_speed")),
+            linkSpeedTenths(root.attr(pciDir, "max_link_speed")),
+            linkWidth(root.attr(pciDir, "current_link_width")),
+            linkWidth(root.attr(pciDir, "max_link_width"))};
+}
+
+void setIfKnown(LiveObject *o, const char *name, const std::string &value)
+{
+    if (!value.empty())
+        set(&o->attributes, name, value);
+}
 
 // The namespace number of nvmeXnY or nvmeXcZnY, or 0.
 uint32_t namespaceOf(const std::string &name, std::string *blockName)
@@ -392,6 +492,11 @@ void scanNvme(ScanState &s)
         set(&adapter.attributes, "BusProtocol", "9");
         set(&adapter.attributes, "MediaType", "2");
         set(&adapter.attributes, "DeviceName", "/dev/" + name);
+        const PcieLink link = onPci ? pcieLinkOf(s.root, c->pciDir) : PcieLink{};
+        setIfKnown(&adapter, "NegotiatedSpeed", link.speed);
+        setIfKnown(&adapter, "CapableSpeed", link.maxSpeed);
+        setIfKnown(&adapter, "NegotiatedLinkWidth", link.width);
+        setIfKnown(&adapter, "MaxLinkWidth", link.maxWidth);
 
         for (const std::string &entry : s.root.listIn(*dir)) {
             std::string blockName;
@@ -425,6 +530,8 @@ void scanNvme(ScanState &s)
             set(&disk.attributes, "TargetID", std::to_string(ns));
             fillBlock(s, *blockDir, &disk);
             set(&disk.attributes, "MediaType", "2");
+            setIfKnown(&disk, "NegotiatedLinkWidth", link.width);
+            setIfKnown(&disk, "MaxLinkWidth", link.maxWidth);
             if (attrOf(adapter, "Length").empty())
                 set(&adapter.attributes, "Length", attrOf(disk, "Length"));
             size_t index = s.add(std::move(disk));

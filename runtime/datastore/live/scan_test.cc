@@ -1113,5 +1113,118 @@ TEST(ScanTest, NvmeDrivesBehindAVmdAreControllersOfTheirOwn)
     EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "3"), "PCIBusNo"), std::to_string(0xe2));
 }
 
+TEST(ScanTest, DisksSayTheirWriteCacheAndProtectionInformation)
+{
+    TempTree t;
+    const std::string ports = "sys/devices/pci0000:00/0000:00:17.0";
+    // sda: the disk's own cache setting (sd's cache_type) outranks the
+    // block layer's, which an administrator may have overridden; its
+    // INQUIRY data sets no PROTECT bit.
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    const std::string sda = ports + "/ata1/host0/target0:0:0/0:0:0:0";
+    t.file(sda + "/scsi_disk/0:0:0:0/cache_type", "write back\n");
+    t.file(sda + "/block/sda/queue/write_cache", "write through\n");
+    t.file(sda + "/inquiry", std::string("\0\0\x06\x02\x5b\0\0\x02", 8));
+    // sdb: write through, and PROTECT set (byte 5, bit 0).
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    const std::string sdb = ports + "/ata2/host1/target1:0:0/1:0:0:0";
+    t.file(sdb + "/scsi_disk/1:0:0:0/cache_type", "write through, no read (daft)\n");
+    t.file(sdb + "/inquiry", std::string("\0\0\x06\x02\x5b\x01\0\x02", 8));
+    // sdc: no cache_type, so the block layer's; INQUIRY data cut short.
+    addSataDisk(t, "0000:00:17.0", 2, "sdc");
+    const std::string sdc = ports + "/ata3/host2/target2:0:0/2:0:0:0";
+    t.file(sdc + "/block/sdc/queue/write_cache", "write back\n");
+    t.file(sdc + "/inquiry", std::string("\0\0\x06\x02\x5b", 5));
+    // sdd: neither says, or says nonsense.
+    addSataDisk(t, "0000:00:17.0", 3, "sdd");
+    const std::string sdd = ports + "/ata4/host3/target3:0:0/3:0:0:0";
+    t.file(sdd + "/scsi_disk/3:0:0:0/cache_type", "None\n");
+    // A virtio disk: its cache from the block layer; virtio carries no
+    // protection information.
+    addVirtioDisk(t, "0000:00:04.0", "virtio1", "vda", "2048");
+    t.file("sys/devices/pci0000:00/0000:00:04.0/virtio1/block/vda/queue/write_cache",
+           "write back\n");
+
+    LiveScan scan = scanOf(t);
+    const LiveObject &a = only(scan, "arraydisks", "1\\0\\0");
+    const LiveObject &b = only(scan, "arraydisks", "1\\1\\0");
+    const LiveObject &c = only(scan, "arraydisks", "1\\2\\0");
+    const LiveObject &d = only(scan, "arraydisks", "1\\3\\0");
+    const LiveObject &vda = only(scan, "arraydisks", "0\\0\\0");
+    EXPECT_EQ(attrOf(a, "DriveWriteCacheEnabled"), "1");
+    EXPECT_EQ(attrOf(b, "DriveWriteCacheEnabled"), "0");
+    EXPECT_EQ(attrOf(c, "DriveWriteCacheEnabled"), "1");
+    EXPECT_EQ(attrOf(d, "DriveWriteCacheEnabled"), "<none>");
+    EXPECT_EQ(attrOf(vda, "DriveWriteCacheEnabled"), "1");
+    EXPECT_EQ(attrOf(a, "PdPICapable"), "0");
+    EXPECT_EQ(attrOf(b, "PdPICapable"), "1");
+    EXPECT_EQ(attrOf(c, "PdPICapable"), "<none>");
+    EXPECT_EQ(attrOf(d, "PdPICapable"), "<none>");
+    EXPECT_EQ(attrOf(vda, "PdPICapable"), "0");
+}
+
+TEST(ScanTest, NvmeAdaptersAndDrivesSayTheirPcieLink)
+{
+    // Three drives: one at 8 GT/s x2 of 16 GT/s x4 with a namespace
+    // formatted with protection information, one in the older kernels'
+    // format without a decimal, one whose link the kernel cannot read.
+    TempTree t;
+    struct Drive {
+        const char *current, *max, *width, *maxWidth, *integrity;
+    };
+    const Drive drives[] = {
+        {"8.0 GT/s PCIe", "16.0 GT/s PCIe", "2", "4", "T10-DIF-TYPE1-CRC"},
+        {"5 GT/s", "2.5 GT/s PCIe", "1", "1", "none"},
+        {"Unknown", "Unknown speed", "0", "x4", nullptr},
+    };
+    for (unsigned n = 0; n < 3; ++n) {
+        const std::string bdf = "0000:0" + std::to_string(n + 1) + ":00.0";
+        const std::string rel = "pci0000:00/0000:00:1c." + std::to_string(n) + "/" + bdf;
+        const std::string pci = "sys/devices/" + rel;
+        t.file(pci + "/class", "0x010802\n");
+        t.file(pci + "/current_link_speed", std::string(drives[n].current) + "\n");
+        t.file(pci + "/max_link_speed", std::string(drives[n].max) + "\n");
+        t.file(pci + "/current_link_width", std::string(drives[n].width) + "\n");
+        t.file(pci + "/max_link_width", std::string(drives[n].maxWidth) + "\n");
+        t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+        const std::string name = "nvme" + std::to_string(n);
+        const std::string ctl = pci + "/nvme/" + name;
+        t.file(ctl + "/model", "KV NV1000 1TB\n");
+        t.file(ctl + "/state", "live\n");
+        t.link("sys/class/nvme/" + name, "../../devices/" + rel + "/nvme/" + name);
+        t.file(ctl + "/" + name + "n1/size", "1953525168\n");
+        if (drives[n].integrity != nullptr)
+            t.file(ctl + "/" + name + "n1/integrity/format",
+                   std::string(drives[n].integrity) + "\n");
+        t.link("sys/block/" + name + "n1",
+               "../devices/" + rel + "/nvme/" + name + "/" + name + "n1");
+    }
+
+    LiveScan scan = scanOf(t);
+    const LiveObject &fast = only(scan, "NVMeAdapter", "0");
+    EXPECT_EQ(attrOf(fast, "NegotiatedSpeed"), "80"); // tenths of GT/s
+    EXPECT_EQ(attrOf(fast, "CapableSpeed"), "160");
+    EXPECT_EQ(attrOf(fast, "NegotiatedLinkWidth"), "2");
+    EXPECT_EQ(attrOf(fast, "MaxLinkWidth"), "4");
+    const LiveObject &fastDisk = only(scan, "arraydisks", "0\\0\\1");
+    EXPECT_EQ(attrOf(fastDisk, "NegotiatedLinkWidth"), "2");
+    EXPECT_EQ(attrOf(fastDisk, "MaxLinkWidth"), "4");
+    EXPECT_EQ(attrOf(fastDisk, "PdPICapable"), "1");
+
+    const LiveObject &old = only(scan, "NVMeAdapter", "1");
+    EXPECT_EQ(attrOf(old, "NegotiatedSpeed"), "50");
+    EXPECT_EQ(attrOf(old, "CapableSpeed"), "25");
+    EXPECT_EQ(attrOf(old, "MaxLinkWidth"), "1");
+    // A namespace without protection information may still be on a drive
+    // that could be formatted with it: not said.
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\1"), "PdPICapable"), "<none>");
+
+    const LiveObject &unknown = only(scan, "NVMeAdapter", "2");
+    for (const char *name :
+         {"NegotiatedSpeed", "CapableSpeed", "NegotiatedLinkWidth", "MaxLinkWidth"})
+        EXPECT_EQ(attrOf(unknown, name), "<none>") << name;
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "2\\0\\1"), "MaxLinkWidth"), "<none>");
+}
+
 } // namespace
 } // namespace kelp::live
