@@ -299,6 +299,21 @@ constexpr OptionRow kOptions[] = {
          o.liveInterval = seconds;
          return true;
      }},
+    {"live-health-interval", Arg::kRequired, "SECONDS",
+     "ask each drive for its health at most this often, 0 at every rescan (300)",
+     [](Options &o, const std::string &v, std::string *e) {
+         char *end = nullptr;
+         errno = 0;
+         const double seconds = std::strtod(v.c_str(), &end);
+         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
+             seconds < 0 || seconds > kMaxLiveInterval) {
+             *e = "--live-health-interval takes a number of seconds from 0 up to " +
+                  std::to_string(static_cast<int>(kMaxLiveInterval)) + ", not \"" + v + "\"";
+             return false;
+         }
+         o.liveHealthInterval = seconds;
+         return true;
+     }},
     {"allow-root", Arg::kNone, nullptr, "run as root (refused otherwise; see --user)",
      [](Options &o, const std::string &, std::string *) { return o.allowRoot = true; }},
     {"user", Arg::kRequired, "NAME",

@@ -25,6 +25,8 @@ inline constexpr size_t kMaxSystemText = 255;
 // Seconds between two rescans of the live source, by default and at most.
 inline constexpr double kDefaultLiveInterval = 30;
 inline constexpr double kMaxLiveInterval = 86400;
+// How long a drive's health answer stands before the live source asks again.
+inline constexpr double kDefaultLiveHealthInterval = 300;
 
 // The longest --rescan-timeout: a day.
 inline constexpr double kMaxRescanTimeout = 86400;
@@ -82,7 +84,8 @@ struct Options {
     double rescanTimeout = 0; // seconds; 0: the runtime's (KELP_RESCAN_TIMEOUT, else 30)
     bool live = false;        // serve this machine's storage (--live, or --live-root)
     std::string liveRoot = "/";
-    double liveInterval = kDefaultLiveInterval; // seconds between rescans
+    double liveInterval = kDefaultLiveInterval;             // seconds between rescans
+    double liveHealthInterval = kDefaultLiveHealthInterval; // seconds; 0: every rescan
     bool syslog = false;
     bool logPriorities = false; // "<N>" before every stderr line (always under journald)
     bool debug = false;

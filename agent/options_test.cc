@@ -52,6 +52,8 @@ TEST(Options, EveryOptionSetsItsField)
                        "--rescan-timeout",
                        "2.5",
                        "--max-waiting=0",
+                       "--live-health-interval",
+                       "0",
                        "--agentx"},
                       &o, &error))
         << error;
@@ -71,6 +73,7 @@ TEST(Options, EveryOptionSetsItsField)
     EXPECT_TRUE(o.syslog);
     EXPECT_EQ(o.rescanTimeout, 2.5);
     EXPECT_EQ(o.maxWaiting, 0u);
+    EXPECT_EQ(o.liveHealthInterval, 0.0);
     EXPECT_TRUE(o.agentx);
     EXPECT_EQ(o.agentxSocket, "");
 }
@@ -103,6 +106,7 @@ TEST(Options, DefaultsAreTheDocumentedOnes)
     EXPECT_EQ(o.informTimeout, 1.0);
     EXPECT_EQ(o.informRetries, 5);
     EXPECT_EQ(o.maxWaiting, 256u);
+    EXPECT_EQ(o.liveHealthInterval, 300.0);
 }
 
 TEST(Options, TrapsCarryTheReadCommunityUnlessTheirOwnIsGiven)
@@ -173,6 +177,11 @@ TEST(Options, UsageErrorsAreRefusedWithAMessage)
         {"--max-waiting", "many"},
         {"--max-waiting", "99999999999999999999"},
         {"--max-waiting", ""},
+        {"--live-health-interval", "-1"},
+        {"--live-health-interval", "86401"},
+        {"--live-health-interval", "hourly"},
+        {"--live-health-interval", "nan"},
+        {"--live-health-interval", ""},
     };
     for (const auto &words : bad) {
         Options o;

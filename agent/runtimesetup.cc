@@ -121,6 +121,7 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
 
     char message[1024];
     if (options.live) {
+        kelpRuntimeSetLiveHealthInterval(options.liveHealthInterval);
         if (kelpRuntimeStartLive(options.liveRoot.c_str(), options.liveInterval, message,
                                  sizeof message) != 0) {
             *error = std::string("the live source does not start: ") + message;

@@ -609,6 +609,42 @@ TEST_F(AgentLiveFixture, AHotProbeIsAWarningTrapAndTheColumnFollows)
     EXPECT_TRUE(trapOf(2155)) << receiver.log();
 }
 
+TEST_F(AgentLiveFixture, ADiskPredictingItsFailureIsATrapAndAWarning)
+{
+    start("server");
+    // Every drive healthy: the predicted-failure column answers 1 (no).
+    const std::vector<std::string> before = columnOf(walk(), table("130.4"), 31);
+    EXPECT_EQ(before, std::vector<std::string>(7, "INTEGER: 1"));
+    // The SAS disk in slot 1 (sg1) reports a failure prediction threshold
+    // exceeded in its informational exceptions log page.
+    std::string page = readFile(dir / "root/dev/sg1.health/log-2f.bin");
+    ASSERT_GT(page.size(), 9u);
+    page[8] = 0x5d;
+    page[9] = 0x10;
+    write("dev/sg1.health/log-2f.bin", page);
+    rescan();
+    EXPECT_TRUE(trapOf(2074)) << receiver.log() << agent.process()->err();
+    EXPECT_TRUE(waitFor(
+        [&] {
+            const auto predicted = columnOf(walk(), table("130.4"), 31);
+            return std::count(predicted.begin(), predicted.end(), "INTEGER: 2") == 1;
+        },
+        10s));
+    const RunResult status = agent.kelpctl({"status"});
+    EXPECT_NE(status.out.find("(/dev/sg1) predicts its failure: asc/ascq 0x5d/0x10"),
+              std::string::npos)
+        << status.out;
+}
+
+TEST_F(AgentLiveFixture, NvmeDrivesSayHowMuchOfTheirRatedLifeIsLeft)
+{
+    start("workstation");
+    const std::string w = walk();
+    using Column = std::vector<std::string>;
+    EXPECT_EQ(columnOf(w, table("130.18"), 23), (Column{"INTEGER: 97", "INTEGER: 88"})) << w;
+    EXPECT_EQ(columnOf(w, table("130.4"), 45), (Column{"INTEGER: 97", "INTEGER: 88"})) << w;
+}
+
 TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)
 {
     start("workstation");

@@ -20,6 +20,12 @@ struct View {
     {
         return std::string(m.attribute(pos, name).value_or(std::string_view()));
     }
+    // The character at `position` of a mask attribute, or 0.
+    char maskBit(std::string_view name, size_t position) const
+    {
+        const std::optional<std::string_view> mask = m.attribute(pos, name);
+        return mask && position < mask->size() ? (*mask)[position] : '\0';
+    }
     uint64_t state() const { return number("ObjState"); }
     uint64_t status() const { return number("ObjStatus"); }
     uint64_t number(std::string_view name) const
@@ -57,6 +63,10 @@ void changed(const View &was, const View &now, std::vector<Change> *out)
             emit(kDiskOffline);
         else if (st0 == kStateOffline && st1 != kStateOffline && st1 != kStateFailed)
             emit(kDiskOnline);
+        // The disk's own failure prediction (its health log or SMART status).
+        if (was.maskBit("AttributesMask", kPredictedFailureBit) == '0' &&
+            now.maskBit("AttributesMask", kPredictedFailureBit) == '1')
+            emit(kDiskPredictedFailure);
         if (st1 == kStateRebuilding && st0 != kStateRebuilding)
             emit(kRebuildStarted);
         if (st0 == kStateRebuilding && st1 == kStateOnline)

@@ -36,6 +36,7 @@ inline constexpr uint32_t kDiskRemoved = 2049;
 inline constexpr uint32_t kDiskInserted = 2050;
 inline constexpr uint32_t kDiskOffline = 2051;
 inline constexpr uint32_t kDiskOnline = 2052;
+inline constexpr uint32_t kDiskPredictedFailure = 2074;
 inline constexpr uint32_t kRebuildStarted = 2070;
 inline constexpr uint32_t kRebuildCompleted = 2071;
 inline constexpr uint32_t kRebuildProgress = 2077;

@@ -165,6 +165,27 @@ TEST_F(ChangesTest, ADiskGoesOfflineAndComesBackOnline)
     EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskFailed}));
 }
 
+TEST_F(ChangesTest, ADiskThatPredictsItsFailureRaisesItOnce)
+{
+    LiveScan s = machine();
+    std::string mask(40, '0');
+    setAttr(&s, "arraydisks", "0\\0\\0\\1", "AttributesMask", mask);
+    EXPECT_EQ(eventsTo(s), std::vector<uint32_t>{}) << "a mask with no bit set";
+    mask[kPredictedFailureBit] = '1';
+    setAttr(&s, "arraydisks", "0\\0\\0\\1", "AttributesMask", mask);
+    setAttr(&s, "arraydisks", "0\\0\\0\\1", "ObjStatus", "3");
+    EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskPredictedFailure}));
+    EXPECT_EQ(eventsTo(s), std::vector<uint32_t>{}) << "still predicting it";
+    // Cleared (the disk was replaced by one of the same name, or its log
+    // was reset), then predicted again: raised again.
+    mask[kPredictedFailureBit] = '0';
+    setAttr(&s, "arraydisks", "0\\0\\0\\1", "AttributesMask", mask);
+    EXPECT_EQ(eventsTo(s), std::vector<uint32_t>{});
+    mask[kPredictedFailureBit] = '1';
+    setAttr(&s, "arraydisks", "0\\0\\0\\1", "AttributesMask", mask);
+    EXPECT_EQ(eventsTo(s), (std::vector<uint32_t>{kDiskPredictedFailure}));
+}
+
 TEST_F(ChangesTest, ArrayFails)
 {
     LiveScan s = machine();

@@ -165,7 +165,9 @@ class Source {
         std::lock_guard serial(rescanMutex_);
         const auto begin = Clock::now();
         LiveScan scan;
-        scanMachine(root_, &scan);
+        ScanOptions scanOptions;
+        scanOptions.healthMaxAgeSeconds = cause == "asked" ? 0 : options_.healthIntervalSeconds;
+        scanMachine(root_, &scan, scanOptions);
         const std::string origin = "live " + root_.root();
         std::optional<ds::ModelData> before;
         if (served_)
@@ -399,6 +401,8 @@ LiveStatus liveStatus()
     return g_source ? g_source->status() : LiveStatus();
 }
 
+std::atomic<double> g_healthInterval{LiveOptions().healthIntervalSeconds};
+
 bool rescanNowForTesting()
 {
     std::lock_guard lock(g_sourceMutex);
@@ -407,6 +411,12 @@ bool rescanNowForTesting()
 }
 
 } // namespace kelp::live
+
+extern "C" void kelpRuntimeSetLiveHealthInterval(double seconds)
+{
+    if (seconds >= 0)
+        kelp::live::g_healthInterval.store(seconds);
+}
 
 extern "C" int kelpRuntimeStartLive(const char *root, double intervalSeconds, char *error,
                                     unsigned errorSize)
@@ -418,8 +428,11 @@ extern "C" int kelpRuntimeStartLive(const char *root, double intervalSeconds, ch
             message = "no live root named";
         else if (!(intervalSeconds > 0))
             message = "the live interval must be above 0 seconds";
-        else
-            ok = kelp::live::startLive({root, intervalSeconds, true, -1}, &message);
+        else {
+            kelp::live::LiveOptions options{root, intervalSeconds, true, -1};
+            options.healthIntervalSeconds = kelp::live::g_healthInterval.load();
+            ok = kelp::live::startLive(options, &message);
+        }
     } catch (const std::exception &e) {
         message = e.what();
     }

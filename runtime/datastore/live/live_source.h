@@ -18,6 +18,9 @@ struct LiveOptions {
     // Tests: a descriptor to poll in place of udev's (any root); each time it
     // becomes readable counts as a burst of device events.
     int eventFdForTesting = -1;
+    // A drive's health answer stands this long before a rescan asks again
+    // (0: every rescan); a rescan asked for (SIGHUP, kelpctl) always asks.
+    double healthIntervalSeconds = 300;
 };
 
 // Scans once, serves the result and starts the rescan thread. False with

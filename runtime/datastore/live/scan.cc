@@ -269,10 +269,10 @@ void noteUnservedDisks(ScanState &s)
 
 } // namespace
 
-void scanMachine(const SysRoot &root, LiveScan *scan)
+void scanMachine(const SysRoot &root, LiveScan *scan, const ScanOptions &options)
 {
     *scan = LiveScan();
-    ScanState s(root, *scan);
+    ScanState s(root, *scan, options);
     if (!root.exists("/sys"))
         s.note("no /sys under " + root.root() + ": nothing to serve");
     scanStorageAttributes(s);
@@ -287,6 +287,7 @@ void scanMachine(const SysRoot &root, LiveScan *scan)
     scanEnclosureComponents(s);
     scanHwmon(s);
     scanMd(s);
+    scanHealth(s);
     noteUnservedDisks(s);
     rollUpTreeStatus(scan);
 }

@@ -27,6 +27,9 @@ inline constexpr uint64_t kStateOffline = 8;     // present, serves no I/O
 inline constexpr uint64_t kStateDegraded = 32;   // an array without its redundancy
 inline constexpr uint64_t kStateRebuilding = 64; // an array or disk being rebuilt
 inline constexpr uint64_t kStateMissing = 1024;  // a component that is not installed
+// The position in a disk's AttributesMask (counted from 0 at the left) that
+// says the disk predicts its own failure.
+inline constexpr size_t kPredictedFailureBit = 20;
 // Values of "ObjStatus".
 inline constexpr int kStatusOther = 0;
 inline constexpr int kStatusUnknown = 1;
@@ -54,7 +57,13 @@ struct LiveScan {
 
 // Reads the machine under root. Never fails: a machine without storage, or a
 // root without /sys, is an empty scan (with a note).
-void scanMachine(const SysRoot &root, LiveScan *scan);
+struct ScanOptions {
+    // A drive's health answer younger than this (from an earlier scan of
+    // the same root) is used again rather than asked anew; 0: every scan
+    // asks.
+    double healthMaxAgeSeconds = 0;
+};
+void scanMachine(const SysRoot &root, LiveScan *scan, const ScanOptions &options = {});
 
 } // namespace kelp::live
 

@@ -2,7 +2,10 @@
 // virtio-blk, MMC (SD and eMMC) and Xen disks, NVMe namespaces. A disk in
 // an enclosure slot is named by its slot (C\H\E\S), any other by its channel
 // and target (C\H\T).
+#include <chrono>
 #include <cstdio>
+#include <map>
+#include <mutex>
 
 #include "datastore/live/scan_internal.h"
 
@@ -229,12 +232,27 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
             s.note("SCSI disk " + o.nexus + ": no block device");
         }
     }
+    const bool ata = vendor == "ATA";
     size_t index = s.add(std::move(o));
     s.diskByDevice.emplace(dir, index);
     if (!blockName.empty())
         s.diskByBlock.emplace(blockName, index);
     if (!wwid.empty())
         s.diskByWwid.emplace(wwid, index);
+    // The disk is asked for its health through its generic device, else its
+    // block device (both take SG_IO). Not a disk behind a USB bridge:
+    // bridges answer pass-through commands and log pages badly, some by
+    // resetting.
+    if (tape || dir.find("/usb") != std::string::npos)
+        return;
+    std::string node;
+    if (auto generic = s.root.listIn(dir + "/scsi_generic"); !generic.empty())
+        node = "/dev/" + cleanValue(generic.front());
+    else if (!blockName.empty())
+        node = "/dev/" + cleanValue(blockName);
+    if (!node.empty())
+        s.healthQueries.push_back(
+            {ata ? HealthKind::kAta : HealthKind::kScsi, std::move(node), {index}, std::nullopt});
 }
 
 namespace {
@@ -498,6 +516,7 @@ void scanNvme(ScanState &s)
         setIfKnown(&adapter, "NegotiatedLinkWidth", link.width);
         setIfKnown(&adapter, "MaxLinkWidth", link.maxWidth);
 
+        ScanState::HealthQuery health{HealthKind::kNvme, "/dev/" + cleanValue(name), {}, {}};
         for (const std::string &entry : s.root.listIn(*dir)) {
             std::string blockName;
             const uint32_t ns = namespaceOf(entry, &blockName);
@@ -537,9 +556,106 @@ void scanNvme(ScanState &s)
             size_t index = s.add(std::move(disk));
             s.diskByBlock.emplace(blockName, index);
             s.diskByDevice.emplace(*dir, index);
+            health.disks.push_back(index);
         }
-        s.add(std::move(adapter));
+        health.adapter = s.add(std::move(adapter));
+        s.healthQueries.push_back(std::move(health));
     }
+}
+
+namespace {
+
+// What the last scan of each live root read of each drive (by its device
+// node and serial number), and when: used again while younger than the
+// scan's health interval, and for the scans that cannot read a drive (an
+// ATA disk in standby, or a read that failed once), where otherwise such a
+// scan would clear a predicted failure and the next would raise it again.
+struct KnownHealth {
+    DriveHealth health;
+    std::chrono::steady_clock::time_point read;
+};
+using HealthByDrive = std::map<std::string, KnownHealth>;
+std::map<std::string, HealthByDrive> &lastHealth()
+{
+    static std::map<std::string, HealthByDrive> last;
+    return last;
+}
+std::mutex &lastHealthLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
+void applyHealth(ScanState &s, const ScanState::HealthQuery &q, const DriveHealth &h)
+{
+    for (size_t index : q.disks) {
+        LiveObject &disk = s.scan.objects[index];
+        if (h.lifeRemaining)
+            set(&disk.attributes, "DeviceLifeTimeRemaining", std::to_string(*h.lifeRemaining));
+        if (!h.failurePredicted)
+            continue;
+        set(&disk.attributes, "AttributesMask", maskWithBit(kPredictedFailureBit));
+        if (attrOf(disk, "ObjStatus") == std::to_string(kStatusOk)) {
+            set(&disk.attributes, "ObjStatus", std::to_string(kStatusNonCritical));
+            set(&disk.attributes, "TreeStatus", std::to_string(kStatusNonCritical));
+        }
+        s.note("disk " + disk.nexus + " (" + q.node + ") predicts its failure: " + h.why);
+    }
+    if (q.adapter && h.lifeRemaining)
+        set(&s.scan.objects[*q.adapter].attributes, "RemainingRatedWriteEndurance",
+            std::to_string(*h.lifeRemaining));
+}
+
+} // namespace
+
+void scanHealth(ScanState &s)
+{
+    HealthByDrive before, now;
+    {
+        std::lock_guard<std::mutex> hold(lastHealthLock());
+        before = std::move(lastHealth()[s.root.root()]);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const auto maxAge = std::chrono::duration<double>(s.options.healthMaxAgeSeconds);
+    size_t unread = 0;
+    std::string firstError;
+    for (const ScanState::HealthQuery &q : s.healthQueries) {
+        const std::string key =
+            q.node + " " +
+            (q.disks.empty() ? "" : attrOf(s.scan.objects[q.disks.front()], "DeviceSerialNumber"));
+        auto last = before.find(key);
+        KnownHealth known;
+        if (last != before.end() && start - last->second.read < maxAge) {
+            known = last->second;
+        } else {
+            std::string error;
+            const HealthRead r = s.root.isSystemRoot()
+                                     ? readHealthDevice(q.kind, q.node, &known.health, &error)
+                                     : readHealthFiles(q.kind, s.root.hostPath(q.node + ".health"),
+                                                       &known.health, &error);
+            known.read = std::chrono::steady_clock::now();
+            if (r == HealthRead::kUnsupported)
+                continue;
+            if (r == HealthRead::kFailed && unread++ == 0)
+                firstError = error;
+            if (r != HealthRead::kRead) {
+                if (last == before.end())
+                    continue;
+                // Asked again at the next scan: only the answer is kept.
+                known.health = last->second.health;
+                known.read = last->second.read;
+            }
+        }
+        applyHealth(s, q, known.health);
+        now.emplace(key, std::move(known));
+    }
+    {
+        std::lock_guard<std::mutex> hold(lastHealthLock());
+        lastHealth()[s.root.root()] = std::move(now);
+    }
+    if (unread > 0)
+        s.note("the health of " + std::to_string(unread) + " drive" + (unread == 1 ? "" : "s") +
+               " was not read (" + firstError + ")");
 }
 
 } // namespace kelp::live

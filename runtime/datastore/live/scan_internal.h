@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "datastore/live/health.h"
 #include "datastore/live/scan.h"
 #include "datastore/live/sysroot.h"
 
@@ -30,10 +31,14 @@ struct ScsiDevice {
 inline constexpr uint32_t kSasPortKey = 0x10000;
 
 struct ScanState {
-    ScanState(const SysRoot &r, LiveScan &sc) : root(r), scan(sc) {}
+    ScanState(const SysRoot &r, LiveScan &sc, const ScanOptions &o = {})
+        : root(r), scan(sc), options(o)
+    {
+    }
 
     const SysRoot &root;
     LiveScan &scan;
+    const ScanOptions options;
 
     struct Controller {
         std::string pciDir; // canonical directory of the PCI function ("" for md)
@@ -83,6 +88,16 @@ struct ScanState {
     // enclosure objects whose SES pages were read (their probes stand for
     // their disks' hwmon probes)
     std::set<size_t> sesEnclosures;
+    // The drives to ask for their health (scanHealth): the device node to
+    // ask, and the disk objects (an NVMe controller's namespaces) and NVMe
+    // adapter object its answer is for.
+    struct HealthQuery {
+        HealthKind kind;
+        std::string node; // "/dev/sg3", "/dev/nvme0"
+        std::vector<size_t> disks;
+        std::optional<size_t> adapter;
+    };
+    std::vector<HealthQuery> healthQueries;
 
     std::optional<std::vector<ScsiDevice>> scsi;        // read once, by scsiDevices()
     std::set<std::pair<std::string, std::string>> keys; // (type, nexus) of every object
@@ -167,6 +182,7 @@ void scanNvme(ScanState &s);
 void scanEnclosureComponents(ScanState &s);
 void scanHwmon(ScanState &s);
 void scanMd(ScanState &s);
+void scanHealth(ScanState &s); // after every disk is made
 
 } // namespace kelp::live
 

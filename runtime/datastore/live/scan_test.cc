@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "datastore/live/health_testing.h"
 #include "datastore/live/machine_testing.h"
 #include "datastore/live/sysroot.h"
 #include "datastore/live/tree_testing.h"
@@ -499,9 +500,11 @@ namespace kelp::live {
 namespace {
 
 // PCI function bdf of class `cls` bound to `driver`, with SCSI host hostN
-// below it holding disk N:0:0:0, block device `sd`.
+// below it (or below the path `via` below it, a USB port's) holding disk
+// N:0:0:0, block device `sd`.
 void addScsiHostOn(const TempTree &t, const std::string &bdf, const std::string &cls,
-                   const std::string &driver, unsigned n, const std::string &sd)
+                   const std::string &driver, unsigned n, const std::string &sd,
+                   const std::string &via = "")
 {
     const std::string rel = "pci0000:00/" + bdf;
     const std::string pci = "sys/devices/" + rel;
@@ -511,7 +514,7 @@ void addScsiHostOn(const TempTree &t, const std::string &bdf, const std::string 
     t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
     const std::string h = std::to_string(n);
     const std::string hctl = h + ":0:0:0";
-    const std::string host = rel + "/host" + h;
+    const std::string host = rel + via + "/host" + h;
     const std::string dev = host + "/rport-" + h + ":0-0/target" + h + ":0:0/" + hctl;
     t.file("sys/devices/" + host + "/scsi_host/host" + h + "/proc_name", driver + "\n");
     t.link("sys/class/scsi_host/host" + h, "../../devices/" + host + "/scsi_host/host" + h);
@@ -1163,42 +1166,47 @@ TEST(ScanTest, DisksSayTheirWriteCacheAndProtectionInformation)
     EXPECT_EQ(attrOf(vda, "PdPICapable"), "0");
 }
 
+// NVMe drive nvmeN with namespace 1 (nvmeNn1) on PCI function 0000:0N:00.0
+// behind root port 00:1c.N, with its link as sysfs words it (null: no file)
+// and the namespace's integrity format.
+struct NvmeLink {
+    const char *current, *max, *width, *maxWidth, *integrity;
+};
+void addNvmeDrive(const TempTree &t, unsigned n, const NvmeLink &link)
+{
+    const std::string bdf = "0000:0" + std::to_string(n + 1) + ":00.0";
+    const std::string rel = "pci0000:00/0000:00:1c." + std::to_string(n) + "/" + bdf;
+    const std::string pci = "sys/devices/" + rel;
+    t.file(pci + "/class", "0x010802\n");
+    const std::pair<const char *, const char *> files[] = {{"current_link_speed", link.current},
+                                                           {"max_link_speed", link.max},
+                                                           {"current_link_width", link.width},
+                                                           {"max_link_width", link.maxWidth}};
+    for (const auto &[file, text] : files) {
+        if (text != nullptr)
+            t.file(pci + "/" + file, std::string(text) + "\n");
+    }
+    t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+    const std::string name = "nvme" + std::to_string(n);
+    const std::string ctl = pci + "/nvme/" + name;
+    t.file(ctl + "/model", "KV NV1000 1TB\n");
+    t.file(ctl + "/state", "live\n");
+    t.link("sys/class/nvme/" + name, "../../devices/" + rel + "/nvme/" + name);
+    t.file(ctl + "/" + name + "n1/size", "1953525168\n");
+    if (link.integrity != nullptr)
+        t.file(ctl + "/" + name + "n1/integrity/format", std::string(link.integrity) + "\n");
+    t.link("sys/block/" + name + "n1", "../devices/" + rel + "/nvme/" + name + "/" + name + "n1");
+}
+
 TEST(ScanTest, NvmeAdaptersAndDrivesSayTheirPcieLink)
 {
     // Three drives: one at 8 GT/s x2 of 16 GT/s x4 with a namespace
     // formatted with protection information, one in the older kernels'
     // format without a decimal, one whose link the kernel cannot read.
     TempTree t;
-    struct Drive {
-        const char *current, *max, *width, *maxWidth, *integrity;
-    };
-    const Drive drives[] = {
-        {"8.0 GT/s PCIe", "16.0 GT/s PCIe", "2", "4", "T10-DIF-TYPE1-CRC"},
-        {"5 GT/s", "2.5 GT/s PCIe", "1", "1", "none"},
-        {"Unknown", "Unknown speed", "0", "x4", nullptr},
-    };
-    for (unsigned n = 0; n < 3; ++n) {
-        const std::string bdf = "0000:0" + std::to_string(n + 1) + ":00.0";
-        const std::string rel = "pci0000:00/0000:00:1c." + std::to_string(n) + "/" + bdf;
-        const std::string pci = "sys/devices/" + rel;
-        t.file(pci + "/class", "0x010802\n");
-        t.file(pci + "/current_link_speed", std::string(drives[n].current) + "\n");
-        t.file(pci + "/max_link_speed", std::string(drives[n].max) + "\n");
-        t.file(pci + "/current_link_width", std::string(drives[n].width) + "\n");
-        t.file(pci + "/max_link_width", std::string(drives[n].maxWidth) + "\n");
-        t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
-        const std::string name = "nvme" + std::to_string(n);
-        const std::string ctl = pci + "/nvme/" + name;
-        t.file(ctl + "/model", "KV NV1000 1TB\n");
-        t.file(ctl + "/state", "live\n");
-        t.link("sys/class/nvme/" + name, "../../devices/" + rel + "/nvme/" + name);
-        t.file(ctl + "/" + name + "n1/size", "1953525168\n");
-        if (drives[n].integrity != nullptr)
-            t.file(ctl + "/" + name + "n1/integrity/format",
-                   std::string(drives[n].integrity) + "\n");
-        t.link("sys/block/" + name + "n1",
-               "../devices/" + rel + "/nvme/" + name + "/" + name + "n1");
-    }
+    addNvmeDrive(t, 0, {"8.0 GT/s PCIe", "16.0 GT/s PCIe", "2", "4", "T10-DIF-TYPE1-CRC"});
+    addNvmeDrive(t, 1, {"5 GT/s", "2.5 GT/s PCIe", "1", "1", "none"});
+    addNvmeDrive(t, 2, {"Unknown", "Unknown speed", "0", "x4", nullptr});
 
     LiveScan scan = scanOf(t);
     const LiveObject &fast = only(scan, "NVMeAdapter", "0");
@@ -1224,6 +1232,110 @@ TEST(ScanTest, NvmeAdaptersAndDrivesSayTheirPcieLink)
          {"NegotiatedSpeed", "CapableSpeed", "NegotiatedLinkWidth", "MaxLinkWidth"})
         EXPECT_EQ(attrOf(unknown, name), "<none>") << name;
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "2\\0\\1"), "MaxLinkWidth"), "<none>");
+}
+
+TEST(ScanTest, DrivesThatPredictTheirFailureAreWarnings)
+{
+    TempTree t;
+    // ATA disks, asked through their block devices (no generic device).
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0xf4, 0x2c));
+    t.file("dev/sdb.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
+    // A SAS disk, asked through its generic device rather than sdc.
+    addScsiHostOn(t, "0000:02:00.0", "0x010700", "mpt3sas", 3, "sdc");
+    const std::string sas =
+        "sys/devices/pci0000:00/0000:02:00.0/host3/rport-3:0-0/target3:0:0/3:0:0:0";
+    t.link(sas + "/scsi_generic/sg5/device", "../../../3:0:0:0");
+    t.file("dev/sg5.health/log-2f.bin", testing::iePage(0x5d, 0x10));
+    t.file("dev/sdc.health/log-2f.bin", testing::iePage(0, 0));
+    // An NVMe drive with its spare below threshold, 7% of its life used.
+    addNvmeDrive(t, 0, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
+    t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0x01, 7));
+    // A disk behind a USB bridge is not asked: bridges answer pass-through
+    // commands and log pages badly, some by resetting.
+    addScsiHostOn(t, "0000:03:00.0", "0x0c0330", "xhci_hcd", 6, "sdd", "/usb2/2-1/2-1:1.0");
+    t.file("dev/sdd.health/log-2f.bin", testing::iePage(0x5d, 0x10));
+
+    LiveScan scan = scanOf(t);
+    auto predicts = [](const LiveObject &disk) {
+        const std::string mask = attrOf(disk, "AttributesMask");
+        return mask.size() == 40 && mask[kPredictedFailureBit] == '1';
+    };
+    const LiveObject &sda = only(scan, "arraydisks", "0\\0\\0");
+    const LiveObject &sdb = only(scan, "arraydisks", "0\\1\\0");
+    const LiveObject &sdc = only(scan, "arraydisks", "2\\0\\0");
+    const LiveObject &nvme = only(scan, "arraydisks", "1\\0\\1");
+    EXPECT_TRUE(predicts(sda));
+    EXPECT_EQ(attrOf(sda, "ObjStatus"), "3");
+    EXPECT_EQ(attrOf(sda, "TreeStatus"), "3");
+    EXPECT_FALSE(predicts(sdb));
+    EXPECT_EQ(attrOf(sdb, "ObjStatus"), "2");
+    EXPECT_TRUE(predicts(sdc));
+    EXPECT_TRUE(predicts(nvme));
+    EXPECT_EQ(attrOf(nvme, "DeviceLifeTimeRemaining"), "93");
+    EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "1"), "RemainingRatedWriteEndurance"), "93");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "3\\0\\0"), "DeviceName"), "/dev/sdd");
+    EXPECT_FALSE(predicts(only(scan, "arraydisks", "3\\0\\0"))) << "the USB disk";
+    // Each prediction is named in a note with what the drive said.
+    size_t notes = 0;
+    for (const std::string &note : scan.notes)
+        notes += note.find("predicts its failure") != std::string::npos;
+    EXPECT_EQ(notes, 3u);
+    EXPECT_NE(std::find_if(scan.notes.begin(), scan.notes.end(),
+                           [](const std::string &n) {
+                               return n.find("/dev/sg5") != std::string::npos &&
+                                      n.find("0x5d/0x10") != std::string::npos;
+                           }),
+              scan.notes.end());
+}
+
+TEST(ScanTest, AnUnreadableHealthKeepsWhatTheDriveLastSaid)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0xf4, 0x2c));
+    const std::string mask = attrOf(only(scanOf(t), "arraydisks", "0\\0\\0"), "AttributesMask");
+    ASSERT_EQ(mask.size(), 40u);
+    EXPECT_EQ(mask[kPredictedFailureBit], '1');
+    // A read that fails once does not clear the prediction (nor raise it
+    // again on the read after), and says so in a note.
+    t.file("dev/sda.health/ata-status.bin", "garbage");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "AttributesMask"), mask);
+    EXPECT_NE(std::find_if(scan.notes.begin(), scan.notes.end(),
+                           [](const std::string &n) {
+                               return n.find("the health of 1 drive was not read") !=
+                                      std::string::npos;
+                           }),
+              scan.notes.end());
+    // A drive that no longer keeps a status: nothing to go by.
+    std::filesystem::remove(t.root() + "/dev/sda.health/ata-status.bin");
+    EXPECT_EQ(attrOf(only(scanOf(t), "arraydisks", "0\\0\\0"), "AttributesMask"),
+              std::string(40, '0'));
+}
+
+TEST(ScanTest, AHealthAnswerStandsForTheHealthInterval)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
+    SysRoot root;
+    std::string error;
+    ASSERT_TRUE(root.open(t.root(), &error)) << error;
+    auto predicts = [&](double maxAge) {
+        LiveScan scan;
+        scanMachine(root, &scan, ScanOptions{maxAge});
+        const std::string mask = attrOf(only(scan, "arraydisks", "0\\0\\0"), "AttributesMask");
+        return mask.size() == 40 && mask[kPredictedFailureBit] == '1';
+    };
+    EXPECT_FALSE(predicts(3600));
+    t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0xf4, 0x2c));
+    EXPECT_FALSE(predicts(3600)) << "the answer of the scan before stands";
+    EXPECT_TRUE(predicts(0)) << "asked again";
+    t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
+    EXPECT_TRUE(predicts(3600));
+    EXPECT_FALSE(predicts(0));
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "datastore/live/sense.h"
 #include "support/errno_text.h"
 #include "support/file_read.h"
 #include "support/unique_fd.h"
@@ -329,33 +330,6 @@ constexpr size_t kLongestPage = 0xffff;
 // at the length its header gives.
 constexpr size_t kFirstRead = 4096;
 constexpr unsigned kTimeoutMs = 30000;
-constexpr unsigned kSenseIllegalRequest = 0x5;
-
-constexpr const char *kSenseKeyNames[16] = {
-    "NO SENSE",       "RECOVERED ERROR", "NOT READY",      "MEDIUM ERROR",
-    "HARDWARE ERROR", "ILLEGAL REQUEST", "UNIT ATTENTION", "DATA PROTECT",
-    "BLANK CHECK",    "VENDOR SPECIFIC", "COPY ABORTED",   "ABORTED COMMAND",
-    "RESERVED (0xc)", "VOLUME OVERFLOW", "MISCOMPARE",     "COMPLETED",
-};
-
-struct Sense {
-    unsigned key, asc, ascq;
-};
-
-// The sense key and additional sense code of fixed (0x70, 0x71) or
-// descriptor (0x72, 0x73) format sense data.
-std::optional<Sense> parseSense(const uint8_t *sense, size_t length)
-{
-    if (length < 1)
-        return std::nullopt;
-    unsigned format = sense[0] & 0x7f;
-    if ((format == 0x72 || format == 0x73) && length >= 4)
-        return Sense{sense[1] & 0x0fu, sense[2], sense[3]};
-    if ((format == 0x70 || format == 0x71) && length >= 3)
-        return Sense{sense[2] & 0x0fu, length >= 13 ? sense[12] : 0u,
-                     length >= 14 ? sense[13] : 0u};
-    return std::nullopt;
-}
 
 enum class Receive { kRead, kRefused, kFailed };
 

@@ -181,6 +181,11 @@ int kelpRuntimeQueueRescan(char *error, unsigned errorSize);
  * stays). kelpRuntimeLiveSummary writes one line on what the last scan found
  * (counts per type, where enclosure components came from). */
 int kelpRuntimeStartLive(const char *root, double intervalSeconds, char *error, unsigned errorSize);
+/* How long a drive's health answer stands before a rescan asks the drive
+ * again (300 s unless set; 0: at every rescan; a rescan asked for with
+ * kelpRuntimeLiveRescan always asks). Takes effect at the next
+ * kelpRuntimeStartLive; a value below 0 or not a number is ignored. */
+void kelpRuntimeSetLiveHealthInterval(double seconds);
 int kelpRuntimeLiveRescan(void);
 void kelpRuntimeStopLive(void);
 void kelpRuntimeLiveSummary(char *summary, unsigned size);

@@ -1,0 +1,76 @@
+// A drive's answers about its health, as a drive's firmware, a SCSI-to-ATA
+// translation or a captured tree's files give them to the live source. The
+// first byte picks the decoder (its value modulo 4: the NVMe SMART log, the
+// SCSI informational exceptions page, the ATA status return descriptor, the
+// sense data an ATA pass-through leaves); the rest is the answer, in a
+// buffer of exactly its size, so that a read past it is out of bounds.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "datastore/live/health.h"
+#include "fuzz_common.h"
+
+namespace {
+
+using kelp::live::DriveHealth;
+
+bool sameHealth(const DriveHealth &a, const DriveHealth &b)
+{
+    return a.failurePredicted == b.failurePredicted && a.lifeRemaining == b.lifeRemaining &&
+           a.why == b.why;
+}
+
+using Decoder = bool (*)(std::string_view, DriveHealth *, std::string *);
+
+void checkDecoder(Decoder decode, std::string_view answer, bool givesLife)
+{
+    DriveHealth health;
+    health.why = "untouched";
+    std::string error;
+    if (!decode(answer, &health, &error)) {
+        // A refusal says why.
+        FUZZ_CHECK(!error.empty());
+        return;
+    }
+    FUZZ_CHECK(!health.why.empty() && health.why != "untouched");
+    FUZZ_CHECK(givesLife ? health.lifeRemaining && *health.lifeRemaining >= 0 &&
+                               *health.lifeRemaining <= 100
+                         : !health.lifeRemaining);
+    DriveHealth again;
+    FUZZ_CHECK(decode(answer, &again, &error));
+    FUZZ_CHECK(sameHealth(health, again));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size == 0)
+        return 0;
+    const std::vector<char> buffer(data + 1, data + size);
+    const std::string_view answer(buffer.data(), buffer.size());
+    switch (data[0] % 4) {
+    case 0:
+        checkDecoder(kelp::live::decodeNvmeSmartLog, answer, true);
+        break;
+    case 1:
+        checkDecoder(kelp::live::decodeInformationalExceptions, answer, false);
+        break;
+    case 2:
+        checkDecoder(kelp::live::decodeAtaSmartStatus, answer, false);
+        break;
+    default: {
+        std::string descriptor;
+        if (kelp::live::ataStatusFromSense(answer, &descriptor)) {
+            // Always a descriptor the status decoder takes as one.
+            FUZZ_CHECK(descriptor.size() == 14 && descriptor[0] == 0x09 && descriptor[1] == 0x0c);
+            checkDecoder(kelp::live::decodeAtaSmartStatus, descriptor, false);
+        }
+        break;
+    }
+    }
+    return 0;
+}

@@ -1,0 +1,353 @@
+// Drive health through NVMe admin pass-through and SG_IO, or from capture
+// files (see health.h). The decoders check every length before reading a
+// byte, so no answer, however made, reads outside what was handed in.
+#include "datastore/live/health.h"
+
+#include <fcntl.h>
+#include <linux/nvme_ioctl.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+#include "datastore/live/sense.h"
+#include "support/errno_text.h"
+#include "support/file_read.h"
+#include "support/unique_fd.h"
+
+namespace kelp::live {
+namespace {
+
+constexpr unsigned kTimeoutMs = 10000;
+constexpr size_t kSmartLogBytes = 512;
+constexpr size_t kLogPageBytes = 1024;
+constexpr size_t kAtaDescriptorBytes = 14;
+
+// NVMe critical warning bits that say the drive is wearing out or failing:
+// spare below threshold (0), reliability degraded (2), read-only media (3),
+// volatile memory backup failed (4), persistent memory region read-only (5).
+// Bit 1 is temperature alone, which the drive's temperature probe reports.
+constexpr unsigned kNvmeFailureBits = 0x3d;
+
+// SCSI additional sense code of a failure prediction threshold exceeded.
+constexpr unsigned kAscFailurePrediction = 0x5d;
+
+std::string hex2(unsigned value)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02x", value & 0xffu);
+    return text;
+}
+
+uint8_t byteAt(std::string_view data, size_t at)
+{
+    return static_cast<uint8_t>(data[at]);
+}
+
+} // namespace
+
+bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *error)
+{
+    // Bytes 0 (critical warning), 3 and 4 (spare, its threshold) and 5
+    // (percentage used) are all this reads, but the page is 512 bytes.
+    if (log.size() < kSmartLogBytes) {
+        *error = "SMART log of " + std::to_string(log.size()) + " bytes, not " +
+                 std::to_string(kSmartLogBytes);
+        return false;
+    }
+    *health = DriveHealth{};
+    const unsigned warning = byteAt(log, 0);
+    health->failurePredicted = (warning & kNvmeFailureBits) != 0;
+    const int used = byteAt(log, 5);
+    health->lifeRemaining = std::max(0, 100 - used);
+    health->why =
+        "critical warning " + hex2(warning) + ", " + std::to_string(used) + "% of rated life used";
+    return true;
+}
+
+bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, std::string *error)
+{
+    if (page.size() < 4 || (byteAt(page, 0) & 0x3f) != 0x2f) {
+        *error = page.size() < 4 ? std::string("log page cut short")
+                                 : "log page " + hex2(byteAt(page, 0) & 0x3f) + ", not 0x2f";
+        return false;
+    }
+    const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
+    // Parameters: code (2 bytes), control, length, then its data. Parameter
+    // 0 holds the exception's additional sense code and qualifier.
+    for (size_t at = 4; at + 4 <= end;) {
+        const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
+        const size_t length = byteAt(page, at + 3);
+        if (code == 0 && length >= 2 && at + 4 + 2 <= end) {
+            const unsigned asc = byteAt(page, at + 4), ascq = byteAt(page, at + 5);
+            *health = DriveHealth{};
+            health->failurePredicted = asc == kAscFailurePrediction;
+            health->why = "asc/ascq " + hex2(asc) + "/" + hex2(ascq);
+            return true;
+        }
+        at += 4 + length;
+    }
+    *error = "log page 0x2f without its general parameter";
+    return false;
+}
+
+bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *error)
+{
+    // ATA Status Return descriptor: code 0x09, length 0x0c, ..., LBA mid
+    // (7:0) at byte 9, LBA high (7:0) at byte 11.
+    if (d.size() < kAtaDescriptorBytes || byteAt(d, 0) != 0x09 || byteAt(d, 1) != 0x0c) {
+        *error = "not an ATA status return descriptor";
+        return false;
+    }
+    const unsigned mid = byteAt(d, 9), high = byteAt(d, 11);
+    *health = DriveHealth{};
+    if (mid == 0x4f && high == 0xc2) {
+        health->why = "SMART status passed";
+    } else if (mid == 0xf4 && high == 0x2c) {
+        health->failurePredicted = true;
+        health->why = "SMART status: threshold exceeded";
+    } else {
+        *error = "SMART status registers " + hex2(mid) + "/" + hex2(high);
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+// One SCSI command through SG_IO. Returns 0 when it completed, 1 for a
+// CHECK CONDITION (*sense, *senseLength hold the sense data), -1 with
+// *error otherwise.
+int sgCommand(int fd, const uint8_t *cdb, uint8_t cdbLength, uint8_t *data, size_t length,
+              uint8_t *sense, size_t *senseLength, size_t *got, std::string *error)
+{
+    sg_io_hdr_t io{};
+    io.interface_id = 'S';
+    io.dxfer_direction = length > 0 ? SG_DXFER_FROM_DEV : SG_DXFER_NONE;
+    io.cmd_len = cdbLength;
+    io.mx_sb_len = static_cast<unsigned char>(*senseLength);
+    io.dxfer_len = static_cast<unsigned>(length);
+    io.dxferp = length > 0 ? data : nullptr;
+    io.cmdp = const_cast<uint8_t *>(cdb);
+    io.sbp = sense;
+    io.timeout = kTimeoutMs;
+    if (ioctl(fd, SG_IO, &io) < 0) {
+        *error = "SG_IO: " + rt::errnoText(errno);
+        return -1;
+    }
+    *senseLength = std::min<size_t>(io.sb_len_wr, *senseLength);
+    if (got != nullptr)
+        *got = length - std::min<size_t>(length, static_cast<size_t>(std::max(io.resid, 0)));
+    // CHECK CONDITION as the device's status, or as the driver saw sense.
+    if (io.status == 0x02 || (io.driver_status & 0x0f) == 0x08)
+        return *senseLength > 0 ? 1 : -1;
+    if ((io.info & SG_INFO_OK_MASK) != SG_INFO_OK) {
+        *error = "SCSI status " + hex2(io.status) + ", host status " + hex2(io.host_status) +
+                 ", driver status " + hex2(io.driver_status);
+        return -1;
+    }
+    return 0;
+}
+
+std::string senseText(const uint8_t *sense, size_t length)
+{
+    std::optional<Sense> s = parseSense(sense, length);
+    if (!s)
+        return "CHECK CONDITION without sense data";
+    return std::string("sense key ") + kSenseKeyNames[s->key] + ", asc/ascq " + hex2(s->asc) + "/" +
+           hex2(s->ascq);
+}
+
+HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
+{
+    std::array<uint8_t, kLogPageBytes> page{};
+    // LOG SENSE, cumulative values (PC 01b) of page 0x2f.
+    const uint8_t cdb[10] = {
+        0x4d, 0, 0x40 | 0x2f, 0, 0, 0, 0, kLogPageBytes >> 8, kLogPageBytes & 0xff, 0};
+    uint8_t sense[64] = {};
+    size_t senseLength = sizeof sense, got = 0;
+    const int r =
+        sgCommand(fd, cdb, sizeof cdb, page.data(), page.size(), sense, &senseLength, &got, error);
+    if (r < 0)
+        return HealthRead::kFailed;
+    if (r > 0) {
+        std::optional<Sense> s = parseSense(sense, senseLength);
+        if (s && s->key == kSenseIllegalRequest)
+            return HealthRead::kUnsupported;
+        *error = senseText(sense, senseLength);
+        return HealthRead::kFailed;
+    }
+    const std::string_view answer(reinterpret_cast<const char *>(page.data()), got);
+    return decodeInformationalExceptions(answer, health, error) ? HealthRead::kRead
+                                                                : HealthRead::kFailed;
+}
+
+// An ATA command without data through ATA PASS-THROUGH(16), its registers
+// returned (CK_COND) into *descriptor.
+bool ataNonData(int fd, uint8_t command, uint8_t feature, uint8_t lbaMid, uint8_t lbaHigh,
+                std::string *descriptor, std::string *error)
+{
+    const uint8_t cdb[16] = {0x85,
+                             3 << 1 /* non-data */,
+                             0x20 /* CK_COND */,
+                             0,
+                             feature,
+                             0,
+                             0,
+                             0,
+                             0,
+                             0,
+                             lbaMid,
+                             0,
+                             lbaHigh,
+                             0,
+                             command,
+                             0};
+    uint8_t sense[64] = {};
+    size_t senseLength = sizeof sense;
+    const int r = sgCommand(fd, cdb, sizeof cdb, nullptr, 0, sense, &senseLength, nullptr, error);
+    if (r < 0)
+        return false;
+    const std::string_view senseData(reinterpret_cast<const char *>(sense), senseLength);
+    if (r == 0 || !ataStatusFromSense(senseData, descriptor)) {
+        *error = r == 0 ? std::string("ATA PASS-THROUGH returned no registers")
+                        : "ATA PASS-THROUGH: " + senseText(sense, senseLength);
+        return false;
+    }
+    return true;
+}
+
+HealthRead readAta(int fd, DriveHealth *health, std::string *error)
+{
+    // CHECK POWER MODE first: a disk in standby (count 0) is left asleep,
+    // as SMART commands may spin it up.
+    std::string registers;
+    if (!ataNonData(fd, 0xe5, 0, 0, 0, &registers, error))
+        return HealthRead::kFailed;
+    if (byteAt(registers, 5) == 0x00)
+        return HealthRead::kAsleep;
+    if (!ataNonData(fd, 0xb0, 0xda /* SMART RETURN STATUS */, 0x4f, 0xc2, &registers, error))
+        return HealthRead::kFailed;
+    return decodeAtaSmartStatus(registers, health, error) ? HealthRead::kRead : HealthRead::kFailed;
+}
+
+HealthRead readNvme(int fd, DriveHealth *health, std::string *error)
+{
+    std::array<uint8_t, kSmartLogBytes> log{};
+    nvme_admin_cmd cmd{};
+    cmd.opcode = 0x02; // Get Log Page
+    cmd.nsid = 0xffffffffu;
+    cmd.addr = reinterpret_cast<uintptr_t>(log.data());
+    cmd.data_len = static_cast<uint32_t>(log.size());
+    cmd.cdw10 = static_cast<uint32_t>((log.size() / 4 - 1) << 16 | 0x02);
+    cmd.timeout_ms = kTimeoutMs;
+    const int r = ioctl(fd, NVME_IOCTL_ADMIN_CMD, &cmd);
+    if (r < 0) {
+        *error = "Get Log Page: " + rt::errnoText(errno);
+        return HealthRead::kFailed;
+    }
+    if (r > 0) {
+        char status[16];
+        std::snprintf(status, sizeof status, "0x%x", static_cast<unsigned>(r));
+        *error = std::string("Get Log Page: NVMe status ") + status;
+        return HealthRead::kFailed;
+    }
+    const std::string_view answer(reinterpret_cast<const char *>(log.data()), log.size());
+    return decodeNvmeSmartLog(answer, health, error) ? HealthRead::kRead : HealthRead::kFailed;
+}
+
+struct FileRow {
+    HealthKind kind;
+    const char *file;
+    size_t maxBytes;
+    bool (*decode)(std::string_view, DriveHealth *, std::string *);
+};
+constexpr FileRow kFiles[] = {
+    {HealthKind::kNvme, "smart-log.bin", kSmartLogBytes, decodeNvmeSmartLog},
+    {HealthKind::kScsi, "log-2f.bin", kLogPageBytes, decodeInformationalExceptions},
+    {HealthKind::kAta, "ata-status.bin", kAtaDescriptorBytes, decodeAtaSmartStatus},
+};
+
+} // namespace
+
+bool ataStatusFromSense(std::string_view sense, std::string *descriptor)
+{
+    const size_t length = sense.size();
+    const unsigned format = length > 0 ? byteAt(sense, 0) & 0x7fu : 0;
+    if ((format == 0x72 || format == 0x73) && length >= 8) {
+        const size_t end = std::min(length, size_t{8} + byteAt(sense, 7));
+        for (size_t at = 8; at + 2 <= end; at += 2 + size_t{byteAt(sense, at + 1)}) {
+            if (byteAt(sense, at) == 0x09 && byteAt(sense, at + 1) == 0x0c &&
+                at + kAtaDescriptorBytes <= end) {
+                descriptor->assign(sense.substr(at, kAtaDescriptorBytes));
+                return true;
+            }
+        }
+        return false;
+    }
+    if ((format == 0x70 || format == 0x71) && length >= 12) {
+        // Information: error, status, device, count (7:0); command-specific
+        // information: flags, LBA (23:16) = high, (15:8) = mid, (7:0) = low.
+        std::string d(kAtaDescriptorBytes, '\0');
+        d[0] = 0x09;
+        d[1] = 0x0c;
+        d[3] = sense[3];
+        d[5] = sense[6];
+        d[7] = sense[11];
+        d[9] = sense[10];
+        d[11] = sense[9];
+        d[12] = sense[5];
+        d[13] = sense[4];
+        *descriptor = std::move(d);
+        return true;
+    }
+    return false;
+}
+
+HealthRead readHealthDevice(HealthKind kind, const std::string &devicePath, DriveHealth *health,
+                            std::string *error)
+{
+    rt::UniqueFd fd(open(devicePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd) {
+        *error = rt::errnoMessage("cannot open", devicePath);
+        return HealthRead::kFailed;
+    }
+    HealthRead r = kind == HealthKind::kNvme   ? readNvme(fd.get(), health, error)
+                   : kind == HealthKind::kScsi ? readScsi(fd.get(), health, error)
+                                               : readAta(fd.get(), health, error);
+    if (r == HealthRead::kFailed)
+        *error = devicePath + ": " + *error;
+    return r;
+}
+
+HealthRead readHealthFiles(HealthKind kind, const std::string &dir, DriveHealth *health,
+                           std::string *error)
+{
+    for (const FileRow &row : kFiles) {
+        if (row.kind != kind)
+            continue;
+        const std::string path = dir + "/" + row.file;
+        std::string data;
+        switch (rt::readRegularFile(path, row.maxBytes, &data, error)) {
+        case rt::FileRead::kMissing:
+            return HealthRead::kUnsupported;
+        case rt::FileRead::kRefused:
+            return HealthRead::kFailed;
+        case rt::FileRead::kRead:
+            break;
+        }
+        if (!row.decode(data, health, error)) {
+            *error = path + ": " + *error;
+            return HealthRead::kFailed;
+        }
+        return HealthRead::kRead;
+    }
+    *error = "no capture file for this kind of drive";
+    return HealthRead::kFailed;
+}
+
+} // namespace kelp::live

@@ -1,0 +1,192 @@
+// The health decoders on answers as drives give them, cut short, of
+// another kind, or lying about their own lengths; and the capture files.
+#include "datastore/live/health.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "datastore/live/health_testing.h"
+#include "datastore/live/tree_testing.h"
+
+namespace kelp::live {
+namespace {
+
+using testing::ataStatus;
+using testing::iePage;
+using testing::smartLog;
+
+TEST(HealthTest, AnNvmeCriticalWarningOtherThanTemperaturePredictsFailure)
+{
+    DriveHealth h;
+    std::string error;
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0, 3), &h, &error)) << error;
+    EXPECT_FALSE(h.failurePredicted);
+    EXPECT_EQ(h.lifeRemaining, 97);
+    // Temperature alone: the probe says so, not the disk's failure.
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0x02, 3), &h, &error));
+    EXPECT_FALSE(h.failurePredicted);
+    for (unsigned bit : {0u, 2u, 3u, 4u, 5u}) {
+        ASSERT_TRUE(decodeNvmeSmartLog(smartLog(1u << bit, 3), &h, &error));
+        EXPECT_TRUE(h.failurePredicted) << "bit " << bit;
+        EXPECT_NE(h.why.find("critical warning"), std::string::npos) << h.why;
+    }
+    // Past its rated life (up to 255%): none left, not a negative share.
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0, 180), &h, &error));
+    EXPECT_EQ(h.lifeRemaining, 0);
+    EXPECT_FALSE(decodeNvmeSmartLog(smartLog(0x04, 3).substr(0, 511), &h, &error));
+    EXPECT_NE(error.find("511 bytes"), std::string::npos) << error;
+    EXPECT_FALSE(decodeNvmeSmartLog("", &h, &error));
+}
+
+TEST(HealthTest, AScsiFailurePredictionIsAsc5d)
+{
+    DriveHealth h;
+    std::string error;
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0, 0), &h, &error)) << error;
+    EXPECT_FALSE(h.failurePredicted);
+    EXPECT_FALSE(h.lifeRemaining);
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0x5d, 0x10), &h, &error)) << error;
+    EXPECT_TRUE(h.failurePredicted);
+    EXPECT_EQ(h.why, "asc/ascq 0x5d/0x10");
+    // A warning (temperature exceeded) is not a failure prediction.
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0x0b, 0x01), &h, &error));
+    EXPECT_FALSE(h.failurePredicted);
+    // The general parameter after another one.
+    std::string later = std::string("\x2f\0\0\x0e"
+                                    "\x80\x01\x03\x02"
+                                    "\x11\x22",
+                                    10) +
+                        iePage(0x5d, 0).substr(4);
+    ASSERT_TRUE(decodeInformationalExceptions(later, &h, &error)) << error;
+    EXPECT_TRUE(h.failurePredicted);
+}
+
+TEST(HealthTest, ABadScsiLogPageIsRefusedWithoutReadingPastIt)
+{
+    DriveHealth h;
+    std::string error;
+    EXPECT_FALSE(decodeInformationalExceptions("", &h, &error));
+    EXPECT_FALSE(decodeInformationalExceptions(std::string("\x2f\0", 2), &h, &error));
+    // Another page.
+    std::string other = iePage(0x5d, 0);
+    other[0] = 0x0d;
+    EXPECT_FALSE(decodeInformationalExceptions(other, &h, &error));
+    EXPECT_NE(error.find("0x0d"), std::string::npos) << error;
+    // A page length beyond the bytes given, a parameter length beyond the
+    // page: both end where the data ends.
+    std::string longer = iePage(0x5d, 0);
+    longer[3] = static_cast<char>(0xff);
+    EXPECT_TRUE(decodeInformationalExceptions(longer, &h, &error)) << error;
+    std::string cut = iePage(0x5d, 0).substr(0, 9);
+    EXPECT_FALSE(decodeInformationalExceptions(cut, &h, &error));
+    std::string wide = std::string("\x2f\0\0\x08"
+                                   "\0\x01\x03\xff",
+                                   8) +
+                       "abcd";
+    EXPECT_FALSE(decodeInformationalExceptions(wide, &h, &error));
+    EXPECT_NE(error.find("general parameter"), std::string::npos) << error;
+}
+
+TEST(HealthTest, AtaSmartStatusIsItsTwoRegisters)
+{
+    DriveHealth h;
+    std::string error;
+    ASSERT_TRUE(decodeAtaSmartStatus(ataStatus(0x4f, 0xc2), &h, &error)) << error;
+    EXPECT_FALSE(h.failurePredicted);
+    ASSERT_TRUE(decodeAtaSmartStatus(ataStatus(0xf4, 0x2c), &h, &error)) << error;
+    EXPECT_TRUE(h.failurePredicted);
+    // Neither answer: not a guess either way.
+    EXPECT_FALSE(decodeAtaSmartStatus(ataStatus(0, 0), &h, &error));
+    EXPECT_NE(error.find("0x00/0x00"), std::string::npos) << error;
+    EXPECT_FALSE(decodeAtaSmartStatus(ataStatus(0x4f, 0xc2).substr(0, 13), &h, &error));
+    std::string notDescriptor = ataStatus(0x4f, 0xc2);
+    notDescriptor[0] = 0x0a;
+    EXPECT_FALSE(decodeAtaSmartStatus(notDescriptor, &h, &error));
+}
+
+TEST(HealthTest, TheAtaRegistersComeFromEitherFormOfSenseData)
+{
+    std::string descriptor;
+    // Descriptor format, RECOVERED ERROR, ATA PASS-THROUGH INFORMATION
+    // AVAILABLE; an information descriptor before the ATA one.
+    const std::string ata = ataStatus(0xf4, 0x2c);
+    std::string sense = std::string("\x72\x01\x00\x1d\0\0\0", 7) +
+                        static_cast<char>(12 + ata.size()) +
+                        std::string("\x00\x0a\x80\0\0\0\0\0\0\0\0\x07", 12) + ata;
+    ASSERT_TRUE(ataStatusFromSense(sense, &descriptor));
+    EXPECT_EQ(descriptor, ata);
+    // Its length cut: the descriptor is not read past the sense data.
+    EXPECT_FALSE(ataStatusFromSense(sense.substr(0, sense.size() - 1), &descriptor));
+    sense[7] = 12;
+    EXPECT_FALSE(ataStatusFromSense(sense, &descriptor)) << "the additional length ends first";
+    // A descriptor of type 9 with another length is not the ATA one.
+    std::string odd = std::string("\x72\x01\x00\x1d\0\0\0\x10", 8) + ata + "\0\0";
+    odd[9] = 0x0e;
+    EXPECT_FALSE(ataStatusFromSense(odd, &descriptor));
+    // Fixed format: status 0x50 at byte 4, LBA high/mid/low at 9, 10, 11.
+    std::string fixed(18, '\0');
+    fixed[0] = 0x70;
+    fixed[2] = 0x01;
+    fixed[4] = 0x50;
+    fixed[9] = static_cast<char>(0xc2);
+    fixed[10] = 0x4f;
+    ASSERT_TRUE(ataStatusFromSense(fixed, &descriptor));
+    DriveHealth h;
+    std::string error;
+    ASSERT_TRUE(decodeAtaSmartStatus(descriptor, &h, &error)) << error;
+    EXPECT_FALSE(h.failurePredicted);
+    EXPECT_FALSE(ataStatusFromSense(fixed.substr(0, 11), &descriptor));
+    EXPECT_FALSE(ataStatusFromSense("", &descriptor));
+    EXPECT_FALSE(ataStatusFromSense(std::string("\x72\x05\x24\x00\0\0\0\0", 8), &descriptor));
+}
+
+TEST(HealthTest, CaptureFilesAreReadByKindAndAMissingOneIsNoHealth)
+{
+    testing::TempTree t;
+    t.file("dev/nvme0.health/smart-log.bin", smartLog(0x04, 12));
+    t.file("dev/sg1.health/log-2f.bin", iePage(0x5d, 0x64));
+    t.file("dev/sg2.health/ata-status.bin", ataStatus(0x4f, 0xc2));
+    t.file("dev/sg3.health/log-2f.bin", "garbage");
+    const std::string dev = t.root() + "/dev/";
+    DriveHealth h;
+    std::string error;
+    EXPECT_EQ(readHealthFiles(HealthKind::kNvme, dev + "nvme0.health", &h, &error),
+              HealthRead::kRead);
+    EXPECT_TRUE(h.failurePredicted);
+    EXPECT_EQ(h.lifeRemaining, 88);
+    EXPECT_EQ(readHealthFiles(HealthKind::kScsi, dev + "sg1.health", &h, &error),
+              HealthRead::kRead);
+    EXPECT_TRUE(h.failurePredicted);
+    EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg2.health", &h, &error), HealthRead::kRead);
+    EXPECT_FALSE(h.failurePredicted);
+    // The file of another kind, or none at all: the drive says nothing.
+    EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg1.health", &h, &error),
+              HealthRead::kUnsupported);
+    EXPECT_EQ(readHealthFiles(HealthKind::kScsi, dev + "sg9.health", &h, &error),
+              HealthRead::kUnsupported);
+    EXPECT_EQ(readHealthFiles(HealthKind::kScsi, dev + "sg3.health", &h, &error),
+              HealthRead::kFailed);
+    EXPECT_NE(error.find("sg3.health/log-2f.bin"), std::string::npos) << error;
+    // A file larger than any such answer is refused, not read.
+    t.file("dev/sg4.health/ata-status.bin", std::string(4096, '\x09'));
+    EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg4.health", &h, &error),
+              HealthRead::kFailed);
+}
+
+TEST(HealthTest, ADeviceThatIsNoDriveFailsWithItsName)
+{
+    testing::TempTree t;
+    t.file("regular", "not a device");
+    DriveHealth h;
+    std::string error;
+    for (HealthKind kind : {HealthKind::kNvme, HealthKind::kScsi, HealthKind::kAta}) {
+        EXPECT_EQ(readHealthDevice(kind, t.root() + "/regular", &h, &error), HealthRead::kFailed);
+        EXPECT_NE(error.find("/regular"), std::string::npos) << error;
+        EXPECT_EQ(readHealthDevice(kind, t.root() + "/absent", &h, &error), HealthRead::kFailed);
+        EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
+    }
+}
+
+} // namespace
+} // namespace kelp::live

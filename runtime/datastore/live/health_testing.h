@@ -1,0 +1,45 @@
+// Drive health answers as drives give them, for tests.
+#ifndef KELP_RUNTIME_DATASTORE_LIVE_HEALTH_TESTING_H
+#define KELP_RUNTIME_DATASTORE_LIVE_HEALTH_TESTING_H
+
+#include <string>
+
+namespace kelp::live::testing {
+
+// An NVMe SMART / health log (page 0x02, 512 bytes).
+inline std::string smartLog(unsigned warning, unsigned used)
+{
+    std::string log(512, '\0');
+    log[0] = static_cast<char>(warning);
+    log[1] = static_cast<char>(0x3c); // 316 K
+    log[2] = static_cast<char>(0x01);
+    log[3] = 100; // available spare
+    log[4] = 10;  // its threshold
+    log[5] = static_cast<char>(used);
+    return log;
+}
+
+// LOG SENSE page 0x2f with its general parameter (code 0) alone.
+inline std::string iePage(unsigned asc, unsigned ascq)
+{
+    return std::string("\x2f\0\0\x08"  // page code, length 8
+                       "\0\0\x03\x04", // parameter 0, 4 bytes
+                       8) +
+           static_cast<char>(asc) + static_cast<char>(ascq) + std::string("\x26\x41", 2);
+}
+
+// The ATA status return descriptor of SMART RETURN STATUS.
+inline std::string ataStatus(unsigned mid, unsigned high)
+{
+    std::string d(14, '\0');
+    d[0] = 0x09;
+    d[1] = 0x0c;
+    d[9] = static_cast<char>(mid);
+    d[11] = static_cast<char>(high);
+    d[13] = 0x50; // DRDY, DSC
+    return d;
+}
+
+} // namespace kelp::live::testing
+
+#endif // KELP_RUNTIME_DATASTORE_LIVE_HEALTH_TESTING_H
