@@ -56,6 +56,21 @@ bool setDefaultThreadStack(size_t size)
 
 } // namespace
 
+bool heapRoomToStart(unsigned long *limitMiB) noexcept
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return true;
+    }
+    *limitMiB = static_cast<unsigned long>(limit.rlim_cur >> 20);
+    void *volatile room = std::malloc(kStartHeap);
+    if (room == nullptr) {
+        return false;
+    }
+    std::free(room);
+    return true;
+}
+
 std::string fitUnderAddressLimit()
 {
     rlimit limit{};

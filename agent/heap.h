@@ -36,6 +36,18 @@ size_t limitedThreadStack(rlim_t limit, size_t current);
 // line to log, "" when nothing was changed.
 std::string fitUnderAddressLimit();
 
+// The heap the agent needs free at start under a limit of address space.
+inline constexpr size_t kStartHeap = size_t{1} << 20;
+
+// Whether, under a limit of address space, kStartHeap can be had from the
+// heap; true without a limit. *limitMiB is set to the limit. Below that the
+// libraries may have mapped with almost no heap left, where even the
+// exception of a failed allocation cannot be made (the C++ runtime's own
+// emergency reserve could not be had either) and the first allocation that
+// fails would end the process in std::terminate. Allocates nothing that
+// stays, and throws nothing.
+bool heapRoomToStart(unsigned long *limitMiB) noexcept;
+
 } // namespace kelp::agent
 
 #endif // KELP_AGENT_HEAP_H

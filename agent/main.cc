@@ -7,6 +7,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -259,6 +260,20 @@ int run(const Options &options, const RunAs &runAs)
 int main(int argc, char **argv)
 {
     using namespace kelp::agent;
+    // Before anything allocates: too little heap to report a failure with.
+    unsigned long limitMiB = 0;
+    if (!heapRoomToStart(&limitMiB)) {
+        char line[160];
+        const int n = std::snprintf(line, sizeof line,
+                                    "kelpagent: address space limited to %lu MiB (ulimit -v): "
+                                    "too little is left for the agent to start\n",
+                                    limitMiB);
+        if (n > 0) {
+            [[maybe_unused]] const ssize_t written =
+                write(STDERR_FILENO, line, std::min(static_cast<size_t>(n), sizeof line - 1));
+        }
+        return 1;
+    }
     // Before any thread starts.
     const std::string heapLine = fitUnderAddressLimit();
     SnmpAgent::catchStopSignals();

@@ -3,6 +3,7 @@
 #include "evtmsg/catalogue.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -275,9 +276,18 @@ void settle(Served &state)
 }
 
 // The library's load loads the catalogue, so that a bad file is reported when
-// the host starts rather than at its first event.
+// the host starts rather than at its first event. Under a limit of address
+// space the libraries may map with almost no heap left, where even the
+// exception of a failed allocation cannot be made and the process would
+// end in std::terminate before main: then the load is left to the first use.
+constexpr size_t kHeapForTheLoad = size_t{1} << 20;
+
 __attribute__((constructor)) void catalogueAttach()
 {
+    void *volatile room = std::malloc(kHeapForTheLoad);
+    if (room == nullptr)
+        return;
+    std::free(room);
     try {
         (void)servedCatalogue();
     } catch (const std::bad_alloc &) {
