@@ -87,15 +87,22 @@ bool setCommunity(std::string *field, const std::string &value, const char *what
     return setWord(field, value, what, error);
 }
 
+// `value` as a finite number of seconds and nothing after it.
+bool parseSeconds(const std::string &value, double *seconds)
+{
+    char *end = nullptr;
+    errno = 0;
+    *seconds = std::strtod(value.c_str(), &end);
+    return !value.empty() && errno == 0 && end != nullptr && *end == '\0' &&
+           std::isfinite(*seconds);
+}
+
 // A number of seconds in (0, max] (at least `min`), finite.
 bool setSeconds(double *field, const std::string &value, double min, double max, const char *what,
                 std::string *error)
 {
-    char *end = nullptr;
-    errno = 0;
-    const double seconds = std::strtod(value.c_str(), &end);
-    if (value.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
-        seconds <= 0 || seconds < min || seconds > max) {
+    double seconds = 0;
+    if (!parseSeconds(value, &seconds) || seconds <= 0 || seconds < min || seconds > max) {
         std::ostringstream bounds;
         bounds << what << " takes a number of seconds from " << min << " to " << max << ", not \""
                << value << "\"";
@@ -264,11 +271,8 @@ constexpr OptionRow kOptions[] = {
      "hand the plug-in a rescan's end when the storage service gives none that long after its "
      "start (30)",
      [](Options &o, const std::string &v, std::string *e) {
-         char *end = nullptr;
-         errno = 0;
-         const double seconds = std::strtod(v.c_str(), &end);
-         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
-             seconds <= 0 || seconds > kMaxRescanTimeout) {
+         double seconds = 0;
+         if (!parseSeconds(v, &seconds) || seconds <= 0 || seconds > kMaxRescanTimeout) {
              *e = "--rescan-timeout takes a number of seconds above 0 and up to " +
                   std::to_string(static_cast<int>(kMaxRescanTimeout)) + ", not \"" + v + "\"";
              return false;
@@ -287,11 +291,8 @@ constexpr OptionRow kOptions[] = {
     {"live-interval", Arg::kRequired, "SECONDS",
      "rescan the live storage this often, and at once on udev events (30)",
      [](Options &o, const std::string &v, std::string *e) {
-         char *end = nullptr;
-         errno = 0;
-         const double seconds = std::strtod(v.c_str(), &end);
-         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
-             seconds <= 0 || seconds > kMaxLiveInterval) {
+         double seconds = 0;
+         if (!parseSeconds(v, &seconds) || seconds <= 0 || seconds > kMaxLiveInterval) {
              *e = "--live-interval takes a number of seconds above 0 and up to " +
                   std::to_string(static_cast<int>(kMaxLiveInterval)) + ", not \"" + v + "\"";
              return false;
@@ -302,11 +303,8 @@ constexpr OptionRow kOptions[] = {
     {"live-health-interval", Arg::kRequired, "SECONDS",
      "ask each drive for its health at most this often, 0 at every rescan (300)",
      [](Options &o, const std::string &v, std::string *e) {
-         char *end = nullptr;
-         errno = 0;
-         const double seconds = std::strtod(v.c_str(), &end);
-         if (v.empty() || errno != 0 || end == nullptr || *end != '\0' || !std::isfinite(seconds) ||
-             seconds < 0 || seconds > kMaxLiveInterval) {
+         double seconds = 0;
+         if (!parseSeconds(v, &seconds) || seconds < 0 || seconds > kMaxLiveInterval) {
              *e = "--live-health-interval takes a number of seconds from 0 up to " +
                   std::to_string(static_cast<int>(kMaxLiveInterval)) + ", not \"" + v + "\"";
              return false;
