@@ -20,7 +20,7 @@ using kelp::live::DriveHealth;
 bool sameHealth(const DriveHealth &a, const DriveHealth &b)
 {
     return a.failurePredicted == b.failurePredicted && a.lifeRemaining == b.lifeRemaining &&
-           a.why == b.why;
+           a.readOnly == b.readOnly && a.why == b.why;
 }
 
 using Decoder = bool (*)(std::string_view, DriveHealth *, std::string *);
@@ -37,8 +37,8 @@ void checkDecoder(Decoder decode, std::string_view answer, bool givesLife)
     }
     FUZZ_CHECK(!health.why.empty() && health.why != "untouched");
     FUZZ_CHECK(givesLife ? health.lifeRemaining && *health.lifeRemaining >= 0 &&
-                               *health.lifeRemaining <= 100
-                         : !health.lifeRemaining);
+                               *health.lifeRemaining <= 100 && health.readOnly
+                         : !health.lifeRemaining && !health.readOnly);
     DriveHealth again;
     FUZZ_CHECK(decode(answer, &again, &error));
     FUZZ_CHECK(sameHealth(health, again));

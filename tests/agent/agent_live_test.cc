@@ -643,6 +643,16 @@ TEST_F(AgentLiveFixture, NvmeDrivesSayHowMuchOfTheirRatedLifeIsLeft)
     using Column = std::vector<std::string>;
     EXPECT_EQ(columnOf(w, table("130.18"), 23), (Column{"INTEGER: 97", "INTEGER: 88"})) << w;
     EXPECT_EQ(columnOf(w, table("130.4"), 45), (Column{"INTEGER: 97", "INTEGER: 88"})) << w;
+    // The same in the disks' endurance column, and neither's media is
+    // read-only.
+    const Column endurance = columnOf(w, table("130.4"), 49);
+    EXPECT_EQ(std::count(endurance.begin(), endurance.end(), "STRING: \"97\""), 1) << w;
+    EXPECT_EQ(std::count(endurance.begin(), endurance.end(), "STRING: \"88\""), 1) << w;
+    const Column readOnly = columnOf(w, table("130.4"), 48);
+    EXPECT_EQ(readOnly.size(), 2u) << "the NVMe disks alone say: " << w;
+    EXPECT_EQ(std::count(readOnly.begin(), readOnly.end(), "STRING: \"No\""),
+              static_cast<long>(readOnly.size()))
+        << w;
 }
 
 TEST_F(AgentLiveFixture, AFailedMemberDegradesTheArrayAndARebuildRestoresIt)

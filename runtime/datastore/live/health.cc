@@ -32,6 +32,7 @@ constexpr size_t kAtaDescriptorBytes = 14;
 // volatile memory backup failed (4), persistent memory region read-only (5).
 // Bit 1 is temperature alone, which the drive's temperature probe reports.
 constexpr unsigned kNvmeFailureBits = 0x3d;
+constexpr unsigned kNvmeReadOnlyBit = 0x08;
 
 // SCSI additional sense code of a failure prediction threshold exceeded.
 constexpr unsigned kAscFailurePrediction = 0x5d;
@@ -64,6 +65,7 @@ bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *
     health->failurePredicted = (warning & kNvmeFailureBits) != 0;
     const int used = byteAt(log, 5);
     health->lifeRemaining = std::max(0, 100 - used);
+    health->readOnly = (warning & kNvmeReadOnlyBit) != 0;
     health->why =
         "critical warning " + hex2(warning) + ", " + std::to_string(used) + "% of rated life used";
     return true;

@@ -32,6 +32,9 @@ struct DriveHealth {
     // Rated life left, in percent (NVMe: 100 minus "percentage used",
     // floored at 0).
     std::optional<int> lifeRemaining;
+    // The drive has put its media in read-only mode (NVMe critical warning
+    // bit 3); unknown for other drives.
+    std::optional<bool> readOnly;
     // What was seen, for notes: "critical warning 0x04", "asc/ascq 0x5d/0x10".
     std::string why;
 };

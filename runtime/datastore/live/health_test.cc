@@ -23,6 +23,9 @@ TEST(HealthTest, AnNvmeCriticalWarningOtherThanTemperaturePredictsFailure)
     ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0, 3), &h, &error)) << error;
     EXPECT_FALSE(h.failurePredicted);
     EXPECT_EQ(h.lifeRemaining, 97);
+    EXPECT_EQ(h.readOnly, false);
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0x08, 3), &h, &error)) << error;
+    EXPECT_EQ(h.readOnly, true) << "media placed in read-only mode";
     // Temperature alone: the probe says so, not the disk's failure.
     ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0x02, 3), &h, &error));
     EXPECT_FALSE(h.failurePredicted);
@@ -46,6 +49,7 @@ TEST(HealthTest, AScsiFailurePredictionIsAsc5d)
     ASSERT_TRUE(decodeInformationalExceptions(iePage(0, 0), &h, &error)) << error;
     EXPECT_FALSE(h.failurePredicted);
     EXPECT_FALSE(h.lifeRemaining);
+    EXPECT_FALSE(h.readOnly);
     ASSERT_TRUE(decodeInformationalExceptions(iePage(0x5d, 0x10), &h, &error)) << error;
     EXPECT_TRUE(h.failurePredicted);
     EXPECT_EQ(h.why, "asc/ascq 0x5d/0x10");

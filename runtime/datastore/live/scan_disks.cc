@@ -590,8 +590,13 @@ void applyHealth(ScanState &s, const ScanState::HealthQuery &q, const DriveHealt
 {
     for (size_t index : q.disks) {
         LiveObject &disk = s.scan.objects[index];
-        if (h.lifeRemaining)
+        if (h.lifeRemaining) {
             set(&disk.attributes, "DeviceLifeTimeRemaining", std::to_string(*h.lifeRemaining));
+            set(&disk.attributes, "RemainingRatedWriteEndurance", std::to_string(*h.lifeRemaining));
+        }
+        // The read-only column answers "Yes" from 100 up.
+        if (h.readOnly)
+            set(&disk.attributes, "PCIeSSDDeviceWriteStatus", *h.readOnly ? "100" : "0");
         if (!h.failurePredicted)
             continue;
         set(&disk.attributes, "AttributesMask", maskWithBit(kPredictedFailureBit));

@@ -1274,6 +1274,9 @@ TEST(ScanTest, DrivesThatPredictTheirFailureAreWarnings)
     EXPECT_TRUE(predicts(sdc));
     EXPECT_TRUE(predicts(nvme));
     EXPECT_EQ(attrOf(nvme, "DeviceLifeTimeRemaining"), "93");
+    EXPECT_EQ(attrOf(nvme, "RemainingRatedWriteEndurance"), "93");
+    EXPECT_EQ(attrOf(nvme, "PCIeSSDDeviceWriteStatus"), "0");
+    EXPECT_EQ(attrOf(sda, "PCIeSSDDeviceWriteStatus"), "<none>") << "an ATA disk does not say";
     EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "1"), "RemainingRatedWriteEndurance"), "93");
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "3\\0\\0"), "DeviceName"), "/dev/sdd");
     EXPECT_FALSE(predicts(only(scan, "arraydisks", "3\\0\\0"))) << "the USB disk";
