@@ -193,31 +193,25 @@ HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
 bool ataNonData(int fd, uint8_t command, uint8_t feature, uint8_t lbaMid, uint8_t lbaHigh,
                 std::string *descriptor, std::string *error)
 {
-    const uint8_t cdb[16] = {0x85,
-                             3 << 1 /* non-data */,
-                             0x20 /* CK_COND */,
-                             0,
-                             feature,
-                             0,
-                             0,
-                             0,
-                             0,
-                             0,
-                             lbaMid,
-                             0,
-                             lbaHigh,
-                             0,
-                             command,
-                             0};
+    uint8_t cdb[16] = {};
+    cdb[0] = 0x85;   // ATA PASS-THROUGH(16)
+    cdb[1] = 3 << 1; // protocol: non-data
+    cdb[2] = 0x20;   // CK_COND: return the registers
+    cdb[4] = feature;
+    cdb[10] = lbaMid;
+    cdb[12] = lbaHigh;
+    cdb[14] = command;
     uint8_t sense[64] = {};
     size_t senseLength = sizeof sense;
     const int r = sgCommand(fd, cdb, sizeof cdb, nullptr, 0, sense, &senseLength, nullptr, error);
     if (r < 0)
         return false;
+    // Some translations return the registers with GOOD status: whatever
+    // the status, sense data holds them.
     const std::string_view senseData(reinterpret_cast<const char *>(sense), senseLength);
-    if (r == 0 || !ataStatusFromSense(senseData, descriptor)) {
-        *error = r == 0 ? std::string("ATA PASS-THROUGH returned no registers")
-                        : "ATA PASS-THROUGH: " + senseText(sense, senseLength);
+    if (!ataStatusFromSense(senseData, descriptor)) {
+        *error = senseLength == 0 ? std::string("ATA PASS-THROUGH returned no registers")
+                                  : "ATA PASS-THROUGH: " + senseText(sense, senseLength);
         return false;
     }
     return true;
