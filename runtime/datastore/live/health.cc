@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <linux/nvme_ioctl.h>
-#include <scsi/sg.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -14,7 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "datastore/live/sense.h"
+#include "datastore/live/sgio.h"
 #include "support/errno_text.h"
 #include "support/file_read.h"
 #include "support/unique_fd.h"
@@ -37,11 +36,10 @@ constexpr unsigned kNvmeReadOnlyBit = 0x08;
 // SCSI additional sense code of a failure prediction threshold exceeded.
 constexpr unsigned kAscFailurePrediction = 0x5d;
 
+// "0x5d"
 std::string hex2(unsigned value)
 {
-    char text[8];
-    std::snprintf(text, sizeof text, "0x%02x", value & 0xffu);
-    return text;
+    return "0x" + hexText(value & 0xffu, 2);
 }
 
 uint8_t byteAt(std::string_view data, size_t at)
@@ -121,69 +119,23 @@ bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *
 
 namespace {
 
-// One SCSI command through SG_IO. Returns 0 when it completed, 1 for a
-// CHECK CONDITION (*sense, *senseLength hold the sense data), -1 with
-// *error otherwise.
-int sgCommand(int fd, const uint8_t *cdb, uint8_t cdbLength, uint8_t *data, size_t length,
-              uint8_t *sense, size_t *senseLength, size_t *got, std::string *error)
-{
-    sg_io_hdr_t io{};
-    io.interface_id = 'S';
-    io.dxfer_direction = length > 0 ? SG_DXFER_FROM_DEV : SG_DXFER_NONE;
-    io.cmd_len = cdbLength;
-    io.mx_sb_len = static_cast<unsigned char>(*senseLength);
-    io.dxfer_len = static_cast<unsigned>(length);
-    io.dxferp = length > 0 ? data : nullptr;
-    io.cmdp = const_cast<uint8_t *>(cdb);
-    io.sbp = sense;
-    io.timeout = kTimeoutMs;
-    if (ioctl(fd, SG_IO, &io) < 0) {
-        *error = "SG_IO: " + rt::errnoText(errno);
-        return -1;
-    }
-    *senseLength = std::min<size_t>(io.sb_len_wr, *senseLength);
-    if (got != nullptr)
-        *got = length - std::min<size_t>(length, static_cast<size_t>(std::max(io.resid, 0)));
-    // CHECK CONDITION as the device's status, or as the driver saw sense.
-    if (io.status == 0x02 || (io.driver_status & 0x0f) == 0x08)
-        return *senseLength > 0 ? 1 : -1;
-    if ((io.info & SG_INFO_OK_MASK) != SG_INFO_OK) {
-        *error = "SCSI status " + hex2(io.status) + ", host status " + hex2(io.host_status) +
-                 ", driver status " + hex2(io.driver_status);
-        return -1;
-    }
-    return 0;
-}
-
-std::string senseText(const uint8_t *sense, size_t length)
-{
-    std::optional<Sense> s = parseSense(sense, length);
-    if (!s)
-        return "CHECK CONDITION without sense data";
-    return std::string("sense key ") + kSenseKeyNames[s->key] + ", asc/ascq " + hex2(s->asc) + "/" +
-           hex2(s->ascq);
-}
-
 HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
 {
     std::array<uint8_t, kLogPageBytes> page{};
     // LOG SENSE, cumulative values (PC 01b) of page 0x2f.
     const uint8_t cdb[10] = {
         0x4d, 0, 0x40 | 0x2f, 0, 0, 0, 0, kLogPageBytes >> 8, kLogPageBytes & 0xff, 0};
-    uint8_t sense[64] = {};
-    size_t senseLength = sizeof sense, got = 0;
-    const int r =
-        sgCommand(fd, cdb, sizeof cdb, page.data(), page.size(), sense, &senseLength, &got, error);
-    if (r < 0)
+    const ScsiOutcome outcome =
+        sendScsi(fd, cdb, sizeof cdb, page.data(), page.size(), kTimeoutMs, error);
+    if (!outcome.sent)
         return HealthRead::kFailed;
-    if (r > 0) {
-        std::optional<Sense> s = parseSense(sense, senseLength);
-        if (s && s->key == kSenseIllegalRequest)
+    if (!outcome.ok) {
+        if (refused(outcome))
             return HealthRead::kUnsupported;
-        *error = senseText(sense, senseLength);
+        *error = outcome.failure;
         return HealthRead::kFailed;
     }
-    const std::string_view answer(reinterpret_cast<const char *>(page.data()), got);
+    const std::string_view answer(reinterpret_cast<const char *>(page.data()), outcome.got);
     return decodeInformationalExceptions(answer, health, error) ? HealthRead::kRead
                                                                 : HealthRead::kFailed;
 }
@@ -201,17 +153,14 @@ bool ataNonData(int fd, uint8_t command, uint8_t feature, uint8_t lbaMid, uint8_
     cdb[10] = lbaMid;
     cdb[12] = lbaHigh;
     cdb[14] = command;
-    uint8_t sense[64] = {};
-    size_t senseLength = sizeof sense;
-    const int r = sgCommand(fd, cdb, sizeof cdb, nullptr, 0, sense, &senseLength, nullptr, error);
-    if (r < 0)
+    const ScsiOutcome outcome = sendScsi(fd, cdb, sizeof cdb, nullptr, 0, kTimeoutMs, error);
+    if (!outcome.sent)
         return false;
-    // Some translations return the registers with GOOD status: whatever
-    // the status, sense data holds them.
-    const std::string_view senseData(reinterpret_cast<const char *>(sense), senseLength);
-    if (!ataStatusFromSense(senseData, descriptor)) {
-        *error = senseLength == 0 ? std::string("ATA PASS-THROUGH returned no registers")
-                                  : "ATA PASS-THROUGH: " + senseText(sense, senseLength);
+    // The registers come back as sense data, with CHECK CONDITION or (from
+    // some translations) with GOOD status.
+    if (!ataStatusFromSense(outcome.sense, descriptor)) {
+        *error = outcome.ok ? std::string("ATA PASS-THROUGH returned no registers")
+                            : "ATA PASS-THROUGH: " + outcome.failure;
         return false;
     }
     return true;

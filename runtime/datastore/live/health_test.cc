@@ -7,6 +7,7 @@
 #include <string>
 
 #include "datastore/live/health_testing.h"
+#include "datastore/live/sgio.h"
 #include "datastore/live/tree_testing.h"
 
 namespace kelp::live {
@@ -143,6 +144,29 @@ TEST(HealthTest, TheAtaRegistersComeFromEitherFormOfSenseData)
     EXPECT_FALSE(ataStatusFromSense(fixed.substr(0, 11), &descriptor));
     EXPECT_FALSE(ataStatusFromSense("", &descriptor));
     EXPECT_FALSE(ataStatusFromSense(std::string("\x72\x05\x24\x00\0\0\0\0", 8), &descriptor));
+}
+
+TEST(HealthTest, SenseDataGivesItsKeyAndCodeInEitherFormat)
+{
+    // ILLEGAL REQUEST, INVALID FIELD IN CDB: a page the device does not keep.
+    const std::optional<Sense> d = parseSense(std::string("\x72\x05\x24\x00\0\0\0\0", 8));
+    ASSERT_TRUE(d);
+    EXPECT_EQ(d->key, kSenseIllegalRequest);
+    EXPECT_EQ(d->asc, 0x24u);
+    std::string fixed(18, '\0');
+    fixed[0] = static_cast<char>(0xf0); // valid bit set
+    fixed[2] = 0x05;
+    fixed[12] = 0x20;
+    const std::optional<Sense> f = parseSense(fixed);
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->key, kSenseIllegalRequest);
+    EXPECT_EQ(f->asc, 0x20u);
+    // Cut before its code: the key alone.
+    EXPECT_EQ(parseSense(fixed.substr(0, 3))->asc, 0u);
+    EXPECT_FALSE(parseSense(""));
+    EXPECT_FALSE(parseSense(std::string("\x7f\x05\x24\x00", 4))) << "no sense format";
+    EXPECT_EQ(hexText(0x5d, 2), "5d");
+    EXPECT_EQ(hexText(0x500f1e71, 8), "500f1e71");
 }
 
 TEST(HealthTest, CaptureFilesAreReadByKindAndAMissingOneIsNoHealth)

@@ -45,6 +45,9 @@ using Clock = std::chrono::steady_clock;
 // after kLongestBurst, so a storm cannot hold the rescan back for ever.
 constexpr auto kQuietAfterBurst = std::chrono::milliseconds(250);
 constexpr auto kLongestBurst = std::chrono::seconds(2);
+// The cause of a rescan asked for rather than timed or caused by udev, as
+// the rescan line says it.
+constexpr const char *kAsked = "asked";
 
 // Where device events come from: udev's netlink monitor, or (tests) any
 // descriptor that becomes readable, drained by reading it.
@@ -160,13 +163,14 @@ class Source {
     // One scan, compare, swap and queue; every scan after the first is one
     // line in the host's log, saying `cause`. Thread: the live source's, or
     // the starting thread before it runs.
-    bool rescan(std::string *error, const std::string &cause = "asked")
+    bool rescan(std::string *error, const std::string &cause = kAsked)
     {
         std::lock_guard serial(rescanMutex_);
         const auto begin = Clock::now();
         LiveScan scan;
         ScanOptions scanOptions;
-        scanOptions.healthMaxAgeSeconds = cause == "asked" ? 0 : options_.healthIntervalSeconds;
+        // A rescan asked for (SIGHUP, kelpctl, the first) asks every drive anew.
+        scanOptions.healthMaxAgeSeconds = cause == kAsked ? 0 : options_.healthIntervalSeconds;
         scanMachine(root_, &scan, scanOptions);
         const std::string origin = "live " + root_.root();
         std::optional<ds::ModelData> before;
@@ -260,7 +264,7 @@ class Source {
                 [[maybe_unused]] ssize_t n = read(wake_.get(), &count, sizeof count);
                 if (rescanAsked_.exchange(false)) {
                     now = true;
-                    cause = "asked";
+                    cause = kAsked;
                 }
             }
             if (ready > 0 && udev_ && (fds[1].revents & POLLIN)) {

@@ -90,11 +90,11 @@ void fillBlock(ScanState &s, const std::string &blockDir, LiveObject *o)
 // PROTECT bit, byte 5 bit 0, of its standard INQUIRY data).
 void fillScsiDisk(ScanState &s, const std::string &dir, LiveObject *o)
 {
-    for (const std::string &entry : s.root.listIn(dir + "/scsi_disk")) {
-        const char *flag = writeCacheFlag(s.root.attr(dir + "/scsi_disk/" + entry, "cache_type"));
+    if (auto entries = s.root.listIn(dir + "/scsi_disk"); !entries.empty()) {
+        const char *flag =
+            writeCacheFlag(s.root.attr(dir + "/scsi_disk/" + entries.front(), "cache_type"));
         if (*flag)
             set(&o->attributes, "DriveWriteCacheEnabled", flag);
-        break;
     }
     auto inquiry = s.root.attrBytes(dir, "inquiry");
     if (inquiry && inquiry->size() > 5)

@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "datastore/live/sense.h"
+#include "datastore/live/sgio.h"
 #include "support/errno_text.h"
 #include "support/file_read.h"
 #include "support/unique_fd.h"
@@ -82,13 +82,6 @@ std::string cleanText(std::string_view raw)
     if (first == std::string::npos)
         return "";
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
-
-std::string hexText(uint32_t value, int digits)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%0*x", digits, value);
-    return buf;
 }
 
 // Checks the 8-byte header every SES status page starts with and sets *page
@@ -340,39 +333,18 @@ enum class Receive { kRead, kRefused, kFailed };
 Receive receiveOnce(int fd, unsigned pageCode, size_t length, std::string *page, std::string *error)
 {
     std::vector<uint8_t> buffer(length);
-    uint8_t cdb[6] = {kReceiveDiagnosticResults,           0x01 /* PCV */,
-                      static_cast<uint8_t>(pageCode),      static_cast<uint8_t>(length >> 8),
-                      static_cast<uint8_t>(length & 0xff), 0};
-    uint8_t sense[64] = {};
-    sg_io_hdr_t io{};
-    io.interface_id = 'S';
-    io.dxfer_direction = SG_DXFER_FROM_DEV;
-    io.cmd_len = sizeof cdb;
-    io.mx_sb_len = sizeof sense;
-    io.dxfer_len = static_cast<unsigned>(length);
-    io.dxferp = buffer.data();
-    io.cmdp = cdb;
-    io.sbp = sense;
-    io.timeout = kTimeoutMs;
-    std::string what = "page 0x" + hexText(pageCode, 2) + ": ";
-    if (ioctl(fd, SG_IO, &io) < 0) {
-        *error = what + "SG_IO: " + rt::errnoText(errno);
-        return Receive::kFailed;
+    const uint8_t cdb[6] = {kReceiveDiagnosticResults,           0x01 /* PCV */,
+                            static_cast<uint8_t>(pageCode),      static_cast<uint8_t>(length >> 8),
+                            static_cast<uint8_t>(length & 0xff), 0};
+    const std::string what = "page 0x" + hexText(pageCode, 2) + ": ";
+    std::string failure;
+    const ScsiOutcome outcome =
+        sendScsi(fd, cdb, sizeof cdb, buffer.data(), length, kTimeoutMs, &failure);
+    if (!outcome.sent || !outcome.ok) {
+        *error = what + (outcome.sent ? outcome.failure : failure);
+        return refused(outcome) ? Receive::kRefused : Receive::kFailed;
     }
-    if ((io.info & SG_INFO_OK_MASK) != SG_INFO_OK) {
-        *error = what + "SCSI status 0x" + hexText(io.status, 2) + ", host status 0x" +
-                 hexText(io.host_status, 2) + ", driver status 0x" + hexText(io.driver_status, 2);
-        std::optional<Sense> s = parseSense(sense, std::min<size_t>(io.sb_len_wr, sizeof sense));
-        if (s) {
-            *error += std::string(", sense key ") + kSenseKeyNames[s->key] + ", asc/ascq 0x" +
-                      hexText(s->asc, 2) + "/0x" + hexText(s->ascq, 2);
-            if (s->key == kSenseIllegalRequest)
-                return Receive::kRefused;
-        }
-        return Receive::kFailed;
-    }
-    size_t got = length - std::min<size_t>(length, static_cast<size_t>(std::max(io.resid, 0)));
-    page->assign(reinterpret_cast<const char *>(buffer.data()), got);
+    page->assign(reinterpret_cast<const char *>(buffer.data()), outcome.got);
     return Receive::kRead;
 }
 
