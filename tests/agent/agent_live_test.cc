@@ -302,15 +302,15 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
           {"130.14", 2},
           {"130.17", 1}}},
         // Two NVMe controllers, AHCI, md; NVMe namespaces and SATA disks on
-        // channels; nvme0's hwmon probe; md0 (2 members) and md1 (3) with md1's
-        // two partitions.
+        // channels; nvme0's hwmon probe and nvme1's from its SMART log; md0 (2
+        // members) and md1 (3) with md1's two partitions.
         {"workstation",
          {{"130.1", 4},
           {"130.2", 6},
           {"130.4", 6},
           {"130.6", 6},
-          {"130.11", 1},
-          {"130.12", 1},
+          {"130.11", 2},
+          {"130.12", 2},
           {"130.18", 2},
           {"140.1", 2},
           {"140.2", 2},
@@ -426,6 +426,9 @@ TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
     EXPECT_EQ(columnOf(w, table("130.18"), 27), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
     // The same widths on their namespaces' rows; the SATA disks have none.
     EXPECT_EQ(columnOf(w, table("130.4"), 53), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
+    // nvme0's probe is its hwmon's; nvme1 has none, and its SMART log's
+    // composite temperature (314 K) stands for it.
+    EXPECT_EQ(columnOf(w, table("130.11"), 11), (Column{"INTEGER: 38", "INTEGER: 41"})) << w;
 }
 
 TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 
 #include "datastore/live/sgio.h"
 #include "support/errno_text.h"
@@ -35,6 +36,17 @@ constexpr unsigned kNvmeReadOnlyBit = 0x08;
 
 // SCSI additional sense code of a failure prediction threshold exceeded.
 constexpr unsigned kAscFailurePrediction = 0x5d;
+
+constexpr int kKelvinAtZeroCelsius = 273;
+
+// A temperature byte of a SCSI log page: 0xff is "not available", and disks
+// without a sensor leave 0.
+std::optional<int> scsiTemperature(unsigned value)
+{
+    if (value == 0 || value == 0xff)
+        return std::nullopt;
+    return static_cast<int>(value);
+}
 
 // "0x5d"
 std::string hex2(unsigned value)
@@ -64,6 +76,10 @@ bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *
     const int used = byteAt(log, 5);
     health->lifeRemaining = std::max(0, 100 - used);
     health->readOnly = (warning & kNvmeReadOnlyBit) != 0;
+    // Composite temperature in kelvin, little endian; 0 when not reported.
+    const int kelvin = byteAt(log, 1) | byteAt(log, 2) << 8;
+    if (kelvin != 0)
+        health->temperatureC = kelvin - kKelvinAtZeroCelsius;
     health->why =
         "critical warning " + hex2(warning) + ", " + std::to_string(used) + "% of rated life used";
     return true;
@@ -78,7 +94,9 @@ bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, s
     }
     const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
     // Parameters: code (2 bytes), control, length, then its data. Parameter
-    // 0 holds the exception's additional sense code and qualifier.
+    // 0 holds the exception's additional sense code and qualifier, then (if
+    // long enough) the most recent temperature reading and the temperature
+    // trip point, both in degrees Celsius.
     for (size_t at = 4; at + 4 <= end;) {
         const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
         const size_t length = byteAt(page, at + 3);
@@ -87,6 +105,10 @@ bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, s
             *health = DriveHealth{};
             health->failurePredicted = asc == kAscFailurePrediction;
             health->why = "asc/ascq " + hex2(asc) + "/" + hex2(ascq);
+            if (length >= 3 && at + 4 + 3 <= end)
+                health->temperatureC = scsiTemperature(byteAt(page, at + 6));
+            if (length >= 4 && at + 4 + 4 <= end)
+                health->highWarningC = scsiTemperature(byteAt(page, at + 7));
             return true;
         }
         at += 4 + length;

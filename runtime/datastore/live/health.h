@@ -35,6 +35,11 @@ struct DriveHealth {
     // The drive has put its media in read-only mode (NVMe critical warning
     // bit 3); unknown for other drives.
     std::optional<bool> readOnly;
+    // The drive's own temperature, in degrees Celsius: an NVMe controller's
+    // composite temperature, a SCSI disk's most recent temperature reading;
+    // and the temperature from which it warns (the SCSI disk's trip point).
+    std::optional<int> temperatureC;
+    std::optional<int> highWarningC;
     // What was seen, for notes: "critical warning 0x04", "asc/ascq 0x5d/0x10".
     std::string why;
 };

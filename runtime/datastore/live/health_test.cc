@@ -67,6 +67,43 @@ TEST(HealthTest, AScsiFailurePredictionIsAsc5d)
     EXPECT_TRUE(h.failurePredicted);
 }
 
+TEST(HealthTest, DrivesGiveTheirTemperatureWhereTheyKeepOne)
+{
+    DriveHealth h;
+    std::string error;
+    // NVMe: the composite temperature, 316 K.
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0, 3), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 43);
+    EXPECT_FALSE(h.highWarningC);
+    std::string unreported = smartLog(0, 3);
+    unreported[1] = unreported[2] = '\0';
+    ASSERT_TRUE(decodeNvmeSmartLog(unreported, &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureC) << "0 K is not reported";
+    // SCSI: the general parameter's reading and trip point.
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0, 0), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 38);
+    EXPECT_EQ(h.highWarningC, 65);
+    std::string unavailable = iePage(0, 0);
+    unavailable[10] = static_cast<char>(0xff);
+    unavailable[11] = '\0';
+    ASSERT_TRUE(decodeInformationalExceptions(unavailable, &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureC) << "0xff: not available";
+    EXPECT_FALSE(h.highWarningC) << "0: no sensor";
+    // A parameter of two bytes has neither; a page that ends after the
+    // reading has no trip point.
+    const std::string shortParameter = std::string("\x2f\0\0\x06"
+                                                   "\0\0\x03\x02",
+                                                   8) +
+                                       "\x5d\x10" + "\x26\x41";
+    ASSERT_TRUE(decodeInformationalExceptions(shortParameter, &h, &error)) << error;
+    EXPECT_TRUE(h.failurePredicted);
+    EXPECT_FALSE(h.temperatureC);
+    EXPECT_FALSE(h.highWarningC);
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0, 0).substr(0, 11), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 38);
+    EXPECT_FALSE(h.highWarningC);
+}
+
 TEST(HealthTest, ABadScsiLogPageIsRefusedWithoutReadingPastIt)
 {
     DriveHealth h;

@@ -19,13 +19,16 @@ inline std::string smartLog(unsigned warning, unsigned used)
     return log;
 }
 
-// LOG SENSE page 0x2f with its general parameter (code 0) alone.
-inline std::string iePage(unsigned asc, unsigned ascq)
+// LOG SENSE page 0x2f with its general parameter (code 0) alone: the
+// exception's code and qualifier, the temperature and the trip point.
+inline std::string iePage(unsigned asc, unsigned ascq, unsigned temperature = 38,
+                          unsigned tripPoint = 65)
 {
     return std::string("\x2f\0\0\x08"  // page code, length 8
                        "\0\0\x03\x04", // parameter 0, 4 bytes
                        8) +
-           static_cast<char>(asc) + static_cast<char>(ascq) + std::string("\x26\x41", 2);
+           static_cast<char>(asc) + static_cast<char>(ascq) + static_cast<char>(temperature) +
+           static_cast<char>(tripPoint);
 }
 
 // The ATA status return descriptor of SMART RETURN STATUS.

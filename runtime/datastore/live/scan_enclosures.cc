@@ -1,7 +1,8 @@
 // What sits in and around enclosures: the slots of /sys/class/enclosure
 // (which disk is in which slot), fans, power supplies, temperature probes and
 // EMMs from the enclosure's SES pages, and temperature probes from hwmon
-// (drivetemp, nvme) for disks whose enclosure gave none.
+// (drivetemp, nvme) for disks whose enclosure gave none. The health scan
+// adds a probe from the drive's own reading where hwmon gave none.
 #include <cstdio>
 
 #include "datastore/live/scan_internal.h"
@@ -249,7 +250,7 @@ void scanEnclosureComponents(ScanState &s)
         s.scan.components = std::to_string(fromSes) + " of " + std::to_string(fromSes + without) +
                             " enclosures read through SES; fans, power supplies and EMMs of the "
                             "others not available (" +
-                            reason + "), temperature probes from hwmon";
+                            reason + "), temperature probes from hwmon and the drives";
 }
 
 void scanHwmon(ScanState &s)
@@ -267,10 +268,6 @@ void scanHwmon(ScanState &s)
             s.note("hwmon " + name + ": not a served disk");
             continue;
         }
-        const LiveObject &d = s.scan.objects[disk->second];
-        auto parentOf = d.parent;
-        if (parentOf && s.sesEnclosures.count(*parentOf))
-            continue; // its enclosure's own probes stand for it
         auto milli = [&](const char *file) -> std::optional<int> {
             auto text = s.root.attr(*dir, file);
             if (!text || text->empty())
@@ -281,31 +278,39 @@ void scanHwmon(ScanState &s)
                 return std::nullopt;
             return static_cast<int>(value / 1000);
         };
-        const auto t = milli("temp1_input");
-        const auto highWarning = milli("temp1_max");
-        const auto highCritical = milli("temp1_crit");
-        const auto lowWarning = milli("temp1_min");
-        const auto lowCritical = milli("temp1_lcrit");
-        // A disk's probe: in a slot, the enclosure's probe numbered by the
-        // slot (the enclosure gave none of its own); on a channel, the
-        // channel and target in place of an enclosure.
-        LiveObject o;
-        o.type = "tempprobes";
-        const size_t slash = d.nexus.rfind('\\');
-        const bool inSlot = parentOf && s.scan.objects[*parentOf].type == "enclosures";
-        o.nexus =
-            inSlot ? d.nexus.substr(0, slash) + "\\3" + d.nexus.substr(slash) : d.nexus + "\\3\\0";
-        o.parent = inSlot ? *parentOf : disk->second;
-        if (s.taken(o.type, o.nexus))
-            continue;
-        const int status = temperatureStatus(t, highWarning, highCritical, lowWarning, lowCritical);
-        set(&o.attributes, "ObjState", std::to_string(kStateReady));
-        set(&o.attributes, "ObjStatus", std::to_string(status));
-        set(&o.attributes, "TreeStatus", std::to_string(status));
-        set(&o.attributes, "Name", "Temperature of " + attrOf(d, "DeviceName"));
-        setTemperatures(&o, t, highWarning, highCritical, lowWarning, lowCritical);
-        s.add(std::move(o));
+        addDiskProbe(s, disk->second,
+                     DiskTemperatures{milli("temp1_input"), milli("temp1_max"), milli("temp1_crit"),
+                                      milli("temp1_min"), milli("temp1_lcrit")});
     }
+}
+
+void addDiskProbe(ScanState &s, size_t diskIndex, const DiskTemperatures &temps)
+{
+    const LiveObject &d = s.scan.objects[diskIndex];
+    auto parentOf = d.parent;
+    if (parentOf && s.sesEnclosures.count(*parentOf))
+        return; // its enclosure's own probes stand for it
+    // A disk's probe: in a slot, the enclosure's probe numbered by the
+    // slot (the enclosure gave none of its own); on a channel, the channel
+    // and target in place of an enclosure.
+    LiveObject o;
+    o.type = "tempprobes";
+    const size_t slash = d.nexus.rfind('\\');
+    const bool inSlot = parentOf && s.scan.objects[*parentOf].type == "enclosures";
+    o.nexus =
+        inSlot ? d.nexus.substr(0, slash) + "\\3" + d.nexus.substr(slash) : d.nexus + "\\3\\0";
+    o.parent = inSlot ? *parentOf : diskIndex;
+    if (s.taken(o.type, o.nexus))
+        return;
+    const int status = temperatureStatus(temps.current, temps.highWarning, temps.highCritical,
+                                         temps.lowWarning, temps.lowCritical);
+    set(&o.attributes, "ObjState", std::to_string(kStateReady));
+    set(&o.attributes, "ObjStatus", std::to_string(status));
+    set(&o.attributes, "TreeStatus", std::to_string(status));
+    set(&o.attributes, "Name", "Temperature of " + attrOf(d, "DeviceName"));
+    setTemperatures(&o, temps.current, temps.highWarning, temps.highCritical, temps.lowWarning,
+                    temps.lowCritical);
+    s.add(std::move(o));
 }
 
 } // namespace kelp::live

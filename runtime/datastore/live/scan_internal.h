@@ -181,6 +181,15 @@ void scanXen(ScanState &s);
 void scanNvme(ScanState &s);
 void scanEnclosureComponents(ScanState &s);
 void scanHwmon(ScanState &s);
+
+// A disk's own temperatures in degrees Celsius (hwmon, or what the drive
+// said when its health was read); unknown ones are left out.
+struct DiskTemperatures {
+    std::optional<int> current, highWarning, highCritical, lowWarning, lowCritical;
+};
+// Adds the disk's temperature probe, unless the disk has one already or
+// sits in an enclosure whose SES pages give its probes.
+void addDiskProbe(ScanState &s, size_t diskIndex, const DiskTemperatures &temps);
 void scanMd(ScanState &s);
 void scanHealth(ScanState &s); // after every disk is made
 
