@@ -1,11 +1,13 @@
 // A drive's answers about its health, as a drive's firmware, a SCSI-to-ATA
 // translation or a captured tree's files give them to the live source. The
-// first byte picks the decoder (its value modulo 4: the NVMe SMART log, the
+// first byte picks the decoder (its value modulo 5: the NVMe SMART log, the
 // SCSI informational exceptions page, the ATA status return descriptor, the
-// sense data an ATA pass-through leaves); the rest is the answer, in a
-// buffer of exactly its size, so that a read past it is out of bounds.
+// sense data an ATA pass-through leaves, an ATA disk's SMART data); the rest
+// is the answer, in a buffer of exactly its size, so that a read past it is
+// out of bounds.
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,7 +22,14 @@ using kelp::live::DriveHealth;
 bool sameHealth(const DriveHealth &a, const DriveHealth &b)
 {
     return a.failurePredicted == b.failurePredicted && a.lifeRemaining == b.lifeRemaining &&
-           a.readOnly == b.readOnly && a.why == b.why;
+           a.readOnly == b.readOnly && a.temperatureC == b.temperatureC &&
+           a.highWarningC == b.highWarningC && a.why == b.why;
+}
+
+// A temperature a decoder gives is one a drive can report.
+bool plausible(const std::optional<int> &celsius, int low, int high)
+{
+    return !celsius || (*celsius >= low && *celsius <= high);
 }
 
 using Decoder = bool (*)(std::string_view, DriveHealth *, std::string *);
@@ -39,9 +48,30 @@ void checkDecoder(Decoder decode, std::string_view answer, bool givesLife)
     FUZZ_CHECK(givesLife ? health.lifeRemaining && *health.lifeRemaining >= 0 &&
                                *health.lifeRemaining <= 100 && health.readOnly
                          : !health.lifeRemaining && !health.readOnly);
+    FUZZ_CHECK(plausible(health.temperatureC, -273, 65535 - 273));
+    FUZZ_CHECK(plausible(health.highWarningC, 1, 254));
     DriveHealth again;
     FUZZ_CHECK(decode(answer, &again, &error));
     FUZZ_CHECK(sameHealth(health, again));
+}
+
+// SMART data adds a temperature to what the status said, and changes
+// nothing else.
+void checkSmartData(std::string_view answer)
+{
+    DriveHealth health;
+    health.failurePredicted = true;
+    health.why = "SMART status: threshold exceeded";
+    const DriveHealth before = health;
+    std::string error;
+    if (!kelp::live::decodeAtaSmartData(answer, &health, &error)) {
+        FUZZ_CHECK(!error.empty());
+        FUZZ_CHECK(sameHealth(health, before));
+        return;
+    }
+    FUZZ_CHECK(plausible(health.temperatureC, 1, 127));
+    health.temperatureC.reset();
+    FUZZ_CHECK(sameHealth(health, before));
 }
 
 } // namespace
@@ -52,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const std::vector<char> buffer(data + 1, data + size);
     const std::string_view answer(buffer.data(), buffer.size());
-    switch (data[0] % 4) {
+    switch (data[0] % 5) {
     case 0:
         checkDecoder(kelp::live::decodeNvmeSmartLog, answer, true);
         break;
@@ -61,6 +91,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     case 2:
         checkDecoder(kelp::live::decodeAtaSmartStatus, answer, false);
+        break;
+    case 4:
+        checkSmartData(answer);
         break;
     default: {
         std::string descriptor;

@@ -284,7 +284,8 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
     const Machine machines[] = {
         // SAS HBA (one port to the expander) and AHCI (three ports); six disks in
         // the enclosure's slots and the boot disk on a port; the SES enclosure's
-        // fans, power supplies, probes and EMMs with their connection rows; the tape.
+        // fans, power supplies, probes and EMMs with their connection rows, and
+        // the boot disk's probe from its SMART data; the tape.
         {"server",
          {{"130.1", 2},
           {"130.2", 4},
@@ -296,21 +297,22 @@ TEST_F(AgentLiveFixture, EveryTableHasTheRowsItsTreeGives)
           {"130.8", 2},
           {"130.9", 2},
           {"130.10", 2},
-          {"130.11", 3},
-          {"130.12", 3},
+          {"130.11", 4},
+          {"130.12", 4},
           {"130.13", 2},
           {"130.14", 2},
           {"130.17", 1}}},
         // Two NVMe controllers, AHCI, md; NVMe namespaces and SATA disks on
-        // channels; nvme0's hwmon probe and nvme1's from its SMART log; md0 (2
-        // members) and md1 (3) with md1's two partitions.
+        // channels; nvme0's hwmon probe, nvme1's from its SMART log, two SATA
+        // disks' from their SMART data; md0 (2 members) and md1 (3) with md1's
+        // two partitions.
         {"workstation",
          {{"130.1", 4},
           {"130.2", 6},
           {"130.4", 6},
           {"130.6", 6},
-          {"130.11", 2},
-          {"130.12", 2},
+          {"130.11", 4},
+          {"130.12", 4},
           {"130.18", 2},
           {"140.1", 2},
           {"140.2", 2},
@@ -377,7 +379,7 @@ TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
     EXPECT_EQ(rowsOf(w, table("130.3")).size(), 1u);
     EXPECT_EQ(rowsOf(w, table("130.7")).size(), 2u) << "fans";
     EXPECT_EQ(rowsOf(w, table("130.9")).size(), 2u) << "power supplies";
-    EXPECT_EQ(rowsOf(w, table("130.11")).size(), 3u) << "temperature probes";
+    EXPECT_EQ(rowsOf(w, table("130.11")).size(), 4u) << "temperature probes";
     EXPECT_EQ(rowsOf(w, table("130.13")).size(), 2u) << "EMMs";
     EXPECT_EQ(rowsOf(w, table("130.17")).size(), 1u) << "the tape drive";
     EXPECT_NE(w.find("STRING: \"KLT-9 HH\""), std::string::npos) << w;
@@ -392,9 +394,11 @@ TEST_F(AgentLiveFixture, ServerTablesFollowItsTree)
             << w;
     }
     EXPECT_NE(w.find("STRING: \"HJ1200-12G\""), std::string::npos) << w;
-    // The backplane probe's reading from the SES status page.
+    // The backplane probe's reading from the SES status page, and the boot
+    // disk's (no drivetemp) from its SMART data.
     const std::vector<std::string> temps = columnOf(w, table("130.11"), 11);
     EXPECT_NE(std::find(temps.begin(), temps.end(), "INTEGER: 26"), temps.end()) << w;
+    EXPECT_NE(std::find(temps.begin(), temps.end(), "INTEGER: 29"), temps.end()) << w;
     // The four SAS disks take protection information and have their write
     // cache off; the two SATA SSDs and the boot disk the other way round.
     const auto count = [](const std::vector<std::string> &column, const char *value) {
@@ -427,8 +431,11 @@ TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
     // The same widths on their namespaces' rows; the SATA disks have none.
     EXPECT_EQ(columnOf(w, table("130.4"), 53), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
     // nvme0's probe is its hwmon's; nvme1 has none, and its SMART log's
-    // composite temperature (314 K) stands for it.
-    EXPECT_EQ(columnOf(w, table("130.11"), 11), (Column{"INTEGER: 38", "INTEGER: 41"})) << w;
+    // composite temperature (314 K) stands for it; sda and sdb give theirs in
+    // their SMART data (attribute 194, and 190 alone).
+    EXPECT_EQ(columnOf(w, table("130.11"), 11),
+              (Column{"INTEGER: 38", "INTEGER: 34", "INTEGER: 35", "INTEGER: 41"}))
+        << w;
 }
 
 TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)

@@ -26,6 +26,11 @@ constexpr unsigned kTimeoutMs = 10000;
 constexpr size_t kSmartLogBytes = 512;
 constexpr size_t kLogPageBytes = 1024;
 constexpr size_t kAtaDescriptorBytes = 14;
+constexpr size_t kAtaSmartDataBytes = 512;
+
+// SMART attributes that hold the temperature in their lowest raw byte.
+constexpr unsigned kAtaAttributeTemperature = 194;
+constexpr unsigned kAtaAttributeAirflowTemperature = 190;
 
 // NVMe critical warning bits that say the drive is wearing out or failing:
 // spare below threshold (0), reliability degraded (2), read-only media (3),
@@ -139,6 +144,31 @@ bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *
     return true;
 }
 
+bool decodeAtaSmartData(std::string_view data, DriveHealth *health, std::string *error)
+{
+    if (data.size() < kAtaSmartDataBytes) {
+        *error = "SMART data of " + std::to_string(data.size()) + " bytes, not " +
+                 std::to_string(kAtaSmartDataBytes);
+        return false;
+    }
+    // After the 2-byte revision, 30 attributes of 12 bytes: id, flags (2),
+    // value, worst, raw (6, little endian), reserved.
+    std::optional<int> temperature, airflow;
+    for (size_t at = 2; at + 12 <= 2 + 30 * 12; at += 12) {
+        const unsigned id = byteAt(data, at);
+        const int raw = byteAt(data, at + 5);
+        if (raw < 1 || raw > 127)
+            continue;
+        if (id == kAtaAttributeTemperature && !temperature)
+            temperature = raw;
+        else if (id == kAtaAttributeAirflowTemperature && !airflow)
+            airflow = raw;
+    }
+    if (temperature || airflow)
+        health->temperatureC = temperature ? temperature : airflow;
+    return true;
+}
+
 namespace {
 
 HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
@@ -188,6 +218,33 @@ bool ataNonData(int fd, uint8_t command, uint8_t feature, uint8_t lbaMid, uint8_
     return true;
 }
 
+// SMART READ DATA through ATA PASS-THROUGH(16), PIO data-in of one block,
+// into *data. False when the disk or its translation does not give it.
+bool ataSmartData(int fd, std::string *data)
+{
+    std::array<uint8_t, kAtaSmartDataBytes> block{};
+    uint8_t cdb[16] = {};
+    cdb[0] = 0x85;   // ATA PASS-THROUGH(16)
+    cdb[1] = 4 << 1; // protocol: PIO data-in
+    cdb[2] = 0x0e;   // from the device, in blocks, as many as the count says
+    cdb[4] = 0xd0;   // SMART READ DATA
+    cdb[6] = 1;
+    cdb[10] = 0x4f;
+    cdb[12] = 0xc2;
+    cdb[14] = 0xb0;
+    std::string error;
+    const ScsiOutcome outcome =
+        sendScsi(fd, cdb, sizeof cdb, block.data(), block.size(), kTimeoutMs, &error);
+    // Some translations report the registers as a recovered error (ATA
+    // pass-through information available) even without CK_COND.
+    const auto sense = parseSense(outcome.sense);
+    const bool recovered = sense && sense->key == 0x1 && sense->asc == 0 && sense->ascq == 0x1d;
+    if (!outcome.sent || (!outcome.ok && !recovered) || outcome.got < block.size())
+        return false;
+    data->assign(reinterpret_cast<const char *>(block.data()), block.size());
+    return true;
+}
+
 HealthRead readAta(int fd, DriveHealth *health, std::string *error)
 {
     // CHECK POWER MODE first: a disk in standby (count 0) is left asleep,
@@ -199,7 +256,14 @@ HealthRead readAta(int fd, DriveHealth *health, std::string *error)
         return HealthRead::kAsleep;
     if (!ataNonData(fd, 0xb0, 0xda /* SMART RETURN STATUS */, 0x4f, 0xc2, &registers, error))
         return HealthRead::kFailed;
-    return decodeAtaSmartStatus(registers, health, error) ? HealthRead::kRead : HealthRead::kFailed;
+    if (!decodeAtaSmartStatus(registers, health, error))
+        return HealthRead::kFailed;
+    // The temperature is an extra: a disk that does not give its SMART data
+    // still gave its status.
+    std::string data, ignored;
+    if (ataSmartData(fd, &data))
+        decodeAtaSmartData(data, health, &ignored);
+    return HealthRead::kRead;
 }
 
 HealthRead readNvme(int fd, DriveHealth *health, std::string *error)
@@ -227,16 +291,20 @@ HealthRead readNvme(int fd, DriveHealth *health, std::string *error)
     return decodeNvmeSmartLog(answer, health, error) ? HealthRead::kRead : HealthRead::kFailed;
 }
 
+// The capture files of each kind of drive: the first is its answer, a
+// second (optional) adds to it.
 struct FileRow {
     HealthKind kind;
+    bool optional;
     const char *file;
     size_t maxBytes;
     bool (*decode)(std::string_view, DriveHealth *, std::string *);
 };
 constexpr FileRow kFiles[] = {
-    {HealthKind::kNvme, "smart-log.bin", kSmartLogBytes, decodeNvmeSmartLog},
-    {HealthKind::kScsi, "log-2f.bin", kLogPageBytes, decodeInformationalExceptions},
-    {HealthKind::kAta, "ata-status.bin", kAtaDescriptorBytes, decodeAtaSmartStatus},
+    {HealthKind::kNvme, false, "smart-log.bin", kSmartLogBytes, decodeNvmeSmartLog},
+    {HealthKind::kScsi, false, "log-2f.bin", kLogPageBytes, decodeInformationalExceptions},
+    {HealthKind::kAta, false, "ata-status.bin", kAtaDescriptorBytes, decodeAtaSmartStatus},
+    {HealthKind::kAta, true, "ata-smart-data.bin", kAtaSmartDataBytes, decodeAtaSmartData},
 };
 
 } // namespace
@@ -294,13 +362,16 @@ HealthRead readHealthDevice(HealthKind kind, const std::string &devicePath, Driv
 HealthRead readHealthFiles(HealthKind kind, const std::string &dir, DriveHealth *health,
                            std::string *error)
 {
+    bool answered = false;
     for (const FileRow &row : kFiles) {
-        if (row.kind != kind)
+        if (row.kind != kind || row.optional != answered)
             continue;
         const std::string path = dir + "/" + row.file;
         std::string data;
         switch (rt::readRegularFile(path, row.maxBytes, &data, error)) {
         case rt::FileRead::kMissing:
+            if (row.optional)
+                continue;
             return HealthRead::kUnsupported;
         case rt::FileRead::kRefused:
             return HealthRead::kFailed;
@@ -311,10 +382,13 @@ HealthRead readHealthFiles(HealthKind kind, const std::string &dir, DriveHealth 
             *error = path + ": " + *error;
             return HealthRead::kFailed;
         }
-        return HealthRead::kRead;
+        answered = true;
     }
-    *error = "no capture file for this kind of drive";
-    return HealthRead::kFailed;
+    if (!answered) {
+        *error = "no capture file for this kind of drive";
+        return HealthRead::kFailed;
+    }
+    return HealthRead::kRead;
 }
 
 } // namespace kelp::live

@@ -1,13 +1,17 @@
 // A drive's own word on its health: an NVMe controller's SMART / health
 // log, a SCSI disk's informational exceptions log page, an ATA disk's SMART
-// status (through SCSI-to-ATA translation). Read through the kernel's pass-
-// through interfaces on the running system, or from capture files for any
-// other live root (the layout of the sysfs capture tool and the fixtures):
+// status and SMART data (through SCSI-to-ATA translation). Read through the
+// kernel's pass-through interfaces on the running system, or from capture
+// files for any other live root (the layout of the sysfs capture tool and
+// the fixtures):
 //
 //   /dev/nvmeX.health/smart-log.bin   the 512-byte log page 0x02
 //   /dev/sgN.health/log-2f.bin        LOG SENSE page 0x2f as the disk gave it
 //   /dev/sgN.health/ata-status.bin    the 14-byte ATA status return
 //                                     descriptor of SMART RETURN STATUS
+//   /dev/sgN.health/ata-smart-data.bin
+//                                     the 512 bytes of SMART READ DATA
+//                                     (optional: the disk's temperature)
 #ifndef KELP_RUNTIME_DATASTORE_LIVE_HEALTH_H
 #define KELP_RUNTIME_DATASTORE_LIVE_HEALTH_H
 
@@ -21,7 +25,8 @@ namespace kelp::live {
 enum class HealthKind {
     kNvme, // admin Get Log Page 0x02 on the controller's character device
     kScsi, // LOG SENSE, informational exceptions page 0x2f
-    kAta,  // ATA PASS-THROUGH(16) SMART RETURN STATUS, unless in standby
+    kAta,  // ATA PASS-THROUGH(16) SMART RETURN STATUS and SMART READ DATA,
+           // unless in standby
 };
 
 struct DriveHealth {
@@ -36,7 +41,8 @@ struct DriveHealth {
     // bit 3); unknown for other drives.
     std::optional<bool> readOnly;
     // The drive's own temperature, in degrees Celsius: an NVMe controller's
-    // composite temperature, a SCSI disk's most recent temperature reading;
+    // composite temperature, a SCSI disk's most recent temperature reading,
+    // an ATA disk's temperature attribute (194, else 190);
     // and the temperature from which it warns (the SCSI disk's trip point).
     std::optional<int> temperatureC;
     std::optional<int> highWarningC;
@@ -57,6 +63,10 @@ enum class HealthRead {
 bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *error);
 bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, std::string *error);
 bool decodeAtaSmartStatus(std::string_view descriptor, DriveHealth *health, std::string *error);
+// Adds to *health the temperature of an ATA disk's SMART data (512 bytes):
+// the lowest raw byte of attribute 194, else of 190, when it is 1 to 127.
+// Data without either leaves *health as it was.
+bool decodeAtaSmartData(std::string_view data, DriveHealth *health, std::string *error);
 
 // The ATA status return descriptor (14 bytes, as decodeAtaSmartStatus takes
 // it) in the sense data of an ATA PASS-THROUGH sent with CK_COND: found

@@ -13,6 +13,7 @@
 namespace kelp::live {
 namespace {
 
+using testing::ataSmartData;
 using testing::ataStatus;
 using testing::iePage;
 using testing::smartLog;
@@ -102,6 +103,45 @@ TEST(HealthTest, DrivesGiveTheirTemperatureWhereTheyKeepOne)
     ASSERT_TRUE(decodeInformationalExceptions(iePage(0, 0).substr(0, 11), &h, &error)) << error;
     EXPECT_EQ(h.temperatureC, 38);
     EXPECT_FALSE(h.highWarningC);
+}
+
+TEST(HealthTest, AnAtaDiskGivesItsTemperatureInItsSmartData)
+{
+    DriveHealth h;
+    std::string error;
+    ASSERT_TRUE(decodeAtaSmartStatus(ataStatus(0xf4, 0x2c), &h, &error)) << error;
+    // Attribute 194 (in a raw value that also keeps the lowest and highest
+    // temperature seen, in bytes 2 and 4), before the airflow one, 190.
+    std::string data = ataSmartData({{1, 0}, {9, 0x12}, {190, 40}, {194, 36}});
+    data[2 + 3 * 12 + 7] = 0x12;
+    data[2 + 3 * 12 + 9] = 0x2d;
+    ASSERT_TRUE(decodeAtaSmartData(data, &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 36);
+    EXPECT_TRUE(h.failurePredicted) << "the status stays as it was";
+    EXPECT_FALSE(h.highWarningC);
+    h = DriveHealth{};
+    ASSERT_TRUE(decodeAtaSmartData(ataSmartData({{190, 40}}), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 40) << "the airflow temperature alone";
+    // Neither attribute, or values no disk runs at: no temperature.
+    h = DriveHealth{};
+    ASSERT_TRUE(decodeAtaSmartData(ataSmartData({{5, 0}, {9, 100}}), &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureC);
+    ASSERT_TRUE(decodeAtaSmartData(ataSmartData({{194, 0}, {190, 200}}), &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureC);
+    // The 30th attribute is read; what follows the table is not.
+    std::string last(512, '\0');
+    last[2 + 29 * 12] = static_cast<char>(194);
+    last[2 + 29 * 12 + 5] = 33;
+    last[2 + 30 * 12] = static_cast<char>(190);
+    last[2 + 30 * 12 + 5] = 44;
+    ASSERT_TRUE(decodeAtaSmartData(last, &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 33);
+    h = DriveHealth{};
+    ASSERT_TRUE(decodeAtaSmartData(std::string(last).replace(2 + 29 * 12, 1, 1, '\0'), &h, &error));
+    EXPECT_FALSE(h.temperatureC) << "past the table";
+    EXPECT_FALSE(decodeAtaSmartData(ataSmartData({{194, 36}}).substr(0, 511), &h, &error));
+    EXPECT_NE(error.find("511 bytes"), std::string::npos) << error;
+    EXPECT_FALSE(h.temperatureC);
 }
 
 TEST(HealthTest, ABadScsiLogPageIsRefusedWithoutReadingPastIt)
@@ -237,6 +277,35 @@ TEST(HealthTest, CaptureFilesAreReadByKindAndAMissingOneIsNoHealth)
     t.file("dev/sg4.health/ata-status.bin", std::string(4096, '\x09'));
     EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg4.health", &h, &error),
               HealthRead::kFailed);
+}
+
+TEST(HealthTest, AnAtaDisksSmartDataFileAddsItsTemperature)
+{
+    testing::TempTree t;
+    t.file("dev/sg2.health/ata-status.bin", ataStatus(0xf4, 0x2c));
+    t.file("dev/sg2.health/ata-smart-data.bin", testing::ataSmartData({{194, 36}}));
+    t.file("dev/sg3.health/ata-status.bin", ataStatus(0x4f, 0xc2));
+    t.file("dev/sg4.health/ata-status.bin", ataStatus(0x4f, 0xc2));
+    t.file("dev/sg4.health/ata-smart-data.bin", "short");
+    t.file("dev/sg5.health/ata-smart-data.bin", testing::ataSmartData({{194, 36}}));
+    const std::string dev = t.root() + "/dev/";
+    DriveHealth h;
+    std::string error;
+    ASSERT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg2.health", &h, &error), HealthRead::kRead)
+        << error;
+    EXPECT_TRUE(h.failurePredicted);
+    EXPECT_EQ(h.temperatureC, 36);
+    // Without it, the status alone.
+    ASSERT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg3.health", &h, &error), HealthRead::kRead)
+        << error;
+    EXPECT_FALSE(h.failurePredicted);
+    EXPECT_FALSE(h.temperatureC);
+    // A bad one is named; SMART data without a status is no answer.
+    EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg4.health", &h, &error),
+              HealthRead::kFailed);
+    EXPECT_NE(error.find("sg4.health/ata-smart-data.bin"), std::string::npos) << error;
+    EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg5.health", &h, &error),
+              HealthRead::kUnsupported);
 }
 
 TEST(HealthTest, ADeviceThatIsNoDriveFailsWithItsName)

@@ -2,7 +2,10 @@
 #ifndef KELP_RUNTIME_DATASTORE_LIVE_HEALTH_TESTING_H
 #define KELP_RUNTIME_DATASTORE_LIVE_HEALTH_TESTING_H
 
+#include <cstddef>
+#include <initializer_list>
 #include <string>
+#include <utility>
 
 namespace kelp::live::testing {
 
@@ -41,6 +44,23 @@ inline std::string ataStatus(unsigned mid, unsigned high)
     d[11] = static_cast<char>(high);
     d[13] = 0x50; // DRDY, DSC
     return d;
+}
+
+// An ATA disk's SMART data (SMART READ DATA, 512 bytes) holding the given
+// attributes, each as its id and the lowest byte of its raw value.
+inline std::string ataSmartData(std::initializer_list<std::pair<unsigned, unsigned>> attributes)
+{
+    std::string data(512, '\0');
+    data[0] = 0x10; // revision
+    size_t at = 2;
+    for (const auto &[id, raw] : attributes) {
+        data[at] = static_cast<char>(id);
+        data[at + 3] = 100; // value
+        data[at + 4] = 100; // worst
+        data[at + 5] = static_cast<char>(raw);
+        at += 12;
+    }
+    return data;
 }
 
 } // namespace kelp::live::testing

@@ -1316,9 +1316,13 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     t.link(nvme1 + "/hwmon3/device", "..");
     t.link("sys/class/hwmon/hwmon3",
            "../../devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1/hwmon3");
-    // An ATA disk's SMART status has no temperature.
+    // ATA disks without drivetemp: sda gives its SMART data (attribute
+    // 194), sdb its status alone.
     addSataDisk(t, "0000:00:17.0", 0, "sda");
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
     t.file("dev/sda.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
+    t.file("dev/sda.health/ata-smart-data.bin", testing::ataSmartData({{9, 1}, {194, 36}}));
+    t.file("dev/sdb.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
 
     LiveScan scan = scanOf(t);
     const LiveObject &cool = only(scan, "tempprobes", "2\\0\\0\\3\\0");
@@ -1339,10 +1343,14 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     EXPECT_EQ(attrOf(nvme0, "CurrentTemp"), "43");
     EXPECT_EQ(attrOf(only(scan, "tempprobes", "2\\1\\1\\3\\0"), "CurrentTemp"), "51")
         << "hwmon's reading";
+    const LiveObject &sda = only(scan, "tempprobes", "0\\0\\0\\3\\0");
+    EXPECT_EQ(attrOf(sda, "Name"), "Temperature of /dev/sda");
+    EXPECT_EQ(attrOf(sda, "CurrentTemp"), "36");
+    EXPECT_EQ(attrOf(sda, "ObjStatus"), "2");
     size_t probes = 0;
     for (const LiveObject &o : scan.objects)
         probes += o.type == "tempprobes";
-    EXPECT_EQ(probes, 4u) << "none for the ATA disk nor a second for nvme1";
+    EXPECT_EQ(probes, 5u) << "none for sdb nor a second for nvme1";
 }
 
 TEST(ScanTest, AnUnreadableHealthKeepsWhatTheDriveLastSaid)
