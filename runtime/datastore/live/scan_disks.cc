@@ -610,9 +610,9 @@ void applyHealth(ScanState &s, const ScanState::HealthQuery &q, const DriveHealt
         set(&s.scan.objects[*q.adapter].attributes, "RemainingRatedWriteEndurance",
             std::to_string(*h.lifeRemaining));
     // The drive's own temperature stands for a probe hwmon did not give (a
-    // SAS disk, an NVMe drive on a fabric or without the kernel's hwmon):
-    // one for the disk, or for an NVMe controller's first namespace, as
-    // hwmon's would be.
+    // SAS disk, an ATA disk without drivetemp, an NVMe drive on a fabric or
+    // without the kernel's hwmon): one for the disk, or for an NVMe
+    // controller's first namespace, as hwmon's would be.
     if (h.temperatureC && !q.disks.empty())
         addDiskProbe(s, q.disks.front(),
                      DiskTemperatures{h.temperatureC, h.highWarningC, {}, {}, {}});
