@@ -85,16 +85,23 @@ int onAccessChecked(int, int, void *serverArg, void *)
     } else {
         return SNMPERR_SUCCESS;
     }
-    const std::string source = sourceOf(pdu);
-    // Only the agent's thread runs access checks.
-    static LogRateLimit limit(
-        std::chrono::duration_cast<LogRateLimit::Clock::duration>(
-            std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
-        kMaxSources);
-    if (limit.allow(source, LogRateLimit::Clock::now())) {
-        logAt(LogLevel::kWarning,
-              "refused a %s request from %s: %s (logged once a minute per source)",
-              versionName(pdu->version), source.c_str(), reason);
+    // The verdict stands; only its log line needs memory, and nothing may
+    // unwind into net-snmp, which holds its callback list locked meanwhile.
+    try {
+        const std::string source = sourceOf(pdu);
+        // Only the agent's thread runs access checks.
+        static LogRateLimit limit(
+            std::chrono::duration_cast<LogRateLimit::Clock::duration>(
+                std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
+            kMaxSources);
+        if (limit.allow(source, LogRateLimit::Clock::now())) {
+            logAt(LogLevel::kWarning,
+                  "refused a %s request from %s: %s (logged once a minute per source)",
+                  versionName(pdu->version), source.c_str(), reason);
+        }
+    } catch (...) {
+        logAt(LogLevel::kWarning, "refused a %s request: %s (its source not logged: out of memory)",
+              versionName(pdu->version), reason);
     }
     return SNMPERR_SUCCESS;
 }

@@ -31,6 +31,7 @@
 
 #include "agentxlog.h"
 #include "fairness.h"
+#include "heap.h"
 #include "log.h"
 #include "paths.h"
 #include "refusals.h"
@@ -158,18 +159,31 @@ std::string g_pendingLog;
 // runs net-snmp.
 std::unique_ptr<AgentxLog> g_agentxLog;
 
+// net-snmp calls its callbacks with the callback list locked: nothing may
+// unwind through it, or the lock stays taken (every later call waits for it,
+// and the library's shutdown finds the lists in use). Each callback of the
+// agent catches what it throws, which can only be std::bad_alloc.
+
 int onAgentxClosed(int, int, void *, void *)
 {
-    if (g_agentxLog) {
-        g_agentxLog->onClosed(AgentxLog::Clock::now());
+    try {
+        if (g_agentxLog) {
+            g_agentxLog->onClosed(AgentxLog::Clock::now());
+        }
+    } catch (...) {
+        logAt(LogLevel::kWarning, "the AgentX connection's close was not logged: out of memory");
     }
     return SNMPERR_SUCCESS;
 }
 
 int onAgentxOpened(int, int, void *, void *)
 {
-    if (g_agentxLog) {
-        g_agentxLog->onOpened(AgentxLog::Clock::now());
+    try {
+        if (g_agentxLog) {
+            g_agentxLog->onOpened(AgentxLog::Clock::now());
+        }
+    } catch (...) {
+        logAt(LogLevel::kWarning, "the AgentX connection's opening was not logged: out of memory");
     }
     return SNMPERR_SUCCESS;
 }
@@ -184,26 +198,39 @@ void flushAgentxLog()
     }
 }
 
+} // namespace
+
 int onNetsnmpLog(int, int, void *serverArg, void *)
 {
     const auto *message = static_cast<const snmp_log_message *>(serverArg);
     if (message == nullptr || message->msg == nullptr) {
         return SNMPERR_SUCCESS;
     }
-    g_pendingLog += message->msg;
-    size_t end;
-    while ((end = g_pendingLog.find('\n')) != std::string::npos) {
-        const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
-        if (end > 0) {
-            const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
-            logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
+    try {
+        g_pendingLog += message->msg;
+        size_t end;
+        while ((end = g_pendingLog.find('\n')) != std::string::npos) {
+            const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
+            if (end > 0) {
+                const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
+                logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
+            }
+            g_pendingLog.erase(0, end + 1);
         }
-        g_pendingLog.erase(0, end + 1);
+    } catch (...) {
+        // No memory to gather the line: this piece goes out as it stands,
+        // and what was pending before it is dropped.
+        g_pendingLog.clear();
+        std::string_view piece(message->msg);
+        while (!piece.empty() && piece.back() == '\n') {
+            piece.remove_suffix(1);
+        }
+        if (!piece.empty()) {
+            logText(levelOf(message->priority), piece);
+        }
     }
     return SNMPERR_SUCCESS;
 }
-
-} // namespace
 
 // Reads one configuration file for one pass (PREMIB_CONFIG or
 // NORMAL_CONFIG) with the handlers of one application type: exported by
@@ -512,8 +539,15 @@ bool SnmpAgent::open(std::string *error)
     }
     const SessionMark beforeListening = markSessions();
     if (init_master_agent() != 0) {
-        *error = "cannot listen on " + settings_.listen +
-                 " (the port is in use, or the address is not this host's)";
+        // net-snmp says only that the transport did not open; under a limit
+        // of address space that is often its allocations that failed.
+        unsigned long limitMiB = 0;
+        *error = heapRoomToStart(&limitMiB)
+                     ? "cannot listen on " + settings_.listen +
+                           " (the port is in use, or the address is not this host's)"
+                     : "cannot listen on " + settings_.listen +
+                           ": out of memory (address space limited to " + std::to_string(limitMiB) +
+                           " MiB by ulimit -v)";
         return false;
     }
     watchAccess(settings_.allow);

@@ -18,6 +18,10 @@ namespace kelp::agent {
 
 class TrapSinks;
 
+// net-snmp's log callback (SNMP_CALLBACK_LOGGING): the library's lines, put
+// together from its pieces, into the agent's log. No exception leaves it.
+int onNetsnmpLog(int major, int minor, void *serverArg, void *clientArg);
+
 struct AgentSettings {
     bool subagent = false;
     std::string agentxSocket;               // subagent: empty for net-snmp's default
