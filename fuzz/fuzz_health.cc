@@ -1,10 +1,10 @@
 // A drive's answers about its health, as a drive's firmware, a SCSI-to-ATA
 // translation or a captured tree's files give them to the live source. The
-// first byte picks the decoder (its value modulo 5: the NVMe SMART log, the
+// first byte picks the decoder (its value modulo 6: the NVMe SMART log, the
 // SCSI informational exceptions page, the ATA status return descriptor, the
-// sense data an ATA pass-through leaves, an ATA disk's SMART data); the rest
-// is the answer, in a buffer of exactly its size, so that a read past it is
-// out of bounds.
+// sense data an ATA pass-through leaves, an ATA disk's SMART data, a SCSI
+// disk's temperature page); the rest is the answer, in a buffer of exactly
+// its size, so that a read past it is out of bounds.
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -55,22 +55,24 @@ void checkDecoder(Decoder decode, std::string_view answer, bool givesLife)
     FUZZ_CHECK(sameHealth(health, again));
 }
 
-// SMART data adds a temperature to what the status said, and changes
-// nothing else.
-void checkSmartData(std::string_view answer)
+// SMART data and the temperature page add temperatures to what the status
+// or the exceptions page said, and change nothing else.
+void checkAddition(Decoder decode, std::string_view answer, int highest)
 {
     DriveHealth health;
     health.failurePredicted = true;
     health.why = "SMART status: threshold exceeded";
     const DriveHealth before = health;
     std::string error;
-    if (!kelp::live::decodeAtaSmartData(answer, &health, &error)) {
+    if (!decode(answer, &health, &error)) {
         FUZZ_CHECK(!error.empty());
         FUZZ_CHECK(sameHealth(health, before));
         return;
     }
-    FUZZ_CHECK(plausible(health.temperatureC, 1, 127));
+    FUZZ_CHECK(plausible(health.temperatureC, 0, highest));
+    FUZZ_CHECK(plausible(health.highWarningC, 0, highest));
     health.temperatureC.reset();
+    health.highWarningC.reset();
     FUZZ_CHECK(sameHealth(health, before));
 }
 
@@ -82,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const std::vector<char> buffer(data + 1, data + size);
     const std::string_view answer(buffer.data(), buffer.size());
-    switch (data[0] % 5) {
+    switch (data[0] % 6) {
     case 0:
         checkDecoder(kelp::live::decodeNvmeSmartLog, answer, true);
         break;
@@ -93,7 +95,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         checkDecoder(kelp::live::decodeAtaSmartStatus, answer, false);
         break;
     case 4:
-        checkSmartData(answer);
+        checkAddition(kelp::live::decodeAtaSmartData, answer, 127);
+        break;
+    case 5:
+        checkAddition(kelp::live::decodeTemperaturePage, answer, 254);
         break;
     default: {
         std::string descriptor;

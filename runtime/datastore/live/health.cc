@@ -144,6 +144,30 @@ bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *
     return true;
 }
 
+bool decodeTemperaturePage(std::string_view page, DriveHealth *health, std::string *error)
+{
+    if (page.size() < 4 || (byteAt(page, 0) & 0x3f) != 0x0d) {
+        *error = page.size() < 4 ? std::string("log page cut short")
+                                 : "log page " + hex2(byteAt(page, 0) & 0x3f) + ", not 0x0d";
+        return false;
+    }
+    const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
+    // Parameters 0 (temperature) and 1 (reference temperature): code (2
+    // bytes), control, length (2), a reserved byte, then the degrees.
+    for (size_t at = 4; at + 4 <= end;) {
+        const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
+        const size_t length = byteAt(page, at + 3);
+        if ((code == 0 || code == 1) && length >= 2 && at + 4 + 2 <= end) {
+            const unsigned degrees = byteAt(page, at + 5);
+            if (degrees != 0xff)
+                (code == 0 ? health->temperatureC : health->highWarningC) =
+                    static_cast<int>(degrees);
+        }
+        at += 4 + length;
+    }
+    return true;
+}
+
 bool decodeAtaSmartData(std::string_view data, DriveHealth *health, std::string *error)
 {
     if (data.size() < kAtaSmartDataBytes) {
@@ -188,8 +212,22 @@ HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
         return HealthRead::kFailed;
     }
     const std::string_view answer(reinterpret_cast<const char *>(page.data()), outcome.got);
-    return decodeInformationalExceptions(answer, health, error) ? HealthRead::kRead
-                                                                : HealthRead::kFailed;
+    if (!decodeInformationalExceptions(answer, health, error))
+        return HealthRead::kFailed;
+    // The temperature page, where the disk keeps one, says the temperature
+    // in the standard's own terms; the exceptions page's reading stands
+    // otherwise.
+    std::array<uint8_t, kLogPageBytes> temperatures{};
+    const uint8_t cdb0d[10] = {
+        0x4d, 0, 0x40 | 0x0d, 0, 0, 0, 0, kLogPageBytes >> 8, kLogPageBytes & 0xff, 0};
+    std::string ignored;
+    const ScsiOutcome more = sendScsi(fd, cdb0d, sizeof cdb0d, temperatures.data(),
+                                      temperatures.size(), kTimeoutMs, &ignored);
+    if (more.sent && more.ok)
+        decodeTemperaturePage(
+            std::string_view(reinterpret_cast<const char *>(temperatures.data()), more.got), health,
+            &ignored);
+    return HealthRead::kRead;
 }
 
 // An ATA command without data through ATA PASS-THROUGH(16), its registers
@@ -303,6 +341,7 @@ struct FileRow {
 constexpr FileRow kFiles[] = {
     {HealthKind::kNvme, false, "smart-log.bin", kSmartLogBytes, decodeNvmeSmartLog},
     {HealthKind::kScsi, false, "log-2f.bin", kLogPageBytes, decodeInformationalExceptions},
+    {HealthKind::kScsi, true, "log-0d.bin", kLogPageBytes, decodeTemperaturePage},
     {HealthKind::kAta, false, "ata-status.bin", kAtaDescriptorBytes, decodeAtaSmartStatus},
     {HealthKind::kAta, true, "ata-smart-data.bin", kAtaSmartDataBytes, decodeAtaSmartData},
 };

@@ -7,6 +7,8 @@
 //
 //   /dev/nvmeX.health/smart-log.bin   the 512-byte log page 0x02
 //   /dev/sgN.health/log-2f.bin        LOG SENSE page 0x2f as the disk gave it
+//   /dev/sgN.health/log-0d.bin        LOG SENSE page 0x0d (optional: the
+//                                     disk's temperature and its reference)
 //   /dev/sgN.health/ata-status.bin    the 14-byte ATA status return
 //                                     descriptor of SMART RETURN STATUS
 //   /dev/sgN.health/ata-smart-data.bin
@@ -24,7 +26,8 @@ namespace kelp::live {
 // How a drive is asked.
 enum class HealthKind {
     kNvme, // admin Get Log Page 0x02 on the controller's character device
-    kScsi, // LOG SENSE, informational exceptions page 0x2f
+    kScsi, // LOG SENSE, informational exceptions page 0x2f, then the
+           // temperature page 0x0d
     kAta,  // ATA PASS-THROUGH(16) SMART RETURN STATUS and SMART READ DATA,
            // unless in standby
 };
@@ -63,6 +66,11 @@ enum class HealthRead {
 bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *error);
 bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, std::string *error);
 bool decodeAtaSmartStatus(std::string_view descriptor, DriveHealth *health, std::string *error);
+// Adds to *health what a SCSI disk's temperature log page (0x0d) says: its
+// temperature (parameter 0) and reference temperature (parameter 1, the
+// highest it runs at continuously: the high warning), each where given and
+// not 0xff, in place of what the informational exceptions page said.
+bool decodeTemperaturePage(std::string_view page, DriveHealth *health, std::string *error);
 // Adds to *health the temperature of an ATA disk's SMART data (512 bytes):
 // the lowest raw byte of attribute 194, else of 190, when it is 1 to 127.
 // Data without either leaves *health as it was.

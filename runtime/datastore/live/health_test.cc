@@ -105,6 +105,50 @@ TEST(HealthTest, DrivesGiveTheirTemperatureWhereTheyKeepOne)
     EXPECT_FALSE(h.highWarningC);
 }
 
+TEST(HealthTest, AScsiDisksTemperaturePageStandsOverItsExceptionsPage)
+{
+    DriveHealth h;
+    std::string error;
+    const DriveHealth fromExceptions = [&] {
+        DriveHealth e;
+        EXPECT_TRUE(decodeInformationalExceptions(iePage(0x5d, 0x10), &e, &error)) << error;
+        return e;
+    }();
+    h = fromExceptions;
+    ASSERT_TRUE(decodeTemperaturePage(testing::temperaturePage(41, 60), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 41);
+    EXPECT_EQ(h.highWarningC, 60);
+    EXPECT_TRUE(h.failurePredicted) << "the rest stays";
+    // Not available (0xff): what the exceptions page said stands.
+    h = fromExceptions;
+    ASSERT_TRUE(decodeTemperaturePage(testing::temperaturePage(0xff, 0xff), &h, &error));
+    EXPECT_EQ(h.temperatureC, 38);
+    EXPECT_EQ(h.highWarningC, 65);
+    // Parameter 0 alone (the page's length ends before parameter 1).
+    std::string first = testing::temperaturePage(30, 50);
+    first[3] = 6;
+    h = fromExceptions;
+    ASSERT_TRUE(decodeTemperaturePage(first, &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 30);
+    EXPECT_EQ(h.highWarningC, 65);
+    // A parameter too short to hold its degrees, or running past the data,
+    // gives nothing.
+    std::string shortParameter = testing::temperaturePage(30, 50);
+    shortParameter[7] = 1;
+    h = fromExceptions;
+    ASSERT_TRUE(decodeTemperaturePage(shortParameter.substr(0, 9), &h, &error)) << error;
+    EXPECT_EQ(h.temperatureC, 38);
+    h = fromExceptions;
+    ASSERT_TRUE(decodeTemperaturePage(testing::temperaturePage(30, 50).substr(0, 9), &h, &error));
+    EXPECT_EQ(h.temperatureC, 38);
+    // Another page, or a header cut short.
+    std::string other = testing::temperaturePage(30, 50);
+    other[0] = 0x2f;
+    EXPECT_FALSE(decodeTemperaturePage(other, &h, &error));
+    EXPECT_NE(error.find("0x2f"), std::string::npos) << error;
+    EXPECT_FALSE(decodeTemperaturePage(std::string("\x0d\0", 2), &h, &error));
+}
+
 TEST(HealthTest, AnAtaDiskGivesItsTemperatureInItsSmartData)
 {
     DriveHealth h;
@@ -306,6 +350,13 @@ TEST(HealthTest, AnAtaDisksSmartDataFileAddsItsTemperature)
     EXPECT_NE(error.find("sg4.health/ata-smart-data.bin"), std::string::npos) << error;
     EXPECT_EQ(readHealthFiles(HealthKind::kAta, dev + "sg5.health", &h, &error),
               HealthRead::kUnsupported);
+    // A SCSI disk's temperature page beside its exceptions page.
+    t.file("dev/sg6.health/log-2f.bin", iePage(0, 0));
+    t.file("dev/sg6.health/log-0d.bin", testing::temperaturePage(44, 68));
+    ASSERT_EQ(readHealthFiles(HealthKind::kScsi, dev + "sg6.health", &h, &error), HealthRead::kRead)
+        << error;
+    EXPECT_EQ(h.temperatureC, 44);
+    EXPECT_EQ(h.highWarningC, 68);
 }
 
 TEST(HealthTest, ADeviceThatIsNoDriveFailsWithItsName)

@@ -34,6 +34,17 @@ inline std::string iePage(unsigned asc, unsigned ascq, unsigned temperature = 38
            static_cast<char>(tripPoint);
 }
 
+// LOG SENSE page 0x0d: the temperature (parameter 0) and the reference
+// temperature (parameter 1).
+inline std::string temperaturePage(unsigned reading, unsigned reference)
+{
+    return std::string("\x0d\0\0\x0c"
+                       "\0\0\x03\x02\0",
+                       9) +
+           static_cast<char>(reading) + std::string("\0\x01\x03\x02\0", 5) +
+           static_cast<char>(reference);
+}
+
 // The ATA status return descriptor of SMART RETURN STATUS.
 inline std::string ataStatus(unsigned mid, unsigned high)
 {

@@ -1298,12 +1298,16 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     TempTree t;
     // SAS disks on channels (no enclosure): one at 38 C of a 65 C trip
     // point, one past it, one that reports no temperature.
-    addScsiHostOn(t, "0000:02:00.0", "0x010700", "mpt3sas", 3, "sdc");
-    addScsiHostOn(t, "0000:04:00.0", "0x010700", "mpt3sas", 4, "sde");
-    addScsiHostOn(t, "0000:05:00.0", "0x010700", "mpt3sas", 5, "sdf");
+    addScsiHostOn(t, "0000:0a:00.0", "0x010700", "mpt3sas", 3, "sdc");
+    addScsiHostOn(t, "0000:0b:00.0", "0x010700", "mpt3sas", 4, "sde");
+    addScsiHostOn(t, "0000:0c:00.0", "0x010700", "mpt3sas", 5, "sdf");
     t.file("dev/sdc.health/log-2f.bin", testing::iePage(0, 0));
     t.file("dev/sde.health/log-2f.bin", testing::iePage(0x0b, 0x01, 70, 65));
     t.file("dev/sdf.health/log-2f.bin", testing::iePage(0, 0, 0xff, 0xff));
+    // A fourth gives its temperature page too, which stands.
+    addScsiHostOn(t, "0000:0d:00.0", "0x010700", "mpt3sas", 6, "sdg");
+    t.file("dev/sdg.health/log-2f.bin", testing::iePage(0, 0, 0xff, 0xff));
+    t.file("dev/sdg.health/log-0d.bin", testing::temperaturePage(35, 0xff));
     // NVMe: nvme0 has no hwmon and says 316 K in its SMART log; nvme1's
     // hwmon probe stands for it.
     addNvmeDrive(t, 0, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
@@ -1325,23 +1329,26 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     t.file("dev/sdb.health/ata-status.bin", testing::ataStatus(0x4f, 0xc2));
 
     LiveScan scan = scanOf(t);
-    const LiveObject &cool = only(scan, "tempprobes", "2\\0\\0\\3\\0");
+    const LiveObject &cool = only(scan, "tempprobes", "3\\0\\0\\3\\0");
     EXPECT_EQ(attrOf(cool, "Name"), "Temperature of /dev/sdc");
     EXPECT_EQ(attrOf(cool, "CurrentTemp"), "38");
     EXPECT_EQ(attrOf(cool, "MaxWarning"), "65");
     EXPECT_EQ(attrOf(cool, "MaxError"), "<none>");
     EXPECT_EQ(attrOf(cool, "ObjStatus"), "2");
     ASSERT_TRUE(cool.parent);
-    EXPECT_EQ(scan.objects[*cool.parent].nexus, "2\\0\\0") << "the disk's own probe";
-    const LiveObject &hot = only(scan, "tempprobes", "3\\0\\0\\3\\0");
+    EXPECT_EQ(scan.objects[*cool.parent].nexus, "3\\0\\0") << "the disk's own probe";
+    const LiveObject &hot = only(scan, "tempprobes", "4\\0\\0\\3\\0");
     EXPECT_EQ(attrOf(hot, "CurrentTemp"), "70");
     EXPECT_EQ(attrOf(hot, "ObjStatus"), "3") << "past the drive's trip point";
-    EXPECT_EQ(attrOf(only(scan, "arraydisks", "3\\0\\0"), "TreeStatus"), "3");
-    EXPECT_FALSE(scan.find("tempprobes", "4\\0\\0\\3\\0")) << "sdf reports none";
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "4\\0\\0"), "TreeStatus"), "3");
+    EXPECT_FALSE(scan.find("tempprobes", "5\\0\\0\\3\\0")) << "sdf reports none";
+    const LiveObject &paged = only(scan, "tempprobes", "6\\0\\0\\3\\0");
+    EXPECT_EQ(attrOf(paged, "CurrentTemp"), "35") << "from sdg's temperature page";
+    EXPECT_EQ(attrOf(paged, "MaxWarning"), "<none>");
     const LiveObject &nvme0 = only(scan, "tempprobes", "1\\0\\1\\3\\0");
     EXPECT_EQ(attrOf(nvme0, "Name"), "Temperature of /dev/nvme0n1");
     EXPECT_EQ(attrOf(nvme0, "CurrentTemp"), "43");
-    EXPECT_EQ(attrOf(only(scan, "tempprobes", "2\\1\\1\\3\\0"), "CurrentTemp"), "51")
+    EXPECT_EQ(attrOf(only(scan, "tempprobes", "2\\0\\1\\3\\0"), "CurrentTemp"), "51")
         << "hwmon's reading";
     const LiveObject &sda = only(scan, "tempprobes", "0\\0\\0\\3\\0");
     EXPECT_EQ(attrOf(sda, "Name"), "Temperature of /dev/sda");
@@ -1350,7 +1357,7 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     size_t probes = 0;
     for (const LiveObject &o : scan.objects)
         probes += o.type == "tempprobes";
-    EXPECT_EQ(probes, 5u) << "none for sdb nor a second for nvme1";
+    EXPECT_EQ(probes, 6u) << "none for sdb nor a second for nvme1";
 }
 
 TEST(ScanTest, AnUnreadableHealthKeepsWhatTheDriveLastSaid)
