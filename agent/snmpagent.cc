@@ -490,6 +490,16 @@ bool SnmpAgent::open(std::string *error)
         rememberAll(v3AccessLines(users));
         rememberAll(systemLines(settings_.identity));
     }
+    // init_snmp takes about 0.4 MiB and does not check every allocation it
+    // makes (netsnmp_certs_init goes on without its container): under a
+    // limit of address space, with less than 1 MiB left once the threads
+    // have their stacks, it may end the agent on SIGSEGV. It is started only
+    // with room for it.
+    if (unsigned long limitMiB = 0; !heapRoomToStart(&limitMiB)) {
+        *error = "address space limited to " + std::to_string(limitMiB) +
+                 " MiB (ulimit -v): too little is left for net-snmp to start";
+        return false;
+    }
     init_snmp(kAppName);
     V3InformUser informUser;
     if (!settings_.subagent) {
