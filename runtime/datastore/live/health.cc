@@ -64,6 +64,31 @@ uint8_t byteAt(std::string_view data, size_t at)
     return static_cast<uint8_t>(data[at]);
 }
 
+// Walks the parameters of LOG SENSE page `pageCode` in `page` (a 4-byte
+// header, then each parameter's code (2 bytes), control byte, length and
+// data), handing each to visit(code, data) with its data cut to what the
+// page holds, until visit returns false. False with *error for another
+// page or a header cut short.
+template <typename Visit>
+bool forEachLogParameter(std::string_view page, unsigned pageCode, std::string *error, Visit visit)
+{
+    if (page.size() < 4 || (byteAt(page, 0) & 0x3f) != pageCode) {
+        *error = page.size() < 4
+                     ? std::string("log page cut short")
+                     : "log page " + hex2(byteAt(page, 0) & 0x3f) + ", not " + hex2(pageCode);
+        return false;
+    }
+    const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
+    for (size_t at = 4; at + 4 <= end;) {
+        const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
+        const size_t length = byteAt(page, at + 3);
+        if (!visit(code, page.substr(at + 4, std::min(length, end - (at + 4)))))
+            break;
+        at += 4 + length;
+    }
+    return true;
+}
+
 } // namespace
 
 bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *error)
@@ -92,34 +117,28 @@ bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *
 
 bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, std::string *error)
 {
-    if (page.size() < 4 || (byteAt(page, 0) & 0x3f) != 0x2f) {
-        *error = page.size() < 4 ? std::string("log page cut short")
-                                 : "log page " + hex2(byteAt(page, 0) & 0x3f) + ", not 0x2f";
-        return false;
-    }
-    const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
-    // Parameters: code (2 bytes), control, length, then its data. Parameter
-    // 0 holds the exception's additional sense code and qualifier, then (if
-    // long enough) the most recent temperature reading and the temperature
-    // trip point, both in degrees Celsius.
-    for (size_t at = 4; at + 4 <= end;) {
-        const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
-        const size_t length = byteAt(page, at + 3);
-        if (code == 0 && length >= 2 && at + 4 + 2 <= end) {
-            const unsigned asc = byteAt(page, at + 4), ascq = byteAt(page, at + 5);
+    // Parameter 0 holds the exception's additional sense code and
+    // qualifier, then (if long enough) the most recent temperature reading
+    // and the temperature trip point, both in degrees Celsius.
+    bool general = false;
+    const bool walked =
+        forEachLogParameter(page, 0x2f, error, [&](unsigned code, std::string_view data) {
+            if (code != 0 || data.size() < 2)
+                return true;
+            const unsigned asc = byteAt(data, 0), ascq = byteAt(data, 1);
             *health = DriveHealth{};
             health->failurePredicted = asc == kAscFailurePrediction;
             health->why = "asc/ascq " + hex2(asc) + "/" + hex2(ascq);
-            if (length >= 3 && at + 4 + 3 <= end)
-                health->temperatureC = scsiTemperature(byteAt(page, at + 6));
-            if (length >= 4 && at + 4 + 4 <= end)
-                health->highWarningC = scsiTemperature(byteAt(page, at + 7));
-            return true;
-        }
-        at += 4 + length;
-    }
-    *error = "log page 0x2f without its general parameter";
-    return false;
+            if (data.size() >= 3)
+                health->temperatureC = scsiTemperature(byteAt(data, 2));
+            if (data.size() >= 4)
+                health->highWarningC = scsiTemperature(byteAt(data, 3));
+            general = true;
+            return false;
+        });
+    if (walked && !general)
+        *error = "log page 0x2f without its general parameter";
+    return walked && general;
 }
 
 bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *error)
@@ -146,26 +165,13 @@ bool decodeAtaSmartStatus(std::string_view d, DriveHealth *health, std::string *
 
 bool decodeTemperaturePage(std::string_view page, DriveHealth *health, std::string *error)
 {
-    if (page.size() < 4 || (byteAt(page, 0) & 0x3f) != 0x0d) {
-        *error = page.size() < 4 ? std::string("log page cut short")
-                                 : "log page " + hex2(byteAt(page, 0) & 0x3f) + ", not 0x0d";
-        return false;
-    }
-    const size_t end = std::min(page.size(), 4 + (size_t{byteAt(page, 2)} << 8 | byteAt(page, 3)));
-    // Parameters 0 (temperature) and 1 (reference temperature): code (2
-    // bytes), control, length (2), a reserved byte, then the degrees.
-    for (size_t at = 4; at + 4 <= end;) {
-        const unsigned code = unsigned{byteAt(page, at)} << 8 | byteAt(page, at + 1);
-        const size_t length = byteAt(page, at + 3);
-        if ((code == 0 || code == 1) && length >= 2 && at + 4 + 2 <= end) {
-            const unsigned degrees = byteAt(page, at + 5);
-            if (degrees != 0xff)
-                (code == 0 ? health->temperatureC : health->highWarningC) =
-                    static_cast<int>(degrees);
-        }
-        at += 4 + length;
-    }
-    return true;
+    // Parameters 0 (temperature) and 1 (reference temperature): a reserved
+    // byte, then the degrees.
+    return forEachLogParameter(page, 0x0d, error, [&](unsigned code, std::string_view data) {
+        if ((code == 0 || code == 1) && data.size() >= 2 && byteAt(data, 1) != 0xff)
+            (code == 0 ? health->temperatureC : health->highWarningC) = byteAt(data, 1);
+        return true;
+    });
 }
 
 bool decodeAtaSmartData(std::string_view data, DriveHealth *health, std::string *error)
