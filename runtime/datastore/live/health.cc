@@ -201,14 +201,31 @@ bool decodeAtaSmartData(std::string_view data, DriveHealth *health, std::string 
 
 namespace {
 
-HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
+// LOG SENSE, cumulative values (PC 01b), of page `pageCode`: *answer holds
+// the bytes that came back.
+ScsiOutcome logSense(int fd, uint8_t pageCode, std::string *answer, std::string *error)
 {
     std::array<uint8_t, kLogPageBytes> page{};
-    // LOG SENSE, cumulative values (PC 01b) of page 0x2f.
-    const uint8_t cdb[10] = {
-        0x4d, 0, 0x40 | 0x2f, 0, 0, 0, 0, kLogPageBytes >> 8, kLogPageBytes & 0xff, 0};
-    const ScsiOutcome outcome =
+    const uint8_t cdb[10] = {0x4d,
+                             0,
+                             static_cast<uint8_t>(0x40 | pageCode),
+                             0,
+                             0,
+                             0,
+                             0,
+                             kLogPageBytes >> 8,
+                             kLogPageBytes & 0xff,
+                             0};
+    ScsiOutcome outcome =
         sendScsi(fd, cdb, sizeof cdb, page.data(), page.size(), kTimeoutMs, error);
+    answer->assign(reinterpret_cast<const char *>(page.data()), outcome.got);
+    return outcome;
+}
+
+HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
+{
+    std::string answer;
+    const ScsiOutcome outcome = logSense(fd, 0x2f, &answer, error);
     if (!outcome.sent)
         return HealthRead::kFailed;
     if (!outcome.ok) {
@@ -217,22 +234,14 @@ HealthRead readScsi(int fd, DriveHealth *health, std::string *error)
         *error = outcome.failure;
         return HealthRead::kFailed;
     }
-    const std::string_view answer(reinterpret_cast<const char *>(page.data()), outcome.got);
     if (!decodeInformationalExceptions(answer, health, error))
         return HealthRead::kFailed;
     // The temperature page, where the disk keeps one, says the temperature
     // in the standard's own terms; the exceptions page's reading stands
     // otherwise.
-    std::array<uint8_t, kLogPageBytes> temperatures{};
-    const uint8_t cdb0d[10] = {
-        0x4d, 0, 0x40 | 0x0d, 0, 0, 0, 0, kLogPageBytes >> 8, kLogPageBytes & 0xff, 0};
     std::string ignored;
-    const ScsiOutcome more = sendScsi(fd, cdb0d, sizeof cdb0d, temperatures.data(),
-                                      temperatures.size(), kTimeoutMs, &ignored);
-    if (more.sent && more.ok)
-        decodeTemperaturePage(
-            std::string_view(reinterpret_cast<const char *>(temperatures.data()), more.got), health,
-            &ignored);
+    if (const ScsiOutcome more = logSense(fd, 0x0d, &answer, &ignored); more.sent && more.ok)
+        decodeTemperaturePage(answer, health, &ignored);
     return HealthRead::kRead;
 }
 
