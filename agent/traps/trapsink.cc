@@ -155,6 +155,36 @@ void TrapSink::onTimer(SinkClock::time_point now)
     }
     reportDrops(now);
     update();
+    if (shortOfMemory_) {
+        shortOfMemory_ = false;
+        logAt(LogLevel::kNotice, "trap sink %s: going on after the shortage of memory",
+              address_.name.c_str());
+    }
+}
+
+void TrapSink::outOfMemory(SinkClock::time_point now) noexcept
+{
+    const bool first = !shortOfMemory_;
+    shortOfMemory_ = true;
+    if (address_.stream && state_ != State::kClosed) {
+        // Where the event stopped is unknown: the connection starts over.
+        closeSocket();
+        queue_.restartPartial();
+        connectedAt_.reset();
+        state_ = State::kWaiting;
+        retryAt_ = now + kShortageRetry;
+    } else if (fd_ >= 0 && watchedFd_ == fd_) {
+        loop_->watch(this, fd_, false, false);
+        watchedFd_ = -1;
+        watchedReadable_ = watchedWritable_ = false;
+    }
+    // The first of a series is worth a warning; the ones that follow it,
+    // one a retry, are not.
+    logAt(first ? LogLevel::kWarning : LogLevel::kDebug,
+          "trap sink %s: out of memory; its traps wait in its queue, next attempt in %lld s",
+          address_.name.c_str(), static_cast<long long>(kShortageRetry.count()));
+    wake_ = now + kShortageRetry;
+    loop_->wakeAt(this, wake_);
 }
 
 void TrapSink::close()
@@ -214,6 +244,8 @@ void TrapSink::connected(SinkClock::time_point now)
 
 void TrapSink::fail(SinkClock::time_point now, const std::string &what, int error)
 {
+    // Made first: without memory for it nothing has changed yet.
+    const std::string reason = error != 0 ? what + " (" + errorText(error) + ")" : what;
     closeSocket();
     queue_.restartPartial();
     if (connectedAt_ && now - *connectedAt_ >= kStableConnection) {
@@ -224,7 +256,6 @@ void TrapSink::fail(SinkClock::time_point now, const std::string &what, int erro
     // warning; the retries that follow it are not.
     const bool firstOfSeries = backoff_.atFirst() && !reportedDown_;
     const std::chrono::seconds delay = backoff_.next();
-    const std::string reason = error != 0 ? what + " (" + errorText(error) + ")" : what;
     logAt(firstOfSeries ? LogLevel::kWarning : LogLevel::kDebug,
           "trap sink %s: %s; its traps wait in its queue, next attempt in %lld s",
           address_.name.c_str(), reason.c_str(), static_cast<long long>(delay.count()));
@@ -400,8 +431,8 @@ void TrapSink::update()
         watchedWritable_ = writable;
     }
     if (wake != wake_) {
-        wake_ = wake;
         loop_->wakeAt(this, wake);
+        wake_ = wake;
     }
 }
 

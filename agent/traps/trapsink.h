@@ -37,6 +37,8 @@ inline constexpr std::chrono::seconds kStableConnection{30};
 // with its bounds and its count of drops, is what holds the traps a slow
 // receiver has not taken.
 inline constexpr int kStreamSendBuffer = 64 * 1024;
+// A sink whose event ran out of memory tries again this much later.
+inline constexpr std::chrono::seconds kShortageRetry{1};
 
 // The delays between connection attempts.
 class Backoff {
@@ -109,6 +111,14 @@ class TrapSink {
     void onReadable(SinkClock::time_point now);
     void onWritable(SinkClock::time_point now);
     void onTimer(SinkClock::time_point now);
+    // The loop's call when one of the three above ran out of memory
+    // (std::bad_alloc), which may have left it half done. Allocates nothing.
+    // A stream sink drops its connection, as after a failure (the message
+    // under way goes again whole), and connects again in kShortageRetry; a
+    // UDP sink stops watching its socket, so that a socket that stays
+    // readable does not call it again at once, and goes on in
+    // kShortageRetry. The queue keeps its traps.
+    void outOfMemory(SinkClock::time_point now) noexcept;
 
     // Writes what the socket takes without waiting (queued informs once,
     // unacknowledged), then closes the socket; what is still queued is lost.
@@ -155,6 +165,8 @@ class TrapSink {
     std::optional<SinkClock::time_point> connectedAt_;
     // A failure was logged as a warning and the sink has not connected since.
     bool reportedDown_ = false;
+    // An event ran out of memory, and no timer has run to its end since.
+    bool shortOfMemory_ = false;
     // What the loop was last asked for.
     int watchedFd_ = -1;
     bool watchedReadable_ = false, watchedWritable_ = false;

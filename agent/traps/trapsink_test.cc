@@ -8,6 +8,9 @@
 #include "traps/pduhead.h"
 #include "traps/pduhead_testing.h"
 
+#include "testing/failing_new.h"
+
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -407,6 +411,102 @@ TEST(OneTrapSink, ClosingForgetsTheSocketAndTheTimer)
     close(server);
 }
 
+TEST(OneTrapSink, AnEventOutOfMemoryStartsTheConnectionOverAndTheMessageGoesWhole)
+{
+    const int server = listener(0);
+    ASSERT_GE(server, 0);
+    const int small = 2048;
+    setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    FakeLoop loop;
+    TrapSink sink(addressOf(portOf(server), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
+    int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    const std::string big(1 << 20, 'M');
+    ASSERT_TRUE(sink.send(message(big), kStart));
+    ASSERT_GT(sink.queue().written(), 0u) << "under way in part";
+
+    sink.outOfMemory(kStart);
+    EXPECT_EQ(sink.state(), TrapSink::State::kWaiting);
+    EXPECT_EQ(loop.fd, -1) << "the dropped connection is forgotten";
+    EXPECT_EQ(sink.fd(), -1);
+    EXPECT_EQ(loop.wake, kStart + kShortageRetry);
+    EXPECT_EQ(sink.queue().messages(), 1u);
+    EXPECT_EQ(sink.queue().written(), 0u) << "the message goes again from its start";
+    close(accepted);
+
+    sink.onTimer(kStart + kShortageRetry);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + kShortageRetry,
+                         [&] { return sink.state() == TrapSink::State::kConnected; }));
+    accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    std::string received;
+    for (int round = 0; round < 2000 && received.size() < big.size(); round++) {
+        runUntil(sink, loop, kStart + kShortageRetry, [] { return true; });
+        received += receive(accepted, 1);
+        sink.onWritable(kStart + kShortageRetry);
+    }
+    received += receive(accepted, big.size() - received.size());
+    EXPECT_TRUE(received == big) << "the whole message from its first byte, " << received.size()
+                                 << " bytes";
+    close(accepted);
+    close(server);
+}
+
+// The descriptors the process holds.
+size_t openDescriptors()
+{
+    size_t count = 0;
+    for (int fd = 0; fd < 1024; fd++) {
+        count += fcntl(fd, F_GETFD) != -1 ? 1u : 0u;
+    }
+    return count;
+}
+
+TEST(OneTrapSink, ARefusalWithoutMemoryToLogItChangesNothingAndLeaksNoSocket)
+{
+    FakeLoop loop;
+    TrapSink sink(addressOf(closedPort(), true), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error));
+    ASSERT_TRUE(
+        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; }));
+    ASSERT_EQ(sink.retryAt(), kStart + 1s);
+    const size_t descriptors = openDescriptors();
+    loop.forgotten.reserve(16); // the fake loop allocates nothing meanwhile
+
+    // The next attempt is refused, and the reason it would log cannot be
+    // made (or, refused later, the socket cannot be watched).
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    bool threw = false;
+    try {
+        sink.onTimer(kStart + 1s);
+        runUntil(sink, loop, kStart + 1s,
+                 [&] { return sink.state() == TrapSink::State::kWaiting; });
+    } catch (const std::bad_alloc &) {
+        threw = true;
+    }
+    kelp::test::failNthAllocation(0);
+    ASSERT_TRUE(threw);
+    ASSERT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
+    sink.outOfMemory(kStart + 1s);
+    EXPECT_EQ(openDescriptors(), descriptors) << "the attempt's socket is closed";
+    EXPECT_EQ(loop.wake, kStart + 1s + kShortageRetry);
+
+    // The attempt after the shortage is the second of the series: its
+    // refusal waits twice the first delay, as if the shortage had not been.
+    sink.onTimer(kStart + 2s);
+    ASSERT_TRUE(runUntil(sink, loop, kStart + 2s, [&] {
+        return sink.state() == TrapSink::State::kWaiting && sink.fd() < 0;
+    }));
+    EXPECT_EQ(sink.retryAt(), kStart + 4s);
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
 TEST(OneTrapSink, AUnixStreamSinkWorksLikeTcp)
 {
     char dir[] = "/tmp/kelp-sink-XXXXXX";
@@ -544,6 +644,31 @@ TEST_F(InformSink, AnUnacknowledgedInformIsSentAgainAndGivenUpAfterItsLastRetry)
     answer(testing::snmpMessage(kResponsePduTag, 7));
     ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, 8)), kStart + 4s));
     EXPECT_EQ(received(), (std::vector<int32_t>{8}));
+}
+
+TEST_F(InformSink, ASinkOutOfMemoryStopsWatchingItsSocketAndReadsItAgainAfterASecond)
+{
+    ASSERT_TRUE(sink->send(message(testing::snmpMessage(kInformPduTag, 31)), kStart));
+    EXPECT_EQ(received(), (std::vector<int32_t>{31}));
+    answer(testing::snmpMessage(kResponsePduTag, 31));
+    // The Response is there, and reading it runs out of memory.
+    pollfd entry{sink->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&entry, 1, 5000), 1);
+    kelp::test::failNthAllocation(1);
+    EXPECT_THROW(sink->onReadable(kStart), std::bad_alloc);
+    kelp::test::failNthAllocation(0);
+
+    sink->outOfMemory(kStart);
+    EXPECT_EQ(loop.fd, -1) << "a socket that stays readable would call again at once";
+    EXPECT_GE(sink->fd(), 0) << "the socket is kept";
+    EXPECT_EQ(loop.wake, kStart + kShortageRetry);
+    EXPECT_EQ(sink->informs().size(), 1u);
+
+    sink->onTimer(kStart + kShortageRetry);
+    EXPECT_EQ(loop.fd, sink->fd());
+    EXPECT_TRUE(loop.readable);
+    ASSERT_TRUE(acknowledged(0)) << "the Response waiting is read";
+    EXPECT_EQ(sink->queue().droppedTotal(), 0u);
 }
 
 TEST_F(InformSink, ARetriedInformThatIsThenAcknowledgedIsDone)

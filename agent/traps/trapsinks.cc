@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -80,10 +81,14 @@ TrapSinks::TrapSinks(const TrapSinkSettings &settings)
         address.length = parsed.length;
         auto sink = std::make_unique<TrapSink>(std::move(address), static_cast<SinkLoop *>(this),
                                                kSinkLimits, settings.inform);
+        // Made now, so that asking for a timer later allocates nothing (a
+        // sink out of memory asks for one).
+        alarms_.emplace(sink.get(), std::make_unique<Alarm>(Alarm{sink.get(), 0}));
         std::string error;
         if (!sink->open(now, &error)) {
             logUnusable(text, "not a reachable address");
             logAt(LogLevel::kDebug, "trap sink %s: %s", text.c_str(), error.c_str());
+            alarms_.erase(sink.get());
             continue;
         }
         sinks_.push_back(std::move(sink));
@@ -217,14 +222,16 @@ void TrapSinks::wakeAt(TrapSink *sink, std::optional<SinkClock::time_point> when
     }
 }
 
+// net-snmp calls these from its loop: what they throw (std::bad_alloc) must
+// not unwind into the library, and the sink goes on once memory is back.
 void TrapSinks::onReadable(int, void *sink)
 {
-    static_cast<TrapSink *>(sink)->onReadable(SinkClock::now());
+    handle(static_cast<TrapSink *>(sink), &TrapSink::onReadable);
 }
 
 void TrapSinks::onWritable(int, void *sink)
 {
-    static_cast<TrapSink *>(sink)->onWritable(SinkClock::now());
+    handle(static_cast<TrapSink *>(sink), &TrapSink::onWritable);
 }
 
 void TrapSinks::onAlarm(unsigned int, void *alarm)
@@ -232,7 +239,17 @@ void TrapSinks::onAlarm(unsigned int, void *alarm)
     // A one-time alarm: net-snmp removes it once this returns.
     auto *fired = static_cast<Alarm *>(alarm);
     fired->registration = 0;
-    fired->sink->onTimer(SinkClock::now());
+    handle(fired->sink, &TrapSink::onTimer);
+}
+
+void TrapSinks::handle(TrapSink *sink, void (TrapSink::*event)(SinkClock::time_point))
+{
+    const SinkClock::time_point now = SinkClock::now();
+    try {
+        (sink->*event)(now);
+    } catch (const std::bad_alloc &) {
+        sink->outOfMemory(now);
+    }
 }
 
 } // namespace kelp::agent

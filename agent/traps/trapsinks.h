@@ -84,6 +84,9 @@ class TrapSinks final : private SinkLoop {
     static void onReadable(int fd, void *sink);
     static void onWritable(int fd, void *sink);
     static void onAlarm(unsigned int registration, void *alarm);
+    // Runs one of the sink's events; one that runs out of memory is caught
+    // here and the sink told (TrapSink::outOfMemory).
+    static void handle(TrapSink *sink, void (TrapSink::*event)(SinkClock::time_point));
 
     bool v1_;
     std::string community_;

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -167,15 +168,26 @@ int V3InformSink::onEvent(int operation, snmp_session *, int requestId, snmp_pdu
     if (self->closing_) {
         return 1;
     }
-    switch (operation) {
-    case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
-        return pdu != nullptr && self->received(requestId, *pdu) ? 1 : 0;
-    case NETSNMP_CALLBACK_OP_TIMED_OUT:
-    case NETSNMP_CALLBACK_OP_SEND_FAILED:
-        self->timedOut(requestId);
-        return 1;
-    default:
-        // A Report's security error: the call with the message follows.
+    // What runs out of memory here must not unwind into net-snmp, which
+    // called from its loop. Only the sends of waiting informs and the
+    // report of drops allocate, after the request's own outcome is
+    // recorded, so the request is done.
+    try {
+        switch (operation) {
+        case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
+            return pdu != nullptr && self->received(requestId, *pdu) ? 1 : 0;
+        case NETSNMP_CALLBACK_OP_TIMED_OUT:
+        case NETSNMP_CALLBACK_OP_SEND_FAILED:
+            self->timedOut(requestId);
+            return 1;
+        default:
+            // A Report's security error: the call with the message follows.
+            return 1;
+        }
+    } catch (const std::bad_alloc &) {
+        logAt(LogLevel::kWarning,
+              "trap sink %s: out of memory; its waiting informs go with its next event",
+              self->name_.c_str());
         return 1;
     }
 }
@@ -448,14 +460,22 @@ void V3InformSink::sendWaiting()
         return;
     }
     while (flying_.size() < policy_.window && !queue_.empty()) {
-        PduPtr pdu = std::move(queue_.front());
-        queue_.pop_front();
-        const int requestId = static_cast<int>(pdu->reqid);
-        long messageId = 0;
-        if (flying_.count(requestId) != 0 || !sendCopy(*pdu, &messageId)) {
+        const int requestId = static_cast<int>(queue_.front()->reqid);
+        if (flying_.count(requestId) != 0) {
+            queue_.pop_front();
             continue;
         }
-        flying_[requestId] = Flying{std::move(pdu), 1, messageId};
+        // Its place first: without memory for it the inform stays queued,
+        // and none goes out untracked.
+        Flying &flying = flying_[requestId];
+        PduPtr pdu = std::move(queue_.front());
+        queue_.pop_front();
+        if (!sendCopy(*pdu, &flying.messageId)) {
+            flying_.erase(requestId);
+            continue;
+        }
+        flying.pdu = std::move(pdu);
+        flying.sends = 1;
     }
     reportDrops();
 }

@@ -1,0 +1,160 @@
+// The trap sinks on net-snmp's own loop (its watched sockets and alarms), as
+// the agent runs them: an event of a sink that runs out of memory stays out
+// of the library, and the sink goes on once memory is back.
+#include "traps/trapsinks.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent,
+// then the library's large descriptor sets.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <net-snmp/library/large_fd_set.h>
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "log.h"
+#include "testing/failing_new.h"
+#include "traps/trapmessage.h"
+
+namespace kelp::agent {
+namespace {
+
+using namespace std::chrono_literals;
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+// A loopback TCP port nobody listens on (a moment ago).
+int closedPort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in any = loopback(0);
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&bound), &length) != 0) {
+        close(fd);
+        return -1;
+    }
+    close(fd);
+    return ntohs(bound.sin_port);
+}
+
+int listener(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    const sockaddr_in at = loopback(port);
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) != 0 || listen(fd, 4) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// One turn of net-snmp's loop as the agent makes it, for the sinks alone:
+// their sockets' events, then the alarms that are due.
+void loopOnce()
+{
+    netsnmp_large_fd_set readFds, writeFds, exceptFds;
+    netsnmp_large_fd_set_init(&readFds, FD_SETSIZE);
+    netsnmp_large_fd_set_init(&writeFds, FD_SETSIZE);
+    netsnmp_large_fd_set_init(&exceptFds, FD_SETSIZE);
+    int fds = 0;
+    netsnmp_external_event_info2(&fds, &readFds, &writeFds, &exceptFds);
+    timeval wait{0, 10000};
+    int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, &wait);
+    if (count > 0) {
+        netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
+    }
+    run_alarms();
+    netsnmp_large_fd_set_cleanup(&readFds);
+    netsnmp_large_fd_set_cleanup(&writeFds);
+    netsnmp_large_fd_set_cleanup(&exceptFds);
+}
+
+// Turns the loop for `period`, or until `done` holds.
+template <typename Done> bool loopFor(std::chrono::milliseconds period, Done done)
+{
+    const auto end = std::chrono::steady_clock::now() + period;
+    while (!done() && std::chrono::steady_clock::now() < end) {
+        loopOnce();
+    }
+    return done();
+}
+
+TEST(TrapSinksOnTheLoop, AnEventOutOfMemoryStaysOutOfNetsnmpAndTheSinkGoesOnAfterIt)
+{
+    ASSERT_TRUE(logOpen(LogSink::kStderrStamped, LogLevel::kInfo));
+    const int port = closedPort();
+    ASSERT_GT(port, 0);
+    const std::string name = "tcp:127.0.0.1:" + std::to_string(port);
+    TrapSinkSettings settings;
+    settings.addresses = {name};
+    settings.community = "public";
+    testing::internal::CaptureStderr();
+    TrapSinks sinks(settings);
+    ASSERT_EQ(sinks.count(), 1u);
+    // Refused: the next attempt is an alarm a second away.
+    loopFor(200ms, [] { return false; });
+
+    // That attempt is refused again, and the first thing it allocates (the
+    // reason it logs) fails.
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    EXPECT_NO_THROW(loopFor(1500ms, [&] { return kelp::test::failedAllocations() > failedBefore; }))
+        << "an exception unwound out of net-snmp's run_alarms";
+    kelp::test::failNthAllocation(0);
+    EXPECT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
+
+    // The receiver comes up; the trap sent meanwhile waits in the queue and
+    // arrives on the attempt a second after the shortage.
+    const int server = listener(port);
+    ASSERT_GE(server, 0);
+    std::vector<std::string> took;
+    EXPECT_EQ(sinks.send(coldStartTrap(), &took), SM_SNMP_NOERROR);
+    EXPECT_EQ(took, std::vector<std::string>{name});
+    int accepted = -1;
+    ASSERT_TRUE(loopFor(3000ms, [&] {
+        pollfd entry{server, POLLIN, 0};
+        if (accepted < 0 && poll(&entry, 1, 0) == 1) {
+            accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+        }
+        pollfd data{accepted, POLLIN, 0};
+        return accepted >= 0 && poll(&data, 1, 0) == 1;
+    })) << "the sink did not connect again";
+    char bytes[512];
+    EXPECT_GT(recv(accepted, bytes, sizeof bytes, 0), 0);
+    close(accepted);
+    close(server);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("trap sink " + name +
+                       ": out of memory; its traps wait in its queue, next attempt in 1 s"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("trap sink " + name + ": going on after the shortage of memory"),
+              std::string::npos)
+        << log;
+}
+
+} // namespace
+} // namespace kelp::agent
