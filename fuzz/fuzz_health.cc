@@ -1,9 +1,10 @@
 // A drive's answers about its health, as a drive's firmware, a SCSI-to-ATA
 // translation or a captured tree's files give them to the live source. The
-// first byte picks the decoder (its value modulo 6: the NVMe SMART log, the
+// first byte picks the decoder (its value modulo 7: the NVMe SMART log, the
 // SCSI informational exceptions page, the ATA status return descriptor, the
 // sense data an ATA pass-through leaves, an ATA disk's SMART data, a SCSI
-// disk's temperature page); the rest is the answer, in a buffer of exactly
+// disk's temperature page, an NVMe controller's Identify data); the rest is
+// the answer, in a buffer of exactly
 // its size, so that a read past it is out of bounds.
 #include <cstddef>
 #include <cstdint>
@@ -23,7 +24,7 @@ bool sameHealth(const DriveHealth &a, const DriveHealth &b)
 {
     return a.failurePredicted == b.failurePredicted && a.lifeRemaining == b.lifeRemaining &&
            a.readOnly == b.readOnly && a.temperatureC == b.temperatureC &&
-           a.highWarningC == b.highWarningC && a.why == b.why;
+           a.highWarningC == b.highWarningC && a.highCriticalC == b.highCriticalC && a.why == b.why;
 }
 
 // A temperature a decoder gives is one a drive can report.
@@ -50,14 +51,16 @@ void checkDecoder(Decoder decode, std::string_view answer, bool givesLife)
                          : !health.lifeRemaining && !health.readOnly);
     FUZZ_CHECK(plausible(health.temperatureC, -273, 65535 - 273));
     FUZZ_CHECK(plausible(health.highWarningC, 1, 254));
+    FUZZ_CHECK(!health.highCriticalC);
     DriveHealth again;
     FUZZ_CHECK(decode(answer, &again, &error));
     FUZZ_CHECK(sameHealth(health, again));
 }
 
-// SMART data and the temperature page add temperatures to what the status
-// or the exceptions page said, and change nothing else.
-void checkAddition(Decoder decode, std::string_view answer, int highest)
+// SMART data, the temperature page and the Identify data add temperatures
+// to what the status, the exceptions page or the SMART log said, and change
+// nothing else.
+void checkAddition(Decoder decode, std::string_view answer, int lowest, int highest)
 {
     DriveHealth health;
     health.failurePredicted = true;
@@ -69,10 +72,12 @@ void checkAddition(Decoder decode, std::string_view answer, int highest)
         FUZZ_CHECK(sameHealth(health, before));
         return;
     }
-    FUZZ_CHECK(plausible(health.temperatureC, 0, highest));
-    FUZZ_CHECK(plausible(health.highWarningC, 0, highest));
+    FUZZ_CHECK(plausible(health.temperatureC, lowest, highest));
+    FUZZ_CHECK(plausible(health.highWarningC, lowest, highest));
+    FUZZ_CHECK(plausible(health.highCriticalC, lowest, highest));
     health.temperatureC.reset();
     health.highWarningC.reset();
+    health.highCriticalC.reset();
     FUZZ_CHECK(sameHealth(health, before));
 }
 
@@ -84,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const std::vector<char> buffer(data + 1, data + size);
     const std::string_view answer(buffer.data(), buffer.size());
-    switch (data[0] % 6) {
+    switch (data[0] % 7) {
     case 0:
         checkDecoder(kelp::live::decodeNvmeSmartLog, answer, true);
         break;
@@ -95,10 +100,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         checkDecoder(kelp::live::decodeAtaSmartStatus, answer, false);
         break;
     case 4:
-        checkAddition(kelp::live::decodeAtaSmartData, answer, 127);
+        checkAddition(kelp::live::decodeAtaSmartData, answer, 0, 127);
         break;
     case 5:
-        checkAddition(kelp::live::decodeTemperaturePage, answer, 254);
+        checkAddition(kelp::live::decodeTemperaturePage, answer, 0, 254);
+        break;
+    case 6:
+        // Kelvin in 16 bits, 0 K meaning none.
+        checkAddition(kelp::live::decodeNvmeIdentifyController, answer, 1 - 273, 65535 - 273);
         break;
     default: {
         std::string descriptor;

@@ -431,11 +431,15 @@ TEST_F(AgentLiveFixture, WorkstationArraysAndNvme)
     // The same widths on their namespaces' rows; the SATA disks have none.
     EXPECT_EQ(columnOf(w, table("130.4"), 53), (Column{"INTEGER: 4", "INTEGER: 2"})) << w;
     // nvme0's probe is its hwmon's; nvme1 has none, and its SMART log's
-    // composite temperature (314 K) stands for it; sda and sdb give theirs in
-    // their SMART data (attribute 194, and 190 alone).
+    // composite temperature (314 K) stands for it, with its Identify data's
+    // warning and critical thresholds (348 and 358 K); sda and sdb give
+    // theirs in their SMART data (attribute 194, and 190 alone), without
+    // thresholds.
     EXPECT_EQ(columnOf(w, table("130.11"), 11),
               (Column{"INTEGER: 38", "INTEGER: 34", "INTEGER: 35", "INTEGER: 41"}))
         << w;
+    EXPECT_EQ(columnOf(w, table("130.11"), 9), (Column{"INTEGER: 84", "INTEGER: 75"})) << w;
+    EXPECT_EQ(columnOf(w, table("130.11"), 10), (Column{"INTEGER: 84", "INTEGER: 85"})) << w;
 }
 
 TEST_F(AgentLiveFixture, VmVirtioDisksWithTheirSizes)

@@ -24,6 +24,7 @@ namespace {
 
 constexpr unsigned kTimeoutMs = 10000;
 constexpr size_t kSmartLogBytes = 512;
+constexpr size_t kIdentifyBytes = 4096;
 constexpr size_t kLogPageBytes = 1024;
 constexpr size_t kAtaDescriptorBytes = 14;
 constexpr size_t kAtaSmartDataBytes = 512;
@@ -112,6 +113,24 @@ bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *
         health->temperatureC = kelvin - kKelvinAtZeroCelsius;
     health->why =
         "critical warning " + hex2(warning) + ", " + std::to_string(used) + "% of rated life used";
+    return true;
+}
+
+bool decodeNvmeIdentifyController(std::string_view data, DriveHealth *health, std::string *error)
+{
+    if (data.size() < kIdentifyBytes) {
+        *error = "Identify Controller data of " + std::to_string(data.size()) + " bytes, not " +
+                 std::to_string(kIdentifyBytes);
+        return false;
+    }
+    // WCTEMP and CCTEMP, in kelvin, little endian; 0 when the controller
+    // reports none.
+    const int warning = byteAt(data, 266) | byteAt(data, 267) << 8;
+    const int critical = byteAt(data, 268) | byteAt(data, 269) << 8;
+    if (warning != 0)
+        health->highWarningC = warning - kKelvinAtZeroCelsius;
+    if (critical != 0)
+        health->highCriticalC = critical - kKelvinAtZeroCelsius;
     return true;
 }
 
@@ -319,29 +338,52 @@ HealthRead readAta(int fd, DriveHealth *health, std::string *error)
     return HealthRead::kRead;
 }
 
-HealthRead readNvme(int fd, DriveHealth *health, std::string *error)
+// One admin command that reads `data`: false with *error (naming `what`)
+// when the kernel or the controller refuses it.
+bool nvmeAdminRead(int fd, const char *what, uint8_t opcode, uint32_t nsid, uint32_t cdw10,
+                   uint8_t *data, size_t size, std::string *error)
 {
-    std::array<uint8_t, kSmartLogBytes> log{};
     nvme_admin_cmd cmd{};
-    cmd.opcode = 0x02; // Get Log Page
-    cmd.nsid = 0xffffffffu;
-    cmd.addr = reinterpret_cast<uintptr_t>(log.data());
-    cmd.data_len = static_cast<uint32_t>(log.size());
-    cmd.cdw10 = static_cast<uint32_t>((log.size() / 4 - 1) << 16 | 0x02);
+    cmd.opcode = opcode;
+    cmd.nsid = nsid;
+    cmd.addr = reinterpret_cast<uintptr_t>(data);
+    cmd.data_len = static_cast<uint32_t>(size);
+    cmd.cdw10 = cdw10;
     cmd.timeout_ms = kTimeoutMs;
     const int r = ioctl(fd, NVME_IOCTL_ADMIN_CMD, &cmd);
     if (r < 0) {
-        *error = "Get Log Page: " + rt::errnoText(errno);
-        return HealthRead::kFailed;
+        *error = std::string(what) + ": " + rt::errnoText(errno);
+        return false;
     }
     if (r > 0) {
         char status[16];
         std::snprintf(status, sizeof status, "0x%x", static_cast<unsigned>(r));
-        *error = std::string("Get Log Page: NVMe status ") + status;
-        return HealthRead::kFailed;
+        *error = std::string(what) + ": NVMe status " + status;
+        return false;
     }
+    return true;
+}
+
+HealthRead readNvme(int fd, DriveHealth *health, std::string *error)
+{
+    std::array<uint8_t, kSmartLogBytes> log{};
+    if (!nvmeAdminRead(fd, "Get Log Page", 0x02, 0xffffffffu,
+                       static_cast<uint32_t>((log.size() / 4 - 1) << 16 | 0x02), log.data(),
+                       log.size(), error))
+        return HealthRead::kFailed;
     const std::string_view answer(reinterpret_cast<const char *>(log.data()), log.size());
-    return decodeNvmeSmartLog(answer, health, error) ? HealthRead::kRead : HealthRead::kFailed;
+    if (!decodeNvmeSmartLog(answer, health, error))
+        return HealthRead::kFailed;
+    // The thresholds are an extra: a controller that does not identify
+    // itself still gave its log.
+    std::array<uint8_t, kIdentifyBytes> identify{};
+    std::string ignored;
+    if (nvmeAdminRead(fd, "Identify", 0x06, 0, 0x01 /* CNS: the controller */, identify.data(),
+                      identify.size(), &ignored))
+        decodeNvmeIdentifyController(
+            std::string_view(reinterpret_cast<const char *>(identify.data()), identify.size()),
+            health, &ignored);
+    return HealthRead::kRead;
 }
 
 // The capture files of each kind of drive: the first is its answer, a
@@ -355,6 +397,7 @@ struct FileRow {
 };
 constexpr FileRow kFiles[] = {
     {HealthKind::kNvme, false, "smart-log.bin", kSmartLogBytes, decodeNvmeSmartLog},
+    {HealthKind::kNvme, true, "id-ctrl.bin", kIdentifyBytes, decodeNvmeIdentifyController},
     {HealthKind::kScsi, false, "log-2f.bin", kLogPageBytes, decodeInformationalExceptions},
     {HealthKind::kScsi, true, "log-0d.bin", kLogPageBytes, decodeTemperaturePage},
     {HealthKind::kAta, false, "ata-status.bin", kAtaDescriptorBytes, decodeAtaSmartStatus},

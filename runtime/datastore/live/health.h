@@ -6,6 +6,8 @@
 // the fixtures):
 //
 //   /dev/nvmeX.health/smart-log.bin   the 512-byte log page 0x02
+//   /dev/nvmeX.health/id-ctrl.bin     the 4096 bytes of Identify Controller
+//                                     (optional: the temperature thresholds)
 //   /dev/sgN.health/log-2f.bin        LOG SENSE page 0x2f as the disk gave it
 //   /dev/sgN.health/log-0d.bin        LOG SENSE page 0x0d (optional: the
 //                                     disk's temperature and its reference)
@@ -25,7 +27,8 @@ namespace kelp::live {
 
 // How a drive is asked.
 enum class HealthKind {
-    kNvme, // admin Get Log Page 0x02 on the controller's character device
+    kNvme, // admin Get Log Page 0x02, then Identify Controller, on the
+           // controller's character device
     kScsi, // LOG SENSE, informational exceptions page 0x2f, then the
            // temperature page 0x0d
     kAta,  // ATA PASS-THROUGH(16) SMART RETURN STATUS and SMART READ DATA,
@@ -46,9 +49,13 @@ struct DriveHealth {
     // The drive's own temperature, in degrees Celsius: an NVMe controller's
     // composite temperature, a SCSI disk's most recent temperature reading,
     // an ATA disk's temperature attribute (194, else 190);
-    // and the temperature from which it warns (the SCSI disk's trip point).
+    // the temperature from which it warns (the SCSI disk's trip point or
+    // reference temperature, the NVMe controller's warning composite
+    // temperature threshold); and the one from which it is critical (the
+    // NVMe controller's critical composite temperature threshold).
     std::optional<int> temperatureC;
     std::optional<int> highWarningC;
+    std::optional<int> highCriticalC;
     // What was seen, for notes: "critical warning 0x04", "asc/ascq 0x5d/0x10".
     std::string why;
 };
@@ -64,6 +71,11 @@ enum class HealthRead {
 // Decoders of the raw answers. False with *error for data that is not such
 // an answer (too short, another page, an unknown layout).
 bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *error);
+// Adds to *health an NVMe controller's temperature thresholds from its
+// Identify Controller data (4096 bytes): the warning and the critical
+// composite temperature thresholds (kelvin, bytes 266-267 and 268-269),
+// each where not 0.
+bool decodeNvmeIdentifyController(std::string_view data, DriveHealth *health, std::string *error);
 bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, std::string *error);
 bool decodeAtaSmartStatus(std::string_view descriptor, DriveHealth *health, std::string *error);
 // Adds to *health what a SCSI disk's temperature log page (0x0d) says: its

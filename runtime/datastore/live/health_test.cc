@@ -44,6 +44,39 @@ TEST(HealthTest, AnNvmeCriticalWarningOtherThanTemperaturePredictsFailure)
     EXPECT_FALSE(decodeNvmeSmartLog("", &h, &error));
 }
 
+TEST(HealthTest, AnNvmeControllerGivesItsTemperatureThresholdsInItsIdentifyData)
+{
+    DriveHealth h;
+    h.temperatureC = 43;
+    h.why = "critical warning 0x00";
+    std::string error;
+    // 343 K and 358 K.
+    ASSERT_TRUE(decodeNvmeIdentifyController(testing::identifyController(343, 358), &h, &error))
+        << error;
+    EXPECT_EQ(h.highWarningC, 70);
+    EXPECT_EQ(h.highCriticalC, 85);
+    EXPECT_EQ(h.temperatureC, 43) << "what the SMART log said stays";
+    EXPECT_EQ(h.why, "critical warning 0x00");
+    // 0 is no threshold; each stands alone.
+    DriveHealth none;
+    ASSERT_TRUE(decodeNvmeIdentifyController(testing::identifyController(0, 358), &none, &error));
+    EXPECT_FALSE(none.highWarningC);
+    EXPECT_EQ(none.highCriticalC, 85);
+    ASSERT_TRUE(decodeNvmeIdentifyController(testing::identifyController(0, 0), &none, &error));
+    EXPECT_FALSE(none.highWarningC);
+    // Both bytes count: 0x0161 K is 353 K.
+    ASSERT_TRUE(decodeNvmeIdentifyController(testing::identifyController(0x161, 0), &none, &error));
+    EXPECT_EQ(none.highWarningC, 80);
+    // Cut short: refused, and nothing changes.
+    DriveHealth cut;
+    EXPECT_FALSE(decodeNvmeIdentifyController(testing::identifyController(343, 358).substr(0, 4095),
+                                              &cut, &error));
+    EXPECT_NE(error.find("4095 bytes"), std::string::npos) << error;
+    EXPECT_FALSE(cut.highWarningC);
+    EXPECT_FALSE(cut.highCriticalC);
+    EXPECT_FALSE(decodeNvmeIdentifyController("", &cut, &error));
+}
+
 TEST(HealthTest, AScsiFailurePredictionIsAsc5d)
 {
     DriveHealth h;
@@ -357,6 +390,25 @@ TEST(HealthTest, AnAtaDisksSmartDataFileAddsItsTemperature)
         << error;
     EXPECT_EQ(h.temperatureC, 44);
     EXPECT_EQ(h.highWarningC, 68);
+    EXPECT_FALSE(h.highCriticalC);
+    // An NVMe controller's Identify data beside its SMART log; a bad one is
+    // named; Identify data without a log is no answer.
+    t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0, 3));
+    t.file("dev/nvme0.health/id-ctrl.bin", testing::identifyController(343, 358));
+    t.file("dev/nvme1.health/smart-log.bin", testing::smartLog(0, 3));
+    t.file("dev/nvme1.health/id-ctrl.bin", "short");
+    t.file("dev/nvme2.health/id-ctrl.bin", testing::identifyController(343, 358));
+    ASSERT_EQ(readHealthFiles(HealthKind::kNvme, dev + "nvme0.health", &h, &error),
+              HealthRead::kRead)
+        << error;
+    EXPECT_EQ(h.temperatureC, 43);
+    EXPECT_EQ(h.highWarningC, 70);
+    EXPECT_EQ(h.highCriticalC, 85);
+    EXPECT_EQ(readHealthFiles(HealthKind::kNvme, dev + "nvme1.health", &h, &error),
+              HealthRead::kFailed);
+    EXPECT_NE(error.find("nvme1.health/id-ctrl.bin"), std::string::npos) << error;
+    EXPECT_EQ(readHealthFiles(HealthKind::kNvme, dev + "nvme2.health", &h, &error),
+              HealthRead::kUnsupported);
 }
 
 TEST(HealthTest, ADeviceThatIsNoDriveFailsWithItsName)

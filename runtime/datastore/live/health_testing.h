@@ -22,6 +22,20 @@ inline std::string smartLog(unsigned warning, unsigned used)
     return log;
 }
 
+// An NVMe controller's Identify Controller data (4096 bytes) with its
+// warning and critical composite temperature thresholds, in kelvin.
+inline std::string identifyController(unsigned warningK, unsigned criticalK)
+{
+    std::string data(4096, '\0');
+    data[0] = 0x4d; // PCI vendor id
+    data[1] = 0x14;
+    data[266] = static_cast<char>(warningK & 0xff);
+    data[267] = static_cast<char>(warningK >> 8);
+    data[268] = static_cast<char>(criticalK & 0xff);
+    data[269] = static_cast<char>(criticalK >> 8);
+    return data;
+}
+
 // LOG SENSE page 0x2f with its general parameter (code 0) alone: the
 // exception's code and qualifier, the temperature and the trip point.
 inline std::string iePage(unsigned asc, unsigned ascq, unsigned temperature = 38,

@@ -615,7 +615,7 @@ void applyHealth(ScanState &s, const ScanState::HealthQuery &q, const DriveHealt
     // controller's first namespace, as hwmon's would be.
     if (h.temperatureC && !q.disks.empty())
         addDiskProbe(s, q.disks.front(),
-                     DiskTemperatures{h.temperatureC, h.highWarningC, {}, {}, {}});
+                     DiskTemperatures{h.temperatureC, h.highWarningC, h.highCriticalC, {}, {}});
 }
 
 } // namespace

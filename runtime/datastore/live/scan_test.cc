@@ -1308,11 +1308,12 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     addScsiHostOn(t, "0000:0d:00.0", "0x010700", "mpt3sas", 6, "sdg");
     t.file("dev/sdg.health/log-2f.bin", testing::iePage(0, 0, 0xff, 0xff));
     t.file("dev/sdg.health/log-0d.bin", testing::temperaturePage(35, 0xff));
-    // NVMe: nvme0 has no hwmon and says 316 K in its SMART log; nvme1's
-    // hwmon probe stands for it.
+    // NVMe: nvme0 has no hwmon and says 316 K in its SMART log, and its
+    // thresholds in its Identify data; nvme1's hwmon probe stands for it.
     addNvmeDrive(t, 0, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
     addNvmeDrive(t, 1, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
     t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0, 3));
+    t.file("dev/nvme0.health/id-ctrl.bin", testing::identifyController(343, 358));
     t.file("dev/nvme1.health/smart-log.bin", testing::smartLog(0, 3));
     const std::string nvme1 = "sys/devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1";
     t.file(nvme1 + "/hwmon3/name", "nvme\n");
@@ -1348,6 +1349,9 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     const LiveObject &nvme0 = only(scan, "tempprobes", "1\\0\\1\\3\\0");
     EXPECT_EQ(attrOf(nvme0, "Name"), "Temperature of /dev/nvme0n1");
     EXPECT_EQ(attrOf(nvme0, "CurrentTemp"), "43");
+    EXPECT_EQ(attrOf(nvme0, "MaxWarning"), "70");
+    EXPECT_EQ(attrOf(nvme0, "MaxError"), "85");
+    EXPECT_EQ(attrOf(nvme0, "ObjStatus"), "2");
     EXPECT_EQ(attrOf(only(scan, "tempprobes", "2\\0\\1\\3\\0"), "CurrentTemp"), "51")
         << "hwmon's reading";
     const LiveObject &sda = only(scan, "tempprobes", "0\\0\\0\\3\\0");
