@@ -9,6 +9,7 @@
 #include "traps/pduhead_testing.h"
 
 #include "testing/failing_new.h"
+#include "testing/loopback_sockets.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -77,58 +79,11 @@ bool runUntil(TrapSink &sink, FakeLoop &loop, SinkClock::time_point now, Done do
     return done();
 }
 
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-int portOf(int fd)
-{
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    return ntohs(address.sin_port);
-}
-
-// A socket of `type` bound to a free loopback port.
-int boundSocket(int type)
-{
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    const sockaddr_in any = loopback(0);
-    if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// A TCP listener on `port` (0: a free one).
-int listener(int port, int backlog = 16)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    const sockaddr_in at = loopback(port);
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) != 0 ||
-        listen(fd, backlog) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// A loopback TCP port nobody listens on (a moment ago).
-int closedPort()
-{
-    const int fd = boundSocket(SOCK_STREAM);
-    const int port = portOf(fd);
-    close(fd);
-    return port;
-}
+using kelp::test::boundSocket;
+using kelp::test::closedPort;
+using kelp::test::listener;
+using kelp::test::loopback;
+using kelp::test::portOf;
 
 SinkAddress addressOf(int port, bool stream)
 {
@@ -258,48 +213,73 @@ TEST(OneTrapSink, ARefusedConnectionIsRetriedWithBackOffAndTheTrapsWait)
     close(server);
 }
 
-TEST(OneTrapSink, AReceiverThatClosesIsReconnectedAndGetsThePartialMessageWhole)
-{
-    const int server = listener(0);
-    ASSERT_GE(server, 0);
-    const int small = 2048;
-    setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    FakeLoop loop;
-    TrapSink sink(addressOf(portOf(server), true), &loop);
-    std::string error;
-    ASSERT_TRUE(sink.open(kStart, &error));
-    ASSERT_TRUE(
-        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
-    int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_GE(accepted, 0);
-    // More than the two sockets' buffers hold: it goes out in part.
-    const std::string big(1 << 20, 'B');
-    ASSERT_TRUE(sink.send(message(big), kStart));
-    ASSERT_GT(sink.queue().written(), 0u);
-    ASSERT_FALSE(sink.queue().empty());
-
-    close(accepted);
-    ASSERT_TRUE(
-        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kWaiting; }));
-    EXPECT_EQ(sink.queue().written(), 0u);
-    EXPECT_EQ(sink.queue().messages(), 1u);
-
-    sink.onTimer(sink.retryAt());
-    ASSERT_TRUE(runUntil(sink, loop, kStart + 1s,
-                         [&] { return sink.state() == TrapSink::State::kConnected; }));
-    accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_GE(accepted, 0);
-    std::string received;
-    for (int round = 0; round < 2000 && received.size() < big.size(); round++) {
-        runUntil(sink, loop, kStart + 1s, [] { return true; });
-        received += receive(accepted, 1);
-        sink.onWritable(kStart + 1s);
+// A TCP sink connected to a receiver that reads slowly (a small receive
+// buffer), with a message larger than both sockets' buffers under way in
+// part: what happens to the connection must not cut the message.
+class PartlySentMessage : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        server = listener(0);
+        ASSERT_GE(server, 0);
+        const int small = 2048;
+        setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        sink = std::make_unique<TrapSink>(addressOf(portOf(server), true), &loop);
+        std::string error;
+        ASSERT_TRUE(sink->open(kStart, &error));
+        ASSERT_TRUE(runUntil(*sink, loop, kStart,
+                             [&] { return sink->state() == TrapSink::State::kConnected; }));
+        accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_GE(accepted, 0);
+        ASSERT_TRUE(sink->send(message(big), kStart));
+        ASSERT_GT(sink->queue().written(), 0u) << "under way in part";
+        ASSERT_FALSE(sink->queue().empty());
     }
-    received += receive(accepted, big.size() - received.size());
+    void TearDown() override
+    {
+        sink.reset();
+        close(accepted);
+        close(server);
+    }
+
+    // The sink's next connection, at `now`, and all it sends there.
+    std::string receivedOnTheNextConnection(SinkClock::time_point now)
+    {
+        if (!runUntil(*sink, loop, now,
+                      [&] { return sink->state() == TrapSink::State::kConnected; })) {
+            return "(not connected)";
+        }
+        close(accepted);
+        accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+        std::string received;
+        for (int round = 0; round < 2000 && received.size() < big.size(); round++) {
+            runUntil(*sink, loop, now, [] { return true; });
+            received += receive(accepted, 1);
+            sink->onWritable(now);
+        }
+        return received + receive(accepted, big.size() - received.size());
+    }
+
+    const std::string big = std::string(1 << 20, 'B');
+    int server = -1;
+    int accepted = -1;
+    FakeLoop loop;
+    std::unique_ptr<TrapSink> sink;
+};
+
+TEST_F(PartlySentMessage, AReceiverThatClosesIsReconnectedAndGetsTheMessageWhole)
+{
+    close(accepted);
+    accepted = -1;
+    ASSERT_TRUE(
+        runUntil(*sink, loop, kStart, [&] { return sink->state() == TrapSink::State::kWaiting; }));
+    EXPECT_EQ(sink->queue().written(), 0u);
+    EXPECT_EQ(sink->queue().messages(), 1u);
+
+    sink->onTimer(sink->retryAt());
+    const std::string received = receivedOnTheNextConnection(kStart + 1s);
     EXPECT_EQ(received.size(), big.size());
     EXPECT_TRUE(received == big) << "the whole message from its first byte";
-    close(accepted);
-    close(server);
 }
 
 TEST(OneTrapSink, AConnectionThatNeverCompletesIsGivenUpAndItsQueueOverflows)
@@ -411,49 +391,20 @@ TEST(OneTrapSink, ClosingForgetsTheSocketAndTheTimer)
     close(server);
 }
 
-TEST(OneTrapSink, AnEventOutOfMemoryStartsTheConnectionOverAndTheMessageGoesWhole)
+TEST_F(PartlySentMessage, AnEventOutOfMemoryStartsTheConnectionOverAndTheMessageGoesWhole)
 {
-    const int server = listener(0);
-    ASSERT_GE(server, 0);
-    const int small = 2048;
-    setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    FakeLoop loop;
-    TrapSink sink(addressOf(portOf(server), true), &loop);
-    std::string error;
-    ASSERT_TRUE(sink.open(kStart, &error));
-    ASSERT_TRUE(
-        runUntil(sink, loop, kStart, [&] { return sink.state() == TrapSink::State::kConnected; }));
-    int accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_GE(accepted, 0);
-    const std::string big(1 << 20, 'M');
-    ASSERT_TRUE(sink.send(message(big), kStart));
-    ASSERT_GT(sink.queue().written(), 0u) << "under way in part";
-
-    sink.outOfMemory(kStart);
-    EXPECT_EQ(sink.state(), TrapSink::State::kWaiting);
+    sink->outOfMemory(kStart);
+    EXPECT_EQ(sink->state(), TrapSink::State::kWaiting);
     EXPECT_EQ(loop.fd, -1) << "the dropped connection is forgotten";
-    EXPECT_EQ(sink.fd(), -1);
+    EXPECT_EQ(sink->fd(), -1);
     EXPECT_EQ(loop.wake, kStart + kShortageRetry);
-    EXPECT_EQ(sink.queue().messages(), 1u);
-    EXPECT_EQ(sink.queue().written(), 0u) << "the message goes again from its start";
-    close(accepted);
+    EXPECT_EQ(sink->queue().messages(), 1u);
+    EXPECT_EQ(sink->queue().written(), 0u) << "the message goes again from its start";
 
-    sink.onTimer(kStart + kShortageRetry);
-    ASSERT_TRUE(runUntil(sink, loop, kStart + kShortageRetry,
-                         [&] { return sink.state() == TrapSink::State::kConnected; }));
-    accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_GE(accepted, 0);
-    std::string received;
-    for (int round = 0; round < 2000 && received.size() < big.size(); round++) {
-        runUntil(sink, loop, kStart + kShortageRetry, [] { return true; });
-        received += receive(accepted, 1);
-        sink.onWritable(kStart + kShortageRetry);
-    }
-    received += receive(accepted, big.size() - received.size());
-    EXPECT_TRUE(received == big) << "the whole message from its first byte, " << received.size()
-                                 << " bytes";
-    close(accepted);
-    close(server);
+    sink->onTimer(kStart + kShortageRetry);
+    const std::string received = receivedOnTheNextConnection(kStart + kShortageRetry);
+    EXPECT_EQ(received.size(), big.size());
+    EXPECT_TRUE(received == big) << "the whole message from its first byte";
 }
 
 // The descriptors the process holds.

@@ -13,7 +13,6 @@
 
 #include <net-snmp/library/large_fd_set.h>
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,6 +25,7 @@
 
 #include "log.h"
 #include "testing/failing_new.h"
+#include "testing/loopback_sockets.h"
 #include "traps/trapmessage.h"
 
 namespace kelp::agent {
@@ -33,43 +33,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-// A loopback TCP port nobody listens on (a moment ago).
-int closedPort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in any = loopback(0);
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&bound), &length) != 0) {
-        close(fd);
-        return -1;
-    }
-    close(fd);
-    return ntohs(bound.sin_port);
-}
-
-int listener(int port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    const sockaddr_in at = loopback(port);
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) != 0 || listen(fd, 4) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
+using kelp::test::closedPort;
+using kelp::test::listener;
 
 // One turn of net-snmp's loop as the agent makes it, for the sinks alone:
 // their sockets' events, then the alarms that are due.

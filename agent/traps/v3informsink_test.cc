@@ -1,8 +1,10 @@
 // An SNMPv3 inform sink without a receiver: the user's keys made from its
 // pass phrases, targets net-snmp cannot use refused, informs queued (never
 // waited for) while the receiver's engine ID is unknown, the queue bounded.
-// The exchange with a receiver is tested with snmptrapd
-// (tests/agent/agent_security_test.cc).
+// With snmptrapd as the receiver, on net-snmp's own loop: an answer whose
+// handling runs out of memory stays out of the library and loses no inform.
+// The exchange through the agent is tested in
+// tests/agent/agent_security_test.cc.
 #include "traps/v3informsink.h"
 
 // net-snmp's headers in the order they need: configuration, library.
@@ -10,12 +12,24 @@
 
 #include <net-snmp/net-snmp-includes.h>
 
+#include <spawn.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "testing/failing_new.h"
+#include "testing/loopback_sockets.h"
 #include "traps/trapmessage.h"
 
 namespace kelp::agent {
@@ -117,6 +131,161 @@ TEST(V3InformSink, InformsWaitForDiscoveryWithoutWaitingAndTheQueueIsBounded)
     EXPECT_EQ(sink.underWay(), 0u);
     snmp_free_pdu(pdu);
     // The destructor closes the session with the discovery under way.
+}
+
+std::string readAll(const std::string &path)
+{
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+size_t occurrences(const std::string &text, const std::string &what)
+{
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        count++;
+    }
+    return count;
+}
+
+// snmptrapd on a free loopback port, logging (and acknowledging) what user
+// ann sends authenticated and encrypted; stopped by the destructor.
+class Snmptrapd {
+  public:
+    Snmptrapd()
+    {
+        char pattern[] = "/tmp/kelp-v3inform-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) {
+            return;
+        }
+        dir_ = pattern;
+        const int probe = kelp::test::boundSocket(SOCK_DGRAM);
+        port_ = kelp::test::portOf(probe);
+        close(probe);
+        std::ofstream(dir_ + "/snmptrapd.conf")
+            << "createUser ann SHA-512 auth-Phrase-7391 AES-256 priv-Phrase-5528\n"
+               "authUser log ann priv\n";
+        const std::string address = "udp:127.0.0.1:" + std::to_string(port_);
+        std::vector<std::string> args = {"/usr/sbin/snmptrapd",
+                                         "-f",
+                                         "-C",
+                                         "-c",
+                                         dir_ + "/snmptrapd.conf",
+                                         "-Lf",
+                                         log(),
+                                         "-On",
+                                         "-m",
+                                         "",
+                                         address};
+        std::vector<std::string> env = {"SNMPCONFPATH=" + dir_, "SNMP_PERSISTENT_DIR=" + dir_,
+                                        "MIBS="};
+        std::vector<char *> argv, envp;
+        for (std::string &a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        for (std::string &e : env) {
+            envp.push_back(e.data());
+        }
+        envp.push_back(nullptr);
+        if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), envp.data()) != 0) {
+            pid_ = -1;
+        }
+    }
+    ~Snmptrapd()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (!dir_.empty()) {
+            std::error_code ignored;
+            std::filesystem::remove_all(dir_, ignored);
+        }
+    }
+    Snmptrapd(const Snmptrapd &) = delete;
+    Snmptrapd &operator=(const Snmptrapd &) = delete;
+
+    // Up and listening: its log says so (at most 10 s).
+    bool ready() const
+    {
+        for (int i = 0; i < 1000 && pid_ > 0; i++) {
+            if (readAll(log()).find("NET-SNMP version") != std::string::npos) {
+                return true;
+            }
+            usleep(10000);
+        }
+        return false;
+    }
+    std::string log() const { return dir_ + "/trapd.log"; }
+    std::string target() const { return "udp:127.0.0.1:" + std::to_string(port_); }
+
+  private:
+    std::string dir_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// Turns net-snmp's loop (its sessions' sockets and time-outs) until `done`
+// holds, for at most `turns` turns of up to 10 ms.
+template <typename Done> bool turnUntil(int turns, Done done)
+{
+    for (int turn = 0; turn < turns && !done(); turn++) {
+        int fds = 0;
+        int block = 0;
+        fd_set readable;
+        FD_ZERO(&readable);
+        timeval wait{0, 10000};
+        snmp_select_info(&fds, &readable, &wait, &block);
+        timeval most{0, 10000};
+        if (select(fds, &readable, nullptr, nullptr, &most) > 0) {
+            snmp_read(&readable);
+        }
+        snmp_timeout();
+    }
+    return done();
+}
+
+TEST(V3InformSink, AnAnswerHandledWithoutMemoryStaysOutOfNetsnmpAndLosesNoInform)
+{
+    if (access("/usr/sbin/snmptrapd", X_OK) != 0) {
+        GTEST_SKIP() << "no /usr/sbin/snmptrapd";
+    }
+    Snmptrapd receiver;
+    ASSERT_TRUE(receiver.ready()) << readAll(receiver.log());
+    V3InformSink sink("inform:" + receiver.target(), InformPolicy{std::chrono::seconds(1), 2, 8});
+    std::string error;
+    ASSERT_TRUE(sink.open(receiver.target(), annUser(), &error)) << error;
+    std::string why;
+    snmp_pdu *first = informPdu(coldStart(), &why);
+    snmp_pdu *second = informPdu(coldStart(), &why);
+    ASSERT_NE(first, nullptr) << why;
+    ASSERT_NE(second, nullptr) << why;
+
+    // The first inform waits for discovery. The receiver's Report names its
+    // engine, and the first thing its handling allocates (the inform's place
+    // among those under way) fails.
+    ASSERT_TRUE(sink.send(*first));
+    const size_t failedBefore = kelp::test::failedAllocations();
+    kelp::test::failNthAllocation(1);
+    EXPECT_NO_THROW(turnUntil(300, [&] { return kelp::test::failedAllocations() > failedBefore; }))
+        << "an exception unwound out of net-snmp's snmp_read";
+    kelp::test::failNthAllocation(0);
+    ASSERT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
+    EXPECT_TRUE(sink.discovered());
+    EXPECT_EQ(sink.waiting(), 1u) << "the inform that could not go waits";
+    EXPECT_EQ(sink.underWay(), 0u);
+
+    // The next trap takes it along: both arrive and are acknowledged.
+    ASSERT_TRUE(sink.send(*second));
+    EXPECT_TRUE(turnUntil(500, [&] {
+        return sink.waiting() == 0 && sink.underWay() == 0 &&
+               occurrences(readAll(receiver.log()), ".1.3.6.1.6.3.1.1.5.1") == 2;
+    })) << readAll(receiver.log());
+    snmp_free_pdu(first);
+    snmp_free_pdu(second);
 }
 
 } // namespace
