@@ -24,7 +24,8 @@ bool sameHealth(const DriveHealth &a, const DriveHealth &b)
 {
     return a.failurePredicted == b.failurePredicted && a.lifeRemaining == b.lifeRemaining &&
            a.readOnly == b.readOnly && a.temperatureC == b.temperatureC &&
-           a.highWarningC == b.highWarningC && a.highCriticalC == b.highCriticalC && a.why == b.why;
+           a.highWarningC == b.highWarningC && a.highCriticalC == b.highCriticalC &&
+           a.temperatureAlarm == b.temperatureAlarm && a.why == b.why;
 }
 
 // A temperature a decoder gives is one a drive can report.

@@ -39,9 +39,13 @@ constexpr unsigned kAtaAttributeAirflowTemperature = 190;
 // Bit 1 is temperature alone, which the drive's temperature probe reports.
 constexpr unsigned kNvmeFailureBits = 0x3d;
 constexpr unsigned kNvmeReadOnlyBit = 0x08;
+constexpr unsigned kNvmeTemperatureBit = 0x02;
 
-// SCSI additional sense code of a failure prediction threshold exceeded.
+// SCSI additional sense code of a failure prediction threshold exceeded;
+// code and qualifier of a warning that a specified temperature was exceeded.
 constexpr unsigned kAscFailurePrediction = 0x5d;
+constexpr unsigned kAscWarning = 0x0b;
+constexpr unsigned kAscqTemperatureExceeded = 0x01;
 
 constexpr int kKelvinAtZeroCelsius = 273;
 
@@ -107,6 +111,7 @@ bool decodeNvmeSmartLog(std::string_view log, DriveHealth *health, std::string *
     const int used = byteAt(log, 5);
     health->lifeRemaining = std::max(0, 100 - used);
     health->readOnly = (warning & kNvmeReadOnlyBit) != 0;
+    health->temperatureAlarm = (warning & kNvmeTemperatureBit) != 0;
     // Composite temperature in kelvin, little endian; 0 when not reported.
     const int kelvin = byteAt(log, 1) | byteAt(log, 2) << 8;
     if (kelvin != 0)
@@ -147,6 +152,7 @@ bool decodeInformationalExceptions(std::string_view page, DriveHealth *health, s
             const unsigned asc = byteAt(data, 0), ascq = byteAt(data, 1);
             *health = DriveHealth{};
             health->failurePredicted = asc == kAscFailurePrediction;
+            health->temperatureAlarm = asc == kAscWarning && ascq == kAscqTemperatureExceeded;
             health->why = "asc/ascq " + hex2(asc) + "/" + hex2(ascq);
             if (data.size() >= 3)
                 health->temperatureC = scsiTemperature(byteAt(data, 2));

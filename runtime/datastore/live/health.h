@@ -56,6 +56,10 @@ struct DriveHealth {
     std::optional<int> temperatureC;
     std::optional<int> highWarningC;
     std::optional<int> highCriticalC;
+    // The drive says a temperature is past one of its thresholds: an NVMe
+    // critical warning bit 1, a SCSI exception of asc/ascq 0x0b/0x01
+    // (specified temperature exceeded). Not a failure prediction.
+    bool temperatureAlarm = false;
     // What was seen, for notes: "critical warning 0x04", "asc/ascq 0x5d/0x10".
     std::string why;
 };

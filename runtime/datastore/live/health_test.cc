@@ -77,6 +77,31 @@ TEST(HealthTest, AnNvmeControllerGivesItsTemperatureThresholdsInItsIdentifyData)
     EXPECT_FALSE(decodeNvmeIdentifyController("", &cut, &error));
 }
 
+TEST(HealthTest, ADrivesTemperatureAlarmIsItsOwnAndNoFailurePrediction)
+{
+    DriveHealth h;
+    std::string error;
+    // NVMe: critical warning bit 1 alone, and beside the others.
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0x02, 3), &h, &error)) << error;
+    EXPECT_TRUE(h.temperatureAlarm);
+    EXPECT_FALSE(h.failurePredicted);
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0x06, 3), &h, &error)) << error;
+    EXPECT_TRUE(h.temperatureAlarm);
+    EXPECT_TRUE(h.failurePredicted);
+    ASSERT_TRUE(decodeNvmeSmartLog(smartLog(0xfd, 3), &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureAlarm) << "every bit but 1";
+    // SCSI: 0x0b/0x01 (specified temperature exceeded); not another warning,
+    // not a failure prediction.
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0x0b, 0x01), &h, &error)) << error;
+    EXPECT_TRUE(h.temperatureAlarm);
+    EXPECT_FALSE(h.failurePredicted);
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0x0b, 0x02), &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureAlarm);
+    ASSERT_TRUE(decodeInformationalExceptions(iePage(0x5d, 0x01), &h, &error)) << error;
+    EXPECT_FALSE(h.temperatureAlarm);
+    EXPECT_TRUE(h.failurePredicted);
+}
+
 TEST(HealthTest, AScsiFailurePredictionIsAsc5d)
 {
     DriveHealth h;

@@ -614,8 +614,10 @@ void applyHealth(ScanState &s, const ScanState::HealthQuery &q, const DriveHealt
     // without the kernel's hwmon): one for the disk, or for an NVMe
     // controller's first namespace, as hwmon's would be.
     if (h.temperatureC && !q.disks.empty())
-        addDiskProbe(s, q.disks.front(),
-                     DiskTemperatures{h.temperatureC, h.highWarningC, h.highCriticalC, {}, {}});
+        addDiskProbe(
+            s, q.disks.front(),
+            DiskTemperatures{
+                h.temperatureC, h.highWarningC, h.highCriticalC, {}, {}, h.temperatureAlarm});
 }
 
 } // namespace

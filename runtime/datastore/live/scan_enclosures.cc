@@ -3,6 +3,7 @@
 // EMMs from the enclosure's SES pages, and temperature probes from hwmon
 // (drivetemp, nvme) for disks whose enclosure gave none. The health scan
 // adds a probe from the drive's own reading where hwmon gave none.
+#include <algorithm>
 #include <cstdio>
 
 #include "datastore/live/scan_internal.h"
@@ -278,9 +279,11 @@ void scanHwmon(ScanState &s)
                 return std::nullopt;
             return static_cast<int>(value / 1000);
         };
+        auto alarm = s.root.attr(*dir, "temp1_alarm");
         addDiskProbe(s, disk->second,
                      DiskTemperatures{milli("temp1_input"), milli("temp1_max"), milli("temp1_crit"),
-                                      milli("temp1_min"), milli("temp1_lcrit")});
+                                      milli("temp1_min"), milli("temp1_lcrit"),
+                                      alarm && *alarm == "1"});
     }
 }
 
@@ -302,8 +305,10 @@ void addDiskProbe(ScanState &s, size_t diskIndex, const DiskTemperatures &temps)
     o.parent = inSlot ? *parentOf : diskIndex;
     if (s.taken(o.type, o.nexus))
         return;
-    const int status = temperatureStatus(temps.current, temps.highWarning, temps.highCritical,
-                                         temps.lowWarning, temps.lowCritical);
+    int status = temperatureStatus(temps.current, temps.highWarning, temps.highCritical,
+                                   temps.lowWarning, temps.lowCritical);
+    if (temps.alarm)
+        status = std::max(status, kStatusNonCritical);
     set(&o.attributes, "ObjState", std::to_string(kStateReady));
     set(&o.attributes, "ObjStatus", std::to_string(status));
     set(&o.attributes, "TreeStatus", std::to_string(status));

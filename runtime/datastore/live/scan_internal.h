@@ -183,12 +183,17 @@ void scanEnclosureComponents(ScanState &s);
 void scanHwmon(ScanState &s);
 
 // A disk's own temperatures in degrees Celsius (hwmon, or what the drive
-// said when its health was read); unknown ones are left out.
+// said when its health was read); unknown ones are left out. `alarm`: the
+// drive itself says a temperature is past a threshold (hwmon's temp1_alarm,
+// the health answer's temperature warning).
 struct DiskTemperatures {
     std::optional<int> current, highWarning, highCritical, lowWarning, lowCritical;
+    bool alarm = false;
 };
 // Adds the disk's temperature probe, unless the disk has one already or
-// sits in an enclosure whose SES pages give its probes.
+// sits in an enclosure whose SES pages give its probes. Its status comes
+// from the reading and thresholds, and is at least non-critical when the
+// drive raises its alarm.
 void addDiskProbe(ScanState &s, size_t diskIndex, const DiskTemperatures &temps);
 void scanMd(ScanState &s);
 void scanHealth(ScanState &s); // after every disk is made

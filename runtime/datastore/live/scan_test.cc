@@ -1364,6 +1364,59 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     EXPECT_EQ(probes, 6u) << "none for sdb nor a second for nvme1";
 }
 
+TEST(ScanTest, ADrivesOwnTemperatureAlarmMakesItsProbeAWarning)
+{
+    TempTree t;
+    // Each below its thresholds, and each saying a temperature is past
+    // one: an NVMe drive's SMART log (critical warning bit 1), another's
+    // hwmon (temp1_alarm), a SAS disk's exception 0x0b/0x01. A SAS disk
+    // without the exception is the control.
+    addNvmeDrive(t, 0, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
+    addNvmeDrive(t, 1, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
+    t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0x02, 3));
+    t.file("dev/nvme0.health/id-ctrl.bin", testing::identifyController(343, 358));
+    const std::string nvme1 = "sys/devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1";
+    t.file(nvme1 + "/hwmon3/name", "nvme\n");
+    t.file(nvme1 + "/hwmon3/temp1_input", "51850\n");
+    t.file(nvme1 + "/hwmon3/temp1_max", "84850\n");
+    t.file(nvme1 + "/hwmon3/temp1_alarm", "1\n");
+    t.link(nvme1 + "/hwmon3/device", "..");
+    t.link("sys/class/hwmon/hwmon3",
+           "../../devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1/hwmon3");
+    addScsiHostOn(t, "0000:0a:00.0", "0x010700", "mpt3sas", 3, "sdc");
+    addScsiHostOn(t, "0000:0b:00.0", "0x010700", "mpt3sas", 4, "sdd");
+    t.file("dev/sdc.health/log-2f.bin", testing::iePage(0x0b, 0x01, 40, 65));
+    t.file("dev/sdd.health/log-2f.bin", testing::iePage(0, 0, 40, 65));
+
+    const LiveScan scan = scanOf(t);
+    auto probeOf = [&](const std::string &device) -> const LiveObject * {
+        for (const LiveObject &o : scan.objects) {
+            if (o.type == "tempprobes" && attrOf(o, "Name") == "Temperature of " + device)
+                return &o;
+        }
+        return nullptr;
+    };
+    for (const char *device : {"/dev/nvme0n1", "/dev/nvme1n1", "/dev/sdc"}) {
+        const LiveObject *probe = probeOf(device);
+        ASSERT_NE(probe, nullptr) << device;
+        EXPECT_EQ(attrOf(*probe, "ObjStatus"), "3") << device;
+        EXPECT_EQ(attrOf(*probe, "TreeStatus"), "3") << device;
+    }
+    EXPECT_EQ(attrOf(*probeOf("/dev/nvme0n1"), "CurrentTemp"), "43") << "below 70";
+    EXPECT_EQ(attrOf(*probeOf("/dev/nvme1n1"), "CurrentTemp"), "51") << "below 84";
+    EXPECT_EQ(attrOf(*probeOf("/dev/sdc"), "CurrentTemp"), "40") << "below 65";
+    ASSERT_NE(probeOf("/dev/sdd"), nullptr);
+    EXPECT_EQ(attrOf(*probeOf("/dev/sdd"), "ObjStatus"), "2");
+    // A temperature warning is no failure prediction.
+    for (const LiveObject &o : scan.objects) {
+        const std::string mask = attrOf(o, "AttributesMask");
+        if (o.type == "arraydisks") {
+            EXPECT_TRUE(mask.size() <= kPredictedFailureBit || mask[kPredictedFailureBit] != '1')
+                << attrOf(o, "DeviceName") << " " << mask;
+        }
+    }
+}
+
 TEST(ScanTest, AnUnreadableHealthKeepsWhatTheDriveLastSaid)
 {
     TempTree t;
