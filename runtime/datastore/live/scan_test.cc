@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "datastore/live/health_testing.h"
@@ -1198,6 +1200,21 @@ void addNvmeDrive(const TempTree &t, unsigned n, const NvmeLink &link)
     t.link("sys/block/" + name + "n1", "../devices/" + rel + "/nvme/" + name + "/" + name + "n1");
 }
 
+// The nvme hwmon (hwmonN in /sys/class/hwmon) of controller nvmeN as
+// addNvmeDrive makes it, with the given files beside its name.
+void addNvmeHwmon(const TempTree &t, unsigned n, unsigned hwmon,
+                  std::initializer_list<std::pair<const char *, const char *>> files)
+{
+    const std::string rel = "pci0000:00/0000:00:1c." + std::to_string(n) + "/0000:0" +
+                            std::to_string(n + 1) + ":00.0/nvme/nvme" + std::to_string(n) +
+                            "/hwmon" + std::to_string(hwmon);
+    t.file("sys/devices/" + rel + "/name", "nvme\n");
+    for (const auto &[file, text] : files)
+        t.file("sys/devices/" + rel + "/" + file, std::string(text) + "\n");
+    t.link("sys/devices/" + rel + "/device", "..");
+    t.link("sys/class/hwmon/hwmon" + std::to_string(hwmon), "../../devices/" + rel);
+}
+
 TEST(ScanTest, NvmeAdaptersAndDrivesSayTheirPcieLink)
 {
     // Three drives: one at 8 GT/s x2 of 16 GT/s x4 with a namespace
@@ -1315,12 +1332,7 @@ TEST(ScanTest, DrivesWithoutAHwmonProbeGiveTheirOwnTemperature)
     t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0, 3));
     t.file("dev/nvme0.health/id-ctrl.bin", testing::identifyController(343, 358));
     t.file("dev/nvme1.health/smart-log.bin", testing::smartLog(0, 3));
-    const std::string nvme1 = "sys/devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1";
-    t.file(nvme1 + "/hwmon3/name", "nvme\n");
-    t.file(nvme1 + "/hwmon3/temp1_input", "51850\n");
-    t.link(nvme1 + "/hwmon3/device", "..");
-    t.link("sys/class/hwmon/hwmon3",
-           "../../devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1/hwmon3");
+    addNvmeHwmon(t, 1, 3, {{"temp1_input", "51850"}});
     // ATA disks without drivetemp: sda gives its SMART data (attribute
     // 194), sdb its status alone.
     addSataDisk(t, "0000:00:17.0", 0, "sda");
@@ -1375,14 +1387,7 @@ TEST(ScanTest, ADrivesOwnTemperatureAlarmMakesItsProbeAWarning)
     addNvmeDrive(t, 1, {"8.0 GT/s PCIe", "8.0 GT/s PCIe", "4", "4", nullptr});
     t.file("dev/nvme0.health/smart-log.bin", testing::smartLog(0x02, 3));
     t.file("dev/nvme0.health/id-ctrl.bin", testing::identifyController(343, 358));
-    const std::string nvme1 = "sys/devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1";
-    t.file(nvme1 + "/hwmon3/name", "nvme\n");
-    t.file(nvme1 + "/hwmon3/temp1_input", "51850\n");
-    t.file(nvme1 + "/hwmon3/temp1_max", "84850\n");
-    t.file(nvme1 + "/hwmon3/temp1_alarm", "1\n");
-    t.link(nvme1 + "/hwmon3/device", "..");
-    t.link("sys/class/hwmon/hwmon3",
-           "../../devices/pci0000:00/0000:00:1c.1/0000:02:00.0/nvme/nvme1/hwmon3");
+    addNvmeHwmon(t, 1, 3, {{"temp1_input", "51850"}, {"temp1_max", "84850"}, {"temp1_alarm", "1"}});
     addScsiHostOn(t, "0000:0a:00.0", "0x010700", "mpt3sas", 3, "sdc");
     addScsiHostOn(t, "0000:0b:00.0", "0x010700", "mpt3sas", 4, "sdd");
     t.file("dev/sdc.health/log-2f.bin", testing::iePage(0x0b, 0x01, 40, 65));
