@@ -1,17 +1,14 @@
-// The trap sinks on net-snmp's own loop (its watched sockets and alarms), as
-// the agent runs them: an event of a sink that runs out of memory stays out
-// of the library, and the sink goes on once memory is back.
+// The trap sinks on net-snmp's loop (their watched sockets and alarms) as
+// the agent turns it (checkAndProcess): an event of a sink that runs out of
+// memory stays out of the library, and the sink goes on once memory is back.
 #include "traps/trapsinks.h"
 
-// net-snmp's headers in the order they need: configuration, library, agent,
-// then the library's large descriptor sets.
+// net-snmp's headers in the order they need: configuration, library, agent.
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/net-snmp-includes.h>
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
-
-#include <net-snmp/library/large_fd_set.h>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -26,6 +23,7 @@
 #include "log.h"
 #include "testing/failing_new.h"
 #include "testing/loopback_sockets.h"
+#include "testing/netsnmp_loop.h"
 #include "traps/trapmessage.h"
 
 namespace kelp::agent {
@@ -36,36 +34,7 @@ using namespace std::chrono_literals;
 using kelp::test::closedPort;
 using kelp::test::listener;
 
-// One turn of net-snmp's loop as the agent makes it, for the sinks alone:
-// their sockets' events, then the alarms that are due.
-void loopOnce()
-{
-    netsnmp_large_fd_set readFds, writeFds, exceptFds;
-    netsnmp_large_fd_set_init(&readFds, FD_SETSIZE);
-    netsnmp_large_fd_set_init(&writeFds, FD_SETSIZE);
-    netsnmp_large_fd_set_init(&exceptFds, FD_SETSIZE);
-    int fds = 0;
-    netsnmp_external_event_info2(&fds, &readFds, &writeFds, &exceptFds);
-    timeval wait{0, 10000};
-    int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, &wait);
-    if (count > 0) {
-        netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
-    }
-    run_alarms();
-    netsnmp_large_fd_set_cleanup(&readFds);
-    netsnmp_large_fd_set_cleanup(&writeFds);
-    netsnmp_large_fd_set_cleanup(&exceptFds);
-}
-
-// Turns the loop for `period`, or until `done` holds.
-template <typename Done> bool loopFor(std::chrono::milliseconds period, Done done)
-{
-    const auto end = std::chrono::steady_clock::now() + period;
-    while (!done() && std::chrono::steady_clock::now() < end) {
-        loopOnce();
-    }
-    return done();
-}
+using kelp::test::turnAgentLoopUntil;
 
 TEST(TrapSinksOnTheLoop, AnEventOutOfMemoryStaysOutOfNetsnmpAndTheSinkGoesOnAfterIt)
 {
@@ -80,14 +49,15 @@ TEST(TrapSinksOnTheLoop, AnEventOutOfMemoryStaysOutOfNetsnmpAndTheSinkGoesOnAfte
     TrapSinks sinks(settings);
     ASSERT_EQ(sinks.count(), 1u);
     // Refused: the next attempt is an alarm a second away.
-    loopFor(200ms, [] { return false; });
+    turnAgentLoopUntil(200ms, [] { return false; });
 
     // That attempt is refused again, and the first thing it allocates (the
     // reason it logs) fails.
     const size_t failedBefore = kelp::test::failedAllocations();
     kelp::test::failNthAllocation(1);
-    EXPECT_NO_THROW(loopFor(1500ms, [&] { return kelp::test::failedAllocations() > failedBefore; }))
-        << "an exception unwound out of net-snmp's run_alarms";
+    EXPECT_NO_THROW(turnAgentLoopUntil(1500ms, [&] {
+        return kelp::test::failedAllocations() > failedBefore;
+    })) << "an exception unwound out of net-snmp's run_alarms";
     kelp::test::failNthAllocation(0);
     EXPECT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
 
@@ -99,7 +69,7 @@ TEST(TrapSinksOnTheLoop, AnEventOutOfMemoryStaysOutOfNetsnmpAndTheSinkGoesOnAfte
     EXPECT_EQ(sinks.send(coldStartTrap(), &took), SM_SNMP_NOERROR);
     EXPECT_EQ(took, std::vector<std::string>{name});
     int accepted = -1;
-    ASSERT_TRUE(loopFor(3000ms, [&] {
+    ASSERT_TRUE(turnAgentLoopUntil(3000ms, [&] {
         pollfd entry{server, POLLIN, 0};
         if (accepted < 0 && poll(&entry, 1, 0) == 1) {
             accepted = accept4(server, nullptr, nullptr, SOCK_CLOEXEC);

@@ -13,7 +13,6 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <spawn.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +29,7 @@
 
 #include "testing/failing_new.h"
 #include "testing/loopback_sockets.h"
+#include "testing/netsnmp_loop.h"
 #include "traps/trapmessage.h"
 
 namespace kelp::agent {
@@ -228,26 +228,6 @@ class Snmptrapd {
     pid_t pid_ = -1;
 };
 
-// Turns net-snmp's loop (its sessions' sockets and time-outs) until `done`
-// holds, for at most `turns` turns of up to 10 ms.
-template <typename Done> bool turnUntil(int turns, Done done)
-{
-    for (int turn = 0; turn < turns && !done(); turn++) {
-        int fds = 0;
-        int block = 0;
-        fd_set readable;
-        FD_ZERO(&readable);
-        timeval wait{0, 10000};
-        snmp_select_info(&fds, &readable, &wait, &block);
-        timeval most{0, 10000};
-        if (select(fds, &readable, nullptr, nullptr, &most) > 0) {
-            snmp_read(&readable);
-        }
-        snmp_timeout();
-    }
-    return done();
-}
-
 TEST(V3InformSink, AnAnswerHandledWithoutMemoryStaysOutOfNetsnmpAndLosesNoInform)
 {
     if (access("/usr/sbin/snmptrapd", X_OK) != 0) {
@@ -270,8 +250,9 @@ TEST(V3InformSink, AnAnswerHandledWithoutMemoryStaysOutOfNetsnmpAndLosesNoInform
     ASSERT_TRUE(sink.send(*first));
     const size_t failedBefore = kelp::test::failedAllocations();
     kelp::test::failNthAllocation(1);
-    EXPECT_NO_THROW(turnUntil(300, [&] { return kelp::test::failedAllocations() > failedBefore; }))
-        << "an exception unwound out of net-snmp's snmp_read";
+    EXPECT_NO_THROW(kelp::test::turnAgentLoopUntil(std::chrono::milliseconds(3000), [&] {
+        return kelp::test::failedAllocations() > failedBefore;
+    })) << "an exception unwound out of net-snmp's snmp_read";
     kelp::test::failNthAllocation(0);
     ASSERT_EQ(kelp::test::failedAllocations(), failedBefore + 1);
     EXPECT_TRUE(sink.discovered());
@@ -280,7 +261,7 @@ TEST(V3InformSink, AnAnswerHandledWithoutMemoryStaysOutOfNetsnmpAndLosesNoInform
 
     // The next trap takes it along: both arrive and are acknowledged.
     ASSERT_TRUE(sink.send(*second));
-    EXPECT_TRUE(turnUntil(500, [&] {
+    EXPECT_TRUE(kelp::test::turnAgentLoopUntil(std::chrono::milliseconds(5000), [&] {
         return sink.waiting() == 0 && sink.underWay() == 0 &&
                occurrences(readAll(receiver.log()), ".1.3.6.1.6.3.1.1.5.1") == 2;
     })) << readAll(receiver.log());
