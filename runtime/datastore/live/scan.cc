@@ -20,6 +20,8 @@ std::optional<size_t> LiveScan::find(std::string_view type, std::string_view nex
 
 void set(ds::Attributes *attributes, std::string name, std::string value)
 {
+    if (value.size() > ds::kMaxAttributeValueBytes)
+        value.resize(ds::kMaxAttributeValueBytes);
     for (auto &[key, old] : *attributes) {
         if (key == name) {
             old = std::move(value);
@@ -27,6 +29,27 @@ void set(ds::Attributes *attributes, std::string name, std::string value)
         }
     }
     attributes->emplace_back(std::move(name), std::move(value));
+}
+
+std::string lastNexusPart(const std::string &nexus)
+{
+    const size_t cut = nexus.rfind('\\');
+    return cut == std::string::npos ? nexus : nexus.substr(cut + 1);
+}
+
+uint32_t targetNumber(const std::array<uint32_t, 4> &hctl)
+{
+    return hctl[3] == 0 ? hctl[2] : (hctl[2] << 8) | hctl[3];
+}
+
+// Spare numbers have bit 30 set, the lun in bits 16 to 29 and the target
+// in bits 0 to 15: (target << 8) | lun reaches them only for a target of
+// 2^22 or more, and they stay below 2^31 (a positive Integer32).
+std::optional<uint32_t> spareTargetNumber(const std::array<uint32_t, 4> &hctl)
+{
+    if (hctl[2] >= (uint32_t{1} << 16) || hctl[3] >= (uint32_t{1} << 14))
+        return std::nullopt;
+    return (uint32_t{1} << 30) | (hctl[3] << 16) | hctl[2];
 }
 
 std::string maskWithBit(size_t bit)
@@ -249,7 +272,7 @@ void scanStorageAttributes(ScanState &s)
 // the areas of a served disk (an eMMC's boot areas) are not named.
 void noteUnservedDisks(ScanState &s)
 {
-    std::set<std::string> scsiDirs;
+    std::set<std::string> scsiDirs = s.scsiDirsUnread;
     for (const ScsiDevice &d : scsiDevices(s))
         scsiDirs.insert(d.dir);
     for (const std::string &name : s.root.list("/sys/block")) {

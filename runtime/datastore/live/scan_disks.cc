@@ -71,7 +71,11 @@ void fillBlock(ScanState &s, const std::string &blockDir, LiveObject *o)
     auto rotational = s.root.attr(blockDir, "queue/rotational");
     if (rotational)
         set(&o->attributes, "MediaType", *rotational == "0" ? "2" : "1");
-    if (auto sector = s.root.attr(blockDir, "queue/logical_block_size"))
+    // Kernels before logical_block_size give only hw_sector_size.
+    auto sector = s.root.attr(blockDir, "queue/logical_block_size");
+    if (!sector)
+        sector = s.root.attr(blockDir, "queue/hw_sector_size");
+    if (sector)
         set(&o->attributes, "PdSectorSize", cleanValue(*sector));
     if (const char *flag = writeCacheFlag(s.root.attr(blockDir, "queue/write_cache")); *flag)
         set(&o->attributes, "DriveWriteCacheEnabled", flag);
@@ -146,6 +150,17 @@ void addPath(ScanState &s, const std::string &dir, size_t index)
     }
 }
 
+// "VENDOR MODEL", or the model alone for an ATA disk (whose vendor is the
+// translation layer's). A part that could not be read (a bridge's blank
+// vendor) is left out; with neither, "Not Available".
+std::string modelNumber(const std::string &vendor, const std::string &model)
+{
+    const std::string none = "Not Available";
+    if (vendor == "ATA" || vendor == none)
+        return model;
+    return model == none ? vendor : vendor + " " + model;
+}
+
 } // namespace
 
 std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir)
@@ -168,7 +183,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     }
     LiveObject o;
     o.type = tape ? "Tape" : "arraydisks";
-    const uint32_t target = hctl[3] == 0 ? hctl[2] : (hctl[2] << 8) | hctl[3];
+    uint32_t target = targetNumber(hctl);
     const std::string &busNexus = s.scan.objects[channel].nexus;
     auto slot = s.slotOfDevice.find(dir);
     if (!tape && slot != s.slotOfDevice.end()) {
@@ -186,6 +201,13 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     } else {
         o.nexus = busNexus + "\\" + std::to_string(target);
         o.parent = channel;
+        // Target 0 lun 1 took the number of target 1 lun 0 (or the like).
+        auto spare = spareTargetNumber(hctl);
+        if (s.taken(o.type, o.nexus) && spare &&
+            !s.taken(o.type, busNexus + "\\" + std::to_string(*spare))) {
+            target = *spare;
+            o.nexus = busNexus + "\\" + std::to_string(target);
+        }
     }
     if (s.taken(o.type, o.nexus)) {
         s.note("SCSI device " + dir + ": a second device at " + o.nexus + ", left out");
@@ -198,7 +220,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     set(&o.attributes, "AttributesMask", kNoBits);
     set(&o.attributes, "Vendor", vendor);
     set(&o.attributes, "ProductID", model);
-    set(&o.attributes, "ModelNumber", vendor == "ATA" ? model : vendor + " " + model);
+    set(&o.attributes, "ModelNumber", modelNumber(vendor, model));
     set(&o.attributes, "Revision", textOr(s.root, dir, "rev"));
     std::string serial = vpdSerial(s, dir);
     set(&o.attributes, "DeviceSerialNumber", serial.empty() ? "Not Available" : serial);
@@ -212,7 +234,7 @@ void addScsiDisk(ScanState &s, const std::string &dir, const std::array<uint32_t
     if (vendor == "ATA")
         protocol = "7";
     set(&o.attributes, "BusProtocol", protocol);
-    set(&o.attributes, "Channel", std::string(baseName(busNexus)));
+    set(&o.attributes, "Channel", lastNexusPart(busNexus));
     set(&o.attributes, "TargetID", std::to_string(target));
     set(&o.attributes, "SCSIAddress", hctlText(hctl));
     std::string blockName;

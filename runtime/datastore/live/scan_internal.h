@@ -100,6 +100,7 @@ struct ScanState {
     std::vector<HealthQuery> healthQueries;
 
     std::optional<std::vector<ScsiDevice>> scsi;        // read once, by scsiDevices()
+    std::set<std::string> scsiDirsUnread;               // SCSI devices of no readable type
     std::set<std::pair<std::string, std::string>> keys; // (type, nexus) of every object
 
     // Whether an object of type and nexus was added.
@@ -120,7 +121,17 @@ struct ScanState {
     size_t channelOf(Controller &c, uint32_t host, uint32_t channel, const std::string &protocol);
 };
 
+// Sets (or adds) an attribute; a value over the model's limit of bytes is
+// cut there, so that a value joined from two read ones stays within it.
 void set(ds::Attributes *attributes, std::string name, std::string value);
+// The last part of a nexus: the channel number H of a channel's C\H.
+std::string lastNexusPart(const std::string &nexus);
+// The number T of a SCSI device on its channel (C\H\T): its target, or
+// (target << 8) | lun for a lun other than 0. Two devices may get the same
+// one (target 0 lun 1 and target 1 lun 0); the second then takes
+// spareTargetNumber, which no other device takes, when it has one.
+uint32_t targetNumber(const std::array<uint32_t, 4> &hctl);
+std::optional<uint32_t> spareTargetNumber(const std::array<uint32_t, 4> &hctl);
 // A mask attribute of the model format with no bit set: 40 zeros. Not a
 // std::string: a static that allocates would throw, while the library
 // loads, under a limit of address space that leaves no heap.

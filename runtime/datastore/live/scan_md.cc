@@ -74,6 +74,19 @@ std::optional<unsigned> progressOf(const std::string &completed)
     return static_cast<unsigned>(done * 100 / total);
 }
 
+// Whether an md device is a container of external metadata (Intel's IMSM,
+// SNIA's DDF): "external:imsm". It holds the metadata of its disks and
+// stays "inactive" for as long as it exists; the arrays in it are md
+// devices of their own ("external:/md127/0") and are served as such.
+bool isContainer(std::string_view metadataVersion)
+{
+    constexpr std::string_view kExternal = "external:";
+    if (!metadataVersion.starts_with(kExternal))
+        return false;
+    const std::string_view rest = metadataVersion.substr(kExternal.size());
+    return !rest.starts_with('/') && !rest.starts_with('-');
+}
+
 size_t addSoftwareController(ScanState &s)
 {
     ScanState::Controller c;
@@ -235,6 +248,8 @@ void scanMd(ScanState &s)
             s.note("md array " + name + ": no md directory");
             continue;
         }
+        if (isContainer(s.root.attr(*dir + "/md", "metadata_version").value_or("")))
+            continue;
         if (!controller)
             controller = addSoftwareController(s);
         addArray(s, s.controllers.back(), *controller, name, number, *dir);

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <cstdio>
 #include <optional>
+#include <system_error>
 #include <vector>
 
 #include "datastore/live/scan_internal.h"
@@ -18,20 +20,33 @@ constexpr uint32_t kTypeTape = 1;
 constexpr uint32_t kTypeOpticalMemory = 7;
 constexpr uint32_t kTypeEnclosure = 13;
 constexpr uint32_t kTypeZonedDisk = 0x14;
+constexpr uint32_t kTypeReducedBlock =
+    0x0e; // RBC: sd takes it, as some USB and FireWire bridges give it
 
 const char *const kSasDrivers[] = {"mpt3sas",        "mpt2sas", "megaraid_sas",
                                    "hisi_sas_v3_hw", "pm80xx",  "smartpqi",
                                    "aacraid",        "isci",    "mvsas"};
 
+// Four decimal numbers joined by ':'. A number over 32 bits (a lun of the
+// kernel's 64) is refused rather than cut, which would name another device.
 bool parseHctl(std::string_view name, std::array<uint32_t, 4> *hctl)
 {
-    unsigned h = 0, c = 0, t = 0, l = 0;
-    char end = 0;
-    std::string text(name);
-    if (std::sscanf(text.c_str(), "%u:%u:%u:%u%c", &h, &c, &t, &l, &end) != 4)
-        return false;
-    *hctl = {h, c, t, l};
-    return true;
+    const char *at = name.data();
+    const char *end = name.data() + name.size();
+    for (size_t i = 0; i < 4; ++i) {
+        if (i > 0) {
+            if (at == end || *at != ':')
+                return false;
+            ++at;
+        }
+        if (at == end || *at < '0' || *at > '9')
+            return false;
+        auto [next, error] = std::from_chars(at, end, (*hctl)[i]);
+        if (error != std::errc())
+            return false;
+        at = next;
+    }
+    return at == end;
 }
 
 } // namespace
@@ -62,6 +77,7 @@ const std::vector<ScsiDevice> &scsiDevices(ScanState &s)
         auto value = type ? parseNumber(*type) : std::nullopt;
         if (!value) {
             s.note("SCSI device " + name + ": no readable type");
+            s.scsiDirsUnread.insert(*dir);
             continue;
         }
         d.dir = *dir;
@@ -86,7 +102,12 @@ std::string hostProtocol(ScanState &s, const std::string &hostDir, const ScanSta
                 return "8";
         }
     }
-    return s.root.attr(c.pciDir, "class").value_or("").starts_with("0x0107") ? "8" : "0";
+    // Kernels before libata's transport class have no ataN in the path;
+    // a SATA controller's class says it.
+    const std::string pciClass = s.root.attr(c.pciDir, "class").value_or("");
+    if (pciClass.starts_with("0x0106"))
+        return "7";
+    return pciClass.starts_with("0x0107") ? "8" : "0";
 }
 
 // The host directory (…/hostN) of a SCSI device directory.
@@ -229,7 +250,7 @@ void addEnclosure(ScanState &s, const ScsiDevice &d, ScanState::Controller &c, s
     set(&o.attributes, "ProductID", value("model"));
     set(&o.attributes, "FirmwareVer", value("rev"));
     set(&o.attributes, "BusProtocol", attrOf(s.scan.objects[channel], "BusProtocol"));
-    set(&o.attributes, "Channel", std::string(baseName(busNexus)));
+    set(&o.attributes, "Channel", lastNexusPart(busNexus));
     if (auto sas = s.root.attr(d.dir, "sas_address"))
         set(&o.attributes, "SASAddress", cleanValue(*sas));
     auto generic = s.root.listIn(d.dir + "/scsi_generic");
@@ -334,13 +355,20 @@ void addVolume(ScanState &s, const ScsiDevice &d, const Volume &v)
         s.note("SCSI volume " + d.dir + ": no controller");
         return;
     }
-    const uint32_t number = d.hctl[3] == 0   ? d.hctl[2]
-                            : d.hctl[2] == 0 ? d.hctl[3]
-                                             : (d.hctl[2] << 8) | d.hctl[3];
+    uint32_t number = d.hctl[3] == 0   ? d.hctl[2]
+                      : d.hctl[2] == 0 ? d.hctl[3]
+                                       : (d.hctl[2] << 8) | d.hctl[3];
     LiveObject o;
     o.type = "vdisks";
-    o.nexus = std::to_string(c->number) + "\\128\\" + std::to_string(number);
+    const std::string prefix = std::to_string(c->number) + "\\128\\";
+    o.nexus = prefix + std::to_string(number);
     o.parent = c->object;
+    // Target 0 lun 1 took the number of target 1 lun 0 (or the like).
+    auto spare = spareTargetNumber(d.hctl);
+    if (s.taken(o.type, o.nexus) && spare && !s.taken(o.type, prefix + std::to_string(*spare))) {
+        number = *spare;
+        o.nexus = prefix + std::to_string(number);
+    }
     if (s.taken(o.type, o.nexus)) {
         s.note("SCSI volume " + d.dir + ": a second volume at " + o.nexus + ", left out");
         return;
@@ -406,7 +434,7 @@ void scanScsiDisks(ScanState &s)
     for (const ScsiDevice &d : scsiDevices(s)) {
         const bool tape = d.type == kTypeTape;
         if (!tape && d.type != kTypeDisk && d.type != kTypeZonedDisk &&
-            d.type != kTypeOpticalMemory)
+            d.type != kTypeOpticalMemory && d.type != kTypeReducedBlock)
             continue;
         if (d.type == kTypeDisk) {
             if (auto volume = logicalVolume(s, d)) {

@@ -1472,3 +1472,198 @@ TEST(ScanTest, AHealthAnswerStandsForTheHealthInterval)
 
 } // namespace
 } // namespace kelp::live
+
+namespace kelp::live {
+namespace {
+
+// SCSI device hctl (type `type`) with block device sd below the host of
+// addScsiHostOn(t, bdf, ...), whose host number is hctl's first.
+void addLunOn(const TempTree &t, const std::string &bdf, const std::string &hctl,
+              const std::string &sd, const std::string &type = "0")
+{
+    const std::string h = hctl.substr(0, hctl.find(':'));
+    const std::string target = hctl.substr(0, hctl.rfind(':'));
+    const std::string dev =
+        "pci0000:00/" + bdf + "/host" + h + "/rport-" + h + ":0-0/target" + target + "/" + hctl;
+    t.file("sys/devices/" + dev + "/type", type + "\n");
+    t.file("sys/devices/" + dev + "/vendor", "KESWICK\n");
+    t.file("sys/devices/" + dev + "/model", "KA-4000\n");
+    t.file("sys/devices/" + dev + "/state", "running\n");
+    t.file("sys/devices/" + dev + "/block/" + sd + "/size", "2048\n");
+    t.link("sys/devices/" + dev + "/scsi_device/" + hctl + "/device", "../../../" + hctl);
+    t.link("sys/class/scsi_device/" + hctl, "../../devices/" + dev + "/scsi_device/" + hctl);
+    t.link("sys/block/" + sd, "../devices/" + dev + "/block/" + sd);
+}
+
+bool hasNoteWith(const LiveScan &scan, const std::string &text)
+{
+    return std::any_of(scan.notes.begin(), scan.notes.end(),
+                       [&](const std::string &n) { return n.find(text) != std::string::npos; });
+}
+
+TEST(ScanTest, ADiskOrEnclosureChannelIsTheChannelNumberOfItsNexus)
+{
+    TempTree t;
+    addVirtioDisk(t, "0000:00:02.0", "virtio1", "vda", "2048"); // controller 0
+    addSataDisk(t, "0000:00:17.0", 0, "sda");                   // controller 1
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\0\\0"), "Channel"), "0");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "1\\1\\0"), "Channel"), "1");
+
+    TempTree jbod;
+    addDualDomainJbod(jbod, {{0}});
+    EXPECT_EQ(attrOf(only(scanOf(jbod), "enclosures", "0\\0\\0"), "Channel"), "0");
+}
+
+TEST(ScanTest, DevicesWhoseTargetAndLunGiveOneNumberAreAllServed)
+{
+    TempTree t;
+    // An FC port with one array's luns 0 and 1 at target 0 and another
+    // array at target 1: target 0 lun 1 and target 1 lun 0 would both be 1.
+    addScsiHostOn(t, "0000:05:00.0", "0x0c0400", "qla2xxx", 0, "sdb");
+    addLunOn(t, "0000:05:00.0", "0:0:0:1", "sdc");
+    addLunOn(t, "0000:05:00.0", "0:0:1:0", "sdd");
+    addLunOn(t, "0000:05:00.0", "0:0:1:1", "sde");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 4u);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "DeviceName"), "/dev/sdb");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/sdc");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\257"), "DeviceName"), "/dev/sde");
+    // The second to want 1 takes a spare number: bit 30, lun 0, target 1.
+    const LiveObject &sdd = only(scan, "arraydisks", "0\\0\\1073741825");
+    EXPECT_EQ(attrOf(sdd, "DeviceName"), "/dev/sdd");
+    EXPECT_EQ(attrOf(sdd, "TargetID"), "1073741825");
+    EXPECT_EQ(attrOf(sdd, "SCSIAddress"), "0:0:1:0");
+    EXPECT_FALSE(hasNoteWith(scan, "left out"));
+}
+
+TEST(ScanTest, ALunOverThirtyTwoBitsIsNotReadAsAnotherDevice)
+{
+    TempTree t;
+    addScsiHostOn(t, "0000:05:00.0", "0x0c0400", "qla2xxx", 0, "sdb");
+    // 4294967297 is 2^32 + 1: cut to 32 bits it would read as lun 1.
+    addLunOn(t, "0000:05:00.0", "0:0:0:4294967297", "sdc");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
+    EXPECT_FALSE(scan.find("arraydisks", "0\\0\\1"));
+    EXPECT_TRUE(hasNoteWith(scan, "SCSI device 0:0:0:4294967297: not a host:channel:target:lun"));
+}
+
+TEST(ScanTest, AReducedBlockCommandDiskIsADisk)
+{
+    TempTree t;
+    // Some USB and FireWire bridges give type 0x0e; sd takes it as a disk.
+    addScsiHostOn(t, "0000:00:14.0", "0x0c0330", "usb-storage", 0, "sdb");
+    t.file("sys/devices/pci0000:00/0000:00:14.0/host0/rport-0:0-0/target0:0:0/0:0:0:0/type",
+           "14\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "DeviceName"), "/dev/sdb");
+    EXPECT_FALSE(hasNoteWith(scan, "block device sdb"));
+}
+
+TEST(ScanTest, AModelNumberLeavesOutTheVendorOrModelItCouldNotRead)
+{
+    const std::string dev = "sys/devices/pci0000:00/0000:00:14.0/host0/rport-0:0-0/target0:0:0/"
+                            "0:0:0:0";
+    TempTree blankVendor;
+    addScsiHostOn(blankVendor, "0000:00:14.0", "0x0c0330", "usb-storage", 0, "sdb");
+    blankVendor.file(dev + "/vendor", "        \n");
+    blankVendor.file(dev + "/model", "USB Flash Drive \n");
+    EXPECT_EQ(attrOf(only(scanOf(blankVendor), "arraydisks", "0\\0\\0"), "ModelNumber"),
+              "USB Flash Drive");
+
+    TempTree blankModel;
+    addScsiHostOn(blankModel, "0000:00:14.0", "0x0c0330", "usb-storage", 0, "sdb");
+    blankModel.file(dev + "/model", "");
+    EXPECT_EQ(attrOf(only(scanOf(blankModel), "arraydisks", "0\\0\\0"), "ModelNumber"), "KESWICK");
+
+    TempTree neither;
+    addScsiHostOn(neither, "0000:00:14.0", "0x0c0330", "usb-storage", 0, "sdb");
+    neither.remove(dev + "/vendor");
+    neither.remove(dev + "/model");
+    EXPECT_EQ(attrOf(only(scanOf(neither), "arraydisks", "0\\0\\0"), "ModelNumber"),
+              "Not Available");
+}
+
+TEST(ScanTest, AValueJoinedFromLongPartsStaysWithinTheModelLimit)
+{
+    TempTree t;
+    addScsiHostOn(t, "0000:00:14.0", "0x0c0330", "usb-storage", 0, "sdb");
+    const std::string dev = "sys/devices/pci0000:00/0000:00:14.0/host0/rport-0:0-0/target0:0:0/"
+                            "0:0:0:0";
+    t.file(dev + "/vendor", std::string(150, 'V') + "\n");
+    t.file(dev + "/model", std::string(150, 'M') + "\n");
+    LiveScan scan = scanOf(t);
+    const std::string model = attrOf(only(scan, "arraydisks", "0\\0\\0"), "ModelNumber");
+    EXPECT_EQ(model, std::string(150, 'V') + " " + std::string(8, 'M'));
+    for (const LiveObject &o : scan.objects) {
+        for (const auto &[name, value] : o.attributes)
+            EXPECT_LE(value.size(), ds::kMaxAttributeValueBytes) << o.nexus << " " << name;
+    }
+}
+
+TEST(ScanTest, AnExternalMetadataContainerIsNoArrayButItsArraysAre)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    addSataDisk(t, "0000:00:17.0", 1, "sdb");
+    // An IMSM container (always inactive) and a raid1 volume in it.
+    const std::string container = "sys/devices/virtual/block/md127";
+    t.link("sys/block/md127", "../devices/virtual/block/md127");
+    t.file(container + "/size", "0\n");
+    t.file(container + "/md/level", "\n");
+    t.file(container + "/md/array_state", "inactive\n");
+    t.file(container + "/md/metadata_version", "external:imsm\n");
+    t.file(container + "/md/raid_disks", "0\n");
+    const std::string volume = "sys/devices/virtual/block/md126";
+    t.link("sys/block/md126", "../devices/virtual/block/md126");
+    t.file(volume + "/size", "1000\n");
+    t.file(volume + "/md/level", "raid1\n");
+    t.file(volume + "/md/array_state", "active\n");
+    t.file(volume + "/md/metadata_version", "external:/md127/0\n");
+    t.file(volume + "/md/raid_disks", "2\n");
+    t.file(volume + "/md/degraded", "0\n");
+    for (const std::string sd : {"sda", "sdb"}) {
+        for (const std::string &md : {container, volume}) {
+            t.file(md + "/md/dev-" + sd + "/state", md == volume ? "in_sync\n" : "\n");
+            t.link(md + "/md/dev-" + sd + "/block", "../../../../../../block/" + sd);
+        }
+    }
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "vdisks"), 1u);
+    EXPECT_FALSE(scan.find("vdisks", "1\\128\\127"));
+    const LiveObject &vd = only(scan, "vdisks", "1\\128\\126");
+    EXPECT_EQ(attrOf(vd, "ObjState"), std::to_string(kStateOnline));
+    EXPECT_EQ(attrOf(vd, "ObjStatus"), "2");
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "ObjState"),
+              std::to_string(kStateOnline));
+}
+
+TEST(ScanTest, ADiskOfUnreadableTypeIsNotCalledAnotherKindOfDisk)
+{
+    TempTree t;
+    addSataDisk(t, "0000:00:17.0", 0, "sda");
+    t.file("sys/devices/pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0/type", "");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 0u);
+    EXPECT_TRUE(hasNoteWith(scan, "SCSI device 0:0:0:0: no readable type"));
+    EXPECT_FALSE(hasNoteWith(scan, "block device sda"));
+}
+
+TEST(ScanTest, OlderKernelsSectorSizeAndSataChannelsAreRead)
+{
+    TempTree t;
+    // Before logical_block_size and libata's ataN directories: a SATA
+    // controller's host right below its PCI function.
+    addScsiHostOn(t, "0000:00:1f.2", "0x010601", "ahci", 0, "sda");
+    const std::string block =
+        "sys/devices/pci0000:00/0000:00:1f.2/host0/rport-0:0-0/target0:0:0/0:0:0:0/block/sda";
+    t.file(block + "/queue/hw_sector_size", "4096\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\0"), "PdSectorSize"), "4096");
+    EXPECT_EQ(attrOf(only(scan, "bus", "0\\0"), "BusProtocol"), "7");
+}
+
+} // namespace
+} // namespace kelp::live
