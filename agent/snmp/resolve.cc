@@ -4,6 +4,8 @@
 #include "snmp/resolve.h"
 
 #include <algorithm>
+#include <atomic>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 
@@ -100,6 +102,182 @@ bool movesForward(std::span<const uint32_t> next, std::span<const uint32_t> curs
     return insideRoot(next) && compareNames(next, cursor) > 0;
 }
 
+// A table whose cell of column 1, row 1 does not answer is taken by the
+// plug-in's walk for an empty one: it passes over the rest of it. Rows keep
+// their index while the plug-in stays loaded, and a device that goes leaves
+// a hole, so a first row that went hides every row after it from a walk,
+// though each of them answers Get. The agent reads such a table itself,
+// cell by cell with Get, in walk order.
+
+// The highest row of each table the agent has answered a cell of: rows
+// keep their index while the plug-in stays loaded, so a table has at least
+// as many. Past it (and past the last row found), a table whose column 1
+// does not answer in kHoleRun rows in a row has no more rows.
+constexpr uint32_t kHoleRun = 64;
+std::atomic<uint32_t> rowsSeen[std::size(kServedTables)];
+static_assert(std::size(kServedTables) == 18 + 6, "tableIndexOf numbers 130.1-18, 140.1-6");
+
+// The index in kServedTables of the table an instance name lies in, or
+// std::size(kServedTables).
+size_t tableIndexOf(std::span<const uint64_t> name)
+{
+    if (name.size() != kCellLength)
+        return std::size(kServedTables);
+    const uint64_t group = name[kMibRootLength];
+    const uint64_t table = name[kMibRootLength + 1];
+    // 130.1 to 130.18, then 140.1 to 140.6, in that order.
+    if (group == 130 && table >= 1 && table <= 18)
+        return static_cast<size_t>(table - 1);
+    if (group == 140 && table >= 1 && table <= 6)
+        return static_cast<size_t>(18 + table - 1);
+    return std::size(kServedTables);
+}
+
+void noteRow(std::span<const uint64_t> name)
+{
+    const size_t index = tableIndexOf(name);
+    if (index == std::size(kServedTables))
+        return;
+    const auto row = static_cast<uint32_t>(name.back());
+    if (row > rowsSeen[index].load(std::memory_order_relaxed))
+        rowsSeen[index].store(row, std::memory_order_relaxed);
+}
+
+// The instance name root.G.T.1.C.R.
+FixedName<uint64_t, kCellLength> cellName(const ServedTable &table, uint32_t column, uint32_t row)
+{
+    FixedName<uint64_t, kCellLength> name;
+    name.assign(std::span<const uint32_t>(kMibRoot));
+    name.append(std::initializer_list<uint64_t>{table.group, table.table, 1, column, row});
+    return name;
+}
+
+Answer getCell(const Dispatch &dispatch, const ServedTable &table, uint32_t column, uint32_t row)
+{
+    const FixedName<uint64_t, kCellLength> name = cellName(table, column, row);
+    return answerGet(dispatch, name.span());
+}
+
+// Where `name` lies against `table`: before its names, inside its subtree
+// (the table's arcs after the root in *inside: entry, column, row, ...),
+// or after them.
+enum class Place { kBefore, kInside, kAfter };
+Place placeOf(std::span<const uint32_t> name, const ServedTable &table,
+              std::span<const uint32_t> *inside)
+{
+    const uint32_t prefix[] = {table.group, table.table};
+    for (size_t i = 0; i < 2; i++) {
+        if (name.size() <= kMibRootLength + i) {
+            return Place::kBefore;
+        }
+        const uint32_t arc = name[kMibRootLength + i];
+        if (arc != prefix[i]) {
+            return arc < prefix[i] ? Place::kBefore : Place::kAfter;
+        }
+    }
+    *inside = name.subspan(kMibRootLength + 2);
+    return Place::kInside;
+}
+
+// The first cell of `table` at or after (column, row) that answers and
+// sorts after `name`, by Get; an Answer with kEndOfSubtree when none does,
+// or the failure of a Get. Column 1 says which rows there are.
+Answer scanTable(const Dispatch &dispatch, const ServedTable &table, uint32_t column, uint32_t row,
+                 std::span<const uint64_t> name)
+{
+    const uint32_t seen =
+        rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed);
+    uint32_t lastRow = 0;
+    for (uint32_t r = 1; r != 0 && (r <= seen || r - lastRow <= kHoleRun); r++) {
+        Answer cell = getCell(dispatch, table, 1, r);
+        if (failed(cell.outcome)) {
+            return cell;
+        }
+        if (cell.outcome == Outcome::kValue) {
+            lastRow = r;
+            if (column == 1 && r >= row && compareNames(cell.name.span(), name) > 0)
+                return cell;
+        }
+    }
+    if (column <= 1) {
+        column = 2;
+        row = 1;
+    }
+    for (; column <= table.columns; column++, row = 1) {
+        for (uint32_t r = row; r <= lastRow; r++) {
+            Answer cell = getCell(dispatch, table, column, r);
+            if (failed(cell.outcome)) {
+                return cell;
+            }
+            if (cell.outcome == Outcome::kValue && compareNames(cell.name.span(), name) > 0) {
+                return cell;
+            }
+        }
+    }
+    return outcomeOnly(Outcome::kEndOfSubtree);
+}
+
+// Whether two names inside the root lie in one table's subtree.
+bool sameTable(std::span<const uint32_t> a, std::span<const uint32_t> b)
+{
+    constexpr size_t kTableArcs = kMibRootLength + 2;
+    return a.size() >= kTableArcs && b.size() >= kTableArcs &&
+           (a[kMibRootLength] == 130 || a[kMibRootLength] == 140) &&
+           a[kMibRootLength] == b[kMibRootLength] && a[kMibRootLength + 1] == b[kMibRootLength + 1];
+}
+
+// The first instance after `name` in a table the plug-in's walk from
+// `cursor` passed over on its way to `upTo` (nullopt: to the end of its
+// walk) because the table's first row does not answer: nullopt when there
+// is none, or an Answer with the instance (or a Get's failure).
+std::optional<Answer> passedOver(const Dispatch &dispatch, std::span<const uint32_t> cursor,
+                                 std::optional<std::span<const uint32_t>> upTo,
+                                 std::span<const uint64_t> name)
+{
+    for (const ServedTable &table : kServedTables) {
+        std::span<const uint32_t> rest;
+        if (upTo && placeOf(*upTo, table, &rest) != Place::kAfter) {
+            break; // the walk ended before this table or went into it
+        }
+        uint32_t column = 1;
+        uint32_t row = 1;
+        switch (placeOf(cursor, table, &rest)) {
+        case Place::kAfter:
+            continue;
+        case Place::kBefore:
+            break;
+        case Place::kInside:
+            if (!rest.empty() && rest[0] > 1) {
+                continue; // past the entry
+            }
+            if (rest.size() >= 2 && rest[0] == 1) {
+                column = std::max<uint32_t>(rest[1], 1);
+                row = rest.size() >= 3 && rest[1] > 0 ? rest[2] + 1 : 1;
+                if (row == 0) { // after row 2^32-1
+                    column++;
+                    row = 1;
+                }
+            }
+            break;
+        }
+        Answer first = getCell(dispatch, table, 1, 1);
+        if (failed(first.outcome)) {
+            return first;
+        }
+        if (first.outcome == Outcome::kValue) {
+            continue; // the plug-in walks this table cell by cell
+        }
+        Answer found = scanTable(dispatch, table, column, row, name);
+        if (found.outcome == Outcome::kValue) {
+            noteRow(found.name.span());
+        }
+        if (found.outcome != Outcome::kEndOfSubtree) {
+            return found;
+        }
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
@@ -167,6 +345,11 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             // Nothing after the cursor in the plug-in's walk; the walk goes
             // on with the tables after it.
             cursor = nextTableRoot(request.name());
+            std::optional<std::span<const uint32_t>> upTo;
+            if (cursor)
+                upTo = cursor->span();
+            if (std::optional<Answer> skipped = passedOver(dispatch, request.name(), upTo, name))
+                return *skipped;
             continue;
         }
         if (!next) {
@@ -181,7 +364,14 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             // A name too long for an instance's is none.
             if (answer.name.assign(*next) &&
                 classifyName(answer.name.span()) == NameKind::kInstance) {
+                // Within the cursor's table the plug-in's walk passed over nothing.
+                if (!sameTable(*next, request.name())) {
+                    if (std::optional<Answer> skipped =
+                            passedOver(dispatch, request.name(), *next, name))
+                        return *skipped;
+                }
                 answer.outcome = Outcome::kValue;
+                noteRow(answer.name.span());
                 return answer;
             }
         }

@@ -28,7 +28,10 @@ Name below(std::initializer_list<uint64_t> tail)
     return name;
 }
 
-// A dispatch whose every call runs `step` and is recorded.
+// A dispatch whose every call runs `step` and is recorded. Every table's
+// first cell (column 1, row 1) answers Get without a call, unless
+// firstRowsAnswer is cleared: the agent asks for it when the plug-in's walk
+// leaves a table, as the plug-in passes over a table without it.
 struct FakeModule {
     struct Call {
         uint32_t command;
@@ -38,6 +41,8 @@ struct FakeModule {
 
     Step step;
     std::vector<Call> calls;
+    bool firstRowsAnswer = true;
+    int firstRowGets = 0;
 
     Dispatch dispatch()
     {
@@ -53,8 +58,15 @@ struct FakeModule {
             EXPECT_NE(reply->name.arcs, nullptr);
             EXPECT_EQ(reply->value, ReplyRecord::kValueBytes);
             EXPECT_NE(reply->buffer, nullptr);
-            calls.push_back(
-                {command, Arcs(request->name.arcs, request->name.arcs + request->name.count)});
+            const Arcs asked(request->name.arcs, request->name.arcs + request->name.count);
+            if (firstRowsAnswer && command == SM_CMD_GET && asked.size() == kCellLength &&
+                asked[12] == 1 && asked[13] == 1 && asked[14] == 1) {
+                firstRowGets++;
+                reply->type = SM_ASN_INTEGER;
+                reply->value = 1;
+                return 0u;
+            }
+            calls.push_back({command, asked});
             return step(static_cast<int>(calls.size()) - 1, reply);
         };
     }
@@ -483,6 +495,85 @@ TEST(AnswerGetNext, NamesBeforeTheRequestAreSkippedAndAColumnThePluginEndsOnGoes
     for (size_t i = 0; i < 3; i++) {
         EXPECT_EQ(module.calls[i].request, Arcs(asked[i].begin(), asked[i].end())) << i;
     }
+}
+
+// A plug-in whose fan table (130.7) lost the device of its row 1: Get
+// answers rows 2 and 3 of columns 1 and 2, and the plug-in's walk passes
+// over the table to the next one's first cell, or ends when `ends`.
+struct HoleInRowOne {
+    FakeModule module;
+    bool ends = false;
+    int gets = 0;
+
+    HoleInRowOne()
+    {
+        module.firstRowsAnswer = false;
+        module.step = [this](int call, SMSnmpValue *reply) {
+            const Arcs &asked = module.calls[static_cast<size_t>(call)].request;
+            if (module.calls[static_cast<size_t>(call)].command == SM_CMD_GETNEXT) {
+                if (ends)
+                    return 2u;
+                setName(reply, below({130, 8, 1, 1, 1}));
+                setText(reply, "next table");
+                return 0u;
+            }
+            gets++;
+            const bool fans = asked.size() == kCellLength && asked[10] == 130 && asked[11] == 7;
+            const bool present = fans ? asked[13] <= 2 && (asked[14] == 2 || asked[14] == 3)
+                                      : asked[11] == 8 && asked[13] == 1 && asked[14] == 1;
+            if (!present)
+                return 2u;
+            reply->type = SM_ASN_INTEGER;
+            reply->value = asked[13] * 10 + asked[14];
+            return 0u;
+        };
+    }
+
+    Answer next(const Name &from) { return answerGetNext(module.dispatch(), from, false); }
+};
+
+TEST(AnswerGetNext, ATableWhoseFirstRowWentIsReadByGetWhereThePluginPassesItOver)
+{
+    const std::pair<Name, Name> walk[] = {
+        {below({130, 6, 1, 7, 3}), below({130, 7, 1, 1, 2})}, // into the table
+        {below({130, 7}), below({130, 7, 1, 1, 2})},
+        {below({130, 7, 1, 1, 2}), below({130, 7, 1, 1, 3})}, // along a column
+        {below({130, 7, 1, 1, 3}), below({130, 7, 1, 2, 2})}, // to the next column
+        {below({130, 7, 1, 2, 2}), below({130, 7, 1, 2, 3})},
+        {below({130, 7, 1, 2, 3}), below({130, 8, 1, 1, 1})}, // out of it, as the plug-in said
+    };
+    for (const auto &[from, to] : walk) {
+        HoleInRowOne plugin;
+        const Answer answer = plugin.next(from);
+        ASSERT_EQ(answer.outcome, Outcome::kValue) << ::testing::PrintToString(from);
+        EXPECT_EQ(answer.name, to) << ::testing::PrintToString(from);
+        if (to[11] == 7) {
+            EXPECT_EQ(answer.value.integer, static_cast<int64_t>(to[13] * 10 + to[14]));
+        }
+    }
+    // Where the plug-in's walk ends at the table, the agent reads on too.
+    HoleInRowOne ending;
+    ending.ends = true;
+    const Answer answer = ending.next(below({130, 7, 1, 1, 3}));
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 7, 1, 2, 2}));
+}
+
+TEST(AnswerGetNext, LeavingATableWhoseFirstRowAnswersCostsOneGetAndWithinATableNone)
+{
+    FakeModule module;
+    module.step = [](int call, SMSnmpValue *reply) {
+        setName(reply, call == 0 ? below({130, 1, 1, 2, 1}) : below({130, 2, 1, 1, 1}));
+        setText(reply, "x");
+        return 0u;
+    };
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({130, 1, 1, 1, 9}), false).name,
+              below({130, 1, 1, 2, 1}));
+    EXPECT_EQ(module.firstRowGets, 0);
+    EXPECT_EQ(answerGetNext(module.dispatch(), below({130, 1, 1, 73, 9}), false).name,
+              below({130, 2, 1, 1, 1}));
+    EXPECT_EQ(module.firstRowGets, 1);
+    EXPECT_EQ(module.calls.size(), 2u);
 }
 
 TEST(AnswerRepetitions, EachRepetitionGoesOnFromTheOneBeforeUntilTheCountOrAnEnd)

@@ -233,5 +233,41 @@ TEST_F(AgentResolve, EveryWalkedNameAnswersItsValueAndEveryWalkAgrees)
     EXPECT_EQ(agent.snmp("snmpwalk", {kRoot}, "1").out, whole);
 }
 
+// A fan pulled leaves a hole in the fan table, rows keeping their index;
+// the first fan's hole must not hide the others from a walk, which Get
+// still answers.
+TEST_F(AgentResolve, ATableWhoseFirstRowWentStillWalksItsOtherRows)
+{
+    const std::string fans = std::string(kRoot) + ".130.7";
+    const RunResult before = agent.snmp("snmpwalk", {fans});
+    ASSERT_NE(before.out.find(fans + ".1.2.2 = STRING"), std::string::npos) << before.out;
+    ASSERT_EQ(agent.kelpctl({"remove", "30"}).status, 0); // the fan in row 1
+    RunResult get;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {fans + ".1.2.1", fans + ".1.2.2"});
+            return get.out.find("No Such Instance") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    ASSERT_NE(get.out.find(fans + ".1.2.2 = STRING: \"Fan 1\""), std::string::npos) << get.out;
+
+    // Every line of the walk before, but row 1's.
+    std::string expected;
+    for (const Line &line : lines(before.out)) {
+        if (line.name.back() != 1)
+            expected += line.text + "\n";
+    }
+    EXPECT_EQ(agent.snmp("snmpwalk", {fans}).out, expected);
+    EXPECT_EQ(agent.snmp("snmpbulkwalk", {"-Cr7", fans}).out, expected);
+    EXPECT_EQ(agent.snmp("snmpwalk", {fans}, "1").out, expected);
+    // From the table before it, and from its own last row, the walk goes on
+    // into the fan table, then out of it.
+    const RunResult next =
+        agent.snmp("snmpgetnext", {std::string(kRoot) + ".130.6.1.7.3", fans + ".1.1.3"});
+    EXPECT_NE(next.out.find(fans + ".1.1.2 = "), std::string::npos) << next.out;
+    EXPECT_NE(next.out.find(fans + ".1.2.2 = "), std::string::npos) << next.out;
+}
+
 } // namespace
 } // namespace kelp::test
