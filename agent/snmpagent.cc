@@ -121,10 +121,12 @@ void rememberAll(const std::vector<std::string> &lines)
     }
 }
 
-// The first address of a --listen list (net-snmp's transport syntax,
-// comma-separated) that names no address this host could resolve, or "" when
-// all do. Tells a typing error from a port in use, which init_master_agent
-// reports alike. A name without a domain is UDP over IPv4.
+// What is wrong with the first address of a --listen list (net-snmp's
+// transport syntax, comma-separated) that names no address this host could
+// resolve, or "" when all do. Tells a typing error from a port in use, which
+// init_master_agent reports alike. A name without a domain is UDP over IPv4.
+// An empty entry (a comma too many) is refused: net-snmp would read it as
+// every interface's port 161.
 std::string invalidListenAddress(const std::string &list)
 {
     size_t start = 0;
@@ -132,9 +134,12 @@ std::string invalidListenAddress(const std::string &list)
         const size_t comma = std::min(list.find(',', start), list.size());
         const std::string address = list.substr(start, comma - start);
         start = comma + 1;
+        if (address.empty()) {
+            return "an empty address (a comma too many) is not one";
+        }
         SnmpAddress parsed;
         if (!parseSnmpAddress(address, nullptr, false, &parsed)) {
-            return address;
+            return "\"" + address + "\" is not a valid address";
         }
     }
     return "";
@@ -543,8 +548,7 @@ bool SnmpAgent::open(std::string *error)
         return true;
     }
     if (std::string invalid = invalidListenAddress(settings_.listen); !invalid.empty()) {
-        *error =
-            "cannot listen on " + settings_.listen + ": \"" + invalid + "\" is not a valid address";
+        *error = "cannot listen on " + settings_.listen + ": " + invalid;
         return false;
     }
     const SessionMark beforeListening = markSessions();

@@ -267,6 +267,24 @@ TEST(AgentAdmin, AnInvalidListenAddressIsNotReportedAsAPortInUse)
     }
 }
 
+// net-snmp reads an empty address as every interface's port 161: a comma
+// too many in --listen must not open the agent to the network.
+TEST(AgentAdmin, AnEmptyEntryInTheListenListIsRefused)
+{
+    TempDir dir;
+    for (const char *listen : {",", "udp:127.0.0.1:1161,", ",udp:127.0.0.1:1161",
+                               "udp:127.0.0.1:1161,,udp:127.0.0.1:1162"}) {
+        const RunResult result =
+            run({kelpagentPath(), "--allow-root", "--state-dir", dir / "state", "--listen", listen,
+                 "--model", minimalModel(), "--module", modulePath()},
+                agentEnv(), dir, 20s);
+        EXPECT_EQ(result.status, 1) << listen << ": " << result.err;
+        EXPECT_NE(result.err.find("an empty address (a comma too many)"), std::string::npos)
+            << result.err;
+        EXPECT_EQ(result.err.find("answering on"), std::string::npos) << result.err;
+    }
+}
+
 TEST(AgentAdmin, ASecondAgentOnTheSameStateDirNamesTheWayOut)
 {
     AgentUnderTest agent;
