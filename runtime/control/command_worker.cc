@@ -33,6 +33,8 @@ std::shared_ptr<const PendingAnswer> CommandWorker::submit(Request request)
     auto answer = std::make_shared<PendingAnswer>();
     {
         std::lock_guard lock(mutex_);
+        if (jobs_.size() >= kMaxWaiting)
+            return nullptr;
         jobs_.push_back(Job{std::move(request), answer});
     }
     wake_.notify_one();

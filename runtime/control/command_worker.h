@@ -50,8 +50,14 @@ class CommandWorker {
     CommandWorker(const CommandWorker &) = delete;
     CommandWorker &operator=(const CommandWorker &) = delete;
 
+    // At most this many commands wait (the one running not counted). A
+    // command keeps its place when its client leaves, so without a bound
+    // clients that send and hang up could queue work and memory without end.
+    static constexpr size_t kMaxWaiting = 64;
+
     // Queues a checked request (from prepareLine) behind those already
-    // queued. May throw std::bad_alloc; nothing is queued then.
+    // queued; nullptr, queueing nothing, when kMaxWaiting wait already. May
+    // throw std::bad_alloc; nothing is queued then.
     std::shared_ptr<const PendingAnswer> submit(Request request);
 
   private:

@@ -113,6 +113,13 @@ void Connection::start()
         answer(formatReply(reply), true);
     } else if (worker_ != nullptr && request.command->onWorker) {
         pending_ = worker_->submit(std::move(request));
+        if (pending_ == nullptr) {
+            Reply reply;
+            reply.fail("busy: " + std::to_string(CommandWorker::kMaxWaiting) +
+                       " changes wait to be made; try again when they are");
+            answer(formatReply(reply), true);
+            return;
+        }
         phase_ = Phase::kRunning;
         line_.clear();
         line_.shrink_to_fit();

@@ -208,3 +208,52 @@ TEST_F(ConnectionTest, ClientGoneBeforeItsLineIsDropped)
 }
 
 } // namespace
+
+namespace {
+
+// A command stays queued when its client leaves, so clients that send a
+// change and hang up could queue work and memory without end: past
+// kMaxWaiting waiting changes, the next is refused at once.
+TEST_F(ConnectionTest, AChangeBeyondTheWaitingOnesIsRefusedAsBusy)
+{
+    kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    kelp::ctl::CommandWorker worker(done.get());
+    std::vector<std::shared_ptr<const kelp::ctl::PendingAnswer>> queued;
+    {
+        // The first change waits for this lock, and the others behind it.
+        std::lock_guard identities(kelp::ds::identityMutex());
+        for (size_t i = 0; i <= kelp::ctl::CommandWorker::kMaxWaiting + 1; i++) {
+            kelp::ctl::Request request;
+            std::string error;
+            ASSERT_TRUE(
+                kelp::ctl::prepareLine("set 20 Nexus n" + std::to_string(i), &request, &error))
+                << error;
+            auto answer = worker.submit(std::move(request));
+            if (answer == nullptr)
+                break;
+            queued.push_back(std::move(answer));
+        }
+        // One may be running already, and is not counted.
+        EXPECT_GE(queued.size(), kelp::ctl::CommandWorker::kMaxWaiting);
+        EXPECT_LE(queued.size(), kelp::ctl::CommandWorker::kMaxWaiting + 1);
+
+        Connection c = open(&worker);
+        send("ready off\n");
+        EXPECT_TRUE(c.advance(POLLIN, start_));
+        EXPECT_EQ(received(), "error: busy: 64 changes wait to be made; try again when they are\n");
+    }
+    // Once they are made, changes are taken again.
+    for (const auto &answer : queued) {
+        while (!answer->done())
+            ASSERT_TRUE(workerDone(done.get()));
+    }
+    EXPECT_NE(kelp::ctl::testing::singleObject(20).find(
+                  "<Nexus>n" + std::to_string(queued.size() - 1) + "</Nexus>"),
+              std::string::npos);
+    kelp::ctl::Request request;
+    std::string error;
+    ASSERT_TRUE(kelp::ctl::prepareLine("ready off", &request, &error)) << error;
+    EXPECT_NE(worker.submit(std::move(request)), nullptr);
+}
+
+} // namespace
