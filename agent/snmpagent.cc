@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "agentxlog.h"
+#include "bulkfit.h"
 #include "fairness.h"
 #include "heap.h"
 #include "log.h"
@@ -565,6 +566,11 @@ bool SnmpAgent::open(std::string *error)
         return false;
     }
     watchAccess(settings_.allow);
+    if (fitBulkResponses() == 0) {
+        logAt(LogLevel::kWarning,
+              "this net-snmp's sessions are not laid out as expected: a GETBULK response too big "
+              "for an SNMPv3 manager's message size is not cut to fit");
+    }
     shareBetweenSources(beforeListening, settings_.maxWaiting, writeWakeByte);
     bound_ = sessionAddresses();
     if (!settings_.community.empty() && settings_.allow.empty() && listensBeyondLoopback()) {

@@ -1,0 +1,119 @@
+// The build hook that makes GETBULK responses fit (see bulkfit.h).
+#include "bulkfit.h"
+
+// net-snmp's headers in the order they need: configuration, library, agent.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+#include <cstring>
+
+// net-snmp's list of open sessions: exported by libnetsnmp and laid out in
+// its public snmp_api.h (struct session_list), but declared in no header.
+extern "C" struct session_list *Sessions;
+
+namespace kelp::agent {
+namespace {
+
+// The head of net-snmp's private struct snmp_internal_session (snmp_api.c),
+// the same from 5.7 to 5.9: the hooks a session was opened with. The agent
+// takes a session for one of its own only when its hooks are those the
+// agent library gives (netsnmp_agent_check_packet, netsnmp_agent_check_parse)
+// and it has no build hook, so a library laid out otherwise is left alone.
+struct InternalSessionHead {
+    void *requests;
+    void *requestsEnd;
+    int (*hookPre)(netsnmp_session *, netsnmp_transport *, void *, int);
+    int (*hookParse)(netsnmp_session *, netsnmp_pdu *, u_char *, size_t);
+    int (*hookPost)(netsnmp_session *, netsnmp_pdu *, int);
+    int (*hookBuild)(netsnmp_session *, netsnmp_pdu *, u_char *, size_t *);
+    int (*hookReallocBuild)(netsnmp_session *, netsnmp_pdu *, u_char **, size_t *, size_t *);
+};
+
+// Leaves the first `keep` varbinds of pdu and frees the others; with none
+// kept the response says tooBig.
+void keepVarbinds(netsnmp_pdu *pdu, size_t keep)
+{
+    if (keep == 0) {
+        snmp_free_varbind(pdu->variables);
+        pdu->variables = nullptr;
+        pdu->errstat = SNMP_ERR_TOOBIG;
+        pdu->errindex = 0;
+        return;
+    }
+    netsnmp_variable_list *last = pdu->variables;
+    for (size_t i = 1; i < keep && last != nullptr; i++) {
+        last = last->next_variable;
+    }
+    if (last != nullptr && last->next_variable != nullptr) {
+        snmp_free_varbind(last->next_variable);
+        last->next_variable = nullptr;
+    }
+}
+
+// Builds pdu with net-snmp's reverse encoder into *pkt (of *pktLen bytes,
+// grown as needed) and moves the message to its start, where the caller
+// takes it; *offset is its length.
+int buildAtStart(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_t *pktLen,
+                 size_t *offset)
+{
+    *offset = 0;
+    const int result = snmp_build(pkt, pktLen, offset, session, pdu);
+    if (result == 0 && *offset <= *pktLen) {
+        std::memmove(*pkt, *pkt + *pktLen - *offset, *offset);
+    }
+    return result;
+}
+
+// The session's build: as net-snmp's, until net-snmp, finding a GETBULK
+// response too big, asks for it again (UCD_MSG_FLAG_BULK_TOOBIG); then the
+// last varbinds go, as many as the excess suggests, until it fits.
+int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_t *pktLen,
+                 size_t *offset)
+{
+    const bool trim = (pdu->flags & UCD_MSG_FLAG_BULK_TOOBIG) != 0;
+    // The forward encoder, which these flags ask for, is what fails.
+    pdu->flags &= ~static_cast<u_long>(UCD_MSG_FLAG_FORWARD_ENCODE | UCD_MSG_FLAG_BULK_TOOBIG);
+    int result = buildAtStart(session, pdu, pkt, pktLen, offset);
+    if (!trim) {
+        return result;
+    }
+    const auto limit = static_cast<size_t>(pdu->msgMaxSize);
+    while (result == 0 && *offset > limit) {
+        if (pdu->variables == nullptr) {
+            // Not even an empty response fits.
+            session->s_snmp_errno = SNMPERR_TOO_LONG;
+            return SNMPERR_TOO_LONG;
+        }
+        const auto count = static_cast<size_t>(count_varbinds(pdu->variables));
+        size_t keep = count * limit / *offset;
+        if (keep >= count) {
+            keep = count - 1;
+        }
+        keepVarbinds(pdu, keep);
+        result = buildAtStart(session, pdu, pkt, pktLen, offset);
+    }
+    return result;
+}
+
+} // namespace
+
+size_t fitBulkResponses()
+{
+    size_t taken = 0;
+    for (session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
+        auto *head = reinterpret_cast<InternalSessionHead *>(slp->internal);
+        if (head == nullptr || head->hookPre != netsnmp_agent_check_packet ||
+            head->hookPost != netsnmp_agent_check_parse || head->hookBuild != nullptr ||
+            head->hookReallocBuild != nullptr) {
+            continue;
+        }
+        head->hookReallocBuild = buildFitting;
+        taken++;
+    }
+    return taken;
+}
+
+} // namespace kelp::agent

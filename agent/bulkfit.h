@@ -1,0 +1,30 @@
+// GETBULK responses that fit the manager's message size, in every version.
+//
+// net-snmp builds a GETBULK response too big for the request's maximum
+// message size again with its forward encoder, which drops the varbinds
+// that do not fit. For SNMPv3 that encoder builds the scoped PDU into a
+// buffer of its own, 64 KiB long, so nothing is dropped: the build is tried
+// again and again for ever (authNoPriv), or fails (authPriv, genErr). One
+// SNMPv3 GETBULK asking for more than fits its msgMaxSize then stopped the
+// agent for good.
+//
+// The agent gives the sessions that answer requests a build hook of its
+// own: it builds as net-snmp does, and once net-snmp has found a GETBULK
+// response too big, it leaves out the last varbinds, as many as the excess
+// suggests, until the message fits (with none left, the response is
+// tooBig). Free of the plug-in.
+#ifndef KELP_AGENT_BULKFIT_H
+#define KELP_AGENT_BULKFIT_H
+
+#include <cstddef>
+
+namespace kelp::agent {
+
+// Gives every open session that answers requests (net-snmp's agent hooks
+// set, no build hook of its own) the build hook; answers how many sessions
+// took it.
+size_t fitBulkResponses();
+
+} // namespace kelp::agent
+
+#endif // KELP_AGENT_BULKFIT_H
