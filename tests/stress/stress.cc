@@ -488,6 +488,23 @@ int stressMain(int argc, char **argv)
         }
     }
     Reference reference(Name{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20});
+    // Every table but those of array disks (130.4), their enclosure
+    // connections (130.5), virtual disks (140.1) and partitions (140.2),
+    // which are numbered afresh at each rebuild, keeps its rows' indices and
+    // appends rows. A walk showed the appended rows of such a table only
+    // while its first row answered, until the agent learned to read a
+    // table whose first row is a hole.
+    for (uint32_t table = 1; table <= 18; table++) {
+        if (table != 4 && table != 5)
+            reference.addAppendingTable(130, table);
+    }
+    for (uint32_t table = 3; table <= 6; table++)
+        reference.addAppendingTable(140, table);
+    // The disk to virtual disk table (140.3) keeps its rows and pairs the
+    // disks and virtual disks of the build before by their row indices,
+    // which loads that move ids give to other objects: after a run of them
+    // a row may show any pair the run passed through.
+    reference.addUncheckedTable(140, 3);
     if (!buildReference(agent, *walkers.back(), models, size.scale, &reference)) {
         return 1;
     }

@@ -1,6 +1,7 @@
 #include "walk_check.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 
 namespace kelp::stress {
@@ -81,6 +82,17 @@ bool Reference::addState(const StateWalk &walk, const StateWalk &hidden)
         served.states++;
         served.walked++;
     }
+    for (const StateWalk *bindings : {&walk, &hidden}) {
+        for (const Binding &binding : *bindings) {
+            if (binding.name.size() == root_.size() + 5) {
+                const Name table(binding.name.begin(),
+                                 binding.name.begin() +
+                                     static_cast<std::ptrdiff_t>(root_.size() + 2));
+                uint32_t &last = lastRow_[table];
+                last = std::max(last, binding.name.back());
+            }
+        }
+    }
     for (const Binding &binding : hidden) {
         Served &served = served_[binding.name];
         served.values.insert(binding.value);
@@ -130,10 +142,48 @@ std::vector<Name> Reference::names() const
     return names;
 }
 
+void Reference::addAppendingTable(uint32_t group, uint32_t table)
+{
+    Name name = root_;
+    name.push_back(group);
+    name.push_back(table);
+    appending_.insert(name);
+}
+
+void Reference::addUncheckedTable(uint32_t group, uint32_t table)
+{
+    Name name = root_;
+    name.push_back(group);
+    name.push_back(table);
+    unchecked_.insert(name);
+}
+
+bool Reference::appendedRow(const Name &name) const
+{
+    if (name.size() != root_.size() + 5 || !below(root_, name)) {
+        return false;
+    }
+    const Name table(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(root_.size() + 2));
+    if (appending_.count(table) == 0) {
+        return false;
+    }
+    const auto last = lastRow_.find(table);
+    return name.back() > (last == lastRow_.end() ? 0 : last->second);
+}
+
 std::string Reference::checkValue(const Binding &binding) const
 {
+    if (binding.name.size() > root_.size() + 2 &&
+        unchecked_.count(
+            Name(binding.name.begin(),
+                 binding.name.begin() + static_cast<std::ptrdiff_t>(root_.size() + 2))) != 0) {
+        return {};
+    }
     const auto found = served_.find(binding.name);
     if (found == served_.end()) {
+        if (appendedRow(binding.name)) {
+            return {};
+        }
         return nameText(binding.name) + " is served by no state (" + valueText(binding.value) + ")";
     }
     const std::set<std::string> &values = found->second.values;

@@ -59,6 +59,17 @@ class Reference {
     // their type only. False when the names themselves differ.
     bool addRepeat(const StateWalk &first, const StateWalk &second);
 
+    // Names a table (root.G.T) whose rows keep their index for as long as
+    // the plug-in stays loaded: a run's loads append rows to it that no
+    // state walked at rest holds. A name root.G.T.1.C.R of such a table
+    // whose row R is past every row the states serve there is a row the run
+    // appended: it is served, with a value no state can vouch for.
+    void addAppendingTable(uint32_t group, uint32_t table);
+
+    // A table whose rows a run may fill with values of any state it passed
+    // through: any name below root.G.T is taken as served, unchecked.
+    void addUncheckedTable(uint32_t group, uint32_t table);
+
     const Name &root() const { return root_; }
     // Names served by every state added so far.
     size_t alwaysServed() const;
@@ -97,6 +108,10 @@ class Reference {
     };
     std::map<Name, Served> served_;
     std::set<Name> volatile_;
+    std::set<Name> appending_;         // root.G.T of tables that append rows
+    std::set<Name> unchecked_;         // root.G.T of tables not checked
+    std::map<Name, uint32_t> lastRow_; // root.G.T -> the last row a state serves
+    bool appendedRow(const Name &name) const;
 };
 
 // "1.3.6..." for messages.

@@ -142,6 +142,38 @@ TEST(WalkCheck, AHiddenRowIsServedButAWalkMayPassItOver)
     EXPECT_NE(faults.front().find("skipped"), std::string::npos);
 }
 
+TEST(WalkCheck, ARowPastEveryStatesRowsIsServedOnlyInATableThatAppendsRows)
+{
+    Reference reference(kRoot);
+    // Tables 5.1 and 5.2 with rows 1 and 2 in column 1.
+    ASSERT_TRUE(reference.addState({bind({5, 1, 1, 1, 1}, "i1"), bind({5, 1, 1, 1, 2}, "i2"),
+                                    bind({5, 2, 1, 1, 1}, "i1"), bind({5, 2, 1, 1, 2}, "i2")}));
+    reference.addAppendingTable(5, 1);
+    EXPECT_EQ(reference.checkValue(bind({5, 1, 1, 1, 39}, "i39")), "");
+    EXPECT_EQ(reference.checkValue(bind({5, 1, 1, 2, 3}, "x")), "");
+    // Within the states' rows a name must still be served, with its value.
+    EXPECT_NE(reference.checkValue(bind({5, 1, 1, 2, 2}, "x")).find("served by no state"),
+              std::string::npos);
+    EXPECT_NE(reference.checkValue(bind({5, 1, 1, 1, 2}, "i7")).find("value no state holds"),
+              std::string::npos);
+    // A table that renumbers its rows appends none.
+    EXPECT_NE(reference.checkValue(bind({5, 2, 1, 1, 39}, "i39")).find("served by no state"),
+              std::string::npos);
+    // Nor is a name of another shape a row.
+    EXPECT_NE(reference.checkValue(bind({5, 1, 1, 1, 39, 1}, "i39")).find("served by no state"),
+              std::string::npos);
+}
+
+TEST(WalkCheck, AnUncheckedTableTakesAnyNameAndValue)
+{
+    Reference reference(kRoot);
+    ASSERT_TRUE(reference.addState({bind({5, 1, 1, 1, 1}, "i1"), bind({5, 2, 1, 1, 1}, "i1")}));
+    reference.addUncheckedTable(5, 1);
+    EXPECT_EQ(reference.checkValue(bind({5, 1, 1, 1, 1}, "i9")), "");
+    EXPECT_EQ(reference.checkValue(bind({5, 1, 1, 4, 1}, "sOS")), "");
+    EXPECT_NE(reference.checkValue(bind({5, 2, 1, 1, 1}, "i9")), "");
+}
+
 TEST(WalkCheck, RefusesReferencesThatAreNoWalks)
 {
     Reference reference(kRoot);
