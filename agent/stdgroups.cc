@@ -21,6 +21,9 @@ void init_system_mib(void);
 void init_sysORTable(void);
 void init_snmp_mib(void);
 void init_snmpEngine(void);
+void init_usmStats(void);
+void init_snmpMPDStats(void);
+void init_target_counters(void);
 }
 
 namespace kelp::agent {
@@ -31,6 +34,13 @@ void initStandardGroups()
     init_sysORTable();
     init_snmp_mib();
     init_snmpEngine();
+    // The counters that tell a manager why the agent refused its messages:
+    // usmStats, snmpMPDStats, and snmpUnavailableContexts and
+    // snmpUnknownContexts. The users' and views' tables stay unserved: they
+    // would show every community the names of the SNMPv3 users.
+    init_usmStats();
+    init_snmpMPDStats();
+    init_target_counters();
 }
 
 void registerStorageMib()

@@ -1,6 +1,7 @@
 // The groups every SNMP agent answers and a manager asks for first, served
 // by net-snmp's own MIB modules in an embedded master: the system group
-// (SNMPv2-MIB), sysORTable, the snmp group's counters and snmpEngine. An
+// (SNMPv2-MIB), sysORTable, the snmp group's counters, snmpEngine and the
+// SNMPv3 statistics (usmStats, snmpMPDStats, the context counters). An
 // AgentX subagent leaves them to its master, which still lists the storage
 // MIB in its sysORTable when the subagent asks.
 #ifndef KELP_AGENT_STDGROUPS_H

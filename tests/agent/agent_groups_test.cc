@@ -172,7 +172,16 @@ TEST(AgentGroups, AWalkOfTheWholeAgentRunsFromTheSystemGroupToTheStorageMib)
     EXPECT_LT(system, snmp);
     EXPECT_LT(snmp, storage);
     EXPECT_LT(storage, engine);
-    EXPECT_NE(walk.out.find(".1.3.6.1.6.3.10.2.1.4.0 = No more variables left in this MIB View"),
+    // Then the SNMPv3 statistics: snmpMPDStats, the context counters and
+    // usmStats, whose last counter ends the agent's view.
+    const size_t mpd = walk.out.find(".1.3.6.1.6.3.11.2.1.1.0 = Counter32: ");
+    const size_t contexts = walk.out.find(".1.3.6.1.6.3.12.1.5.0 = Counter32: ");
+    const size_t usm = walk.out.find(".1.3.6.1.6.3.15.1.1.1.0 = Counter32: ");
+    EXPECT_LT(engine, mpd);
+    EXPECT_LT(mpd, contexts);
+    EXPECT_LT(contexts, usm);
+    EXPECT_NE(usm, std::string::npos);
+    EXPECT_NE(walk.out.find(".1.3.6.1.6.3.15.1.1.6.0 = No more variables left in this MIB View"),
               std::string::npos)
         << walk.out.substr(walk.out.size() - 300);
 }

@@ -355,6 +355,51 @@ std::string replay(const std::string &message, int port)
     return answer;
 }
 
+// The counters a manager reads to see why its SNMPv3 requests fail: the
+// user-based security model's (usmStats), the message processing's
+// (snmpMPDStats) and the contexts' (snmpUnavailableContexts,
+// snmpUnknownContexts).
+TEST(AgentSecurity, TheSnmpV3StatisticsCountWhatTheAgentRefused)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    const std::string unknownUsers = "1.3.6.1.6.3.15.1.1.3.0";
+    const std::string wrongDigests = "1.3.6.1.6.3.15.1.1.5.0";
+    const std::vector<std::string> others = {
+        "1.3.6.1.6.3.15.1.1.1.0", // usmStatsUnsupportedSecLevels
+        "1.3.6.1.6.3.15.1.1.2.0", // usmStatsNotInTimeWindows
+        "1.3.6.1.6.3.15.1.1.4.0", // usmStatsUnknownEngineIDs
+        "1.3.6.1.6.3.15.1.1.6.0", // usmStatsDecryptionErrors
+        "1.3.6.1.6.3.11.2.1.1.0", // snmpUnknownSecurityModels
+        "1.3.6.1.6.3.11.2.1.2.0", // snmpInvalidMsgs
+        "1.3.6.1.6.3.11.2.1.3.0", // snmpUnknownPDUHandlers
+        "1.3.6.1.6.3.12.1.4.0",   // snmpUnavailableContexts
+        "1.3.6.1.6.3.12.1.5.0",   // snmpUnknownContexts
+    };
+    const auto counter = [&](const std::string &name) {
+        const RunResult get = agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {name});
+        const std::string mark = "." + name + " = Counter32: ";
+        const size_t at = get.out.find(mark);
+        return at == std::string::npos ? -1L : std::stol(get.out.substr(at + mark.size()));
+    };
+    for (const std::string &name : others)
+        EXPECT_GE(counter(name), 0) << name;
+    const long users = counter(unknownUsers);
+    const long digests = counter(wrongDigests);
+    ASSERT_GE(users, 0);
+    ASSERT_GE(digests, 0);
+    EXPECT_NE(agent.v3("snmpget", "eve", "authPriv", kAuthPass, kPrivPass, {kSysName}).status, 0);
+    EXPECT_NE(agent.v3("snmpget", "ann", "authNoPriv", "auth-Phrase-7392", "", {kSysName}).status,
+              0);
+    EXPECT_EQ(counter(unknownUsers), users + 1);
+    EXPECT_EQ(counter(wrongDigests), digests + 1);
+    // The community sees them too, as it sees the snmp group's counters.
+    const RunResult v2c = agent.v2c("public", {unknownUsers});
+    EXPECT_TRUE(has(v2c.out, "Counter32: ")) << v2c.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
 TEST(AgentSecurity, AMessageReplayedOutsideItsTimeWindowIsRefused)
 {
     TempDir dir;

@@ -119,11 +119,12 @@ TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
 
 TEST_F(AgentSnmp, GetNextPastTheTreeGoesOnToTheAgentsLastGroupThenEndOfMibView)
 {
-    // After the storage tree the agent serves snmpEngine, its last group.
+    // After the storage tree the agent serves snmpEngine, then the SNMPv3
+    // statistics; usmStatsDecryptionErrors is its last name.
     const RunResult next = agent.snmp("snmpgetnext", {"1.3.6.1.4.1.61234.20571.1.21"});
     EXPECT_EQ(next.status, 0) << next.err;
     EXPECT_EQ(next.out.rfind(".1.3.6.1.6.3.10.2.1.1.0 = Hex-STRING: ", 0), 0u) << next.out;
-    const std::string last = "1.3.6.1.6.3.10.2.1.4.0";
+    const std::string last = "1.3.6.1.6.3.15.1.1.6.0";
     const RunResult end = agent.snmp("snmpgetnext", {last});
     EXPECT_EQ(end.status, 0) << end.err;
     EXPECT_NE(end.out.find("No more variables left in this MIB View"), std::string::npos)
