@@ -136,6 +136,9 @@ bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string 
             wipeV3Keys(&parsed);
             return false;
         };
+        // Some editors begin a UTF-8 file with a byte order mark.
+        if (number == 1 && line.starts_with("\xEF\xBB\xBF"))
+            line.erase(0, 3);
         std::istringstream words(line);
         V3Key key;
         if (!(words >> key.name) || key.name[0] == '#') {

@@ -126,6 +126,23 @@ TEST(Access, KeyFileLinesAreParsedAndBadOnesNameTheLineButNoPassPhrase)
     }
 }
 
+// An editor that begins a UTF-8 file with a byte order mark leaves the
+// first user's line as it was written.
+TEST(Access, AByteOrderMarkBeforeTheFirstKeyLineIsSkipped)
+{
+    std::vector<V3Key> keys;
+    std::string error;
+    ASSERT_TRUE(parseV3Keys("\xEF\xBB\xBF"
+                            "ann authpass1 privpass1\n",
+                            &keys, &error))
+        << error;
+    ASSERT_EQ(keys.size(), 1u);
+    EXPECT_EQ(keys[0].name, "ann");
+    EXPECT_FALSE(parseV3Keys("ann authpass1 privpass1\n\xEF\xBB\xBF"
+                             "bob authpass2 privpass2\n",
+                             &keys, &error));
+}
+
 TEST(Access, KeyFileReadableByOthersOrMissingAUserIsRefused)
 {
     char dir[] = "/tmp/kelp-keys-XXXXXX";

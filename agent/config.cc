@@ -131,6 +131,10 @@ bool parseConfig(std::string_view text, const std::string &file,
 {
     std::vector<ConfigSetting> parsed;
     std::map<std::string, int, std::less<>> firstLine;
+    // Some editors begin a UTF-8 file with a byte order mark.
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    if (text.starts_with(kByteOrderMark))
+        text.remove_prefix(kByteOrderMark.size());
     int number = 0;
     while (!text.empty()) {
         number++;

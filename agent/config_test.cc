@@ -111,6 +111,22 @@ TEST(Config, EveryKeySetsItsFieldAndValuesKeepTheirInnerBlanks)
     EXPECT_EQ(o.agentxSocket, "/tmp/x/master");
 }
 
+// A file saved by an editor that starts UTF-8 with a byte order mark reads
+// as the same file without it.
+TEST(Config, AByteOrderMarkBeforeTheFirstKeyIsSkipped)
+{
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parseAndApply("\xEF\xBB\xBF"
+                              "community c\n",
+                              &o, &error))
+        << error;
+    EXPECT_EQ(o.community, "c");
+    EXPECT_FALSE(parseAndApply("community c\n\xEF\xBB\xBF"
+                               "listen udp:127.0.0.1:9\n",
+                               &o, &error));
+}
+
 TEST(Config, FlagsTakeNothingYesOrNo)
 {
     const struct {

@@ -98,6 +98,10 @@ std::string_view endingOf(const Line &line)
 Document parse(std::string_view text)
 {
     Document doc;
+    if (text.starts_with(kByteOrderMark)) {
+        doc.byteOrderMark = kByteOrderMark;
+        text.remove_prefix(kByteOrderMark.size());
+    }
     int currentSection = -1;
     size_t start = 0;
     while (start < text.size()) {
@@ -115,7 +119,7 @@ Document parse(std::string_view text)
 
 std::string serialise(const Document &doc)
 {
-    std::string out;
+    std::string out = doc.byteOrderMark;
     for (const auto &line : doc.lines) {
         out += line.raw;
         out += '\n';

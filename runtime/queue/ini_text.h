@@ -16,6 +16,9 @@ namespace kelp::rt::ini {
 // Lines longer than this are skipped as malformed.
 constexpr size_t kMaxLineBytes = 64 * 1024;
 
+// The UTF-8 byte order mark, which some editors write before the first line.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 enum class LineKind { Blank, Comment, Section, Entry, Malformed };
 
 struct Line {
@@ -28,6 +31,9 @@ struct Line {
 };
 
 struct Document {
+    // A UTF-8 byte order mark that began the text (some editors write one),
+    // kept aside so that the first line reads as written and a write keeps it.
+    std::string byteOrderMark;
     std::vector<Line> lines;
 };
 

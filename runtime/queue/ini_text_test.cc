@@ -67,6 +67,23 @@ TEST(IniTextTest, LinesAreClassifiedAndValuesUnquoted)
     }
 }
 
+// Editors on other systems start a UTF-8 file with a byte order mark: the
+// first section is still a section, and the mark is written back.
+TEST(IniTextTest, AByteOrderMarkBeforeTheFirstLineIsKeptAside)
+{
+    const std::string text = "\xEF\xBB\xBF[s]\nk=v\n";
+    auto doc = kelp::rt::ini::parse(text);
+    ASSERT_EQ(doc.lines.size(), 2u);
+    EXPECT_EQ(doc.lines[0].kind, LineKind::Section);
+    EXPECT_EQ(kelp::rt::ini::find(doc, "s", "k"), "v");
+    EXPECT_EQ(kelp::rt::ini::serialise(doc), text);
+    kelp::rt::ini::set(doc, "s", "m", "1");
+    EXPECT_EQ(kelp::rt::ini::serialise(doc), text + "m=1\n");
+    // Only at the start of the text: further on the bytes are a key's.
+    auto later = kelp::rt::ini::parse("[s]\n\xEF\xBB\xBFk=v\n");
+    EXPECT_EQ(kelp::rt::ini::find(later, "s", "k"), std::nullopt);
+}
+
 TEST(IniTextTest, NulByteMakesALineMalformed)
 {
     const char text[] = "[s]\nk=a\0b\nm=1\n";
