@@ -334,8 +334,11 @@ bool parseEvent(Args args, Request *request, std::string *error)
 void runEvent(const Request &request, Reply *reply)
 {
     std::string error;
+    // A value the plug-in cannot read would leave the trap without it while
+    // the client is told "ok".
     if (request.rawXml) {
-        runOrFail(ev::queueEvent(request.text, &error), error, reply);
+        runOrFail(ev::eventValuesFit(request.text, &error) && ev::queueEvent(request.text, &error),
+                  error, reply);
         return;
     }
     std::vector<std::pair<std::string, std::string>> objectFields;
@@ -344,7 +347,7 @@ void runEvent(const Request &request, Reply *reply)
         return;
     }
     std::string xml = eventXml(request.id, objectFields, request.parms, request.fields);
-    runOrFail(ev::queueEvent(xml, &error), error, reply);
+    runOrFail(ev::eventValuesFit(xml, &error) && ev::queueEvent(xml, &error), error, reply);
 }
 
 constexpr bool kOnWorker = true;

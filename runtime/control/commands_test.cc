@@ -322,6 +322,42 @@ TEST_F(ControlCommandTest, RefusedEventsQueueNothing)
     EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
 }
 
+// The plug-in reads an event's values into buffers of 160 bytes: a longer
+// value would reach the trap as a missing one (and a missing insert string
+// ends the message's inserts), so such an event is refused, naming the value.
+TEST_F(ControlCommandTest, AnEventValueOverTheLimitIsRefusedNamingIt)
+{
+    const std::string fits(159, 'q');
+    const std::string over(160, 'q');
+    for (const std::string &line : {
+             "event 2065 --object 40 --parm " + over + " --parm 7",
+             "event 2049 --field Nexus=" + over,
+             "event --xml \"<EventID>2049</EventID><Parm02>" + over + "</Parm02>\"",
+             // An entity is one byte of the value, so 154 of them are 154.
+             "event --xml \"<EventID>2049</EventID><Parm01>" + std::string(6, 'a') +
+                 [] {
+                     std::string amps;
+                     for (int i = 0; i < 154; ++i)
+                         amps += "&amp;";
+                     return amps;
+                 }() +
+                 "</Parm01>\"",
+         }) {
+        const std::string answer = ask(line);
+        EXPECT_TRUE(answer.starts_with("error: ")) << line.substr(0, 60) << ": " << answer;
+        EXPECT_TRUE(contains(answer, "160 bytes, over the limit of 159")) << answer;
+    }
+    EXPECT_TRUE(contains(ask("event 2049 --field Nexus=" + over), "Nexus")) << "named";
+    EXPECT_EQ(kelp::ev::queuedEvents(), 0u);
+    EXPECT_EQ(ask("event 2065 --object 40 --parm " + fits + " --parm 7"), "ok\n");
+    EXPECT_EQ(ask("event --xml \"<EventID>2049</EventID><Parm01>" + std::string(159, 'a') +
+                  "&amp;</Parm01>\""),
+              "error: Parm01 has 160 bytes, over the limit of 159\n");
+    // Elements the plug-in does not read may be longer.
+    EXPECT_EQ(ask("event 2049 --field Remark=" + over), "ok\n");
+    EXPECT_EQ(kelp::ev::queuedEvents(), 2u);
+}
+
 const char kRescanStarted[] = "<EventID>3061</EventID>";
 const char kRescanCompleted[] = "<EventID>3060</EventID>";
 const char kAddFan[] = R"(add --xml "<object id=\"60\" type=\"fans\" parent=\"90\"/>")";

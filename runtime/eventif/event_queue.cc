@@ -83,6 +83,30 @@ bool validateEvent(const std::string &xml, std::string *error)
 
 } // namespace
 
+bool eventValuesFit(std::string_view xml, std::string *error)
+{
+    static constexpr std::string_view kRead[] = {
+        "Parm01",    "Parm02",         "Parm03",         "Parm04",          "Parm05",
+        "Parm06",    "Parm07",         "Parm08",         "Parm09",          "Parm10",
+        "Nexus",     "ObjType",        "ControllerName", "VirtualDiskName", "AttributesMask",
+        "ObjStatus", "PreviousStatus",
+    };
+    for (std::string_view name : kRead) {
+        const auto raw = rt::xml::findElement(xml, name, 0);
+        if (!raw)
+            continue;
+        size_t bytes = raw->size();
+        if (raw->find('&') != std::string_view::npos)
+            bytes = rt::xml::decodeEntities(*raw).size();
+        if (bytes > kMaxEventValueBytes) {
+            setError(error, std::string(name) + " has " + std::to_string(bytes) +
+                                " bytes, over the limit of " + std::to_string(kMaxEventValueBytes));
+            return false;
+        }
+    }
+    return true;
+}
+
 std::optional<uint32_t> eventNumber(std::string_view xml)
 {
     auto id = rt::xml::findElement(xml, "EventID", 0);

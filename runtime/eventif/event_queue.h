@@ -21,6 +21,18 @@ inline constexpr size_t kMaxEventBytes = 16 * 1024;
 inline constexpr size_t kMaxQueuedEvents = 10000;
 inline constexpr size_t kMaxQueuedBytes = 16 * 1024 * 1024;
 
+// The longest value the plug-in reads from an event: it reads each into a
+// buffer of 160 bytes and takes a longer one for a missing one.
+inline constexpr size_t kMaxEventValueBytes = 159;
+
+// True when every element of xml the plug-in reads (Parm01 to Parm10,
+// Nexus, ObjType, ControllerName, VirtualDiskName, AttributesMask,
+// ObjStatus, PreviousStatus; its first of each name) holds at most
+// kMaxEventValueBytes once its entities are decoded; else false with
+// "NAME has N bytes, over the limit of 159" in *error (when not null).
+// The queue itself takes longer values: a data store may send them.
+bool eventValuesFit(std::string_view xml, std::string *error);
+
 // Appends one event. The text must hold an "EventID" element whose content is
 // a decimal number (0..4294967295, blanks around it allowed), be at most
 // kMaxEventBytes long and hold no NUL byte. Answers false with a message in
