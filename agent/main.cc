@@ -19,6 +19,7 @@
 
 #include "config.h"
 #include "heap.h"
+#include "kelp/runtime.h"
 #include "log.h"
 #include "module.h"
 #include "notify.h"
@@ -250,6 +251,12 @@ int run(const Options &options, const RunAs &runAs)
 
     notifyStopping();
     stopAll();
+    // The plug-in reads one event a second: a burst queued just before the
+    // stop never becomes traps.
+    if (const unsigned long dropped = kelpRuntimeQueuedEvents(); dropped > 0) {
+        logLine("%lu queued event%s dropped: the plug-in stopped before reading %s", dropped,
+                dropped == 1 ? " was" : "s were", dropped == 1 ? "it" : "them");
+    }
     logLine("stopped");
     return 0;
 }

@@ -9,6 +9,7 @@
 
 #include "control/commands.h"
 #include "control/server.h"
+#include "eventif/event_queue.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/log.h"
@@ -82,6 +83,11 @@ void kelpRuntimeStopControl(void)
     std::lock_guard lock(kelp::ctl::g_controlMutex);
     delete kelp::ctl::g_server;
     kelp::ctl::g_server = nullptr;
+}
+
+unsigned long kelpRuntimeQueuedEvents(void)
+{
+    return kelp::ev::queuedEvents();
 }
 
 int kelpRuntimeQueueRescan(char *error, unsigned errorSize)

@@ -4,6 +4,7 @@
 // repeats aggregated into one trap with their count, and a model change
 // raising a rescan whose rebuilt tables are visible over SNMP. The agent
 // runs its clocks fast (KELP_TIME_SCALE).
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -186,6 +187,26 @@ TEST_F(AgentEvents, TheAgentStopsPromptlyWhileEventsKeepArriving)
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
+}
+
+// The plug-in reads one event a second; what it had not read when the agent
+// stops is lost, and the log says how much.
+TEST_F(AgentEvents, EventsTheAgentStopsBeforeReadingAreCountedInTheLog)
+{
+    start("", {}, 1);
+    for (int i = 0; i < 20; i++) {
+        event({"2050", "--object", "302"});
+    }
+    EXPECT_EQ(agent.stop(), 0);
+    const std::string log = agent.process()->err();
+    const std::string line = lineWith(log, " queued events were dropped");
+    ASSERT_FALSE(line.empty()) << log;
+    std::smatch count;
+    ASSERT_TRUE(std::regex_search(line, count, std::regex("kelpagent: ([0-9]+) queued events")))
+        << line;
+    EXPECT_GT(std::stoi(count[1]), 10) << line;
+    EXPECT_LE(std::stoi(count[1]), 20) << line;
+    EXPECT_LT(log.find(line), log.find("kelpagent: stopped")) << log;
 }
 
 // The sample with a third controller (row 3) and without the HBA's first

@@ -169,6 +169,9 @@ void kelpRuntimeStopControl(void);
  * error is not null) when the event queue has no room for them. */
 int kelpRuntimeQueueRescan(char *error, unsigned errorSize);
 
+/* The events queued that the plug-in has not read yet. */
+unsigned long kelpRuntimeQueuedEvents(void);
+
 /* The live source: serves the storage of the machine under `root` ("/" for
  * this machine) in place of a model file, read from sysfs, rescanned every
  * intervalSeconds and at once on udev events, with storage events queued for
