@@ -248,6 +248,55 @@ TEST_F(MibTraps, NotificationsPrintWithTheirNamesAndBindingNames)
     expectBindings(warning, "controllerWarningAlert", kShortBindings);
 }
 
+// The OBJECTS of `notification` as the MIB lists them (snmptranslate -Td).
+std::vector<std::string> objectsOf(const TempDir &dir, const std::string &notification)
+{
+    const RunResult td =
+        mibTool(dir, "snmptranslate", {"-Td", "KELP-STORAGE-MIB::" + notification});
+    std::smatch list;
+    if (!std::regex_search(td.out, list, std::regex(R"(OBJECTS\s*\{([^}]*)\})")))
+        return {};
+    std::vector<std::string> names;
+    const std::string text = list[1];
+    static const std::regex word("[A-Za-z0-9]+");
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), word);
+         it != std::sregex_iterator(); ++it) {
+        names.push_back(it->str());
+    }
+    return names;
+}
+
+// Most events of the version alert carry the eight bindings of an ordinary
+// alert, and its notification lists them as its OBJECTS (a manager may read
+// the bindings by position); events 2164 and 2287 carry the first two.
+TEST_F(MibTraps, TheVersionAlertOfAFirmwareEventCarriesItsNotificationsObjects)
+{
+    start({});
+    event({"2448", "--object", "302", "--parm", "E", "--parm", "F"});
+    std::string line;
+    waitFor(
+        [&] {
+            for (const std::string &trap : traps()) {
+                if (trap.find("OID: KELP-STORAGE-MIB::versionUnsupportedAlert") !=
+                        std::string::npos &&
+                    trap.find("alertEventNumber.0 = INTEGER: 2448") != std::string::npos) {
+                    line = trap;
+                    return true;
+                }
+            }
+            return false;
+        },
+        20s);
+    ASSERT_FALSE(line.empty()) << receiver.log() << agent.process()->err();
+    expectBindings(line, "versionUnsupportedAlert", kOrdinaryBindings);
+    EXPECT_EQ(objectsOf(dir, "versionUnsupportedAlert"), kOrdinaryBindings);
+    std::vector<std::string> all = kOrdinaryBindings;
+    all.insert(all.end(), kExtendedBindings.begin(), kExtendedBindings.end());
+    EXPECT_EQ(objectsOf(dir, "versionUnsupportedAlertExt"), all);
+    // The alert of the configuration events is short for all of them.
+    EXPECT_EQ(objectsOf(dir, "configurationChangeAlert"), kShortBindings);
+}
+
 TEST_F(MibTraps, ExtendedVersionOneTrapsPrintWithTheirNames)
 {
     start({"--trap-version", "1"}, "[vcsipe]\nExtendedSNMPMessages=On\n");
