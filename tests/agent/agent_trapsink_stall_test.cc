@@ -46,11 +46,11 @@ std::string trapOid(int n)
     return ".1.3.6.1.6.3.1.1.4.1.0 = OID: " + std::string(kTrapPrefix) + ".0." + std::to_string(n);
 }
 
-// Queues `count` events of a failed disk with a long insert (a larger trap),
-// as fast as the control socket takes them.
+// Queues `count` events of a failed disk with the longest insert the
+// plug-in reads (a larger trap), as fast as the control socket takes them.
 void queueBurst(const AgentUnderTest &agent, int count)
 {
-    const std::string insert(200, 'x');
+    const std::string insert(159, 'x');
     for (int i = 0; i < count; i++) {
         const std::string answer =
             agent.control({"event", "2048", "--object", "302", "--parm", insert});
