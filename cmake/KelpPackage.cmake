@@ -28,10 +28,11 @@ set(CPACK_DEBIAN_PACKAGE_SUGGESTS "snmp, snmptrapd")
 set(KELP_SYSUSERS_FILE ${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_SYSUSERSDIR}/kelp.conf)
 configure_file(packaging/debian/postinst ${CMAKE_BINARY_DIR}/packaging/debian/postinst @ONLY)
 configure_file(packaging/debian/postrm ${CMAKE_BINARY_DIR}/packaging/debian/postrm COPYONLY)
+configure_file(packaging/debian/prerm ${CMAKE_BINARY_DIR}/packaging/debian/prerm COPYONLY)
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/debian/conffiles "${KELP_SYSCONFDIR}/kelp/kelpagent.conf\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_BINARY_DIR}/packaging/debian/postinst ${CMAKE_BINARY_DIR}/packaging/debian/postrm
-    ${CMAKE_BINARY_DIR}/packaging/debian/conffiles)
+    ${CMAKE_BINARY_DIR}/packaging/debian/postinst ${CMAKE_BINARY_DIR}/packaging/debian/prerm
+    ${CMAKE_BINARY_DIR}/packaging/debian/postrm ${CMAKE_BINARY_DIR}/packaging/debian/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/package)
 include(CPack)

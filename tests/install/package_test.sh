@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The Debian package of a build: CPack makes it into a temp dir; its file
 # list holds the programs, libraries, data, configuration (a conffile) and
-# unit; its postinst creates the user kelp and enables or starts nothing;
-# dpkg unpacks it into a scratch root, and the postinst run against that root
-# adds kelp there.
+# unit; its postinst creates the user kelp and enables or starts nothing (an
+# upgrade restarts an agent that runs), its prerm stops the agent on remove
+# and its postrm drops the unit's enable links on purge; dpkg unpacks it into
+# a scratch root, and the scripts run against that root work there only.
 # Usage: package_test.sh BUILD_DIR PREFIX SYSCONFDIR
 set -euo pipefail
 build=$1 prefix=$2 sysconfdir=$3
@@ -33,10 +34,16 @@ grep -qx "$sysconfdir/kelp/kelpagent.conf" "$tmp/control/conffiles" ||
 [ -x "$tmp/control/postinst" ] || fail "no executable postinst"
 grep -q 'systemd-sysusers' "$tmp/control/postinst" || fail "postinst does not create the user"
 grep -q 'adduser --system' "$tmp/control/postinst" || fail "postinst has no adduser fallback"
-if grep -hv '^[[:space:]]*#' "$tmp/control/"post* |
-     grep -Eq 'systemctl[^|]*(enable|start)|deb-systemd-(helper|invoke)|invoke-rc.d'; then
+if grep -hv '^[[:space:]]*#' "$tmp/control/"p* |
+     grep -Eq 'systemctl[^|]*([[:space:]]enable|[[:space:]]start)\b|deb-systemd-(helper|invoke)|invoke-rc.d'; then
   fail "a control script enables or starts a service"
 fi
+[ -x "$tmp/control/prerm" ] || fail "no executable prerm"
+grep -q 'systemctl --system stop kelpagent.service' "$tmp/control/prerm" ||
+  fail "prerm does not stop the agent"
+grep -q '"\$1" = remove' "$tmp/control/prerm" || fail "prerm stops the agent on an upgrade too"
+grep -q 'systemctl --system try-restart kelpagent.service' "$tmp/control/postinst" ||
+  fail "an upgrade does not restart a running agent"
 grep -q '^Package: kelp$' "$tmp/control/control" || fail "control names no package kelp"
 grep -q '^Depends: .*libsnmp' "$tmp/control/control" || fail "control lacks the net-snmp library"
 
@@ -65,4 +72,15 @@ if command -v systemd-sysusers >/dev/null 2>&1; then
     fail "postinst configure failed the second time"
   cmp -s "$tmp/passwd.before" "$root/etc/passwd" || fail "a second postinst changed passwd"
 fi
+# A purge leaves no link of the enabled unit behind; other units' stay.
+wants=$root/etc/systemd/system/multi-user.target.wants
+mkdir -p "$wants"
+ln -s "$prefix/lib/systemd/system/kelpagent.service" "$wants/kelpagent.service"
+ln -s /lib/systemd/system/other.service "$wants/other.service"
+DPKG_ROOT=$root sh "$tmp/control/prerm" remove >/dev/null 2>&1 || fail "prerm remove failed"
+DPKG_ROOT=$root sh "$tmp/control/postrm" remove >/dev/null 2>&1 || fail "postrm remove failed"
+[ -L "$wants/kelpagent.service" ] || fail "a remove dropped the unit's enable link"
+DPKG_ROOT=$root sh "$tmp/control/postrm" purge >/dev/null 2>&1 || fail "postrm purge failed"
+[ ! -L "$wants/kelpagent.service" ] || fail "a purge left the unit's enable link"
+[ -L "$wants/other.service" ] || fail "a purge removed another unit's link"
 echo "ok: $(basename "$deb"), $(wc -l <"$tmp/files") entries"
