@@ -245,6 +245,7 @@ int run(const Options &options, const RunAs &runAs)
     snmp.run(
         [&] {
             traps.pump();
+            sendTrapsHeldForMaster();
             requests->completeDelegated();
         },
         [&runtime] { runtime.reload(); }, [&runtime] { runtime.reopenDebugFile("SIGUSR1"); });

@@ -173,6 +173,7 @@ std::unique_ptr<AgentxLog> g_agentxLog;
 int onAgentxClosed(int, int, void *, void *)
 {
     try {
+        setAgentxMasterConnected(false);
         if (g_agentxLog) {
             g_agentxLog->onClosed(AgentxLog::Clock::now());
         }
@@ -185,6 +186,7 @@ int onAgentxClosed(int, int, void *, void *)
 int onAgentxOpened(int, int, void *, void *)
 {
     try {
+        setAgentxMasterConnected(true);
         if (g_agentxLog) {
             g_agentxLog->onOpened(AgentxLog::Clock::now());
         }

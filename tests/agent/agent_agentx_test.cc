@@ -32,6 +32,11 @@ class AgentX : public ::testing::Test {
                                           "rocommunity public 127.0.0.1\n"
                                           "trap2sink " +
                                           receiver->sink() + " public\n");
+        startMaster();
+    }
+
+    void startMaster()
+    {
         std::vector<std::string> env = snmpEnv(dir);
         snmpd = std::make_unique<Process>(
             std::vector<std::string>{"snmpd", "-f", "-Lo", "-C", "-c", dir / "snmpd.conf", "-p",
@@ -174,6 +179,47 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
     EXPECT_TRUE(
         log.substr(line, log.find('\n', line) - line).ends_with(" sent to the AgentX master"))
         << log;
+}
+
+// A storage event while the master is away (a restart of snmpd) is held and
+// goes out once the subagent is connected again, not lost.
+TEST_F(AgentX, ATrapRaisedWhileTheMasterIsAwayGoesOutOnceItIsBack)
+{
+    startSubagent(sourcePath("data/models/sample.xml"), {"KELP_TIME_SCALE=20"});
+    const std::string controller = std::string(kRoot) + ".130.1.1.1.1";
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return viaMaster("snmpget", {controller}).out.find("INTEGER: 1") != std::string::npos;
+        },
+        20s))
+        << kelp->err();
+    snmpd->signal(SIGTERM);
+    ASSERT_TRUE(snmpd->wait(15s).has_value());
+    ASSERT_TRUE(waitFor([&] { return kelp->err().find(" lost: ") != std::string::npos; }, 30s))
+        << kelp->err();
+    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
+                                 "2048", "--object", "302"},
+                                {}, dir, 30s);
+    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return kelp->err().find("trap 904 arrayDiskCriticalAlert (event 2048: ") !=
+                   std::string::npos;
+        },
+        20s))
+        << kelp->err();
+    const std::string log = kelp->err();
+    const size_t line = log.find("trap 904 arrayDiskCriticalAlert (event 2048: ");
+    EXPECT_TRUE(log.substr(line, log.find('\n', line) - line)
+                    .ends_with(" held for the AgentX master until it is connected again"))
+        << log;
+    startMaster();
+    const std::string oid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.4.1.61234.20571.1.20.200.0.904";
+    EXPECT_TRUE(waitFor([&] { return receiver->log().find(oid) != std::string::npos; }, 30s))
+        << receiver->log() << kelp->err();
+    EXPECT_NE(kelp->err().find("AgentX: 1 trap held while the master was away sent to it"),
+              std::string::npos)
+        << kelp->err();
 }
 
 TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
