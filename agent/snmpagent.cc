@@ -206,6 +206,23 @@ void flushAgentxLog()
     }
 }
 
+// A subagent's master answers a registration with an error code, which
+// net-snmp only logs ("registering pdu failed: 263"): the tree is then not
+// served through that master, though the session is open. The line in
+// words; empty for any other line.
+std::string registrationRefused(std::string_view line)
+{
+    static constexpr std::string_view kPrefix = "registering pdu failed: ";
+    if (!g_agentxLog || !line.starts_with(kPrefix))
+        return {};
+    const std::string_view code = line.substr(kPrefix.size());
+    // AgentX's duplicateRegistration (RFC 2741).
+    const std::string why = code.starts_with("263") ? "another subagent has registered it already"
+                                                    : "AgentX error " + std::string(code);
+    return "AgentX: the master refused to register the storage tree: " + why +
+           "; nothing is served through it until this agent starts again";
+}
+
 } // namespace
 
 int onNetsnmpLog(int, int, void *serverArg, void *)
@@ -221,7 +238,10 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
             const std::string_view line = std::string_view(g_pendingLog).substr(0, end);
             if (end > 0) {
                 const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
-                logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
+                if (const std::string refused = registrationRefused(line); !refused.empty())
+                    logText(LogLevel::kError, refused);
+                else
+                    logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
             }
             g_pendingLog.erase(0, end + 1);
         }

@@ -222,6 +222,34 @@ TEST_F(AgentX, ATrapRaisedWhileTheMasterIsAwayGoesOutOnceItIsBack)
         << kelp->err();
 }
 
+// A second subagent of the same tree is refused by the master: it says so
+// rather than only that it is connected.
+TEST_F(AgentX, ASecondSubagentOfTheTreeLogsThatTheMasterRefusedIt)
+{
+    startSubagent();
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return viaMaster("snmpget", {std::string(kRoot) + ".1.0"}).out.find("No Such Object") ==
+                   std::string::npos;
+        },
+        20s))
+        << kelp->err();
+    Process second({kelpagentPath(), "--allow-root", "--agentx", socket, "--state-dir",
+                    dir / "second", "--model", sourcePath("data/models/test/minimal.xml"),
+                    "--module", modulePath()},
+                   agentEnv(), dir / "second.out", dir / "second.err");
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return second.err().find("AgentX: the master refused to register the storage tree: "
+                                     "another subagent has registered it already") !=
+                   std::string::npos;
+        },
+        20s))
+        << second.err();
+    second.signal(SIGTERM);
+    EXPECT_EQ(second.wait(15s), 0) << second.err();
+}
+
 TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
 {
     const auto listed = [&](RunResult *walk) {
