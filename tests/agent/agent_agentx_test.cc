@@ -70,6 +70,30 @@ class AgentX : public ::testing::Test {
                                          environment, dir / "kelp.out", dir / "kelp.err");
     }
 
+    // A subagent on the sample (clocks 20 times fast), once the master
+    // answers for its tree.
+    void startSampleSubagent()
+    {
+        startSubagent(sourcePath("data/models/sample.xml"), {"KELP_TIME_SCALE=20"});
+        const std::string controller = std::string(kRoot) + ".130.1.1.1.1";
+        ASSERT_TRUE(waitFor(
+            [&] {
+                return viaMaster("snmpget", {controller}).out.find("INTEGER: 1") !=
+                       std::string::npos;
+            },
+            20s))
+            << kelp->err();
+    }
+
+    // Queues disk 302's failure (event 2048, trap 904) with kelpctl.
+    void failDisk302()
+    {
+        const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock",
+                                     "event", "2048", "--object", "302"},
+                                    {}, dir, 30s);
+        ASSERT_EQ(event.status, 0) << event.out << event.err;
+    }
+
     RunResult viaMaster(const std::string &tool, const std::vector<std::string> &args)
     {
         return snmp(dir, tool, "2c", "public", port, args);
@@ -153,18 +177,8 @@ TEST_F(AgentX, TheStandardGroupsStayTheMasters)
 
 TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
 {
-    startSubagent(sourcePath("data/models/sample.xml"), {"KELP_TIME_SCALE=20"});
-    const std::string controller = std::string(kRoot) + ".130.1.1.1.1";
-    ASSERT_TRUE(waitFor(
-        [&] {
-            return viaMaster("snmpget", {controller}).out.find("INTEGER: 1") != std::string::npos;
-        },
-        20s))
-        << kelp->err();
-    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
-                                 "2048", "--object", "302"},
-                                {}, dir, 30s);
-    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    ASSERT_NO_FATAL_FAILURE(startSampleSubagent());
+    ASSERT_NO_FATAL_FAILURE(failDisk302());
     // Disk 302's failure: trap 904, as a v2c notification from the master.
     const std::string oid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.4.1.61234.20571.1.20.200.0.904";
     EXPECT_TRUE(waitFor([&] { return receiver->log().find(oid) != std::string::npos; }, 20s))
@@ -185,22 +199,12 @@ TEST_F(AgentX, AStorageEventGoesOutThroughTheMastersTrapSink)
 // goes out once the subagent is connected again, not lost.
 TEST_F(AgentX, ATrapRaisedWhileTheMasterIsAwayGoesOutOnceItIsBack)
 {
-    startSubagent(sourcePath("data/models/sample.xml"), {"KELP_TIME_SCALE=20"});
-    const std::string controller = std::string(kRoot) + ".130.1.1.1.1";
-    ASSERT_TRUE(waitFor(
-        [&] {
-            return viaMaster("snmpget", {controller}).out.find("INTEGER: 1") != std::string::npos;
-        },
-        20s))
-        << kelp->err();
+    ASSERT_NO_FATAL_FAILURE(startSampleSubagent());
     snmpd->signal(SIGTERM);
     ASSERT_TRUE(snmpd->wait(15s).has_value());
     ASSERT_TRUE(waitFor([&] { return kelp->err().find(" lost: ") != std::string::npos; }, 30s))
         << kelp->err();
-    const RunResult event = run({kelpctlPath(), "--control", dir / "state/control.sock", "event",
-                                 "2048", "--object", "302"},
-                                {}, dir, 30s);
-    ASSERT_EQ(event.status, 0) << event.out << event.err;
+    ASSERT_NO_FATAL_FAILURE(failDisk302());
     ASSERT_TRUE(waitFor(
         [&] {
             return kelp->err().find("trap 904 arrayDiskCriticalAlert (event 2048: ") !=
