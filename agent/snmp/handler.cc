@@ -373,6 +373,21 @@ int handleRequests(netsnmp_mib_handler *handler, netsnmp_handler_registration *r
                    netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
 {
     auto &path = *static_cast<RequestPath::Impl *>(handler->myvoid);
+    const bool answered = reqinfo->mode == MODE_GET || reqinfo->mode == MODE_GETNEXT ||
+                          reqinfo->mode == MODE_GETBULK || reqinfo->mode == MODE_SET_RESERVE1;
+    if (path.stopped && answered) {
+        // The plug-in is unloaded or about to be. Requests still come while
+        // net-snmp shuts down: a subagent reads its master's requests while
+        // it waits for the answer to its Close. They fail with genErr.
+        for (netsnmp_request_info *request = requests; request != nullptr;
+             request = request->next) {
+            if (!request->processed && !request->delegated) {
+                netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
+                break;
+            }
+        }
+        return SNMP_ERR_NOERROR;
+    }
     if (reqinfo->mode == MODE_SET_RESERVE1) {
         // The first set phase refuses; the later ones then have nothing to
         // undo.

@@ -281,6 +281,50 @@ TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected
     EXPECT_TRUE(waitFor([&] { return !listed(&walk); }, 10s)) << walk.out;
 }
 
+TEST_F(AgentX, AStopWhileWalksComeThroughTheMasterEndsTheSubagentCleanly)
+{
+    // Walkers that keep the master asking the subagent until the file
+    // `done` appears: some request is in flight whenever a stop comes.
+    const std::string done = dir / "done";
+    std::vector<std::unique_ptr<Process>> walkers;
+    for (int i = 0; i < 4; i++) {
+        const std::string out = dir / ("walk" + std::to_string(i));
+        walkers.push_back(std::make_unique<Process>(
+            std::vector<std::string>{"sh", "-c",
+                                     "while [ ! -e '" + done +
+                                         "' ]; do snmpwalk -v2c -c public -On -t 5 -r 0 "
+                                         "127.0.0.1:" +
+                                         std::to_string(port) + " " + kRoot + "; done"},
+            snmpEnv(dir), out + ".out", out + ".err"));
+    }
+    const auto walked = [&](size_t *seen) {
+        size_t count = 0;
+        for (int i = 0; i < 4; i++) {
+            count += std::filesystem::file_size(dir / ("walk" + std::to_string(i) + ".out"));
+        }
+        const bool grown = count > *seen;
+        *seen = count;
+        return grown;
+    };
+    // Each stop races the requests: three of them make the race all but
+    // certain.
+    size_t seen = 0;
+    for (int round = 0; round < 3; round++) {
+        SCOPED_TRACE("stop " + std::to_string(round + 1));
+        ASSERT_NO_FATAL_FAILURE(startSampleSubagent());
+        const size_t before = seen;
+        ASSERT_TRUE(waitFor([&] { return walked(&seen) && seen > before + 20000; }, 20s));
+        kelp->signal(SIGTERM);
+        const std::optional<int> status = kelp->wait(15s);
+        ASSERT_EQ(status, 0) << kelp->err();
+        EXPECT_NE(kelp->err().find("kelpagent: stopped\n"), std::string::npos) << kelp->err();
+    }
+    writeFile(done, "");
+    for (const auto &walker : walkers) {
+        EXPECT_TRUE(walker->wait(30s).has_value());
+    }
+}
+
 TEST_F(AgentX, WhileARescanHoldsTheTablesEveryAnswerComesWithinTheMastersTimeOut)
 {
     startSubagent(sourcePath("data/models/sample.xml"));
