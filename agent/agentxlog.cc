@@ -79,8 +79,14 @@ std::optional<std::string> AgentxLog::reasonOf(std::string_view line)
         }
         return std::string(kNoReason);
     }
-    if (contains(line, "AgentX") || contains(line, "agentx")) {
-        return std::string(line);
+    // net-snmp's other AgentX lines name it as a word; a path that holds
+    // "agentx" (a state dir, say) makes no AgentX line.
+    for (size_t at = line.find("AgentX"); at != std::string_view::npos;
+         at = line.find("AgentX", at + 1)) {
+        const size_t end = at + 6;
+        if ((at == 0 || line[at - 1] == ' ') && (end == line.size() || line[end] == ' ')) {
+            return std::string(line);
+        }
     }
     return std::nullopt;
 }

@@ -37,6 +37,9 @@ TEST(AgentxLog, ReasonsInWords)
         {"AgentX session to master agent attempted to be re-opened.",
          "AgentX session to master agent attempted to be re-opened."},
         {"Created directory: /x/snmp", std::nullopt},
+        // Paths that hold the word are no AgentX lines.
+        {"Created directory: /var/lib/agentx/snmp", std::nullopt},
+        {"read_config_store open failure on /srv/AgentX/kelpagent.conf", std::nullopt},
         {"", std::nullopt},
     };
     for (const Case &c : cases) {
@@ -158,6 +161,7 @@ TEST(AgentxLog, OtherLinesAreNotTaken)
 {
     AgentxLog log("/s/ax", 5);
     EXPECT_FALSE(log.onLibraryLine("Created directory: /x/snmp"));
+    EXPECT_FALSE(log.onLibraryLine("Created directory: /var/lib/agentx-state/snmp"));
     EXPECT_EQ(log.flush(t0), Lines{});
 }
 
