@@ -232,6 +232,10 @@ int run(const Options &options, const RunAs &runAs)
         logLine("AgentX subagent of %s", options.agentxSocket.empty()
                                              ? "the default master socket"
                                              : options.agentxSocket.c_str());
+        if (const std::string unused = unusedBySubagent(options.listen, options.community);
+            !unused.empty()) {
+            logAt(LogLevel::kWarning, "%s", unused.c_str());
+        }
     } else {
         logLine("%s",
                 answeringLine(options.listen, snmp.boundAddresses(),

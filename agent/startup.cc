@@ -9,6 +9,7 @@
 #include <cstring>
 #include <span>
 
+#include "options.h"
 #include "snmp/tree.h"
 
 namespace kelp::agent {
@@ -160,6 +161,23 @@ std::string answeringLine(const std::string &listen, const std::vector<std::stri
         }
     }
     return line + ", " + access;
+}
+
+std::string unusedBySubagent(const std::string &listen, const std::string &community)
+{
+    std::string given;
+    if (listen != kDefaultListen) {
+        given = "--listen " + listen;
+    }
+    if (community != kDefaultCommunity) {
+        // The community is a secret: it is named by its option alone.
+        given += (given.empty() ? "" : " and ") + std::string("--community");
+    }
+    if (given.empty()) {
+        return "";
+    }
+    return given + " not used: an AgentX subagent answers on no address of its own; the "
+                   "master's addresses, communities and access control apply";
 }
 
 std::string boundSocketText(int fd)

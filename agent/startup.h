@@ -52,6 +52,11 @@ std::string accessSummary(bool community, const std::vector<std::string> &v3User
 std::string answeringLine(const std::string &listen, const std::vector<std::string> &bound,
                           const std::string &access);
 
+// For an AgentX subagent: the warning that the --listen and --community it
+// was given (`listen`, `community`, when not the defaults) are not used,
+// since the master answers the managers; empty when both are the defaults.
+std::string unusedBySubagent(const std::string &listen, const std::string &community);
+
 // The address a socket is bound to, in net-snmp's transport syntax:
 // "udp:127.0.0.1:1161", "udp6:[::1]:1161", "tcp:0.0.0.0:1161",
 // "unix:/path"; empty when `fd` is not an IP or Unix socket.

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "options.h"
 #include "snmp/tree.h"
 
 namespace kelp::agent {
@@ -111,6 +112,18 @@ TEST(AccessSummary, NamesVersionsUsersAndSourcesButNoSecret)
     for (const auto &c : cases) {
         EXPECT_EQ(accessSummary(c.community, c.users, c.allow), c.expected);
     }
+}
+
+TEST(UnusedBySubagent, NamesTheGivenListenAndCommunityButNotTheCommunitysValue)
+{
+    EXPECT_EQ(unusedBySubagent(kDefaultListen, kDefaultCommunity), "");
+    EXPECT_EQ(unusedBySubagent("udp:0.0.0.0:161", kDefaultCommunity),
+              "--listen udp:0.0.0.0:161 not used: an AgentX subagent answers on no address of its "
+              "own; the master's addresses, communities and access control apply");
+    const std::string both = unusedBySubagent("udp:0.0.0.0:161", "s3cret");
+    EXPECT_EQ(both.rfind("--listen udp:0.0.0.0:161 and --community not used: ", 0), 0u) << both;
+    EXPECT_EQ(both.find("s3cret"), std::string::npos) << both;
+    EXPECT_EQ(unusedBySubagent(kDefaultListen, "s3cret").rfind("--community not used: ", 0), 0u);
 }
 
 TEST(BoundSocketText, NamesWhatTheKernelBound)

@@ -254,6 +254,28 @@ TEST_F(AgentX, ASecondSubagentOfTheTreeLogsThatTheMasterRefusedIt)
     EXPECT_EQ(second.wait(15s), 0) << second.err();
 }
 
+TEST_F(AgentX, AListenAddressGivenToASubagentIsNamedAsUnusedAndNotOpened)
+{
+    const int own = freeUdpPort();
+    kelp = std::make_unique<Process>(
+        std::vector<std::string>{kelpagentPath(), "--allow-root", "--agentx", socket, "--state-dir",
+                                 dir / "state", "--model",
+                                 sourcePath("data/models/test/minimal.xml"), "--module",
+                                 modulePath(), "--listen", "udp:127.0.0.1:" + std::to_string(own)},
+        agentEnv(), dir / "kelp.out", dir / "kelp.err");
+    ASSERT_TRUE(waitFor(
+        [&] { return kelp->err().find("kelpagent: AgentX subagent of") != std::string::npos; },
+        20s))
+        << kelp->err();
+    EXPECT_NE(kelp->err().find("kelpagent: --listen udp:127.0.0.1:" + std::to_string(own) +
+                               " not used: an AgentX subagent answers on no address of its own"),
+              std::string::npos)
+        << kelp->err();
+    const RunResult get = snmp(dir, "snmpget", "2c", "public", own,
+                               {"-t", "1", "-r", "0", std::string(kRoot) + ".1.0"});
+    EXPECT_NE(get.err.find("Timeout"), std::string::npos) << get.out << get.err;
+}
+
 TEST_F(AgentX, TheMastersSysORTableListsTheStorageMibWhileTheSubagentIsConnected)
 {
     const auto listed = [&](RunResult *walk) {
