@@ -179,7 +179,9 @@ bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string 
 bool readV3Keys(const std::string &path, const std::vector<std::string> &users,
                 std::vector<V3Key> *keys, std::string *error)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    // O_NONBLOCK: a FIFO opens at once instead of waiting for a writer, and
+    // is refused below.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) {
         *error = "--v3-keys " + path + ": cannot open: " + std::strerror(errno);
         return false;

@@ -7,8 +7,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
+
+#include "testing/fifo_wait.h"
 
 namespace kelp::agent {
 namespace {
@@ -141,6 +144,21 @@ TEST(Access, AByteOrderMarkBeforeTheFirstKeyLineIsSkipped)
     EXPECT_FALSE(parseV3Keys("ann authpass1 privpass1\n\xEF\xBB\xBF"
                              "bob authpass2 privpass2\n",
                              &keys, &error));
+}
+
+TEST(Access, AFifoAsKeyFileIsRefusedWithoutWaitingForAWriter)
+{
+    char dir[] = "/tmp/kelp-keys-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string fifo = std::string(dir) + "/keys";
+    std::vector<V3Key> keys;
+    std::string error;
+    bool read = true;
+    EXPECT_TRUE(
+        returnsWithoutAWriter(fifo, [&] { read = readV3Keys(fifo, {"ann"}, &keys, &error); }));
+    EXPECT_FALSE(read);
+    EXPECT_EQ(error, "--v3-keys " + fifo + " is not a regular file");
+    std::filesystem::remove_all(dir);
 }
 
 TEST(Access, KeyFileReadableByOthersOrMissingAUserIsRefused)

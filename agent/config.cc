@@ -4,6 +4,7 @@
 #include "config.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -193,13 +194,20 @@ bool readConfig(const std::string &path, bool mustExist, std::vector<ConfigSetti
     if (found != nullptr) {
         *found = false;
     }
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: a FIFO opens at once instead of waiting for a writer, and
+    // is refused below.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         if (!mustExist && (errno == ENOENT || errno == ENOTDIR)) {
             settings->clear();
             return true;
         }
         *error = path + ": cannot open: " + std::generic_category().message(errno);
+        return false;
+    }
+    if (struct stat st{}; fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode)) {
+        close(fd);
+        *error = path + ": a FIFO, not a file";
         return false;
     }
     std::string text;

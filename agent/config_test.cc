@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "paths.h"
+#include "testing/fifo_wait.h"
 
 namespace kelp::agent {
 namespace {
@@ -305,6 +306,18 @@ TEST_F(ConfigFiles, AFileIsReadOrItsFaultNamed)
         EXPECT_FALSE(readConfig(locked, false, &settings, &error));
         EXPECT_EQ(error, locked + ": cannot open: Permission denied");
     }
+}
+
+TEST_F(ConfigFiles, AFifoIsRefusedWithoutWaitingForAWriter)
+{
+    std::vector<ConfigSetting> settings;
+    std::string error;
+    bool read = true;
+    const std::string fifo = dir_ + "/fifo.conf";
+    EXPECT_TRUE(
+        returnsWithoutAWriter(fifo, [&] { read = readConfig(fifo, false, &settings, &error); }));
+    EXPECT_FALSE(read);
+    EXPECT_EQ(error, fifo + ": a FIFO, not a file");
 }
 
 TEST_F(ConfigFiles, TheCommandLineWinsOverTheFile)
