@@ -8,14 +8,18 @@ install(TARGETS kelpimp64 kelpruntime LIBRARY DESTINATION ${KELP_INSTALL_PKGLIBD
 
 install(FILES data/models/sample.xml DESTINATION ${KELP_INSTALL_PKGDATADIR}/models)
 install(FILES data/alerts.txt DESTINATION ${KELP_INSTALL_PKGDATADIR})
-# The configuration goes where GNUInstallDirs puts the prefix's etc: /etc
-# for the prefix /usr, <prefix>/etc otherwise; decided when installing, so
-# that `cmake --install --prefix /usr` and the package put it in /etc.
+# The configuration goes where GNUInstallDirs puts the prefix's etc, where
+# a build for that prefix reads it (KELP_SYSCONFDIR): /etc for the prefix
+# /usr, /etc/opt/NAME for /opt/NAME, <prefix>/etc otherwise; decided when
+# installing, so that `cmake --install --prefix /usr` and the package put
+# it in /etc.
 install(CODE "
   if(IS_ABSOLUTE \"${CMAKE_INSTALL_SYSCONFDIR}\")
     set(kelp_confdir \"${CMAKE_INSTALL_SYSCONFDIR}/kelp\")
   elseif(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
     set(kelp_confdir /etc/kelp)
+  elseif(CMAKE_INSTALL_PREFIX MATCHES \"^/opt/\")
+    set(kelp_confdir \"/etc\${CMAKE_INSTALL_PREFIX}/kelp\")
   else()
     set(kelp_confdir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}/kelp\")
   endif()

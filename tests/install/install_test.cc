@@ -287,6 +287,29 @@ TEST_F(Installed, TheUnitPassesSystemdAnalyzeVerify)
     EXPECT_NE(bad.status, 0) << "verify must notice a missing program";
 }
 
+// The configuration goes where GNUInstallDirs puts a prefix's etc, which is
+// where a build configured for that prefix reads it: /etc for /usr,
+// /etc/opt/NAME for /opt/NAME, <prefix>/etc otherwise.
+TEST(InstalledElsewhere, TheConfigurationGoesToThePrefixsEtc)
+{
+    TempDir dir;
+    const std::pair<const char *, const char *> cases[] = {
+        {"/usr", "/etc/kelp/kelpagent.conf"},
+        {"/opt/kelp", "/etc/opt/kelp/kelp/kelpagent.conf"},
+        {"/usr/local", "/usr/local/etc/kelp/kelpagent.conf"},
+    };
+    int n = 0;
+    for (const auto &[prefix, conf] : cases) {
+        const std::string root = dir / ("root" + std::to_string(n++));
+        const RunResult install =
+            run({CMAKE_COMMAND, "--install", KELP_BUILD_DIR, "--prefix", prefix},
+                {"DESTDIR=" + root}, dir, 60s);
+        ASSERT_EQ(install.status, 0) << install.out << install.err;
+        EXPECT_TRUE(fs::is_regular_file(root + conf)) << prefix << ": " << install.out;
+        fs::remove_all(root);
+    }
+}
+
 // Installs of one build to one prefix, each into its own staging root, run at
 // once (as the tests and packaging jobs do): each completes, with its own
 // unit naming the agent where it put it.
