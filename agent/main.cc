@@ -181,6 +181,9 @@ int run(const Options &options, const RunAs &runAs)
     std::unique_ptr<RequestPath> requests;
     const auto stopAll = [&] {
         boundTheStop();
+        // While the plug-in still reads events: a load under way swaps under
+        // the rescan lock instead of waiting for a reader that has gone.
+        runtime.stopControl();
         traps.close();
         // The worker may be inside the plug-in: it ends before the unload.
         if (requests) {

@@ -155,15 +155,20 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     return true;
 }
 
+void RuntimeSetup::stopControl()
+{
+    if (controlStarted_) {
+        kelpRuntimeStopControl();
+        controlStarted_ = false;
+    }
+}
+
 void RuntimeSetup::release()
 {
     if (reloadThread_.joinable()) {
         reloadThread_.join();
     }
-    if (controlStarted_) {
-        kelpRuntimeStopControl();
-        controlStarted_ = false;
-    }
+    stopControl();
     if (liveStarted_) {
         kelpRuntimeStopLive();
         liveStarted_ = false;

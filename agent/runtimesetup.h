@@ -44,6 +44,12 @@ class RuntimeSetup {
     // path, so that logrotate can move it away; logs what it did.
     void reopenDebugFile(const char *why);
 
+    // The first step of a stop: the control socket lets a command that is
+    // running end (a load then swaps while the plug-in still reads its
+    // events), answers the others that the agent stops, and closes. Safe to
+    // call more than once; release() calls it.
+    void stopControl();
+
     // Waits for a reload under way, then undoes apply(); the destructor
     // calls it.
     void release();

@@ -35,6 +35,9 @@ class PendingAnswer {
     std::atomic<bool> done_{false};
 };
 
+// The error of a command the worker did not run because the host stops.
+inline constexpr const char *kStoppingRefusal = "the agent is stopping: the command did not run";
+
 class CommandWorker {
   public:
     // Starts the thread. Each time a command is done, the worker adds 1 to
@@ -43,9 +46,13 @@ class CommandWorker {
     // thread can be started.
     explicit CommandWorker(int doneFd);
 
-    // Lets a command that is running end, drops those not yet started (their
-    // answers never become done), and joins the thread.
+    // stop()
     ~CommandWorker();
+
+    // Lets a command that is running end, answers those not yet started
+    // and any submitted later with kStoppingRefusal, and joins the thread.
+    // Safe to call more than once.
+    void stop();
 
     CommandWorker(const CommandWorker &) = delete;
     CommandWorker &operator=(const CommandWorker &) = delete;
@@ -67,6 +74,8 @@ class CommandWorker {
     };
 
     void run();
+    // Makes `answer` done with `text` and wakes the serving thread.
+    void finish(PendingAnswer &answer, std::optional<std::string> text);
 
     const int doneFd_;
     std::mutex mutex_;

@@ -9,8 +9,11 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "control/command_worker.h"
 #include "control/control_testing.h"
@@ -210,6 +213,50 @@ TEST_F(ConnectionTest, ClientGoneBeforeItsLineIsDropped)
 } // namespace
 
 namespace {
+
+// A stop lets the change that runs end, and answers those waiting, and any
+// submitted after it, that the host stops.
+TEST_F(ConnectionTest, AStopEndsTheRunningChangeAndRefusesTheWaitingOnes)
+{
+    kelp::rt::UniqueFd done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    kelp::ctl::CommandWorker worker(done.get());
+    const auto submit = [&worker](const std::string &line) {
+        kelp::ctl::Request request;
+        std::string error;
+        EXPECT_TRUE(kelp::ctl::prepareLine(line, &request, &error)) << error;
+        return worker.submit(std::move(request));
+    };
+    std::vector<std::shared_ptr<const kelp::ctl::PendingAnswer>> answers;
+    std::atomic<bool> stopping{false};
+    std::thread stopper;
+    {
+        // The first change waits for this lock, and the others behind it.
+        std::lock_guard identities(kelp::ds::identityMutex());
+        for (int i = 0; i < 3; i++)
+            answers.push_back(submit("set 20 Nexus s" + std::to_string(i)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        stopper = std::thread([&] {
+            stopping = true;
+            worker.stop();
+        });
+        while (!stopping)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    stopper.join();
+    const std::string refused = "error: the agent is stopping: the command did not run\n";
+    for (size_t i = 0; i < answers.size(); i++) {
+        ASSERT_NE(answers[i], nullptr);
+        ASSERT_TRUE(answers[i]->done()) << i;
+        ASSERT_TRUE(answers[i]->text().has_value()) << i;
+        EXPECT_EQ(*answers[i]->text(), i == 0 ? "ok\n" : refused) << i;
+    }
+    EXPECT_NE(kelp::ctl::testing::singleObject(20).find("<Nexus>s0</Nexus>"), std::string::npos);
+    const auto late = submit("ready off");
+    ASSERT_NE(late, nullptr);
+    ASSERT_TRUE(late->done());
+    EXPECT_EQ(late->text().value_or(""), refused);
+}
 
 // A command stays queued when its client leaves, so clients that send a
 // change and hang up could queue work and memory without end: past

@@ -151,6 +151,10 @@ ControlServer::ControlServer(std::string path, int listenFd, int wakeFd, int don
 
 ControlServer::~ControlServer()
 {
+    // A command running ends and its answer goes out; those waiting, and any
+    // sent from now on, are answered that the host stops.
+    if (worker_)
+        worker_->stop();
     const uint64_t one = 1;
     // The thread never reads the eventfd, so it stays readable: every later
     // poll of the thread returns at once.
@@ -158,8 +162,8 @@ ControlServer::~ControlServer()
         kelp::rt::logError("waking the control socket's thread: %s", rt::errnoText(errno).c_str());
     if (thread_.joinable())
         thread_.join();
-    // The connections are gone with the thread; a command still running ends
-    // first, and the worker's descriptor stays open until then.
+    // The connections are gone with the thread; the worker's descriptor
+    // stayed open until it had ended.
     worker_.reset();
     close(listenFd_);
     close(wakeFd_);
@@ -203,9 +207,10 @@ void ControlServer::serve()
             kelp::rt::logError("control socket stops serving: %s", rt::errnoText(errno).c_str());
             return;
         }
-        if (fds[0].revents != 0)
-            return; // stop requested; the connections close with the vector
-        if (fds[1].revents != 0) {
+        // On a stop, the answers that are done go out (as far as the sockets
+        // take them at once) and the connections close with the vector.
+        const bool stopping = fds[0].revents != 0;
+        if (fds[1].revents != 0 || stopping) {
             // Every connection is advanced below, and those whose command is
             // done take up their answer; the count itself does not matter.
             uint64_t doneCount = 0;
@@ -229,6 +234,8 @@ void ControlServer::serve()
         }
         connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(kept),
                           connections.end());
+        if (stopping)
+            return;
         if (accepting && fds[2].revents != 0)
             acceptFrom = acceptWaiting(listenFd_, readTimeout_, worker_.get(), &connections);
     }

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -99,6 +100,44 @@ TEST(AgentSwap, RowsAnswerTheOldOrTheNewObjectRightAfterALoadWithoutEvents)
     }
     EXPECT_GT(answered, 0);
     EXPECT_TRUE(genErrsWereTheLocks(readFile(agent.dir() / "agent.err")));
+}
+
+// A stop that comes while `kelpctl load` runs lets the load end under the
+// rescan lock, while the plug-in still reads events, and answers it; a load
+// sent once the stop has begun is refused, or finds the socket gone. Never
+// a swap without the lock, nor a client left without an answer.
+TEST(AgentSwap, AStopDuringALoadLetsItEndUnderTheLockAndAnswersIt)
+{
+    for (const auto wait : {150ms, 0ms}) {
+        SCOPED_TRACE("stop " + std::to_string(wait.count()) + " ms after the load was sent");
+        AgentUnderTest agent;
+        const std::string generated = agent.dir() / "gen-4096.xml";
+        const RunResult made = run(
+            {KELPGEN_PATH, "--disks", "4096", "--disks-per-controller", "8", "--out", generated},
+            {}, agent.dir(), 60s);
+        ASSERT_EQ(made.status, 0) << made.err;
+        std::string why;
+        ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
+        Process load(
+            {kelpctlPath(), "--control", agent.stateDir() + "/control.sock", "load", generated}, {},
+            agent.dir() / "load.out", agent.dir() / "load.err");
+        std::this_thread::sleep_for(wait);
+        EXPECT_EQ(agent.stop(), 0);
+        const std::optional<int> loaded = load.wait(30s);
+        ASSERT_TRUE(loaded.has_value());
+        const std::string answer = load.out() + load.err();
+        const std::string log = agent.process()->err();
+        EXPECT_EQ(log.find("without the rescan lock"), std::string::npos) << log;
+        EXPECT_EQ(answer.find("without a complete answer"), std::string::npos) << answer;
+        if (*loaded == 0) {
+            EXPECT_NE(log.find("kelpctl load: now serving the model"), std::string::npos) << log;
+        } else {
+            EXPECT_TRUE(answer.find("the agent is stopping: the command did not run") !=
+                            std::string::npos ||
+                        answer.find("cannot reach the control socket") != std::string::npos)
+                << answer;
+        }
+    }
 }
 
 } // namespace
