@@ -639,6 +639,12 @@ void SnmpAgent::run(const std::function<void()> &onWake, const std::function<voi
 {
     g_running = 1;
     register_readfd(g_wakeRead, drain, nullptr);
+    // A SIGHUP or SIGUSR1 that came during the start, before the wake-up
+    // pipe was made, wrote no wake-up: the first turn must not wait for a
+    // request to act on it.
+    if (g_reloadRequested != 0 || g_reopenRequested != 0) {
+        writeWakeByte();
+    }
     while (g_stopRequested == 0) {
         // Requests already read from a socket wait where select cannot
         // see them.
