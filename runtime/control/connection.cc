@@ -141,6 +141,12 @@ void Connection::answer(std::string text, bool afterLine)
     deadline_ = Clock::now() + timeout_;
 }
 
+void Connection::refuseUnread(const std::string &message)
+{
+    if (phase_ == Phase::kReading)
+        answerError(message);
+}
+
 void Connection::answerError(const std::string &message)
 {
     Reply reply;

@@ -54,6 +54,11 @@ class Connection {
     // the connection is then to be dropped too.
     bool advance(short revents, Clock::time_point now);
 
+    // When the host stops: a connection whose command line has not been
+    // taken yet is answered "error: `message`" without reading it (the
+    // next advance writes that). May throw std::bad_alloc.
+    void refuseUnread(const std::string &message);
+
   private:
     enum class Phase { kReading, kRunning, kWriting, kDraining };
     enum class Write { kPending, kDone, kFailed };

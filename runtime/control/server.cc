@@ -151,6 +151,11 @@ ControlServer::ControlServer(std::string path, int listenFd, int wakeFd, int don
 
 ControlServer::~ControlServer()
 {
+    // No client reaches the socket from here on; those already connected,
+    // or waiting to be accepted, are answered below.
+    struct stat st {};
+    if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
+        unlink(path_.c_str());
     // A command running ends and its answer goes out; those waiting, and any
     // sent from now on, are answered that the host stops.
     if (worker_)
@@ -168,9 +173,6 @@ ControlServer::~ControlServer()
     close(listenFd_);
     close(wakeFd_);
     close(doneFd_);
-    struct stat st {};
-    if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
-        unlink(path_.c_str());
 }
 
 void ControlServer::serve()
@@ -219,6 +221,22 @@ void ControlServer::serve()
                                      rt::errnoText(errno).c_str());
         }
         const Clock::time_point after = Clock::now();
+        if (stopping) {
+            // Clients that connected but whose line was not taken, and those
+            // waiting to be accepted, are told the host stops.
+            const size_t accepted = connections.size();
+            acceptWaiting(listenFd_, readTimeout_, nullptr, &connections);
+            fds.resize(std::max(fds.size(), connections.size() + 3), pollfd{-1, 0, 0});
+            for (size_t i = accepted; i < connections.size(); ++i)
+                fds[i + 3].revents = 0;
+            for (Connection &c : connections) {
+                try {
+                    c.refuseUnread(kStoppingRefusal);
+                } catch (const std::bad_alloc &) {
+                    // Closed unanswered, as without the refusal.
+                }
+            }
+        }
         size_t kept = 0;
         for (size_t i = 0; i < connections.size(); ++i) {
             bool keep = false;
