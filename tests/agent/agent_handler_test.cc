@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "inprocess_agent.h"
 #include "snmp/handler.h"
 #include "snmp/tree.h"
 #include "snmpagent.h"
@@ -32,10 +33,7 @@ TEST(RequestPathShortOfMemory, EveryRequestIsAnsweredGenErrAndTheAgentGoesOn)
     const kelp::test::TempDir dir;
     const int port = kelp::test::freeUdpPort();
     ASSERT_GT(port, 0);
-    AgentSettings settings;
-    settings.listen = "udp:127.0.0.1:" + std::to_string(port);
-    settings.community = "public";
-    settings.persistentDir = dir / "snmp";
+    const AgentSettings settings = inProcessSettings(dir, port);
 
     SnmpAgent::catchStopSignals();
     SnmpAgent agent;

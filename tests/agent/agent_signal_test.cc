@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "inprocess_agent.h"
 #include "snmpagent.h"
 #include "testkit.h"
 
@@ -29,10 +30,7 @@ TEST(AgentSignals, ASighupDuringTheStartReloadsWithoutWaitingForARequest)
     const kelp::test::TempDir dir;
     const int port = kelp::test::freeUdpPort();
     ASSERT_GT(port, 0);
-    AgentSettings settings;
-    settings.listen = "udp:127.0.0.1:" + std::to_string(port);
-    settings.community = "public";
-    settings.persistentDir = dir / "snmp";
+    const AgentSettings settings = inProcessSettings(dir, port);
 
     SnmpAgent::catchStopSignals();
     ASSERT_EQ(raise(SIGHUP), 0);
