@@ -2,6 +2,7 @@
 #include "pluginhost.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -15,6 +16,14 @@ PluginHost::~PluginHost()
 bool PluginHost::open(const std::string &path)
 {
     close();
+    // dlopen would wait on a FIFO for a writer; a path (a name with a slash)
+    // that is there must be a regular file.
+    struct stat st {};
+    if (path.find('/') != std::string::npos && stat(path.c_str(), &st) == 0 &&
+        !S_ISREG(st.st_mode)) {
+        error_ = path + ": not a regular file";
+        return false;
+    }
     handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle_ == nullptr) {
         const char *reason = dlerror();

@@ -68,6 +68,17 @@ TEST(AgentStart, AModuleThatDoesNotLoadIsAClearError)
         dir, {"--model", sourcePath("data/models/test/minimal.xml"), "--module", runtime});
     EXPECT_EQ(wrong.status, 1) << wrong.err;
     EXPECT_NE(wrong.err.find("KELPIMP64_SMMIBImplementerDispatch"), std::string::npos) << wrong.err;
+
+    // A FIFO is refused at once: loading it would wait for a writer.
+    const std::string fifo = dir / "fifo.so";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const RunResult blocked = startAndFail(
+        dir, {"--model", sourcePath("data/models/test/minimal.xml"), "--module", fifo});
+    EXPECT_EQ(blocked.status, 1) << blocked.err;
+    EXPECT_NE(
+        blocked.err.find("kelpagent: the module does not load: " + fifo + ": not a regular file"),
+        std::string::npos)
+        << blocked.err;
 }
 
 TEST(AgentStart, AModelThatDoesNotValidateIsAClearErrorNamingFileAndLine)
