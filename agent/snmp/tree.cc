@@ -157,7 +157,7 @@ NameKind classifyName(std::span<const uint64_t> name)
             return NameKind::kNoObject;
         }
         const size_t position = tablePosition(rel[0], rel[1]);
-        if (position == kNoTable || rel[3] < 1 || rel[3] > kServedTables[position].columns) {
+        if (position == kNoTable || !kServedTables[position].hasColumn(rel[3])) {
             return NameKind::kNoObject;
         }
         return rel.size() == 5 && rel[4] <= kLargestArc ? NameKind::kInstance

@@ -7,6 +7,7 @@
 #define KELP_AGENT_SNMP_TREE_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <span>
 
@@ -20,6 +21,25 @@ inline constexpr size_t kMibRootLength = std::size(kMibRoot);
 // root.G.T.1.C.R: the longest name of an instance.
 inline constexpr size_t kCellLength = kMibRootLength + 5;
 
+// A set of column numbers below 128, as a mask.
+struct ColumnSet {
+    uint64_t bits[2] = {0, 0};
+
+    constexpr bool contains(uint64_t column) const
+    {
+        return column < 128 && ((bits[column / 64] >> (column % 64)) & 1) != 0;
+    }
+};
+
+constexpr ColumnSet columnSet(std::initializer_list<uint32_t> columns)
+{
+    ColumnSet set;
+    for (const uint32_t column : columns) {
+        set.bits[column / 64] |= uint64_t{1} << (column % 64);
+    }
+    return set;
+}
+
 // A table: its objects are root.group.table.1.column.row.
 struct ServedTable {
     uint32_t group;
@@ -29,15 +49,43 @@ struct ServedTable {
     // The plug-in answers GetNext from columns 1..startColumns; from a
     // later column it ends its walk, so the agent starts those elsewhere.
     uint32_t startColumns;
+    // Numbers in 1..columns that name no column: the plug-in answers no
+    // cell there, and the MIB defines no object.
+    ColumnSet absent = {};
+
+    constexpr bool hasColumn(uint64_t column) const
+    {
+        return column >= 1 && column <= columns && !absent.contains(column);
+    }
 };
 
 // In walk order, which is also the order of their names.
 inline constexpr ServedTable kServedTables[] = {
-    {130, 1, 73, 73},  {130, 2, 11, 11}, {130, 3, 34, 34},  {130, 4, 53, 53}, {130, 5, 7, 7},
-    {130, 6, 7, 7},    {130, 7, 17, 17}, {130, 8, 5, 5},    {130, 9, 11, 11}, {130, 10, 6, 6},
-    {130, 11, 14, 14}, {130, 12, 5, 5},  {130, 13, 13, 13}, {130, 14, 5, 5},  {130, 15, 15, 15},
-    {130, 16, 5, 5},   {130, 17, 8, 8},  {130, 18, 28, 28}, {140, 1, 28, 28}, {140, 2, 6, 6},
-    {140, 3, 7, 6},    {140, 4, 16, 16}, {140, 5, 10, 10},  {140, 6, 8, 8},
+    {130, 1, 73, 73, columnSet({6,  13, 14, 17, 18, 19, 20, 21, 22, 23, 24, 25,
+                                26, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36})},
+    {130, 2, 11, 11, columnSet({4})},
+    {130, 3, 34, 34, columnSet({5, 7, 13, 14, 15, 17})},
+    {130, 4, 53, 53, columnSet({5, 37, 38, 39})},
+    {130, 5, 7, 7},
+    {130, 6, 7, 7},
+    {130, 7, 17, 17, columnSet({5, 6, 7, 8, 9, 10, 13})},
+    {130, 8, 5, 5},
+    {130, 9, 11, 11, columnSet({5, 7})},
+    {130, 10, 6, 6},
+    {130, 11, 14, 14, columnSet({5})},
+    {130, 12, 5, 5},
+    {130, 13, 13, 13, columnSet({5})},
+    {130, 14, 5, 5},
+    {130, 15, 15, 15},
+    {130, 16, 5, 5},
+    {130, 17, 8, 8},
+    {130, 18, 28, 28},
+    {140, 1, 28, 28, columnSet({5, 8, 9, 16, 18})},
+    {140, 2, 6, 6},
+    {140, 3, 7, 6, columnSet({6, 7})},
+    {140, 4, 16, 16},
+    {140, 5, 10, 10},
+    {140, 6, 8, 8},
 };
 
 // The scalar instances, below the root, in name order: the root's own

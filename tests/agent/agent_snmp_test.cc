@@ -89,6 +89,36 @@ TEST_F(AgentSnmp, NamesOutsideTheTreeAreNoSuchObjectAndMissingOnesNoSuchInstance
     EXPECT_NE(v1.err.find("noSuchName"), std::string::npos) << v1.err;
 }
 
+TEST_F(AgentSnmp, ColumnNumbersTheMibLeavesOutAreNoSuchObjectAndWalksPassThem)
+{
+    // Column 6 of the controller table, 4 of the channel table and 6 and 7 of
+    // the disk-to-virtual-disk table are numbers the MIB leaves out; columns
+    // 5, 3 and 5 beside them are served.
+    const RunResult get =
+        agent.snmp("snmpget", {name("130.1.1.6.1"), name("130.2.1.4.1"), name("140.3.1.6.1"),
+                               name("140.3.1.7.1"), name("130.1.1.5.1"), name("130.2.1.3.1"),
+                               name("140.3.1.5.1")});
+    EXPECT_EQ(get.status, 0) << get.err;
+    std::istringstream lines(get.out);
+    std::vector<std::string> answers;
+    for (std::string line; std::getline(lines, line);) {
+        answers.push_back(line);
+    }
+    ASSERT_EQ(answers.size(), 7u) << get.out;
+    for (size_t i = 0; i < 4; i++) {
+        EXPECT_NE(answers[i].find("= No Such Object available on this agent at this OID"),
+                  std::string::npos)
+            << answers[i];
+    }
+    for (size_t i = 4; i < 7; i++) {
+        EXPECT_EQ(answers[i].find("No Such"), std::string::npos) << answers[i];
+    }
+    // GetNext from inside a left-out column goes on with the next column.
+    const RunResult next = agent.snmp("snmpgetnext", {name("130.1.1.6.1")});
+    EXPECT_EQ(next.status, 0) << next.err;
+    EXPECT_TRUE(next.out.starts_with("." + name("130.1.1.7.1") + " = ")) << next.out;
+}
+
 TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
 {
     // 128 arcs, net-snmp's limit: the root, then 118 more.

@@ -111,7 +111,13 @@ TEST(MibTree, TheScalarsAndTablesAreThoseTheAgentServes)
     EXPECT_EQ(inMib, served);
 
     std::set<TableId> tables;
+    std::map<TableId, std::set<uint32_t>> servedColumns;
     for (const agent::ServedTable &table : agent::kServedTables) {
+        for (uint32_t column = 1; column <= table.columns; column++) {
+            if (table.hasColumn(column)) {
+                servedColumns[{table.group, table.table}].insert(column);
+            }
+        }
         const TableId id{table.group, table.table};
         tables.insert(id);
         EXPECT_TRUE(mib.entries.contains(id)) << id.first << "." << id.second;
@@ -127,6 +133,9 @@ TEST(MibTree, TheScalarsAndTablesAreThoseTheAgentServes)
         mibTables.insert(id);
     }
     EXPECT_EQ(mibTables, tables);
+    // The agent answers noSuchObject for exactly the column numbers the MIB
+    // leaves out.
+    EXPECT_EQ(columnDifferences(mib, servedColumns), std::vector<std::string>{});
 }
 
 TEST(MibTree, AColumnMissingOnEitherSideIsReported)
