@@ -70,9 +70,27 @@ int buildAtStart(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_
 // The session's build: as net-snmp's, until net-snmp, finding a GETBULK
 // response too big, asks for it again (UCD_MSG_FLAG_BULK_TOOBIG); then the
 // last varbinds go, as many as the excess suggests, until it fits.
+//
+// A response is also held to what the session's transport can send. The
+// agent library gives SNMPv1 and SNMPv2c responses, whose requests name no
+// maximum, a limit of 2^31-1 bytes, so net-snmp's size check passed one
+// larger than a UDP datagram (65,507 bytes) and its send failed: the
+// manager heard nothing and the log got a line per varbind. With the
+// transport's limit, net-snmp's check finds it too big, and the agent
+// answers tooBig instead. That answer (net-snmp's copy of the request) has
+// its varbinds left out unless it is SNMPv1's, as SNMPv2 requires.
 int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_t *pktLen,
                  size_t *offset)
 {
+    if (const auto sendable = static_cast<long>(session->sndMsgMaxSize);
+        sendable > 0 && pdu->msgMaxSize > sendable) {
+        pdu->msgMaxSize = sendable;
+    }
+    if (pdu->command == SNMP_MSG_RESPONSE && pdu->errstat == SNMP_ERR_TOOBIG &&
+        pdu->version != SNMP_VERSION_1 && pdu->variables != nullptr) {
+        snmp_free_varbind(pdu->variables);
+        pdu->variables = nullptr;
+    }
     const bool trim = (pdu->flags & UCD_MSG_FLAG_BULK_TOOBIG) != 0;
     // The forward encoder, which these flags ask for, is what fails.
     pdu->flags &= ~static_cast<u_long>(UCD_MSG_FLAG_FORWARD_ENCODE | UCD_MSG_FLAG_BULK_TOOBIG);

@@ -1,4 +1,6 @@
-// GETBULK responses that fit the manager's message size, in every version.
+// GETBULK responses that fit the manager's message size, in every version,
+// and responses of every kind that fit what their transport can send (a
+// UDP datagram: 65,507 bytes), tooBig otherwise.
 //
 // net-snmp builds a GETBULK response too big for the request's maximum
 // message size again with its forward encoder, which drops the varbinds

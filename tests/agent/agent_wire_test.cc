@@ -54,6 +54,102 @@ std::optional<Bytes> exchange(int port, const Bytes &packet)
     return reply;
 }
 
+// A Get (SNMPv1: version 0, SNMPv2c: 1) of `count` varbinds, each of `name`.
+Bytes repeatedGet(int version, const std::vector<uint64_t> &name, size_t count)
+{
+    const Bytes varbind = tlv(0x30, concat({objectIdentifier(name), Bytes{0x05, 0x00}}));
+    Bytes varbinds;
+    for (size_t i = 0; i < count; i++) {
+        varbinds.insert(varbinds.end(), varbind.begin(), varbind.end());
+    }
+    const Bytes pdu =
+        tlv(0xA0,
+            concat({tlv(0x02, {0x12, 0x34}), tlv(0x02, {0}), tlv(0x02, {0}), tlv(0x30, varbinds)}));
+    const Bytes community{'p', 'u', 'b', 'l', 'i', 'c'};
+    return tlv(0x30,
+               concat({tlv(0x02, {static_cast<uint8_t>(version)}), tlv(0x04, community), pdu}));
+}
+
+// Reads BER tag-length headers from a reply.
+class Reader {
+  public:
+    explicit Reader(const Bytes &bytes) : bytes_(bytes) {}
+
+    // The content length of the element at the cursor, which must have
+    // `tag`; the cursor moves to its content. nullopt when it does not parse.
+    std::optional<size_t> enter(uint8_t tag)
+    {
+        if (at_ + 2 > bytes_.size() || bytes_[at_] != tag) {
+            return std::nullopt;
+        }
+        at_++;
+        size_t length = bytes_[at_++];
+        if ((length & 0x80) != 0) {
+            const size_t octets = length & 0x7F;
+            if (octets == 0 || octets > 4 || at_ + octets > bytes_.size()) {
+                return std::nullopt;
+            }
+            length = 0;
+            for (size_t i = 0; i < octets; i++) {
+                length = length << 8 | bytes_[at_++];
+            }
+        }
+        if (at_ + length > bytes_.size()) {
+            return std::nullopt;
+        }
+        return length;
+    }
+    // Skips the element at the cursor, which must have `tag`.
+    bool skip(uint8_t tag)
+    {
+        const std::optional<size_t> length = enter(tag);
+        at_ += length.value_or(0);
+        return length.has_value();
+    }
+    // The INTEGER at the cursor (up to 4 octets).
+    std::optional<int64_t> integer()
+    {
+        const std::optional<size_t> length = enter(0x02);
+        if (!length || *length == 0 || *length > 4) {
+            return std::nullopt;
+        }
+        int64_t value = static_cast<int8_t>(bytes_[at_]);
+        for (size_t i = 1; i < *length; i++) {
+            value = value * 256 + bytes_[at_ + i];
+        }
+        at_ += *length;
+        return value;
+    }
+
+  private:
+    const Bytes &bytes_;
+    size_t at_ = 0;
+};
+
+// A Response's error-status, error-index and the length of its varbind list.
+struct ResponseHead {
+    int64_t errorStatus = -1;
+    int64_t errorIndex = -1;
+    size_t varbindBytes = 0;
+};
+
+std::optional<ResponseHead> responseHead(const Bytes &reply)
+{
+    Reader reader(reply);
+    ResponseHead head;
+    if (!reader.enter(0x30) || !reader.integer() || !reader.skip(0x04) || !reader.enter(0xA2) ||
+        !reader.integer()) {
+        return std::nullopt;
+    }
+    const std::optional<int64_t> status = reader.integer();
+    const std::optional<int64_t> index = reader.integer();
+    const std::optional<size_t> varbinds = reader.enter(0x30);
+    if (!status || !index || !varbinds) {
+        return std::nullopt;
+    }
+    return ResponseHead{*status, *index, *varbinds};
+}
+
 std::vector<uint64_t> below(std::initializer_list<uint64_t> tail)
 {
     std::vector<uint64_t> name{1, 3, 6, 1, 4, 1, 61234, 20571, 1, 20};
@@ -119,6 +215,36 @@ TEST_F(AgentWire, NamesLongerThanTheProtocolAllowsAreRefused)
             EXPECT_EQ(text.find("Vorn Inc."), std::string::npos) << length;
         }
     }
+}
+
+TEST_F(AgentWire, AGetWhoseAnswerExceedsTheLargestDatagramIsAnsweredTooBig)
+{
+    // 2,900 Gets of root.3.0 ("Vorn Inc.") fit one request of about 55 KB,
+    // but their answer would take about 80 KB: more than a UDP datagram
+    // holds (65,507 bytes).
+    for (const int version : {1, 0}) {
+        const Bytes get = repeatedGet(version, below({3, 0}), 2900);
+        ASSERT_LT(get.size(), 65507u);
+        const std::optional<Bytes> reply = exchange(agent.port(), get);
+        ASSERT_TRUE(reply.has_value()) << "version " << version << ": no answer";
+        const std::optional<ResponseHead> head = responseHead(*reply);
+        ASSERT_TRUE(head.has_value()) << "version " << version;
+        EXPECT_EQ(head->errorStatus, 1) << "version " << version << ": not tooBig";
+        EXPECT_EQ(head->errorIndex, 0) << "version " << version;
+        if (version == 1) {
+            // SNMPv2c: the varbind list of a tooBig answer is empty.
+            EXPECT_EQ(head->varbindBytes, 0u);
+        }
+    }
+    // One that fits is answered whole.
+    const std::optional<Bytes> reply = exchange(agent.port(), repeatedGet(1, below({3, 0}), 1000));
+    ASSERT_TRUE(reply.has_value());
+    const std::optional<ResponseHead> head = responseHead(*reply);
+    ASSERT_TRUE(head.has_value());
+    EXPECT_EQ(head->errorStatus, 0);
+    EXPECT_GT(head->varbindBytes, 1000u * 20);
+    const std::string log = agent.process()->err();
+    EXPECT_EQ(log.find("Failure in sendto"), std::string::npos) << log.substr(0, 2000);
 }
 
 } // namespace
