@@ -184,12 +184,18 @@ int run(const Options &options, const RunAs &runAs)
         // While the plug-in still reads events: a load under way swaps under
         // the rescan lock instead of waiting for a reader that has gone.
         runtime.stopControl();
-        traps.close();
+        runtime.holdEvents();
+        // The plug-in's threads no longer wait for the trap pump, which
+        // this thread no longer runs; what they raise while they stop goes
+        // out below, before the sinks close.
+        traps.stopWaiting();
         // The worker may be inside the plug-in: it ends before the unload.
         if (requests) {
             requests->stop();
         }
         module.stop();
+        traps.pump();
+        traps.close();
         snmp.shutdown();
         runtime.release();
     };

@@ -81,6 +81,7 @@ RuntimeSetup::~RuntimeSetup()
 bool RuntimeSetup::apply(const Options &options, std::string *error)
 {
     options_ = options;
+    kelpRuntimeHoldEvents(0);
     kelpRuntimeSetLog(logRuntimeLine);
     kelpRuntimeSetActivityLog(logRuntimeActivity);
     kelpRuntimeSetIniPath(options.ini.c_str());
@@ -161,6 +162,11 @@ void RuntimeSetup::stopControl()
         kelpRuntimeStopControl();
         controlStarted_ = false;
     }
+}
+
+void RuntimeSetup::holdEvents()
+{
+    kelpRuntimeHoldEvents(1);
 }
 
 void RuntimeSetup::release()

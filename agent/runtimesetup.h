@@ -50,6 +50,11 @@ class RuntimeSetup {
     // call more than once; release() calls it.
     void stopControl();
 
+    // The next step, before the plug-in stops: the events still queued stay
+    // queued, to be counted as dropped, rather than being read by a plug-in
+    // that drops them unreported. apply() lets them be read again.
+    void holdEvents();
+
     // Waits for a reload under way, then undoes apply(); the destructor
     // calls it.
     void release();

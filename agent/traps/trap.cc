@@ -105,6 +105,9 @@ uint32_t TrapQueue::submit(Trap trap)
         onPumpThread = pumpThread_ == std::this_thread::get_id();
         if (!onPumpThread) {
             queue_.push_back(pending);
+            if (waitless_) {
+                return SM_SNMP_NOERROR; // sent by the pump's last run
+            }
         }
     } catch (const std::bad_alloc &) {
         logShortOfMemory();
@@ -115,10 +118,14 @@ uint32_t TrapQueue::submit(Trap trap)
     }
     waker_();
     std::unique_lock lock(mutex_);
-    if (!done_.wait_for(lock, patience_,
-                        [&] { return pending->status.has_value() || pending->taken; })) {
+    if (!done_.wait_for(lock, patience_, [&] {
+            return pending->status.has_value() || pending->taken || waitless_;
+        })) {
         std::erase(queue_, pending);
         return SM_SNMP_GENERR;
+    }
+    if (!pending->status && !pending->taken) {
+        return SM_SNMP_NOERROR; // stopWaiting: left for the pump's last run
     }
     // Once taken, the send itself is short and always completes.
     done_.wait(lock, [&] { return pending->status.has_value(); });
@@ -138,6 +145,13 @@ void TrapQueue::pump()
         pending->status = status;
         done_.notify_all();
     }
+}
+
+void TrapQueue::stopWaiting()
+{
+    std::lock_guard lock(mutex_);
+    waitless_ = true;
+    done_.notify_all();
 }
 
 void TrapQueue::close()

@@ -78,6 +78,13 @@ class TrapQueue {
     // Pump's thread: sends every queued trap, in order.
     void pump();
 
+    // For a stop: no submitter waits for the pump any more. The traps
+    // queued and those submitted from now on stay queued for the pump's
+    // last run and are answered 0 at once, so that the caller's threads
+    // may be stopped without waiting on the pump, and a trap raised while
+    // they stop still goes out.
+    void stopWaiting();
+
     // Refuses further traps and answers 5 to those still queued; the
     // caller's threads may then be stopped without waiting on the pump.
     void close();
@@ -97,6 +104,7 @@ class TrapQueue {
     std::condition_variable done_;                  // signalled when a trap's status is set
     std::deque<std::shared_ptr<Pending>> queue_;    // guarded by mutex_
     bool closed_ = false;                           // guarded by mutex_
+    bool waitless_ = false;                         // guarded by mutex_
     LogInterval shortLog_{std::chrono::minutes(1)}; // traps lost for want of memory
 };
 

@@ -6,6 +6,7 @@
 #include <future>
 #include <new>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -167,6 +168,32 @@ TEST(TrapQueue, ClosingFailsWaitingAndLaterTraps)
     queue.close();
     EXPECT_EQ(waiting.get(), uint32_t{SM_SNMP_GENERR});
     EXPECT_EQ(std::async(std::launch::async, [&] { return queue.submit(trapNumbered(2)); }).get(),
+              uint32_t{SM_SNMP_GENERR});
+}
+
+TEST(TrapQueue, AfterStopWaitingTrapsAreTakenAtOnceAndTheLastPumpSendsThem)
+{
+    std::atomic<int> wakes{0};
+    std::vector<uint32_t> sent;
+    TrapQueue queue([&](const Trap &t) { return sent.push_back(t.specific), 0u; }, [&] { wakes++; },
+                    std::chrono::seconds(30));
+    queue.adoptPumpThread();
+    std::future<uint32_t> waiting =
+        std::async(std::launch::async, [&] { return queue.submit(trapNumbered(1)); });
+    ASSERT_TRUE(wokenTimes(wakes, 1));
+    queue.stopWaiting();
+    ASSERT_EQ(waiting.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(waiting.get(), uint32_t{SM_SNMP_NOERROR});
+    std::future<uint32_t> later =
+        std::async(std::launch::async, [&] { return queue.submit(trapNumbered(2)); });
+    ASSERT_EQ(later.wait_for(std::chrono::seconds(5)), std::future_status::ready)
+        << "a trap raised during the stop does not wait for the pump";
+    EXPECT_EQ(later.get(), uint32_t{SM_SNMP_NOERROR});
+    EXPECT_TRUE(sent.empty());
+    queue.pump();
+    EXPECT_EQ(sent, (std::vector<uint32_t>{1, 2}));
+    queue.close();
+    EXPECT_EQ(std::async(std::launch::async, [&] { return queue.submit(trapNumbered(3)); }).get(),
               uint32_t{SM_SNMP_GENERR});
 }
 

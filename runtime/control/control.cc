@@ -10,6 +10,7 @@
 #include "control/commands.h"
 #include "control/server.h"
 #include "eventif/event_queue.h"
+#include "eventif/reader.h"
 #include "kelp/runtime.h"
 #include "support/config.h"
 #include "support/log.h"
@@ -88,6 +89,11 @@ void kelpRuntimeStopControl(void)
 unsigned long kelpRuntimeQueuedEvents(void)
 {
     return kelp::ev::queuedEvents();
+}
+
+void kelpRuntimeHoldEvents(int hold)
+{
+    kelp::ev::holdEvents(hold != 0);
 }
 
 int kelpRuntimeQueueRescan(char *error, unsigned errorSize)

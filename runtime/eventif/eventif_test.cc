@@ -19,6 +19,7 @@
 
 #include "eventif/event_queue.h"
 #include "eventif/reader.h"
+#include "eventif/rescan_gate.h"
 #include "kelp/runtime.h"
 #include "queue.h"
 #include "support/env_testing.h"
@@ -39,7 +40,11 @@ EventText getEvent(uint32_t count)
 class EventIfTest : public ::testing::Test {
   protected:
     void SetUp() override { kelp::ev::clearEvents(); }
-    void TearDown() override { kelp::ev::clearEvents(); }
+    void TearDown() override
+    {
+        kelpRuntimeHoldEvents(0);
+        kelp::ev::clearEvents();
+    }
 };
 
 TEST_F(EventIfTest, EmptyQueueAnswersNull)
@@ -81,6 +86,35 @@ TEST_F(EventIfTest, CountsOtherThanOneAnswerNullAndTakeNothing)
     for (uint32_t count : {0u, 2u, 10u, 0xFFFFFFFFu})
         EXPECT_EQ(getEvent(count), nullptr) << count;
     EXPECT_EQ(kelp::ev::queuedEvents(), 1u);
+}
+
+TEST_F(EventIfTest, HeldEventsStayQueuedUntilReleased)
+{
+    ASSERT_TRUE(kelp::ev::queueEvent("<EventID>1</EventID>", nullptr));
+    ASSERT_TRUE(kelp::ev::queueEvent("<EventID>2</EventID>", nullptr));
+    char *first = vcsif32_getEvent(1);
+    ASSERT_NE(first, nullptr);
+    kelpRuntimeHoldEvents(1);
+    EXPECT_EQ(getEvent(1), nullptr);
+    EXPECT_EQ(kelpRuntimeQueuedEvents(), 1u) << "a held event is still counted as queued";
+    EXPECT_EQ(kelp::ev::outstandingEventTexts(), 0u) << "the reader was done with its last text";
+    kelpRuntimeHoldEvents(0);
+    EventText second = getEvent(1);
+    ASSERT_NE(second, nullptr);
+    EXPECT_STREQ(second.get(), "<EventID>2</EventID>");
+}
+
+TEST_F(EventIfTest, WhileEventsAreHeldASwapDoesNotWaitForTheReader)
+{
+    vcsif32_noCmdQ(); // a reader present: a swap would wait for it to lock
+    kelpRuntimeHoldEvents(1);
+    bool swapped = false;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(kelp::ev::swapUnderRescan([&] { swapped = true; }), kelp::ev::GateOutcome::kNoReader);
+    EXPECT_TRUE(swapped);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(kelpRuntimeQueuedEvents(), 0u) << "and no rescan events are queued for it";
+    kelpRuntimeHoldEvents(0);
 }
 
 TEST_F(EventIfTest, FreeDataReleasesEventTexts)

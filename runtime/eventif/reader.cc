@@ -43,6 +43,8 @@ std::optional<Clock::time_point> g_lastRead;
 // holding a lock after that is the reader's rescan wait, not the tail of a
 // rescan before. Guarded by g_readerMutex.
 uint64_t g_waitsAtHandOut = 0;
+// holdEvents; guarded by g_readerMutex.
+bool g_held = false;
 
 // Its destructor releases the texts still held when the runtime unloads.
 // No lock here: HandedOutTexts locks its own mutex.
@@ -129,6 +131,11 @@ std::optional<Next> gatedEvent(RescanWatch *watch, Clock::time_point now)
 char *readNextEvent()
 {
     std::lock_guard lock(g_readerMutex);
+    if (g_held) {
+        // The reader is done with its last text whatever it is handed.
+        g_texts.releaseAll();
+        return nullptr;
+    }
     RescanWatch watch = g_rescans;
     const Clock::time_point now = Clock::now();
     g_lastRead = now;
@@ -161,6 +168,12 @@ void noteReaderStarting()
     g_lastRead = Clock::now();
 }
 
+void holdEvents(bool hold)
+{
+    std::lock_guard lock(g_readerMutex);
+    g_held = hold;
+}
+
 bool releaseEventText(char *text)
 {
     return g_texts.release(text);
@@ -190,7 +203,7 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
 {
     std::unique_lock lock(g_readerMutex);
     const Clock::time_point start = Clock::now();
-    if (!g_lastRead || start - *g_lastRead > rt::scaledMs(kReaderGoneMs)) {
+    if (g_held || !g_lastRead || start - *g_lastRead > rt::scaledMs(kReaderGoneMs)) {
         swap();
         return GateOutcome::kNoReader;
     }

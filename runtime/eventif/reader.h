@@ -36,6 +36,12 @@ size_t outstandingEventTexts();
 // had just read. Thread-safe.
 void noteReaderStarting();
 
+// While held, readNextEvent hands out nothing (the events stay queued and
+// are counted as such) and a swap does not wait for the reader: a host
+// holds them while it stops the plug-in, whose monitor drops, unreported,
+// an event it reads once its stop has begun. Thread-safe.
+void holdEvents(bool hold);
+
 // Whether a rescan started event was handed out and is still open.
 bool rescanOpen();
 

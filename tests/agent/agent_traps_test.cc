@@ -241,6 +241,37 @@ TEST_F(AgentTraps, AnUnreachableInformSinkIsRetriedAndGivenUpWithoutStallingAnyt
     EXPECT_EQ(countOf(live.log(), trapOid(904)), 1u) << live.log();
 }
 
+TEST_F(AgentTraps, AtAStopEveryEventIsATrapReceivedOrCountedAsDropped)
+{
+    Trapd live(dir, "live", "public");
+    ASSERT_TRUE(live.ready());
+    start({"--trap-sink", live.sink()});
+    ASSERT_FALSE(live.lineWith(kColdStartOid).empty()) << live.log() << agentLog();
+    // The plug-in reads twenty events a second here (KELP_TIME_SCALE=20);
+    // the stop comes while it works through them.
+    constexpr int kEvents = 30;
+    for (int i = 0; i < kEvents; i++) {
+        const RunResult event = agent.kelpctl(
+            {"event", "2050", "--object", "302", "--parm", "slot" + std::to_string(i)});
+        ASSERT_EQ(event.status, 0) << event.out << event.err;
+    }
+    ASSERT_FALSE(live.lineWith("was inserted").empty()) << live.log() << agentLog();
+    EXPECT_EQ(agent.stop(), 0) << agentLog();
+    // What the agent sent before it stopped has reached the receiver.
+    std::this_thread::sleep_for(1s);
+    const size_t received = countOf(live.log(), "was inserted");
+    size_t dropped = 0;
+    std::smatch match;
+    const std::string log = agentLog();
+    if (std::regex_search(log, match, std::regex("(\\d+) queued events? (was|were) dropped"))) {
+        dropped = std::stoul(match[1]);
+    }
+    EXPECT_EQ(received + dropped, size_t{kEvents})
+        << received << " received, " << dropped << " dropped\n"
+        << log;
+    EXPECT_EQ(countOf(log, " sent to " + live.sink()), received + 1) << log;
+}
+
 TEST_F(AgentTraps, AnInformWhoseCommunityTheReceiverRefusesIsRetried)
 {
     Trapd strict(dir, "strict", "alarms");

@@ -172,6 +172,13 @@ int kelpRuntimeQueueRescan(char *error, unsigned errorSize);
 /* The events queued that the plug-in has not read yet. */
 unsigned long kelpRuntimeQueuedEvents(void);
 
+/* With hold non-zero, vcsif32_getEvent hands out no event until it is
+ * called again with 0: the events stay queued (kelpRuntimeQueuedEvents
+ * counts them), and a model swap does not wait for the plug-in's reader.
+ * For a host about to stop its plug-in, whose event monitor drops an event
+ * it reads once its stop has begun, without a trap or a word. */
+void kelpRuntimeHoldEvents(int hold);
+
 /* The live source: serves the storage of the machine under `root` ("/" for
  * this machine) in place of a model file, read from sysfs, rescanned every
  * intervalSeconds and at once on udev events, with storage events queued for
