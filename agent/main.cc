@@ -229,7 +229,8 @@ int run(const Options &options, const RunAs &runAs)
         // The control socket may be outside the state dir; an ini file
         // elsewhere stays its owner's (the user must be able to write it).
         if (!handOver(options.stateDir, {options.control}, runAs, &error) ||
-            !dropPrivileges(runAs, &error)) {
+            !dropPrivileges(runAs, &error) ||
+            !checkStateDirWritable(options.stateDir, &error, runAs.name)) {
             const int status = fail(error);
             stopAll();
             return status;
@@ -336,8 +337,14 @@ int main(int argc, char **argv)
         logAt(LogLevel::kWarning, "%s", stopWarning.c_str());
     }
     SnmpAgent::boundStops(boundTheWait);
-    if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error) ||
-        !checkStateDirWritable(options.stateDir, &error)) {
+    if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
+        return fail(error);
+    }
+    if (const std::string refusal = sharedStateDirRefusal(options.stateDir); !refusal.empty()) {
+        return fail(refusal);
+    }
+    if (!checkStateDirWritable(options.stateDir, &error) ||
+        !lockStateDir(options.stateDir, &error)) {
         return fail(error);
     }
     if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {

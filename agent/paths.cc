@@ -1,12 +1,15 @@
 // Default places and the state dir.
 #include "paths.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -75,7 +78,8 @@ bool makeStateDir(const std::string &dir, std::string *error)
 {
     for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
         const std::string part = dir.substr(0, slash);
-        if (!part.empty() && mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+        const mode_t mode = slash == std::string::npos ? 0700 : 0755;
+        if (!part.empty() && mkdir(part.c_str(), mode) != 0 && errno != EEXIST) {
             *error = "cannot create " + part + ": " + std::strerror(errno);
             return false;
         }
@@ -91,7 +95,7 @@ bool makeStateDir(const std::string &dir, std::string *error)
     return true;
 }
 
-bool checkStateDirWritable(const std::string &dir, std::string *error)
+bool checkStateDirWritable(const std::string &dir, std::string *error, const std::string &user)
 {
     // One page: a full tmpfs still creates an empty file, but refuses data.
     const std::string page(4096, '\n');
@@ -117,9 +121,93 @@ bool checkStateDirWritable(const std::string &dir, std::string *error)
         unlink(path.c_str());
     }
     if (err != 0) {
-        *error = "the state dir " + dir + " cannot be written: " + std::strerror(err);
+        *error = "the state dir " + dir + " cannot be written" +
+                 (user.empty() ? "" : " by user " + user) + ": " + std::strerror(err);
         return false;
     }
+    return true;
+}
+
+bool isKelpStateEntry(std::string_view name)
+{
+    static constexpr std::string_view kOwn[] = {"kelp.ini",  "kelp.ini.lock", "control.sock",
+                                                "debug.log", "snmp",          "kelpagent.lock"};
+    for (const std::string_view own : kOwn) {
+        if (name == own) {
+            return true;
+        }
+    }
+    // checkStateDirWritable's file, left behind only by a crash.
+    constexpr std::string_view kWriteCheck = ".write-check.";
+    return name.size() > kWriteCheck.size() && name.starts_with(kWriteCheck);
+}
+
+std::string foreignStateEntry(const std::string &dir)
+{
+    DIR *entries = opendir(dir.c_str());
+    if (entries == nullptr) {
+        return "";
+    }
+    std::string foreign;
+    while (const dirent *entry = readdir(entries)) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != ".." && !isKelpStateEntry(name)) {
+            foreign = name;
+            break;
+        }
+    }
+    closedir(entries);
+    return foreign;
+}
+
+std::string sharedStateDirRefusal(const std::string &dir)
+{
+    struct stat st {};
+    if (stat(dir.c_str(), &st) != 0 || (st.st_mode & 077) == 0) {
+        return "";
+    }
+    const std::string foreign = foreignStateEntry(dir);
+    if (foreign.empty()) {
+        return "";
+    }
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    return "the state dir " + dir + " is open to other users (mode " + mode +
+           ") and holds what is not kelp's (" + foreign + "): give kelp a directory of its own";
+}
+
+bool lockStateDir(const std::string &dir, std::string *error)
+{
+    const std::string path = dir + "/kelpagent.lock";
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        *error = "cannot lock the state dir: " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int err = errno;
+        char pid[32] = {};
+        const ssize_t got = pread(fd, pid, sizeof pid - 1, 0);
+        close(fd);
+        if (err != EWOULDBLOCK) {
+            *error = "cannot lock the state dir: " + path + ": " + std::strerror(err);
+            return false;
+        }
+        std::string holder = got > 0 ? std::string(pid, static_cast<size_t>(got)) : "";
+        while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' ')) {
+            holder.pop_back();
+        }
+        *error = "the state dir " + dir + " is in use by another kelpagent" +
+                 (holder.empty() ? "" : " (pid " + holder + ")") +
+                 ": give each agent its own --state-dir";
+        return false;
+    }
+    // Held until the process ends: the descriptor is never closed.
+    const std::string pid = std::to_string(getpid()) + "\n";
+    // Should the write fail, the lock holds all the same; only the pid in
+    // another agent's refusal is missing.
+    [[maybe_unused]] const bool written =
+        ftruncate(fd, 0) == 0 && pwrite(fd, pid.data(), pid.size(), 0) > 0;
     return true;
 }
 

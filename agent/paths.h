@@ -4,6 +4,7 @@
 #define KELP_AGENT_PATHS_H
 
 #include <string>
+#include <string_view>
 
 #include "options.h"
 
@@ -29,15 +30,40 @@ DefaultPlaces defaultPlaces(const std::string &binDir, const char *xdgStateHome,
 // MIB path from $MIBDIRS and $HOME.
 std::string mibHint(const std::string &binDir);
 
-// Creates `dir` and its missing parents with mode 0700 (an existing dir is
-// left as it is). False with a message naming the path on failure.
+// Creates `dir` with mode 0700 and its missing parents with mode 0755, so
+// that a user the agent becomes later can reach it (an existing dir is left
+// as it is). False with a message naming the path on failure.
 bool makeStateDir(const std::string &dir, std::string *error);
 
 // Writes, syncs and removes a small file in `dir`, so that a state dir on a
 // read-only or full file system stops the agent at start rather than losing
 // its persistent file at the first save. False with "the state dir DIR
-// cannot be written: <errno text>" on failure.
-bool checkStateDirWritable(const std::string &dir, std::string *error);
+// cannot be written: <errno text>" on failure ("... cannot be written by
+// user NAME: ..." with `user`, for a check made after becoming that user).
+bool checkStateDirWritable(const std::string &dir, std::string *error,
+                           const std::string &user = "");
+
+// Whether `name`, an entry of the state dir, is one the agent makes there:
+// kelp.ini and its lock, control.sock, debug.log, snmp (net-snmp's
+// persistent files), kelpagent.lock, and the write check's file.
+bool isKelpStateEntry(std::string_view name);
+
+// The first entry of `dir` that is not the agent's (isKelpStateEntry), in
+// no particular order; "" when there is none or `dir` cannot be read.
+std::string foreignStateEntry(const std::string &dir);
+
+// Why `dir` cannot be the state dir, or "": a directory others may enter
+// or read that holds what is not the agent's is a shared one (/tmp, /var/lib
+// given by mistake), which the agent neither closes to others nor fills
+// with its engine state and control socket.
+std::string sharedStateDirRefusal(const std::string &dir);
+
+// Takes the state dir for this process: an exclusive lock on its
+// kelpagent.lock, which holds the process's pid and stays locked until the
+// process ends. False with "the state dir DIR is in use by another
+// kelpagent (pid N)" when another process holds it, or with the reason when
+// the file cannot be made.
+bool lockStateDir(const std::string &dir, std::string *error);
 
 // Makes `dir` (the state dir, which holds the control socket and net-snmp's
 // persistent file) mode 0700 when others may enter or read it and it is this

@@ -1,6 +1,7 @@
 // Root refused, or left for a user once the ports are bound.
 #include "privileges.h"
 
+#include <dirent.h>
 #include <ftw.h>
 #include <grp.h>
 #include <pwd.h>
@@ -9,6 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
+
+#include "paths.h"
 
 namespace kelp::agent {
 namespace {
@@ -27,6 +30,23 @@ int handOne(const char *path, const struct stat *st, int, FTW *)
         return 1;
     }
     return 0;
+}
+
+// Hands the root-owned entries of the tree at `path` (walked without
+// following links) to the user.
+bool handTree(const std::string &path, const RunAs &user, std::string *error)
+{
+    g_handTo = &user;
+    g_handError = 0;
+    g_handFailed.clear();
+    const int walked = nftw(path.c_str(), handOne, 16, FTW_PHYS);
+    g_handTo = nullptr;
+    if (walked != 0) {
+        *error = "cannot hand " + (g_handFailed.empty() ? path : g_handFailed) + " to " +
+                 user.name + ": " + std::strerror(g_handError != 0 ? g_handError : errno);
+        return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -61,15 +81,26 @@ bool handOver(const std::string &stateDir, const std::vector<std::string> &files
               std::string *error)
 {
     struct stat st {};
-    if (!stateDir.empty() && lstat(stateDir.c_str(), &st) == 0) {
-        g_handTo = &user;
-        g_handError = 0;
-        g_handFailed.clear();
-        const int walked = nftw(stateDir.c_str(), handOne, 16, FTW_PHYS);
-        g_handTo = nullptr;
-        if (walked != 0) {
-            *error = "cannot hand " + (g_handFailed.empty() ? stateDir : g_handFailed) + " to " +
-                     user.name + ": " + std::strerror(g_handError != 0 ? g_handError : errno);
+    if (!stateDir.empty() && lstat(stateDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        // Only what the agent makes there: a state dir that also holds
+        // what is not the agent's stays its owner's, and so do those files.
+        std::vector<std::string> own;
+        if (DIR *entries = opendir(stateDir.c_str())) {
+            while (const dirent *entry = readdir(entries)) {
+                if (isKelpStateEntry(entry->d_name)) {
+                    own.push_back(stateDir + "/" + entry->d_name);
+                }
+            }
+            closedir(entries);
+        }
+        for (const std::string &path : own) {
+            if (!handTree(path, user, error)) {
+                return false;
+            }
+        }
+        if (st.st_uid == 0 && foreignStateEntry(stateDir).empty() &&
+            lchown(stateDir.c_str(), user.uid, user.gid) != 0) {
+            *error = "cannot hand " + stateDir + " to " + user.name + ": " + std::strerror(errno);
             return false;
         }
     }

@@ -28,11 +28,12 @@ std::string startRefusal(uid_t euid, bool allowRoot, const std::string &user, ui
 bool lookUpUser(const std::string &name, RunAs *user, std::string *error);
 
 // Gives `user` what the agent made as root before it dropped root: every
-// root-owned entry under `stateDir` (walked without following links) and
-// each of `files` that is root-owned and not a directory (never walked: a
-// path outside the state dir given by mistake as a directory must not hand
-// that tree over). Missing paths are skipped. False with a message when a
-// chown fails.
+// root-owned entry of the agent's own in `stateDir` (isKelpStateEntry;
+// the snmp dir walked without following links), the state dir itself when
+// it is root's and holds nothing else, and each of `files` that is
+// root-owned and not a directory (never walked: a path outside the state
+// dir given by mistake as a directory must not hand that tree over).
+// Missing paths are skipped. False with a message when a chown fails.
 bool handOver(const std::string &stateDir, const std::vector<std::string> &files, const RunAs &user,
               std::string *error);
 

@@ -1,5 +1,7 @@
 #include "privileges.h"
 
+#include "paths.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,6 +82,43 @@ TEST(Privileges, TheStateDirIsHandedOverWholeAndOtherPathsOnlyAsFiles)
     EXPECT_EQ(ownerOf(other), 0u);
     EXPECT_EQ(ownerOf(other / "inner/kept"), 0u);
     std::filesystem::remove_all(root);
+}
+
+TEST(Privileges, InADirThatIsNotKelpsOwnOnlyKelpsFilesAreHandedOver)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to give files away";
+    char pattern[] = "/tmp/kelp-handover-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::filesystem::path state = pattern;
+    std::filesystem::create_directories(state / "snmp");
+    std::filesystem::create_directories(state / "otherapp");
+    for (const auto &file : {state / "snmp/kelpagent.conf", state / "kelp.ini",
+                             state / "otherapp/key", state / "notes"}) {
+        std::ofstream(file) << "x";
+    }
+    RunAs user{"nobody", 65534, 65534};
+    std::string error;
+    ASSERT_TRUE(handOver(state, {}, user, &error)) << error;
+    EXPECT_EQ(ownerOf(state / "snmp"), 65534u);
+    EXPECT_EQ(ownerOf(state / "snmp/kelpagent.conf"), 65534u);
+    EXPECT_EQ(ownerOf(state / "kelp.ini"), 65534u);
+    EXPECT_EQ(ownerOf(state), 0u) << "a directory that holds what is not kelp's stays its owner's";
+    EXPECT_EQ(ownerOf(state / "otherapp"), 0u);
+    EXPECT_EQ(ownerOf(state / "otherapp/key"), 0u);
+    EXPECT_EQ(ownerOf(state / "notes"), 0u);
+    std::filesystem::remove_all(state);
+}
+
+TEST(StateDirEntries, OnlyKelpsOwnNamesAreKelps)
+{
+    for (const char *name : {"kelp.ini", "kelp.ini.lock", "control.sock", "debug.log", "snmp",
+                             "kelpagent.lock", ".write-check.AbC123"}) {
+        EXPECT_TRUE(isKelpStateEntry(name)) << name;
+    }
+    for (const char *name : {"notes", "otherapp", "kelp.ini~", "snmpd.conf", ".write-check"}) {
+        EXPECT_FALSE(isKelpStateEntry(name)) << name;
+    }
 }
 
 } // namespace

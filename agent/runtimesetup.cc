@@ -146,8 +146,8 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
         // A socket that answers is most often a second agent's; any other
         // failure names its own cause.
         if (std::string_view(message).starts_with("another server is listening")) {
-            *error += " (is another kelpagent using this state dir? give each agent its own "
-                      "--state-dir, or --control)";
+            *error += " (is another kelpagent answering on it? give each agent its own "
+                      "--control)";
         }
         return false;
     }

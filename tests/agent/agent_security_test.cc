@@ -596,6 +596,44 @@ TEST(AgentSecurity, TheControlSocketIs0600InAStateDirClosedToOthers)
     EXPECT_EQ(agent.stop(), 0);
 }
 
+TEST(AgentSecurity, AStateDirOpenToOthersThatHoldsOtherFilesIsRefusedAndLeftAlone)
+{
+    TempDir dir;
+    // A shared directory given as the state dir by mistake.
+    std::filesystem::create_directories(dir / "state/otherapp");
+    writeFile(dir / "state/otherapp/key", "secret\n");
+    chmod((dir / "state").c_str(), 01777);
+    SecureAgent agent(dir);
+    EXPECT_FALSE(agent.start({"--allow-root"}));
+    EXPECT_EQ(agent.process().wait(15s), 1) << agent.err();
+    EXPECT_TRUE(has(agent.err(), "the state dir " + (dir / "state") +
+                                     " is open to other users (mode 1777) and holds what is "
+                                     "not kelp's (otherapp): give kelp a directory of its own"))
+        << agent.err();
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 01777u);
+    EXPECT_FALSE(std::filesystem::exists(dir / "state/control.sock"));
+}
+
+TEST(AgentSecurity, TwoAgentsCannotShareAStateDir)
+{
+    TempDir dir;
+    SecureAgent first(dir);
+    ASSERT_TRUE(first.start({"--allow-root"})) << first.err();
+    SecureAgent second(dir);
+    EXPECT_FALSE(second.start({"--allow-root", "--control", dir / "second.sock"}));
+    EXPECT_EQ(second.process().wait(15s), 1) << second.err();
+    EXPECT_TRUE(has(second.err(), "the state dir " + (dir / "state") +
+                                      " is in use by another kelpagent (pid " +
+                                      std::to_string(first.process().pid()) + ")"))
+        << second.err();
+    EXPECT_EQ(first.stop(), 0) << first.err();
+    // Once the first has stopped, the dir is free again.
+    ASSERT_TRUE(second.start({"--allow-root"})) << second.err();
+    EXPECT_EQ(second.stop(), 0);
+}
+
 TEST(AgentSecurity, TrapsGoOutAsAnSnmpV3UserTheReceiverAuthenticates)
 {
     TempDir dir;
@@ -970,6 +1008,32 @@ TEST(AgentSecurity, StartedAsRootWithUserItRunsAsThatUserOnceBound)
     // The persistent file was written by the user at the stop.
     ASSERT_EQ(stat((dir / "state/snmp/kelpagent.conf").c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, nobody->pw_uid);
+}
+
+TEST(AgentSecurity, WithUserAStateDirTheUserCannotWriteIsRefused)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "runs as root only";
+    }
+    TempDir dir;
+    chmod(dir.path().c_str(), 0755);
+    // Root's own directory, closed to others, holding a file of root's
+    // beside kelp's: neither it nor that file is handed to the user.
+    std::filesystem::create_directories(dir / "state");
+    chmod((dir / "state").c_str(), 0700);
+    writeFile(dir / "state/notes", "root's\n");
+    writeFile(dir / "state/kelp.ini", "");
+    SecureAgent agent(dir);
+    EXPECT_FALSE(agent.start({"--user", "nobody"}));
+    EXPECT_EQ(agent.process().wait(15s), 1) << agent.err();
+    EXPECT_TRUE(
+        has(agent.err(), "the state dir " + (dir / "state") + " cannot be written by user nobody"))
+        << agent.err();
+    struct stat st {};
+    ASSERT_EQ(stat((dir / "state").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    ASSERT_EQ(stat((dir / "state/notes").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
 }
 
 } // namespace
