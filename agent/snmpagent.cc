@@ -325,13 +325,22 @@ std::string spaceLeftText(const std::string &dir)
     return "written incomplete";
 }
 
-// The addresses of net-snmp's open sessions' sockets, as bound (a port 0 or
-// a name resolved), in the order net-snmp opened them.
+// Whether the session answers requests on an address of its own: one the
+// agent library opened to listen (its callback handles requests), not a
+// client session (an SNMPv3 inform sink's socket).
+bool listening(const session_list *slp)
+{
+    return slp->transport != nullptr && slp->transport->sock >= 0 && slp->session != nullptr &&
+           slp->session->callback == handle_snmp_packet;
+}
+
+// The addresses of net-snmp's listening sessions' sockets, as bound (a port
+// 0 or a name resolved), in the order net-snmp opened them.
 std::vector<std::string> sessionAddresses()
 {
     std::vector<std::string> addresses;
     for (const session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
-        if (slp->transport == nullptr) {
+        if (!listening(slp)) {
             continue;
         }
         std::string text = boundSocketText(slp->transport->sock);
@@ -350,7 +359,7 @@ std::vector<std::string> sessionAddresses()
 bool listensBeyondLoopback()
 {
     for (const session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
-        if (slp->transport == nullptr || slp->transport->sock < 0) {
+        if (!listening(slp)) {
             continue;
         }
         sockaddr_storage address{};

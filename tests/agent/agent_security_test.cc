@@ -789,6 +789,12 @@ TEST(AgentSecurity, InformsGoOutAsAnSnmpV3UserTheReceiverAcknowledges)
         EXPECT_FALSE(has(agent.err(), "given up")) << agent.err();
         EXPECT_FALSE(has(agent.err(), "discovery")) << agent.err();
         EXPECT_TRUE(has(agent.err(), "trap coldStart sent to " + sink)) << agent.err();
+        // The inform sink's own socket is not an address the agent answers
+        // on, nor one beyond loopback.
+        EXPECT_TRUE(has(agent.err(), "answering on udp:127.0.0.1:" + std::to_string(agent.port()) +
+                                         ", community"))
+            << agent.err();
+        EXPECT_FALSE(has(agent.err(), "beyond loopback")) << agent.err();
         // The agent still answers its own user: the user localized to the
         // receiver's engine did not replace the agent's own.
         int status = -1;
