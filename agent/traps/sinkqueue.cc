@@ -40,6 +40,22 @@ std::string dropLine(const std::string &sink, const DropReport &report, SinkLimi
     return line;
 }
 
+std::string lostAtStopLine(const std::string &sink, size_t waiting, size_t underWay, bool informs)
+{
+    if (waiting == 0 && underWay == 0) {
+        return "";
+    }
+    std::string line = "trap sink " + sink + " at the stop:";
+    if (waiting > 0) {
+        line += " " + plural(waiting, informs ? "inform" : "trap") + " still waiting dropped";
+    }
+    if (underWay > 0) {
+        line += std::string(waiting > 0 ? "," : "") + " " + plural(underWay, "inform") +
+                " sent and not acknowledged";
+    }
+    return line;
+}
+
 SinkQueue::SinkQueue(SinkLimits limits) : limits_(limits) {}
 
 bool SinkQueue::push(SinkMessage message)
@@ -159,6 +175,14 @@ std::optional<DropReport> SinkQueue::takeDropReport(SinkClock::time_point now)
         return std::nullopt;
     }
     lastReport_ = now;
+    return std::exchange(pending_, DropReport{});
+}
+
+std::optional<DropReport> SinkQueue::takePendingDrops()
+{
+    if (!nextDropReport()) {
+        return std::nullopt;
+    }
     return std::exchange(pending_, DropReport{});
 }
 

@@ -54,6 +54,11 @@ struct DropReport {
 // The log line for `report` of the sink named `sink`.
 std::string dropLine(const std::string &sink, const DropReport &report, SinkLimits limits);
 
+// The log line for what a sink loses when it closes at a stop: `waiting`
+// messages still queued (informs when `informs`) and `underWay` informs sent
+// and not acknowledged; "" when it loses nothing.
+std::string lostAtStopLine(const std::string &sink, size_t waiting, size_t underWay, bool informs);
+
 // What sending one datagram came to.
 enum class DatagramSend { kSent, kBlocked, kRefused };
 
@@ -111,6 +116,10 @@ class SinkQueue {
     // first drop, then at most once per kDropReportInterval, each report
     // counting the drops since the one before. nullopt when none is due.
     std::optional<DropReport> takeDropReport(SinkClock::time_point now);
+
+    // The drops not reported yet, whenever their report would be due (for
+    // the last report, as the sink closes); nullopt with none.
+    std::optional<DropReport> takePendingDrops();
 
     // When takeDropReport will have drops to report; nullopt with none
     // pending.

@@ -268,6 +268,35 @@ TEST(SinkQueue, DropsAreReportedAtOnceThenAtMostOnceAMinuteWithTheCountSinceTheL
     EXPECT_EQ(queue.droppedTotal(), 7u);
 }
 
+TEST(SinkQueue, TheLostAtStopLineCountsWhatWaitedAndWhatWasUnderWay)
+{
+    EXPECT_EQ(lostAtStopLine("tcp:192.0.2.1:162", 0, 0, false), "");
+    EXPECT_EQ(lostAtStopLine("tcp:192.0.2.1:162", 4, 0, false),
+              "trap sink tcp:192.0.2.1:162 at the stop: 4 traps still waiting dropped");
+    EXPECT_EQ(lostAtStopLine("inform:udp:192.0.2.1:162", 1, 2, true),
+              "trap sink inform:udp:192.0.2.1:162 at the stop: 1 inform still waiting dropped, "
+              "2 informs sent and not acknowledged");
+    EXPECT_EQ(lostAtStopLine("x", 0, 1, true),
+              "trap sink x at the stop: 1 inform sent and not acknowledged");
+}
+
+TEST(SinkQueue, PendingDropsAreTakenWhetherOrNotTheirReportIsDue)
+{
+    SinkQueue queue(SinkLimits{1, 1000});
+    EXPECT_FALSE(queue.takePendingDrops().has_value());
+    ASSERT_TRUE(queue.push(std::make_shared<const std::string>("a")));
+    EXPECT_FALSE(queue.push(std::make_shared<const std::string>("b")));
+    const SinkClock::time_point start{std::chrono::hours(1)};
+    ASSERT_TRUE(queue.takeDropReport(start).has_value()); // the first, at once
+    EXPECT_FALSE(queue.push(std::make_shared<const std::string>("c")));
+    EXPECT_FALSE(queue.takeDropReport(start + std::chrono::seconds(1)).has_value())
+        << "the next report is a minute away";
+    const std::optional<DropReport> last = queue.takePendingDrops();
+    ASSERT_TRUE(last.has_value());
+    EXPECT_EQ(last->full, 1u);
+    EXPECT_FALSE(queue.takePendingDrops().has_value());
+}
+
 TEST(SinkQueue, TheDropLineNamesTheSinkTheCountsAndTheReasons)
 {
     const SinkLimits limits{1000, 1048576};

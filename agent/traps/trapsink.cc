@@ -67,6 +67,7 @@ bool TrapSink::open(SinkClock::time_point now, std::string *error)
 bool TrapSink::send(SinkMessage message, SinkClock::time_point now)
 {
     const bool wasEmpty = queue_.empty();
+    const uint64_t droppedBefore = queue_.droppedTotal();
     if (!queue_.push(std::move(message))) {
         reportDrops(now);
         update();
@@ -76,7 +77,9 @@ bool TrapSink::send(SinkMessage message, SinkClock::time_point now)
     if (wasEmpty) {
         flush(now);
     }
-    return true;
+    // Alone in the queue, the message was the one the flush could drop: a
+    // datagram the system refused at once is not sent.
+    return queue_.droppedTotal() == droppedBefore;
 }
 
 void TrapSink::onReadable(SinkClock::time_point now)
@@ -199,6 +202,19 @@ void TrapSink::close()
             address_.inform ? 0 : address_.length);
     }
     closeSocket();
+    if (state_ != State::kClosed) {
+        // What the sink loses now, and its drops not yet reported, are said
+        // before it goes.
+        if (const std::optional<DropReport> report = queue_.takePendingDrops()) {
+            logAt(LogLevel::kWarning, "%s",
+                  dropLine(address_.name, *report, queue_.limits()).c_str());
+        }
+        if (const std::string lost =
+                lostAtStopLine(address_.name, queue_.messages(), window_.size(), address_.inform);
+            !lost.empty()) {
+            logAt(LogLevel::kWarning, "%s", lost.c_str());
+        }
+    }
     state_ = State::kClosed;
     if (wake_) {
         wake_.reset();

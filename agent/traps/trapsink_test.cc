@@ -156,6 +156,18 @@ TEST(OneTrapSink, AUdpSinkSendsEachMessageAsADatagramAtOnce)
     close(receiver);
 }
 
+TEST(OneTrapSink, ADatagramTheSystemRefusesAtOnceIsNotSent)
+{
+    FakeLoop loop;
+    // Port 0: sendto answers EINVAL.
+    TrapSink sink(addressOf(0, false), &loop);
+    std::string error;
+    ASSERT_TRUE(sink.open(kStart, &error)) << error;
+    EXPECT_FALSE(sink.send(message("refused"), kStart));
+    EXPECT_TRUE(sink.queue().empty());
+    EXPECT_EQ(sink.queue().droppedTotal(), 1u);
+}
+
 TEST(OneTrapSink, ATcpSinkConnectsWithoutBlockingAndSendsWhatWaitedInOrder)
 {
     const int server = listener(0);

@@ -75,6 +75,13 @@ V3InformSink::V3InformSink(std::string name, InformPolicy policy, SinkLimits lim
 
 V3InformSink::~V3InformSink()
 {
+    if (pending_.full + pending_.refused + pending_.unacknowledged > 0) {
+        logAt(LogLevel::kWarning, "%s", dropLine(name_, pending_, limits_).c_str());
+    }
+    if (const std::string lost = lostAtStopLine(name_, queue_.size(), flying_.size(), true);
+        !lost.empty()) {
+        logAt(LogLevel::kWarning, "%s", lost.c_str());
+    }
     if (session_ != nullptr) {
         // snmp_close calls back every request under way as timed out.
         closing_ = true;

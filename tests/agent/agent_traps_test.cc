@@ -272,6 +272,26 @@ TEST_F(AgentTraps, AtAStopEveryEventIsATrapReceivedOrCountedAsDropped)
     EXPECT_EQ(countOf(log, " sent to " + live.sink()), received + 1) << log;
 }
 
+TEST_F(AgentTraps, TrapsASinkStillHeldAtTheStopAreCountedAndARefusedOneIsNotSent)
+{
+    // Nobody listens on the TCP sink: its traps wait for a connection.
+    // The system refuses every datagram to port 0 at once.
+    const std::string down = "tcp:127.0.0.1:" + std::to_string(freeUdpPort());
+    start({"--trap-sink", down, "--trap-sink", "udp:127.0.0.1:0"});
+    for (int i = 0; i < 3; i++) {
+        failDisk();
+    }
+    ASSERT_TRUE(waitFor([&] { return countOf(agentLog(), "(event 2048") == 3; }, 10s))
+        << agentLog();
+    EXPECT_EQ(agent.stop(), 0) << agentLog();
+    const std::string log = agentLog();
+    EXPECT_EQ(countOf(log, "trap sink " + down + " at the stop: 4 traps still waiting dropped"), 1u)
+        << log;
+    // Every trap went to the TCP sink's queue alone.
+    EXPECT_EQ(countOf(log, " sent to " + down + "\n"), 4u) << log;
+    EXPECT_EQ(countOf(log, "udp:127.0.0.1:0\n"), 0u) << log;
+}
+
 TEST_F(AgentTraps, AnInformWhoseCommunityTheReceiverRefusesIsRetried)
 {
     Trapd strict(dir, "strict", "alarms");
