@@ -279,6 +279,10 @@ int run(const Options &options, const RunAs &runAs)
 } // namespace
 } // namespace kelp::agent
 
+// The agent serves the control socket on a path of its own: the runtime
+// leaves KELP_CONTROL, set by users for kelpctl, alone.
+extern "C" const int kelpRuntimeHostServesControl = 1;
+
 int main(int argc, char **argv)
 {
     using namespace kelp::agent;

@@ -38,6 +38,8 @@ struct StopAtExit {
 // failure must not fail the load of the library, so it is only reported.
 __attribute__((constructor)) void controlAttach()
 {
+    if (&kelpRuntimeHostServesControl != nullptr)
+        return;
     std::string path = rt::envValue("KELP_CONTROL");
     if (path.empty())
         return;

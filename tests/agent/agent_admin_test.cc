@@ -300,6 +300,24 @@ TEST(AgentAdmin, ASecondAgentOnTheSameStateDirNamesTheWayOut)
     EXPECT_TRUE(agent.process()->running());
 }
 
+TEST(AgentAdmin, KelpControlSetForKelpctlIsLeftAloneByTheAgent)
+{
+    // A user who exported KELP_CONTROL for kelpctl, naming a running
+    // agent's socket, then runs another kelpagent.
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    std::vector<std::string> env = agentEnv();
+    env.push_back("KELP_CONTROL=" + agent.stateDir() + "/control.sock");
+    const RunResult version = run({kelpagentPath(), "--version"}, env, agent.dir(), 20s);
+    EXPECT_EQ(version.status, 0) << version.err;
+    EXPECT_EQ(version.err, "");
+    const RunResult help = run({kelpagentPath(), "--help"}, env, agent.dir(), 20s);
+    EXPECT_EQ(help.err.find("KELP_CONTROL"), std::string::npos) << help.err;
+    // The running agent still answers on its socket.
+    EXPECT_EQ(agent.kelpctl({"status"}).status, 0);
+}
+
 TEST(AgentAdmin, KelpctlSaysOkOnSuccess)
 {
     AgentUnderTest agent;

@@ -159,6 +159,12 @@ int kelpRuntimeServedModelPath(char *path, unsigned size);
  * with KELP_CONTROL set starts it on that path by itself. At most one socket
  * is served; starting another stops the first. */
 int kelpRuntimeStartControl(const char *path, char *error, unsigned errorSize);
+
+/* A host that serves the control socket on a path of its own defines this
+ * object (any value): the runtime then leaves KELP_CONTROL, which such a
+ * host's users may have set for kelpctl, alone when it loads, instead of
+ * listening there before the host's main runs. */
+extern const int kelpRuntimeHostServesControl __attribute__((weak));
 void kelpRuntimeStopControl(void);
 
 /* Queues the events a storage service raises when its configuration changes,
