@@ -101,7 +101,8 @@ std::string defaultSocket()
 {
     if (std::string control = envValue("KELP_CONTROL"); !control.empty())
         return control;
-    if (std::string state = envValue("XDG_STATE_HOME"); !state.empty())
+    // As the agent does: the XDG rules ignore a relative value.
+    if (std::string state = envValue("XDG_STATE_HOME"); state.starts_with('/'))
         return state + "/kelp/control.sock";
     std::string home = envValue("HOME");
     if (home.empty()) {
@@ -113,20 +114,27 @@ std::string defaultSocket()
 
 // The server runs in its own directory; a relative file for `load` or
 // `save` is meant from here. The file is the word that is not an option
-// ("--..."); the server checks the rest.
-void absolutizeFileOperand(std::vector<std::string> *words)
+// ("--..."); the server checks the rest. False, with the reason in *error,
+// when this directory cannot be named (it was removed): the server would
+// take the file from its own.
+bool absolutizeFileOperand(std::vector<std::string> *words, std::string *error)
 {
     if (words->empty() || ((*words)[0] != "load" && (*words)[0] != "save"))
-        return;
+        return true;
     for (size_t k = 1; k < words->size(); ++k) {
         std::string &word = (*words)[k];
         if (word.empty() || word[0] == '/' || word.starts_with("--"))
             continue;
-        if (char *cwd = getcwd(nullptr, 0)) {
-            word = std::string(cwd) + "/" + word;
-            std::free(cwd);
+        char *cwd = getcwd(nullptr, 0);
+        if (cwd == nullptr) {
+            *error = "cannot tell where " + word + " is: the current directory cannot be named (" +
+                     std::strerror(errno) + "); give the file's full path";
+            return false;
         }
+        word = std::string(cwd) + "/" + word;
+        std::free(cwd);
     }
+    return true;
 }
 
 int connectTo(const std::string &path)
@@ -279,7 +287,10 @@ int main(int argc, char **argv)
             return usageError("--no-events goes with load, add and remove only");
         words.push_back("--no-events");
     }
-    absolutizeFileOperand(&words);
+    if (std::string error; !absolutizeFileOperand(&words, &error)) {
+        std::fprintf(stderr, "kelpctl: %s\n", error.c_str());
+        return kExitCommandError;
+    }
     std::string line;
     for (const std::string &word : words) {
         if (!line.empty())
@@ -320,7 +331,11 @@ int main(int argc, char **argv)
     }
     if (status.starts_with("error: ")) {
         std::fprintf(stderr, "%s\n", status.c_str());
-        return kExitCommandError;
+        // A command the server does not know, or whose arguments it cannot
+        // read, is a usage error as much as one found here.
+        return status.starts_with("error: usage: ") || status.starts_with("error: unknown command ")
+                   ? kExitUsage
+                   : kExitCommandError;
     }
     std::fprintf(stderr, "kelpctl: unexpected answer from the control socket %s: %s\n",
                  socketPath.c_str(), status.c_str());

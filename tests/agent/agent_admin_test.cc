@@ -328,5 +328,53 @@ TEST(AgentAdmin, KelpctlSaysOkOnSuccess)
     EXPECT_EQ(set.out, "ok\n");
 }
 
+TEST(AgentAdmin, KelpctlUsageErrorsTheAgentFindsAreStatusTwo)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const std::vector<std::vector<std::string>> usage = {
+        {"set", "1"}, {"ready", "maybe"}, {"status", "extra"}, {"bogus"}};
+    for (const std::vector<std::string> &words : usage) {
+        const RunResult result = kelpctl(agent, words);
+        EXPECT_EQ(result.status, 2) << words[0] << ": " << result.err;
+        EXPECT_TRUE(result.err.starts_with("error: usage: ") ||
+                    result.err.starts_with("error: unknown command "))
+            << result.err;
+    }
+    // A command the agent could not carry out stays status 1.
+    const RunResult missing = kelpctl(agent, {"remove", "99999"});
+    EXPECT_EQ(missing.status, 1) << missing.err;
+}
+
+TEST(AgentAdmin, KelpctlRefusesARelativeFileFromADirectoryThatIsGone)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const std::string gone = agent.dir() / "gone";
+    const RunResult save = run({"sh", "-c",
+                                "mkdir '" + gone + "' && cd '" + gone + "' && rmdir '" + gone +
+                                    "' && exec '" + kelpctlPath() + "' --control '" +
+                                    agent.stateDir() + "/control.sock' save rel.xml"},
+                               {}, agent.dir());
+    EXPECT_EQ(save.status, 1) << save.err;
+    EXPECT_NE(save.err.find("the current directory cannot be named"), std::string::npos)
+        << save.err;
+}
+
+TEST(AgentAdmin, KelpctlIgnoresARelativeXdgStateHomeAsTheAgentDoes)
+{
+    TempDir dir;
+    const RunResult status =
+        run({kelpctlPath(), "status"},
+            {"KELP_CONTROL=", "XDG_STATE_HOME=relative", "HOME=" + dir.path()}, dir);
+    EXPECT_EQ(status.status, 2) << status.err;
+    EXPECT_NE(status.err.find("cannot reach the control socket " + dir.path() +
+                              "/.local/state/kelp/control.sock"),
+              std::string::npos)
+        << status.err;
+}
+
 } // namespace
 } // namespace kelp::test
