@@ -315,6 +315,40 @@ PersistentState persistentStateOf(const std::string &path)
     return complete ? PersistentState::kComplete : PersistentState::kIncomplete;
 }
 
+// What is wrong with the engine's ID in net-snmp's persistent file, for a
+// warning at start: "" when the file is missing (a first start) or holds an
+// ID as net-snmp writes it (0x and 5 to 32 octets in hex).
+std::string engineIdProblem(const std::string &path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return "";
+    }
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while (text.size() < (1u << 20) && (n = read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    constexpr std::string_view kKey = "oldEngineID ";
+    size_t at = text.starts_with(kKey) ? 0 : text.find("\n" + std::string(kKey));
+    if (at == std::string::npos) {
+        return "holds no engine ID: this start makes a new one and counts boots from 1";
+    }
+    at += at == 0 ? kKey.size() : kKey.size() + 1;
+    const size_t end = text.find('\n', at);
+    const std::string value = text.substr(at, end == std::string::npos ? end : end - at);
+    const bool hex = value.size() >= 12 && value.size() <= 66 && value.size() % 2 == 0 &&
+                     value.starts_with("0x") &&
+                     value.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
+    if (!hex) {
+        return "holds an engine ID net-snmp did not write (" + value.substr(0, 80) +
+               "): it is used as it stands";
+    }
+    return "";
+}
+
 // Why a file in `dir` may have been written short, for the log.
 std::string spaceLeftText(const std::string &dir)
 {
@@ -446,6 +480,12 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR,
                           settings.persistentDir.c_str());
     g_persistentFile = settings.persistentDir + "/" + kAppName + ".conf";
+    if (const std::string problem = engineIdProblem(g_persistentFile); !problem.empty()) {
+        logAt(LogLevel::kWarning,
+              "the SNMP engine state %s %s; SNMPv3 receivers that know this agent by its engine "
+              "ID (snmptrapd's createUser -e) must be given the one it now has",
+              g_persistentFile.c_str(), problem.c_str());
+    }
     snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_PRE_PREMIB_READ_CONFIG,
                            readPersistentFile, nullptr);
     snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_PRE_READ_CONFIG, readPersistentFile,

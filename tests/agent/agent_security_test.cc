@@ -239,6 +239,35 @@ TEST(AgentSecurity, EngineBootsCountEveryStartWithTheSameEngineId)
     EXPECT_EQ(agent.stop(), 0);
 }
 
+TEST(AgentSecurity, ALostOrDamagedEngineIdIsWarnedAboutAtStart)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_FALSE(has(agent.err(), "the SNMP engine state")) << agent.err();
+    const std::string file = dir / "state/snmp/kelpagent.conf";
+    // Kept over a restart: no word.
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_FALSE(has(agent.err(), "the SNMP engine state")) << agent.err();
+    // Emptied (a crash while net-snmp rewrote it).
+    writeFile(file, "");
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_TRUE(has(agent.err(), "the SNMP engine state " + file +
+                                     " holds no engine ID: this start makes a new one and "
+                                     "counts boots from 1"))
+        << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+    // Edited by hand.
+    writeFile(file, "engineBoots 4\noldEngineID garbage!!\n");
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_TRUE(has(agent.err(), "the SNMP engine state " + file +
+                                     " holds an engine ID net-snmp did not write (garbage!!)"))
+        << agent.err();
+    EXPECT_EQ(agent.stop(), 0);
+}
+
 // A UDP socket on a free loopback port (0 when none could be had).
 int loopbackSocket(int *port)
 {
