@@ -146,8 +146,9 @@ TEST_F(KelpctlTest, ErrorAnswerGoesToStderrAndExits1)
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.out, "");
     EXPECT_TRUE(run.err.starts_with("error: ")) << run.err;
+    // A command the server does not know is a usage error.
     run = ctl({"frobnicate"});
-    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.exitCode, 2);
     EXPECT_EQ(run.err, "error: unknown command \"frobnicate\" (\"help\" lists the commands)\n");
     run = ctl({"event", "1", "--parm", std::string(70000, 'x')});
     EXPECT_EQ(run.exitCode, 1);
