@@ -25,6 +25,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -294,13 +295,13 @@ int readPersistentFile(int, int minor, void *, void *)
 
 enum class PersistentState { kMissing, kIncomplete, kComplete };
 
-// Whether net-snmp's persistent file holds the engine's ID and boot count
-// on whole lines: what a later start needs to stay the same engine.
-PersistentState persistentStateOf(const std::string &path)
+// The first MiB of net-snmp's persistent file; nullopt when it cannot be
+// opened (a first start has none).
+std::optional<std::string> persistentText(const std::string &path)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        return PersistentState::kMissing;
+        return std::nullopt;
     }
     std::string text;
     char buffer[4096];
@@ -309,6 +310,18 @@ PersistentState persistentStateOf(const std::string &path)
         text.append(buffer, static_cast<size_t>(n));
     }
     close(fd);
+    return text;
+}
+
+// Whether net-snmp's persistent file holds the engine's ID and boot count
+// on whole lines: what a later start needs to stay the same engine.
+PersistentState persistentStateOf(const std::string &path)
+{
+    const std::optional<std::string> read = persistentText(path);
+    if (!read) {
+        return PersistentState::kMissing;
+    }
+    const std::string &text = *read;
     const bool complete = !text.empty() && text.back() == '\n' &&
                           text.find("\nengineBoots ") != std::string::npos &&
                           text.find("\noldEngineID ") != std::string::npos;
@@ -320,17 +333,11 @@ PersistentState persistentStateOf(const std::string &path)
 // ID as net-snmp writes it (0x and 5 to 32 octets in hex).
 std::string engineIdProblem(const std::string &path)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const std::optional<std::string> read = persistentText(path);
+    if (!read) {
         return "";
     }
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while (text.size() < (1u << 20) && (n = read(fd, buffer, sizeof buffer)) > 0) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    close(fd);
+    const std::string &text = *read;
     constexpr std::string_view kKey = "oldEngineID ";
     size_t at = text.starts_with(kKey) ? 0 : text.find("\n" + std::string(kKey));
     if (at == std::string::npos) {
