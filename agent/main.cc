@@ -344,14 +344,13 @@ int main(int argc, char **argv)
     if (!completeOptions(places, &options, &error) || !makeStateDir(options.stateDir, &error)) {
         return fail(error);
     }
-    if (const std::string refusal = sharedStateDirRefusal(options.stateDir); !refusal.empty()) {
-        return fail(refusal);
-    }
     if (!checkStateDirWritable(options.stateDir, &error) ||
         !lockStateDir(options.stateDir, &error)) {
         return fail(error);
     }
-    if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {
+    if (const std::string shared = sharedStateDirWarning(options.stateDir); !shared.empty()) {
+        logAt(LogLevel::kWarning, "%s", shared.c_str());
+    } else if (const unsigned was = tightenStateDir(options.stateDir); was != 0) {
         logAt(LogLevel::kWarning, "the state dir %s was mode %04o, open to other users: now 0700",
               options.stateDir.c_str(), was);
     }

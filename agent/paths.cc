@@ -160,7 +160,7 @@ std::string foreignStateEntry(const std::string &dir)
     return foreign;
 }
 
-std::string sharedStateDirRefusal(const std::string &dir)
+std::string sharedStateDirWarning(const std::string &dir)
 {
     struct stat st {};
     if (stat(dir.c_str(), &st) != 0 || (st.st_mode & 077) == 0) {
@@ -173,7 +173,9 @@ std::string sharedStateDirRefusal(const std::string &dir)
     char mode[8];
     std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
     return "the state dir " + dir + " is open to other users (mode " + mode +
-           ") and holds what is not kelp's (" + foreign + "): give kelp a directory of its own";
+           ") and holds what is not kelp's (" + foreign +
+           "): left as it is, so others may read kelp's files there (its engine state and "
+           "control socket stay private); give kelp a directory of its own";
 }
 
 bool lockStateDir(const std::string &dir, std::string *error)

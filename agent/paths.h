@@ -52,11 +52,12 @@ bool isKelpStateEntry(std::string_view name);
 // no particular order; "" when there is none or `dir` cannot be read.
 std::string foreignStateEntry(const std::string &dir);
 
-// Why `dir` cannot be the state dir, or "": a directory others may enter
-// or read that holds what is not the agent's is a shared one (/tmp, /var/lib
-// given by mistake), which the agent neither closes to others nor fills
-// with its engine state and control socket.
-std::string sharedStateDirRefusal(const std::string &dir);
+// A warning when `dir` is a shared directory, or "": one others may enter
+// or read that holds what is not the agent's (/tmp, /var/lib, or a work
+// directory that also holds the model). The agent does not close such a
+// directory to others (tightenStateDir); its engine state (the snmp dir,
+// 0700) and control socket (0600) stay private in it.
+std::string sharedStateDirWarning(const std::string &dir);
 
 // Takes the state dir for this process: an exclusive lock on its
 // kelpagent.lock, which holds the process's pid and stays locked until the
