@@ -157,7 +157,7 @@ int run(const Options &options, const RunAs &runAs)
     settings.trapV3User = options.trapV3User;
     settings.informTimeout = options.informTimeout;
     settings.informRetries = options.informRetries;
-    settings.persistentDir = options.stateDir + "/snmp";
+    settings.persistentDir = options.stateDir + "/" + std::string(kStateSnmpDir);
     settings.identity = identityOf(options);
     SnmpAgent snmp;
     const bool initialised = snmp.init(settings, &error);

@@ -465,10 +465,10 @@ bool completeOptions(const DefaultPlaces &places, Options *options, std::string 
         options->stateDir = places.stateDir;
     }
     if (options->ini.empty()) {
-        options->ini = options->stateDir + "/kelp.ini";
+        options->ini = options->stateDir + "/" + std::string(kStateIni);
     }
     if (options->control.empty()) {
-        options->control = options->stateDir + "/control.sock";
+        options->control = options->stateDir + "/" + std::string(kStateControl);
     }
     if (options->module.empty()) {
         options->module = places.module;

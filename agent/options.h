@@ -12,6 +12,15 @@
 
 namespace kelp::agent {
 
+// What the agent makes in its state dir (paths.h isKelpStateEntry): the ini
+// file (and the ini store's "<file>.lock" beside it), the control socket,
+// the debug file, net-snmp's persistent dir and the dir's lock.
+inline constexpr std::string_view kStateIni = "kelp.ini";
+inline constexpr std::string_view kStateControl = "control.sock";
+inline constexpr std::string_view kStateDebugLog = "debug.log";
+inline constexpr std::string_view kStateSnmpDir = "snmp";
+inline constexpr std::string_view kStateLock = "kelpagent.lock";
+
 inline constexpr const char *kDefaultListen = "udp:127.0.0.1:1161";
 inline constexpr const char *kDefaultCommunity = "public";
 inline constexpr const char *kDefaultSysContact = "root@localhost";

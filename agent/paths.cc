@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "mibpath.h"
 
@@ -130,12 +131,16 @@ bool checkStateDirWritable(const std::string &dir, std::string *error, const std
 
 bool isKelpStateEntry(std::string_view name)
 {
-    static constexpr std::string_view kOwn[] = {"kelp.ini",  "kelp.ini.lock", "control.sock",
-                                                "debug.log", "snmp",          "kelpagent.lock"};
-    for (const std::string_view own : kOwn) {
+    for (const std::string_view own :
+         {kStateIni, kStateControl, kStateDebugLog, kStateSnmpDir, kStateLock}) {
         if (name == own) {
             return true;
         }
+    }
+    // The ini store locks its file through "<file>.lock".
+    if (name.size() == kStateIni.size() + 5 && name.starts_with(kStateIni) &&
+        name.ends_with(".lock")) {
+        return true;
     }
     // checkStateDirWritable's file, left behind only by a crash.
     constexpr std::string_view kWriteCheck = ".write-check.";
@@ -180,7 +185,7 @@ std::string sharedStateDirWarning(const std::string &dir)
 
 bool lockStateDir(const std::string &dir, std::string *error)
 {
-    const std::string path = dir + "/kelpagent.lock";
+    const std::string path = dir + "/" + std::string(kStateLock);
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         *error = "cannot lock the state dir: " + path + ": " + std::strerror(errno);

@@ -106,7 +106,7 @@ bool RuntimeSetup::apply(const Options &options, std::string *error)
     }
     // Always the state dir, so that debug lines switched on in the ini file
     // land there too rather than in the module's DebugPath.
-    debugFile_ = options.stateDir + "/debug.log";
+    debugFile_ = options.stateDir + "/" + std::string(kStateDebugLog);
     const std::string &debugFile = debugFile_;
     kelpRuntimeSetDebugFile(debugFile.c_str());
     if (options.debug) {

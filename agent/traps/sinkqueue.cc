@@ -188,7 +188,7 @@ std::optional<DropReport> SinkQueue::takePendingDrops()
 
 std::optional<SinkClock::time_point> SinkQueue::nextDropReport() const
 {
-    if (pending_.full == 0 && pending_.refused == 0 && pending_.unacknowledged == 0) {
+    if (!pending_.any()) {
         return std::nullopt;
     }
     // The first drop is reported at once.

@@ -49,6 +49,9 @@ struct DropReport {
     int lastRefusalError = 0;    // errno of the last refusal
     uint64_t unacknowledged = 0; // informs given up after their last retry
     int informSends = 0;         // how often each of those was sent
+
+    // Whether anything was dropped.
+    bool any() const { return full + refused + unacknowledged > 0; }
 };
 
 // The log line for `report` of the sink named `sink`.

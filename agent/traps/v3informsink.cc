@@ -75,7 +75,7 @@ V3InformSink::V3InformSink(std::string name, InformPolicy policy, SinkLimits lim
 
 V3InformSink::~V3InformSink()
 {
-    if (pending_.full + pending_.refused + pending_.unacknowledged > 0) {
+    if (pending_.any()) {
         logAt(LogLevel::kWarning, "%s", dropLine(name_, pending_, limits_).c_str());
     }
     if (const std::string lost = lostAtStopLine(name_, queue_.size(), flying_.size(), true);
@@ -514,7 +514,7 @@ bool V3InformSink::sendCopy(const snmp_pdu &pdu, long *messageId)
 
 void V3InformSink::reportDrops()
 {
-    if (pending_.full + pending_.refused + pending_.unacknowledged == 0) {
+    if (!pending_.any()) {
         return;
     }
     const SinkClock::time_point now = SinkClock::now();
