@@ -164,7 +164,7 @@ bool V3InformSink::send(const snmp_pdu &pdu)
         reportDrops();
         return false;
     }
-    queue_.push_back(std::move(copy));
+    queue_.push_back(Waiting{std::move(copy), probeSends_});
     sendWaiting();
     return true;
 }
@@ -226,7 +226,6 @@ bool V3InformSink::received(int requestId, const snmp_pdu &pdu)
             return false;
         }
         probe_.reset();
-        probeSends_ = 0;
         if (!localizeUser()) {
             logAt(LogLevel::kWarning,
                   "trap sink %s: net-snmp cannot localize the SNMPv3 user's keys to the "
@@ -292,19 +291,26 @@ void V3InformSink::timedOut(int requestId)
     }
     if (probe_ && *probe_ == requestId) {
         probe_.reset();
-        if (probeSends_ <= policy_.retries) {
-            startDiscovery();
-            return;
+        // An inform waiting for the engine ID is given up, as an inform is
+        // after its last retry, once as many probes as an inform's sends
+        // went unanswered after it was queued; one queued later waits for
+        // probes of its own.
+        const unsigned long sends = static_cast<unsigned long>(std::max(policy_.retries, 0)) + 1;
+        size_t givenUp = 0;
+        while (!queue_.empty() && probeSends_ - queue_.front().probesBefore >= sends) {
+            queue_.pop_front();
+            givenUp++;
         }
-        // The informs waiting for the engine ID are given up as an inform
-        // is after its last retry; the next inform tries again.
-        logAt(LogLevel::kWarning,
-              "trap sink %s: the receiver did not answer SNMPv3 engine ID discovery after %d "
-              "sends %g s apart; %zu inform%s given up",
-              name_.c_str(), probeSends_, timeout, queue_.size(), queue_.size() == 1 ? "" : "s");
-        queue_.clear();
-        probeSends_ = 0;
-        reportDrops();
+        if (givenUp > 0) {
+            logAt(LogLevel::kWarning,
+                  "trap sink %s: the receiver did not answer SNMPv3 engine ID discovery after "
+                  "%lu sends %g s apart; %zu inform%s given up",
+                  name_.c_str(), sends, timeout, givenUp, givenUp == 1 ? "" : "s");
+            reportDrops();
+        }
+        if (!queue_.empty()) {
+            startDiscovery();
+        }
         return;
     }
     const auto found = flying_.find(requestId);
@@ -407,7 +413,6 @@ void V3InformSink::startDiscovery()
           name_.c_str(), snmp_api_errstring(session_->s_snmp_errno), queue_.size(),
           queue_.size() == 1 ? "" : "s");
     queue_.clear();
-    probeSends_ = 0;
 }
 
 void V3InformSink::recheckEngine()
@@ -467,7 +472,7 @@ void V3InformSink::sendWaiting()
         return;
     }
     while (flying_.size() < policy_.window && !queue_.empty()) {
-        const int requestId = static_cast<int>(queue_.front()->reqid);
+        const int requestId = static_cast<int>(queue_.front().pdu->reqid);
         if (flying_.count(requestId) != 0) {
             queue_.pop_front();
             continue;
@@ -475,7 +480,7 @@ void V3InformSink::sendWaiting()
         // Its place first: without memory for it the inform stays queued,
         // and none goes out untracked.
         Flying &flying = flying_[requestId];
-        PduPtr pdu = std::move(queue_.front());
+        PduPtr pdu = std::move(queue_.front().pdu);
         queue_.pop_front();
         if (!sendCopy(*pdu, &flying.messageId)) {
             flying_.erase(requestId);

@@ -82,6 +82,12 @@ class V3InformSink {
         void operator()(snmp_pdu *pdu) const;
     };
     using PduPtr = std::unique_ptr<snmp_pdu, PduFree>;
+    struct Waiting {
+        PduPtr pdu;
+        // Discovery probes sent before it was queued: it waits for as many
+        // after it as an inform is sent, and is then given up.
+        unsigned long probesBefore = 0;
+    };
     struct Flying {
         PduPtr pdu;
         int sends = 0;
@@ -122,11 +128,11 @@ class V3InformSink {
     InformPolicy policy_;
     SinkLimits limits_;
     snmp_session *session_ = nullptr; // net-snmp's copy, on its session list
-    std::deque<PduPtr> queue_;
+    std::deque<Waiting> queue_;
     std::map<int, Flying> flying_; // by request-id
-    // The discovery request under way and how often it was sent.
+    // The discovery request under way, and how many were sent in all.
     std::optional<int> probe_;
-    int probeSends_ = 0;
+    unsigned long probeSends_ = 0;
     bool recheck_ = false; // the probe under way rechecks a known engine ID
     DropReport pending_;
     std::optional<SinkClock::time_point> lastReport_;

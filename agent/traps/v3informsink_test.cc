@@ -150,20 +150,27 @@ size_t occurrences(const std::string &text, const std::string &what)
     return count;
 }
 
-// snmptrapd on a free loopback port, logging (and acknowledging) what user
-// ann sends authenticated and encrypted; stopped by the destructor.
+// A loopback UDP port free when asked.
+int freePort()
+{
+    const int probe = kelp::test::boundSocket(SOCK_DGRAM);
+    const int port = kelp::test::portOf(probe);
+    close(probe);
+    return port;
+}
+
+// snmptrapd on loopback port `port` (a free one when 0), logging (and
+// acknowledging) what user ann sends authenticated and encrypted; stopped
+// by the destructor.
 class Snmptrapd {
   public:
-    Snmptrapd()
+    explicit Snmptrapd(int port = 0) : port_(port != 0 ? port : freePort())
     {
         char pattern[] = "/tmp/kelp-v3inform-XXXXXX";
         if (mkdtemp(pattern) == nullptr) {
             return;
         }
         dir_ = pattern;
-        const int probe = kelp::test::boundSocket(SOCK_DGRAM);
-        port_ = kelp::test::portOf(probe);
-        close(probe);
         std::ofstream(dir_ + "/snmptrapd.conf")
             << "createUser ann SHA-512 auth-Phrase-7391 AES-256 priv-Phrase-5528\n"
                "authUser log ann priv\n";
@@ -223,8 +230,8 @@ class Snmptrapd {
     std::string target() const { return "udp:127.0.0.1:" + std::to_string(port_); }
 
   private:
+    int port_;
     std::string dir_;
-    int port_ = 0;
     pid_t pid_ = -1;
 };
 
@@ -265,6 +272,52 @@ TEST(V3InformSink, AnAnswerHandledWithoutMemoryStaysOutOfNetsnmpAndLosesNoInform
         return sink.waiting() == 0 && sink.underWay() == 0 &&
                occurrences(readAll(receiver.log()), ".1.3.6.1.6.3.1.1.5.1") == 2;
     })) << readAll(receiver.log());
+    snmp_free_pdu(first);
+    snmp_free_pdu(second);
+}
+
+TEST(V3InformSink, AnInformQueuedDuringDiscoveryWaitsItsOwnRetriesBeforeItIsGivenUp)
+{
+    if (access("/usr/sbin/snmptrapd", X_OK) != 0) {
+        GTEST_SKIP() << "no /usr/sbin/snmptrapd";
+    }
+    // Probes two seconds apart, two per inform: nothing answers the first
+    // inform's, at 0 and 2 s, and it is given up at 4 s.
+    const int port = freePort();
+    const std::string target = "udp:127.0.0.1:" + std::to_string(port);
+    V3InformSink sink("inform:" + target, InformPolicy{std::chrono::seconds(2), 1, 8});
+    std::string error;
+    ASSERT_TRUE(sink.open(target, annUser(), &error)) << error;
+    std::string why;
+    snmp_pdu *first = informPdu(coldStart(), &why);
+    snmp_pdu *second = informPdu(coldStart(), &why);
+    ASSERT_NE(first, nullptr) << why;
+    ASSERT_NE(second, nullptr) << why;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(sink.send(*first));
+    const auto turnUntil = [&](std::chrono::milliseconds at) {
+        kelp::test::turnAgentLoopUntil(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           at - (std::chrono::steady_clock::now() - start)),
+                                       [] { return false; });
+    };
+
+    // The second comes a second before the first's last probe times out:
+    // it has waited for none of the probes that went before it.
+    turnUntil(std::chrono::milliseconds(3000));
+    ASSERT_TRUE(sink.send(*second));
+    EXPECT_EQ(sink.waiting(), 2u);
+    turnUntil(std::chrono::milliseconds(4500));
+    EXPECT_EQ(sink.waiting(), 1u) << "the first is given up, the second waits on";
+
+    // The receiver is up before the second's own probes run out: it gets
+    // the second inform.
+    Snmptrapd receiver(port);
+    ASSERT_TRUE(receiver.ready()) << readAll(receiver.log());
+    EXPECT_TRUE(kelp::test::turnAgentLoopUntil(std::chrono::milliseconds(6000), [&] {
+        return sink.waiting() == 0 && sink.underWay() == 0 &&
+               occurrences(readAll(receiver.log()), ".1.3.6.1.6.3.1.1.5.1") == 1;
+    })) << readAll(receiver.log());
+    EXPECT_TRUE(sink.discovered());
     snmp_free_pdu(first);
     snmp_free_pdu(second);
 }
