@@ -144,7 +144,11 @@ constexpr OptionRow kOptions[] = {
              *e = "--v3-user takes a name of 1 to 32 bytes without backslashes";
              return false;
          }
-         o.v3Users.push_back(user);
+         // The same user named again (in the configuration file and on the
+         // command line, say) is the same user.
+         if (std::find(o.v3Users.begin(), o.v3Users.end(), user) == o.v3Users.end()) {
+             o.v3Users.push_back(user);
+         }
          return true;
      }},
     {"v3-keys", Arg::kRequired, "FILE",

@@ -78,6 +78,16 @@ TEST(Options, EveryOptionSetsItsField)
     EXPECT_EQ(o.agentxSocket, "");
 }
 
+TEST(Options, AV3UserNamedTwiceIsServedOnce)
+{
+    Options o;
+    std::string error;
+    ASSERT_TRUE(parse({"--v3-user", "ann", "--v3-user", "bob", "--v3-user=ann", "--v3-keys", "k"},
+                      &o, &error))
+        << error;
+    EXPECT_EQ(o.v3Users, (std::vector<std::string>{"ann", "bob"}));
+}
+
 TEST(Options, AgentxTakesASocketOnlyWhenOneFollows)
 {
     Options a, b;
