@@ -124,6 +124,20 @@ bool sourceAllowed(const std::vector<Network> &networks, const sockaddr *address
            });
 }
 
+std::string sourceText(const sockaddr *address, size_t length)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    if (address != nullptr && length >= sizeof(sockaddr_in) && address->sa_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text,
+                  sizeof text);
+    } else if (address != nullptr && length >= sizeof(sockaddr_in6) &&
+               address->sa_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
+                  sizeof text);
+    }
+    return text[0] != '\0' ? text : "an unknown source";
+}
+
 bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string *error)
 {
     std::vector<V3Key> parsed;
@@ -177,11 +191,13 @@ bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string 
 }
 
 bool readV3Keys(const std::string &path, const std::vector<std::string> &users,
-                std::vector<V3Key> *keys, std::string *error)
+                std::vector<V3Key> *keys, std::string *error,
+                const std::optional<KeyFileUser> &runAs)
 {
     // O_NONBLOCK: a FIFO opens at once instead of waiting for a writer, and
-    // is refused below.
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    // is refused below. A symbolic link (a mounted secret's, say) is
+    // followed: what is checked is the file read.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         *error = "--v3-keys " + path + ": cannot open: " + std::strerror(errno);
         return false;
@@ -192,12 +208,21 @@ bool readV3Keys(const std::string &path, const std::vector<std::string> &users,
         *error = "--v3-keys " + path + " is not a regular file";
         return false;
     }
-    if (st.st_uid != geteuid() || (st.st_mode & 077) != 0) {
+    if (st.st_uid != geteuid() && !(runAs && st.st_uid == runAs->uid)) {
+        close(fd);
+        const std::string starter = "uid " + std::to_string(geteuid());
+        *error = "--v3-keys " + path + " belongs to uid " + std::to_string(st.st_uid) +
+                 ": it must belong to the agent's user (" +
+                 (runAs ? runAs->name + ") or to the user that starts it (" + starter : starter) +
+                 ")";
+        return false;
+    }
+    if ((st.st_mode & 077) != 0) {
         close(fd);
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-        *error = "--v3-keys " + path + " must be readable by its owner alone, this agent's user " +
-                 "(its mode is " + mode + "; chmod 600 it)";
+        *error = "--v3-keys " + path + " must be readable by its owner alone (its mode is " + mode +
+                 "; chmod 600 it)";
         return false;
     }
     std::string text;

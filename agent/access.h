@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,12 @@ bool networkContains(const Network &network, const sockaddr *address, size_t len
 // holds `address`.
 bool sourceAllowed(const std::vector<Network> &networks, const sockaddr *address, size_t length);
 
+// The IP address of `address` (an AF_INET or AF_INET6 socket address of
+// `length` bytes) without its port (a manager uses a new port for each
+// request), as the log names a source: "an unknown source" for anything
+// else.
+std::string sourceText(const sockaddr *address, size_t length);
+
 // An SNMPv3 user and its two pass phrases.
 struct V3Key {
     std::string name;
@@ -58,13 +65,22 @@ inline constexpr size_t kMaxKeyFileBytes = 1 << 20;
 // a name given twice.
 bool parseV3Keys(const std::string &text, std::vector<V3Key> *keys, std::string *error);
 
-// Reads the key file at `path` for the users named in `users`: refused when
-// it is not a regular file, not owned by this process's user, or readable or
-// writable by its group or others (mode & 077). Every user in `users` must
-// have a line; *keys receives their keys in the order of `users`. False with
-// a message otherwise.
+// The user the agent runs as after start (--user), when it is not the one
+// that reads the key file.
+struct KeyFileUser {
+    uid_t uid;
+    std::string name;
+};
+
+// Reads the key file at `path` (a symbolic link leads to the file it
+// names) for the users named in `users`: refused when it is not a regular
+// file, belongs neither to this process's user nor to `runAs`, or is
+// readable or writable by its group or others (mode & 077). Every user in
+// `users` must have a line; *keys receives their keys in the order of
+// `users`. False with a message otherwise.
 bool readV3Keys(const std::string &path, const std::vector<std::string> &users,
-                std::vector<V3Key> *keys, std::string *error);
+                std::vector<V3Key> *keys, std::string *error,
+                const std::optional<KeyFileUser> &runAs = std::nullopt);
 
 // Overwrites the pass phrases held by *keys before they are freed.
 void wipeV3Keys(std::vector<V3Key> *keys);

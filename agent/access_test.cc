@@ -190,5 +190,46 @@ TEST(Access, KeyFileReadableByOthersOrMissingAUserIsRefused)
     rmdir(dir);
 }
 
+TEST(Access, AKeyFileOfTheUserTheAgentRunsAsOrBehindALinkIsRead)
+{
+    char dir[] = "/tmp/kelp-keys-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/keys";
+    std::ofstream(path) << "ann authpass1 privpass1\n";
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    std::vector<V3Key> keys;
+    std::string error;
+    // A mounted secret is a chain of links to the file.
+    const std::string link = std::string(dir) + "/link";
+    ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+    EXPECT_TRUE(readV3Keys(link, {"ann"}, &keys, &error)) << error;
+    ASSERT_EQ(keys.size(), 1u);
+    EXPECT_EQ(keys[0].authPass, "authpass1");
+    // The checks are the file's, not the link's.
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    EXPECT_FALSE(readV3Keys(link, {"ann"}, &keys, &error));
+    EXPECT_EQ(error, "--v3-keys " + link +
+                         " must be readable by its owner alone (its mode is "
+                         "0640; chmod 600 it)");
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+
+    if (geteuid() == 0) {
+        // Root starts the agent, which runs as another user (--user): the
+        // file may be that user's.
+        constexpr uid_t kOther = 65534;
+        ASSERT_EQ(chown(path.c_str(), kOther, static_cast<gid_t>(-1)), 0);
+        EXPECT_FALSE(readV3Keys(path, {"ann"}, &keys, &error));
+        EXPECT_EQ(error, "--v3-keys " + path +
+                             " belongs to uid 65534: it must belong to the agent's user (uid 0)");
+        EXPECT_TRUE(readV3Keys(path, {"ann"}, &keys, &error, KeyFileUser{kOther, "nobody"}))
+            << error;
+        EXPECT_FALSE(readV3Keys(path, {"ann"}, &keys, &error, KeyFileUser{kOther + 1, "other"}));
+        EXPECT_EQ(error, "--v3-keys " + path +
+                             " belongs to uid 65534: it must belong to the agent's user (other) "
+                             "or to the user that starts it (uid 0)");
+    }
+    std::filesystem::remove_all(dir);
+}
+
 } // namespace
 } // namespace kelp::agent

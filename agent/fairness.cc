@@ -40,6 +40,7 @@
 #include "fairqueue.h"
 #include "kelp/runtime.h"
 #include "log.h"
+#include "packetsource.h"
 
 // net-snmp's list of open sessions: exported by libnetsnmp and laid out in
 // its public snmp_api.h (struct session_list), but declared in no header.
@@ -480,7 +481,10 @@ void answerWaitingThrough(void (*read)(fd_set *))
     if (!any) {
         return;
     }
-    read(&ready);
+    {
+        PacketsInHand inHand;
+        read(&ready);
+    }
     // net-snmp takes no datagram from a socket when it has no memory for
     // its receive buffer (64 KiB), and returns: the request would be offered
     // again at once, without end, and the loop would spin. One it did not
@@ -560,6 +564,7 @@ int checkAndProcess(bool block)
     int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, wait);
     if (count > 0) {
         netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
+        PacketsInHand inHand;
         readThrough(&readFds, snmp_read2);
     } else if (count == 0) {
         snmp_timeout();

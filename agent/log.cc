@@ -276,18 +276,32 @@ void LogInterval::warn(const char *line)
     }
 }
 
-LogRateLimit::LogRateLimit(Clock::duration interval, size_t maxKeys)
-    : interval_(interval), maxKeys_(maxKeys == 0 ? 1 : maxKeys)
+LogRateLimit::LogRateLimit(Clock::duration interval, size_t maxKeys, size_t maxPerInterval)
+    : interval_(interval), maxKeys_(maxKeys == 0 ? 1 : maxKeys), maxPerInterval_(maxPerInterval)
 {
 }
 
 bool LogRateLimit::allow(const std::string &key, Clock::time_point now)
 {
+    if (intervalStart_ && now - *intervalStart_ >= interval_) {
+        intervalStart_.reset();
+        inInterval_ = 0;
+        capped_ = false;
+        cappedReported_ = false;
+    }
     const auto found = last_.find(key);
+    if (found != last_.end() && now - found->second < interval_) {
+        return false;
+    }
+    if (maxPerInterval_ != 0 && inInterval_ >= maxPerInterval_) {
+        capped_ = true;
+        return false;
+    }
+    if (!intervalStart_) {
+        intervalStart_ = now;
+    }
+    inInterval_++;
     if (found != last_.end()) {
-        if (now - found->second < interval_) {
-            return false;
-        }
         found->second = now;
         return true;
     }
@@ -304,6 +318,15 @@ bool LogRateLimit::allow(const std::string &key, Clock::time_point now)
         last_.erase(oldest);
     }
     last_.emplace(key, now);
+    return true;
+}
+
+bool LogRateLimit::takeCapped()
+{
+    if (!capped_ || cappedReported_) {
+        return false;
+    }
+    cappedReported_ = true;
     return true;
 }
 

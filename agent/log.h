@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <limits>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -81,20 +82,34 @@ std::string syslogDatagram(LogLevel level, std::chrono::system_clock::time_point
 // Lets an event through at most once per `interval` for each key (a source
 // address, for example). Holds at most `maxKeys` keys: when full, keys whose
 // interval has passed are forgotten first, and if none has, the oldest key
-// is, so a flood of new keys costs bounded memory. Not thread-safe.
+// is, so a flood of new keys costs bounded memory. With `maxPerInterval`,
+// at most that many events go through in an interval (which starts with
+// the first event let through after the last one ended), whatever their
+// keys, so that a flood from spoofed sources costs bounded log lines too.
+// Not thread-safe.
 class LogRateLimit {
   public:
     using Clock = std::chrono::steady_clock;
-    LogRateLimit(Clock::duration interval, size_t maxKeys);
+    LogRateLimit(Clock::duration interval, size_t maxKeys, size_t maxPerInterval = 0);
 
-    // True when `key` was not let through in the last interval before `now`;
-    // the key's interval then starts at `now`.
+    // True when `key` was not let through in the last interval before `now`,
+    // and the interval's events stay within maxPerInterval; the key's
+    // interval then starts at `now`.
     bool allow(const std::string &key, Clock::time_point now);
+
+    // True, once per interval, when allow() refused an event of this
+    // interval for maxPerInterval alone: the caller says so in one line.
+    bool takeCapped();
 
   private:
     Clock::duration interval_;
     size_t maxKeys_;
+    size_t maxPerInterval_;
     std::map<std::string, Clock::time_point> last_;
+    std::optional<Clock::time_point> intervalStart_;
+    size_t inInterval_ = 0;
+    bool capped_ = false;         // an event of this interval was refused for the cap
+    bool cappedReported_ = false; // takeCapped() said so in this interval
 };
 
 // Lets an event through at most once per `interval`, whichever thread asks,

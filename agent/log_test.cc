@@ -234,5 +234,31 @@ TEST(Log, ARateLimitHoldsABoundedNumberOfKeys)
     EXPECT_FALSE(limit.allow("10.0.0.3", t0 + 12s)) << "a younger key is still held";
 }
 
+TEST(Log, ARateLimitWithACapLetsAtMostThatManyKeysThroughAnInterval)
+{
+    // A flood of new sources (spoofed ones, say) is held to 3 lines a minute
+    // and one line saying so.
+    LogRateLimit limit(60s, 1024, 3);
+    const auto t0 = LogRateLimit::Clock::time_point{} + 1000s;
+    EXPECT_FALSE(limit.takeCapped());
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(limit.allow("10.0.0." + std::to_string(i), t0 + std::chrono::seconds(i)));
+    }
+    EXPECT_FALSE(limit.takeCapped()) << "nothing refused for the cap yet";
+    EXPECT_FALSE(limit.allow("10.0.0.3", t0 + 3s));
+    EXPECT_FALSE(limit.allow("10.0.0.4", t0 + 4s));
+    EXPECT_TRUE(limit.takeCapped());
+    EXPECT_FALSE(limit.takeCapped()) << "said once an interval";
+    EXPECT_FALSE(limit.allow("10.0.0.0", t0 + 30s)) << "its own interval holds it too";
+    // The interval that began at t0 has ended: new keys go through again,
+    // and 10.0.0.3, refused for the cap, was not held.
+    EXPECT_TRUE(limit.allow("10.0.0.3", t0 + 60s));
+    EXPECT_FALSE(limit.takeCapped());
+    EXPECT_TRUE(limit.allow("10.0.0.5", t0 + 61s));
+    EXPECT_TRUE(limit.allow("10.0.0.6", t0 + 62s));
+    EXPECT_FALSE(limit.allow("10.0.0.7", t0 + 63s));
+    EXPECT_TRUE(limit.takeCapped()) << "said again in the new interval";
+}
+
 } // namespace
 } // namespace kelp::agent

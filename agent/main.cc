@@ -14,9 +14,11 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "access.h"
 #include "config.h"
 #include "heap.h"
 #include "kelp/runtime.h"
@@ -147,7 +149,9 @@ int run(const Options &options, const RunAs &runAs)
     settings.allow = options.allow;
     settings.maxWaiting = options.maxWaiting;
     if (!options.v3Users.empty() &&
-        !readV3Keys(options.v3Keys, options.v3Users, &settings.v3Keys, &error)) {
+        !readV3Keys(options.v3Keys, options.v3Users, &settings.v3Keys, &error,
+                    options.user.empty() ? std::nullopt
+                                         : std::optional<KeyFileUser>({runAs.uid, runAs.name}))) {
         return fail(error);
     }
     settings.trapSinks = options.trapSinks;

@@ -11,7 +11,6 @@
 
 #include <net-snmp/agent/agent_callbacks.h>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
@@ -29,27 +28,22 @@ namespace {
 constexpr auto kInterval = std::chrono::minutes(1);
 // Sources remembered at once; more (a spoofed flood) forget the oldest.
 constexpr size_t kMaxSources = 1024;
+// Lines a minute whatever the sources, so that a spoofed flood costs
+// bounded log lines too.
+constexpr size_t kMaxLines = 100;
 // The networks of --allow; empty: every source. Written once by
 // watchAccess before the first request, read by the agent's thread only.
 std::vector<Network> g_allow;
+// A community answers SNMPv1/v2c requests (else --no-v1v2c).
+bool g_communities = true;
 
-// The source's address without its port (a manager uses a new port for
-// each request), from the transport data net-snmp keeps with the request:
-// for UDP over IPv4 and IPv6 it starts with the sender's socket address.
+// The source of a request, from the transport data net-snmp keeps with it:
+// for UDP and TCP over IPv4 and IPv6 it starts with the sender's socket
+// address.
 std::string sourceOf(const netsnmp_pdu *pdu)
 {
-    char text[INET6_ADDRSTRLEN] = "";
-    const auto *address = static_cast<const sockaddr *>(pdu->transport_data);
     const size_t length = pdu->transport_data_length > 0 ? size_t(pdu->transport_data_length) : 0;
-    if (address != nullptr && length >= sizeof(sockaddr_in) && address->sa_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text,
-                  sizeof text);
-    } else if (address != nullptr && length >= sizeof(sockaddr_in6) &&
-               address->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
-                  sizeof text);
-    }
-    return text[0] != '\0' ? text : "an unknown source";
+    return sourceText(static_cast<const sockaddr *>(pdu->transport_data), length);
 }
 
 const char *versionName(long version)
@@ -81,7 +75,7 @@ int onAccessChecked(int, int, void *serverArg, void *)
         reason = "its source is not in --allow";
     } else if (check->errorcode == VACM_NOSECNAME &&
                (pdu->version == SNMP_VERSION_1 || pdu->version == SNMP_VERSION_2c)) {
-        reason = "wrong community";
+        reason = g_communities ? "wrong community" : "SNMPv1 and v2c are not answered (--no-v1v2c)";
     } else {
         return SNMPERR_SUCCESS;
     }
@@ -93,11 +87,16 @@ int onAccessChecked(int, int, void *serverArg, void *)
         static LogRateLimit limit(
             std::chrono::duration_cast<LogRateLimit::Clock::duration>(
                 std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
-            kMaxSources);
+            kMaxSources, kMaxLines);
         if (limit.allow(source, LogRateLimit::Clock::now())) {
             logAt(LogLevel::kWarning,
                   "refused a %s request from %s: %s (logged once a minute per source)",
                   versionName(pdu->version), source.c_str(), reason);
+        } else if (limit.takeCapped()) {
+            logAt(LogLevel::kWarning,
+                  "refused requests from more than %zu sources in a minute: the others are not "
+                  "logged until the minute ends",
+                  kMaxLines);
         }
     } catch (...) {
         logAt(LogLevel::kWarning, "refused a %s request: %s (its source not logged: out of memory)",
@@ -108,9 +107,10 @@ int onAccessChecked(int, int, void *serverArg, void *)
 
 } // namespace
 
-void watchAccess(const std::vector<Network> &allow)
+void watchAccess(const std::vector<Network> &allow, bool communities)
 {
     g_allow = allow;
+    g_communities = communities;
     // After every other check, so that errorcode holds the verdict.
     netsnmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_ACM_CHECK_INITIAL,
                               onAccessChecked, nullptr, NETSNMP_CALLBACK_LOWEST_PRIORITY);

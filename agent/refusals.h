@@ -19,9 +19,11 @@ namespace kelp::agent {
 // are dropped, SNMPv3 ones answered with authorizationError, as net-snmp
 // does for requests its access control refuses. Such requests, and
 // SNMPv1/v2c requests whose community the access control does not know,
-// are logged as warnings. Call after init_snmp, from the agent's thread;
-// once per process.
-void watchAccess(const std::vector<Network> &allow);
+// are logged as warnings. `communities`: the agent answers SNMPv1/v2c
+// (its log line names a wrong community; otherwise that those versions are
+// not answered). Call after init_snmp, from the agent's thread; once per
+// process.
+void watchAccess(const std::vector<Network> &allow, bool communities = true);
 
 } // namespace kelp::agent
 

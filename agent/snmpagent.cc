@@ -35,6 +35,7 @@
 #include "fairness.h"
 #include "heap.h"
 #include "log.h"
+#include "packetsource.h"
 #include "paths.h"
 #include "refusals.h"
 #include "snmpaddress.h"
@@ -241,8 +242,10 @@ int onNetsnmpLog(int, int, void *serverArg, void *)
                 const bool agentx = g_agentxLog && g_agentxLog->onLibraryLine(line);
                 if (const std::string refused = registrationRefused(line); !refused.empty())
                     logText(LogLevel::kError, refused);
-                else
-                    logText(agentx ? LogLevel::kDebug : levelOf(message->priority), line);
+                else if (agentx)
+                    logText(LogLevel::kDebug, line);
+                else if (!logAboutPacket(levelOf(message->priority), line))
+                    logText(levelOf(message->priority), line);
             }
             g_pendingLog.erase(0, end + 1);
         }
@@ -281,11 +284,14 @@ namespace {
 // would make a new engine ID and count boots from 1 again, and SNMPv3
 // managers would have to rediscover the agent.
 std::string g_persistentFile;
+// The file's boot count cannot be trusted: the engine starts anew, as with
+// no file.
+bool g_newEngine = false;
 
 int readPersistentFile(int, int minor, void *, void *)
 {
     struct stat st {};
-    if (!g_persistentFile.empty() && stat(g_persistentFile.c_str(), &st) == 0) {
+    if (!g_newEngine && !g_persistentFile.empty() && stat(g_persistentFile.c_str(), &st) == 0) {
         read_config_with_type_when(g_persistentFile.c_str(), kAppName,
                                    minor == SNMP_CALLBACK_PRE_PREMIB_READ_CONFIG ? PREMIB_CONFIG
                                                                                  : NORMAL_CONFIG);
@@ -331,21 +337,37 @@ PersistentState persistentStateOf(const std::string &path)
 // What is wrong with the engine's ID in net-snmp's persistent file, for a
 // warning at start: "" when the file is missing (a first start) or holds an
 // ID as net-snmp writes it (0x and 5 to 32 octets in hex).
-std::string engineIdProblem(const std::string &path)
+// The value of the file's first line `key` (followed by a blank), or
+// nullopt when it has none.
+std::optional<std::string> persistentValue(const std::string &text, std::string_view key)
 {
+    const std::string prefix = std::string(key) + " ";
+    size_t at = text.starts_with(prefix) ? 0 : text.find("\n" + prefix);
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
+    at += at == 0 ? prefix.size() : prefix.size() + 1;
+    const size_t end = text.find('\n', at);
+    return text.substr(at, end == std::string::npos ? end : end - at);
+}
+
+// What is wrong with the engine state in the persistent file at `path`, for
+// the log, or "". *newEngine: the boot count cannot be trusted, so this
+// start makes a new engine ID (the caller leaves the file unread). The count
+// stops at 2147483647 and SNMPv3 with it (RFC 3414); a count net-snmp did not
+// write could go back, and messages recorded before be taken again.
+std::string engineIdProblem(const std::string &path, bool *newEngine)
+{
+    *newEngine = false;
     const std::optional<std::string> read = persistentText(path);
     if (!read) {
         return "";
     }
-    const std::string &text = *read;
-    constexpr std::string_view kKey = "oldEngineID ";
-    size_t at = text.starts_with(kKey) ? 0 : text.find("\n" + std::string(kKey));
-    if (at == std::string::npos) {
+    const std::optional<std::string> id = persistentValue(*read, "oldEngineID");
+    if (!id) {
         return "holds no engine ID: this start makes a new one and counts boots from 1";
     }
-    at += at == 0 ? kKey.size() : kKey.size() + 1;
-    const size_t end = text.find('\n', at);
-    const std::string value = text.substr(at, end == std::string::npos ? end : end - at);
+    const std::string &value = *id;
     const bool hex = value.size() >= 12 && value.size() <= 66 && value.size() % 2 == 0 &&
                      value.starts_with("0x") &&
                      value.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
@@ -353,7 +375,22 @@ std::string engineIdProblem(const std::string &path)
         return "holds an engine ID net-snmp did not write (" + value.substr(0, 80) +
                "): it is used as it stands";
     }
-    return "";
+    // net-snmp counts from the file's value plus one, in an int.
+    constexpr unsigned long long kLast = 2147483646;
+    const std::optional<std::string> boots = persistentValue(*read, "engineBoots");
+    std::string problem;
+    if (!boots) {
+        problem = "holds no boot count";
+    } else if (boots->empty() || boots->size() > 19 ||
+               boots->find_first_not_of("0123456789") != std::string::npos) {
+        problem = "holds a boot count net-snmp did not write (" + boots->substr(0, 80) + ")";
+    } else if (std::stoull(*boots) >= kLast) {
+        problem = "holds a boot count at its limit (" + *boots + ")";
+    } else {
+        return "";
+    }
+    *newEngine = true;
+    return problem + ": this start makes a new engine ID and counts boots from 1";
 }
 
 // Why a file in `dir` may have been written short, for the log.
@@ -487,7 +524,8 @@ bool SnmpAgent::init(const AgentSettings &settings, std::string *error)
     netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR,
                           settings.persistentDir.c_str());
     g_persistentFile = settings.persistentDir + "/" + kAppName + ".conf";
-    if (const std::string problem = engineIdProblem(g_persistentFile); !problem.empty()) {
+    if (const std::string problem = engineIdProblem(g_persistentFile, &g_newEngine);
+        !problem.empty()) {
         logAt(LogLevel::kWarning,
               "the SNMP engine state %s %s; SNMPv3 receivers that know this agent by its engine "
               "ID (snmptrapd's createUser -e) must be given the one it now has",
@@ -643,12 +681,13 @@ bool SnmpAgent::open(std::string *error)
                            " MiB by ulimit -v)";
         return false;
     }
-    watchAccess(settings_.allow);
+    watchAccess(settings_.allow, !settings_.community.empty());
     if (fitBulkResponses() == 0) {
         logAt(LogLevel::kWarning,
               "this net-snmp's sessions are not laid out as expected: a GETBULK response too big "
               "for an SNMPv3 manager's message size is not cut to fit");
     }
+    notePacketSources();
     shareBetweenSources(beforeListening, settings_.maxWaiting, writeWakeByte);
     bound_ = sessionAddresses();
     if (!settings_.community.empty() && settings_.allow.empty() && listensBeyondLoopback()) {

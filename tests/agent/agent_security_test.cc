@@ -96,10 +96,11 @@ class SecureAgent {
     int port() const { return port_; }
 
     // One of net-snmp's tools as SNMPv3 user `user` at `level`, with the
-    // given pass phrases (empty: not given).
+    // given pass phrases (empty: not given) and privacy protocol.
     RunResult v3(const std::string &tool, const std::string &user, const std::string &level,
                  const std::string &authPass, const std::string &privPass,
-                 const std::vector<std::string> &args) const
+                 const std::vector<std::string> &args,
+                 const std::string &privProtocol = "AES-256") const
     {
         std::vector<std::string> argv{tool,  "-v3", "-l", level, "-u", user,
                                       "-On", "-t",  "1",  "-r",  "0"};
@@ -107,7 +108,7 @@ class SecureAgent {
             argv.insert(argv.end(), {"-a", "SHA-512", "-A", authPass});
         }
         if (!privPass.empty()) {
-            argv.insert(argv.end(), {"-x", "AES-256", "-X", privPass});
+            argv.insert(argv.end(), {"-x", privProtocol, "-X", privPass});
         }
         argv.push_back("udp:127.0.0.1:" + std::to_string(port_));
         argv.insert(argv.end(), args.begin(), args.end());
@@ -157,6 +158,13 @@ TEST(AgentSecurity, SnmpV3UsersAuthenticateAndAnythingElseIsRefused)
     const RunResult auth = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kSysName});
     EXPECT_EQ(auth.status, 0) << auth.err;
     EXPECT_TRUE(has(auth.out, "STRING:")) << auth.out;
+    // SHA-512 localizes a key of 64 bytes, more than AES-256 needs, so no
+    // key extension applies: a manager whose AES-256 extends keys the other
+    // way (net-snmp's AES-256-C) makes the same key.
+    const RunResult otherExtension =
+        agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}, "AES-256-C");
+    EXPECT_EQ(otherExtension.status, 0) << otherExtension.err;
+    EXPECT_TRUE(has(otherExtension.out, "STRING:")) << otherExtension.out;
     // The storage tree answers SNMPv3 as it answers the community.
     const RunResult walk = agent.v3("snmpbulkwalk", "ann", "authPriv", kAuthPass, kPrivPass,
                                     {std::string(kRoot) + ".3"});
@@ -182,6 +190,32 @@ TEST(AgentSecurity, SnmpV3UsersAuthenticateAndAnythingElseIsRefused)
     // The community still answers alongside.
     EXPECT_EQ(agent.v2c("public", {kSysName}).status, 0);
     EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, FailedAuthenticationsAreLoggedOnceAMinutePerSourceWithTheSource)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    // net-snmp logs a line for every message whose digest is wrong, before
+    // any access control: a sender who knows a user name could fill the log.
+    for (int i = 0; i < 6; i++) {
+        EXPECT_NE(
+            agent.v3("snmpget", "ann", "authNoPriv", "auth-Phrase-7392", "", {kSysName}).status, 0);
+    }
+    // A wrong privacy pass phrase: a message net-snmp cannot decrypt.
+    for (int i = 0; i < 3; i++) {
+        agent.v3("snmpget", "ann", "authPriv", kAuthPass, "priv-Phrase-5529", {kSysName});
+    }
+    EXPECT_EQ(agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kSysName}).status, 0);
+    EXPECT_EQ(agent.stop(), 0);
+    const std::string log = agent.err();
+    EXPECT_TRUE(has(log, "from 127.0.0.1: Authentication failed for ann (logged once a minute "
+                         "per source)"))
+        << log;
+    EXPECT_EQ(countOf(log, "Authentication failed"), 1u) << log;
+    EXPECT_EQ(countOf(log, "error parsing ScopedPDU"), 0u)
+        << "the same source within the minute: " << log;
 }
 
 TEST(AgentSecurity, NoPassPhraseReachesTheStateDirOrTheLog)
@@ -266,6 +300,61 @@ TEST(AgentSecurity, ALostOrDamagedEngineIdIsWarnedAboutAtStart)
                                      " holds an engine ID net-snmp did not write (garbage!!)"))
         << agent.err();
     EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentSecurity, ABootCountAtItsLimitOrDamagedMakesANewEngineId)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    const auto engine = [&](long *boots, std::string *id) {
+        const RunResult get =
+            agent.v3("snmpget", "ann", "authPriv", kAuthPass, kPrivPass, {kEngineBoots, kEngineId});
+        ASSERT_EQ(get.status, 0) << get.err;
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(get.out, m, std::regex(R"(INTEGER: (-?\d+))"))) << get.out;
+        *boots = std::stol(m[1]);
+        ASSERT_TRUE(std::regex_search(get.out, m, std::regex(R"(Hex-STRING: ([0-9A-F \n]+))")))
+            << get.out;
+        *id = m[1];
+    };
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    long boots = 0;
+    std::string first;
+    engine(&boots, &first);
+    EXPECT_EQ(agent.stop(), 0);
+    const std::string file = dir / "state/snmp/kelpagent.conf";
+    const std::string kept = readFile(file);
+    ASSERT_TRUE(has(kept, "\nengineBoots ") || kept.starts_with("engineBoots ")) << kept;
+
+    // The count can reach 2147483647 only to stay there (RFC 3414), and
+    // SNMPv3 then ends; a count net-snmp did not write could let messages
+    // recorded before be taken again. Either way a new engine starts.
+    const struct {
+        const char *boots; // the line's value; nullptr: no line
+        const char *problem;
+    } cases[] = {
+        {"2147483646", "holds a boot count at its limit (2147483646)"},
+        {"4294967295", "holds a boot count at its limit (4294967295)"},
+        {"abc", "holds a boot count net-snmp did not write (abc)"},
+        {"-5", "holds a boot count net-snmp did not write (-5)"},
+        {nullptr, "holds no boot count"},
+    };
+    for (const auto &c : cases) {
+        std::string text = std::regex_replace(kept, std::regex(R"(engineBoots [^\n]*\n?)"),
+                                              c.boots ? std::string("engineBoots ") + c.boots + "\n"
+                                                      : std::string());
+        writeFile(file, text);
+        ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+        EXPECT_TRUE(has(agent.err(), "the SNMP engine state " + file + " " + c.problem +
+                                         ": this start makes a new engine ID and counts boots "
+                                         "from 1"))
+            << agent.err();
+        std::string id;
+        engine(&boots, &id);
+        EXPECT_EQ(boots, 1) << c.problem;
+        EXPECT_NE(id, first) << c.problem;
+        EXPECT_EQ(agent.stop(), 0);
+    }
 }
 
 // A UDP socket on a free loopback port (0 when none could be had).
@@ -509,6 +598,11 @@ TEST(AgentSecurity, NoV1v2cLeavesSnmpV3Alone)
                                      ", SNMPv3 user ann (read-only) from any source"))
         << agent.err();
     EXPECT_EQ(agent.stop(), 0);
+    // The refusal's line says why: no community is wrong when none answers.
+    EXPECT_TRUE(has(agent.err(), "refused a SNMPv2c request from 127.0.0.1: SNMPv1 and v2c are "
+                                 "not answered (--no-v1v2c)"))
+        << agent.err();
+    EXPECT_FALSE(has(agent.err(), "wrong community")) << agent.err();
 }
 
 TEST(AgentSecurity, AllowLimitsTheSourcesOfEveryVersion)
