@@ -623,6 +623,7 @@ bool SnmpAgent::open(std::string *error)
         return false;
     }
     init_snmp(kAppName);
+    snmpStarted_ = true;
     V3InformUser informUser;
     if (!settings_.subagent) {
         // After init_snmp, which reads the engine ID the users' keys are
@@ -782,6 +783,13 @@ void SnmpAgent::shutdown()
 {
     traps_.reset();
     stopSharing();
+    if (initialised_ && !snmpStarted_) {
+        // A start that failed before init_snmp: net-snmp never read the
+        // engine state, and would write one without the engine ID.
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+        snmp_shutdown(kAppName);
+        initialised_ = false;
+    }
     if (initialised_) {
         // net-snmp rewrites the file line by line without checking a write:
         // on a full disk it would leave it empty, and the next start would
@@ -793,6 +801,7 @@ void SnmpAgent::shutdown()
                              link(g_persistentFile.c_str(), kept.c_str()) == 0;
         snmp_shutdown(kAppName);
         initialised_ = false;
+        snmpStarted_ = false;
         if (keeping) {
             if (persistentStateOf(g_persistentFile) == PersistentState::kComplete) {
                 unlink(kept.c_str());

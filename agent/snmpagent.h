@@ -107,6 +107,7 @@ class SnmpAgent {
   private:
     AgentSettings settings_;
     bool initialised_ = false;
+    bool snmpStarted_ = false; // init_snmp ran: the engine state is net-snmp's to save
     std::vector<std::string> bound_;
     std::unique_ptr<TrapSinks> traps_; // kelp's own sinks, open from open() to shutdown()
 };

@@ -357,6 +357,35 @@ TEST(AgentSecurity, ABootCountAtItsLimitOrDamagedMakesANewEngineId)
     }
 }
 
+TEST(AgentSecurity, AStartThatFailsBeforeTheEngineStartsLeavesItsStateAlone)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    std::vector<std::string> broken = v3Args(dir);
+    broken.insert(broken.end(), {"--module", dir / "none.so"});
+    const std::string file = dir / "state/snmp/kelpagent.conf";
+    // On a new state dir: no engine state is written without an engine ID.
+    EXPECT_FALSE(agent.start(broken));
+    EXPECT_EQ(agent.process().wait(15s).value_or(-1), 1) << agent.err();
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "the SNMP engine state")) << agent.err();
+    const RunResult before = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kEngineId});
+    EXPECT_EQ(before.status, 0) << before.err;
+    EXPECT_EQ(agent.stop(), 0);
+    // With the engine's state kept: the failed start leaves it as it was,
+    // and says nothing of it.
+    const std::string kept = readFile(file);
+    EXPECT_FALSE(agent.start(broken));
+    EXPECT_EQ(agent.process().wait(15s).value_or(-1), 1) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "SNMP engine state")) << agent.err();
+    EXPECT_EQ(readFile(file), kept);
+    ASSERT_TRUE(agent.start(v3Args(dir))) << agent.err();
+    EXPECT_FALSE(has(agent.err(), "the SNMP engine state")) << agent.err();
+    const RunResult after = agent.v3("snmpget", "ann", "authNoPriv", kAuthPass, "", {kEngineId});
+    EXPECT_EQ(after.out, before.out) << "the same engine";
+    EXPECT_EQ(agent.stop(), 0);
+}
+
 // A UDP socket on a free loopback port (0 when none could be had).
 int loopbackSocket(int *port)
 {
