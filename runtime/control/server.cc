@@ -49,6 +49,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// A change past the ones that may wait must reach its connection to be
+// refused as busy, not sit unseen in the listen backlog.
+static_assert(kMaxConnections > CommandWorker::kMaxWaiting + 1,
+              "the control server serves more connections than changes may wait");
+
 // How long accepting pauses when the process is out of descriptors or
 // memory: the client stays queued, and a listening socket that stays
 // readable must not make the thread spin.

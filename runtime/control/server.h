@@ -20,8 +20,10 @@ class CommandWorker;
 inline constexpr std::chrono::milliseconds kReadTimeout{5000};
 
 // Most connections served at once; further clients wait in the listen
-// backlog until one of them ends.
-inline constexpr size_t kMaxConnections = 64;
+// backlog until one of them ends. More than the changes that may wait (and
+// the one being made), so that the next change is refused as busy at once
+// and a status still gets in.
+inline constexpr size_t kMaxConnections = 96;
 
 class ControlServer {
   public:
