@@ -111,8 +111,12 @@ bool movesForward(std::span<const uint32_t> next, std::span<const uint32_t> curs
 
 // The highest row of each table the agent has answered a cell of: rows
 // keep their index while the plug-in stays loaded, so a table has at least
-// as many. Past it (and past the last row found), a table whose column 1
-// does not answer in kHoleRun rows in a row has no more rows.
+// as many. A rebuild appends the rows of new objects after all the rows
+// before it, holes included, and a rebuild the agent did not see (no walk
+// came between two reconfigurations) leaves as many rows as it appended
+// before them: past the highest row seen and the last row found, a table
+// whose column 1 does not answer in a run of twice the rows seen (kHoleRun
+// at least) has no more rows.
 constexpr uint32_t kHoleRun = 64;
 std::atomic<uint32_t> rowsSeen[std::size(kServedTables)];
 static_assert(std::size(kServedTables) == 18 + 6, "tableIndexOf numbers 130.1-18, 140.1-6");
@@ -187,8 +191,9 @@ Answer scanTable(const Dispatch &dispatch, const ServedTable &table, uint32_t co
 {
     const uint32_t seen =
         rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed);
+    const uint64_t holeRun = std::max<uint64_t>(kHoleRun, 2 * uint64_t{seen});
     uint32_t lastRow = 0;
-    for (uint32_t r = 1; r != 0 && (r <= seen || r - lastRow <= kHoleRun); r++) {
+    for (uint32_t r = 1; r != 0 && (r <= seen || r - std::max(lastRow, seen) <= holeRun); r++) {
         Answer cell = getCell(dispatch, table, 1, r);
         if (failed(cell.outcome)) {
             return cell;

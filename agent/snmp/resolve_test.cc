@@ -559,6 +559,46 @@ TEST(AnswerGetNext, ATableWhoseFirstRowWentIsReadByGetWhereThePluginPassesItOver
     EXPECT_EQ(answer.name, below({130, 7, 1, 2, 2}));
 }
 
+TEST(AnswerGetNext, RowsAppendedPastARunOfHolesAsLongAsTheRowsSeenAreFound)
+{
+    // A walk saw rows up to 100 of the temperature probe table (130.16).
+    FakeModule seen;
+    seen.step = [](int, SMSnmpValue *reply) {
+        setName(reply, below({130, 16, 1, 1, 100}));
+        setText(reply, "x");
+        return 0u;
+    };
+    ASSERT_EQ(answerGetNext(seen.dispatch(), below({130, 16, 1, 1, 99}), false).name,
+              below({130, 16, 1, 1, 100}));
+    // Two reconfigurations later, without a walk between them, every row up
+    // to 200 is a hole and rows 201 to 210 answer: the plug-in's walk
+    // passes over the table.
+    FakeModule module;
+    module.firstRowsAnswer = false;
+    int gets = 0;
+    module.step = [&](int call, SMSnmpValue *reply) {
+        const auto &asked = module.calls[static_cast<size_t>(call)];
+        if (asked.command == SM_CMD_GETNEXT) {
+            setName(reply, below({130, 17, 1, 1, 1}));
+            setText(reply, "next table");
+            return 0u;
+        }
+        gets++;
+        const Arcs &name = asked.request;
+        const bool probes = name.size() == kCellLength && name[10] == 130 && name[11] == 16;
+        if (!probes || name[13] != 1 || name[14] < 201 || name[14] > 210)
+            return 2u;
+        reply->type = SM_ASN_INTEGER;
+        reply->value = static_cast<uint32_t>(name[14]);
+        return 0u;
+    };
+    const Answer answer = answerGetNext(module.dispatch(), below({130, 16}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 16, 1, 1, 201}));
+    EXPECT_EQ(answer.value.integer, 201);
+    EXPECT_LE(gets, 202) << "read up to the first row found";
+}
+
 TEST(AnswerGetNext, LeavingATableWhoseFirstRowAnswersCostsOneGetAndWithinATableNone)
 {
     FakeModule module;

@@ -269,5 +269,54 @@ TEST_F(AgentResolve, ATableWhoseFirstRowWentStillWalksItsOtherRows)
     EXPECT_NE(next.out.find(fans + ".1.2.2 = "), std::string::npos) << next.out;
 }
 
+// Controllers that all moved (their nexus changed, as when they change
+// slots) leave a hole in every row a walk has seen, and come back in rows
+// after them: more holes in a row than the agent reads past the last row
+// it found must not hide them.
+TEST(AgentResolveMoved, ATableWhoseRowsAllMovedPastTheRowsSeenStillWalks)
+{
+    AgentUnderTest agent;
+    constexpr int kControllers = 80;
+    const auto model = [&](const std::string &file, int firstNexus) {
+        std::string text = "<storage ready=\"1\">\n";
+        for (int i = 1; i <= kControllers; i++) {
+            text += "<object id=\"" + std::to_string(i) + "\" type=\"adapters\"><Nexus>" +
+                    std::to_string(firstNexus + i - 1) + "</Nexus><Name>C" + std::to_string(i) +
+                    "</Name></object>\n";
+        }
+        writeFile(file, text + "</storage>\n");
+    };
+    const std::string before = agent.dir() / "before.xml";
+    const std::string after = agent.dir() / "after.xml";
+    model(before, 0);
+    model(after, 200);
+    std::string why;
+    ASSERT_TRUE(agent.start(before, {}, &why)) << why;
+    const std::string ids = std::string(kRoot) + ".130.1.1.1";
+    ASSERT_EQ(countOf(agent.snmp("snmpwalk", {ids}).out, " = INTEGER: "),
+              static_cast<size_t>(kControllers));
+
+    ASSERT_EQ(agent.kelpctl({"load", after}).status, 0);
+    const std::string first = ids + "." + std::to_string(kControllers + 1);
+    RunResult get;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {first, ids + ".1"});
+            return get.out.find(first + " = INTEGER") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    EXPECT_NE(get.out.find(ids + ".1 = No Such Instance"), std::string::npos) << get.out;
+
+    for (const char *tool : {"snmpwalk", "snmpbulkwalk"}) {
+        const RunResult walk = agent.snmp(tool, {ids});
+        EXPECT_EQ(countOf(walk.out, " = INTEGER: "), static_cast<size_t>(kControllers))
+            << tool << ": " << walk.out;
+        EXPECT_TRUE(walk.out.starts_with("." + first + " = INTEGER")) << tool << ": " << walk.out;
+    }
+    const RunResult next = agent.snmp("snmpgetnext", {ids + ".5"});
+    EXPECT_TRUE(next.out.starts_with("." + first + " = INTEGER")) << next.out;
+}
+
 } // namespace
 } // namespace kelp::test
