@@ -14,6 +14,7 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -48,6 +49,23 @@ struct Item {
 bool failed(const Answer &answer)
 {
     return answer.outcome == Outcome::kGenErr || answer.outcome == Outcome::kLockTimeOut;
+}
+
+// net-snmp counts a response's error (snmpOutGenErrs) only when the PDU is
+// answered within the handler call: it wraps a delegated request up with
+// no error status, so the genErr of one the worker answered goes uncounted.
+// Counted here, once per PDU.
+void countDelegatedGenErr(netsnmp_agent_request_info *reqinfo)
+{
+    static constexpr const char *kCounted = "kelp: genErr counted";
+    static char marker;
+    if (netsnmp_agent_get_list_data(reqinfo, kCounted) != nullptr) {
+        return;
+    }
+    if (netsnmp_data_list *mark = netsnmp_create_data_list(kCounted, &marker, nullptr)) {
+        netsnmp_agent_add_list_data(reqinfo, mark);
+    }
+    snmp_increment_statistic(STAT_SNMPOUTGENERRS);
 }
 
 // The repetitions a GETBULK varbind may still fill: itself and as many of
@@ -306,12 +324,18 @@ struct RequestPath::Impl {
                     for (Item &item : *items) {
                         item.request->delegated = 0;
                     }
+                    bool genErr = !ran;
                     if (ran) {
                         for (const Item &item : *items) {
                             writeItem(valid->reqinfo, item);
+                            genErr = genErr ||
+                                     std::any_of(item.answers.begin(), item.answers.end(), failed);
                         }
                     } else {
                         answerAll(valid->reqinfo, *items, Outcome::kGenErr);
+                    }
+                    if (genErr) {
+                        countDelegatedGenErr(valid->reqinfo);
                     }
                 }
                 netsnmp_free_delegated_cache(cache);

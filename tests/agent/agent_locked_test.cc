@@ -102,6 +102,29 @@ TEST_F(AgentLocked, APduOfTwentyStorageNamesFailsWithinOneLockTimeOut)
     releaseTables();
 }
 
+TEST_F(AgentLocked, EveryGenErrAnswerIsCountedInSnmpOutGenErrs)
+{
+    const auto outGenErrs = [&] {
+        const RunResult get = agent.snmp("snmpget", {"-Oqv", "1.3.6.1.2.1.11.24.0"});
+        EXPECT_EQ(get.status, 0) << get.err;
+        return std::stol(get.out.empty() ? "-1" : get.out);
+    };
+    holdTables();
+    const long before = outGenErrs();
+    // The worker answers these genErr once the lock time-out has passed.
+    const std::pair<const char *, std::vector<std::string>> requests[] = {
+        {"snmpget", {"-Cf", storage("130.1.1.2.1"), storage("130.4.1.2.1")}},
+        {"snmpgetnext", {"-Cf", storage("130.4")}},
+        {"snmpbulkget", {"-Cr5", storage("130.2")}},
+    };
+    for (const auto &[tool, args] : requests) {
+        const RunResult answer = agent.snmp(tool, args);
+        EXPECT_NE(answer.err.find("genErr"), std::string::npos) << tool << answer.out << answer.err;
+    }
+    EXPECT_EQ(outGenErrs() - before, 3) << "one a response";
+    releaseTables();
+}
+
 TEST_F(AgentLocked, TheSystemGroupIsAnsweredAtOnceWhileStorageRequestsWait)
 {
     const auto idle = timed([&] { EXPECT_EQ(agent.snmp("snmpget", {kSysUpTime}).status, 0); });
