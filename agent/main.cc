@@ -287,6 +287,10 @@ int run(const Options &options, const RunAs &runAs)
 // leaves KELP_CONTROL, set by users for kelpctl, alone.
 extern "C" const int kelpRuntimeHostServesControl = 1;
 
+// The agent checks the alert catalogue at its start and reports a bad one in
+// its own log: the runtime does not write it to stderr first.
+extern "C" const int kelpRuntimeHostReportsCatalogue = 1;
+
 int main(int argc, char **argv)
 {
     using namespace kelp::agent;

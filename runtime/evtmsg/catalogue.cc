@@ -271,7 +271,9 @@ void settle(Served &state)
     state.catalogue = loadChoice(state.chosen, &error);
     if (state.catalogue == nullptr) {
         state.error = error;
-        kelp::rt::logError("alert catalogue: %s", error.c_str());
+        // A host that reports it asks for it (kelpRuntimeCatalogueStatus).
+        if (&kelpRuntimeHostReportsCatalogue == nullptr)
+            kelp::rt::logError("alert catalogue: %s", error.c_str());
     }
 }
 

@@ -82,6 +82,9 @@ TEST(AgentConfig, AMissingOrBrokenAlertCatalogueIsAnErrorAtStartNamingFileAndLin
     EXPECT_EQ(started.status, 1) << started.err;
     EXPECT_NE(started.err.find("alert catalogue"), std::string::npos) << started.err;
     EXPECT_NE(started.err.find(missing), std::string::npos) << started.err;
+    // Once, in the agent's log, not again on plain stderr from the runtime.
+    EXPECT_EQ(count(started.err, missing), 1u) << started.err;
+    EXPECT_EQ(started.err.find("kelp: alert catalogue"), std::string::npos) << started.err;
 
     const std::string broken = dir / "alerts.txt";
     writeFile(broken, readFile(sourcePath("data/alerts.txt")) + "2048 | not a level\n");

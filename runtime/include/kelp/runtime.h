@@ -143,6 +143,12 @@ int kelpRuntimeLoadModel(const char *path, char *error, unsigned errorSize);
 int kelpRuntimeCatalogueStatus(char *error, unsigned errorSize);
 int kelpRuntimeReloadCatalogue(char *error, unsigned errorSize);
 
+/* A host that asks kelpRuntimeCatalogueStatus at its start and reports a
+ * catalogue that cannot be used in its own log defines this object (any
+ * value): the runtime then does not write that failure to stderr itself
+ * when it is loaded, before the host's log is set up. */
+extern const int kelpRuntimeHostReportsCatalogue __attribute__((weak));
+
 /* The file of the model served now: the one the last successful
  * kelpRuntimeLoadModel or control socket `load` read (or KELP_MODEL), also
  * after the control socket has changed that model since. The file is read,
