@@ -276,6 +276,11 @@ int kelpRuntimeCheckIni(char *error, unsigned errorSize)
         std::string text, message;
         if (!path.empty()) {
             if (!readIniFile(path, text, &message)) {
+                // The caller reports it: the store's reads do not again.
+                {
+                    std::lock_guard lock(g_reportMutex);
+                    g_reportedFaults[path] = message;
+                }
                 kelp::rt::copyToBuffer(message, error, errorSize);
                 return 1;
             }

@@ -403,6 +403,19 @@ TEST_F(IniStoreTest, FileOverTheLimitIsNeitherReadNorReplaced)
               "kelp: " + path_ + ": over the limit of 1 MiB\n");
 }
 
+TEST_F(IniStoreTest, AFaultTheCheckAnsweredIsNotWarnedAboutAgainByTheReads)
+{
+    writeFile("[general]\nDebugSNMP=On\n" + std::string(1 << 20, ';'));
+    testing::internal::CaptureStderr();
+    char error[256];
+    EXPECT_NE(kelpRuntimeCheckIni(error, sizeof error), 0);
+    EXPECT_EQ(std::string(error), path_ + ": over the limit of 1 MiB");
+    // The host reports what the check answered; the reads that follow say
+    // nothing of the same fault.
+    EXPECT_EQ(get("general", "DebugSNMP"), "<status 2>");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(IniStoreTest, DeviceIsNeitherReadNorWritten)
 {
     kelpRuntimeSetIniPath("/dev/zero");

@@ -273,6 +273,7 @@ TEST(AgentFaults, AnIniFileThatCannotBeReadKeepsTheDefaultsWithAWarning)
                   std::string::npos)
             << err;
         EXPECT_NE(err.find("the plug-in's defaults apply"), std::string::npos) << err;
+        EXPECT_EQ(countOf(err, c.ini + ": " + c.reason), 1u) << "said once: " << err;
         // DebugSNMP is off by default: nothing is printed.
         EXPECT_FALSE(std::filesystem::exists(agent.stateDir() + "/debug.log")) << c.ini;
         EXPECT_EQ(agent.stop(), 0) << err;

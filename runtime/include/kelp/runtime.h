@@ -66,7 +66,9 @@ int kelpRuntimeSetIniOverride(const char *section, const char *key, const char *
  * malformed lines are only warned about on stderr, once per content.
  * Otherwise answers non-zero with one line in error (cut to errorSize, when
  * error is not null): "PATH: not a regular file", "PATH: over the limit of
- * 1 MiB", "PATH: cannot open: <reason>" or "PATH: cannot read: <reason>". */
+ * 1 MiB", "PATH: cannot open: <reason>" or "PATH: cannot read: <reason>".
+ * The caller reports that: the store's reads do not warn of the same fault
+ * again until it changes or the file has been read. */
 int kelpRuntimeCheckIni(char *error, unsigned errorSize);
 
 /* The file VscilDebugPrint writes to, taking effect at the next
