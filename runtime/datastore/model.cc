@@ -50,11 +50,13 @@ bool isAttributeName(std::string_view name)
     return xml::isName(name) && xml::isXmlText(name);
 }
 
-// "origin:line" of a place in a model of these origins (ModelData::place).
+// "origin:line" of a place in a model of these origins (ModelData::place);
+// the origin alone for a piece no line of it holds (line 0: set by a
+// command).
 std::string place(const std::vector<std::string> &origins, const Where &where)
 {
     std::string origin = where.origin < origins.size() ? origins[where.origin] : "model";
-    return origin + ":" + std::to_string(where.line);
+    return where.line == 0 ? origin : origin + ":" + std::to_string(where.line);
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -380,6 +381,13 @@ bool setAttribute(uint32_t id, const std::string &name, const std::string &value
         if (!pos)
             return fail(error, noObject(id));
         setFirst(&data.objects[*pos].attributes, name, value);
+        // A fault the new value brings is the set's, not the file line's
+        // that first gave the object.
+        constexpr std::string_view kSet = "kelpctl set";
+        auto origin = std::find(data.origins.begin(), data.origins.end(), kSet);
+        if (origin == data.origins.end())
+            origin = data.origins.insert(data.origins.end(), std::string(kSet));
+        data.objects[*pos].where = Where{static_cast<uint32_t>(origin - data.origins.begin()), 0};
         return true;
     };
     if (name != "Nexus")
