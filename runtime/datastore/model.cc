@@ -415,9 +415,10 @@ template <class Texts> bool Model::Builder::addObject(const Texts &o, std::strin
             stored.nexus = *valueId;
         }
     }
+    // The plug-in takes the answer with its terminating NUL in 64 KiB.
     if (answerSize + 1 > kMaxObjectAnswerBytes) {
-        return failAt(what() + "its text is " + std::to_string(answerSize + 1) +
-                      " bytes, over the limit of 65536");
+        return failAt(what() + "its text is " + std::to_string(answerSize) +
+                      " bytes, over the limit of " + std::to_string(kMaxObjectAnswerBytes - 1));
     }
     stored.answerSize = static_cast<uint32_t>(answerSize);
     stored.count = static_cast<uint16_t>(o.attributes.size());

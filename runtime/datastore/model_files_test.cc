@@ -171,7 +171,7 @@ TEST_F(ModelFilesTest, AHundredThousandAttributesLoadWhereverTheyAre)
         TempModel m("kelp-object-attributes.xml", modelWithOneObjectOfAttributes(100000));
         EXPECT_NE(load(m.path(), &error), 0);
         EXPECT_TRUE(error.starts_with(m.path().string() + ":2: object 1: its text is ")) << error;
-        EXPECT_TRUE(error.ends_with(" bytes, over the limit of 65536")) << error;
+        EXPECT_TRUE(error.ends_with(" bytes, over the limit of 65535")) << error;
         EXPECT_EQ(countOf("arraydisks"), 10000u);
     }
     {

@@ -314,7 +314,7 @@ TEST(ModelTest, AnObjectAnswerMayFill64KiBAndNoMore)
     EXPECT_NE(Model::build(data, &error), nullptr) << error;
     data.objects[0].attributes.back().second += "x";
     EXPECT_EQ(Model::build(data, &error), nullptr);
-    EXPECT_NE(error.find("its text is 65537 bytes, over the limit of 65536"), std::string::npos)
+    EXPECT_NE(error.find("its text is 65536 bytes, over the limit of 65535"), std::string::npos)
         << error;
 }
 
