@@ -334,9 +334,6 @@ PersistentState persistentStateOf(const std::string &path)
     return complete ? PersistentState::kComplete : PersistentState::kIncomplete;
 }
 
-// What is wrong with the engine's ID in net-snmp's persistent file, for a
-// warning at start: "" when the file is missing (a first start) or holds an
-// ID as net-snmp writes it (0x and 5 to 32 octets in hex).
 // The value of the file's first line `key` (followed by a blank), or
 // nullopt when it has none.
 std::optional<std::string> persistentValue(const std::string &text, std::string_view key)
@@ -352,10 +349,13 @@ std::optional<std::string> persistentValue(const std::string &text, std::string_
 }
 
 // What is wrong with the engine state in the persistent file at `path`, for
-// the log, or "". *newEngine: the boot count cannot be trusted, so this
-// start makes a new engine ID (the caller leaves the file unread). The count
-// stops at 2147483647 and SNMPv3 with it (RFC 3414); a count net-snmp did not
-// write could go back, and messages recorded before be taken again.
+// a warning at start: "" when the file is missing (a first start) or holds
+// an engine ID as net-snmp writes it (0x and 5 to 32 octets in hex) and a
+// boot count below its limit. *newEngine: the boot count cannot be trusted,
+// so this start makes a new engine ID (the caller leaves the file unread).
+// The count stops at 2147483647 and SNMPv3 with it (RFC 3414); a count
+// net-snmp did not write could go back, and messages recorded before be
+// taken again.
 std::string engineIdProblem(const std::string &path, bool *newEngine)
 {
     *newEngine = false;
