@@ -18,6 +18,8 @@
 #include <mutex>
 #include <new>
 
+#include "kelp/runtime.h"
+
 namespace kelp::agent {
 namespace {
 
@@ -319,6 +321,15 @@ bool LogRateLimit::allow(const std::string &key, Clock::time_point now)
     }
     last_.emplace(key, now);
     return true;
+}
+
+LogRateLimit sourceLogLimit()
+{
+    constexpr auto kInterval = std::chrono::minutes(1);
+    constexpr size_t kMaxSources = 1024;
+    return LogRateLimit(std::chrono::duration_cast<LogRateLimit::Clock::duration>(
+                            std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
+                        kMaxSources, kSourceLinesAMinute);
 }
 
 bool LogRateLimit::takeCapped()

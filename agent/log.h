@@ -112,6 +112,13 @@ class LogRateLimit {
     bool cappedReported_ = false; // takeCapped() said so in this interval
 };
 
+// The limit of the lines about requests and messages from the network: once
+// a minute per source address (KELP_TIME_SCALE runs that clock fast), 1024
+// sources remembered, at most kSourceLinesAMinute lines a minute whatever
+// the sources, so that a flood from spoofed sources costs bounded lines.
+inline constexpr size_t kSourceLinesAMinute = 100;
+LogRateLimit sourceLogLimit();
+
 // Lets an event through at most once per `interval`, whichever thread asks,
 // without allocating: for the lines about memory running short.
 class LogInterval {

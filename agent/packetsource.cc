@@ -12,22 +12,14 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <string>
 
 #include "access.h"
-#include "kelp/runtime.h"
 #include "sessionhooks.h"
 
 namespace kelp::agent {
 namespace {
-
-constexpr auto kInterval = std::chrono::minutes(1);
-// Sources remembered at once; more (a spoofed flood) forget the oldest.
-constexpr size_t kMaxSources = 1024;
-// Lines a minute whatever their sources.
-constexpr size_t kMaxLines = 100;
 
 // The message in hand on this thread: its source's socket address, as
 // the transport gave it (for UDP and TCP it starts with one). Copied, not
@@ -82,10 +74,7 @@ bool logAboutPacket(LogLevel level, std::string_view line)
         return false;
     }
     // Only the thread that reads messages (the agent's) holds one.
-    static LogRateLimit limit(
-        std::chrono::duration_cast<LogRateLimit::Clock::duration>(
-            std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
-        kMaxSources, kMaxLines);
+    static LogRateLimit limit = sourceLogLimit();
     // The verdict on the message stands; only this line needs memory.
     try {
         const std::string source =
@@ -97,7 +86,7 @@ bool logAboutPacket(LogLevel level, std::string_view line)
             logAt(LogLevel::kWarning,
                   "net-snmp logged lines on messages from more than %zu sources in a minute: "
                   "the others are not logged until the minute ends",
-                  kMaxLines);
+                  kSourceLinesAMinute);
         }
     } catch (...) {
         logText(level, line);

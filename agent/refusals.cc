@@ -14,23 +14,15 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "kelp/runtime.h"
 #include "log.h"
 
 namespace kelp::agent {
 namespace {
 
-constexpr auto kInterval = std::chrono::minutes(1);
-// Sources remembered at once; more (a spoofed flood) forget the oldest.
-constexpr size_t kMaxSources = 1024;
-// Lines a minute whatever the sources, so that a spoofed flood costs
-// bounded log lines too.
-constexpr size_t kMaxLines = 100;
 // The networks of --allow; empty: every source. Written once by
 // watchAccess before the first request, read by the agent's thread only.
 std::vector<Network> g_allow;
@@ -84,10 +76,7 @@ int onAccessChecked(int, int, void *serverArg, void *)
     try {
         const std::string source = sourceOf(pdu);
         // Only the agent's thread runs access checks.
-        static LogRateLimit limit(
-            std::chrono::duration_cast<LogRateLimit::Clock::duration>(
-                std::chrono::duration<double>(kInterval) / kelpRuntimeTimeScale()),
-            kMaxSources, kMaxLines);
+        static LogRateLimit limit = sourceLogLimit();
         if (limit.allow(source, LogRateLimit::Clock::now())) {
             logAt(LogLevel::kWarning,
                   "refused a %s request from %s: %s (logged once a minute per source)",
@@ -96,7 +85,7 @@ int onAccessChecked(int, int, void *serverArg, void *)
             logAt(LogLevel::kWarning,
                   "refused requests from more than %zu sources in a minute: the others are not "
                   "logged until the minute ends",
-                  kMaxLines);
+                  kSourceLinesAMinute);
         }
     } catch (...) {
         logAt(LogLevel::kWarning, "refused a %s request: %s (its source not logged: out of memory)",
