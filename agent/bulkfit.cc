@@ -8,12 +8,55 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <algorithm>
 #include <cstring>
+#include <new>
+#include <vector>
 
 #include "sessionhooks.h"
 
 namespace kelp::agent {
 namespace {
+
+// The responses to build as genErr (answerGenErr), oldest first. A
+// response the agent drops without building leaves its entry until
+// kMaxGenErrs newer ones push it out; the request-id guards against a PDU
+// made later at the same address.
+struct GenErr {
+    // net-snmp sends the one or the other: the request itself when it
+    // found an error of its own (SNMPv1's noSuchName for a noSuchInstance).
+    const snmp_pdu *response;
+    const snmp_pdu *request;
+    long requestId;
+    netsnmp_variable_list *varbinds;
+    long index;
+};
+constexpr size_t kMaxGenErrs = 64;
+struct GenErrs : std::vector<GenErr> {
+    ~GenErrs()
+    {
+        for (GenErr &e : *this) {
+            snmp_free_varbind(e.varbinds);
+        }
+    }
+};
+GenErrs g_genErrs;
+
+// Puts the genErr answer in place when `pdu` is one answerGenErr named.
+void takeGenErr(snmp_pdu *pdu)
+{
+    const auto found = std::find_if(g_genErrs.begin(), g_genErrs.end(), [pdu](const GenErr &e) {
+        return (e.response == pdu || e.request == pdu) && e.requestId == pdu->reqid;
+    });
+    if (found == g_genErrs.end()) {
+        return;
+    }
+    snmp_free_varbind(pdu->variables);
+    pdu->variables = found->varbinds;
+    pdu->errstat = SNMP_ERR_GENERR;
+    pdu->errindex = found->index;
+    g_genErrs.erase(found);
+}
 
 // Leaves the first `keep` varbinds of pdu and frees the others; with none
 // kept the response says tooBig.
@@ -65,6 +108,9 @@ int buildAtStart(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_
 int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_t *pktLen,
                  size_t *offset)
 {
+    if (pdu->command == SNMP_MSG_RESPONSE && !g_genErrs.empty()) {
+        takeGenErr(pdu);
+    }
     if (const auto sendable = static_cast<long>(session->sndMsgMaxSize);
         sendable > 0 && pdu->msgMaxSize > sendable) {
         pdu->msgMaxSize = sendable;
@@ -100,6 +146,26 @@ int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_
 }
 
 } // namespace
+
+void answerGenErr(const snmp_pdu *response, const snmp_pdu *request, long index)
+{
+    if (response == nullptr || request == nullptr) {
+        return;
+    }
+    netsnmp_variable_list *copy = snmp_clone_varbind(request->variables);
+    if (copy == nullptr && request->variables != nullptr) {
+        return; // no memory: the response goes as net-snmp made it
+    }
+    try {
+        if (g_genErrs.size() >= kMaxGenErrs) {
+            snmp_free_varbind(g_genErrs.front().varbinds);
+            g_genErrs.erase(g_genErrs.begin());
+        }
+        g_genErrs.push_back(GenErr{response, request, response->reqid, copy, index});
+    } catch (const std::bad_alloc &) {
+        snmp_free_varbind(copy);
+    }
+}
 
 size_t fitBulkResponses()
 {

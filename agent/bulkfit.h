@@ -20,12 +20,23 @@
 
 #include <cstddef>
 
+struct snmp_pdu;
+
 namespace kelp::agent {
 
 // Gives every open session that answers requests (net-snmp's agent hooks
 // set, no build hook of its own) the build hook; answers how many sessions
 // took it.
 size_t fitBulkResponses();
+
+// A request answered on the worker ended in genErr: net-snmp wraps such a
+// delegated request up as if it had none, so its response would carry
+// what the handlers left in the varbinds (noSuchInstance, partial
+// answers), and SNMPv1 would turn those into noSuchName. The response
+// `response` (the session's PDU for the answer) is built instead as SNMP
+// requires of a genErr: the request's varbinds (`request`, copied now),
+// error-status genErr, error-index `index`. Main loop only.
+void answerGenErr(const snmp_pdu *response, const snmp_pdu *request, long index);
 
 } // namespace kelp::agent
 

@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "bulkfit.h"
 #include "log.h"
 #include "snmp/budget.h"
 #include "snmp/delegate.h"
@@ -324,18 +325,24 @@ struct RequestPath::Impl {
                     for (Item &item : *items) {
                         item.request->delegated = 0;
                     }
-                    bool genErr = !ran;
+                    // The varbind of the first genErr, for the error-index.
+                    const Item *genErr = ran ? nullptr : &items->front();
                     if (ran) {
                         for (const Item &item : *items) {
                             writeItem(valid->reqinfo, item);
-                            genErr = genErr ||
-                                     std::any_of(item.answers.begin(), item.answers.end(), failed);
+                            if (genErr == nullptr &&
+                                std::any_of(item.answers.begin(), item.answers.end(), failed)) {
+                                genErr = &item;
+                            }
                         }
                     } else {
                         answerAll(valid->reqinfo, *items, Outcome::kGenErr);
                     }
-                    if (genErr) {
+                    if (genErr != nullptr) {
                         countDelegatedGenErr(valid->reqinfo);
+                        if (const netsnmp_agent_session *asp = valid->reqinfo->asp) {
+                            answerGenErr(asp->pdu, asp->orig_pdu, genErr->request->index);
+                        }
                     }
                 }
                 netsnmp_free_delegated_cache(cache);

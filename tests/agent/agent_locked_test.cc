@@ -125,6 +125,30 @@ TEST_F(AgentLocked, EveryGenErrAnswerIsCountedInSnmpOutGenErrs)
     releaseTables();
 }
 
+TEST_F(AgentLocked, AGenErrAnswerCarriesTheRequestsVarbindsInEveryVersion)
+{
+    holdTables();
+    // sysName answers at once; the storage scalar fails after the lock's
+    // time-out, on the worker. SNMPv1 must say genErr at the storage name,
+    // never noSuchName (which tells a manager the object does not exist).
+    const std::string vendor = storage("3.0");
+    for (const char *version : {"1", "2c"}) {
+        const RunResult get = agent.snmp(
+            "snmpget", {"-Cf", "1.3.6.1.2.1.1.5.0", vendor, "1.3.6.1.2.1.1.5.0"}, version);
+        EXPECT_NE(get.err.find("(genError)"), std::string::npos) << version << get.out << get.err;
+        EXPECT_EQ(get.err.find("noSuchName"), std::string::npos) << version << get.err;
+        EXPECT_NE(get.err.find("Failed object: ." + vendor), std::string::npos)
+            << version << get.err;
+        // The request's varbinds come back as they were sent: no values.
+        EXPECT_EQ(get.out.find("STRING"), std::string::npos) << version << get.out;
+    }
+    const RunResult bulk =
+        agent.snmp("snmpbulkget", {"-Cn1", "-Cr3", "1.3.6.1.2.1.1.5.0", storage("130.4")});
+    EXPECT_NE(bulk.err.find("(genError)"), std::string::npos) << bulk.out << bulk.err;
+    EXPECT_EQ(bulk.out.find("STRING"), std::string::npos) << bulk.out;
+    releaseTables();
+}
+
 TEST_F(AgentLocked, TheSystemGroupIsAnsweredAtOnceWhileStorageRequestsWait)
 {
     const auto idle = timed([&] { EXPECT_EQ(agent.snmp("snmpget", {kSysUpTime}).status, 0); });
