@@ -309,6 +309,8 @@ Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
     case ValueRead::kValue:
         answer.outcome = Outcome::kValue;
         answer.name.assign(name); // an instance's name, which fits
+        // A row a Get answered is one a walk must reach too.
+        noteRow(name);
         return answer;
     case ValueRead::kEmpty:
         return outcomeOnly(Outcome::kNoSuchInstance);

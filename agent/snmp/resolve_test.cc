@@ -599,6 +599,32 @@ TEST(AnswerGetNext, RowsAppendedPastARunOfHolesAsLongAsTheRowsSeenAreFound)
     EXPECT_LE(gets, 202) << "read up to the first row found";
 }
 
+TEST(AnswerGetNext, ARowAGetAnsweredIsReachedPastTheHolesBeforeIt)
+{
+    // Only Gets have asked for the table (140.5): its row 150 answers.
+    FakeModule module;
+    module.firstRowsAnswer = false;
+    module.step = [&](int call, SMSnmpValue *reply) {
+        const auto &asked = module.calls[static_cast<size_t>(call)];
+        if (asked.command == SM_CMD_GETNEXT) {
+            setName(reply, below({140, 6, 1, 1, 1}));
+            setText(reply, "next table");
+            return 0u;
+        }
+        const Arcs &name = asked.request;
+        if (name.size() != kCellLength || name[10] != 140 || name[11] != 5 || name[14] != 150)
+            return 2u;
+        reply->type = SM_ASN_INTEGER;
+        reply->value = 150;
+        return 0u;
+    };
+    ASSERT_EQ(answerGet(module.dispatch(), below({140, 5, 1, 2, 150})).outcome, Outcome::kValue);
+    // Rows 1 to 149 are holes: the plug-in's walk passes over the table.
+    const Answer answer = answerGetNext(module.dispatch(), below({140, 5}), false);
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({140, 5, 1, 1, 150}));
+}
+
 TEST(AnswerGetNext, LeavingATableWhoseFirstRowAnswersCostsOneGetAndWithinATableNone)
 {
     FakeModule module;
