@@ -15,6 +15,10 @@
 // response too big, it leaves out the last varbinds, as many as the excess
 // suggests, until the message fits (with none left, the response is
 // tooBig). Free of the plug-in.
+//
+// The same hook builds the responses the worker answered genErr as SNMP
+// requires of one (answerGenErr below): net-snmp would send them with the
+// varbinds the handlers left.
 #ifndef KELP_AGENT_BULKFIT_H
 #define KELP_AGENT_BULKFIT_H
 
