@@ -135,6 +135,10 @@ std::string sourceText(const sockaddr *address, size_t length)
         inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
                   sizeof text);
     }
+    if (text[0] == '\0' && address != nullptr && length >= sizeof(sa_family_t) &&
+        address->sa_family == AF_UNIX) {
+        return "a local process";
+    }
     return text[0] != '\0' ? text : "an unknown source";
 }
 

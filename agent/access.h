@@ -38,8 +38,8 @@ bool sourceAllowed(const std::vector<Network> &networks, const sockaddr *address
 
 // The IP address of `address` (an AF_INET or AF_INET6 socket address of
 // `length` bytes) without its port (a manager uses a new port for each
-// request), as the log names a source: "an unknown source" for anything
-// else.
+// request), as the log names a source: "a local process" for a Unix
+// socket's peer, "an unknown source" for anything else.
 std::string sourceText(const sockaddr *address, size_t length);
 
 // An SNMPv3 user and its two pass phrases.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -91,6 +92,20 @@ TEST(Access, NoNetworksAllowEverySourceAndSomeOnlyTheirs)
     // An address net-snmp could not describe is refused when a list is given.
     EXPECT_FALSE(sourceAllowed({loopback}, nullptr, 0));
     EXPECT_FALSE(sourceAllowed({loopback}, in, 4));
+}
+
+TEST(Access, ASourceIsNamedByItsAddressOrAsALocalProcess)
+{
+    const sockaddr_storage v4 = addressOf("192.0.2.7");
+    const sockaddr_storage v6 = addressOf("2001:db8::7");
+    EXPECT_EQ(sourceText(reinterpret_cast<const sockaddr *>(&v4), sizeof v4), "192.0.2.7");
+    EXPECT_EQ(sourceText(reinterpret_cast<const sockaddr *>(&v6), sizeof v6), "2001:db8::7");
+    sockaddr_un local{};
+    local.sun_family = AF_UNIX;
+    EXPECT_EQ(sourceText(reinterpret_cast<const sockaddr *>(&local), sizeof local),
+              "a local process");
+    EXPECT_EQ(sourceText(nullptr, 0), "an unknown source");
+    EXPECT_EQ(sourceText(reinterpret_cast<const sockaddr *>(&v4), 4), "an unknown source");
 }
 
 TEST(Access, KeyFileLinesAreParsedAndBadOnesNameTheLineButNoPassPhrase)

@@ -41,6 +41,7 @@
 #include "kelp/runtime.h"
 #include "log.h"
 #include "packetsource.h"
+#include "streams.h"
 
 // net-snmp's list of open sessions: exported by libnetsnmp and laid out in
 // its public snmp_api.h (struct session_list), but declared in no header.
@@ -561,7 +562,9 @@ int checkAndProcess(bool block)
     }
     netsnmp_external_event_info2(&fds, &readFds, &writeFds, &exceptFds);
     leaveOutSharedSockets(&readFds);
+    streamsSelectInfo(&readFds, &writeFds, &fds, &wait, &timeout);
     int count = netsnmp_large_fd_set_select(fds, &readFds, &writeFds, &exceptFds, wait);
+    streamsAfterSelect(&writeFds, count);
     if (count > 0) {
         netsnmp_dispatch_external_events2(&count, &readFds, &writeFds, &exceptFds);
         PacketsInHand inHand;

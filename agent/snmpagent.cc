@@ -42,6 +42,7 @@
 #include "snmpconf.h"
 #include "startup.h"
 #include "stdgroups.h"
+#include "streams.h"
 #include "traps/trapmessage.h"
 #include "traps/trapsend.h"
 #include "traps/trapsinks.h"
@@ -688,6 +689,7 @@ bool SnmpAgent::open(std::string *error)
               "this net-snmp's sessions are not laid out as expected: a GETBULK response too big "
               "for an SNMPv3 manager's message size is not cut to fit");
     }
+    boundStreams(beforeListening, maxConnectionsFor(descriptorLimit()));
     notePacketSources();
     shareBetweenSources(beforeListening, settings_.maxWaiting, writeWakeByte);
     bound_ = sessionAddresses();

@@ -19,6 +19,7 @@ std::vector<std::string> accessLines(const std::string &community)
                  {
                      "com2sec kelpCommunity default " + community,
                      "com2sec6 kelpCommunity default " + community,
+                     "com2secunix kelpCommunity default " + community,
                      "group kelpReaders v1 kelpCommunity",
                      "group kelpReaders v2c kelpCommunity",
                      "access kelpReaders \"\" any noauth exact kelpAll kelpStorage none",
