@@ -145,6 +145,34 @@ int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_
     return result;
 }
 
+// net-snmp's own estimate of a GETBULK varbind's size, in bytes.
+constexpr int kAverageBulkVarbind = 15;
+
+// net-snmp's post-parse check, with a GETBULK's limits set first. net-snmp
+// gives each repeating varbind MAX_GETBULKRESPONSES / repeaters
+// repetitions, and all of them at most msgMaxSize / AVG_BULKVARBINDSIZE
+// varbinds: with more repeaters than either, none at all. Such a request
+// was answered noError with no varbind, which ends a manager's walk as if
+// the tree ended there. It gets one repetition of each repeater instead,
+// as a GetNext of them all would (the request's own size bounds it), and
+// the build hook cuts what does not fit the manager's message size.
+int takeRequest(netsnmp_session *session, netsnmp_pdu *pdu, int result)
+{
+    if (pdu != nullptr && pdu->command == SNMP_MSG_GETBULK) {
+        const long count = count_varbinds(pdu->variables);
+        const long repeaters = count - std::clamp(pdu->errstat, 0L, count);
+        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES,
+                           static_cast<int>(std::max<long>(kMaxBulkVarbinds, repeaters)));
+        long average = kAverageBulkVarbind;
+        if (repeaters > 0 && pdu->msgMaxSize > 0 && pdu->msgMaxSize / repeaters < average) {
+            average = std::max(1L, pdu->msgMaxSize / repeaters);
+        }
+        netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AVG_BULKVARBINDSIZE,
+                           static_cast<int>(average));
+    }
+    return netsnmp_agent_check_parse(session, pdu, result);
+}
+
 } // namespace
 
 void answerGenErr(const snmp_pdu *response, const snmp_pdu *request, long index)
@@ -178,6 +206,7 @@ size_t fitBulkResponses()
             continue;
         }
         head->hookReallocBuild = buildFitting;
+        head->hookPost = takeRequest;
         taken++;
     }
     return taken;

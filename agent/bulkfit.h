@@ -28,9 +28,16 @@ struct snmp_pdu;
 
 namespace kelp::agent {
 
+// The most varbinds one GETBULK answer holds, whatever max-repetitions
+// asks (net-snmp's own default is 100, and it also keeps an answer within
+// the manager's message size), unless it has more repeating varbinds:
+// each of those then gets one repetition. Bounds the work and the answer
+// one small request can cause; managers walk on with further requests.
+inline constexpr int kMaxBulkVarbinds = 64;
+
 // Gives every open session that answers requests (net-snmp's agent hooks
-// set, no build hook of its own) the build hook; answers how many sessions
-// took it.
+// set, no build hook of its own) the build hook, and a post-parse hook that
+// sets each GETBULK's limits; answers how many sessions took them.
 size_t fitBulkResponses();
 
 // A request answered on the worker ended in genErr: net-snmp wraps such a

@@ -52,8 +52,7 @@ size_t notePacketSources()
     size_t taken = 0;
     for (session_list *slp = Sessions; slp != nullptr; slp = slp->next) {
         auto *head = reinterpret_cast<InternalSessionHead *>(slp->internal);
-        if (head == nullptr || head->hookPre != netsnmp_agent_check_packet ||
-            head->hookPost != netsnmp_agent_check_parse) {
+        if (head == nullptr || head->hookPre != netsnmp_agent_check_packet) {
             continue;
         }
         head->hookPre = noteSource;

@@ -53,11 +53,6 @@ namespace {
 constexpr const char *kAppName = "kelpagent";
 // A subagent pings its master this often and reconnects after a restart.
 constexpr int kAgentxPingSeconds = 5;
-// The most varbinds one GETBULK answer holds, whatever max-repetitions
-// asks (net-snmp's own default is 100, and it also keeps an answer within
-// the manager's message size). Bounds the work and the answer one small
-// request can cause; managers walk on with further requests.
-constexpr int kMaxBulkVarbinds = 64;
 
 // The self-pipe that signals and wake() write to, open from init() to
 // shutdown(); -1 otherwise. Lock-free, hence usable in a signal handler.

@@ -1073,6 +1073,38 @@ TEST(AgentSecurity, GetBulkAnswersAreBounded)
     EXPECT_EQ(agent.stop(), 0);
 }
 
+TEST(AgentSecurity, AGetBulkWithMoreRepeatersThanTheCapGetsOneRepetitionOfEach)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    // 70 repeating varbinds, more than the 64 an answer holds: net-snmp
+    // alone gave each 64 / 70 = 0 repetitions, an answer with no varbind.
+    std::vector<std::string> argv{"snmpbulkget",
+                                  "-v2c",
+                                  "-c",
+                                  "public",
+                                  "-On",
+                                  "-t",
+                                  "2",
+                                  "-r",
+                                  "0",
+                                  "-Cn1",
+                                  "-Cr5",
+                                  "udp:127.0.0.1:" + std::to_string(agent.port()),
+                                  "1.3.6.1.2.1.1.5"};
+    for (int i = 0; i < 70; i++) {
+        argv.push_back("1.3.6.1.2.1.1.4");
+    }
+    const RunResult bulk = run(argv, snmpEnv(dir), dir);
+    ASSERT_EQ(bulk.status, 0) << bulk.err;
+    // The non-repeater, then one repetition of each repeater.
+    EXPECT_EQ(bulk.out.rfind(".1.3.6.1.2.1.1.5.0 = ", 0), 0u) << bulk.out;
+    EXPECT_EQ(countOf(bulk.out, ".1.3.6.1.2.1.1.4.0 = "), 70u) << bulk.out;
+    EXPECT_EQ(countOf(bulk.out, "\n"), 71u) << bulk.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
 // An SNMPv3 GETBULK whose answer is bigger than the manager's message size
 // is cut to fit, as in SNMPv2c; net-snmp alone would build it again for
 // ever (authNoPriv) or fail it (authPriv), the agent answering nothing.
