@@ -210,11 +210,13 @@ void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
         return;
     }
     std::optional<std::pair<std::string, Datagram>> dropped;
+    bool othersWait = false;
     try {
         datagram.bytes.assign(buffer->begin(), buffer->begin() + length);
         const std::string key = sourceKey(datagram);
         std::lock_guard lock(sharing->mutex);
         dropped = socket->waiting.push(key, std::move(datagram));
+        othersWait = socket->waiting.sources() > 1;
     } catch (const std::bad_alloc &) {
         // A push that fails leaves the datagram to its caller.
         release(&datagram);
@@ -229,10 +231,17 @@ void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
     }
     release(&dropped->second);
     try {
-        if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
+        if (!sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
+            // logged within the minute
+        } else if (othersWait) {
             logAt(LogLevel::kWarning,
                   "dropping requests from %s: it sends more than its share while other "
                   "sources wait (--max-waiting %zu; logged once a minute per source)",
+                  sourceText(dropped->first).c_str(), socket->waiting.capacity());
+        } else {
+            logAt(LogLevel::kWarning,
+                  "dropping requests from %s: it sends more than the agent holds waiting "
+                  "(--max-waiting %zu; logged once a minute per source)",
                   sourceText(dropped->first).c_str(), socket->waiting.capacity());
         }
     } catch (const std::bad_alloc &) {

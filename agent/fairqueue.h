@@ -129,6 +129,8 @@ template <typename Item> class FairQueue {
     }
 
     size_t size() const { return size_; }
+    // The sources with items waiting.
+    size_t sources() const { return waiting_.size(); }
     bool empty() const { return size_ == 0; }
     size_t capacity() const { return capacity_; }
 

@@ -289,5 +289,24 @@ TEST(FairQueue, DropFirstTakesWhatPopWouldAndAllocatesNothing)
     EXPECT_FALSE(none.dropFirst());
 }
 
+TEST(FairQueue, SourcesCountsTheSourcesWithItemsWaiting)
+{
+    FairQueue<int> queue(3);
+    EXPECT_EQ(queue.sources(), 0u);
+    queue.push("a", 1);
+    queue.push("a", 2);
+    EXPECT_EQ(queue.sources(), 1u);
+    queue.push("b", 10);
+    EXPECT_EQ(queue.sources(), 2u);
+    // Full: a's newest goes; a still waits with one.
+    EXPECT_EQ(text(queue.push("c", 20)), "a:2");
+    EXPECT_EQ(queue.sources(), 3u);
+    queue.pop();
+    EXPECT_EQ(queue.sources(), 2u);
+    queue.dropFirst();
+    queue.pop();
+    EXPECT_EQ(queue.sources(), 0u);
+}
+
 } // namespace
 } // namespace kelp::agent

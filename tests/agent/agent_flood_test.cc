@@ -6,6 +6,7 @@
 // latencies).
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -105,6 +106,42 @@ TEST(AgentFlood, ABusyManagerAloneIsAnsweredInFull)
     close(fd);
     EXPECT_EQ(answered.size(), size_t(kBurst));
     EXPECT_EQ(countOf(agent.process()->err(), "dropping requests"), 0u) << agent.process()->err();
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(AgentFlood, ASourceAloneOverTheLimitIsToldSoNotBlamedForOthers)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--max-waiting", "2"}, &why))
+        << why;
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(agent.port()));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    // 100 Gets wait in the socket while the agent is stopped; its reading
+    // thread then takes them at once, far faster than they are answered,
+    // and only two may wait.
+    agent.process()->signal(SIGSTOP);
+    for (int id = 1; id <= 100; id++) {
+        const Bytes request = v2cRequest(0xA0, id, "public", kVendor);
+        ASSERT_GT(send(fd, request.data(), request.size(), 0), 0) << id;
+    }
+    agent.process()->signal(SIGCONT);
+    EXPECT_TRUE(waitFor(
+        [&] { return agent.process()->err().find("dropping requests") != std::string::npos; }, 10s))
+        << agent.process()->err();
+    close(fd);
+    const std::string log = agent.process()->err();
+    EXPECT_EQ(countOf(log, "dropping requests from 127.0.0.1: it sends more than the agent holds "
+                           "waiting (--max-waiting 2; logged once a minute per source)"),
+              1u)
+        << log;
+    // Nobody else waited.
+    EXPECT_EQ(countOf(log, "while other sources wait"), 0u) << log;
     EXPECT_EQ(agent.stop(), 0);
 }
 
