@@ -28,6 +28,7 @@
 #include "access.h"
 #include "kelp/runtime.h"
 #include "log.h"
+#include "messagebounds.h"
 
 // net-snmp's list of open sessions: exported by libnetsnmp and laid out in
 // its public snmp_api.h (struct session_list), but declared in no header.
@@ -83,6 +84,7 @@ struct Connection {
     std::string unsent; // answers the socket did not take yet, from `sent` on
     size_t sent = 0;
     bool closing = false;
+    MessageBounds bounds; // of the requests read
 };
 
 struct Streams {
@@ -288,9 +290,26 @@ int receiveFromConnection(netsnmp_transport *transport, void *buffer, int size, 
     if (connection->closing) {
         return 0; // ended: net-snmp closes the session
     }
-    const int length = connection->functions.receive(transport, buffer, size, opaque, opaqueLength);
+    // One request a read: net-snmp answers every whole request a read
+    // brings before it turns to anyone else.
+    int most = size;
+    if (const size_t peek = connection->bounds.headerToPeek(); peek > 0) {
+        uint8_t ahead[MessageBounds::kMaxHeader];
+        const ssize_t peeked = recv(transport->sock, ahead, peek, MSG_PEEK | MSG_DONTWAIT);
+        if (peeked > 0) {
+            const size_t bound = connection->bounds.nextRead(ahead, size_t(peeked));
+            if (bound > 0 && bound < size_t(size)) {
+                most = int(bound);
+            }
+        }
+    } else if (const size_t bound = connection->bounds.nextRead(nullptr, 0);
+               bound > 0 && bound < size_t(size)) {
+        most = int(bound);
+    }
+    const int length = connection->functions.receive(transport, buffer, most, opaque, opaqueLength);
     if (length > 0) {
         connection->lastActive = Clock::now();
+        connection->bounds.took(static_cast<const uint8_t *>(buffer), size_t(length));
     }
     return length;
 }

@@ -11,6 +11,7 @@
 
 #include <dirent.h>
 
+#include <atomic>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -259,6 +260,93 @@ TEST(AgentTcp, BeyondTheMostConnectionsKeptTheOneIdleLongestIsClosed)
     for (const int fd : held) {
         close(fd);
     }
+    EXPECT_EQ(agent.agent.stop(), 0);
+}
+
+// The value of snmpInPkts.0 (the messages the agent has taken) in an
+// answer, or -1.
+long inPacketsOf(const uint8_t *answer, size_t size)
+{
+    // The one varbind's Counter32 ends the message: 0x41, its length and
+    // at most five octets.
+    for (size_t at = size >= 7 ? size - 7 : 0; at + 2 < size; at++) {
+        if (answer[at] == 0x41 && at + 2 + answer[at + 1] == size) {
+            long value = 0;
+            for (size_t i = at + 2; i < size; i++) {
+                value = value << 8 | answer[i];
+            }
+            return value;
+        }
+    }
+    return -1;
+}
+
+TEST(AgentTcp, AConnectionThatPipelinesIsReadOneRequestATurn)
+{
+    TcpAgent agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(&why)) << why;
+    const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(udp, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(agent.agent.port()));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(udp, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    // The messages the agent has taken when it answers this Get.
+    auto inPackets = [&](int32_t id) {
+        const Bytes get = v2cRequest(0xA0, id, "public", "1.3.6.1.2.1.11.1.0");
+        if (send(udp, get.data(), get.size(), 0) != ssize_t(get.size())) {
+            return -1L;
+        }
+        pollfd ready{udp, POLLIN, 0};
+        uint8_t answer[2048];
+        while (poll(&ready, 1, 20000) == 1) {
+            const ssize_t got = recv(udp, answer, sizeof answer, 0);
+            if (got > 0 && responseId(answer, size_t(got)) == std::optional<int32_t>(id)) {
+                return inPacketsOf(answer, size_t(got));
+            }
+        }
+        return -1L;
+    };
+    const long before = inPackets(1);
+    ASSERT_GE(before, 0);
+
+    // Thousands of GETBULKs on one connection, as many as its buffers take
+    // at once, their answers read as they come.
+    const int pipeliner = connectTo(agent.tcpPort);
+    ASSERT_GE(pipeliner, 0);
+    const int sendBuffer = 1 << 20;
+    setsockopt(pipeliner, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        std::vector<uint8_t> buffer(1 << 16);
+        while (!done) {
+            pollfd ready{pipeliner, POLLIN, 0};
+            if (poll(&ready, 1, 100) == 1 &&
+                recv(pipeliner, buffer.data(), buffer.size(), 0) <= 0) {
+                return;
+            }
+        }
+    });
+    Bytes requests;
+    for (int id = 1; id <= 4000; id++) {
+        const Bytes request = v2cRequest(0xA5, id, "public", kRoot, 10);
+        requests.insert(requests.end(), request.begin(), request.end());
+    }
+    const ssize_t sent =
+        send(pipeliner, requests.data(), requests.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    const long during = inPackets(2);
+    done = true;
+    reader.join();
+    close(pipeliner);
+    close(udp);
+    // More than one read of net-snmp's (64 KiB, some 1,400 requests) went.
+    ASSERT_GT(sent, 65536) << "the connection took too little at once";
+    ASSERT_GE(during, 0);
+    // Read whole, the pipelined requests that one read brought were all
+    // answered before the Get; read one a turn, the Get waited for a few.
+    EXPECT_LT(during - before, 300) << "messages taken between the two Gets";
     EXPECT_EQ(agent.agent.stop(), 0);
 }
 
