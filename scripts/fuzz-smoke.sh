@@ -12,7 +12,7 @@ runs=${2:-2000}
 shift $(( $# < 2 ? $# : 2 ))
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(dispatch agent xmlsup model ini catalogue control monitor trap ses health)
+  targets=(dispatch agent xmlsup model ini catalogue control monitor trap ses health stream)
 fi
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/kelp-fuzz-smoke-XXXXXX")
