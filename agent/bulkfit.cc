@@ -145,6 +145,15 @@ int buildFitting(netsnmp_session *session, netsnmp_pdu *pdu, u_char **pkt, size_
     return result;
 }
 
+// What net-snmp's parser lets through and SNMP does not allow: a GetBulk
+// PDU in an SNMPv1 message (SNMPv1 has none). Such a message is not one of
+// its version: it is dropped and counted in snmpInASNParseErrs, where
+// net-snmp answered it.
+bool wellFormed(const netsnmp_pdu &pdu)
+{
+    return pdu.version != SNMP_VERSION_1 || pdu.command != SNMP_MSG_GETBULK;
+}
+
 // net-snmp's own estimate of a GETBULK varbind's size, in bytes.
 constexpr int kAverageBulkVarbind = 15;
 
@@ -158,7 +167,11 @@ constexpr int kAverageBulkVarbind = 15;
 // the build hook cuts what does not fit the manager's message size.
 int takeRequest(netsnmp_session *session, netsnmp_pdu *pdu, int result)
 {
-    if (pdu != nullptr && pdu->command == SNMP_MSG_GETBULK) {
+    if (result == 0 && pdu != nullptr && !wellFormed(*pdu)) {
+        snmp_increment_statistic(STAT_SNMPINASNPARSEERRS);
+        return 0; // dropped, as a message that does not parse
+    }
+    if (result == 0 && pdu != nullptr && pdu->command == SNMP_MSG_GETBULK) {
         const long count = count_varbinds(pdu->variables);
         const long repeaters = count - std::clamp(pdu->errstat, 0L, count);
         netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_MAX_GETBULKRESPONSES,

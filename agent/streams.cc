@@ -1,4 +1,4 @@
-// The master's TCP connections (see streams.h).
+// The master's TCP and Unix socket connections (see streams.h).
 #include "streams.h"
 
 // net-snmp's headers in the order they need: configuration, library, agent.

@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "snmpload.h"
 #include "testkit.h"
 
 namespace kelp::test {
@@ -1102,6 +1103,54 @@ TEST(AgentSecurity, AGetBulkWithMoreRepeatersThanTheCapGetsOneRepetitionOfEach)
     EXPECT_EQ(bulk.out.rfind(".1.3.6.1.2.1.1.5.0 = ", 0), 0u) << bulk.out;
     EXPECT_EQ(countOf(bulk.out, ".1.3.6.1.2.1.1.4.0 = "), 70u) << bulk.out;
     EXPECT_EQ(countOf(bulk.out, "\n"), 71u) << bulk.out;
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+// A GetBulk in an SNMPv1 message is not SNMP: net-snmp's parser let it
+// through and the agent answered it.
+TEST(AgentSecurity, AGetBulkInAnSnmpV1MessageIsDroppedAsAParseError)
+{
+    TempDir dir;
+    SecureAgent agent(dir);
+    ASSERT_TRUE(agent.start({"--allow-root"})) << agent.err();
+    const std::string parseErrors = "1.3.6.1.2.1.11.6.0";
+    auto counter = [&] {
+        const RunResult get = run({"snmpget", "-v2c", "-c", "public", "-Oqv", "-t", "2", "-r", "1",
+                                   "udp:127.0.0.1:" + std::to_string(agent.port()), parseErrors},
+                                  snmpEnv(dir), dir);
+        return get.status == 0 ? std::stol(get.out) : -1L;
+    };
+    const long before = counter();
+    ASSERT_GE(before, 0);
+
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(agent.port()));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    const Bytes community = tlv(0x04, Bytes{'p', 'u', 'b', 'l', 'i', 'c'});
+    const Bytes varbinds =
+        tlv(0x30, tlv(0x30, concat({objectIdentifier({1, 3, 6, 1, 2, 1, 1}), Bytes{0x05, 0x00}})));
+    const Bytes v1Bulk =
+        tlv(0x30, concat({Bytes{0x02, 0x01, 0x00}, community,
+                          tlv(0xA5, concat({Bytes{0x02, 0x01, 0x05}, Bytes{0x02, 0x01, 0x00},
+                                            Bytes{0x02, 0x01, 0x05}, varbinds}))}));
+    const Bytes fine = v2cRequest(0xA1, 77, "public", "1.3.6.1.2.1.1");
+    for (const Bytes *message : {&v1Bulk, &fine}) {
+        ASSERT_EQ(send(fd, message->data(), message->size(), 0), ssize_t(message->size()));
+    }
+    // The agent takes one source's requests in order: the first answer is
+    // the well-formed request's.
+    pollfd ready{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 10000), 1);
+    uint8_t answer[4096];
+    const ssize_t got = recv(fd, answer, sizeof answer, 0);
+    close(fd);
+    ASSERT_GT(got, 0);
+    EXPECT_EQ(responseId(answer, size_t(got)), std::optional<int32_t>(77));
+    EXPECT_EQ(counter(), before + 1);
     EXPECT_EQ(agent.stop(), 0);
 }
 
