@@ -80,15 +80,10 @@ TEST(AgentFlood, ABusyManagerAloneIsAnsweredInFull)
     ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {}, &why)) << why;
     // 200 Gets sent at once from one source, then their answers read: the
     // agent holds them all and drops none, there being nobody to share with.
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = udpSocketTo(agent.port());
     ASSERT_GE(fd, 0);
     const int buffer = 4 << 20;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(agent.port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
     constexpr int kBurst = 200;
     for (int id = 1; id <= kBurst; id++) {
         const Bytes request = v2cRequest(0xA0, id, "public", kVendor);
@@ -115,13 +110,8 @@ TEST(AgentFlood, ASourceAloneOverTheLimitIsToldSoNotBlamedForOthers)
     std::string why;
     ASSERT_TRUE(agent.start(sourcePath("data/models/sample.xml"), {"--max-waiting", "2"}, &why))
         << why;
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = udpSocketTo(agent.port());
     ASSERT_GE(fd, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(agent.port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
     // 100 Gets wait in the socket while the agent is stopped; its reading
     // thread then takes them at once, far faster than they are answered,
     // and only two may wait.

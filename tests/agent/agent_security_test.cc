@@ -1123,13 +1123,8 @@ TEST(AgentSecurity, AGetBulkInAnSnmpV1MessageIsDroppedAsAParseError)
     const long before = counter();
     ASSERT_GE(before, 0);
 
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = udpSocketTo(agent.port());
     ASSERT_GE(fd, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(agent.port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
     const Bytes community = tlv(0x04, Bytes{'p', 'u', 'b', 'l', 'i', 'c'});
     const Bytes varbinds =
         tlv(0x30, tlv(0x30, concat({objectIdentifier({1, 3, 6, 1, 2, 1, 1}), Bytes{0x05, 0x00}})));

@@ -286,13 +286,8 @@ TEST(AgentTcp, AConnectionThatPipelinesIsReadOneRequestATurn)
     TcpAgent agent;
     std::string why;
     ASSERT_TRUE(agent.start(&why)) << why;
-    const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int udp = udpSocketTo(agent.agent.port());
     ASSERT_GE(udp, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(agent.agent.port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(udp, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
     // The messages the agent has taken when it answers this Get.
     auto inPackets = [&](int32_t id) {
         const Bytes get = v2cRequest(0xA0, id, "public", "1.3.6.1.2.1.11.1.0");

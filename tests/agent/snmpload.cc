@@ -160,6 +160,11 @@ Bytes v2cRequest(uint8_t pduTag, int32_t requestId, const std::string &community
                concat({integer(1), tlv(0x04, Bytes(community.begin(), community.end())), pdu}));
 }
 
+int udpSocketTo(int port)
+{
+    return connectedSocket("127.0.0.1", port);
+}
+
 std::optional<int32_t> responseId(const uint8_t *data, size_t size)
 {
     const uint8_t *at = data;

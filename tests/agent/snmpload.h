@@ -36,6 +36,10 @@ Bytes v2cRequest(uint8_t pduTag, int32_t requestId, const std::string &community
 // The request-id of an SNMPv2c Response, or nullopt when `data` is not one.
 std::optional<int32_t> responseId(const uint8_t *data, size_t size);
 
+// A UDP socket from 127.0.0.1 with 127.0.0.1:port as its peer; -1 on
+// failure.
+int udpSocketTo(int port);
+
 // A thread sending GETBULK requests (max-repetitions 64) for the MIB root
 // from `source` (an IPv4 loopback address such as 127.0.0.2) to
 // 127.0.0.1:port, reading nothing, until stop() or destruction: one after
