@@ -37,7 +37,8 @@ inline constexpr int kMaxBulkVarbinds = 64;
 
 // Gives every open session that answers requests (net-snmp's agent hooks
 // set, no build hook of its own) the build hook, and a post-parse hook that
-// sets each GETBULK's limits; answers how many sessions took them.
+// drops a GetBulk in an SNMPv1 message and sets each GETBULK's limits;
+// answers how many sessions took them.
 size_t fitBulkResponses();
 
 // A request answered on the worker ended in genErr: net-snmp wraps such a

@@ -231,18 +231,13 @@ void takeOne(Sharing *sharing, Socket *socket, std::vector<uint8_t> *buffer)
     }
     release(&dropped->second);
     try {
-        if (!sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
-            // logged within the minute
-        } else if (othersWait) {
+        if (sharing->dropLog.allow(dropped->first, LogRateLimit::Clock::now())) {
             logAt(LogLevel::kWarning,
-                  "dropping requests from %s: it sends more than its share while other "
-                  "sources wait (--max-waiting %zu; logged once a minute per source)",
-                  sourceText(dropped->first).c_str(), socket->waiting.capacity());
-        } else {
-            logAt(LogLevel::kWarning,
-                  "dropping requests from %s: it sends more than the agent holds waiting "
-                  "(--max-waiting %zu; logged once a minute per source)",
-                  sourceText(dropped->first).c_str(), socket->waiting.capacity());
+                  "dropping requests from %s: it sends more than %s (--max-waiting %zu; logged "
+                  "once a minute per source)",
+                  sourceText(dropped->first).c_str(),
+                  othersWait ? "its share while other sources wait" : "the agent holds waiting",
+                  socket->waiting.capacity());
         }
     } catch (const std::bad_alloc &) {
         // The line is lost; the datagram was dropped all the same.
