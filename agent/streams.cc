@@ -69,7 +69,8 @@ struct Functions {
 
 struct Listener {
     netsnmp_transport *transport = nullptr;
-    const char *kind = "TCP"; // or "Unix socket"
+    bool local = false;       // a Unix socket's: its peers have no address
+    const char *kind = "TCP"; // or "Unix socket", for the log
     Accept accept = nullptr;
     Functions functions;
     bool paused = false;
@@ -266,7 +267,7 @@ int acceptBounded(netsnmp_transport *transport)
         // listening transport's data, from which the connection's transport
         // is copied.
         connection.source =
-            std::strcmp(listener->kind, "TCP") != 0
+            listener->local
                 ? "a local process"
                 : sourceText(static_cast<const sockaddr *>(transport->data),
                              transport->data_length > 0 ? size_t(transport->data_length) : 0);
@@ -414,27 +415,17 @@ int sendToConnection(netsnmp_transport *transport, const void *buffer, int size,
 
 int closeConnection(netsnmp_transport *transport)
 {
-    if (g_streams == nullptr) {
-        errno = EBADF;
-        return -1;
+    if (Connection *connection = connectionOf(transport)) {
+        const Close close = connection->functions.close;
+        g_streams->connections.erase(transport->sock);
+        // A descriptor came free.
+        resumeListeners();
+        return close(transport);
     }
-    if (transport != nullptr && transport->sock >= 0) {
-        auto found = g_streams->connections.find(transport->sock);
-        if (found != g_streams->connections.end()) {
-            const Close close = found->second.functions.close;
-            g_streams->connections.erase(found);
-            // A descriptor came free.
-            resumeListeners();
-            return close(transport);
-        }
-    }
-    Listener *listener = listenerOf(transport);
-    const Close close = listener != nullptr ? listener->functions.close
-                                            : g_streams->listeners.front().functions.close;
-    if (listener != nullptr) {
+    if (Listener *listener = listenerOf(transport)) {
         listener->paused = false;
     }
-    return close(transport);
+    return fallbackFunctions(transport).close(transport);
 }
 
 } // namespace
@@ -478,6 +469,7 @@ size_t boundStreams(SessionMark mark, size_t maxConnections)
         socklen_t length = sizeof address;
         if (getsockname(transport->sock, reinterpret_cast<sockaddr *>(&address), &length) == 0 &&
             address.ss_family == AF_UNIX) {
+            listener.local = true;
             listener.kind = "Unix socket";
         }
         listener.accept = transport->f_accept;
