@@ -6,6 +6,8 @@
 // query about "this object" by an id that now names an object of another
 // type or nexus answers as for a missing one (identities.h).
 
+#include <sanitizer/asan_interface.h>
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -25,6 +27,7 @@
 #include "vscil.h"
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
+#include "xmlsup/readiness_answer.h"
 
 namespace {
 
@@ -70,6 +73,79 @@ char *answer(uint32_t *status, std::string_view text)
 {
     return answerOf(status, text.size(),
                     [&](char *block) { std::memcpy(block, text.data(), text.size()); });
+}
+
+// The calling thread's readiness block. The plug-in asks for the readiness
+// answer before every cell and frees it at once; its block is written again
+// for the next answer instead of going through the kept blocks, and freeing
+// it is not counted as an answer freed (noteAnswerFreed), which would cost
+// every thread's flat answer its trust in its block: the block never leaves
+// the thread, and only ever holds a readiness answer. freeMem keeps it only
+// when no answer was freed anywhere while it was out: then nobody else freed
+// it, and the address holds no other answer.
+struct ReadinessBlock {
+    char *block = nullptr;
+    bool out = false; // handed out and not freed since
+    uint64_t freedBefore = 0;
+    // Set once the thread's block is freed at its end: an answer freed after
+    // that takes the usual way.
+    bool ended = false;
+
+    ~ReadinessBlock()
+    {
+        if (block != nullptr && !out) {
+            ASAN_UNPOISON_MEMORY_REGION(block, kelp::rt::xml::kReadyAnswer.size() + 1);
+            kelp::rt::giveBackAnswerBlock(block);
+        }
+        block = nullptr;
+        ended = true;
+    }
+};
+
+thread_local ReadinessBlock t_readiness;
+
+// The readiness answer `text` in the thread's readiness block (answerOf).
+char *readinessAnswer(uint32_t *status, std::string_view text)
+{
+    ReadinessBlock &own = t_readiness;
+    if (own.ended)
+        return answer(status, text);
+    char *block = own.block;
+    if (block == nullptr || own.out) {
+        block = answer(status, text);
+        if (block == nullptr)
+            return nullptr;
+    } else {
+        ASAN_UNPOISON_MEMORY_REGION(block, text.size() + 1);
+        std::memcpy(block, text.data(), text.size());
+        block[text.size()] = '\0';
+        if (status != nullptr)
+            *status = kOk;
+    }
+    own.block = block;
+    own.out = true;
+    own.freedBefore = kelp::rt::xml::answersFreed();
+    return block;
+}
+
+// Whether freeMem takes `xml` back as the thread's readiness block. One the
+// thread handed out that comes back after some answer was freed goes the
+// usual way, and the thread makes a new one. The block freed again while the
+// thread keeps it is left alone: it holds no answer.
+bool keepReadinessBlock(char *xml)
+{
+    ReadinessBlock &own = t_readiness;
+    if (own.ended || xml != own.block)
+        return false;
+    if (!own.out)
+        return true;
+    own.out = false;
+    if (own.freedBefore != kelp::rt::xml::answersFreed()) {
+        own.block = nullptr;
+        return false;
+    }
+    ASAN_POISON_MEMORY_REGION(xml, kelp::rt::xml::kReadyAnswer.size() + 1);
+    return true;
 }
 
 // The single-object answers the data store keeps (written_answers.h):
@@ -216,8 +292,8 @@ char *DataStoreReady(uint32_t *status)
     }
     if (!ready)
         return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
-    return answer(status, *ready ? "<DataStoreReady><Code>0</Code></DataStoreReady>"
-                                 : "<DataStoreReady><Code>1</Code></DataStoreReady>");
+    return readinessAnswer(status,
+                           *ready ? kelp::rt::xml::kReadyAnswer : kelp::rt::xml::kNotReadyAnswer);
 }
 
 // <ObjList> with the runs of every object of the type; null with status 2
@@ -298,7 +374,7 @@ uint32_t GetSmartThermalShutdownStatus(void)
 // (support/answer_blocks.h) or kept by its flat answer; null is ignored.
 void freeMem(char *xml)
 {
-    if (xml == nullptr)
+    if (xml == nullptr || keepReadinessBlock(xml))
         return;
     // The index and the flat answers' trust in their blocks go first: once
     // the memory is free, a new answer may be handed out at the same

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "datastore/model_store.h"
@@ -13,6 +14,7 @@
 #include "support/answer_blocks.h"
 #include "vscil.h"
 #include "xmlsup.h"
+#include "xmlsup/flat_answer.h"
 
 namespace {
 
@@ -171,6 +173,80 @@ TEST_F(QueriesTest, AnAnswerIsMadeInABlockTheThreadFreedBefore)
     }
     EXPECT_EQ(kelp::rt::answerBlocksTakenAgain(), takenBefore + 4);
     EXPECT_EQ(blocks.size(), 2u) << "the kept one and the one before it, in turns";
+}
+
+// The readiness answer, asked for and freed before every cell, is written
+// again in the thread's own block, which never goes back to the kept ones.
+TEST_F(QueriesTest, TheReadinessAnswerIsWrittenAgainInItsOwnBlock)
+{
+    load();
+    uint32_t status = 99;
+    char *first = DataStoreReady(&status);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(status, 0u);
+    freeMem(first);
+    const size_t keptBefore = kelp::rt::answerBlocksKept();
+    const size_t takenBefore = kelp::rt::answerBlocksTakenAgain();
+    for (int i = 0; i < 3; ++i) {
+        status = 99;
+        char *again = DataStoreReady(&status);
+        EXPECT_EQ(again, first);
+        EXPECT_EQ(status, 0u);
+        EXPECT_STREQ(again, "<DataStoreReady><Code>0</Code></DataStoreReady>");
+        freeMem(again);
+    }
+    EXPECT_EQ(kelp::rt::answerBlocksKept(), keptBefore);
+    EXPECT_EQ(kelp::rt::answerBlocksTakenAgain(), takenBefore);
+    // Freed again while the thread keeps it, it is left alone: it does not
+    // go to the kept blocks, to be handed out twice.
+    freeMem(first);
+    EXPECT_EQ(kelp::rt::answerBlocksKept(), keptBefore);
+    EXPECT_STREQ(ask([](uint32_t *s) { return DataStoreReady(s); }).c_str(),
+                 "<DataStoreReady><Code>0</Code></DataStoreReady>");
+}
+
+// Freeing the readiness answer frees no block another answer could be made
+// in: an object's answer handed out before it is still read from its table.
+TEST_F(QueriesTest, FreeingTheReadinessAnswerLeavesAnObjectsAnswerReadFromItsTable)
+{
+    load();
+    uint32_t status = 99;
+    char *object = GetSingleObject(&status, 0, 1);
+    ASSERT_NE(object, nullptr);
+    const size_t length = std::strlen(object);
+    ASSERT_TRUE(kelp::rt::xml::findInFlatAnswer(object, length, "ObjID", 0).indexed);
+    char *ready = DataStoreReady(&status);
+    ASSERT_NE(ready, nullptr);
+    freeMem(ready);
+    EXPECT_TRUE(kelp::rt::xml::findInFlatAnswer(object, length, "ObjID", 0).indexed);
+    EXPECT_EQ(value(object, "ObjID", 0), "1");
+    freeMem(object);
+}
+
+// A readiness answer that comes back after another answer was freed, or is
+// freed by another thread, takes the usual way; the next one is as good.
+TEST_F(QueriesTest, AReadinessAnswerFreedAfterOthersOrElsewhereIsFreedAsAnyAnswer)
+{
+    load();
+    uint32_t status = 99;
+    char *ready = DataStoreReady(&status);
+    char *object = GetSingleObject(&status, 0, 1);
+    ASSERT_NE(ready, nullptr);
+    ASSERT_NE(object, nullptr);
+    freeMem(object);
+    const size_t keptBefore = kelp::rt::answerBlocksKept();
+    freeMem(ready);
+    EXPECT_EQ(kelp::rt::answerBlocksKept(), keptBefore + 1) << "it went to the kept blocks";
+    EXPECT_EQ(ask([](uint32_t *s) { return DataStoreReady(s); }),
+              "<DataStoreReady><Code>0</Code></DataStoreReady>");
+
+    ready = DataStoreReady(&status);
+    ASSERT_NE(ready, nullptr);
+    std::thread([ready] { freeMem(ready); }).join();
+    char *next = DataStoreReady(&status);
+    ASSERT_NE(next, nullptr);
+    EXPECT_STREQ(next, "<DataStoreReady><Code>0</Code></DataStoreReady>");
+    freeMem(next);
 }
 
 // The plug-in reads attribute after attribute of object after object from

@@ -133,6 +133,11 @@ void noteAnswerFreed()
     g_answersFreed.fetch_add(1, std::memory_order_acq_rel);
 }
 
+uint64_t answersFreed()
+{
+    return g_answersFreed.load(std::memory_order_acquire);
+}
+
 IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view tag,
                                uint32_t occurrence)
 {

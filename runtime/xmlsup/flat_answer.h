@@ -70,6 +70,11 @@ bool keepFlatAnswerBlock(char *block);
 // may hold another answer, unless the thread keeps it (keepFlatAnswerBlock).
 void noteAnswerFreed();
 
+// Answers freed so far by any thread (noteAnswerFreed): a block that was
+// out while this stayed the same was freed by nobody, so no other answer
+// can have been handed out at its address.
+uint64_t answersFreed();
+
 // The occurrence-th `tag` of xml from the calling thread's flat answer's
 // table, when xml has exactly that answer's bytes and tag is a flat name
 // (indexed true, raw a view into xml, as findElement would answer);

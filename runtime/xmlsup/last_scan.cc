@@ -28,8 +28,8 @@ thread_local LastScan t_last;
 void rememberScan(const char *xml, size_t length, std::string_view tag, uint32_t occurrence,
                   std::optional<std::string_view> raw)
 {
-    // A longer text leaves the last short one kept: the readiness answer
-    // stays found across the scans of other answers between its reads.
+    // A longer text leaves the last short one kept: a short answer asked
+    // for again stays found across the scans of other answers between.
     if (length > kLastScanSize)
         return;
     LastScan &last = t_last;

@@ -1,6 +1,8 @@
 // The calling thread's last scan of a short text. The plug-in asks the data
-// store's readiness answer for its code once a cell, a new copy of the same
-// few bytes each time; a scan of them costs far more than a compare.
+// store for short answers again and again (a count of associated objects,
+// say), a new copy of the same few bytes each time; a scan of them costs far
+// more than a compare. (The readiness answer's code is read from its fixed
+// place before this, readiness_answer.h.)
 //
 // A look-up is answered from the last scan only when its text has the same
 // bytes (compared whole), and the tag and occurrence are the same: the scan

@@ -1,5 +1,5 @@
 // The thread's last scan of a short text: asked again in the same bytes (a
-// new copy of the readiness answer, say) it answers as the scan did, and in
+// new copy of a count answer, say) it answers as the scan did, and in
 // any other text, for any other tag or occurrence, it answers nothing.
 #include "xmlsup/last_scan.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 namespace xml = kelp::rt::xml;
 
-const std::string kReady = "<DataStoreReady><Code>0</Code></DataStoreReady>";
+const std::string kShort = "<Health><Code>0</Code></Health>";
 
 // Scans `text` for the occurrence-th `tag` and keeps the scan, as
 // XMLSupGetXMLMemData does.
@@ -44,39 +44,39 @@ class LastScanTest : public ::testing::Test {
 
 TEST_F(LastScanTest, NothingIsKeptBeforeAScan)
 {
-    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
+    EXPECT_FALSE(xml::findInLastScan(kShort.data(), kShort.size(), "Code", 0).indexed);
 }
 
 TEST_F(LastScanTest, ACopyOfTheTextIsAnsweredFromTheScanInTheCopy)
 {
-    scan(kReady, "Code", 0);
-    const std::string copy = kReady;
+    scan(kShort, "Code", 0);
+    const std::string copy = kShort;
     const xml::IndexedLookup found = xml::findInLastScan(copy.data(), copy.size(), "Code", 0);
     ASSERT_TRUE(found.indexed);
     ASSERT_TRUE(found.raw.has_value());
     EXPECT_EQ(*found.raw, "0");
-    EXPECT_EQ(found.raw->data(), copy.data() + kReady.find(">0<") + 1);
+    EXPECT_EQ(found.raw->data(), copy.data() + kShort.find(">0<") + 1);
 }
 
 TEST_F(LastScanTest, AnotherTagOccurrenceOrTextIsScanned)
 {
-    scan(kReady, "Code", 0);
-    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "DataStoreReady", 0).indexed);
-    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Cod", 0).indexed);
-    EXPECT_FALSE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 1).indexed);
-    std::string changed = kReady;
+    scan(kShort, "Code", 0);
+    EXPECT_FALSE(xml::findInLastScan(kShort.data(), kShort.size(), "Health", 0).indexed);
+    EXPECT_FALSE(xml::findInLastScan(kShort.data(), kShort.size(), "Cod", 0).indexed);
+    EXPECT_FALSE(xml::findInLastScan(kShort.data(), kShort.size(), "Code", 1).indexed);
+    std::string changed = kShort;
     changed[changed.find(">0<") + 1] = '1';
     EXPECT_FALSE(xml::findInLastScan(changed.data(), changed.size(), "Code", 0).indexed);
-    const std::string longer = kReady + " ";
+    const std::string longer = kShort + " ";
     EXPECT_FALSE(xml::findInLastScan(longer.data(), longer.size(), "Code", 0).indexed);
-    const std::string shorter = kReady.substr(0, kReady.size() - 1);
+    const std::string shorter = kShort.substr(0, kShort.size() - 1);
     EXPECT_FALSE(xml::findInLastScan(shorter.data(), shorter.size(), "Code", 0).indexed);
 }
 
 TEST_F(LastScanTest, AMissingElementIsKeptAsMissing)
 {
-    scan(kReady, "Status", 0);
-    const xml::IndexedLookup found = xml::findInLastScan(kReady.data(), kReady.size(), "Status", 0);
+    scan(kShort, "Status", 0);
+    const xml::IndexedLookup found = xml::findInLastScan(kShort.data(), kShort.size(), "Status", 0);
     EXPECT_TRUE(found.indexed);
     EXPECT_FALSE(found.raw.has_value());
 }
@@ -105,34 +105,34 @@ TEST_F(LastScanTest, ALongerTextIsNotKeptAndLeavesTheLastShortOne)
     ASSERT_EQ(over.size(), xml::kLastScanSize + 1);
     scan(over, "V", 0);
     EXPECT_FALSE(xml::findInLastScan(over.data(), over.size(), "V", 0).indexed);
-    // The readiness answer stays found across other, longer answers.
+    // The short text stays found across other, longer ones.
     EXPECT_TRUE(xml::findInLastScan(atLimit.data(), atLimit.size(), "V", 0).indexed);
 }
 
 TEST_F(LastScanTest, TheLibraryKeepsItsScanOfAShortTextAndAnswersAsItScans)
 {
-    EXPECT_EQ(lookUp(kReady, "Code", 0), "0");
-    EXPECT_TRUE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
-    EXPECT_EQ(lookUp(std::string(kReady), "Code", 0), "0");
+    EXPECT_EQ(lookUp(kShort, "Code", 0), "0");
+    EXPECT_TRUE(xml::findInLastScan(kShort.data(), kShort.size(), "Code", 0).indexed);
+    EXPECT_EQ(lookUp(std::string(kShort), "Code", 0), "0");
 
-    std::string notReady = kReady;
+    std::string notReady = kShort;
     notReady[notReady.find(">0<") + 1] = '1';
     EXPECT_EQ(lookUp(notReady, "Code", 0), "1");
-    EXPECT_EQ(lookUp(kReady, "Code", 0), "0");
-    EXPECT_EQ(lookUp(kReady, "Code", 1), "status 2");
-    EXPECT_EQ(lookUp(kReady, "Code", 1), "status 2");
-    EXPECT_EQ(lookUp(kReady, "DataStoreReady", 0), "<Code>0</Code>");
+    EXPECT_EQ(lookUp(kShort, "Code", 0), "0");
+    EXPECT_EQ(lookUp(kShort, "Code", 1), "status 2");
+    EXPECT_EQ(lookUp(kShort, "Code", 1), "status 2");
+    EXPECT_EQ(lookUp(kShort, "Health", 0), "<Code>0</Code>");
 }
 
 TEST_F(LastScanTest, AScanIsKeptForItsThreadOnly)
 {
-    scan(kReady, "Code", 0);
+    scan(kShort, "Code", 0);
     bool seen = true;
     std::thread other(
-        [&] { seen = xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed; });
+        [&] { seen = xml::findInLastScan(kShort.data(), kShort.size(), "Code", 0).indexed; });
     other.join();
     EXPECT_FALSE(seen);
-    EXPECT_TRUE(xml::findInLastScan(kReady.data(), kReady.size(), "Code", 0).indexed);
+    EXPECT_TRUE(xml::findInLastScan(kShort.data(), kShort.size(), "Code", 0).indexed);
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include "xmlsup/answer_index.h"
 #include "xmlsup/flat_answer.h"
 #include "xmlsup/last_scan.h"
+#include "xmlsup/readiness_answer.h"
 #include "xmlsup/xml_scan.h"
 
 extern "C" {
@@ -24,12 +25,15 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         return 5;
     }
     try {
-        // The thread's last one-object answer (or a copy of it) and long
-        // answers of the data store carry a table, and the thread's last
-        // scan of a short text is kept; any other text is scanned.
+        // The readiness answer's code has a fixed place, the thread's last
+        // one-object answer (or a copy of it) and long answers of the data
+        // store carry a table, and the thread's last scan of a short text is
+        // kept; any other text is scanned.
         const std::string_view name(tag);
         kelp::rt::xml::IndexedLookup lookup =
-            kelp::rt::xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
+            kelp::rt::xml::findInReadinessAnswer(xml, xmlLength, name, occurrence);
+        if (!lookup.indexed)
+            lookup = kelp::rt::xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
             lookup = kelp::rt::xml::findIndexed(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
