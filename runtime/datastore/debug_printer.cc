@@ -29,8 +29,12 @@ struct Printer {
 };
 
 std::mutex g_printerMutex;
-Printer g_printer;             // guarded by g_printerMutex
-std::atomic<bool> g_on{false}; // written under g_printerMutex; read first by Print
+Printer g_printer; // guarded by g_printerMutex
+// Written under g_printerMutex; read first by VscilDebugPrint, under a name
+// of its own for the entry below.
+std::atomic<bool> g_on __asm__("kelpDebugPrintingOn"){false};
+static_assert(sizeof(std::atomic<bool>) == 1 && std::atomic<bool>::is_always_lock_free,
+              "the entry reads the switch as one byte");
 
 // KELP_DEBUG_FILE (or the host's setting), else "<path>/<module>.log" for a
 // non-empty path, else stderr (empty).
@@ -160,6 +164,47 @@ void VscilDebugToggle(void)
     }
 }
 
+#if defined(__x86_64__) && defined(__ELF__)
+} // extern "C"
+
+namespace {
+
+// VscilDebugPrint with printing on: the entry below jumps here with the
+// caller's argument registers, and %al (the vector registers a variadic
+// call passes), as they were.
+__attribute__((used)) void printOn(const char *format, ...) __asm__("kelpDebugPrintOn");
+__attribute__((used)) void printOn(const char *format, ...)
+{
+    if (format == nullptr)
+        return;
+    va_list args;
+    va_start(args, format);
+    printText(format, args);
+    va_end(args);
+}
+
+} // namespace
+
+// The plug-in calls VscilDebugPrint several times a cell with printing off.
+// A variadic function stores its argument registers before its first line
+// runs; this entry tests the switch first, so that such a call costs a
+// compare and a return.
+__asm__(R"(
+        .text
+        .p2align 4
+        .globl  VscilDebugPrint
+        .type   VscilDebugPrint, @function
+VscilDebugPrint:
+        .cfi_startproc
+        cmpb    $0, kelpDebugPrintingOn(%rip)
+        jne     kelpDebugPrintOn
+        ret
+        .cfi_endproc
+        .size   VscilDebugPrint, .-VscilDebugPrint
+)");
+
+extern "C" {
+#else
 void VscilDebugPrint(const char *format, ...)
 {
     if (!g_on.load(std::memory_order_relaxed) || format == nullptr)
@@ -169,6 +214,7 @@ void VscilDebugPrint(const char *format, ...)
     printText(format, args);
     va_end(args);
 }
+#endif
 
 int kelpRuntimeDebugPrinting(void)
 {

@@ -68,6 +68,19 @@ TEST_F(DebugPrinterTest, PrintingOnWritesTheExactBytesToTheDebugFile)
     EXPECT_EQ(read(file_), "KelpmibAttach: entry\ngetValue: -3 7 no newline[" + longText + "]\n");
 }
 
+// Arguments in every place a call passes them: the integer registers, the
+// vector registers (doubles) and, past six and eight of them, the stack.
+TEST_F(DebugPrinterTest, EveryArgumentOfALongCallIsPrinted)
+{
+    VscilDebugInit(nullptr);
+    VscilDebugToggle();
+    VscilDebugPrint("%d %ld %u %s %c %d %lld %s|%.2f %.1f %g %.3f %.1f %.1f %.1f %.1f %.2f %d\n", 1,
+                    -2L, 3u, "four", '5', 6, 7LL, "eight", 9.25, -10.5, 11.0, 12.125, 13.5, 14.5,
+                    15.5, 16.5, 17.75, 18);
+    EXPECT_EQ(read(file_), "1 -2 3 four 5 6 7 eight|9.25 -10.5 11 12.125 13.5 14.5 15.5 16.5 "
+                           "17.75 18\n");
+}
+
 TEST_F(DebugPrinterTest, PrintingOffWritesNothing)
 {
     VscilDebugInit(nullptr);
