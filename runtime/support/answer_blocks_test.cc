@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -55,6 +56,63 @@ TEST_F(AnswerBlocksTest, TheSmallestKeptBlockThatHoldsTheAnswerIsTaken)
     rt::giveBackAnswerBlock(small);
     rt::giveBackAnswerBlock(large);
     rt::giveBackAnswerBlock(fresh);
+}
+
+TEST_F(AnswerBlocksTest, TheSmallestThatHoldsIsTakenAcrossSizesNearAndFarApart)
+{
+    // Kept blocks a power of two apart and close together, then requests
+    // of each block's own size, one byte more, and below the smallest.
+    const size_t sizes[] = {40, 1000, 1100, 5000};
+    static_assert(std::size(sizes) == rt::kKeptAnswerBlocks);
+    std::vector<void *> blocks;
+    for (size_t size : sizes)
+        blocks.push_back(rt::takeAnswerBlock(size));
+    for (void *block : blocks)
+        rt::giveBackAnswerBlock(block);
+    ASSERT_EQ(rt::answerBlocksKept(), rt::kKeptAnswerBlocks);
+
+    struct Case {
+        size_t bytes;
+        size_t expected; // index into blocks
+    };
+    // Each case takes the block and gives it back.
+    const Case cases[] = {{1, 0},
+                          {40, 0},
+                          {malloc_usable_size(blocks[0]) + 1, 1},
+                          {1000, 1},
+                          {malloc_usable_size(blocks[1]) + 1, 2},
+                          {1100, 2},
+                          {malloc_usable_size(blocks[2]) + 1, 3},
+                          {5000, 3}};
+    for (const Case &c : cases) {
+        void *taken = rt::takeAnswerBlock(c.bytes);
+        EXPECT_EQ(taken, blocks[c.expected]) << c.bytes << " bytes";
+        rt::giveBackAnswerBlock(taken);
+    }
+    void *fresh = rt::takeAnswerBlock(malloc_usable_size(blocks[3]) + 1);
+    for (void *block : blocks)
+        EXPECT_NE(fresh, block) << "no kept block holds the answer";
+    std::free(fresh);
+    EXPECT_EQ(rt::answerBlocksKept(), rt::kKeptAnswerBlocks);
+}
+
+TEST_F(AnswerBlocksTest, OfBlocksOfOneSizeTheOneGivenBackLastIsTaken)
+{
+    std::vector<void *> blocks;
+    for (size_t i = 0; i < rt::kKeptAnswerBlocks; ++i)
+        blocks.push_back(rt::takeAnswerBlock(1000));
+    for (void *block : blocks)
+        rt::giveBackAnswerBlock(block);
+    // An answer and the one before it take turns in two blocks, as the
+    // thread's flat answer keeps one block and gives back the other.
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        void *taken = rt::takeAnswerBlock(1000);
+        EXPECT_EQ(taken, blocks[blocks.size() - 1 - i]);
+        rt::giveBackAnswerBlock(taken);
+        EXPECT_EQ(rt::takeAnswerBlock(1000), taken);
+        rt::giveBackAnswerBlock(taken);
+        std::free(rt::takeAnswerBlock(1000));
+    }
 }
 
 TEST_F(AnswerBlocksTest, AThreadKeepsAFewBlocksAndNoLargeOne)
