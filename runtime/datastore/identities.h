@@ -24,7 +24,8 @@ class Model; // datastore/model.h
 // before the lock of the served model (model_store.cc), so that a reader who
 // holds it and then takes the served model sees that model together with the
 // identities that go with it: a `set` of a Nexus swaps its model in and
-// follows it here under this lock.
+// follows it here under this lock. Every swap of the served model takes it,
+// so the model currentModel() answers stays valid while it is held.
 std::mutex &identityMutex();
 
 // Remembers the type and first Nexus of the objects at `positions` of m, as

@@ -2,10 +2,11 @@
 // changes, and kelpRuntimeLoadModel and kelpRuntimeServedModelPath.
 //
 // Read-copy-update: readers take a reference to the immutable Model under a
-// short lock; a change copies the data, edits the copy, builds a new Model
-// from it and only then swaps it in, so a failed change leaves nothing. A
-// load reads, parses and validates its file holding no lock a reader or a
-// change needs; only the swap is done under g_servedMutex, and the model it
+// short lock (or use it under identityMutex(), currentModel); a change
+// copies the data, edits the copy, builds a new Model from it and only then
+// swaps it in, so a failed change leaves nothing. A load reads, parses and
+// validates its file holding no lock a reader or a change needs; only the
+// swap is done under identityMutex() and g_servedMutex, and the model it
 // replaces is freed after every lock is let go.
 #include "datastore/model_store.h"
 
@@ -46,6 +47,12 @@ std::mutex g_changeMutex;
 // Guards g_served and g_servedFile; taken last, held only to copy or swap.
 std::mutex g_servedMutex;
 std::shared_ptr<const Model> g_served; // guarded by g_servedMutex; written under both
+// g_served for the queries that hold identityMutex(): every swap writes both
+// under that lock too, so such a reader uses the model without taking
+// g_servedMutex or a reference. The model it names cannot be let go while
+// the reader holds the lock, as the swap that replaces it needs the lock
+// first. Guarded by identityMutex().
+const Model *g_identityModel = nullptr;
 // g_served's ready flag: kNoModel, 0 or 1. Written with g_served.
 constexpr int kNoModel = -1;
 std::atomic<int> g_servedReady{kNoModel};
@@ -86,14 +93,22 @@ struct Served {
 // is made under the plug-in's rescan lock (eventif/model_swap.h).
 enum class Rows { kMayMove, kStay };
 
+// Whether the caller of publish already holds identityMutex().
+enum class Identities { kTake, kHeld };
+
 // Swaps `next` in and answers the model it replaced, for the caller to let
 // go of once it holds no lock.
-std::shared_ptr<const Model> publish(Served next,
-                                     Rows rows = Rows::kMayMove) // requires g_changeMutex
+std::shared_ptr<const Model> publish(Served next, Rows rows = Rows::kMayMove,
+                                     Identities identities = Identities::kTake)
+// requires g_changeMutex
 {
-    auto swap = [&next] {
+    auto swap = [&next, identities] {
+        std::unique_lock<std::mutex> identityLock;
+        if (identities == Identities::kTake)
+            identityLock = std::unique_lock(identityMutex());
         std::lock_guard lock(g_servedMutex);
         std::swap(g_served, next.model);
+        g_identityModel = g_served.get();
         g_servedReady.store(g_served == nullptr ? kNoModel : int{g_served->ready()});
         if (next.file)
             g_servedFile = std::move(*next.file);
@@ -186,7 +201,8 @@ bool change(std::string *error, Edit edit, Follow follow = Follow())
         } else {
             std::lock_guard identities(identityMutex());
             follow(*current, *next);
-            replaced = publish(Served{std::move(next), std::nullopt}, Rows::kStay);
+            replaced =
+                publish(Served{std::move(next), std::nullopt}, Rows::kStay, Identities::kHeld);
         }
     } catch (const std::bad_alloc &) {
         return fail(error, "out of memory");
@@ -270,9 +286,9 @@ std::optional<bool> servedModelReady()
     return ready != 0;
 }
 
-std::shared_ptr<const Model> currentModel()
+const Model *currentModel()
 {
-    return snapshot();
+    return g_identityModel;
 }
 
 bool servedModelFile(std::string *file)

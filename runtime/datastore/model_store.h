@@ -112,8 +112,9 @@ void settleServedModel();
 // The served model as servedModel() answers it once KELP_MODEL has been
 // tried, without trying it: for a reader that called servedModel() or
 // settleServedModel() first and now holds identityMutex(). Null when no model
-// is served.
-std::shared_ptr<const Model> currentModel();
+// is served. No reference is taken: the model stays valid while the caller
+// holds identityMutex(), since every swap takes that lock too.
+const Model *currentModel();
 
 // Serves a model the live source built (live/live_source.h), as a load
 // would, and from then on refuses every load and change the control socket

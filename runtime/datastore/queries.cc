@@ -243,7 +243,7 @@ template <typename Query> char *withIdentities(uint32_t *status, Query query)
         // before identityMutex(), never after it.
         kelp::ds::settleServedModel();
         std::lock_guard identities(kelp::ds::identityMutex());
-        std::shared_ptr<const Model> m = kelp::ds::currentModel();
+        const Model *m = kelp::ds::currentModel();
         if (m == nullptr)
             return answerWith(status, VSCIL_STATUS_UNAVAILABLE);
         return query(*m);

@@ -108,6 +108,29 @@ TEST_F(QueriesTest, SingleObjectIsItsRunStartingWithObjId)
     EXPECT_EQ(ask([](uint32_t *s) { return GetSingleObject(s, 1, 41); }), "<status 5>");
 }
 
+// The queries that hold the identity lock read the served model without
+// a reference of their own: every way of swapping a model in is seen by
+// the next one.
+TEST_F(QueriesTest, AnObjectsAnswerFollowsEachSwapOfTheModel)
+{
+    const auto object41 = [] { return ask([](uint32_t *s) { return GetSingleObject(s, 0, 41); }); };
+    load();
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v41</Nexus><ParentVDID>40</ParentVDID>");
+    std::string error;
+    ASSERT_TRUE(ds::setAttribute(41, "ParentVDID", "7", &error)) << error;
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v41</Nexus><ParentVDID>7</ParentVDID>");
+    ASSERT_TRUE(ds::setAttribute(41, "Nexus", "v42", &error)) << error; // follows the identity
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v42</Nexus><ParentVDID>7</ParentVDID>");
+    ASSERT_TRUE(ds::setReady(false, &error)) << error;
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v42</Nexus><ParentVDID>7</ParentVDID>");
+    load();
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v41</Nexus><ParentVDID>40</ParentVDID>");
+    ds::unloadModel();
+    EXPECT_EQ(object41(), "<status 7>");
+    load();
+    EXPECT_EQ(object41(), "<ObjID>41</ObjID><Nexus>v41</Nexus><ParentVDID>40</ParentVDID>");
+}
+
 TEST_F(QueriesTest, AssociatedObjectsOrNullWhenThereAreNone)
 {
     load();
