@@ -1,10 +1,8 @@
 // The calling thread's kept answer blocks (answer_blocks.h), by size class:
 // class c holds the blocks of usable size [2^c, 2^(c+1)). Every block of a
-// class above a request's holds it, and every block of a lower class is
-// smaller than any of a higher one, so the smallest block that holds a
-// request is the smallest fitting one of the request's class, else the
-// smallest of the lowest non-empty class above it: a bit mask finds that
-// class, and a class has at most a few blocks to compare.
+// class above a request's holds it, so a request takes a fitting block of
+// its own class, else one of the lowest non-empty class above it, which a
+// bit mask finds.
 #include "support/answer_blocks.h"
 
 #include <malloc.h>
@@ -78,40 +76,28 @@ void *takeFrom(KeptBlocks &kept, size_t c, size_t i)
     return block;
 }
 
-// The smallest block of class c of at least `bytes`, or kNone; of blocks
-// of one size, the one given back last, whose memory is the likeliest to
-// be in the cache still.
-constexpr size_t kNone = kKeptAnswerBlocks;
-size_t smallestFitting(const KeptBlocks &kept, size_t c, size_t bytes)
-{
-    size_t best = kNone;
-    for (size_t i = kept.inClass[c]; i-- > 0;) {
-        if (kept.usable[c][i] >= bytes &&
-            (best == kNone || kept.usable[c][i] < kept.usable[c][best]))
-            best = i;
-    }
-    return best;
-}
-
 } // namespace
 
 void *takeAnswerBlock(size_t bytes)
 {
     KeptBlocks &kept = t_kept;
-    if (kept.nonEmpty != 0 && bytes <= kLargestKeptAnswerBlock) {
-        const size_t c = classOf(bytes == 0 ? 1 : bytes);
-        if ((kept.nonEmpty >> c & 1) != 0) {
-            const size_t i = smallestFitting(kept, c, bytes);
-            if (i != kNone)
+    const uint32_t nonEmpty = kept.nonEmpty;
+    if (nonEmpty == 0 || bytes > kLargestKeptAnswerBlock)
+        return std::malloc(bytes);
+    const size_t c = classOf(bytes | 1);
+    if ((nonEmpty >> c & 1) != 0) {
+        // The last one given back first: its memory is the likeliest to be
+        // in the cache still.
+        for (size_t i = kept.inClass[c]; i-- > 0;) {
+            if (kept.usable[c][i] >= bytes)
                 return takeFrom(kept, c, i);
         }
-        const uint32_t above = kept.nonEmpty & ~((uint32_t{2} << c) - 1);
-        if (above != 0) {
-            const auto higher = static_cast<size_t>(std::countr_zero(above));
-            return takeFrom(kept, higher, smallestFitting(kept, higher, 0));
-        }
     }
-    return std::malloc(bytes);
+    const uint32_t above = nonEmpty & ~((uint32_t{2} << c) - 1);
+    if (above == 0)
+        return std::malloc(bytes);
+    const auto higher = static_cast<size_t>(std::countr_zero(above));
+    return takeFrom(kept, higher, kept.inClass[higher] - size_t{1});
 }
 
 void giveBackAnswerBlock(void *block)

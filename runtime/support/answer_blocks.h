@@ -17,8 +17,10 @@ namespace kelp::rt {
 constexpr size_t kKeptAnswerBlocks = 4;
 constexpr size_t kLargestKeptAnswerBlock = 16 * 1024;
 
-// A block of at least `bytes`: the smallest the calling thread kept that
-// holds them, else a new one (malloc); null when memory is short.
+// A block of at least `bytes`: one the calling thread kept, of the
+// smallest size class (usable bytes [2^c, 2^(c+1))) that holds them, and of
+// those the one given back last; else a new one (malloc). Null when memory
+// is short.
 void *takeAnswerBlock(size_t bytes);
 
 // A freed block of at least this size is followed by malloc_trim (a list

@@ -58,7 +58,7 @@ TEST_F(AnswerBlocksTest, TheSmallestKeptBlockThatHoldsTheAnswerIsTaken)
     rt::giveBackAnswerBlock(fresh);
 }
 
-TEST_F(AnswerBlocksTest, TheSmallestThatHoldsIsTakenAcrossSizesNearAndFarApart)
+TEST_F(AnswerBlocksTest, ABlockOfTheSmallestSizeClassThatHoldsTheAnswerIsTaken)
 {
     // Kept blocks a power of two apart and close together, then requests
     // of each block's own size, one byte more, and below the smallest.
