@@ -52,10 +52,12 @@ char *shortOfMemory(uint32_t *status)
 
 // An answer of `size` bytes that write(block) writes in place, with its
 // NUL, status 0; status 5 when memory is short. The text is made in the
-// block handed out, never copied.
-template <typename Write> char *answerOf(uint32_t *status, size_t size, Write write)
+// block handed out (takeFirst's when it has one, rt::answerBlock), never
+// copied.
+template <typename Write>
+char *answerOf(uint32_t *status, size_t size, void *(*takeFirst)(size_t), Write write)
 {
-    auto *block = static_cast<char *>(kelp::rt::answerBlock(size + 1));
+    auto *block = static_cast<char *>(kelp::rt::answerBlock(size + 1, takeFirst));
     if (block == nullptr) {
         kelp::rt::noteShortOfMemory(size + 1);
         return answerWith(status, kFailure);
@@ -66,6 +68,11 @@ template <typename Write> char *answerOf(uint32_t *status, size_t size, Write wr
     if (status != nullptr)
         *status = kOk;
     return block;
+}
+
+template <typename Write> char *answerOf(uint32_t *status, size_t size, Write write)
+{
+    return answerOf(status, size, nullptr, write);
 }
 
 // A heap copy of text with its NUL (answerOf).
@@ -156,7 +163,9 @@ constexpr size_t kKeptAnswerBytes = size_t{4} << 20;
 
 // The answer of the object at pos (answerOf). The plug-in reads it, and
 // its copy of it, attribute by attribute: the thread remembers its element
-// table (xmlsup/flat_answer.h) when the model's answers are flat texts.
+// table (xmlsup/flat_answer.h) when the model's answers are flat texts. It
+// replaces the thread's flat answer, so it is made in the block that
+// answer keeps when that holds it.
 // The answer is copied from the kept answers when it is there, else written
 // and kept. Requires identityMutex(), which guards the kept answers: every
 // query that answers an object holds it (withIdentities).
@@ -167,10 +176,11 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
     thread_local std::vector<kelp::rt::xml::FlatElement> t_elements;
     const size_t size = m.answerSize(pos);
     bool listed = m.hasFlatNames();
+    void *(*const takeFirst)(size_t) = kelp::rt::xml::takeFlatAnswerBlock;
     char *block;
     if (const std::optional<kelp::ds::WrittenAnswer> answer = kept.find(m, pos)) {
         listed = answer->listed;
-        block = answerOf(status, size, [&](char *out) {
+        block = answerOf(status, size, takeFirst, [&](char *out) {
             std::memcpy(out, answer->text.data(), size);
             if (listed) {
                 try {
@@ -181,7 +191,7 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
             }
         });
     } else {
-        block = answerOf(status, size, [&](char *out) {
+        block = answerOf(status, size, takeFirst, [&](char *out) {
             if (listed) {
                 try {
                     m.writeAnswer(pos, out, &t_elements);

@@ -54,10 +54,14 @@ void noteShortOfMemory(size_t bytes)
     }
 }
 
-void *answerBlock(size_t bytes)
+void *answerBlock(size_t bytes, void *(*takeFirst)(size_t))
 {
     if (g_failBlocks.load(std::memory_order_relaxed) && bytes >= g_failAtLeast.load())
         return nullptr;
+    if (takeFirst != nullptr) {
+        if (void *block = takeFirst(bytes))
+            return block;
+    }
     return takeAnswerBlock(bytes);
 }
 

@@ -16,10 +16,11 @@ namespace kelp::rt {
 // then at most once a minute. Safe from any thread.
 void noteShortOfMemory(size_t bytes);
 
-// A block of `bytes` for a data-store answer (takeAnswerBlock), or null. With
-// failAnswerBlocksForTesting(true) every block of `atLeast` bytes or more
-// is refused as if memory were short.
-void *answerBlock(size_t bytes);
+// A block of `bytes` for a data-store answer, or null: takeFirst(bytes) when
+// it is given and answers one (a block the answer is to replace), else
+// takeAnswerBlock's. With failAnswerBlocksForTesting(true) every block of
+// `atLeast` bytes or more is refused as if memory were short.
+void *answerBlock(size_t bytes, void *(*takeFirst)(size_t) = nullptr);
 void failAnswerBlocksForTesting(bool fail, size_t atLeast = 0);
 
 // The number of answers noted short of memory so far (for tests).

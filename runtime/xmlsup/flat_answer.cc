@@ -1,6 +1,7 @@
 // The calling thread's flat answer: its block, and its element table.
 #include "xmlsup/flat_answer.h"
 
+#include <malloc.h>
 #include <sanitizer/asan_interface.h>
 
 #include <array>
@@ -126,6 +127,21 @@ bool keepFlatAnswerBlock(char *block)
     flat.kept = block;
     ASAN_POISON_MEMORY_REGION(block, flat.length + 1);
     return true;
+}
+
+void *takeFlatAnswerBlock(size_t bytes)
+{
+    FlatAnswer &flat = t_flat;
+    char *block = flat.kept;
+    // The answer of a column's next row is of about the same size: a block
+    // that held the last one with its NUL holds one no longer, and the
+    // heap's count is asked only for a longer one.
+    if (block == nullptr || (bytes > flat.length + 1 && malloc_usable_size(block) < bytes))
+        return nullptr;
+    ASAN_UNPOISON_MEMORY_REGION(block, flat.length + 1);
+    flat.kept = nullptr;
+    flat.valid = false;
+    return block;
 }
 
 void noteAnswerFreed()

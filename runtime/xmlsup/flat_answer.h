@@ -65,6 +65,13 @@ void forgetFlatAnswer();
 // to any reader under AddressSanitizer); false when the caller frees it.
 bool keepFlatAnswerBlock(char *block);
 
+// The block the calling thread's flat answer keeps, handed out for a new
+// answer of `bytes` that is to replace it, or null when it keeps none or
+// the block is smaller. The flat answer is forgotten with it: the caller
+// remembers (or forgets) the answer it makes in the block, which saves
+// giving the block back and taking another.
+void *takeFlatAnswerBlock(size_t bytes);
+
 // Called by freeMem before an answer's memory is released: from then on no
 // thread trusts the block its flat answer was handed out in, as the memory
 // may hold another answer, unless the thread keeps it (keepFlatAnswerBlock).

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -277,6 +279,31 @@ TEST(FlatAnswerTest, TheBlockFreedByItsThreadIsKeptAndCopiesAreComparedWithIt)
     EXPECT_EQ(kelp::rt::answerBlocksKept(), blocksBefore + 1);
     EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
     xml::forgetFlatAnswer();
+}
+
+// The next answer, which replaces the flat answer, may be made in its kept
+// block: the block goes with the flat answer, and only when it holds the
+// answer.
+TEST(FlatAnswerTest, TheKeptBlockIsHandedOutForTheAnswerThatReplacesIt)
+{
+    EXPECT_EQ(xml::takeFlatAnswerBlock(1), nullptr) << "no answer";
+    char *block = rememberedBlock();
+    const std::string copy = block;
+    EXPECT_EQ(xml::takeFlatAnswerBlock(1), nullptr) << "the block is still out";
+    ASSERT_TRUE(xml::keepFlatAnswerBlock(block));
+    xml::noteAnswerFreed();
+    EXPECT_EQ(xml::takeFlatAnswerBlock(malloc_usable_size(block) + 1), nullptr) << "too small";
+    EXPECT_TRUE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed);
+
+    const size_t blocksBefore = kelp::rt::answerBlocksKept();
+    ASSERT_EQ(xml::takeFlatAnswerBlock(copy.size() + 1), block);
+    EXPECT_FALSE(xml::findInFlatAnswer(copy.data(), copy.size(), "Name", 0).indexed)
+        << "the flat answer went with its block";
+    std::memset(block, 'x', copy.size() + 1); // all of it is the caller's
+    EXPECT_EQ(xml::takeFlatAnswerBlock(1), nullptr) << "handed out once";
+    xml::forgetFlatAnswer();
+    EXPECT_EQ(kelp::rt::answerBlocksKept(), blocksBefore) << "nothing was given back";
+    kelp::rt::giveBackAnswerBlock(block);
 }
 
 // Once another answer was freed, the block handed out may have been freed
