@@ -97,10 +97,10 @@ enum class Rows { kMayMove, kStay };
 enum class Identities { kTake, kHeld };
 
 // Swaps `next` in and answers the model it replaced, for the caller to let
-// go of once it holds no lock.
+// go of once it holds no lock. Requires g_changeMutex; takes identityMutex()
+// unless the caller holds it (kHeld).
 std::shared_ptr<const Model> publish(Served next, Rows rows = Rows::kMayMove,
                                      Identities identities = Identities::kTake)
-// requires g_changeMutex
 {
     auto swap = [&next, identities] {
         std::unique_lock<std::mutex> identityLock;
