@@ -31,8 +31,8 @@ struct Printer {
 std::mutex g_printerMutex;
 Printer g_printer; // guarded by g_printerMutex
 // Written under g_printerMutex; read first by VscilDebugPrint, under a name
-// of its own for the entry below.
-std::atomic<bool> g_on __asm__("kelpDebugPrintingOn"){false};
+// of its own for the entry below, which the compiler must keep as it is.
+__attribute__((used)) std::atomic<bool> g_on __asm__("kelpDebugPrintingOn"){false};
 static_assert(sizeof(std::atomic<bool>) == 1 && std::atomic<bool>::is_always_lock_free,
               "the entry reads the switch as one byte");
 
