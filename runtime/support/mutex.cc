@@ -1,13 +1,16 @@
-// Recursive mutexes owned by the locking thread, with a lock time-out. Built on
-// std::mutex + condition_variable rather than std::recursive_timed_mutex
-// because an unlock by a thread that does not own the mutex must be refused,
-// not undefined. Time-outs are not scaled: they bound how long a caller waits.
+// Recursive mutexes owned by the locking thread, with a lock time-out. An
+// unlock by a thread that does not own the mutex must be refused, not
+// undefined, so the owner is kept in the mutex. A free mutex is taken, and
+// an unwaited one released, by one atomic operation on its owner word; a
+// thread that has to wait sleeps on a condition variable under an inner
+// std::mutex. Time-outs are not scaled: they bound how long a caller waits.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <new>
-#include <thread>
 
 #include "kelp/runtime.h"
 #include "support/lock_watch.h"
@@ -20,6 +23,18 @@ namespace {
 thread_local long t_waitLimitMs = -1;
 // Lock calls of this thread that ended without the mutex.
 thread_local unsigned long t_lockTimeouts = 0;
+// Its address names the thread in an owner word; aligned, so that the low
+// bit is free for kWaited.
+alignas(8) thread_local char t_self;
+
+// Set in an owner word while a thread may be waiting for the mutex: its
+// owner then releases it through the slow path, which wakes a waiter.
+constexpr uintptr_t kWaited = 1;
+
+uintptr_t self()
+{
+    return reinterpret_cast<uintptr_t>(&t_self);
+}
 
 // The wait a caller asked for, within the thread's bound.
 uint32_t boundedWait(uint32_t timeoutMs)
@@ -35,12 +50,60 @@ uint32_t boundedWait(uint32_t timeoutMs)
 } // namespace
 
 struct SMMutexRec {
+    // The owner thread (self()) with kWaited, or 0 when the mutex is free.
+    // It changes from or to 0 only by compare-and-swap, and the kWaited bit
+    // is set and the word cleared with kWaited set only under m.
+    std::atomic<uintptr_t> word{0};
+    uint32_t depth = 0; // read and written by the owner alone
     std::mutex m;
     std::condition_variable released;
-    std::thread::id owner; // guarded by m; default id = not held
-    uint32_t depth = 0;    // guarded by m
-    uint32_t waiting = 0;  // threads waiting for `released`; guarded by m
+    uint32_t waiting = 0; // threads in waitFor; guarded by m
 };
+
+namespace {
+
+// The slow path of SMMutexLock for a mutex held by another thread: waits up
+// to waitMs (SM_WAIT_FOREVER: without a bound) for it to be free and takes
+// it; false when the wait ended without it.
+bool waitFor(SMMutexRec *mutex, uintptr_t me, uint32_t waitMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
+    std::unique_lock lock(mutex->m);
+    ++mutex->waiting;
+    bool taken = false;
+    for (;;) {
+        uintptr_t seen = mutex->word.load(std::memory_order_relaxed);
+        if (seen == 0) {
+            // Another waiter may still sleep: its wake-up is this thread's
+            // to pass on at its release.
+            const uintptr_t mine = mutex->waiting > 1 ? me | kWaited : me;
+            if (mutex->word.compare_exchange_weak(seen, mine, std::memory_order_acquire,
+                                                  std::memory_order_relaxed)) {
+                taken = true;
+                break;
+            }
+            continue;
+        }
+        if ((seen & kWaited) == 0 &&
+            !mutex->word.compare_exchange_weak(seen, seen | kWaited, std::memory_order_relaxed,
+                                               std::memory_order_relaxed)) {
+            continue;
+        }
+        // The owner's release of a waited mutex clears the word under m
+        // and notifies, so a wake-up between the check and the wait is not
+        // lost.
+        if (waitMs == SM_WAIT_FOREVER)
+            mutex->released.wait(lock);
+        else if (mutex->released.wait_until(lock, deadline) == std::cv_status::timeout &&
+                 mutex->word.load(std::memory_order_relaxed) != 0) {
+            break;
+        }
+    }
+    --mutex->waiting;
+    return taken;
+}
+
+} // namespace
 
 extern "C" {
 
@@ -53,28 +116,20 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
 {
     if (mutex == nullptr)
         return SM_STATUS_FAILURE;
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock lock(mutex->m);
-    if (mutex->owner == self) {
+    const uintptr_t me = self();
+    uintptr_t seen = mutex->word.load(std::memory_order_relaxed);
+    // Only this thread writes its own name into the word.
+    if ((seen & ~kWaited) == me) {
         ++mutex->depth;
         return SM_STATUS_SUCCESS;
     }
-    auto isFree = [mutex] { return mutex->owner == std::thread::id(); };
-    if (!isFree()) {
-        const uint32_t waitMs = boundedWait(timeoutMs);
-        bool freed = true;
-        ++mutex->waiting;
-        if (waitMs == SM_WAIT_FOREVER)
-            mutex->released.wait(lock, isFree);
-        else
-            freed = mutex->released.wait_for(lock, std::chrono::milliseconds(waitMs), isFree);
-        --mutex->waiting;
-        if (!freed) {
-            ++t_lockTimeouts;
-            return SM_STATUS_TIMEOUT;
-        }
+    seen = 0;
+    if (!mutex->word.compare_exchange_strong(seen, me, std::memory_order_acquire,
+                                             std::memory_order_relaxed) &&
+        !waitFor(mutex, me, boundedWait(timeoutMs))) {
+        ++t_lockTimeouts;
+        return SM_STATUS_TIMEOUT;
     }
-    mutex->owner = self;
     mutex->depth = 1;
     kelp::rt::noteMutexTaken();
     return SM_STATUS_SUCCESS;
@@ -84,22 +139,36 @@ uint32_t SMMutexUnLock(SMMutexHandle mutex)
 {
     if (mutex == nullptr)
         return SM_STATUS_FAILURE;
-    std::lock_guard lock(mutex->m);
-    if (mutex->owner != std::this_thread::get_id())
+    const uintptr_t me = self();
+    if ((mutex->word.load(std::memory_order_relaxed) & ~kWaited) != me)
         return SM_STATUS_FAILURE;
-    if (--mutex->depth == 0) {
-        mutex->owner = std::thread::id();
-        kelp::rt::noteMutexReleased();
-        // Under the lock, so that a thread that takes, drops and destroys the
-        // mutex next cannot free it under this call.
-        if (mutex->waiting > 0)
-            mutex->released.notify_one();
+    if (--mutex->depth != 0)
+        return SM_STATUS_SUCCESS;
+    kelp::rt::noteMutexReleased();
+    uintptr_t seen = me;
+    if (mutex->word.compare_exchange_strong(seen, 0, std::memory_order_release,
+                                            std::memory_order_relaxed)) {
+        return SM_STATUS_SUCCESS;
     }
+    // Waited: cleared and notified under m, so that a waiter cannot check
+    // the word and sleep in between, and a thread that takes, drops and
+    // destroys the mutex next cannot free it under this call
+    // (SMMutexDestroy takes m first).
+    std::lock_guard lock(mutex->m);
+    mutex->word.store(0, std::memory_order_release);
+    if (mutex->waiting > 0)
+        mutex->released.notify_one();
     return SM_STATUS_SUCCESS;
 }
 
 void SMMutexDestroy(SMMutexHandle mutex)
 {
+    if (mutex == nullptr)
+        return;
+    // Waits for a release of the mutex still under way on another thread.
+    {
+        std::lock_guard lock(mutex->m);
+    }
     delete mutex;
 }
 

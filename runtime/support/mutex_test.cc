@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "kelp/runtime.h"
 #include "vcsupt.h"
@@ -182,6 +183,94 @@ TEST(MutexTest, ABoundedThreadStillTakesAFreeMutexAndItsOwnAgain)
         EXPECT_EQ(SMMutexUnLock(m), 0u);
     });
     SMMutexDestroy(m);
+}
+
+TEST(MutexTest, AWaiterOfARecursivelyHeldMutexGetsItAtTheLastUnlock)
+{
+    SMMutexHandle m = SMMutexCreate(0);
+    ASSERT_EQ(SMMutexLock(m, 0), 0u);
+    ASSERT_EQ(SMMutexLock(m, 0), 0u);
+    std::atomic<bool> taken{false};
+    std::thread waiter([&] {
+        EXPECT_EQ(SMMutexLock(m, SM_WAIT_FOREVER), 0u);
+        taken = true;
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+    });
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_EQ(SMMutexUnLock(m), 0u);
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_FALSE(taken.load());
+    EXPECT_EQ(SMMutexUnLock(m), 0u);
+    waiter.join();
+    EXPECT_TRUE(taken.load());
+    SMMutexDestroy(m);
+}
+
+TEST(MutexTest, AWaitThatTimedOutLeavesTheMutexToItsOwnerAndThenFree)
+{
+    SMMutexHandle m = SMMutexCreate(0);
+    ASSERT_EQ(SMMutexLock(m, 0), 0u);
+    onOtherThread([m] { EXPECT_EQ(SMMutexLock(m, 20), 3u); });
+    // Still the owner's, recursively, after a wait on it gave up.
+    EXPECT_EQ(SMMutexLock(m, 0), 0u);
+    EXPECT_EQ(SMMutexUnLock(m), 0u);
+    EXPECT_EQ(SMMutexUnLock(m), 0u);
+    EXPECT_EQ(SMMutexUnLock(m), 5u);
+    onOtherThread([m] {
+        EXPECT_EQ(SMMutexLock(m, 0), 0u);
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+    });
+    SMMutexDestroy(m);
+}
+
+TEST(MutexTest, ThreadsTakingItInTurnsAreNeverInsideTogether)
+{
+    SMMutexHandle m = SMMutexCreate(0);
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 2000;
+    std::atomic<int> inside{0};
+    long count = 0; // guarded by m
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                // Some rounds wait briefly and may give up.
+                const uint32_t wait = (i + t) % 7 == 0 ? 0 : SM_WAIT_FOREVER;
+                if (SMMutexLock(m, wait) != 0)
+                    continue;
+                EXPECT_EQ(SMMutexLock(m, 0), 0u);
+                EXPECT_EQ(inside.fetch_add(1), 0);
+                ++count;
+                inside.fetch_sub(1);
+                EXPECT_EQ(SMMutexUnLock(m), 0u);
+                EXPECT_EQ(SMMutexUnLock(m), 0u);
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_GT(count, 0);
+    EXPECT_LE(count, long{kThreads} * kRounds);
+    EXPECT_EQ(SMMutexUnLock(m), 5u);
+    EXPECT_EQ(SMMutexLock(m, 0), 0u);
+    EXPECT_EQ(SMMutexUnLock(m), 0u);
+    SMMutexDestroy(m);
+}
+
+TEST(MutexTest, AMutexMayBeDestroyedByTheThreadThatTookItFromAWaitedRelease)
+{
+    for (int round = 0; round < 50; ++round) {
+        SMMutexHandle m = SMMutexCreate(0);
+        ASSERT_EQ(SMMutexLock(m, 0), 0u);
+        std::thread next([m] {
+            EXPECT_EQ(SMMutexLock(m, SM_WAIT_FOREVER), 0u);
+            EXPECT_EQ(SMMutexUnLock(m), 0u);
+            SMMutexDestroy(m);
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+        next.join();
+    }
 }
 
 TEST(MutexTest, NullHandleAnswers5)
