@@ -110,6 +110,34 @@ TEST(ExportContextTest, SetWithTheSavedRecordOverTheNewOne)
     }
 }
 
+// saved receives every byte of the context installed before, as the caller
+// handed it in (but for the texts' last bytes): the bytes after the names'
+// ends and after the path, and either way round of each record's edges.
+TEST(ExportContextTest, SavedGetsEveryByteOfThePreviousContext)
+{
+    SMExportContext first, second, saved, back;
+    auto *const f = reinterpret_cast<unsigned char *>(&first);
+    auto *const s = reinterpret_cast<unsigned char *>(&second);
+    for (size_t i = 0; i < sizeof first; ++i) {
+        f[i] = static_cast<unsigned char>(i * 7 + 1);
+        s[i] = static_cast<unsigned char>(i * 13 + 5);
+    }
+    SMExportContext expected = first;
+    expected.moduleName[sizeof expected.moduleName - 1] = '\0';
+    expected.modulePath[sizeof expected.modulePath - 1] = '\0';
+    ASSERT_EQ(SMSetExportContext(&back, &first), 0u);
+    std::memset(&saved, 0xee, sizeof saved);
+    ASSERT_EQ(SMSetExportContext(&saved, &second), 0u);
+    EXPECT_EQ(std::memcmp(&saved, &expected, sizeof saved), 0);
+    // Reset installs the record whole: a later Set hands it back.
+    ASSERT_EQ(SMResetExportContext(&saved), 0u);
+    SMExportContext again;
+    ASSERT_EQ(SMSetExportContext(&again, &second), 0u);
+    EXPECT_EQ(std::memcmp(&again, &expected, sizeof again), 0);
+    ASSERT_EQ(SMResetExportContext(&back), 0u);
+    EXPECT_EQ(kelp::rt::currentModuleName(), "");
+}
+
 TEST(ExportContextTest, TheContextBelongsToTheThread)
 {
     SMExportContext a = contextNamed("alpha"), saved;
