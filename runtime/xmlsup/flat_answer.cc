@@ -13,6 +13,9 @@
 namespace kelp::rt::xml {
 namespace {
 
+// What a look-up reads. Trivially destructible, so that a look-up reaches
+// it without the first-use check of a thread_local with a destructor; the
+// element storage and the kept block are owned by FlatOwner.
 struct FlatAnswer {
     bool valid = false;
     // The block the answer was handed out in, its length without the NUL,
@@ -24,28 +27,45 @@ struct FlatAnswer {
     // copies are compared with, and out of bounds to everyone else. Null
     // while the block is out, and when another thread freed it.
     char *kept = nullptr;
-    std::vector<FlatElement> elements;
+    // FlatOwner::elements' data and size.
+    const FlatElement *elements = nullptr;
+    size_t count = 0;
     bool distinctNames = false;
     // Where a tag was last found, by a hash of the tag (hintSlot); tried
     // first in an answer of distinct names, and kept across answers.
     std::array<uint32_t, 32> hints{};
-
-    ~FlatAnswer() { releaseKept(); }
-
-    void releaseKept()
-    {
-        if (kept == nullptr)
-            return;
-        ASAN_UNPOISON_MEMORY_REGION(kept, length + 1);
-        giveBackAnswerBlock(kept);
-        kept = nullptr;
-    }
 };
 
 // Per thread: an answer is read by the thread that asked for it, and no
-// lock is taken on the way. The table keeps its capacity from one answer
-// to the next.
-thread_local FlatAnswer t_flat;
+// lock is taken on the way.
+constinit thread_local FlatAnswer t_flat;
+
+void releaseKept(FlatAnswer &flat)
+{
+    if (flat.kept == nullptr)
+        return;
+    ASAN_UNPOISON_MEMORY_REGION(flat.kept, flat.length + 1);
+    giveBackAnswerBlock(flat.kept);
+    flat.kept = nullptr;
+}
+
+// The thread's element table, which keeps its capacity from one answer to
+// the next; made with the thread's first answer, and at the thread's end
+// gives the kept block back. Every FlatAnswer that is valid was remembered
+// through it.
+struct FlatOwner {
+    std::vector<FlatElement> elements;
+
+    ~FlatOwner()
+    {
+        t_flat.valid = false;
+        t_flat.elements = nullptr;
+        t_flat.count = 0;
+        releaseKept(t_flat);
+    }
+};
+
+thread_local FlatOwner t_owner;
 
 // Answers freed so far, by any thread.
 std::atomic<uint64_t> g_answersFreed{0};
@@ -57,12 +77,33 @@ size_t hintSlot(std::string_view tag)
     return (tag.size() * 7 + static_cast<unsigned char>(tag.back())) % 32;
 }
 
+// Whether a[0..n) and b[0..n) hold the same bytes. Names are short: up to
+// 16 bytes are compared as two overlapping words from each side, without a
+// call.
+bool sameBytes(const char *a, const char *b, size_t n)
+{
+    const auto word = [](const char *p, auto zero) {
+        decltype(zero) w;
+        std::memcpy(&w, p, sizeof w);
+        return w;
+    };
+    if (n >= 8 && n <= 16) {
+        return ((word(a, uint64_t{}) ^ word(b, uint64_t{})) |
+                (word(a + n - 8, uint64_t{}) ^ word(b + n - 8, uint64_t{}))) == 0;
+    }
+    if (n >= 4 && n < 8) {
+        return ((word(a, uint32_t{}) ^ word(b, uint32_t{})) |
+                (word(a + n - 4, uint32_t{}) ^ word(b + n - 4, uint32_t{}))) == 0;
+    }
+    return std::memcmp(a, b, n) == 0;
+}
+
 // Whether element e of xml is named tag.
 bool named(const char *xml, const FlatElement &e, std::string_view tag)
 {
     // Most names differ in length or in their first letter.
     return e.nameSize == tag.size() && xml[e.nameStart] == tag.front() &&
-           std::memcmp(xml + e.nameStart, tag.data(), tag.size()) == 0;
+           sameBytes(xml + e.nameStart, tag.data(), tag.size());
 }
 
 } // namespace
@@ -99,8 +140,11 @@ void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement
                         bool distinctNames)
 {
     FlatAnswer &flat = t_flat;
-    flat.releaseKept();
-    flat.elements.swap(*elements);
+    FlatOwner &owner = t_owner;
+    releaseKept(flat);
+    owner.elements.swap(*elements);
+    flat.elements = owner.elements.data();
+    flat.count = owner.elements.size();
     flat.distinctNames = distinctNames;
     flat.block = text;
     flat.length = length;
@@ -111,7 +155,7 @@ void rememberFlatAnswer(const char *text, size_t length, std::vector<FlatElement
 void forgetFlatAnswer()
 {
     t_flat.valid = false;
-    t_flat.releaseKept();
+    releaseKept(t_flat);
 }
 
 bool keepFlatAnswerBlock(char *block)
@@ -188,11 +232,11 @@ IndexedLookup findInFlatAnswer(const char *xml, size_t length, std::string_view 
     // With distinct names, the one element of the tag's name is its first.
     uint32_t &hint = flat.hints[hintSlot(tag)];
     const bool hinted = flat.distinctNames && occurrence == 0;
-    if (hinted && hint < flat.elements.size() && named(xml, flat.elements[hint], tag))
+    if (hinted && hint < flat.count && named(xml, flat.elements[hint], tag))
         return found(flat.elements[hint]);
     uint32_t seen = 0;
     bool anyNamed = false; // tag names an element of the text
-    for (size_t i = 0; i < flat.elements.size(); ++i) {
+    for (size_t i = 0; i < flat.count; ++i) {
         const FlatElement &e = flat.elements[i];
         if (!named(xml, e, tag))
             continue;

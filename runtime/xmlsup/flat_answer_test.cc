@@ -143,6 +143,45 @@ TEST(FlatAnswerTest, AnswersOfDistinctNamesAreAnsweredAsScannedInAnyOrder)
     xml::forgetFlatAnswer();
 }
 
+// Names of every length up to 20 that differ from each other in one byte
+// only, first, in the middle or last: each tag finds its own element.
+TEST(FlatAnswerTest, NamesThatDifferInOneByteAreToldApart)
+{
+    for (size_t length = 1; length <= 20; ++length) {
+        const std::string base(length, 'a');
+        std::vector<std::string> names = {base};
+        for (const size_t at : {size_t{0}, length / 2, length - 1}) {
+            std::string name = base;
+            name[at] = 'b';
+            if (name != names.back())
+                names.push_back(name);
+        }
+        std::vector<std::pair<std::string, std::string>> elements;
+        for (const std::string &name : names)
+            elements.emplace_back(name, "of " + name);
+        const auto [text, table] = flatText(elements);
+        remember(text, table, true);
+        const std::string copy = text;
+        // Twice: the second look-up of each tag tries the place it was found.
+        for (int round = 0; round < 2; ++round) {
+            for (const std::string &name : names) {
+                SCOPED_TRACE(name);
+                const xml::IndexedLookup lookup =
+                    xml::findInFlatAnswer(copy.data(), copy.size(), name, 0);
+                ASSERT_TRUE(lookup.indexed);
+                EXPECT_EQ(lookup.raw, std::optional<std::string_view>("of " + name));
+            }
+            std::string absent = base;
+            absent[length - 1] = 'c';
+            const xml::IndexedLookup none =
+                xml::findInFlatAnswer(copy.data(), copy.size(), absent, 0);
+            EXPECT_TRUE(none.indexed);
+            EXPECT_FALSE(none.raw.has_value());
+        }
+    }
+    xml::forgetFlatAnswer();
+}
+
 // Where a name repeats, the first element of that name is found by the
 // scan, never at the place the tag stood in an answer before.
 TEST(FlatAnswerTest, AnAnswerThatRepeatsANameIsScanned)

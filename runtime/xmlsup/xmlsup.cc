@@ -30,8 +30,12 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
         // store carry a table, and the thread's last scan of a short text is
         // kept; any other text is scanned.
         const std::string_view name(tag);
-        kelp::rt::xml::IndexedLookup lookup =
-            kelp::rt::xml::findInReadinessAnswer(xml, xmlLength, name, occurrence);
+        // Both readiness answers have one length, which few other texts
+        // have.
+        static_assert(kelp::rt::xml::kReadyAnswer.size() == kelp::rt::xml::kNotReadyAnswer.size());
+        kelp::rt::xml::IndexedLookup lookup;
+        if (xmlLength == kelp::rt::xml::kReadyAnswer.size())
+            lookup = kelp::rt::xml::findInReadinessAnswer(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
             lookup = kelp::rt::xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
