@@ -2,6 +2,7 @@
 // mode the XML support library offers.
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,60 @@
 #include "xmlsup/readiness_answer.h"
 #include "xmlsup/xml_scan.h"
 
+namespace {
+
+namespace xml = kelp::rt::xml;
+
+// Status numbers of XMLSupGetXMLMemData.
+constexpr uint32_t kFound = 0;
+constexpr uint32_t kNotFound = 2;
+constexpr uint32_t kFailed = 5;
+constexpr uint32_t kTooSmall = 16;
+
+// The element through a long answer's table or the thread's last scan, or
+// else by a scan (kept as the last scan). Out of line: most look-ups are
+// answered by the readiness answer or the flat answer first. Throws
+// std::bad_alloc without memory for a long answer's table.
+__attribute__((noinline)) std::optional<std::string_view>
+lookUpElsewhere(const char *text, uint32_t length, std::string_view name, uint32_t occurrence)
+{
+    xml::IndexedLookup lookup = xml::findIndexed(text, length, name, occurrence);
+    if (!lookup.indexed)
+        lookup = xml::findInLastScan(text, length, name, occurrence);
+    if (lookup.indexed)
+        return lookup.raw;
+    std::optional<std::string_view> raw =
+        xml::findElement(std::string_view(text, length), name, occurrence);
+    xml::rememberScan(text, length, name, occurrence, raw);
+    return raw;
+}
+
+// Hands out `value` into out[0..*size) with its NUL, as XMLSupGetXMLMemData
+// does.
+uint32_t handOut(std::string_view value, uint32_t *size, char *out)
+{
+    const size_t needed = value.size() + 1;
+    if (needed > *size) {
+        *size = static_cast<uint32_t>(needed);
+        return kTooSmall;
+    }
+    // An empty value may have no text behind it at all.
+    if (!value.empty())
+        std::memcpy(out, value.data(), value.size());
+    out[value.size()] = '\0';
+    *size = static_cast<uint32_t>(needed);
+    return kFound;
+}
+
+// handOut for a value that holds an entity: decoded into a copy first.
+__attribute__((noinline)) uint32_t handOutDecoded(std::string_view raw, uint32_t *size, char *out)
+{
+    const std::string decoded = xml::decodeEntities(raw);
+    return handOut(decoded, size, out);
+}
+
+} // namespace
+
 extern "C" {
 
 uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, uint32_t occurrence,
@@ -20,58 +75,35 @@ uint32_t XMLSupGetXMLMemData(uint32_t mode0, const char *tag, uint32_t mode1, ui
                              const void *context, const char *xml, uint32_t xmlLength)
 {
     if (mode0 != 0 || mode1 != 1 || mode2 != 1 || mode3 != 0 || context != nullptr)
-        return 5;
+        return kFailed;
     if (tag == nullptr || tag[0] == '\0' || size == nullptr || out == nullptr || xml == nullptr) {
-        return 5;
+        return kFailed;
     }
     try {
         // The readiness answer's code has a fixed place, the thread's last
         // one-object answer (or a copy of it) and long answers of the data
         // store carry a table, and the thread's last scan of a short text is
-        // kept; any other text is scanned.
+        // kept; any other text is scanned. Both readiness answers have one
+        // length, which few other texts have.
+        static_assert(xml::kReadyAnswer.size() == xml::kNotReadyAnswer.size());
         const std::string_view name(tag);
-        // Both readiness answers have one length, which few other texts
-        // have.
-        static_assert(kelp::rt::xml::kReadyAnswer.size() == kelp::rt::xml::kNotReadyAnswer.size());
-        kelp::rt::xml::IndexedLookup lookup;
-        if (xmlLength == kelp::rt::xml::kReadyAnswer.size())
-            lookup = kelp::rt::xml::findInReadinessAnswer(xml, xmlLength, name, occurrence);
+        xml::IndexedLookup lookup;
+        if (xmlLength == xml::kReadyAnswer.size())
+            lookup = xml::findInReadinessAnswer(xml, xmlLength, name, occurrence);
         if (!lookup.indexed)
-            lookup = kelp::rt::xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
-        if (!lookup.indexed)
-            lookup = kelp::rt::xml::findIndexed(xml, xmlLength, name, occurrence);
-        if (!lookup.indexed)
-            lookup = kelp::rt::xml::findInLastScan(xml, xmlLength, name, occurrence);
-        std::optional<std::string_view> raw = lookup.raw;
-        if (!lookup.indexed) {
-            raw = kelp::rt::xml::findElement(std::string_view(xml, xmlLength), name, occurrence);
-            kelp::rt::xml::rememberScan(xml, xmlLength, name, occurrence, raw);
-        }
+            lookup = xml::findInFlatAnswer(xml, xmlLength, name, occurrence);
+        const std::optional<std::string_view> raw =
+            lookup.indexed ? lookup.raw : lookUpElsewhere(xml, xmlLength, name, occurrence);
         if (!raw)
-            return 2;
-        // Most values hold no entity and are copied as they stand; the
-        // others are decoded into a copy first.
-        std::string decoded;
-        std::string_view value = *raw;
-        if (value.find('&') != std::string_view::npos) {
-            decoded = kelp::rt::xml::decodeEntities(value);
-            value = decoded;
-        }
-        const size_t needed = value.size() + 1;
-        if (needed > *size) {
-            *size = static_cast<uint32_t>(needed);
-            return 16;
-        }
-        // An empty value may have no text behind it at all.
-        if (!value.empty())
-            std::memcpy(out, value.data(), value.size());
-        out[value.size()] = '\0';
-        *size = static_cast<uint32_t>(needed);
-        return 0;
+            return kNotFound;
+        // Most values hold no entity and are handed out as they stand.
+        if (raw->find('&') != std::string_view::npos)
+            return handOutDecoded(*raw, size, out);
+        return handOut(*raw, size, out);
     } catch (const std::exception &) {
         // Out of memory for a decoded copy or for a long answer's table.
         kelp::rt::noteShortOfMemory(0);
-        return 5;
+        return kFailed;
     }
 }
 
