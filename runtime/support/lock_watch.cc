@@ -6,26 +6,16 @@
 namespace kelp::rt {
 namespace {
 
-// Mutexes the thread holds; a mutex is released by the thread that holds it.
-thread_local uint32_t t_held = 0;
 std::atomic<uint64_t> g_lockedWaits{0};
 
 } // namespace
 
-void noteMutexTaken()
-{
-    ++t_held;
-}
-
-void noteMutexReleased()
-{
-    if (t_held > 0)
-        --t_held;
-}
+// A mutex is released by the thread that holds it.
+alignas(8) constinit thread_local uint32_t t_mutexesHeld = 0;
 
 void noteEventWait()
 {
-    if (t_held > 0)
+    if (t_mutexesHeld > 0)
         g_lockedWaits.fetch_add(1);
 }
 

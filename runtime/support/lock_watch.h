@@ -10,10 +10,23 @@
 
 namespace kelp::rt {
 
+// Mutexes the calling thread holds. Its address also names the thread as a
+// mutex's owner (mutex.cc): eight-byte aligned, so that the low bits of an
+// owner word are free.
+alignas(8) extern constinit thread_local uint32_t t_mutexesHeld;
+
 // The calling thread took a mutex (SMMutexLock, first level) or let one go
-// (SMMutexUnLock, last level).
-void noteMutexTaken();
-void noteMutexReleased();
+// (SMMutexUnLock, last level). Inline: they run with every mutex call.
+inline void noteMutexTaken()
+{
+    ++t_mutexesHeld;
+}
+
+inline void noteMutexReleased()
+{
+    if (t_mutexesHeld > 0)
+        --t_mutexesHeld;
+}
 
 // The calling thread starts an event wait (SMEventWait); counted when it
 // holds a mutex.

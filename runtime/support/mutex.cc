@@ -23,17 +23,15 @@ namespace {
 thread_local long t_waitLimitMs = -1;
 // Lock calls of this thread that ended without the mutex.
 thread_local unsigned long t_lockTimeouts = 0;
-// Its address names the thread in an owner word; aligned, so that the low
-// bit is free for kWaited.
-alignas(8) thread_local char t_self;
-
 // Set in an owner word while a thread may be waiting for the mutex: its
 // owner then releases it through the slow path, which wakes a waiter.
 constexpr uintptr_t kWaited = 1;
 
+// The calling thread's name in an owner word: the address of its count of
+// mutexes held (lock_watch.h), so that one thread-local access serves both.
 uintptr_t self()
 {
-    return reinterpret_cast<uintptr_t>(&t_self);
+    return reinterpret_cast<uintptr_t>(&kelp::rt::t_mutexesHeld);
 }
 
 // The wait a caller asked for, within the thread's bound.
@@ -50,7 +48,7 @@ uint32_t boundedWait(uint32_t timeoutMs)
 } // namespace
 
 struct SMMutexRec {
-    // The owner thread (self()) with kWaited, or 0 when the mutex is free.
+    // The owner thread (self()), with kWaited, or 0 when the mutex is free.
     // It changes from or to 0 only by compare-and-swap, and the kWaited bit
     // is set and the word cleared with kWaited set only under m.
     std::atomic<uintptr_t> word{0};
