@@ -48,9 +48,9 @@ uint32_t boundedWait(uint32_t timeoutMs)
 } // namespace
 
 struct SMMutexRec {
-    // The owner thread (self()), with kWaited, or 0 when the mutex is free.
-    // It changes from or to 0 only by compare-and-swap, and the kWaited bit
-    // is set and the word cleared with kWaited set only under m.
+    // The owner thread (self()), perhaps with kWaited, or 0 when the mutex
+    // is free. A thread takes it from 0 by compare-and-swap; waiters set
+    // kWaited under m, and a word with kWaited is cleared only under m.
     std::atomic<uintptr_t> word{0};
     uint32_t depth = 0; // read and written by the owner alone
     std::mutex m;
