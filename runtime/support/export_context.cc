@@ -132,8 +132,10 @@ __attribute__((noinline)) uint32_t SMGetExportContext(SMExportContext *ctx)
 
 // A module calls SMSetExportContext and SMResetExportContext around every
 // dispatch. On x86-64 they are built twice, for x86-64-v3 (AVX2) and for
-// any processor, and the loader binds the one the processor runs.
-#if defined(__x86_64__) && defined(__GNUC__)
+// any processor, and the loader binds the one the processor runs. GCC
+// only: clang 14 names the dispatching symbol "SMSetExportContext.ifunc",
+// which leaves the exported name undefined.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #define KELP_CONTEXT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define KELP_CONTEXT_CLONES
