@@ -20,6 +20,15 @@ template <typename F> void onOtherThread(F body)
     t.join();
 }
 
+// Another thread takes the mutex at once, and lets it go.
+void expectFreeToAnotherThread(SMMutexHandle m)
+{
+    onOtherThread([m] {
+        EXPECT_EQ(SMMutexLock(m, 0), 0u);
+        EXPECT_EQ(SMMutexUnLock(m), 0u);
+    });
+}
+
 TEST(MutexTest, LockAnswers3WhileAnotherThreadHoldsItAnd0AfterRelease)
 {
     SMMutexHandle m = SMMutexCreate(0);
@@ -72,10 +81,7 @@ TEST(MutexTest, UnlockByANonOwnerAnswers5AndChangesNothing)
         EXPECT_EQ(SMMutexLock(m, 0), 3u); // still held by the owner
     });
     EXPECT_EQ(SMMutexUnLock(m), 0u);
-    onOtherThread([m] {
-        EXPECT_EQ(SMMutexLock(m, 0), 0u);
-        EXPECT_EQ(SMMutexUnLock(m), 0u);
-    });
+    expectFreeToAnotherThread(m);
     SMMutexDestroy(m);
 }
 
@@ -97,10 +103,7 @@ TEST(MutexTest, RecursiveLockNeedsAsManyUnlocks)
     onOtherThread([m] { EXPECT_EQ(SMMutexLock(m, 0), 3u); });
     EXPECT_EQ(SMMutexUnLock(m), 0u);
     EXPECT_EQ(SMMutexUnLock(m), 5u);
-    onOtherThread([m] {
-        EXPECT_EQ(SMMutexLock(m, 0), 0u);
-        EXPECT_EQ(SMMutexUnLock(m), 0u);
-    });
+    expectFreeToAnotherThread(m);
     SMMutexDestroy(m);
 }
 
@@ -216,10 +219,7 @@ TEST(MutexTest, AWaitThatTimedOutLeavesTheMutexToItsOwnerAndThenFree)
     EXPECT_EQ(SMMutexUnLock(m), 0u);
     EXPECT_EQ(SMMutexUnLock(m), 0u);
     EXPECT_EQ(SMMutexUnLock(m), 5u);
-    onOtherThread([m] {
-        EXPECT_EQ(SMMutexLock(m, 0), 0u);
-        EXPECT_EQ(SMMutexUnLock(m), 0u);
-    });
+    expectFreeToAnotherThread(m);
     SMMutexDestroy(m);
 }
 
