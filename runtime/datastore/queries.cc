@@ -52,10 +52,10 @@ char *shortOfMemory(uint32_t *status)
 
 // An answer of `size` bytes that write(block) writes in place, with its
 // NUL, status 0; status 5 when memory is short. The text is made in the
-// block handed out (takeFirst's when it has one, rt::answerBlock), never
-// copied.
+// block handed out (takeFirst's when it is given and has one,
+// rt::answerBlock), never copied.
 template <typename Write>
-char *answerOf(uint32_t *status, size_t size, void *(*takeFirst)(size_t), Write write)
+char *answerOf(uint32_t *status, size_t size, Write write, void *(*takeFirst)(size_t) = nullptr)
 {
     auto *block = static_cast<char *>(kelp::rt::answerBlock(size + 1, takeFirst));
     if (block == nullptr) {
@@ -68,11 +68,6 @@ char *answerOf(uint32_t *status, size_t size, void *(*takeFirst)(size_t), Write 
     if (status != nullptr)
         *status = kOk;
     return block;
-}
-
-template <typename Write> char *answerOf(uint32_t *status, size_t size, Write write)
-{
-    return answerOf(status, size, nullptr, write);
 }
 
 // A heap copy of text with its NUL (answerOf).
@@ -176,34 +171,39 @@ char *objectAnswer(uint32_t *status, const Model &m, size_t pos)
     thread_local std::vector<kelp::rt::xml::FlatElement> t_elements;
     const size_t size = m.answerSize(pos);
     bool listed = m.hasFlatNames();
-    void *(*const takeFirst)(size_t) = kelp::rt::xml::takeFlatAnswerBlock;
     char *block;
     if (const std::optional<kelp::ds::WrittenAnswer> answer = kept.find(m, pos)) {
         listed = answer->listed;
-        block = answerOf(status, size, takeFirst, [&](char *out) {
-            std::memcpy(out, answer->text.data(), size);
-            if (listed) {
-                try {
-                    t_elements.assign(answer->elements.begin(), answer->elements.end());
-                } catch (const std::bad_alloc &) {
-                    listed = false;
+        block = answerOf(
+            status, size,
+            [&](char *out) {
+                std::memcpy(out, answer->text.data(), size);
+                if (listed) {
+                    try {
+                        t_elements.assign(answer->elements.begin(), answer->elements.end());
+                    } catch (const std::bad_alloc &) {
+                        listed = false;
+                    }
                 }
-            }
-        });
+            },
+            kelp::rt::xml::takeFlatAnswerBlock);
     } else {
-        block = answerOf(status, size, takeFirst, [&](char *out) {
-            if (listed) {
-                try {
-                    m.writeAnswer(pos, out, &t_elements);
-                } catch (const std::bad_alloc &) {
-                    // No room for the table: the answer is written without one.
-                    listed = false;
+        block = answerOf(
+            status, size,
+            [&](char *out) {
+                if (listed) {
+                    try {
+                        m.writeAnswer(pos, out, &t_elements);
+                    } catch (const std::bad_alloc &) {
+                        // No room for the table: the answer is written without one.
+                        listed = false;
+                    }
                 }
-            }
-            if (!listed)
-                m.writeAnswer(pos, out);
-            kept.keep(m, pos, out, size, listed, t_elements);
-        });
+                if (!listed)
+                    m.writeAnswer(pos, out);
+                kept.keep(m, pos, out, size, listed, t_elements);
+            },
+            kelp::rt::xml::takeFlatAnswerBlock);
     }
     if (block != nullptr && listed)
         kelp::rt::xml::rememberFlatAnswer(block, size, &t_elements, m.hasDistinctNames());
