@@ -698,7 +698,9 @@ bool SnmpAgent::open(std::string *error)
 
 void SnmpAgent::sendColdStart()
 {
-    if (!settings_.subagent && traps_ && traps_->count() > 0) {
+    // With sinks given but none usable, the trap is still sent, to nowhere:
+    // it is logged as a storage trap would be.
+    if (!settings_.subagent && traps_) {
         sendTrapNow(coldStartTrap());
     }
 }

@@ -323,5 +323,20 @@ TEST_F(AgentTraps, AnInformSinkOverTcpIsRefusedAndTheOthersServe)
         << agentLog();
 }
 
+// Sinks were asked for and none can be used: coldStart is logged as going
+// nowhere, as storage traps are, not left out of the log.
+TEST_F(AgentTraps, AColdStartWithOnlyUnusableSinksIsLoggedAsSentNowhere)
+{
+    start({"--trap-sink", "inform:tcp:127.0.0.1:9"});
+    EXPECT_NE(agentLog().find("trap coldStart sent nowhere\n"), std::string::npos) << agentLog();
+}
+
+// Without any --trap-sink there is no coldStart, and no line about one.
+TEST_F(AgentTraps, WithoutTrapSinksNoColdStartIsLogged)
+{
+    start({});
+    EXPECT_EQ(agentLog().find("coldStart"), std::string::npos) << agentLog();
+}
+
 } // namespace
 } // namespace kelp::test
