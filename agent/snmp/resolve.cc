@@ -231,13 +231,43 @@ bool sameTable(std::span<const uint32_t> a, std::span<const uint32_t> b)
            a[kMibRootLength] == b[kMibRootLength] && a[kMibRootLength + 1] == b[kMibRootLength + 1];
 }
 
+// The first column after `column` that a walk of `table` visits, or 0.
+uint32_t columnAfter(const ServedTable &table, uint32_t column)
+{
+    for (uint32_t next = column + 1; next <= table.columns; next++) {
+        if (table.hasColumn(next))
+            return next;
+    }
+    return 0;
+}
+
+// What passedOver found: the instance after the name, or a Get's failure,
+// in `answer`; or that the plug-in is to be asked again from the same
+// cursor.
+struct PassedOver {
+    std::optional<Answer> answer;
+    bool askAgain = false;
+};
+
 // The first instance after `name` in a table the plug-in's walk from
 // `cursor` passed over on its way to `upTo` (nullopt: to the end of its
-// walk) because the table's first row does not answer: nullopt when there
-// is none, or an Answer with the instance (or a Get's failure).
-std::optional<Answer> passedOver(const Dispatch &dispatch, std::span<const uint32_t> cursor,
-                                 std::optional<std::span<const uint32_t>> upTo,
-                                 std::span<const uint64_t> name)
+// walk) because the table's first row does not answer: no answer when there
+// is none.
+//
+// The tables can change between the plug-in's answer and the agent's Gets:
+// a model swapped in takes a first row away or brings it back before any
+// rebuild. A table whose first row answers now, though the walk passed over
+// it, had none when the plug-in answered. Seen from before its first cell,
+// the table's first cell is the answer. Seen from within it, the walk left
+// it past its last cell, or over the missing row: then the cell right after
+// the cursor, or row 1 of the next column, answers now. The first is the
+// answer; for the second the plug-in is asked again (askAgain), and when
+// `askedAgain` says it was, its answer stands. Asking again costs as much
+// as the walk's way out of the table, which can be long, so it is not done
+// where the walk left past the last cell.
+PassedOver passedOver(const Dispatch &dispatch, std::span<const uint32_t> cursor,
+                      std::optional<std::span<const uint32_t>> upTo, std::span<const uint64_t> name,
+                      bool askedAgain)
 {
     for (const ServedTable &table : kServedTables) {
         std::span<const uint32_t> rest;
@@ -246,6 +276,7 @@ std::optional<Answer> passedOver(const Dispatch &dispatch, std::span<const uint3
         }
         uint32_t column = 1;
         uint32_t row = 1;
+        bool fromACell = false; // the cursor is at or past the first cell
         switch (placeOf(cursor, table, &rest)) {
         case Place::kAfter:
             continue;
@@ -258,6 +289,7 @@ std::optional<Answer> passedOver(const Dispatch &dispatch, std::span<const uint3
             if (rest.size() >= 2 && rest[0] == 1) {
                 column = std::max<uint32_t>(rest[1], 1);
                 row = rest.size() >= 3 && rest[1] > 0 ? rest[2] + 1 : 1;
+                fromACell = rest[1] > 1 || (rest[1] == 1 && rest.size() >= 3 && rest[2] >= 1);
                 if (row == 0) { // after row 2^32-1
                     column++;
                     row = 1;
@@ -265,22 +297,44 @@ std::optional<Answer> passedOver(const Dispatch &dispatch, std::span<const uint3
             }
             break;
         }
+        if (fromACell && askedAgain) {
+            continue; // the plug-in, asked again, left this table too
+        }
         Answer first = getCell(dispatch, table, 1, 1);
         if (failed(first.outcome)) {
-            return first;
+            return {first};
         }
         if (first.outcome == Outcome::kValue) {
-            continue; // the plug-in walks this table cell by cell
+            if (!fromACell) {
+                if (compareNames(first.name.span(), name) > 0)
+                    return {first};
+                continue;
+            }
+            Answer after = getCell(dispatch, table, column, row);
+            if (failed(after.outcome) ||
+                (after.outcome == Outcome::kValue && compareNames(after.name.span(), name) > 0)) {
+                return {after};
+            }
+            if (const uint32_t nextColumn = columnAfter(table, column); nextColumn != 0) {
+                Answer columnStart = getCell(dispatch, table, nextColumn, 1);
+                if (failed(columnStart.outcome)) {
+                    return {columnStart};
+                }
+                if (columnStart.outcome == Outcome::kValue) {
+                    return {std::nullopt, true};
+                }
+            }
+            continue; // the plug-in walked this table cell by cell
         }
         Answer found = scanTable(dispatch, table, column, row, name);
         if (found.outcome == Outcome::kValue) {
             noteRow(found.name.span());
         }
         if (found.outcome != Outcome::kEndOfSubtree) {
-            return found;
+            return {found};
         }
     }
-    return std::nullopt;
+    return {};
 }
 
 } // namespace
@@ -338,8 +392,11 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
         }
     }
     std::optional<PluginName> cursor = cursorAfter(name);
-    // Every step asks from a name strictly after the previous one, so the
-    // walk ends even when the plug-in keeps answering names without values.
+    // Whether the plug-in was asked again from this cursor (passedOver).
+    bool askedAgain = false;
+    // Every step asks from a name strictly after the previous one, or asks
+    // again from the same one once, so the walk ends even when the plug-in
+    // keeps answering names without values.
     for (int step = 0; cursor && step < kMaxGetNextSteps; step++) {
         RequestRecord request(*cursor);
         ReplyLease reply;
@@ -351,12 +408,19 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
         if (outcome == Outcome::kEndOfSubtree || (next && !movesForward(*next, request.name()))) {
             // Nothing after the cursor in the plug-in's walk; the walk goes
             // on with the tables after it.
-            cursor = nextTableRoot(request.name());
+            std::optional<PluginName> following = nextTableRoot(request.name());
             std::optional<std::span<const uint32_t>> upTo;
-            if (cursor)
-                upTo = cursor->span();
-            if (std::optional<Answer> skipped = passedOver(dispatch, request.name(), upTo, name))
-                return *skipped;
+            if (following)
+                upTo = following->span();
+            PassedOver skipped = passedOver(dispatch, request.name(), upTo, name, askedAgain);
+            if (skipped.answer)
+                return *skipped.answer;
+            if (skipped.askAgain) {
+                askedAgain = true;
+                continue;
+            }
+            cursor = std::move(following);
+            askedAgain = false;
             continue;
         }
         if (!next) {
@@ -373,9 +437,14 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
                 classifyName(answer.name.span()) == NameKind::kInstance) {
                 // Within the cursor's table the plug-in's walk passed over nothing.
                 if (!sameTable(*next, request.name())) {
-                    if (std::optional<Answer> skipped =
-                            passedOver(dispatch, request.name(), *next, name))
-                        return *skipped;
+                    PassedOver skipped =
+                        passedOver(dispatch, request.name(), *next, name, askedAgain);
+                    if (skipped.answer)
+                        return *skipped.answer;
+                    if (skipped.askAgain) {
+                        askedAgain = true;
+                        continue;
+                    }
                 }
                 answer.outcome = Outcome::kValue;
                 noteRow(answer.name.span());
@@ -383,6 +452,7 @@ Answer answerGetNext(const Dispatch &dispatch, std::span<const uint64_t> name, b
             }
         }
         cursor.emplace().assign(*next); // the reply's name fits a PluginName
+        askedAgain = false;
     }
     return outcomeOnly(cursor ? Outcome::kGenErr : Outcome::kEndOfSubtree);
 }

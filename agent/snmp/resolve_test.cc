@@ -174,6 +174,7 @@ TEST(AnswerGet, EveryDispatchGetsAFreshlyPresetReplyAfterOneThatChangedItAll)
     // (FakeModule checks it), and an answer of nothing must not read what the
     // reply before it held.
     FakeModule module;
+    module.firstRowsAnswer = false; // no table has a row
     module.step = [](int call, SMSnmpValue *reply) {
         if (call == 0) {
             setName(reply, below({3, 0}));
@@ -287,7 +288,9 @@ TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
     };
     for (const NextCase &c : cases) {
         FakeModule module;
-        module.step = [&](int, SMSnmpValue *reply) {
+        module.step = [&](int call, SMSnmpValue *reply) {
+            if (module.calls[static_cast<size_t>(call)].command == SM_CMD_GET)
+                return 2u; // the cells after the cursor
             setName(reply, c.replyName);
             if (c.withValue) {
                 setText(reply, "5.2.0");
@@ -296,8 +299,16 @@ TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
         };
         const Answer answer = answerGetNext(module.dispatch(), from, false);
         EXPECT_EQ(answer.outcome, c.outcome) << c.what;
-        ASSERT_EQ(module.calls.size(), 1u) << c.what;
+        ASSERT_FALSE(module.calls.empty()) << c.what;
         EXPECT_EQ(module.calls[0].command, uint32_t{SM_CMD_GETNEXT});
+        // Where the plug-in's walk ends within a table whose first row
+        // answers, the cells right after the cursor are asked for, in case
+        // the table changed.
+        const std::vector<FakeModule::Call> gets(module.calls.begin() + 1, module.calls.end());
+        for (const FakeModule::Call &get : gets) {
+            EXPECT_EQ(get.command, uint32_t{SM_CMD_GET}) << c.what;
+        }
+        EXPECT_EQ(gets.size(), c.outcome == Outcome::kEndOfSubtree ? 2u : 0u) << c.what;
         if (c.outcome == Outcome::kValue) {
             EXPECT_EQ(answer.name, c.replyName);
             EXPECT_EQ(answer.value.bytes, "5.2.0");
@@ -307,9 +318,13 @@ TEST(AnswerGetNext, EachDispatchResultAndReplyMapsAsTheTableSays)
 
 TEST(AnswerGetNext, NothingAfterATableGoesOnWithTheNextTablesUntilOneAnswers)
 {
+    // Tables 130.1 to 130.4 have no rows, and the plug-in's walk ends in
+    // each of them.
     FakeModule module;
-    module.step = [](int call, SMSnmpValue *reply) {
-        if (call < 3) {
+    module.firstRowsAnswer = false;
+    int getNexts = 0;
+    module.step = [&](int call, SMSnmpValue *reply) {
+        if (module.calls[static_cast<size_t>(call)].command != SM_CMD_GETNEXT || getNexts++ < 3) {
             return 2u;
         }
         setName(reply, below({130, 5, 1, 1, 1}));
@@ -319,11 +334,16 @@ TEST(AnswerGetNext, NothingAfterATableGoesOnWithTheNextTablesUntilOneAnswers)
     const Answer answer = answerGetNext(module.dispatch(), below({130, 1, 1, 73, 9}), false);
     ASSERT_EQ(answer.outcome, Outcome::kValue);
     EXPECT_EQ(answer.name, below({130, 5, 1, 1, 1}));
-    ASSERT_EQ(module.calls.size(), 4u);
+    std::vector<Arcs> walked;
+    for (const FakeModule::Call &call : module.calls) {
+        if (call.command == SM_CMD_GETNEXT)
+            walked.push_back(call.request);
+    }
+    ASSERT_EQ(walked.size(), 4u);
     const Name asked[] = {below({130, 1, 1, 73, 9}), below({130, 2}), below({130, 3}),
                           below({130, 4})};
     for (size_t i = 0; i < 4; i++) {
-        EXPECT_EQ(module.calls[i].request, Arcs(asked[i].begin(), asked[i].end())) << i;
+        EXPECT_EQ(walked[i], Arcs(asked[i].begin(), asked[i].end())) << i;
     }
 }
 
@@ -625,28 +645,140 @@ TEST(AnswerGetNext, ARowAGetAnsweredIsReachedPastTheHolesBeforeIt)
     EXPECT_EQ(answer.name, below({140, 5, 1, 1, 150}));
 }
 
-TEST(AnswerGetNext, LeavingATableWhoseFirstRowAnswersCostsOneGetAndWithinATableNone)
-{
+// A fan table (130.7) whose row 1 comes back while a walk is in it: rows 1
+// and 2 of columns 1 and 2 answer, except that the plug-in's walk is
+// answered as it was before, with row 1 gone, for its first `goneFor`
+// calls: it passes over the table to the next one's first cell. The
+// agent's Gets, which come after, see row 1.
+struct RowOneComesBack {
     FakeModule module;
-    module.step = [](int call, SMSnmpValue *reply) {
-        setName(reply, call == 0 ? below({130, 1, 1, 2, 1}) : below({130, 2, 1, 1, 1}));
+    int goneFor = 1;
+    int getNexts = 0;
+
+    RowOneComesBack()
+    {
+        module.firstRowsAnswer = false;
+        module.step = [this](int call, SMSnmpValue *reply) {
+            const auto &asked = module.calls[static_cast<size_t>(call)];
+            const Arcs &name = asked.request;
+            const bool fans = name.size() >= 12 && name[10] == 130 && name[11] == 7;
+            if (asked.command == SM_CMD_GETNEXT) {
+                const bool gone = getNexts++ < goneFor;
+                Name next = below({130, 8, 1, 1, 1});
+                if (fans && !gone) {
+                    // The cell after the one asked from, in walk order.
+                    const uint64_t column = name.size() > 13 ? name[13] : 1;
+                    const uint64_t row = name.size() > 14 ? name[14] : 0;
+                    if (column < 1 || (column == 1 && row == 0))
+                        next = below({130, 7, 1, 1, 1});
+                    else if (row < 2)
+                        next = below({130, 7, 1, column, row + 1});
+                    else if (column < 2)
+                        next = below({130, 7, 1, column + 1, 1});
+                }
+                setName(reply, next);
+                reply->type = SM_ASN_INTEGER;
+                reply->value = static_cast<uint32_t>(next[13] * 10 + next[14]);
+                return 0u;
+            }
+            const bool present = fans && name.size() == kCellLength && name[13] <= 2 &&
+                                 name[14] >= 1 && name[14] <= 2;
+            if (!present)
+                return 2u;
+            reply->type = SM_ASN_INTEGER;
+            reply->value = name[13] * 10 + name[14];
+            return 0u;
+        };
+    }
+
+    Answer next(const Name &from) { return answerGetNext(module.dispatch(), from, false); }
+};
+
+TEST(AnswerGetNext, AFirstRowThatCameBackAfterThePluginPassedOverItsTableHidesNoRow)
+{
+    // From within the table: the next cell of the column, read by Get, or,
+    // at the column's end, the plug-in's walk asked again.
+    const struct {
+        Name from, to;
+        int getNexts;
+    } walk[] = {
+        {below({130, 7, 1, 1, 1}), below({130, 7, 1, 1, 2}), 1},
+        {below({130, 7, 1, 2, 1}), below({130, 7, 1, 2, 2}), 1},
+        {below({130, 7, 1, 1}), below({130, 7, 1, 1, 1}), 1},
+        {below({130, 7, 1, 2}), below({130, 7, 1, 2, 1}), 1},
+        {below({130, 7, 1, 1, 2}), below({130, 7, 1, 2, 1}), 2},
+    };
+    for (const auto &[from, to, getNexts] : walk) {
+        RowOneComesBack plugin;
+        const Answer answer = plugin.next(from);
+        ASSERT_EQ(answer.outcome, Outcome::kValue) << ::testing::PrintToString(from);
+        EXPECT_EQ(answer.name, to) << ::testing::PrintToString(from);
+        EXPECT_EQ(answer.value.integer, static_cast<int64_t>(to[13] * 10 + to[14]));
+        EXPECT_EQ(plugin.getNexts, getNexts) << ::testing::PrintToString(from);
+    }
+    // From before the table: its first cell, without asking the plug-in again.
+    for (const Name &from : {below({130, 6, 1, 7, 3}), below({130, 7}), below({130, 7, 1})}) {
+        RowOneComesBack plugin;
+        const Answer answer = plugin.next(from);
+        ASSERT_EQ(answer.outcome, Outcome::kValue) << ::testing::PrintToString(from);
+        EXPECT_EQ(answer.name, below({130, 7, 1, 1, 1})) << ::testing::PrintToString(from);
+        EXPECT_EQ(answer.value.integer, 11);
+        EXPECT_EQ(plugin.getNexts, 1);
+    }
+}
+
+TEST(AnswerGetNext, APluginThatKeepsLeavingATableWhoseFirstRowAnswersIsAskedAgainOnce)
+{
+    // Past the table's last cell the plug-in leaves it, and is not asked
+    // again: nothing after the cursor answers.
+    RowOneComesBack plugin;
+    plugin.goneFor = 0;
+    Answer answer = plugin.next(below({130, 7, 1, 2, 2}));
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 8, 1, 1, 1}));
+    EXPECT_EQ(plugin.getNexts, 1);
+
+    // A plug-in that passes over the table every time it is asked, from the
+    // end of a column whose next column answers.
+    RowOneComesBack always;
+    always.goneFor = 1000;
+    answer = always.next(below({130, 7, 1, 1, 2}));
+    ASSERT_EQ(answer.outcome, Outcome::kValue);
+    EXPECT_EQ(answer.name, below({130, 8, 1, 1, 1}));
+    EXPECT_EQ(always.getNexts, 2);
+}
+
+TEST(AnswerGetNext, LeavingATableWhoseFirstRowAnswersCostsTwoGetsAndWithinATableNone)
+{
+    // Leaving it, the agent asks for the table's first cell and the cell
+    // right after the cursor (the last column has no column after it).
+    FakeModule module;
+    int getNexts = 0;
+    module.step = [&](int call, SMSnmpValue *reply) {
+        if (module.calls[static_cast<size_t>(call)].command == SM_CMD_GET)
+            return 2u;
+        setName(reply, getNexts++ == 0 ? below({130, 1, 1, 2, 1}) : below({130, 2, 1, 1, 1}));
         setText(reply, "x");
         return 0u;
     };
     EXPECT_EQ(answerGetNext(module.dispatch(), below({130, 1, 1, 1, 9}), false).name,
               below({130, 1, 1, 2, 1}));
     EXPECT_EQ(module.firstRowGets, 0);
+    EXPECT_EQ(module.calls.size(), 1u);
     EXPECT_EQ(answerGetNext(module.dispatch(), below({130, 1, 1, 73, 9}), false).name,
               below({130, 2, 1, 1, 1}));
     EXPECT_EQ(module.firstRowGets, 1);
-    EXPECT_EQ(module.calls.size(), 2u);
+    ASSERT_EQ(module.calls.size(), 3u);
+    EXPECT_EQ(module.calls[2].command, uint32_t{SM_CMD_GET});
+    const Name after = below({130, 1, 1, 73, 10});
+    EXPECT_EQ(module.calls[2].request, Arcs(after.begin(), after.end()));
 }
 
 TEST(AnswerRepetitions, EachRepetitionGoesOnFromTheOneBeforeUntilTheCountOrAnEnd)
 {
     FakeModule module;
     module.step = [](int call, SMSnmpValue *reply) {
-        if (call == 3) {
+        if (call >= 3) {
             return 2u;
         }
         setName(reply, below({140, 6, 1, 1, static_cast<uint64_t>(call) + 1}));
