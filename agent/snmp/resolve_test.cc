@@ -517,6 +517,17 @@ TEST(AnswerGetNext, NamesBeforeTheRequestAreSkippedAndAColumnThePluginEndsOnGoes
     }
 }
 
+// A Get's answer from the fake plug-ins below: a cell that is present
+// holds its column * 10 + its row.
+uint32_t answerCell(bool present, const Arcs &name, SMSnmpValue *reply)
+{
+    if (!present)
+        return 2u;
+    reply->type = SM_ASN_INTEGER;
+    reply->value = name[13] * 10 + name[14];
+    return 0u;
+}
+
 // A plug-in whose fan table (130.7) lost the device of its row 1: Get
 // answers rows 2 and 3 of columns 1 and 2, and the plug-in's walk passes
 // over the table to the next one's first cell, or ends when `ends`.
@@ -541,11 +552,7 @@ struct HoleInRowOne {
             const bool fans = asked.size() == kCellLength && asked[10] == 130 && asked[11] == 7;
             const bool present = fans ? asked[13] <= 2 && (asked[14] == 2 || asked[14] == 3)
                                       : asked[11] == 8 && asked[13] == 1 && asked[14] == 1;
-            if (!present)
-                return 2u;
-            reply->type = SM_ASN_INTEGER;
-            reply->value = asked[13] * 10 + asked[14];
-            return 0u;
+            return answerCell(present, asked, reply);
         };
     }
 
@@ -683,11 +690,7 @@ struct RowOneComesBack {
             }
             const bool present = fans && name.size() == kCellLength && name[13] <= 2 &&
                                  name[14] >= 1 && name[14] <= 2;
-            if (!present)
-                return 2u;
-            reply->type = SM_ASN_INTEGER;
-            reply->value = name[13] * 10 + name[14];
-            return 0u;
+            return answerCell(present, name, reply);
         };
     }
 
