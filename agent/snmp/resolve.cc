@@ -255,8 +255,8 @@ struct PassedOver {
 // is none.
 //
 // The tables can change between the plug-in's answer and the agent's Gets:
-// a model swapped in takes a first row away or brings it back before any
-// rebuild. A table whose first row answers now, though the walk passed over
+// a model swapped in, or a rebuild, takes a first row away or brings it
+// back. A table whose first row answers now, though the walk passed over
 // it, had none when the plug-in answered. Seen from before its first cell,
 // the table's first cell is the answer. Seen from within it, the walk left
 // it past its last cell, or over the missing row: then the cell right after
