@@ -122,15 +122,16 @@ uint32_t SMMutexLock(SMMutexHandle mutex, uint32_t timeoutMs)
         return SM_STATUS_SUCCESS;
     }
     seen = 0;
-    // A caller that only tries (a wait of 0, asked for or the thread's
-    // bound) gives up here: marking the word waited would only send the
-    // owner's release down the slow path.
-    const uint32_t waitMs = boundedWait(timeoutMs);
     if (!mutex->word.compare_exchange_strong(seen, me, std::memory_order_acquire,
-                                             std::memory_order_relaxed) &&
-        (waitMs == 0 || !waitFor(mutex, me, waitMs))) {
-        ++t_lockTimeouts;
-        return SM_STATUS_TIMEOUT;
+                                             std::memory_order_relaxed)) {
+        // A caller that only tries (a wait of 0, asked for or the thread's
+        // bound) gives up here: marking the word waited would only send the
+        // owner's release down the slow path.
+        const uint32_t waitMs = boundedWait(timeoutMs);
+        if (waitMs == 0 || !waitFor(mutex, me, waitMs)) {
+            ++t_lockTimeouts;
+            return SM_STATUS_TIMEOUT;
+        }
     }
     mutex->depth = 1;
     kelp::rt::noteMutexTaken();
