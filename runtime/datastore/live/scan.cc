@@ -268,8 +268,9 @@ void scanStorageAttributes(ScanState &s)
 // A note for each whole disk of /sys/block that no reader served and none
 // passed over on purpose, so that a missing row has its reason: devices the
 // kernel makes up (loop, zram, md, dm, nbd, under /sys/devices/virtual),
-// SCSI devices (the SCSI reader takes or leaves them by their type) and
-// the areas of a served disk (an eMMC's boot areas) are not named.
+// SCSI devices (the SCSI reader takes or leaves them by their type), the
+// areas of a served disk (an eMMC's boot areas) and the devices the kernel
+// hides (the paths of a multipath NVMe namespace) are not named.
 void noteUnservedDisks(ScanState &s)
 {
     std::set<std::string> scsiDirs = s.scsiDirsUnread;
@@ -280,6 +281,10 @@ void noteUnservedDisks(ScanState &s)
             continue;
         auto blockDir = s.root.resolve("/sys/block/" + name);
         if (!blockDir || blockDir->starts_with("/sys/devices/virtual/"))
+            continue;
+        std::string head;
+        if (parseNumber(s.root.attr(*blockDir, "hidden").value_or("")) == 1u ||
+            (namespaceOf(name, &head) != 0 && s.diskByBlock.count(head) != 0))
             continue;
         const std::string_view parent = dirName(*blockDir);
         if (s.diskByBlock.count(std::string(baseName(parent))) != 0 ||

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "datastore/live/scan_internal.h"
 
@@ -38,7 +39,10 @@ std::string vpdSerial(ScanState &s, const std::string &dir)
         return std::string();
     const size_t length = static_cast<size_t>(static_cast<unsigned char>((*page)[2])) << 8 |
                           static_cast<unsigned char>((*page)[3]);
-    return cleanValue(page->substr(4, length));
+    // Drives pad the serial number with blanks or NULs.
+    std::string serial = page->substr(4, length);
+    serial.erase(serial.find_last_not_of(std::string_view(" \0", 2)) + 1);
+    return cleanValue(serial);
 }
 
 // A write cache setting as sysfs words it (the block layer's `write_cache`,
@@ -129,9 +133,25 @@ std::string worldWideName(ScanState &s, const std::string &dir)
     return kind == "naa" || kind == "eui" || kind == "iqn" ? id : std::string();
 }
 
+// A further path to `disk`, in `state` and `status`: the disk takes the
+// state of its best path, with status non-critical while one of its paths
+// works and another does not.
+void addPathState(LiveObject *disk, uint64_t state, int status)
+{
+    const int kept = static_cast<int>(
+        parseNumber(attrOf(*disk, "ObjStatus")).value_or(static_cast<uint64_t>(kStatusUnknown)));
+    if (status == kStatusOk && kept > kStatusOk) {
+        addStatus(disk, state, kStatusNonCritical);
+    } else if (kept == kStatusOk && status > kStatusOk) {
+        set(&disk->attributes, "ObjStatus", std::to_string(kStatusNonCritical));
+        set(&disk->attributes, "TreeStatus", std::to_string(kStatusNonCritical));
+    } else if (kept == kStatusCritical && status == kStatusNonCritical) {
+        addStatus(disk, state, status); // a path that may come back beats a dead one
+    }
+}
+
 // SCSI device `dir` is a further path to disk `index`: its device and block
-// device name that disk. The disk takes the state of its best path, with
-// status non-critical while one of its paths works and another does not.
+// device name that disk, and its state counts as addPathState says.
 void addPath(ScanState &s, const std::string &dir, size_t index)
 {
     s.diskByDevice.emplace(dir, index);
@@ -139,15 +159,7 @@ void addPath(ScanState &s, const std::string &dir, size_t index)
     if (!blocks.empty())
         s.diskByBlock.emplace(blocks.front(), index);
     const auto [state, status] = scsiState(s, dir);
-    LiveObject &disk = s.scan.objects[index];
-    const int kept = static_cast<int>(
-        parseNumber(attrOf(disk, "ObjStatus")).value_or(static_cast<uint64_t>(kStatusUnknown)));
-    if (status == kStatusOk && kept > kStatusOk) {
-        addStatus(&disk, state, kStatusNonCritical);
-    } else if (kept == kStatusOk && status > kStatusOk) {
-        set(&disk.attributes, "ObjStatus", std::to_string(kStatusNonCritical));
-        set(&disk.attributes, "TreeStatus", std::to_string(kStatusNonCritical));
-    }
+    addPathState(&s.scan.objects[index], state, status);
 }
 
 // "VENDOR MODEL", or the model alone for an ATA disk (whose vendor is the
@@ -449,7 +461,10 @@ void setIfKnown(LiveObject *o, const char *name, const std::string &value)
         set(&o->attributes, name, value);
 }
 
-// The namespace number of nvmeXnY or nvmeXcZnY, or 0.
+} // namespace
+
+// The namespace number in the name nvmeXnY or nvmeXcZnY, or 0; the name of
+// the block device the kernel serves it as, nvmeXnY, in *blockName.
 uint32_t namespaceOf(const std::string &name, std::string *blockName)
 {
     unsigned ctrl = 0, path = 0, ns = 0;
@@ -464,6 +479,17 @@ uint32_t namespaceOf(const std::string &name, std::string *blockName)
         return ns;
     }
     return 0;
+}
+
+namespace {
+
+// The NSID of the namespace of block device `blockDir` (the kernel's name
+// counts the namespaces of a subsystem, its NSID is the drive's), or the
+// number in its name.
+uint32_t namespaceIdOf(ScanState &s, const std::string &blockDir, uint32_t fromName)
+{
+    auto nsid = parseNumber(s.root.attr(blockDir, "nsid").value_or(""));
+    return nsid && *nsid > 0 && *nsid < 0xffffffffu ? static_cast<uint32_t>(*nsid) : fromName;
 }
 
 } // namespace
@@ -539,9 +565,10 @@ void scanNvme(ScanState &s)
         setIfKnown(&adapter, "MaxLinkWidth", link.maxWidth);
 
         ScanState::HealthQuery health{HealthKind::kNvme, "/dev/" + cleanValue(name), {}, {}};
+        std::set<std::string> blocksHere;
         for (const std::string &entry : s.root.listIn(*dir)) {
             std::string blockName;
-            const uint32_t ns = namespaceOf(entry, &blockName);
+            uint32_t ns = namespaceOf(entry, &blockName);
             if (ns == 0)
                 continue;
             auto blockDir = s.root.resolve("/sys/block/" + blockName);
@@ -549,10 +576,16 @@ void scanNvme(ScanState &s)
                 s.note("NVMe namespace " + entry + ": no block device " + blockName);
                 continue;
             }
-            // A second path to the same namespace (another controller of its
-            // subsystem, or the same one listed twice) is the same disk.
-            if (s.diskByBlock.count(blockName) != 0)
+            // A second path to the same namespace is the same disk. Through
+            // another controller of its subsystem, that controller's state
+            // is one path's (the same one listed twice adds nothing).
+            if (auto seen = s.diskByBlock.find(blockName); seen != s.diskByBlock.end()) {
+                if (blocksHere.insert(blockName).second)
+                    addPathState(&s.scan.objects[seen->second], state, status);
                 continue;
+            }
+            blocksHere.insert(blockName);
+            ns = namespaceIdOf(s, *blockDir, ns);
             LiveObject disk;
             disk.type = "arraydisks";
             disk.nexus = s.scan.objects[channel].nexus + "\\" + std::to_string(ns);

@@ -168,6 +168,10 @@ std::string driverVersion(const SysRoot &root, std::string module);
 // given; answers its object index.
 size_t addPlainController(ScanState &s, ScanState::Controller c, const std::string &driver,
                           const std::string &firmware, const std::string &version);
+// The namespace number in an NVMe block device's name, nvmeXnY or the path
+// device nvmeXcZnY, or 0; *blockName is then the namespace's own block
+// device, nvmeXnY (scan_disks.cc).
+uint32_t namespaceOf(const std::string &name, std::string *blockName);
 // The state and status a SCSI device's `state` gives (scan_disks.cc).
 std::pair<uint64_t, int> scsiState(ScanState &s, const std::string &dir);
 // A disk or tape drive at SCSI address hctl, device directory dir, on the

@@ -13,11 +13,15 @@ namespace {
 struct LevelRow {
     const char *level;
     const char *layout;
-    unsigned redundancy; // members that may fail before the array does
+    // Members that may fail before the array does. ~0u: all but one, as md
+    // never fails the last disk of a mirror (of a RAID 1, or of one of a
+    // RAID 10's sets, where "degraded" alone cannot tell whether a whole set
+    // is gone: md then says "broken").
+    unsigned redundancy;
 };
 constexpr LevelRow kLevels[] = {
-    {"raid0", "2", 0},   {"raid1", "4", ~0u},  {"raid4", "32", 1}, {"raid5", "64", 1},
-    {"raid6", "128", 2}, {"raid10", "512", 1}, {"linear", "1", 0},
+    {"raid0", "2", 0},   {"raid1", "4", ~0u},    {"raid4", "32", 1}, {"raid5", "64", 1},
+    {"raid6", "128", 2}, {"raid10", "512", ~0u}, {"linear", "1", 0},
 };
 
 struct Member {

@@ -197,6 +197,24 @@ TEST(ScanTest, BadFilesLeaveValuesOutNotRowsMixedUp)
          [](const LiveScan &s) {
              EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "SN");
          }},
+        {"serial padded with NULs",
+         [&](const TempTree &t) {
+             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0\x0c"
+                                                      "ABC123\0\0\0\0\0\0",
+                                                      16));
+         },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "ABC123");
+         }},
+        {"serial padded with NULs and blanks",
+         [&](const TempTree &t) {
+             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0\x0a"
+                                                      "  XY 9 \0 \0\0",
+                                                      14));
+         },
+         [](const LiveScan &s) {
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "XY 9");
+         }},
         {"type garbage", [&](const TempTree &t) { t.file(sdaDir + "/type", "disk\n"); },
          [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
         {"device gone after listing", [&](const TempTree &t) { t.remove(sdaDir); },
@@ -281,6 +299,38 @@ TEST(ScanTest, MdArraysAreVirtualDisksOverTheirMembers)
     EXPECT_EQ(scan.links.size(), 3u); // two members, one partition
     const LiveObject &part = only(scan, "VDPartitionNode", "1\\129\\0\\1");
     EXPECT_EQ(attrOf(part, "PartitionSize"), "256000");
+}
+
+// md never fails the last disk of a RAID 10 mirror, so a running array has
+// all its data however many disks it misses; one that lost a whole mirror
+// says "broken".
+TEST(ScanTest, ARaid10ArrayMissingADiskOfEachMirrorIsDegradedNotFailed)
+{
+    for (const char *arrayState : {"clean", "active", "broken"}) {
+        SCOPED_TRACE(arrayState);
+        TempTree t;
+        addSataDisk(t, "0000:00:17.0", 0, "sda");
+        addSataDisk(t, "0000:00:17.0", 1, "sdb");
+        const std::string md = "sys/devices/virtual/block/md1";
+        t.link("sys/block/md1", "../devices/virtual/block/md1");
+        t.file(md + "/md/level", "raid10\n");
+        t.file(md + "/md/raid_disks", "4\n");
+        t.file(md + "/md/array_state", std::string(arrayState) + "\n");
+        t.file(md + "/md/degraded", "2\n");
+        t.file(md + "/md/sync_action", "idle\n");
+        t.file(md + "/md/dev-sda/state", "in_sync\n");
+        t.file(md + "/md/dev-sda/slot", "0\n");
+        t.link(md + "/md/dev-sda/block", "../../../../../../block/sda");
+        t.file(md + "/md/dev-sdb/state", "in_sync\n");
+        t.file(md + "/md/dev-sdb/slot", "2\n");
+        t.link(md + "/md/dev-sdb/block", "../../../../../../block/sdb");
+        LiveScan scan = scanOf(t);
+        const LiveObject &vd = only(scan, "vdisks", "1\\128\\1");
+        const bool broken = std::string(arrayState) == "broken";
+        EXPECT_EQ(attrOf(vd, "ObjState"), std::to_string(broken ? kStateFailed : kStateDegraded));
+        EXPECT_EQ(attrOf(vd, "ObjStatus"),
+                  std::to_string(broken ? kStatusCritical : kStatusNonCritical));
+    }
 }
 
 TEST(ScanTest, MdArrayWithGarbageIsServedAsFailedNotDropped)
@@ -493,6 +543,88 @@ TEST(ScanTest, ASecondPathToANamespaceIsLeftOut)
     EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/nvme0n1");
     // Both controllers are served.
     EXPECT_EQ(attrOf(only(scan, "NVMeAdapter", "1"), "DeviceName"), "/dev/nvme2");
+}
+
+// The namespace the kernel serves through two controllers of its subsystem
+// works while either path does: it takes the state of its best path, and is
+// non-critical while one path works and the other does not.
+TEST(ScanTest, AMultipathNamespaceTakesTheStateOfItsBestPath)
+{
+    struct Case {
+        const char *first, *second;
+        uint64_t state;
+        int status;
+    };
+    const Case cases[] = {
+        {"live", "live", kStateReady, kStatusOk},
+        {"connecting", "live", kStateReady, kStatusNonCritical},
+        {"dead", "live", kStateReady, kStatusNonCritical},
+        {"live", "dead", kStateReady, kStatusNonCritical},
+        {"live", "resetting", kStateReady, kStatusNonCritical},
+        {"dead", "connecting", kStateOffline, kStatusNonCritical},
+        {"dead", "dead", kStateFailed, kStatusCritical},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.first) + " and " + c.second);
+        TempTree t;
+        addFabricController(t, 1, {"nvme0c1n1"});
+        addFabricController(t, 2, {"nvme0c2n1"});
+        t.file("sys/devices/virtual/nvme-fabrics/ctl/nvme1/state", std::string(c.first) + "\n");
+        t.file("sys/devices/virtual/nvme-fabrics/ctl/nvme2/state", std::string(c.second) + "\n");
+        addNvmeBlock(t, "virtual/nvme-subsystem/nvme-subsys0/nvme0n1", "nvme0n1", "1000");
+        LiveScan scan = scanOf(t);
+        const LiveObject &disk = only(scan, "arraydisks", "0\\0\\1");
+        EXPECT_EQ(attrOf(disk, "ObjState"), std::to_string(c.state));
+        EXPECT_EQ(attrOf(disk, "ObjStatus"), std::to_string(c.status));
+        EXPECT_EQ(attrOf(disk, "TreeStatus"), std::to_string(c.status));
+    }
+}
+
+// Under native multipath the kernel lists each path of a namespace in
+// /sys/block too (nvmeXcYnZ, hidden): no disk of its own, and no note.
+TEST(ScanTest, TheHiddenPathDevicesOfANamespaceAreNoUnservedDisks)
+{
+    TempTree t;
+    // A dual-port drive: PCI functions 3d:00.0 and .1, controllers nvme0
+    // and nvme1 of subsystem 0, each holding its path to namespace 1.
+    for (unsigned n : {0u, 1u}) {
+        const std::string bdf = "0000:3d:00." + std::to_string(n);
+        const std::string rel = "pci0000:00/0000:00:1b.0/" + bdf;
+        t.file("sys/devices/" + rel + "/class", "0x010802\n");
+        t.link("sys/bus/pci/devices/" + bdf, "../../../devices/" + rel);
+        const std::string name = "nvme" + std::to_string(n);
+        const std::string ctl = rel + "/nvme/" + name;
+        t.file("sys/devices/" + ctl + "/model", "KV NV2000 2TB\n");
+        t.file("sys/devices/" + ctl + "/state", "live\n");
+        t.link("sys/class/nvme/" + name, "../../devices/" + ctl);
+        const std::string path = "nvme0c" + std::to_string(n) + "n1";
+        addNvmeBlock(t, ctl + "/" + path, path, "1000");
+        t.file("sys/devices/" + ctl + "/" + path + "/hidden", "1\n");
+    }
+    addNvmeBlock(t, "virtual/nvme-subsystem/nvme-subsys0/nvme0n1", "nvme0n1", "1000");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 1u);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/nvme0n1");
+    EXPECT_EQ(countOf(scan, "NVMeAdapter"), 2u);
+    for (const std::string &note : scan.notes)
+        EXPECT_EQ(note.find("nvme0c"), std::string::npos) << note;
+}
+
+// A namespace's number is its NSID, which the kernel's name (a count of the
+// subsystem's namespaces) need not be; without an nsid file, the name's.
+TEST(ScanTest, ANamespaceIsNumberedByItsNsid)
+{
+    TempTree t;
+    addFabricController(t, 1, {"nvme1n1", "nvme1n2"});
+    addNvmeBlock(t, "virtual/nvme-fabrics/ctl/nvme1/nvme1n1", "nvme1n1", "1000");
+    addNvmeBlock(t, "virtual/nvme-fabrics/ctl/nvme1/nvme1n2", "nvme1n2", "2000");
+    t.file("sys/devices/virtual/nvme-fabrics/ctl/nvme1/nvme1n2/nsid", "5\n");
+    LiveScan scan = scanOf(t);
+    EXPECT_EQ(countOf(scan, "arraydisks"), 2u);
+    EXPECT_EQ(attrOf(only(scan, "arraydisks", "0\\0\\1"), "DeviceName"), "/dev/nvme1n1");
+    const LiveObject &second = only(scan, "arraydisks", "0\\0\\5");
+    EXPECT_EQ(attrOf(second, "DeviceName"), "/dev/nvme1n2");
+    EXPECT_EQ(attrOf(second, "TargetID"), "5");
 }
 
 } // namespace
