@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "kelp/runtime.h"
 #include "records.h"
 
 namespace kelp::agent {
@@ -116,8 +117,15 @@ bool movesForward(std::span<const uint32_t> next, std::span<const uint32_t> curs
 // came between two reconfigurations) leaves as many rows as it appended
 // before them: past the highest row seen and the last row found, a table
 // whose column 1 does not answer in a run of twice the rows seen (kHoleRun
-// at least) has no more rows.
+// at least) has no more rows. Rows the agent never saw count too: every row
+// was built from a model the data store served, so the most objects and
+// links a served model held stands for rows seen as well (objects that
+// went before any manager looked leave their holes all the same).
 constexpr uint32_t kHoleRun = 64;
+// The most rows the size of the served models stands for: past it, a model
+// of a million objects would make every GetNext in such a table read
+// millions of cells.
+constexpr unsigned long kModelRowsAtMost = 1ul << 16;
 std::atomic<uint32_t> rowsSeen[std::size(kServedTables)];
 static_assert(std::size(kServedTables) == 18 + 6, "tableIndexOf numbers 130.1-18, 140.1-6");
 
@@ -189,8 +197,9 @@ Place placeOf(std::span<const uint32_t> name, const ServedTable &table,
 Answer scanTable(const Dispatch &dispatch, const ServedTable &table, uint32_t column, uint32_t row,
                  std::span<const uint64_t> name)
 {
-    const uint32_t seen =
-        rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed);
+    const uint32_t seen = std::max<uint32_t>(
+        rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed),
+        static_cast<uint32_t>(std::min(kelpRuntimePeakModelSize(), kModelRowsAtMost)));
     const uint64_t holeRun = std::max<uint64_t>(kHoleRun, 2 * uint64_t{seen});
     uint32_t lastRow = 0;
     for (uint32_t r = 1; r != 0 && (r <= seen || r - std::max(lastRow, seen) <= holeRun); r++) {

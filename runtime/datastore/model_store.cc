@@ -59,6 +59,10 @@ std::atomic<int> g_servedReady{kNoModel};
 // The file g_served was loaded from, kept through changes; empty when it was
 // not loaded from a file. Guarded and written as g_served.
 std::string g_servedFile;
+// The most objects and links a model served since the start (or the last
+// resetForTesting) held: every row of the plug-in's tables was built from
+// one of them.
+std::atomic<uint64_t> g_peakModelSize{0};
 // Set once a host loaded or unloaded a model, or KELP_MODEL was tried; from
 // then on the environment is not consulted. Written under g_changeMutex.
 std::atomic<bool> g_settled{false};
@@ -109,6 +113,11 @@ std::shared_ptr<const Model> publish(Served next, Rows rows = Rows::kMayMove,
         std::lock_guard lock(g_servedMutex);
         std::swap(g_served, next.model);
         g_identityModel = g_served.get();
+        if (g_served != nullptr) {
+            const uint64_t size = g_served->size() + g_served->links().size();
+            if (size > g_peakModelSize.load(std::memory_order_relaxed))
+                g_peakModelSize.store(size, std::memory_order_relaxed);
+        }
         g_servedReady.store(g_served == nullptr ? kNoModel : int{g_served->ready()});
         if (next.file)
             g_servedFile = std::move(*next.file);
@@ -378,6 +387,7 @@ void resetForTesting()
     }
     letGo(std::move(replaced));
     forgetHandedOut();
+    g_peakModelSize.store(0);
 }
 
 bool setReady(bool ready, std::string *error)
@@ -455,6 +465,11 @@ extern "C" int kelpRuntimeLoadModel(const char *path, char *error, unsigned erro
     }
     kelp::rt::copyToBuffer(ok ? std::string_view() : message, error, errorSize);
     return ok ? 0 : 1;
+}
+
+extern "C" unsigned long kelpRuntimePeakModelSize(void)
+{
+    return static_cast<unsigned long>(kelp::ds::g_peakModelSize.load(std::memory_order_relaxed));
 }
 
 extern "C" int kelpRuntimeServedModelPath(char *path, unsigned size)

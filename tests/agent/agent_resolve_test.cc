@@ -318,5 +318,47 @@ TEST(AgentResolveMoved, ATableWhoseRowsAllMovedPastTheRowsSeenStillWalks)
     EXPECT_TRUE(next.out.starts_with("." + first + " = INTEGER")) << next.out;
 }
 
+// Controllers that went before any manager looked leave holes the agent
+// never saw: the rows after them are walked all the same.
+TEST(AgentResolveMoved, RowsAfterHolesNoWalkSawAreWalked)
+{
+    AgentUnderTest agent;
+    constexpr int kControllers = 80;
+    const auto model = [&](const std::string &file, int first) {
+        std::string text = "<storage ready=\"1\">\n";
+        for (int i = first; i <= kControllers; i++) {
+            text += "<object id=\"" + std::to_string(i) + "\" type=\"adapters\"><Nexus>" +
+                    std::to_string(i - 1) + "</Nexus><Name>C" + std::to_string(i) +
+                    "</Name></object>\n";
+        }
+        writeFile(file, text + "</storage>\n");
+    };
+    const std::string all = agent.dir() / "all.xml";
+    const std::string last = agent.dir() / "last.xml";
+    model(all, 1);
+    model(last, kControllers);
+    std::string why;
+    ASSERT_TRUE(agent.start(all, {}, &why)) << why;
+    // No walk: only the last row is ever asked for, after the others went.
+    ASSERT_EQ(agent.kelpctl({"load", last}).status, 0);
+    const std::string ids = std::string(kRoot) + ".130.1.1.1";
+    const std::string lastRow = ids + "." + std::to_string(kControllers);
+    RunResult get;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            get = agent.snmp("snmpget", {ids + ".1"});
+            return get.out.find("No Such Instance") != std::string::npos;
+        },
+        20s))
+        << get.out << get.err;
+    for (const char *tool : {"snmpwalk", "snmpbulkwalk"}) {
+        const RunResult walk = agent.snmp(tool, {ids});
+        EXPECT_EQ(walk.out, "." + lastRow + " = INTEGER: " + std::to_string(kControllers) + "\n")
+            << tool;
+    }
+    const RunResult next = agent.snmp("snmpgetnext", {std::string(kRoot) + ".130"});
+    EXPECT_TRUE(next.out.starts_with("." + lastRow + " = INTEGER")) << next.out;
+}
+
 } // namespace
 } // namespace kelp::test

@@ -161,6 +161,12 @@ extern const int kelpRuntimeHostReportsCatalogue __attribute__((weak));
  * file, or path cannot hold the whole path and its NUL. */
 int kelpRuntimeServedModelPath(char *path, unsigned size);
 
+/* The most objects and links that any model served since the start held:
+ * the rows of the plug-in's tables are built from served models, and a row
+ * whose object went stays a hole, so a table's rows run at least this far
+ * back when objects come and go. 0 before the first model. */
+unsigned long kelpRuntimePeakModelSize(void);
+
 /* The control socket through which kelpctl changes the model and queues
  * events: a Unix socket at `path`, mode 0600, served by a thread of the
  * runtime. Answers 0, or non-zero with a message in error. A runtime loaded
