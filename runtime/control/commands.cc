@@ -342,11 +342,18 @@ void runEvent(const Request &request, Reply *reply)
         return;
     }
     std::vector<std::pair<std::string, std::string>> objectFields;
-    if (request.object && !ds::eventFieldsOf(*request.object, &objectFields, &error)) {
+    std::string insertName;
+    if (request.object && !ds::eventFieldsOf(*request.object, &objectFields, &error, &insertName)) {
         reply->fail(error.empty() ? "no object " + std::to_string(*request.object) : error);
         return;
     }
-    std::string xml = eventXml(request.id, objectFields, request.parms, request.fields);
+    // Without --parm, the object names itself in the text's first insert,
+    // as the storage service's own events do ("Physical disk 0:0:3 has
+    // failed.").
+    std::vector<std::string> parms = request.parms;
+    if (parms.empty() && !insertName.empty())
+        parms.push_back(std::move(insertName));
+    std::string xml = eventXml(request.id, objectFields, parms, request.fields);
     runOrFail(ev::eventValuesFit(xml, &error) && ev::queueEvent(xml, &error), error, reply);
 }
 

@@ -287,12 +287,18 @@ TEST_F(ControlCommandTest, EventWithObjectQueuesTheObjectsFields)
     EXPECT_TRUE(xml.ends_with("<Parm01>a&lt;b</Parm01><Parm02>two</Parm02><Extra>x&amp;y</Extra>"))
         << xml;
 
+    // Without --parm the object names itself in the first insert, as in
+    // "Physical disk %1 has failed.".
     EXPECT_EQ(ask("event 2049 --object 20"), "ok\n");
     xml = takeEvent();
     EXPECT_EQ(xml, "<EventID>2049</EventID><ObjType>772</ObjType><Nexus>0\\0\\20</Nexus>"
                    "<ObjStatus>2</ObjStatus><PreviousStatus>1</PreviousStatus>"
                    "<AttributesMask>0101</AttributesMask>"
-                   "<ControllerName>Vorn RX-240</ControllerName>");
+                   "<ControllerName>Vorn RX-240</ControllerName><Parm01>0:20</Parm01>");
+    EXPECT_EQ(ask("event 2049 --object 20 --field Parm01=mine"), "ok\n");
+    EXPECT_TRUE(takeEvent().ends_with("<Parm01>mine</Parm01>"));
+    EXPECT_EQ(ask("event 2049"), "ok\n");
+    EXPECT_EQ(takeEvent(), "<EventID>2049</EventID>");
 }
 
 TEST_F(ControlCommandTest, EventsComeOutOfTheInterfaceInTheOrderSent)

@@ -80,10 +80,11 @@ ModelStatus modelStatus();
 // code), "Nexus", "ObjStatus", "PreviousStatus", "AttributesMask" (each when
 // the object has it), "ControllerName" (the "Name" of the owning controller:
 // the object itself or its nearest "adapters" ancestor or linked adapter)
-// and "VirtualDiskName" (the "Name" of a "vdisks" object). False when there
-// is no such object.
+// and "VirtualDiskName" (the "Name" of a "vdisks" object), and in
+// *insertName (when given) its eventInsertName. False when there is no such
+// object.
 bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>> *fields,
-                   std::string *error);
+                   std::string *error, std::string *insertName = nullptr);
 
 // Numeric object type codes of the event interface ("adapters" 769, ...).
 // 0 for a type without a code.
@@ -131,6 +132,10 @@ void stopServingLive();
 // The fields of eventFieldsOf for the object at `pos` of `m`.
 void eventFieldsIn(const Model &m, size_t pos,
                    std::vector<std::pair<std::string, std::string>> *fields);
+// The name event texts give the object at `pos` of `m` in their first insert
+// (%1): the last word of its name in the event catalogue ("0:0:3" of
+// "Physical Disk 0:0:3"), else its nexus, or "" without one.
+std::string eventInsertName(const Model &m, size_t pos);
 
 // Tests only: serves nothing, forgets that KELP_MODEL was tried and every id
 // handed out.

@@ -3,6 +3,7 @@
 // attributes of <storage> and the event interface's type codes.
 #include "datastore/model.h"
 #include "datastore/model_store.h"
+#include "evtmsg.h"
 
 namespace kelp::ds {
 namespace {
@@ -80,8 +81,24 @@ void eventFieldsIn(const Model &m, size_t pos,
     }
 }
 
+std::string eventInsertName(const Model &m, size_t pos)
+{
+    const uint32_t code = objectTypeCode(std::string(m.typeOf(pos)));
+    const std::optional<std::string> nexus(m.nexusOf(pos));
+    if (!nexus)
+        return std::string();
+    char location1[EVTMSG_TEXT_SIZE] = "", location2[EVTMSG_TEXT_SIZE] = "";
+    char name[EVTMSG_TEXT_SIZE] = "", detail[EVTMSG_TEXT_SIZE] = "";
+    if (code == 0 || evtmsg_getObjLocationStrings(code, nexus->c_str(), ",", "en", location1,
+                                                  location2, name, detail, 0) != 0)
+        return *nexus;
+    const std::string_view display(name);
+    const size_t blank = display.rfind(' ');
+    return std::string(blank == std::string_view::npos ? display : display.substr(blank + 1));
+}
+
 bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>> *fields,
-                   std::string *error)
+                   std::string *error, std::string *insertName)
 {
     std::shared_ptr<const Model> m = servedModel();
     if (m == nullptr)
@@ -90,6 +107,8 @@ bool eventFieldsOf(uint32_t id, std::vector<std::pair<std::string, std::string>>
     if (!pos)
         return fail(error, "no object " + std::to_string(id));
     eventFieldsIn(*m, *pos, fields);
+    if (insertName != nullptr)
+        *insertName = eventInsertName(*m, *pos);
     return true;
 }
 

@@ -31,7 +31,6 @@
 #include "datastore/live/sysroot.h"
 #include "datastore/model_store.h"
 #include "eventif/event_queue.h"
-#include "evtmsg.h"
 #include "support/log.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
@@ -300,26 +299,6 @@ class Source {
     // What an event's first insert names: the object's numbers as its
     // display name gives them, without the kind the message already says
     // ("0:0:4" of "Physical Disk 0:0:4").
-    static std::string insertName(const ds::Model &m, size_t pos)
-    {
-        const std::string name = displayName(m, pos);
-        const size_t blank = name.rfind(' ');
-        return blank == std::string::npos ? name : name.substr(blank + 1);
-    }
-
-    static std::string displayName(const ds::Model &m, size_t pos)
-    {
-        const uint32_t code = ds::objectTypeCode(std::string(m.typeOf(pos)));
-        const std::optional<std::string> nexus(m.nexusOf(pos));
-        char location1[EVTMSG_TEXT_SIZE] = "", location2[EVTMSG_TEXT_SIZE] = "";
-        char name[EVTMSG_TEXT_SIZE] = "", detail[EVTMSG_TEXT_SIZE] = "";
-        if (code == 0 || !nexus ||
-            evtmsg_getObjLocationStrings(code, nexus->c_str(), ",", "en", location1, location2,
-                                         name, detail, 0) != 0)
-            return nexus ? *nexus : std::string();
-        return name;
-    }
-
     static std::vector<std::string> changeEvents(const ds::Model &before, const ds::Model &after)
     {
         const ChangeSet set = findChanges(before, after);
@@ -339,7 +318,7 @@ class Source {
                         fields.emplace_back("PreviousStatus", *s);
                 }
             }
-            std::vector<std::string> parms = {insertName(m, c.position)};
+            std::vector<std::string> parms = {ds::eventInsertName(m, c.position)};
             parms.insert(parms.end(), c.parms.begin(), c.parms.end());
             texts.push_back(ctl::eventXml(c.event, fields, parms, {}));
         }
