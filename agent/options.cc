@@ -87,14 +87,21 @@ bool setCommunity(std::string *field, const std::string &value, const char *what
     return setWord(field, value, what, error);
 }
 
-// `value` as a finite number of seconds and nothing after it.
+// `value` as a decimal number of seconds ("30", "0.5", ".25") and nothing
+// else: no sign, blank, exponent or hexadecimal, which strtod would take.
 bool parseSeconds(const std::string &value, double *seconds)
 {
+    const size_t digits = value.find_first_not_of("0123456789");
+    if (digits != std::string::npos &&
+        (value[digits] != '.' ||
+         value.find_first_not_of("0123456789", digits + 1) != std::string::npos))
+        return false;
+    if (value.empty() || value == ".")
+        return false;
     char *end = nullptr;
     errno = 0;
     *seconds = std::strtod(value.c_str(), &end);
-    return !value.empty() && errno == 0 && end != nullptr && *end == '\0' &&
-           std::isfinite(*seconds);
+    return errno == 0 && end != nullptr && *end == '\0' && std::isfinite(*seconds);
 }
 
 // A number of seconds in (0, max] (at least `min`), finite.
@@ -363,6 +370,10 @@ const std::string &trapCommunityOf(const Options &options)
 bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error,
                   std::vector<std::string> *given)
 {
+    // An option that takes one value given twice is a mistake the last one
+    // would hide (a second --listen drops the first address), as a key
+    // given twice in the configuration file is.
+    std::vector<const OptionRow *> seen;
     for (int i = 1; i < argc; i++) {
         std::string_view word = argv[i];
         if (word == "-h") {
@@ -397,6 +408,14 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
                    std::strncmp(argv[i + 1], "--", 2) != 0) {
             value = argv[++i];
         }
+        if (row->arg != Arg::kRepeated && std::find(seen.begin(), seen.end(), row) != seen.end()) {
+            *error = "--" + std::string(row->name) + " given twice" +
+                     (row->name == std::string_view("listen")
+                          ? " (several addresses go in one, separated by commas)"
+                          : "");
+            return false;
+        }
+        seen.push_back(row);
         if (!row->apply(*options, value, error)) {
             return false;
         }

@@ -192,6 +192,18 @@ TEST(Options, UsageErrorsAreRefusedWithAMessage)
         {"--live-health-interval", "hourly"},
         {"--live-health-interval", "nan"},
         {"--live-health-interval", ""},
+        {"--inform-timeout", "0x10"},
+        {"--inform-timeout", "0x1p-3"},
+        {"--inform-timeout", " 2"},
+        {"--inform-timeout", "+2"},
+        {"--inform-timeout", "1e1"},
+        {"--inform-timeout", "."},
+        {"--inform-timeout", "1.2.3"},
+        {"--live-interval", "0x1e"},
+        {"--listen", "udp:127.0.0.1:1161", "--listen", "udp:127.0.0.1:1162"},
+        {"--community", "a", "--community=b"},
+        {"--trap-version", "1", "--trap-version", "2c"},
+        {"--debug", "--debug"},
     };
     for (const auto &words : bad) {
         Options o;
@@ -199,6 +211,23 @@ TEST(Options, UsageErrorsAreRefusedWithAMessage)
         EXPECT_FALSE(parse(words, &o, &error)) << words[0];
         EXPECT_FALSE(error.empty()) << words[0];
     }
+}
+
+TEST(Options, SecondsAreDecimalAndRepeatableOptionsRepeat)
+{
+    Options o;
+    std::string error;
+    EXPECT_TRUE(parse({"--inform-timeout", "2.5", "--rescan-timeout", ".5", "--live-interval", "30",
+                       "--allow", "127.0.0.0/8", "--allow", "::1/128", "--trap-sink",
+                       "udp:127.0.0.1:1", "--trap-sink", "udp:127.0.0.1:2"},
+                      &o, &error))
+        << error;
+    EXPECT_EQ(o.informTimeout, 2.5);
+    EXPECT_EQ(o.rescanTimeout, 0.5);
+    EXPECT_EQ(o.trapSinks.size(), 2u);
+    EXPECT_FALSE(
+        parse({"--listen", "udp:127.0.0.1:1161", "--listen", "udp:127.0.0.1:1162"}, &o, &error));
+    EXPECT_EQ(error, "--listen given twice (several addresses go in one, separated by commas)");
 }
 
 TEST(Options, CompletionFillsThePlacesUnderTheStateDir)
