@@ -299,7 +299,7 @@ bool Model::checkStorage(std::string *error)
         if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
             return fail(storageWhere_, tooLong);
         if (!xml::isXmlText(value))
-            return fail(storageWhere_, name + " is not UTF-8 text");
+            return fail(storageWhere_, name + " is not UTF-8 text without control characters");
         if (name == "ready") {
             if (value != "0" && value != "1")
                 return fail(storageWhere_, "ready=\"" + value + "\" is neither 0 nor 1");
@@ -396,7 +396,8 @@ template <class Texts> bool Model::Builder::addObject(const Texts &o, std::strin
             if (std::string tooLong = valueTooLong(name, value); !tooLong.empty())
                 return failAt(what() + tooLong);
             if (!xml::isXmlText(value))
-                return failAt(what() + std::string(name) + " is not UTF-8 text");
+                return failAt(what() + std::string(name) +
+                              " is not UTF-8 text without control characters");
             if (m.values_.size() + value.size() > UINT32_MAX)
                 return failAt(what() + "the model's values are over 4 GiB");
             valueId = static_cast<uint32_t>(tables_->escaped.size());

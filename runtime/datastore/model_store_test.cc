@@ -253,7 +253,7 @@ TEST_F(ModelStoreTest, InvalidChangesAreRefusedAndChangeNothing)
          "kelpctl set: object 1: Name has 160 bytes, over the limit of 159"},
         {"NUL in a value",
          [](std::string *e) { return ds::setAttribute(1, "Name", std::string("a\0", 2), e); },
-         "kelpctl set: object 1: Name is not UTF-8 text"},
+         "kelpctl set: object 1: Name is not UTF-8 text without control characters"},
         {"ObjID", [](std::string *e) { return ds::setAttribute(1, "ObjID", "7", e); },
          "kelpctl set: object 1: ObjID is no attribute: the id attribute gives it"},
         {"bad name", [](std::string *e) { return ds::setAttribute(1, "<x>", "7", e); },

@@ -329,7 +329,8 @@ TEST(ModelTest, ValuesAndNamesSetOutsideAFileAreCheckedToo)
     data.objects = {o};
     std::string error;
     EXPECT_EQ(Model::build(data, &error), nullptr);
-    EXPECT_NE(error.find("Name is not UTF-8 text"), std::string::npos) << error;
+    EXPECT_NE(error.find("Name is not UTF-8 text without control characters"), std::string::npos)
+        << error;
     data.objects[0].attributes = {{"bad name", "x"}};
     EXPECT_EQ(Model::build(data, &error), nullptr);
     EXPECT_NE(error.find("object 1: \"bad name\" is not an attribute name"), std::string::npos)
