@@ -24,6 +24,7 @@ void init_snmpEngine(void);
 void init_usmStats(void);
 void init_snmpMPDStats(void);
 void init_target_counters(void);
+void init_setSerialNo(void);
 }
 
 namespace kelp::agent {
@@ -34,6 +35,10 @@ void initStandardGroups()
     init_sysORTable();
     init_snmp_mib();
     init_snmpEngine();
+    // snmpSetSerialNo, the rest of SNMPv2-MIB's compliance (snmpSetGroup),
+    // which sysORTable's first row claims. Sets are refused as everywhere:
+    // every community and user is read-only.
+    init_setSerialNo();
     // The counters that tell a manager why the agent refused its messages:
     // usmStats, snmpMPDStats, and snmpUnavailableContexts and
     // snmpUnknownContexts. The users' and views' tables stay unserved: they

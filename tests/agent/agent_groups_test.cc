@@ -154,6 +154,25 @@ TEST(AgentGroups, SnmpEngineIsAnswered)
     EXPECT_NE(get.out.find(".1.3.6.1.6.3.10.2.1.4.0 = INTEGER: "), std::string::npos) << get.out;
 }
 
+// SNMPv2-MIB's compliance, which sysORTable names, holds snmpSetSerialNo;
+// a Set of it is refused, as every Set is.
+TEST(AgentGroups, SnmpSetSerialNoIsAnsweredAndNotWritten)
+{
+    AgentUnderTest agent;
+    std::string why;
+    ASSERT_TRUE(agent.start(minimalModel(), {}, &why)) << why;
+    const RunResult get = agent.snmp("snmpget", {"1.3.6.1.6.3.1.1.6.1.0"});
+    EXPECT_EQ(get.status, 0) << get.err;
+    const std::string prefix = ".1.3.6.1.6.3.1.1.6.1.0 = INTEGER: ";
+    ASSERT_TRUE(get.out.starts_with(prefix)) << get.out;
+    const std::string value = get.out.substr(prefix.size());
+    const RunResult set =
+        agent.snmp("snmpset", {"1.3.6.1.6.3.1.1.6.1.0", "i", value.substr(0, value.find('\n'))});
+    EXPECT_NE(set.status, 0) << set.out;
+    EXPECT_NE(set.err.find("noAccess"), std::string::npos) << set.err;
+    EXPECT_EQ(agent.snmp("snmpget", {"1.3.6.1.6.3.1.1.6.1.0"}).out, get.out);
+}
+
 TEST(AgentGroups, AWalkOfTheWholeAgentRunsFromTheSystemGroupToTheStorageMib)
 {
     AgentUnderTest agent;
