@@ -263,6 +263,7 @@ int run(const Options &options, const RunAs &runAs)
     snmp.run(
         [&] {
             traps.pump();
+            notifyServedModel(options);
             sendTrapsHeldForMaster();
             requests->completeDelegated();
         },

@@ -4,9 +4,13 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 
+#include "kelp/runtime.h"
 #include "log.h"
 
 namespace kelp::agent {
@@ -37,9 +41,54 @@ unsigned long long monotonicMicroseconds()
 
 std::string servingStatus(const Options &options)
 {
-    const std::string source = options.live ? "this machine's storage" : options.model;
+    return servingStatus(options, options.model);
+}
+
+std::string servingStatus(const Options &options, const std::string &model)
+{
+    const std::string source = options.live ? "this machine's storage" : model;
     return "serving " + source +
            (options.agentx ? " as an AgentX subagent" : " on " + options.listen);
+}
+
+namespace {
+std::atomic<bool> lookNow{false};
+} // namespace
+
+void notifyServedModelSoon()
+{
+    lookNow.store(true, std::memory_order_relaxed);
+}
+
+void notifyServedModel(const Options &options)
+{
+    static const bool underManager = [] {
+        const char *socket = std::getenv("NOTIFY_SOCKET");
+        return socket != nullptr && socket[0] != '\0';
+    }();
+    if (!underManager || options.live) {
+        return;
+    }
+    // The main loop's thread alone calls this.
+    static std::chrono::steady_clock::time_point lastLook;
+    static std::string said = options.model;
+    const auto now = std::chrono::steady_clock::now();
+    if (!lookNow.exchange(false, std::memory_order_relaxed) &&
+        now - lastLook < std::chrono::seconds(1)) {
+        return;
+    }
+    lastLook = now;
+    char served[4096];
+    if (kelpRuntimeServedModelPath(served, sizeof served) != 0 || said == served) {
+        return;
+    }
+    said = served;
+    const std::string status = servingStatus(options, said);
+    {
+        std::lock_guard lock(readyMutex);
+        readyStatus = status;
+    }
+    notifyStatus(status);
 }
 
 void notifyReady(const std::string &status)

@@ -15,6 +15,20 @@ namespace kelp::agent {
 // machine's storage, or as an AgentX subagent).
 std::string servingStatus(const Options &options);
 
+// The same for the model file `model` in place of the one options name.
+std::string servingStatus(const Options &options, const std::string &model);
+
+// When the model file the data store serves is another than the status
+// last said (a kelpctl load, or a reload of another file), STATUS= with the
+// new one, which a reload's READY=1 then carries too. Cheap enough for
+// every turn of the main loop: it looks at most once a second, and only
+// under a manager that asked for notifications.
+void notifyServedModel(const Options &options);
+
+// Asks the next notifyServedModel to look at once (the control socket
+// changed something). Any thread.
+void notifyServedModelSoon();
+
 // READY=1 with STATUS=`status`: the agent answers requests.
 void notifyReady(const std::string &status);
 

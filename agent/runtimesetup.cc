@@ -10,6 +10,7 @@
 #include "log.h"
 #include "notify.h"
 #include "platform/queue.h"
+#include "snmpagent.h"
 
 namespace kelp::agent {
 namespace {
@@ -52,6 +53,9 @@ bool checkIni(std::string *error)
 void logRuntimeActivity(int level, const char *line)
 {
     logAt(level == KELP_RUNTIME_LOG_NOTICE ? LogLevel::kNotice : LogLevel::kInfo, "%s", line);
+    // A kelpctl load may have changed the model file the status names.
+    notifyServedModelSoon();
+    SnmpAgent::wake();
 }
 
 // Whether the store's "DebugSNMP" switches printing on, compared as the

@@ -119,6 +119,39 @@ TEST(AgentNotify, ReadyComesOnlyOnceTheModelIsServedThenReloadAndStop)
     EXPECT_EQ(agent.wait(15s), std::optional<int>(0)) << agent.err();
 }
 
+// After a kelpctl load the status names the model served now, and the
+// READY=1 that ends a reload carries it too.
+TEST(AgentNotify, TheStatusFollowsTheModelKelpctlLoads)
+{
+    TempDir dir;
+    NotifySocket notify(dir / "notify");
+    ASSERT_TRUE(notify.bound());
+    const int port = freeUdpPort();
+    Process agent(agentArgs(dir, port), withEnv(agentEnv(), notify.env()), dir / "out",
+                  dir / "err");
+    std::string seen;
+    ASSERT_TRUE(notify.waitFor("READY=1", &seen, 20s)) << seen << agent.err();
+
+    const std::string other = dir / "other.xml";
+    writeFile(other, readFile(sourcePath("data/models/sample.xml")));
+    const RunResult load = run(
+        {kelpctlPath(), "--control", dir / "state/control.sock", "load", other}, agentEnv(), dir);
+    ASSERT_EQ(load.status, 0) << load.err;
+    const std::string status =
+        "STATUS=serving " + other + " on udp:127.0.0.1:" + std::to_string(port);
+    seen.clear();
+    EXPECT_TRUE(notify.waitFor(status, &seen, 10s)) << seen;
+
+    seen.clear();
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(notify.waitFor("RELOADING=1", &seen, 10s)) << seen;
+    seen.clear();
+    ASSERT_TRUE(notify.waitFor("READY=1", &seen, 10s)) << seen;
+    EXPECT_NE(seen.find(status), std::string::npos) << seen;
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait(15s), std::optional<int>(0)) << agent.err();
+}
+
 TEST(AgentNotify, AnAgentThatCannotServeNeverSaysReady)
 {
     TempDir dir;
