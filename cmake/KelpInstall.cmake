@@ -33,13 +33,29 @@ install(CODE "
     file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELP_INSTALL_MIBDIR}\" TYPE FILE
          FILES \${kelp_mibs})
   endif()
+  # Manual pages go in compressed, as Debian's policy asks (gzip -9n: no
+  # name or time stamp in the file, so that builds are reproducible).
+  string(RANDOM LENGTH 12 kelp_tag)
+  set(kelp_gz \"${CMAKE_BINARY_DIR}/man-gz-\${kelp_tag}\")
   foreach(section 1 2 3 4 5 6 7 8)
     file(GLOB kelp_pages \"${CMAKE_SOURCE_DIR}/docs/man/*.\${section}\")
-    if(kelp_pages)
+    set(kelp_gz_pages)
+    foreach(page \${kelp_pages})
+      get_filename_component(kelp_name \"\${page}\" NAME)
+      file(MAKE_DIRECTORY \"\${kelp_gz}\")
+      execute_process(COMMAND gzip -9n -c \"\${page}\" OUTPUT_FILE \"\${kelp_gz}/\${kelp_name}.gz\"
+                      RESULT_VARIABLE kelp_gzip)
+      if(NOT kelp_gzip EQUAL 0)
+        message(FATAL_ERROR \"gzip \${page}: \${kelp_gzip}\")
+      endif()
+      list(APPEND kelp_gz_pages \"\${kelp_gz}/\${kelp_name}.gz\")
+    endforeach()
+    if(kelp_gz_pages)
       file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man\${section}\"
-           TYPE FILE FILES \${kelp_pages})
+           TYPE FILE FILES \${kelp_gz_pages})
     endif()
-  endforeach()")
+  endforeach()
+  file(REMOVE_RECURSE \"\${kelp_gz}\")")
 
 # The unit names the agent where this install puts it: the prefix is the
 # install's (cmake --install --prefix, CPack), not only the configured one.
