@@ -370,10 +370,6 @@ const std::string &trapCommunityOf(const Options &options)
 bool parseOptions(int argc, const char *const *argv, Options *options, std::string *error,
                   std::vector<std::string> *given)
 {
-    // An option that takes one value given twice is a mistake the last one
-    // would hide (a second --listen drops the first address), as a key
-    // given twice in the configuration file is.
-    std::vector<const OptionRow *> seen;
     for (int i = 1; i < argc; i++) {
         std::string_view word = argv[i];
         if (word == "-h") {
@@ -408,14 +404,6 @@ bool parseOptions(int argc, const char *const *argv, Options *options, std::stri
                    std::strncmp(argv[i + 1], "--", 2) != 0) {
             value = argv[++i];
         }
-        if (row->arg != Arg::kRepeated && std::find(seen.begin(), seen.end(), row) != seen.end()) {
-            *error = "--" + std::string(row->name) + " given twice" +
-                     (row->name == std::string_view("listen")
-                          ? " (several addresses go in one, separated by commas)"
-                          : "");
-            return false;
-        }
-        seen.push_back(row);
         if (!row->apply(*options, value, error)) {
             return false;
         }
