@@ -139,7 +139,7 @@ TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
         EXPECT_EQ(next.err, "");
         // A name in the tree, or past it the agent's next group.
         EXPECT_TRUE(next.out.starts_with(".1.3.6.1.4.1.61234.20571.1.") ||
-                    next.out.starts_with(".1.3.6.1.6.3.10.2.1.1.0 = "))
+                    next.out.starts_with(".1.3.6.1.6.3.1.1.6.1.0 = "))
             << next.out;
     }
     // One arc more is refused by the manager before anything is sent.
@@ -149,11 +149,13 @@ TEST_F(AgentSnmp, NamesOfTheLongestLengthAreAnswered)
 
 TEST_F(AgentSnmp, GetNextPastTheTreeGoesOnToTheAgentsLastGroupThenEndOfMibView)
 {
-    // After the storage tree the agent serves snmpEngine, then the SNMPv3
-    // statistics; usmStatsDecryptionErrors is its last name.
+    // After the storage tree the agent serves snmpSetSerialNo, snmpEngine,
+    // then the SNMPv3 statistics; usmStatsDecryptionErrors is its last name.
     const RunResult next = agent.snmp("snmpgetnext", {"1.3.6.1.4.1.61234.20571.1.21"});
     EXPECT_EQ(next.status, 0) << next.err;
-    EXPECT_EQ(next.out.rfind(".1.3.6.1.6.3.10.2.1.1.0 = Hex-STRING: ", 0), 0u) << next.out;
+    EXPECT_EQ(next.out.rfind(".1.3.6.1.6.3.1.1.6.1.0 = INTEGER: ", 0), 0u) << next.out;
+    const RunResult engine = agent.snmp("snmpgetnext", {"1.3.6.1.6.3.1.1.6.1.0"});
+    EXPECT_EQ(engine.out.rfind(".1.3.6.1.6.3.10.2.1.1.0 = Hex-STRING: ", 0), 0u) << engine.out;
     const std::string last = "1.3.6.1.6.3.15.1.1.6.0";
     const RunResult end = agent.snmp("snmpgetnext", {last});
     EXPECT_EQ(end.status, 0) << end.err;

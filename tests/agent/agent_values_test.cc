@@ -137,7 +137,8 @@ std::vector<std::string> varbindLines(const std::string &output)
 
 // The handler answers all repetitions of a GETBULK varbind in one pass; each
 // repetition must be the walk's next row, past the tree the agent's next
-// groups (snmpEngine and the SNMPv3 statistics, usmStats last) and past
+// groups (snmpSetSerialNo, snmpEngine and the SNMPv3 statistics, usmStats
+// last) and past
 // those net-snmp's endOfMibView, with non-repeaters and several repeaters in
 // one request.
 TEST_F(AgentValues, AGetBulkAnswersEveryRepetitionLikeTheWalk)
@@ -157,8 +158,9 @@ TEST_F(AgentValues, AGetBulkAnswersEveryRepetitionLikeTheWalk)
             rows.push_back(row);
         }
     }
-    // snmpEngine's 4, snmpMPDStats' 3, the 2 context counters, usmStats' 6.
-    ASSERT_EQ(rows.size(), treeRows + 15) << after.out;
+    // snmpSetSerialNo, snmpEngine's 4, snmpMPDStats' 3, the 2 context
+    // counters, usmStats' 6.
+    ASSERT_EQ(rows.size(), treeRows + 16) << after.out;
     auto nameOf = [](const std::string &row) { return row.substr(0, row.find(" = ")); };
 
     constexpr size_t kRepetitions = 6;
