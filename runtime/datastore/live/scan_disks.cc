@@ -579,12 +579,12 @@ void scanNvme(ScanState &s)
             // A second path to the same namespace is the same disk. Through
             // another controller of its subsystem, that controller's state
             // is one path's (the same one listed twice adds nothing).
+            const bool firstHere = blocksHere.insert(blockName).second;
             if (auto seen = s.diskByBlock.find(blockName); seen != s.diskByBlock.end()) {
-                if (blocksHere.insert(blockName).second)
+                if (firstHere)
                     addPathState(&s.scan.objects[seen->second], state, status);
                 continue;
             }
-            blocksHere.insert(blockName);
             ns = namespaceIdOf(s, *blockDir, ns);
             LiveObject disk;
             disk.type = "arraydisks";

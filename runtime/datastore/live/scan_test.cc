@@ -197,23 +197,14 @@ TEST(ScanTest, BadFilesLeaveValuesOutNotRowsMixedUp)
          [](const LiveScan &s) {
              EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "SN");
          }},
-        {"serial padded with NULs",
+        {"serial padded with blanks and NULs",
          [&](const TempTree &t) {
-             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0\x0c"
-                                                      "ABC123\0\0\0\0\0\0",
-                                                      16));
+             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0\x0d"
+                                                      "  AB 12\0 \0\0\0\0",
+                                                      17));
          },
          [](const LiveScan &s) {
-             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "ABC123");
-         }},
-        {"serial padded with NULs and blanks",
-         [&](const TempTree &t) {
-             t.file(sdaDir + "/vpd_pg80", std::string("\0\x80\0\x0a"
-                                                      "  XY 9 \0 \0\0",
-                                                      14));
-         },
-         [](const LiveScan &s) {
-             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "XY 9");
+             EXPECT_EQ(attrOf(only(s, "arraydisks", "0\\0\\0"), "DeviceSerialNumber"), "AB 12");
          }},
         {"type garbage", [&](const TempTree &t) { t.file(sdaDir + "/type", "disk\n"); },
          [](const LiveScan &s) { EXPECT_FALSE(s.find("arraydisks", "0\\0\\0")); }},
@@ -259,27 +250,45 @@ TEST(ScanTest, BadFilesLeaveValuesOutNotRowsMixedUp)
     }
 }
 
+// md array mdN (sys/devices/virtual/block/mdN, returned) with the files of
+// its md directory as given ("level", "raid_disks" ...), over disks of
+// addSataDisk, each member {disk, md state, slot}.
+struct MdMember {
+    const char *disk, *state, *slot;
+};
+std::string addMdArray(const TempTree &t, unsigned n,
+                       std::initializer_list<std::pair<const char *, std::string>> files,
+                       std::initializer_list<MdMember> members)
+{
+    const std::string name = "md" + std::to_string(n);
+    const std::string md = "sys/devices/virtual/block/" + name;
+    t.link("sys/block/" + name, "../devices/virtual/block/" + name);
+    for (const auto &[file, text] : files)
+        t.file(md + "/md/" + file, text + "\n");
+    for (const MdMember &m : members) {
+        const std::string dev = md + "/md/dev-" + m.disk;
+        t.file(dev + "/state", std::string(m.state) + "\n");
+        t.file(dev + "/slot", std::string(m.slot) + "\n");
+        t.link(dev + "/block", std::string("../../../../../../block/") + m.disk);
+    }
+    return md;
+}
+
 TEST(ScanTest, MdArraysAreVirtualDisksOverTheirMembers)
 {
     TempTree t;
     addSataDisk(t, "0000:00:17.0", 0, "sda");
     addSataDisk(t, "0000:00:17.0", 1, "sdb");
-    const std::string md = "sys/devices/virtual/block/md0";
-    t.link("sys/block/md0", "../devices/virtual/block/md0");
+    const std::string md = addMdArray(t, 0,
+                                      {{"level", "raid1"},
+                                       {"raid_disks", "2"},
+                                       {"chunk_size", "0"},
+                                       {"array_state", "clean"},
+                                       {"degraded", "1"},
+                                       {"sync_action", "recover"},
+                                       {"sync_completed", "250 / 1000"}},
+                                      {{"sda", "in_sync", "0"}, {"sdb", "spare", "1"}});
     t.file(md + "/size", "1000\n");
-    t.file(md + "/md/level", "raid1\n");
-    t.file(md + "/md/raid_disks", "2\n");
-    t.file(md + "/md/chunk_size", "0\n");
-    t.file(md + "/md/array_state", "clean\n");
-    t.file(md + "/md/degraded", "1\n");
-    t.file(md + "/md/sync_action", "recover\n");
-    t.file(md + "/md/sync_completed", "250 / 1000\n");
-    t.file(md + "/md/dev-sda/state", "in_sync\n");
-    t.file(md + "/md/dev-sda/slot", "0\n");
-    t.link(md + "/md/dev-sda/block", "../../../../../../block/sda");
-    t.file(md + "/md/dev-sdb/state", "spare\n");
-    t.file(md + "/md/dev-sdb/slot", "1\n");
-    t.link(md + "/md/dev-sdb/block", "../../../../../../block/sdb");
     t.file(md + "/md0p1/partition", "1\n");
     t.file(md + "/md0p1/size", "500\n");
     LiveScan scan = scanOf(t);
@@ -311,19 +320,13 @@ TEST(ScanTest, ARaid10ArrayMissingADiskOfEachMirrorIsDegradedNotFailed)
         TempTree t;
         addSataDisk(t, "0000:00:17.0", 0, "sda");
         addSataDisk(t, "0000:00:17.0", 1, "sdb");
-        const std::string md = "sys/devices/virtual/block/md1";
-        t.link("sys/block/md1", "../devices/virtual/block/md1");
-        t.file(md + "/md/level", "raid10\n");
-        t.file(md + "/md/raid_disks", "4\n");
-        t.file(md + "/md/array_state", std::string(arrayState) + "\n");
-        t.file(md + "/md/degraded", "2\n");
-        t.file(md + "/md/sync_action", "idle\n");
-        t.file(md + "/md/dev-sda/state", "in_sync\n");
-        t.file(md + "/md/dev-sda/slot", "0\n");
-        t.link(md + "/md/dev-sda/block", "../../../../../../block/sda");
-        t.file(md + "/md/dev-sdb/state", "in_sync\n");
-        t.file(md + "/md/dev-sdb/slot", "2\n");
-        t.link(md + "/md/dev-sdb/block", "../../../../../../block/sdb");
+        addMdArray(t, 1,
+                   {{"level", "raid10"},
+                    {"raid_disks", "4"},
+                    {"array_state", arrayState},
+                    {"degraded", "2"},
+                    {"sync_action", "idle"}},
+                   {{"sda", "in_sync", "0"}, {"sdb", "in_sync", "2"}});
         LiveScan scan = scanOf(t);
         const LiveObject &vd = only(scan, "vdisks", "1\\128\\1");
         const bool broken = std::string(arrayState) == "broken";
