@@ -141,6 +141,8 @@ std::string changedValues(std::string text)
 // Objects of the sample that no link names: fans, a power supply and
 // temperature probes, removed in the smaller model.
 constexpr const char *kRemovedObjects[] = {"31", "32", "40", "50", "51"};
+// The agent's warning for a swap made without the plug-in's rescan lock.
+constexpr const char *kUnlockedSwap = "the model was swapped without the rescan lock";
 
 // `text` without the <object> elements of the given ids.
 template <size_t N> std::string withoutObjects(std::string text, const char *const (&ids)[N])
@@ -604,6 +606,13 @@ int stressMain(int argc, char **argv)
         std::printf("memory: not checked (%ld loads, fewer than %d)\n", script.loads,
                     size.growthFrom);
     }
+    size_t unlockedSwaps = 0;
+    for (size_t at = log.find(kUnlockedSwap); at != std::string::npos;
+         at = log.find(kUnlockedSwap, at + 1)) {
+        ++unlockedSwaps;
+    }
+    std::printf("swaps without the rescan lock: %zu of %ld loads and rescans\n", unlockedSwaps,
+                script.loads + script.rescans);
     if (!passed) {
         // What the agent said about its swaps and rescans says where to look.
         std::printf("kelpagent's log:\n%s", log.c_str());
