@@ -99,9 +99,11 @@ class StandIn {
     // With `firstReadAfter`, the monitor starts as the plug-in's does: it
     // says it starts reading (vcsif32_noCmdQ), and reads that long after;
     // the constructor does not wait for the first read then.
+    // A rebuild takes `rebuild`, under the lock.
     explicit StandIn(bool locks, std::chrono::milliseconds tick = 5ms,
-                     std::chrono::milliseconds firstReadAfter = 0ms)
-        : locks_(locks), tick_(tick)
+                     std::chrono::milliseconds firstReadAfter = 0ms,
+                     std::chrono::milliseconds rebuild = 0ms)
+        : locks_(locks), tick_(tick), rebuild_(rebuild)
     {
         if (firstReadAfter > 0ms)
             vcsif32_noCmdQ();
@@ -180,12 +182,14 @@ class StandIn {
                 std::lock_guard lock(m_);
                 rescans_.emplace_back(lockedUnder, servedOrigin());
             }
+            std::this_thread::sleep_for(rebuild_);
             SMMutexUnLock(tables_);
         }
     }
 
     const bool locks_;
     const std::chrono::milliseconds tick_;
+    const std::chrono::milliseconds rebuild_;
     SMEventHandle started_ = SMEventCreate(0, 0, nullptr);
     SMEventHandle completed_ = SMEventCreate(0, 0, nullptr);
     SMMutexHandle tables_ = SMMutexCreate(0);
@@ -201,7 +205,7 @@ class ModelSwap : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        // The gate's bounds are scaled: 4 s become 200 ms.
+        // The gate's bounds are scaled: 4 s would become 200 ms; they stay 1 s.
         setenv("KELP_TIME_SCALE", "20", 1);
         clearEvents();
         ds::resetForTesting();
@@ -327,7 +331,7 @@ TEST_F(ModelSwap, AReaderThatNeverLocksHoldsTheSwapForTheBoundOnly)
     const auto start = Clock::now();
     load(kMoved, "after");
     const auto took = Clock::now() - start;
-    EXPECT_GE(took, 150ms); // kGateWaitMs / 20
+    EXPECT_GE(took, 950ms); // kMachineFloorMs, above kGateWaitMs / 20
     EXPECT_LT(took, 2s);
     EXPECT_EQ(servedOrigin(), "after");
     // The reader is handed the 3060 that closes the gate's rescan next.
@@ -335,6 +339,29 @@ TEST_F(ModelSwap, AReaderThatNeverLocksHoldsTheSwapForTheBoundOnly)
         std::this_thread::sleep_for(1ms);
     EXPECT_EQ(plugIn.handedOut(),
               (std::vector<uint32_t>{ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent}));
+}
+
+// The plug-in's rescan events are flags, not counts: a 3061 handed out
+// while its rescan thread is still rebuilding for the one before is taken
+// together with that one, and a 3060 after it would then be left set, so
+// that the next rescan rebuilds at once, before a swap. A 3060 waits until
+// its rescan's lock is taken.
+TEST_F(ModelSwap, RescansThatComeFasterThanTheReaderRebuildsStayPaired)
+{
+    StandIn plugIn(true, 30ms, 0ms, 100ms);
+    std::string error;
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(ctl::queueRescanEvents(&error)) << error;
+    EXPECT_TRUE(plugIn.waitForRescans(3));
+    for (auto end = Clock::now() + 5s; queuedEvents() > 0 && Clock::now() < end;)
+        std::this_thread::sleep_for(1ms);
+    // The last 3060 has been handed out and taken.
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(plugIn.rescans().size(), 3u);
+    const size_t before = plugIn.rescans().size();
+    load(kMoved, "after");
+    ASSERT_TRUE(plugIn.waitForRescans(before + 1));
+    EXPECT_EQ(plugIn.rescans().back(), (std::pair<std::string, std::string>("before", "after")));
 }
 
 } // namespace

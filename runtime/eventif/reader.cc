@@ -1,6 +1,7 @@
 // The reader side of the event interface (eventif/reader.h).
 #include "eventif/reader.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -39,10 +40,15 @@ Gate g_gate = Gate::kIdle; // guarded by g_readerMutex
 std::condition_variable g_gateMoved;
 // When the reader last asked for an event; guarded by g_readerMutex.
 std::optional<Clock::time_point> g_lastRead;
-// rt::lockedEventWaits() when the gate's 3061 was handed out: a wait made
-// holding a lock after that is the reader's rescan wait, not the tail of a
-// rescan before. Guarded by g_readerMutex.
-uint64_t g_waitsAtHandOut = 0;
+// The lock epoch started when the open (or last) rescan's 3061 was handed
+// out, and when: a wait made holding a lock taken in that epoch is the
+// reader's rescan wait, not the tail of a rescan before. 0: none yet.
+// Guarded by g_readerMutex.
+uint64_t g_rescanEpoch = 0;
+Clock::time_point g_rescanHandedOut;
+// The reader has locked for a rescan since it started: its 3060s wait for
+// its lock. Guarded by g_readerMutex.
+bool g_readerLocks = false;
 // holdEvents; guarded by g_readerMutex.
 bool g_held = false;
 
@@ -55,6 +61,37 @@ double secondsBetween(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double>(to - from).count();
 }
 
+// A bound of rescan_gate.h, scaled but never below kMachineFloorMs.
+Clock::duration gateBound(uint32_t ms)
+{
+    return std::max<Clock::duration>(rt::scaledMs(ms), std::chrono::milliseconds(kMachineFloorMs));
+}
+
+// Whether the reader waits holding a lock it took after the open rescan's
+// 3061 was handed out (learning that the reader locks for rescans).
+// Requires g_readerMutex.
+bool rescanLocked()
+{
+    if (g_rescanEpoch == 0 || !rt::lockedWaitIn(g_rescanEpoch))
+        return false;
+    g_readerLocks = true;
+    return true;
+}
+
+// Whether a queued 3060 that would close the open rescan waits: the plug-in
+// takes rescan events as signals, not counts, so after a 3060 handed out
+// before its rescan thread took the 3061, that 3061 is taken together with
+// the one before it and the 3060 is left set, ending the next rescan at
+// once. Only for a reader that has
+// locked for a rescan, and no longer than gateBound(kGateWaitMs).
+// Requires g_readerMutex.
+bool completedWaitsForLock(Clock::time_point now)
+{
+    if (rescanLocked())
+        return false;
+    return g_readerLocks && now - g_rescanHandedOut < gateBound(kGateWaitMs);
+}
+
 char *heapCopy(const std::string &text)
 {
     auto *copy = static_cast<char *>(std::malloc(text.size() + 1));
@@ -65,7 +102,8 @@ char *heapCopy(const std::string &text)
 
 struct Next {
     std::string text;
-    bool queued = false; // taken from the queue (else made up by the watch)
+    bool queued = false;      // taken from the queue (else made up by the watch)
+    bool opensRescan = false; // a 3061 while no rescan was open
 };
 
 // The next text to hand out, with *watch changed as handing it out changes
@@ -88,9 +126,14 @@ std::optional<Next> nextEvent(RescanWatch *watch, Clock::time_point now)
         const std::optional<uint32_t> id = eventNumber(*text);
         if (!id)
             return Next{std::move(*text), true};
+        if (*id == ctl::kRescanCompletedEvent && watch->open() && completedWaitsForLock(now)) {
+            requeueOldestEvent(std::move(*text));
+            return std::nullopt;
+        }
+        const bool opens = *id == ctl::kRescanStartedEvent && !watch->open();
         switch (watch->onEvent(*id, now)) {
         case RescanWatch::Verdict::kHandOut:
-            return Next{std::move(*text), true};
+            return Next{std::move(*text), true, opens};
         case RescanWatch::Verdict::kDropLate:
             rt::logWarning("dropped a late rescan completed event (%u): its rescan was "
                            "completed by the runtime after the time-out",
@@ -113,7 +156,7 @@ std::optional<Next> gatedEvent(RescanWatch *watch, Clock::time_point now)
     switch (g_gate) {
     case Gate::kArmed:
         watch->onEvent(ctl::kRescanStartedEvent, now);
-        return Next{ctl::eventXml(ctl::kRescanStartedEvent, {}, {}, {}), false};
+        return Next{ctl::eventXml(ctl::kRescanStartedEvent, {}, {}, {}), false, true};
     case Gate::kHolding:
         // Not even the watch's own 3060: it would unlock the tables before the swap.
         return std::nullopt;
@@ -148,9 +191,11 @@ char *readNextEvent()
         return nullptr;
     }
     g_rescans = watch;
+    if (next && next->opensRescan) {
+        g_rescanEpoch = rt::startLockEpoch();
+        g_rescanHandedOut = now;
+    }
     if (next && (g_gate == Gate::kArmed || g_gate == Gate::kClosing)) {
-        if (g_gate == Gate::kArmed)
-            g_waitsAtHandOut = rt::lockedEventWaits();
         g_gate = g_gate == Gate::kArmed ? Gate::kHolding : Gate::kIdle;
         g_gateMoved.notify_all();
     }
@@ -166,6 +211,7 @@ void noteReaderStarting()
 {
     std::lock_guard lock(g_readerMutex);
     g_lastRead = Clock::now();
+    g_readerLocks = false;
 }
 
 void holdEvents(bool hold)
@@ -195,6 +241,7 @@ void forgetRescan()
     std::lock_guard lock(g_readerMutex);
     g_rescans = RescanWatch();
     g_lastRead.reset();
+    g_readerLocks = false;
     if (g_gate == Gate::kClosing)
         g_gate = Gate::kIdle;
 }
@@ -203,7 +250,7 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
 {
     std::unique_lock lock(g_readerMutex);
     const Clock::time_point start = Clock::now();
-    if (g_held || !g_lastRead || start - *g_lastRead > rt::scaledMs(kReaderGoneMs)) {
+    if (g_held || !g_lastRead || start - *g_lastRead > gateBound(kReaderGoneMs)) {
         swap();
         return GateOutcome::kNoReader;
     }
@@ -213,10 +260,7 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
     const bool open = g_rescans.open();
     const bool closeAfter = !open || g_gate == Gate::kClosing;
     g_gate = open ? Gate::kHolding : Gate::kArmed;
-    // The reader of an open rescan waits holding its lock already, a tick
-    // at a time: its next wait is counted after this.
-    g_waitsAtHandOut = rt::lockedEventWaits();
-    const Clock::time_point deadline = start + rt::scaledMs(kGateWaitMs);
+    const Clock::time_point deadline = start + gateBound(kGateWaitMs);
     if (!g_gateMoved.wait_until(lock, deadline, [] { return g_gate != Gate::kArmed; })) {
         g_gate = Gate::kIdle;
         swap();
@@ -226,14 +270,17 @@ GateOutcome swapUnderRescan(const std::function<void()> &swap)
                        std::chrono::duration<double>(deadline - start).count());
         return GateOutcome::kNotTaken;
     }
-    // Holding, the reader is handed nothing: the reader lock may be let go
-    // while this waits.
-    const uint64_t waitsBefore = g_waitsAtHandOut;
+    // Holding, the reader is handed nothing, so the open rescan (the gate's
+    // own, or the one open already) stays open: the reader lock may be let
+    // go while this waits for its lock.
+    const uint64_t epoch = g_rescanEpoch;
     lock.unlock();
     bool locked = false;
-    while (!(locked = rt::lockedEventWaits() != waitsBefore) && Clock::now() < deadline)
+    while (!(locked = epoch != 0 && rt::lockedWaitIn(epoch)) && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     lock.lock();
+    if (locked)
+        g_readerLocks = true;
     swap();
     g_gate = closeAfter ? Gate::kClosing : Gate::kIdle;
     if (!locked) {

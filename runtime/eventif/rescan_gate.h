@@ -19,6 +19,10 @@ inline constexpr uint32_t kGateWaitMs = 4000;
 // A reader that has not asked for an event for this long (before scaling)
 // is taken to be absent: no plug-in reads rows then.
 inline constexpr uint32_t kReaderGoneMs = 3000;
+// The bounds above are never scaled below this: they also wait for the
+// plug-in's threads to get the processor and its lock, which a time scale
+// does not speed up (a loaded machine, a sanitizer).
+inline constexpr uint32_t kMachineFloorMs = 1000;
 
 enum class GateOutcome {
     kNoReader,  // no reader asked lately: swapped at once
@@ -34,9 +38,15 @@ enum class GateOutcome {
 // plug-in's rescan wait, support/lock_watch.h), swap() runs, and the next
 // event handed out is a rescan completed event, so that the reader rebuilds
 // from the new model within one read. An open rescan is closed by the 3060
-// that would close it anyway. Past kGateWaitMs (scaled) swap() runs all the
-// same and a warning is logged. The reader's events wait meanwhile, and the
-// rescan time-out does not run out under the swap.
+// that would close it anyway. Past kGateWaitMs (scaled, kMachineFloorMs at
+// least) swap() runs all the same and a warning is logged. The reader's
+// events wait meanwhile, and the rescan time-out does not run out under the
+// swap. Outside a swap too, a queued 3060 is handed out only once the
+// reader locked for its rescan (for as long, and only to a reader that has
+// locked for a rescan since it started): the plug-in takes rescan events as
+// flags, so a 3060 that came before its rescan thread took the 3061 would be
+// taken along with the 3061 before it, or left set to end the next rescan
+// at once.
 GateOutcome swapUnderRescan(const std::function<void()> &swap);
 
 } // namespace kelp::ev
