@@ -25,7 +25,8 @@ void vcsif32_noCmdQ(void);
  * count answers null and changes nothing). Rescans stay well-formed: when a
  * rescan started event (3061) has waited for its rescan completed event
  * (3060) longer than the rescan time-out (kelp/runtime.h), a 3060 of the
- * library's own is handed out; a 3060 that closes no open 3061 is dropped. */
+ * library's own is handed out; a 3060 that closes no open 3061 is dropped,
+ * and so is a 3061 while one is open (it restarts the time-out). */
 char *vcsif32_getEvent(uint32_t count);
 /* Releases an event text. A pointer that is not a text handed out and still
  * held (null, another block, a text already released or reclaimed) is

@@ -130,14 +130,19 @@ std::optional<Next> nextEvent(RescanWatch *watch, Clock::time_point now)
             requeueOldestEvent(std::move(*text));
             return std::nullopt;
         }
-        const bool opens = *id == ctl::kRescanStartedEvent && !watch->open();
         switch (watch->onEvent(*id, now)) {
         case RescanWatch::Verdict::kHandOut:
-            return Next{std::move(*text), true, opens};
+            return Next{std::move(*text), true, *id == ctl::kRescanStartedEvent};
         case RescanWatch::Verdict::kDropLate:
             rt::logWarning("dropped a late rescan completed event (%u): its rescan was "
                            "completed by the runtime after the time-out",
                            ctl::kRescanCompletedEvent);
+            break;
+        case RescanWatch::Verdict::kDropNested:
+            rt::logWarning("dropped a rescan started event (%u) while a rescan is open: the "
+                           "plug-in would take it for a rescan of its own, which no rescan "
+                           "completed event (%u) would end",
+                           ctl::kRescanStartedEvent, ctl::kRescanCompletedEvent);
             break;
         case RescanWatch::Verdict::kDropStray:
             rt::logWarning("dropped a rescan completed event (%u) that follows no rescan "

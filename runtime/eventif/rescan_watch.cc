@@ -8,9 +8,10 @@ namespace kelp::ev {
 RescanWatch::Verdict RescanWatch::onEvent(uint32_t eventId, Clock::time_point now)
 {
     if (eventId == ctl::kRescanStartedEvent) {
+        const bool nested = openSince_.has_value();
         openSince_ = now;
         closedByExpiry_ = false;
-        return Verdict::kHandOut;
+        return nested ? Verdict::kDropNested : Verdict::kHandOut;
     }
     if (eventId != ctl::kRescanCompletedEvent)
         return Verdict::kHandOut;

@@ -102,6 +102,26 @@ TEST_F(AgentLocked, APduOfTwentyStorageNamesFailsWithinOneLockTimeOut)
     releaseTables();
 }
 
+// The plug-in would take a second 3061 for a rescan of its own, started once
+// the 3060 ends the first, and hold its tables for a 3060 that never comes.
+TEST_F(AgentLocked, ASecondRescanStartWhileOneIsOpenIsDroppedNotLeftHoldingTheTables)
+{
+    holdTables();
+    ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
+    // The second 3061 is read (and dropped) before the 3060 comes.
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return agent.process()->err().find("dropped a rescan started event") !=
+                   std::string::npos;
+        },
+        10s))
+        << agent.process()->err();
+    releaseTables();
+    // Still answered a few reads of the plug-in's later.
+    std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(controllerNameUntil(agent, "STRING"));
+}
+
 TEST_F(AgentLocked, EveryGenErrAnswerIsCountedInSnmpOutGenErrs)
 {
     const auto outGenErrs = [&] {
