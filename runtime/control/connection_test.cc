@@ -269,20 +269,24 @@ TEST_F(ConnectionTest, AChangeBeyondTheWaitingOnesIsRefusedAsBusy)
     {
         // The first change waits for this lock, and the others behind it.
         std::lock_guard identities(kelp::ds::identityMutex());
-        for (size_t i = 0; i <= kelp::ctl::CommandWorker::kMaxWaiting + 1; i++) {
+        // The one running is not counted: changes are refused until the
+        // worker has taken the first, which then waits for the lock, and
+        // kMaxWaiting wait behind it.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (queued.size() <= kelp::ctl::CommandWorker::kMaxWaiting &&
+               std::chrono::steady_clock::now() < end) {
             kelp::ctl::Request request;
             std::string error;
-            ASSERT_TRUE(
-                kelp::ctl::prepareLine("set 20 Nexus n" + std::to_string(i), &request, &error))
+            ASSERT_TRUE(kelp::ctl::prepareLine("set 20 Nexus n" + std::to_string(queued.size()),
+                                               &request, &error))
                 << error;
             auto answer = worker.submit(std::move(request));
             if (answer == nullptr)
-                break;
-            queued.push_back(std::move(answer));
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            else
+                queued.push_back(std::move(answer));
         }
-        // One may be running already, and is not counted.
-        EXPECT_GE(queued.size(), kelp::ctl::CommandWorker::kMaxWaiting);
-        EXPECT_LE(queued.size(), kelp::ctl::CommandWorker::kMaxWaiting + 1);
+        ASSERT_EQ(queued.size(), kelp::ctl::CommandWorker::kMaxWaiting + 1);
 
         Connection c = open(&worker);
         send("ready off\n");
