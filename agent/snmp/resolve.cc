@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "kelp/runtime.h"
@@ -191,34 +193,112 @@ Place placeOf(std::span<const uint32_t> name, const ServedTable &table,
     return Place::kInside;
 }
 
+// The last row a scan of column 1 found in each table, kept for a while: a
+// walk through a table whose row 1 went meets the plug-in passing over it at
+// every column's end (and at every cell without a value), and the scan,
+// which reads up to three times the largest model served, would be made
+// again each time. Rows change only when the plug-in rebuilds its tables
+// after the served model changed, so the row is kept until the model
+// changes, a Get or walk answers a row past it and past the rows seen when
+// it was found, or kScanKeptFor passes (a rebuild that comes later than the
+// change).
+constexpr std::chrono::milliseconds kScanKeptFor{1000};
+struct KeptScan {
+    std::mutex mutex;
+    uint32_t lastRow = 0;
+    uint32_t known = 0; // lastRow, or the rows seen before the scan when more
+    unsigned long modelChanges = 0;
+    std::chrono::steady_clock::time_point until; // the epoch: nothing kept
+};
+KeptScan keptScans[std::size(kServedTables)];
+
+std::optional<uint32_t> keptLastRow(size_t index)
+{
+    KeptScan &kept = keptScans[index];
+    std::lock_guard lock(kept.mutex);
+    if (std::chrono::steady_clock::now() >= kept.until ||
+        kept.modelChanges != kelpRuntimeModelChanges() ||
+        rowsSeen[index].load(std::memory_order_relaxed) > kept.known) {
+        return std::nullopt;
+    }
+    return kept.lastRow;
+}
+
+void keepLastRow(size_t index, uint32_t lastRow, uint32_t seenBefore, unsigned long modelChanges)
+{
+    KeptScan &kept = keptScans[index];
+    std::lock_guard lock(kept.mutex);
+    kept.lastRow = lastRow;
+    kept.known = std::max(lastRow, seenBefore);
+    kept.modelChanges = modelChanges;
+    kept.until = std::chrono::steady_clock::now() + kScanKeptFor;
+}
+
+// How far column 1 of `table` is read for its rows: rows run at least to
+// the rows seen; past them and past `lastFound`, a run of holes as long as
+// twice the rows seen ends the table (the comment on kHoleRun).
+bool withinRows(const ServedTable &table, uint32_t r, uint32_t lastFound)
+{
+    const uint32_t seen = std::max<uint32_t>(
+        rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed),
+        static_cast<uint32_t>(std::min(kelpRuntimePeakModelSize(), kModelRowsAtMost)));
+    const uint64_t holeRun = std::max<uint64_t>(kHoleRun, 2 * uint64_t{seen});
+    return r != 0 && (r <= seen || r - std::max(lastFound, seen) <= holeRun);
+}
+
 // The first cell of `table` at or after (column, row) that answers and
 // sorts after `name`, by Get; an Answer with kEndOfSubtree when none does,
 // or the failure of a Get. Column 1 says which rows there are.
 Answer scanTable(const Dispatch &dispatch, const ServedTable &table, uint32_t column, uint32_t row,
                  std::span<const uint64_t> name)
 {
-    const uint32_t seen = std::max<uint32_t>(
-        rowsSeen[static_cast<size_t>(&table - kServedTables)].load(std::memory_order_relaxed),
-        static_cast<uint32_t>(std::min(kelpRuntimePeakModelSize(), kModelRowsAtMost)));
-    const uint64_t holeRun = std::max<uint64_t>(kHoleRun, 2 * uint64_t{seen});
-    uint32_t lastRow = 0;
-    for (uint32_t r = 1; r != 0 && (r <= seen || r - std::max(lastRow, seen) <= holeRun); r++) {
-        Answer cell = getCell(dispatch, table, 1, r);
-        if (failed(cell.outcome)) {
-            return cell;
-        }
-        if (cell.outcome == Outcome::kValue) {
-            lastRow = r;
-            if (column == 1 && r >= row && compareNames(cell.name.span(), name) > 0)
+    const auto index = static_cast<size_t>(&table - kServedTables);
+    std::optional<uint32_t> lastRow = keptLastRow(index);
+    // Counted before any row is read: a change meanwhile makes the last row
+    // found stale at once.
+    const unsigned long changes = kelpRuntimeModelChanges();
+    const uint32_t seenBefore = rowsSeen[index].load(std::memory_order_relaxed);
+    if (column <= 1) {
+        // Column 1 from the cursor's row on, up to the last row kept or as
+        // far as rows may run past the cursor's.
+        const uint32_t from = std::max<uint32_t>(row, 1);
+        for (uint32_t r = from; lastRow ? r <= *lastRow : withinRows(table, r, from - 1); r++) {
+            Answer cell = getCell(dispatch, table, 1, r);
+            if (failed(cell.outcome) ||
+                (cell.outcome == Outcome::kValue && compareNames(cell.name.span(), name) > 0)) {
                 return cell;
+            }
         }
+        // When the cursor's row answers, it is the last row: a scan from
+        // row 1 would have read on from it just as far.
+        if (!lastRow && from > 1) {
+            Answer cursorRow = getCell(dispatch, table, 1, from - 1);
+            if (failed(cursorRow.outcome))
+                return cursorRow;
+            if (cursorRow.outcome == Outcome::kValue) {
+                lastRow = from - 1;
+                keepLastRow(index, *lastRow, seenBefore, changes);
+            }
+        }
+    }
+    if (!lastRow) {
+        // Column 1 from row 1 on, for the last row that answers.
+        lastRow = 0;
+        for (uint32_t r = 1; withinRows(table, r, *lastRow); r++) {
+            Answer cell = getCell(dispatch, table, 1, r);
+            if (failed(cell.outcome))
+                return cell;
+            if (cell.outcome == Outcome::kValue)
+                lastRow = r;
+        }
+        keepLastRow(index, *lastRow, seenBefore, changes);
     }
     if (column <= 1) {
         column = 2;
         row = 1;
     }
     for (; column <= table.columns; column++, row = 1) {
-        for (uint32_t r = row; r <= lastRow; r++) {
+        for (uint32_t r = row; r <= *lastRow; r++) {
             Answer cell = getCell(dispatch, table, column, r);
             if (failed(cell.outcome)) {
                 return cell;
@@ -347,6 +427,14 @@ PassedOver passedOver(const Dispatch &dispatch, std::span<const uint32_t> cursor
 }
 
 } // namespace
+
+void forgetKeptScans()
+{
+    for (KeptScan &kept : keptScans) {
+        std::lock_guard lock(kept.mutex);
+        kept.until = {};
+    }
+}
 
 Answer answerGet(const Dispatch &dispatch, std::span<const uint64_t> name)
 {

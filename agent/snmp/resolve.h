@@ -51,6 +51,11 @@ struct Answer {
 // against a plug-in that answers nonsense.
 inline constexpr int kMaxGetNextSteps = 1 << 18;
 
+// Forgets the last rows that scans of tables whose row 1 went found (they
+// are kept for a second, and while the served model stays): for tests that
+// change a fake plug-in's rows, and for a host that loads the plug-in anew.
+void forgetKeptScans();
+
 // Get of `name` (arcs as the agent holds them, 64 bits wide). Only an
 // instance of the served tree reaches the plug-in; any other name is
 // kNoSuchInstance (a served object) or kNoSuchObject without a dispatch.

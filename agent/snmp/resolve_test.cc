@@ -4,6 +4,8 @@
 // back through SMFreeMem.
 #include "snmp/resolve.h"
 
+#include "kelp/runtime.h"
+
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -43,6 +45,9 @@ struct FakeModule {
     std::vector<Call> calls;
     bool firstRowsAnswer = true;
     int firstRowGets = 0;
+
+    // A new plug-in's rows: the agent forgets the rows scans found.
+    FakeModule() { forgetKeptScans(); }
 
     Dispatch dispatch()
     {
@@ -584,6 +589,76 @@ TEST(AnswerGetNext, ATableWhoseFirstRowWentIsReadByGetWhereThePluginPassesItOver
     const Answer answer = ending.next(below({130, 7, 1, 1, 3}));
     ASSERT_EQ(answer.outcome, Outcome::kValue);
     EXPECT_EQ(answer.name, below({130, 7, 1, 2, 2}));
+}
+
+// A fan table (130.7) whose row 1 went and whose rows 2 to `rows` answer in
+// columns 1 to 3; the plug-in's walk passes over it at every cell.
+struct ManyRowsAfterAHole {
+    FakeModule module;
+    uint32_t rows = 50;
+    int pastLastRow = 0; // Gets of column 1 right past the last row
+
+    ManyRowsAfterAHole()
+    {
+        module.firstRowsAnswer = false;
+        module.step = [this](int call, SMSnmpValue *reply) {
+            const Arcs &asked = module.calls[static_cast<size_t>(call)].request;
+            if (module.calls[static_cast<size_t>(call)].command == SM_CMD_GETNEXT) {
+                setName(reply, below({130, 8, 1, 1, 1}));
+                setText(reply, "next table");
+                return 0u;
+            }
+            const bool fans = asked.size() == kCellLength && asked[10] == 130 && asked[11] == 7;
+            if (fans && asked[13] == 1 && asked[14] == rows + 1)
+                pastLastRow++;
+            const bool present = fans ? asked[13] <= 3 && asked[14] >= 2 && asked[14] <= rows
+                                      : asked[11] == 8 && asked[13] == 1 && asked[14] == 1;
+            return answerCell(present, asked, reply);
+        };
+    }
+
+    // The names a walk from the table's root shows in it.
+    std::vector<Name> walk()
+    {
+        std::vector<Name> names;
+        for (Name at = below({130, 7});;) {
+            const Answer answer = answerGetNext(module.dispatch(), at, false);
+            if (answer.outcome != Outcome::kValue || answer.name.span()[11] != 7)
+                return names;
+            at.assign(answer.name.span().begin(), answer.name.span().end());
+            names.push_back(at);
+        }
+    }
+};
+
+TEST(AnswerGetNext, AWalkThroughATableWhoseFirstRowWentFindsItsRowsOnce)
+{
+    ManyRowsAfterAHole plugin;
+    const std::vector<Name> names = plugin.walk();
+    ASSERT_EQ(names.size(), 3u * 49);
+    EXPECT_EQ(names.front(), below({130, 7, 1, 1, 2}));
+    EXPECT_EQ(names.back(), below({130, 7, 1, 3, 50}));
+    // Column 1 is read past its last row once, at its end, and not again in
+    // columns 2 and 3 (each of their steps read it from row 1 before).
+    EXPECT_EQ(plugin.pastLastRow, 1);
+
+    // Rows appended past the last one found are read again once a Get has
+    // answered one of them.
+    plugin.rows = 60;
+    plugin.pastLastRow = 0;
+    ASSERT_EQ(answerGet(plugin.module.dispatch(), below({130, 7, 1, 1, 60})).outcome,
+              Outcome::kValue);
+    EXPECT_EQ(plugin.walk().size(), 3u * 59);
+    EXPECT_EQ(plugin.pastLastRow, 1);
+
+    // And once the served model has changed: the plug-in may have rebuilt.
+    plugin.rows = 70;
+    EXPECT_EQ(plugin.walk().size(), 3u * 59) << "the last row is kept";
+    char error[256] = "";
+    ASSERT_EQ(kelpRuntimeLoadModel(KELP_SOURCE_DIR "/data/models/sample.xml", error, sizeof error),
+              0)
+        << error;
+    EXPECT_EQ(plugin.walk().size(), 3u * 69);
 }
 
 TEST(AnswerGetNext, RowsAppendedPastARunOfHolesAsLongAsTheRowsSeenAreFound)

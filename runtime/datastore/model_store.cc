@@ -63,6 +63,8 @@ std::string g_servedFile;
 // resetForTesting) held: every row of the plug-in's tables was built from
 // one of them.
 std::atomic<uint64_t> g_peakModelSize{0};
+// Models swapped in (kelpRuntimeModelChanges); never reset.
+std::atomic<uint64_t> g_modelChanges{0};
 // Set once a host loaded or unloaded a model, or KELP_MODEL was tried; from
 // then on the environment is not consulted. Written under g_changeMutex.
 std::atomic<bool> g_settled{false};
@@ -119,6 +121,7 @@ std::shared_ptr<const Model> publish(Served next, Rows rows = Rows::kMayMove,
                 g_peakModelSize.store(size, std::memory_order_relaxed);
         }
         g_servedReady.store(g_served == nullptr ? kNoModel : int{g_served->ready()});
+        g_modelChanges.fetch_add(1, std::memory_order_relaxed);
         if (next.file)
             g_servedFile = std::move(*next.file);
     };
@@ -470,6 +473,11 @@ extern "C" int kelpRuntimeLoadModel(const char *path, char *error, unsigned erro
 extern "C" unsigned long kelpRuntimePeakModelSize(void)
 {
     return static_cast<unsigned long>(kelp::ds::g_peakModelSize.load(std::memory_order_relaxed));
+}
+
+extern "C" unsigned long kelpRuntimeModelChanges(void)
+{
+    return static_cast<unsigned long>(kelp::ds::g_modelChanges.load(std::memory_order_relaxed));
 }
 
 extern "C" int kelpRuntimeServedModelPath(char *path, unsigned size)

@@ -167,6 +167,11 @@ int kelpRuntimeServedModelPath(char *path, unsigned size);
  * back when objects come and go. 0 before the first model. */
 unsigned long kelpRuntimePeakModelSize(void);
 
+/* How many times the served model has changed since the start (a load, a
+ * reload, any change through the control socket or the live source): the
+ * plug-in's tables can change only after it has. */
+unsigned long kelpRuntimeModelChanges(void);
+
 /* The control socket through which kelpctl changes the model and queues
  * events: a Unix socket at `path`, mode 0600, served by a thread of the
  * runtime. Answers 0, or non-zero with a message in error. A runtime loaded
