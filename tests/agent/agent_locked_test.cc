@@ -40,6 +40,14 @@ std::string storage(const std::string &tail)
     return ::testing::AssertionFailure() << "no \"" << text << "\" in: " << get.out << get.err;
 }
 
+// Whether the agent's log says `text` within 10 s.
+::testing::AssertionResult logSays(AgentUnderTest &agent, const std::string &text)
+{
+    if (waitFor([&] { return agent.process()->err().find(text) != std::string::npos; }, 10s))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no \"" << text << "\" in: " << agent.process()->err();
+}
+
 class AgentLocked : public ::testing::Test {
   protected:
     void SetUp() override
@@ -109,13 +117,7 @@ TEST_F(AgentLocked, ASecondRescanStartWhileOneIsOpenIsDroppedNotLeftHoldingTheTa
     holdTables();
     ASSERT_EQ(agent.kelpctl({"event", "3061"}).status, 0);
     // The second 3061 is read (and dropped) before the 3060 comes.
-    EXPECT_TRUE(waitFor(
-        [&] {
-            return agent.process()->err().find("dropped a rescan started event") !=
-                   std::string::npos;
-        },
-        10s))
-        << agent.process()->err();
+    EXPECT_TRUE(logSays(agent, "dropped a rescan started event"));
     releaseTables();
     // Still answered a few reads of the plug-in's later.
     std::this_thread::sleep_for(500ms);
@@ -213,13 +215,7 @@ TEST(AgentRescanTimeOut, ARescanStartWithoutItsEndHoldsTheTablesOnlyForTheTimeOu
         << agent.process()->err();
     // A 3060 arriving late is dropped: the next rescan is not cut short.
     ASSERT_EQ(agent.kelpctl({"event", "3060"}).status, 0);
-    EXPECT_TRUE(waitFor(
-        [&] {
-            return agent.process()->err().find("dropped a late rescan completed event") !=
-                   std::string::npos;
-        },
-        10s))
-        << agent.process()->err();
+    EXPECT_TRUE(logSays(agent, "dropped a late rescan completed event"));
 }
 
 } // namespace
