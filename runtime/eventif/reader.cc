@@ -82,8 +82,8 @@ bool rescanLocked()
 // takes rescan events as signals, not counts, so after a 3060 handed out
 // before its rescan thread took the 3061, that 3061 is taken together with
 // the one before it and the 3060 is left set, ending the next rescan at
-// once. Only for a reader that has
-// locked for a rescan, and no longer than gateBound(kGateWaitMs).
+// once. Only for a reader that has locked for a rescan, and no longer than
+// gateBound(kGateWaitMs).
 // Requires g_readerMutex.
 bool completedWaitsForLock(Clock::time_point now)
 {
