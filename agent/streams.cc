@@ -90,6 +90,10 @@ struct Connection {
 
 struct Streams {
     size_t maxConnections = kMostConnections;
+    // The most kept before accept ran out of descriptors, and when it last
+    // did: maxConnections returns to it once a minute has passed since.
+    size_t startConnections = kMostConnections;
+    Clock::time_point outOfDescriptors{};
     std::vector<Listener> listeners;
     std::map<int, Connection> connections; // by socket
     LogRateLimit closedLog = sourceLogLimit();
@@ -189,9 +193,36 @@ void closeIdlest(const char *why)
     }
 }
 
+// The time after which the most connections kept, lowered when accept
+// found no descriptor, returns to where it started, on the runtime's clock.
+// The descriptors may have run out for a while only (a burst of model
+// files, trap sinks or control connections); if they are short still, the
+// next accept finds none and lowers it again.
+Clock::duration keptLoweredFor()
+{
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(60.0) /
+                                                       kelpRuntimeTimeScale());
+}
+
+// Returns the most connections kept to where it started, when it was
+// lowered and accept has found a descriptor for every connection offered
+// for keptLoweredFor().
+void restoreMostConnections()
+{
+    if (g_streams->maxConnections >= g_streams->startConnections ||
+        Clock::now() - g_streams->outOfDescriptors < keptLoweredFor()) {
+        return;
+    }
+    g_streams->maxConnections = g_streams->startConnections;
+    logAt(LogLevel::kNotice,
+          "at most %zu connections are kept again: accept has found descriptors for a minute",
+          g_streams->maxConnections);
+}
+
 // Makes room for one more connection.
 void makeRoom()
 {
+    restoreMostConnections();
     if (openConnections() < g_streams->maxConnections) {
         return;
     }
@@ -229,19 +260,22 @@ int acceptBounded(netsnmp_transport *transport)
             const size_t open = openConnections();
             if (noDescriptor && open > 0) {
                 // The descriptors ran out before the connections reached
-                // their most: from now on the most is fewer, with a few
+                // their most: for a while the most is fewer, with a few
                 // descriptors to spare (libwrap reads its tables with
                 // one), and the connections idle longest make room, so
                 // that connections held open cannot keep new managers out.
                 g_streams->maxConnections =
                     open > kSpareDescriptors + 1 ? open - kSpareDescriptors : 1;
             }
+            if (noDescriptor) {
+                g_streams->outOfDescriptors = Clock::now();
+            }
             if (g_streams->failedAcceptLog.allow(Clock::now())) {
                 if (noDescriptor && open > 0) {
                     logAt(LogLevel::kWarning,
                           "cannot accept a %s connection: %s: at most %zu connections are kept "
-                          "from now on, the ones idle longest closed to make room (logged once a "
-                          "minute)",
+                          "until accept has found descriptors for a minute, the ones idle "
+                          "longest closed to make room (logged once a minute)",
                           listener->kind, std::strerror(error), g_streams->maxConnections);
                 } else {
                     logAt(LogLevel::kWarning,
@@ -453,6 +487,7 @@ size_t boundStreams(SessionMark mark, size_t maxConnections)
     }
     auto streams = std::make_unique<Streams>();
     streams->maxConnections = std::max<size_t>(1, maxConnections);
+    streams->startConnections = streams->maxConnections;
     // net-snmp adds a session at the head of its list.
     for (session_list *slp = Sessions; slp != nullptr && slp != mark.newest; slp = slp->next) {
         netsnmp_transport *transport = slp->transport;

@@ -21,8 +21,9 @@
 //   listening socket for a second (KELP_TIME_SCALE runs it fast), or until
 //   a connection closes; the connections offered meanwhile wait in the
 //   listen queue, which holds SOMAXCONN. Out of descriptors, the agent also
-//   keeps 4 fewer connections than were open from then on, and closes the
-//   ones idle longest to get there.
+//   keeps 4 fewer connections than were open, and closes the ones idle
+//   longest to get there, until accept has found descriptors for a minute
+//   (KELP_TIME_SCALE runs it fast).
 // Each such event is logged at most once a minute per source.
 #ifndef KELP_AGENT_STREAMS_H
 #define KELP_AGENT_STREAMS_H

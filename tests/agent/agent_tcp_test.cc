@@ -34,14 +34,15 @@ struct TcpAgent {
     AgentUnderTest agent;
     int tcpPort = freeTcpPort();
 
-    bool start(std::string *why, const std::vector<std::string> &extra = {})
+    bool start(std::string *why, const std::vector<std::string> &extra = {},
+               const std::vector<std::string> &env = {})
     {
         const int tcp = tcpPort;
         agent.listen = [tcp](int port) {
             return "udp:127.0.0.1:" + std::to_string(port) +
                    ",tcp:127.0.0.1:" + std::to_string(tcp);
         };
-        return agent.start(sourcePath("data/models/sample.xml"), extra, why);
+        return agent.start(sourcePath("data/models/sample.xml"), extra, why, env);
     }
     std::string tcp() const { return "tcp:127.0.0.1:" + std::to_string(tcpPort); }
     std::string log() { return agent.process()->err(); }
@@ -205,6 +206,69 @@ TEST(AgentTcp, ConnectionsHeldToTheDescriptorLimitLeaveTheAgentWaitingAndNewMana
               std::string::npos)
         << agent.log();
     for (const int fd : held) {
+        close(fd);
+    }
+    EXPECT_EQ(agent.agent.stop(), 0);
+}
+
+TEST(AgentTcp, TheMostConnectionsKeptReturnsAMinuteAfterTheDescriptorsRanOut)
+{
+    TcpAgent agent;
+    std::string why;
+    // The agent's minute is a second here.
+    ASSERT_TRUE(agent.start(&why, {}, {"KELP_TIME_SCALE=60"})) << why;
+    const pid_t pid = agent.agent.process()->pid();
+    rlimit saved{};
+    ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &saved), 0);
+    const rlimit small{openDescriptors(pid) + 8, saved.rlim_max};
+    ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &small, nullptr), 0);
+    std::vector<int> held;
+    for (int i = 0; i < 20; i++) {
+        const int fd = connectTo(agent.tcpPort);
+        ASSERT_GE(fd, 0);
+        held.push_back(fd);
+    }
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return agent.log().find("cannot accept a TCP connection: Too many open files: at "
+                                    "most") != std::string::npos;
+        },
+        10s))
+        << agent.log();
+    // The descriptors come back, and the agent's minute passes.
+    ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &saved, nullptr), 0);
+    for (const int fd : held) {
+        close(fd);
+    }
+    std::this_thread::sleep_for(1500ms);
+    const size_t logged = agent.log().size();
+    // More connections than the lowered most are all kept and answered.
+    std::vector<int> fresh;
+    for (int i = 0; i < 16; i++) {
+        const int fd = connectTo(agent.tcpPort);
+        ASSERT_GE(fd, 0);
+        fresh.push_back(fd);
+    }
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return agent.log().find("at most 256 connections are kept again: accept has found "
+                                    "descriptors for a minute") != std::string::npos;
+        },
+        10s))
+        << agent.log();
+    for (int i = 0; i < 16; i++) {
+        const Bytes get = v2cRequest(0xA0, 100 + i, "public", kUptime);
+        ASSERT_EQ(send(fresh[size_t(i)], get.data(), get.size(), MSG_NOSIGNAL), ssize_t(get.size()))
+            << i;
+        uint8_t answer[4096];
+        pollfd ready{fresh[size_t(i)], POLLIN, 0};
+        ASSERT_EQ(poll(&ready, 1, 10000), 1) << i;
+        const ssize_t got = recv(fresh[size_t(i)], answer, sizeof answer, 0);
+        ASSERT_GT(got, 0) << i << agent.log();
+        EXPECT_EQ(responseId(answer, size_t(got)), std::optional<int32_t>(100 + i));
+    }
+    EXPECT_EQ(agent.log().find("idle longest (logged", logged), std::string::npos) << agent.log();
+    for (const int fd : fresh) {
         close(fd);
     }
     EXPECT_EQ(agent.agent.stop(), 0);
