@@ -46,6 +46,14 @@ struct TcpAgent {
     }
     std::string tcp() const { return "tcp:127.0.0.1:" + std::to_string(tcpPort); }
     std::string log() { return agent.process()->err(); }
+    // Whether the agent's log holds `text` within `limit`.
+    bool logSays(const std::string &text, std::chrono::seconds limit)
+    {
+        return waitFor([&] { return log().find(text) != std::string::npos; }, limit);
+    }
+    // `count` connections to the agent's TCP port, in *fds; false when one
+    // could not be made.
+    bool connectMany(int count, std::vector<int> *fds) const;
 };
 
 // A TCP connection to 127.0.0.1:port, or -1.
@@ -67,6 +75,38 @@ int connectTo(int port, int receiveBuffer = 0)
         return -1;
     }
     return fd;
+}
+
+bool TcpAgent::connectMany(int count, std::vector<int> *fds) const
+{
+    for (int i = 0; i < count; i++) {
+        const int fd = connectTo(tcpPort);
+        if (fd < 0) {
+            return false;
+        }
+        fds->push_back(fd);
+    }
+    return true;
+}
+
+// The request id of the answer to a Get of sysUpTime.0 with request id
+// `id` sent on the connection `fd`, within 10 s; nullopt when none came.
+std::optional<int32_t> uptimeAnswerId(int fd, int32_t id)
+{
+    const Bytes get = v2cRequest(0xA0, id, "public", kUptime);
+    if (send(fd, get.data(), get.size(), MSG_NOSIGNAL) != ssize_t(get.size())) {
+        return std::nullopt;
+    }
+    uint8_t answer[4096];
+    pollfd ready{fd, POLLIN, 0};
+    if (poll(&ready, 1, 10000) != 1) {
+        return std::nullopt;
+    }
+    const ssize_t got = recv(fd, answer, sizeof answer, 0);
+    if (got <= 0) {
+        return std::nullopt;
+    }
+    return responseId(answer, size_t(got));
 }
 
 // True when the agent ended the connection on `fd` (end of stream or a
@@ -177,17 +217,8 @@ TEST(AgentTcp, ConnectionsHeldToTheDescriptorLimitLeaveTheAgentWaitingAndNewMana
     const rlimit limit{openDescriptors(pid) + 8, openDescriptors(pid) + 8};
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &limit, nullptr), 0);
     std::vector<int> held;
-    for (int i = 0; i < 20; i++) {
-        const int fd = connectTo(agent.tcpPort);
-        ASSERT_GE(fd, 0);
-        held.push_back(fd);
-    }
-    EXPECT_TRUE(waitFor(
-        [&] {
-            return agent.log().find("cannot accept a TCP connection: Too many open files") !=
-                   std::string::npos;
-        },
-        10s))
+    ASSERT_TRUE(agent.connectMany(20, &held));
+    EXPECT_TRUE(agent.logSays("cannot accept a TCP connection: Too many open files", 10s))
         << agent.log();
     // accept failing again and again, with the listening socket still
     // readable, would keep a processor busy: the agent waits instead.
@@ -223,17 +254,8 @@ TEST(AgentTcp, TheMostConnectionsKeptReturnsAMinuteAfterTheDescriptorsRanOut)
     const rlimit small{openDescriptors(pid) + 8, saved.rlim_max};
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &small, nullptr), 0);
     std::vector<int> held;
-    for (int i = 0; i < 20; i++) {
-        const int fd = connectTo(agent.tcpPort);
-        ASSERT_GE(fd, 0);
-        held.push_back(fd);
-    }
-    ASSERT_TRUE(waitFor(
-        [&] {
-            return agent.log().find("cannot accept a TCP connection: Too many open files: at "
-                                    "most") != std::string::npos;
-        },
-        10s))
+    ASSERT_TRUE(agent.connectMany(20, &held));
+    ASSERT_TRUE(agent.logSays("cannot accept a TCP connection: Too many open files: at most", 10s))
         << agent.log();
     // The descriptors come back, and the agent's minute passes.
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &saved, nullptr), 0);
@@ -244,28 +266,13 @@ TEST(AgentTcp, TheMostConnectionsKeptReturnsAMinuteAfterTheDescriptorsRanOut)
     const size_t logged = agent.log().size();
     // More connections than the lowered most are all kept and answered.
     std::vector<int> fresh;
-    for (int i = 0; i < 16; i++) {
-        const int fd = connectTo(agent.tcpPort);
-        ASSERT_GE(fd, 0);
-        fresh.push_back(fd);
-    }
-    EXPECT_TRUE(waitFor(
-        [&] {
-            return agent.log().find("at most 256 connections are kept again: accept has found "
-                                    "descriptors for a minute") != std::string::npos;
-        },
-        10s))
+    ASSERT_TRUE(agent.connectMany(16, &fresh));
+    EXPECT_TRUE(agent.logSays(
+        "at most 256 connections are kept again: accept has found descriptors for a minute", 10s))
         << agent.log();
     for (int i = 0; i < 16; i++) {
-        const Bytes get = v2cRequest(0xA0, 100 + i, "public", kUptime);
-        ASSERT_EQ(send(fresh[size_t(i)], get.data(), get.size(), MSG_NOSIGNAL), ssize_t(get.size()))
-            << i;
-        uint8_t answer[4096];
-        pollfd ready{fresh[size_t(i)], POLLIN, 0};
-        ASSERT_EQ(poll(&ready, 1, 10000), 1) << i;
-        const ssize_t got = recv(fresh[size_t(i)], answer, sizeof answer, 0);
-        ASSERT_GT(got, 0) << i << agent.log();
-        EXPECT_EQ(responseId(answer, size_t(got)), std::optional<int32_t>(100 + i));
+        EXPECT_EQ(uptimeAnswerId(fresh[size_t(i)], 100 + i), std::optional<int32_t>(100 + i))
+            << i << agent.log();
     }
     EXPECT_EQ(agent.log().find("idle longest (logged", logged), std::string::npos) << agent.log();
     for (const int fd : fresh) {
@@ -289,20 +296,11 @@ TEST(AgentTcp, BeyondTheMostConnectionsKeptTheOneIdleLongestIsClosed)
     const pid_t pid = agent.agent.process()->pid();
     const size_t before = openDescriptors(pid);
     std::vector<int> held;
-    for (int i = 0; i < 64; i++) {
-        const int fd = connectTo(agent.tcpPort);
-        ASSERT_GE(fd, 0);
-        held.push_back(fd);
-    }
+    ASSERT_TRUE(agent.connectMany(64, &held));
     // All 64 accepted.
     ASSERT_TRUE(waitFor([&] { return openDescriptors(pid) >= before + 64; }, 10s))
         << openDescriptors(pid) - before;
-    const Bytes get = v2cRequest(0xA0, 7, "public", kUptime);
-    ASSERT_EQ(send(held[0], get.data(), get.size(), MSG_NOSIGNAL), ssize_t(get.size()));
-    uint8_t answer[4096];
-    pollfd ready{held[0], POLLIN, 0};
-    ASSERT_EQ(poll(&ready, 1, 10000), 1);
-    ASSERT_GT(recv(held[0], answer, sizeof answer, 0), 0);
+    ASSERT_EQ(uptimeAnswerId(held[0], 7), std::optional<int32_t>(7));
     EXPECT_EQ(agent.log().find("closing the TCP connection"), std::string::npos) << agent.log();
     // The 65th: the second connection makes room.
     const RunResult tcp =
@@ -315,12 +313,7 @@ TEST(AgentTcp, BeyondTheMostConnectionsKeptTheOneIdleLongestIsClosed)
         std::string::npos)
         << agent.log();
     // The first goes on.
-    const Bytes again = v2cRequest(0xA0, 8, "public", kUptime);
-    ASSERT_EQ(send(held[0], again.data(), again.size(), MSG_NOSIGNAL), ssize_t(again.size()));
-    ASSERT_EQ(poll(&ready, 1, 10000), 1);
-    const ssize_t got = recv(held[0], answer, sizeof answer, 0);
-    ASSERT_GT(got, 0);
-    EXPECT_EQ(responseId(answer, size_t(got)), std::optional<int32_t>(8));
+    EXPECT_EQ(uptimeAnswerId(held[0], 8), std::optional<int32_t>(8));
     for (const int fd : held) {
         close(fd);
     }
