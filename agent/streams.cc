@@ -47,11 +47,19 @@ constexpr unsigned long kOtherDescriptors = 192;
 // then falls to this many fewer than were open.
 constexpr size_t kSpareDescriptors = 4;
 
-// A pause of the listening socket after accept failed for want of
-// descriptors or memory, on the runtime's clock.
-Clock::duration pauseAfterFailedAccept()
+// The pause of the listening socket after accept failed for want of
+// descriptors or memory.
+constexpr double kAcceptPauseSeconds = 1.0;
+// How long the most connections kept stays lowered after accept last found
+// no descriptor. The descriptors may have run out for a while only (a
+// burst of model files, trap sinks or control connections); if they are
+// short still, the next accept finds none and lowers it again.
+constexpr double kLoweredSeconds = 60.0;
+
+// `seconds` on the runtime's clock (KELP_TIME_SCALE runs it fast).
+Clock::duration runtimeSeconds(double seconds)
 {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0) /
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds) /
                                                        kelpRuntimeTimeScale());
 }
 
@@ -97,8 +105,7 @@ struct Streams {
     std::vector<Listener> listeners;
     std::map<int, Connection> connections; // by socket
     LogRateLimit closedLog = sourceLogLimit();
-    LogInterval failedAcceptLog{std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(60.0) / kelpRuntimeTimeScale())};
+    LogInterval failedAcceptLog{runtimeSeconds(60.0)};
 };
 
 // Made by boundStreams and never freed: net-snmp closes the connections at
@@ -193,24 +200,13 @@ void closeIdlest(const char *why)
     }
 }
 
-// The time after which the most connections kept, lowered when accept
-// found no descriptor, returns to where it started, on the runtime's clock.
-// The descriptors may have run out for a while only (a burst of model
-// files, trap sinks or control connections); if they are short still, the
-// next accept finds none and lowers it again.
-Clock::duration keptLoweredFor()
-{
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(60.0) /
-                                                       kelpRuntimeTimeScale());
-}
-
 // Returns the most connections kept to where it started, when it was
 // lowered and accept has found a descriptor for every connection offered
-// for keptLoweredFor().
+// for kLoweredSeconds.
 void restoreMostConnections()
 {
     if (g_streams->maxConnections >= g_streams->startConnections ||
-        Clock::now() - g_streams->outOfDescriptors < keptLoweredFor()) {
+        Clock::now() - g_streams->outOfDescriptors < runtimeSeconds(kLoweredSeconds)) {
         return;
     }
     g_streams->maxConnections = g_streams->startConnections;
@@ -255,7 +251,7 @@ int acceptBounded(netsnmp_transport *transport)
             // readable: without a pause the loop would try again at once,
             // without end.
             listener->paused = true;
-            listener->pausedUntil = Clock::now() + pauseAfterFailedAccept();
+            listener->pausedUntil = Clock::now() + runtimeSeconds(kAcceptPauseSeconds);
             const bool noDescriptor = error == EMFILE || error == ENFILE;
             const size_t open = openConnections();
             if (noDescriptor && open > 0) {

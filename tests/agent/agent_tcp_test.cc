@@ -189,9 +189,7 @@ TEST(AgentTcp, AManagerThatNeverReadsItsAnswersIsClosedWhileOthersAreAnswered)
         sent += size_t(n);
     }
     // Managers on UDP and on another TCP connection are answered.
-    EXPECT_TRUE(waitFor(
-        [&] { return agent.log().find("closing the TCP connection") != std::string::npos; }, 20s))
-        << agent.log();
+    EXPECT_TRUE(agent.logSays("closing the TCP connection", 20s)) << agent.log();
     const RunResult udp = agent.agent.snmp("snmpget", {kUptime});
     EXPECT_EQ(udp.status, 0) << udp.err;
     const RunResult tcp =
